@@ -1,0 +1,155 @@
+#include "agent/json_escape.h"
+
+#include <emmintrin.h>
+#include <string.h>
+
+struct escape {
+	char text[7];
+	unsigned char length; /* 0: the byte stands for itself */
+};
+
+struct escape_table {
+	escape entry[256];
+};
+
+static constexpr escape_table make_escapes() {
+	const char digits[] = "0123456789abcdef";
+	escape_table table = {};
+	for (unsigned i = 0; i < 0x20; i++) {
+		table.entry[i] = {{'\\', 'u', '0', '0', digits[i >> 4], digits[i & 15], 0}, 6};
+	}
+	table.entry[(unsigned char)'\b'] = {{'\\', 'b'}, 2};
+	table.entry[(unsigned char)'\t'] = {{'\\', 't'}, 2};
+	table.entry[(unsigned char)'\n'] = {{'\\', 'n'}, 2};
+	table.entry[(unsigned char)'\f'] = {{'\\', 'f'}, 2};
+	table.entry[(unsigned char)'\r'] = {{'\\', 'r'}, 2};
+	table.entry[(unsigned char)'"'] = {{'\\', '"'}, 2};
+	table.entry[(unsigned char)'/'] = {{'\\', '/'}, 2};
+	table.entry[(unsigned char)'\\'] = {{'\\', '\\'}, 2};
+	return table;
+}
+
+static constexpr escape_table ESCAPES = make_escapes();
+
+/* A bit per byte of the block that has to be escaped. */
+static inline unsigned escape_mask(__m128i block) {
+	/* The minimum leaves a byte as it is exactly when it is below 0x20, unsigned. */
+	__m128i control = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8(0x1f)), block);
+	__m128i marks = _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('"')),
+								 _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('/')),
+											  _mm_cmpeq_epi8(block, _mm_set1_epi8('\\'))));
+	return (unsigned)_mm_movemask_epi8(_mm_or_si128(control, marks));
+}
+
+static inline uint64_t load_u64(const char *text) {
+	uint64_t value;
+	memcpy(&value, text, 8);
+	return value;
+}
+
+static inline uint64_t load_u32(const char *text) {
+	uint32_t value;
+	memcpy(&value, text, 4);
+	return value;
+}
+
+/* The `len` bytes (1 to 15) at `text`, and zeros; reads no byte behind them. */
+static inline __m128i load_partial(const char *text, size_t len) {
+	uint64_t low;
+	uint64_t high = 0;
+	if (len >= 8) {
+		low = load_u64(text);
+		if (len > 8) {
+			high = load_u64(text + len - 8) >> (8 * (16 - len));
+		}
+	} else if (len >= 4) {
+		low = load_u32(text) | load_u32(text + len - 4) << (8 * (len - 4));
+	} else {
+		low = (uint64_t)(unsigned char)text[0] |
+			  (uint64_t)(unsigned char)text[len / 2] << (8 * (len / 2)) |
+			  (uint64_t)(unsigned char)text[len - 1] << (8 * (len - 1));
+	}
+	return _mm_set_epi64x((long long)high, (long long)low);
+}
+
+size_t kaq_json_escape(char *out, const char *text, size_t len) {
+	const char *start = out;
+	while (len > 0) {
+		__m128i block;
+		unsigned mask;
+		size_t run;
+		if (len >= 16) {
+			block = _mm_loadu_si128((const __m128i *)text);
+			mask = escape_mask(block);
+			run = 16;
+		} else {
+			block = load_partial(text, len);
+			mask = escape_mask(block) & ((1u << len) - 1);
+			run = len;
+		}
+		if (mask != 0) {
+			run = (size_t)__builtin_ctz(mask);
+		}
+		_mm_storeu_si128((__m128i *)out, block);
+		text += run;
+		out += run;
+		len -= run;
+		if (mask == 0) {
+			continue;
+		}
+		/* The next byte is to be escaped, and often the one behind it too. */
+		do {
+			const escape *found = &ESCAPES.entry[(unsigned char)*text];
+			if (found->length == 0) {
+				break;
+			}
+			memcpy(out, found, sizeof *found);
+			out += found->length;
+			text++;
+			len--;
+		} while (len > 0);
+	}
+	return (size_t)(out - start);
+}
+
+struct digit_pairs {
+	char pair[100][2];
+};
+
+static constexpr digit_pairs make_digit_pairs() {
+	digit_pairs table = {};
+	for (int i = 0; i < 100; i++) {
+		table.pair[i][0] = (char)('0' + i / 10);
+		table.pair[i][1] = (char)('0' + i % 10);
+	}
+	return table;
+}
+
+static constexpr digit_pairs DIGIT_PAIRS = make_digit_pairs();
+
+size_t kaq_format_u64(char *out, uint64_t value) {
+	char digits[KAQ_FORMAT_U64_MAX];
+	char *first = digits + sizeof digits;
+	while (value >= 100) {
+		first -= 2;
+		memcpy(first, DIGIT_PAIRS.pair[value % 100], 2);
+		value /= 100;
+	}
+	if (value >= 10) {
+		first -= 2;
+		memcpy(first, DIGIT_PAIRS.pair[value], 2);
+	} else {
+		*--first = (char)('0' + value);
+	}
+	size_t length = (size_t)(digits + sizeof digits - first);
+	memcpy(out, first, length);
+	return length;
+}
+
+size_t kaq_format_i64(char *out, int64_t value) {
+	if (value >= 0) {
+		return kaq_format_u64(out, (uint64_t)value);
+	}
+	*out = '-';
+	return 1 + kaq_format_u64(out + 1, 0 - (uint64_t)value);
+}

@@ -1,0 +1,36 @@
+/*
+ * The inner loops of all JSON that goes to the local agent: string content and decimal numbers,
+ * written into room that the caller has made sure of. No allocation, no state; any thread.
+ */
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+/* Room that kaq_json_escape needs for `len` bytes; whole 16-byte blocks are stored at a time. */
+#define KAQ_JSON_ESCAPE_MAX(len) (6 * (size_t)(len) + 16)
+
+/*
+ * Writes the escaped form of the `len` bytes at `text`, without quotes and without a NUL, and
+ * returns the number of bytes written, at most 6 * len. Bytes behind them, up to the room
+ * asked for, are overwritten with anything.
+ *
+ * Control characters, the double quote, the backslash and the solidus are escaped (\b \t \n \f \r,
+ * \u00xx in lowercase for the other ones). All other bytes, 0x7F and above 0x7F too, are copied as
+ * they are: what is no valid UTF-8 stays so.
+ *
+ * REQUIRES: `out` has KAQ_JSON_ESCAPE_MAX(len) bytes and does not overlap `text`; `text` is readable
+ * for len bytes (it may be null when len is 0) and is free of NUL bytes. A NUL byte is written
+ * as \u0000.
+ */
+size_t kaq_json_escape(char *out, const char *text, size_t len);
+
+/* Most bytes that the two functions below write. */
+#define KAQ_FORMAT_U64_MAX 20
+#define KAQ_FORMAT_I64_MAX 20
+
+/* Writes the decimal digits of `value`, no sign, no NUL, and returns their number (1 to 20). */
+size_t kaq_format_u64(char *out, uint64_t value);
+
+/* The same with a leading minus sign for negative values. */
+size_t kaq_format_i64(char *out, int64_t value);

@@ -1,0 +1,21 @@
+/*
+ * The transaction payload: one JSON document per monitored request. docs/wire-format.md lists
+ * every member with its order, its condition and its unit.
+ */
+#pragma once
+
+#include "spans/kaq_util.h"
+
+/* Builds the payload of the current request and sends it as one Base64 line. Without a request
+ * URI a notice goes out instead; without spans nothing does.
+ * REQUIRES: every span is closed, end_time and the CPU time are set. */
+void kaq_request_data_dump_ex(void);
+
+/* Appends the whole document. `nodes` holds node_buffer_len spans by key; a null entry is left
+ * out. */
+void kaq_form_payload(smart_str *out, kaq_node **nodes);
+
+/* Appends the members of one span object, without the braces. */
+void kaq_form_method_info(const kaq_node *node, smart_str *out);
+/* The same for the root span, with the caller's span id when there is one. */
+void kaq_form_root_method_info(const kaq_node *node, smart_str *out);

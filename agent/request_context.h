@@ -1,0 +1,15 @@
+/*
+ * What is asked for in this request: URI, host, script, method, query, web or background. All of
+ * it goes into fixed buffers of the thread's record; a longer value is cut to the buffer's
+ * capacity less one.
+ */
+#pragma once
+
+/* Fills request_uri, http_host_name, php_self, request_method, query_string and transaction_type.
+ * An empty request_uri afterwards means that the request is not to be monitored.
+ * REQUIRES: the five buffers are zeroed and the engine has built its server variables. */
+void kaq_request_uri(void);
+
+/* The script's arguments as JSON text, a new heap string ("[]" when there are none of any
+ * length); null when the server variables hold no argument list. */
+char *kaq_get_cli_args(void);

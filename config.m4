@@ -1,0 +1,56 @@
+dnl The extension is built as usual: phpize && ./configure && make && make test
+
+dnl PHP 7.0's configure tries "cc -c -o" and then removes everything named "core", our directory
+dnl too. An answer that stands already keeps it from trying. This has to run before the body of
+dnl configure, hence the diversion.
+m4_divert_text([INIT_PREPARE], [
+for kaq_cc in cc gcc clang "$CC"; do
+  kaq_cc=`echo "$kaq_cc" | sed 's/ .*//;s/@<:@^a-zA-Z0-9_@:>@/_/g;s/^@<:@0-9@:>@/_/'`
+  test -z "$kaq_cc" || eval "ac_cv_prog_cc_${kaq_cc}_c_o=yes"
+done
+])
+
+PHP_ARG_ENABLE([kaq],
+  [whether to enable the kaq application performance agent],
+  [AS_HELP_STRING([--enable-kaq], [Enable the kaq application performance agent])],
+  [yes])
+
+PHP_ARG_ENABLE([kaq-werror],
+  [whether warnings in kaq are errors],
+  [AS_HELP_STRING([--enable-kaq-werror], [Treat warnings in kaq as errors])],
+  [no], [no])
+
+if test "$PHP_KAQ" != "no"; then
+  PHP_REQUIRE_CXX()
+
+  dnl The engine's headers come in as system headers: their warnings are not ours.
+  kaq_system_includes=`$PHP_CONFIG --includes | sed 's/-I/-isystem /g'`
+  kaq_flags="-std=gnu++17 -O2 -Wall -Wextra -fvisibility=hidden -fno-exceptions -fno-rtti"
+  kaq_flags="$kaq_flags -DZEND_ENABLE_STATIC_TSRMLS_CACHE=1 -I@ext_srcdir@ $kaq_system_includes"
+  if test "$PHP_KAQ_WERROR" != "no"; then
+    kaq_flags="$kaq_flags -Werror"
+  fi
+
+  kaq_sources="core/kaq.cpp core/module.cpp core/request.cpp core/globals.cpp core/settings.cpp \
+    core/accessors.cpp \
+    spans/kaq_nodes.cpp spans/kaq_setters.cpp spans/kaq_prune.cpp spans/kaq_execute.cpp \
+    spans/kaq_cpu.cpp spans/node_pool.cpp \
+    agent/client.cpp agent/sender.cpp agent/receiver.cpp agent/transport.cpp \
+    agent/port_filter.cpp agent/handshake.cpp agent/payload.cpp agent/payload_spans.cpp \
+    agent/json_escape.cpp agent/kaq_json.cpp agent/kaq_base64.cpp agent/request_context.cpp \
+    agent/host_facts.cpp \
+    instrumentation/kaq_instrumentation.cpp \
+    tracing/kaq_random.cpp tracing/header_line.cpp tracing/kaq_headers.cpp \
+    tracing/trace_context.cpp \
+    diagnostics/stacktrace.cpp diagnostics/crash_handler.cpp diagnostics/kaq_rum.cpp \
+    util/engine_compat.cpp util/kaq_util_functions.cpp util/kaq_strings.cpp util/kaq_clock.cpp"
+
+  PHP_NEW_EXTENSION(kaq, $kaq_sources, $ext_shared,, $kaq_flags, cxx)
+  PHP_ADD_BUILD_DIR([$ext_builddir/core])
+  PHP_ADD_BUILD_DIR([$ext_builddir/spans])
+  PHP_ADD_BUILD_DIR([$ext_builddir/agent])
+  PHP_ADD_BUILD_DIR([$ext_builddir/instrumentation])
+  PHP_ADD_BUILD_DIR([$ext_builddir/tracing])
+  PHP_ADD_BUILD_DIR([$ext_builddir/diagnostics])
+  PHP_ADD_BUILD_DIR([$ext_builddir/util])
+fi

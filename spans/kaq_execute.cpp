@@ -1,0 +1,69 @@
+#include "spans/kaq_execute.h"
+
+#include "core/php_kaq.h"
+
+#include <string.h>
+
+void (*old_execute_ex)(zend_execute_data *execute_data);
+
+kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
+	if (!execute_data || !execute_data->func) {
+		return NULL;
+	}
+	const zend_function *function = execute_data->func;
+	const zend_string *name = function->common.function_name;
+	if (!name) {
+		return NULL;
+	}
+	const zend_class_entry *scope = function->common.scope;
+	kaq_node *node = kaq_create_new_node();
+	if (!node) {
+		return NULL;
+	}
+	kaq_copy_function_info(&node->data.function_info, scope ? ZSTR_VAL(scope->name) : NULL,
+						   ZSTR_VAL(name), KAQ_PHP_COMPONENT, INTERNAL);
+	return node;
+}
+
+/* The span limit counts spans in the buffer, not open ones, and holds in unmonitored requests
+ * too. */
+static __attribute__((noinline)) kaq_node *kaq_enter_call(const zend_execute_data *execute_data) {
+	const zend_kaq_globals *g = kaq_get_globals();
+	if (g->stored_node_count >= g->span_limit) {
+		return NULL;
+	}
+	kaq_node *node = kaq_populate_function(execute_data);
+	if (node) {
+		kaq_open_node(node);
+	}
+	return node;
+}
+
+static __attribute__((noinline)) void kaq_leave_call(kaq_node *node) {
+	if (node->data.state == KAQ_NODE_OPEN) {
+		kaq_close_node(node);
+	}
+}
+
+void kaq_execute_ex(zend_execute_data *execute_data) {
+	kaq_node *node = kaq_enter_call(execute_data);
+	old_execute_ex(execute_data);
+	if (node) {
+		kaq_leave_call(node);
+	}
+}
+
+void kaq_create_main_method(void) {
+	kaq_node *node = kaq_create_new_node();
+	if (!node) {
+		return;
+	}
+	kaq_copy_function_info(&node->data.function_info, NULL, "main", KAQ_PHP_COMPONENT, INTERNAL);
+	kaq_set_function_priority(&node->data.function_info, PRIORITY_1);
+	kaq_open_node(node);
+}
+
+int kaq_is_profiling_function(const kaq_node *node) {
+	const char *name = node ? node->data.function_info.function_name : NULL;
+	return name && (strstr(name, "kaq_start") || strstr(name, "kaq_end"));
+}

@@ -1,0 +1,31 @@
+/*
+ * Capture of user code: the engine's execute hook, the root span, and the request's CPU time.
+ *
+ * The hook puts every PHP call on the C stack once more, so its frame is kept to one saved
+ * register: what happens before and after the chained call stands in functions of its own.
+ */
+#pragma once
+
+#include "spans/kaq_util.h"
+
+/* The hook found at module start; null when ours is not installed. */
+extern void (*old_execute_ex)(zend_execute_data *execute_data);
+
+/* Opens a span for a named user function or method, chains, and closes the span. A bailout leaves
+ * the span open; request end closes it. REQUIRES: old_execute_ex is set. */
+void kaq_execute_ex(zend_execute_data *execute_data);
+
+/* A new span that names the frame's function, or null for a frame without a named function: the
+ * main script, an included file, eval'd code. */
+kaq_node *kaq_populate_function(const zend_execute_data *execute_data);
+
+/* Opens the root span "main". REQUIRES: no span of this request has been opened. */
+void kaq_create_main_method(void);
+
+/* CPU time of the whole process in ms since the start call, into the thread's cpu_time. Both
+ * return 0, or -1 when the operating system refuses. */
+int kaq_cpu_usage_start(void);
+int kaq_cpu_usage_end(void);
+
+/* 1 when the span's function name contains "kaq_start" or "kaq_end". */
+int kaq_is_profiling_function(const kaq_node *node);

@@ -1,0 +1,208 @@
+#include "core/php_kaq.h"
+#include "diagnostics/stacktrace.h"
+#include "spans/kaq_util.h"
+#include "tracing/kaq_random.h"
+#include "util/kaq_clock.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+kaq_node *kaq_create_new_node(void) {
+	return kaq_pool_take(&kaq_get_globals()->node_pool);
+}
+
+void kaq_open_node(kaq_node *node) {
+	zend_kaq_globals *g = kaq_get_globals();
+	ZEND_ASSERT(node->data.state == KAQ_NODE_CREATED);
+	node->data.start_time = kaq_now_ms();
+	node->data.state = KAQ_NODE_OPEN;
+	node->data.parent = g->current_node;
+	if (g->current_node) {
+		g->current_node->data.child_count++;
+	}
+	node->data.key = g->node_buffer_len++;
+	g->current_node = node;
+}
+
+static bool kaq_is_php_component(const kaq_function *fi) {
+	return memcmp(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT)) == 0;
+}
+
+static bool kaq_is_slow_query(const zend_kaq_globals *g, const kaq_function *fi,
+							  int64_t duration) {
+	return !kaq_is_php_component(fi) && fi->type == DBQUERY &&
+		   (float)duration > 1000.0f * g->sql_trace_threshold;
+}
+
+void kaq_close_node(kaq_node *node) {
+	zend_kaq_globals *g = kaq_get_globals();
+	struct kaq_node_data *data = &node->data;
+	kaq_function *fi = &data->function_info;
+	ZEND_ASSERT(data->state == KAQ_NODE_OPEN);
+
+	g->current_node = data->parent;
+	data->end_time = kaq_now_ms();
+	int64_t duration = (int64_t)(data->end_time - data->start_time);
+	data->is_necessary = duration >= g->method_threshold || fi->isFault || fi->isError ||
+						 fi->priority || !kaq_is_php_component(fi);
+	/* No descendant is left when the newest key in use is this span's own. */
+	if (g->node_buffer_len == data->key + 1) {
+		if (!data->is_necessary && data->key != 0) {
+			kaq_free_node(node);
+			g->node_buffer_len--;
+			return;
+		}
+		if (kaq_is_slow_query(g, fi, duration)) {
+			kaq_make_stacktrace(fi);
+		}
+	}
+	data->state = KAQ_NODE_BUFFERED;
+	kaq_insert_node(node);
+}
+
+void kaq_insert_node(kaq_node *node) {
+	zend_kaq_globals *g = kaq_get_globals();
+	node->next = g->node_buffer->head;
+	g->node_buffer->head = node;
+	g->stored_node_count++;
+}
+
+static kaq_node *kaq_node_of(kaq_function *fi) {
+	return (kaq_node *)((char *)fi - offsetof(kaq_node, data.function_info));
+}
+
+static void kaq_release_name(kaq_node *node, char **name) {
+	char *text = *name;
+	*name = NULL;
+	if (text && (text < node->name_store || text >= node->name_store + KAQ_NAME_STORE_SIZE)) {
+		free(text);
+	}
+}
+
+static void kaq_release_arg_data(struct _arg_data *arg) {
+	char *texts[] = {arg->query,  arg->dbconnectHost,      arg->url,
+					 arg->dbname, arg->externalReqHeaders, arg->externalResHeaders,
+					 arg->stacktrace};
+	for (char *text : texts) {
+		free(text);
+	}
+	if (arg->einfo.s) {
+		zend_string_release(arg->einfo.s);
+	}
+}
+
+static bool kaq_has_arg_data(const struct _arg_data *arg) {
+	return (uintptr_t)arg->query | (uintptr_t)arg->dbconnectHost | (uintptr_t)arg->url |
+		   (uintptr_t)arg->dbname | (uintptr_t)arg->externalReqHeaders |
+		   (uintptr_t)arg->externalResHeaders | (uintptr_t)arg->stacktrace |
+		   (uintptr_t)arg->einfo.s;
+}
+
+void kaq_free_node(kaq_node *node) {
+	if (!node) {
+		return;
+	}
+	kaq_function *fi = &node->data.function_info;
+	kaq_release_name(node, &fi->class_name);
+	kaq_release_name(node, &fi->function_name);
+	if (kaq_has_arg_data(&fi->arg_data)) {
+		kaq_release_arg_data(&fi->arg_data);
+	}
+	kaq_pool_give_back(&kaq_get_globals()->node_pool, node);
+}
+
+/* A bailout that somebody caught on the way leaves open spans that no longer lead up from the
+ * current one; the pool still knows them. */
+void kaq_close_open_nodes(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	while (g->current_node) {
+		kaq_close_node(g->current_node);
+	}
+	kaq_pool_for_each_open(&g->node_pool, kaq_close_node);
+	g->current_node = NULL;
+}
+
+void kaq_free_node_buffer(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	kaq_node *node = g->node_buffer->head;
+	g->node_buffer->head = NULL;
+	while (node) {
+		kaq_node *next = node->next;
+		kaq_free_node(node);
+		node = next;
+	}
+	kaq_pool_for_each_open(&g->node_pool, kaq_free_node);
+	g->current_node = NULL;
+	kaq_pool_trim(&g->node_pool);
+}
+
+kaq_node **kaq_validate_nodes(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	size_t count = (size_t)g->node_buffer_len;
+	kaq_node **by_key = (kaq_node **)calloc(count ? count : 1, sizeof(kaq_node *));
+	if (!by_key) {
+		return NULL;
+	}
+	int64_t without_id = 0;
+	for (kaq_node *node = g->node_buffer->head; node; node = node->next) {
+		without_id += node->data.function_info.span_id[0] == '\0';
+		by_key[node->data.key] = node;
+	}
+	/* One generator call serves all spans: a call opens the random device. */
+	char *ids = (char *)malloc((size_t)without_id * KAQ_SPAN_ID_LENGTH + 1);
+	if (!ids) {
+		free(by_key);
+		return NULL;
+	}
+	kaq_random_hex(without_id * KAQ_SPAN_ID_LENGTH, ids);
+	const char *next_id = ids;
+	for (kaq_node *node = g->node_buffer->head; node; node = node->next) {
+		char *span_id = node->data.function_info.span_id;
+		if (span_id[0] == '\0') {
+			memcpy(span_id, next_id, KAQ_SPAN_ID_LENGTH);
+			span_id[KAQ_SPAN_ID_LENGTH] = '\0';
+			next_id += KAQ_SPAN_ID_LENGTH;
+		}
+	}
+	free(ids);
+	return by_key;
+}
+
+static char *kaq_store_name(const char *text, char **store, size_t *room) {
+	if (!text) {
+		return NULL;
+	}
+	size_t size = strlen(text) + 1;
+	char *copy;
+	if (size <= *room) {
+		copy = *store;
+		*store += size;
+		*room -= size;
+	} else {
+		copy = (char *)malloc(size);
+	}
+	return copy ? (char *)memcpy(copy, text, size) : NULL;
+}
+
+void kaq_copy_function_info(kaq_function *fi, const char *class_name, const char *function_name,
+							const char *component, int is_external) {
+	kaq_node *node = kaq_node_of(fi);
+	kaq_release_name(node, &fi->class_name);
+	kaq_release_name(node, &fi->function_name);
+	char *store = node->name_store;
+	size_t room = KAQ_NAME_STORE_SIZE;
+	fi->class_name = kaq_store_name(class_name, &store, &room);
+	fi->function_name = kaq_store_name(function_name, &store, &room);
+	if (component) {
+		size_t length = strnlen(component, KAQ_COMPONENT_SIZE - 1);
+		memcpy(fi->component_name, component, length);
+		fi->component_name[length] = '\0';
+	}
+	fi->isExternal = is_external;
+}
+
+void kaq_update_method_name(kaq_function *fi, const char *name) {
+	char *copy = name ? strdup(name) : NULL;
+	kaq_release_name(kaq_node_of(fi), &fi->function_name);
+	fi->function_name = copy;
+}

@@ -1,0 +1,66 @@
+#include "tracing/kaq_headers.h"
+
+#include "tracing/header_line.h"
+#include "util/kaq_strings.h"
+#include "util/kaq_util_functions.h"
+
+#include <ctype.h>
+#include <stdlib.h>
+#include <strings.h>
+
+void kaq_add_header_line(zval *map, const char *line) {
+	char name[KAQ_HEADER_NAME_SIZE] = "";
+	char value[KAQ_HEADER_VALUE_SIZE] = "";
+	kaq_header_to_keyvalue(line, name, sizeof(name), value, sizeof(value));
+	if (name[0]) {
+		add_assoc_string(map, name, value);
+	}
+}
+
+static const sapi_header_struct *kaq_first_header(zend_llist_position *position) {
+	return (const sapi_header_struct *)zend_llist_get_first_ex(&SG(sapi_headers).headers,
+															   position);
+}
+
+static const sapi_header_struct *kaq_next_header(zend_llist_position *position) {
+	return (const sapi_header_struct *)zend_llist_get_next_ex(&SG(sapi_headers).headers, position);
+}
+
+zval *kaq_response_headers_zv(void) {
+	zval *map = php_zval_alloc();
+	array_init(map);
+	zend_llist_position position;
+	for (const sapi_header_struct *line = kaq_first_header(&position); line;
+		 line = kaq_next_header(&position)) {
+		kaq_add_header_line(map, line->header);
+	}
+	return map;
+}
+
+char *kaq_search_response_header(const char *prefix) {
+	size_t length = strlen(prefix);
+	zend_llist_position position;
+	for (const sapi_header_struct *line = kaq_first_header(&position); line;
+		 line = kaq_next_header(&position)) {
+		if (line->header_len > length && strncasecmp(line->header, prefix, length) == 0) {
+			const char *value = line->header + length;
+			while (isspace((unsigned char)*value)) {
+				value++;
+			}
+			return kaq_strdup(value);
+		}
+	}
+	return NULL;
+}
+
+long kaq_get_response_content_length(void) {
+	char *value = kaq_search_response_header("content-length:");
+	long length = value ? strtol(value, NULL, 10) : 0;
+	free(value);
+	return length;
+}
+
+int kaq_get_response_code(void) {
+	int code = SG(sapi_headers).http_response_code;
+	return code < 1 ? 200 : code;
+}

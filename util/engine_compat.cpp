@@ -1,0 +1,53 @@
+#include "util/engine_compat.h"
+
+#ifdef ZTS
+TSRM_TLS void *TSRMLS_CACHE = NULL;
+
+void kaq_bind_thread(void) {
+	TSRMLS_CACHE = tsrm_get_ls_cache();
+}
+#else
+void kaq_bind_thread(void) {
+}
+#endif
+
+zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval *rv) {
+	if (!object || Z_TYPE_P(object) != IS_OBJECT) {
+		return NULL;
+	}
+#if PHP_VERSION_ID < 80000
+	return zend_read_property(Z_OBJCE_P(object), object, name, name_length, 1, rv);
+#else
+	return zend_read_property(Z_OBJCE_P(object), Z_OBJ_P(object), name, name_length, 1, rv);
+#endif
+}
+
+zend_function *kaq_find_callable_function(const char *name, size_t length) {
+	zend_function *function =
+			(zend_function *)zend_hash_str_find_ptr(EG(function_table), name, length);
+	if (!function || function->type != ZEND_INTERNAL_FUNCTION) {
+		return NULL;
+	}
+#if PHP_VERSION_ID < 80000
+	if (function->internal_function.handler == ZEND_FN(display_disabled_function)) {
+		return NULL;
+	}
+#endif
+	return function;
+}
+
+void kaq_memory_limit_lift(void) {
+	zend_set_memory_limit((size_t)-1 >> 1);
+}
+
+void kaq_memory_limit_restore(void) {
+	zend_set_memory_limit((size_t)PG(memory_limit));
+}
+
+void kaq_fetch_backtrace(zval *frames, int limit) {
+	if (!EG(current_execute_data)) {
+		array_init(frames);
+		return;
+	}
+	zend_fetch_debug_backtrace(frames, 0, DEBUG_BACKTRACE_IGNORE_ARGS, limit);
+}

@@ -1,0 +1,77 @@
+/*
+ * The one place that knows how the engines differ. The sources keep the shape of PHP 7.0, thread
+ * safe; what a later engine does otherwise is turned back into that shape here. Capabilities are
+ * named, never versions; blocks stand in order of age, oldest first.
+ *
+ * Every other file includes this header for the engine's own headers too.
+ */
+#pragma once
+
+#include "php.h"
+#include "php_ini.h"
+#include "php_main.h"
+#include "php_output.h"
+#include "php_variables.h"
+#include "SAPI.h"
+#include "ext/standard/info.h"
+#include "zend_builtin_functions.h"
+#include "zend_exceptions.h"
+#include "zend_interfaces.h"
+#include "zend_smart_str.h"
+
+/* Thread-safe engines keep module globals in a per-thread table, the others in one static. */
+#ifdef ZTS
+#define KAQ_THREAD_SAFE 1
+extern TSRM_TLS void *TSRMLS_CACHE;
+#define KAQ_MODULE_GLOBALS_POINTER(module)                                                        \
+	TSRMG_BULK_STATIC(module##_globals_id, zend_##module##_globals *)
+#else
+#define KAQ_THREAD_SAFE 0
+#define KAQ_MODULE_GLOBALS_POINTER(module) (&module##_globals)
+#endif
+
+/* Makes the engine's per-thread storage reachable from this module. Call it on a thread before
+ * anything else, and again at each request start: a thread may have been given new storage. */
+void kaq_bind_thread(void);
+
+#define KAQ_INI_HANDLER(name) PHP_INI_MH(name)
+
+/* Exception hook and error callback: the parameter lists follow the engine, the bodies pass them
+ * on untouched with KAQ_ERROR_CB_ARGS. */
+#if PHP_VERSION_ID < 80000
+typedef zval kaq_thrown;
+typedef const char kaq_error_file;
+#define KAQ_ERROR_CB_PARAMS                                                                       \
+	int type, const char *error_filename, const uint32_t error_lineno, const char *format,        \
+			va_list args
+#define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, format, args
+#elif PHP_VERSION_ID < 80100
+typedef zend_object kaq_thrown;
+#define KAQ_ERROR_CB_PARAMS                                                                       \
+	int type, const char *error_filename, const uint32_t error_lineno, zend_string *message
+#define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, message
+#else
+typedef zend_object kaq_thrown;
+#define KAQ_ERROR_CB_PARAMS                                                                       \
+	int type, zend_string *error_filename, const uint32_t error_lineno, zend_string *message
+#define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, message
+#endif
+typedef void (*kaq_error_cb_t)(KAQ_ERROR_CB_PARAMS);
+typedef void (*kaq_throw_hook_t)(kaq_thrown *exception);
+
+/* A property of an object, read quietly. Null when the value is no object; a missing property
+ * reads as the engine's null value. The result belongs to the object or to *rv. */
+zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval *rv);
+
+/* The internal function of that name if scripts could call it: null when it is missing, is not
+ * internal or has been disabled. */
+zend_function *kaq_find_callable_function(const char *name, size_t length);
+
+/* Between these two the engine's allocator has no limit, so that work of ours at a moment when the
+ * script has used up its memory cannot end in a fatal error of the script. */
+void kaq_memory_limit_lift(void);
+void kaq_memory_limit_restore(void);
+
+/* The running request's call frames as the engine's debug backtrace, without arguments, at most
+ * `limit` frames (0: all). An empty array when nothing runs. */
+void kaq_fetch_backtrace(zval *frames, int limit);

@@ -1,0 +1,79 @@
+#include "util/kaq_util_functions.h"
+
+#include "util/kaq_strings.h"
+
+#include <string.h>
+
+zval *php_zval_alloc(void) {
+	zval *value = (zval *)emalloc(sizeof(zval));
+	ZVAL_NULL(value);
+	return value;
+}
+
+void php_zval_free(zval *value) {
+	if (value) {
+		zval_ptr_dtor(value);
+		efree(value);
+	}
+}
+
+void kaq_zval_release(zval **slot) {
+	zval *value = *slot;
+	*slot = NULL;
+	php_zval_free(value);
+}
+
+zval *php_call_user_func(const char *name, uint32_t count, zval *args) {
+	if (!kaq_find_callable_function(name, strlen(name))) {
+		return NULL;
+	}
+	zval function_name;
+	ZVAL_STRING(&function_name, name);
+	zval *result = php_zval_alloc();
+	int status = call_user_function(EG(function_table), NULL, &function_name, result, count, args);
+	zval_ptr_dtor(&function_name);
+	if (status != SUCCESS || Z_TYPE_P(result) == IS_UNDEF) {
+		ZVAL_NULL(result);
+		php_zval_free(result);
+		return NULL;
+	}
+	return result;
+}
+
+zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3) {
+	zval *given[KAQ_MAX_CALL_ARGS] = {arg1, arg2, arg3};
+	zval args[KAQ_MAX_CALL_ARGS];
+	uint32_t count = 0;
+	while (count < KAQ_MAX_CALL_ARGS && given[count]) {
+		ZVAL_COPY_VALUE(&args[count], given[count]);
+		count++;
+	}
+	return php_call_user_func(name, count, args);
+}
+
+int php_is_zval_non_empty_string(const zval *value) {
+	return value && Z_TYPE_P(value) == IS_STRING && Z_STRLEN_P(value) > 0;
+}
+
+const char *kaq_get_server_global(const char *name) {
+	zval *server = &PG(http_globals)[TRACK_VARS_SERVER];
+	if (Z_TYPE_P(server) != IS_ARRAY) {
+		return "";
+	}
+	zval *value = zend_hash_str_find(Z_ARRVAL_P(server), name, strlen(name));
+	return php_is_zval_non_empty_string(value) ? Z_STRVAL_P(value) : "";
+}
+
+zval *kaq_backtrace(int limit) {
+	zval *frames = php_zval_alloc();
+	kaq_fetch_backtrace(frames, limit);
+	return frames;
+}
+
+char *kaq_get_header_value(const zval *headers, const char *name) {
+	if (!headers || Z_TYPE_P(headers) != IS_ARRAY) {
+		return NULL;
+	}
+	zval *value = zend_hash_str_find(Z_ARRVAL_P(headers), name, strlen(name));
+	return value && Z_TYPE_P(value) == IS_STRING ? kaq_strdup(Z_STRVAL_P(value)) : NULL;
+}

@@ -1,0 +1,37 @@
+/*
+ * Access to the engine's values and functions, shared by all rooms.
+ *
+ * A zval pointer that a function here returns as new is a container on the request allocator; the
+ * caller gives it back with php_zval_free(), which releases the value too.
+ */
+#pragma once
+
+#include "util/engine_compat.h"
+
+#define KAQ_MAX_CALL_ARGS 3
+
+zval *php_zval_alloc(void);
+/* Null is ignored. */
+void php_zval_free(zval *value);
+/* Frees *slot if set, and nulls it. */
+void kaq_zval_release(zval **slot);
+
+/* Calls the PHP function `name` with up to KAQ_MAX_CALL_ARGS arguments. A new value, or null when
+ * no such function can be called or the call failed. No warning reaches the script for a missing
+ * or disabled function. */
+zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3);
+zval *php_call_user_func(const char *name, uint32_t count, zval *args);
+
+/* True for a string of at least one byte; null-safe. */
+int php_is_zval_non_empty_string(const zval *value);
+
+/* The text of a server variable of the running request when it is a non-empty string, else "".
+ * Never null; belongs to the engine. */
+const char *kaq_get_server_global(const char *name);
+
+/* The engine's debug backtrace as a new array value: no arguments, at most `limit` frames. */
+zval *kaq_backtrace(int limit);
+
+/* An exact, case-sensitive look-up in an array of header name to value. A new heap string, or null
+ * when `headers` is no array, the key is absent or its value is no string. */
+char *kaq_get_header_value(const zval *headers, const char *name);
