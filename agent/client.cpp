@@ -69,7 +69,7 @@ int kaq_open_socket(void) {
 
 /* Bounds the next connect or send; the system carries what is left of it within one call. */
 static int bound_next_call(int fd, int timeout_ms) {
-	struct timeval timeout = {timeout_ms / 1000, timeout_ms % 1000 * 1000};
+	struct timeval timeout = {timeout_ms / 1000, (suseconds_t)(timeout_ms % 1000) * 1000};
 	return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
 

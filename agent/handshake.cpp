@@ -26,8 +26,7 @@ static void kaq_port_text(const zend_kaq_globals *g, char port[KAQ_PORT_TEXT_SIZ
 static void kaq_send_filter_notice(const zend_kaq_globals *g, const char *port,
 								   kaq_port_verdict verdict) {
 	smart_str notice = {NULL, 0};
-	kaq_buf_literal(&notice,
-					"message:\tTracking disabled for instance with application name ");
+	kaq_buf_literal(&notice, "message:\tTracking disabled for instance with application name ");
 	kaq_append_as_json_compatible_string_withquotes(&notice, g->application_name);
 	kaq_buf_literal(&notice, " and port ");
 	kaq_buf_append(&notice, port, strlen(port));
@@ -42,9 +41,9 @@ static void kaq_send_filter_notice(const zend_kaq_globals *g, const char *port,
 }
 
 static void kaq_append_agent_info(smart_str *out, const zend_kaq_globals *g, const char *port) {
-	kaq_buf_literal(out, "\"agent_info\":{\"agent.version\":\"" KAQ_VERSION
-						 "\",\"agent.version.info\":\"" KAQ_VERSION_INFO
-						 "\",\"application.name\":");
+	kaq_buf_literal(out,
+					"\"agent_info\":{\"agent.version\":\"" KAQ_VERSION
+					"\",\"agent.version.info\":\"" KAQ_VERSION_INFO "\",\"application.name\":");
 	kaq_append_as_json_compatible_string_withquotes(out, g->application_name);
 	kaq_buf_literal(out, ",\"application.type\":\"PHP\",\"fqdn\":");
 	kaq_append_as_json_compatible_string_withquotes(out, g->fqdn);
@@ -117,9 +116,9 @@ static void kaq_take_reply_string(zval *reply, const char *name, char **field) {
 static void kaq_take_status(zval *reply, zend_kaq_globals *g) {
 	zval rv;
 	const zval *value = kaq_reply_member(reply, "instance.status", &rv);
-	bool enabled = value && Z_TYPE_P(value) == IS_LONG &&
-				   (Z_LVAL_P(value) == KAQ_STATUS_ENABLED ||
-					Z_LVAL_P(value) == KAQ_STATUS_ENABLED_TOO);
+	bool enabled =
+		value && Z_TYPE_P(value) == IS_LONG &&
+		(Z_LVAL_P(value) == KAQ_STATUS_ENABLED || Z_LVAL_P(value) == KAQ_STATUS_ENABLED_TOO);
 	g->control_signal = enabled && g->instance_id && g->instance_id[0];
 }
 

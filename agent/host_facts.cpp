@@ -95,8 +95,7 @@ int kaq_check_docker_v2(char name[KAQ_HOST_NAME_SIZE]) {
 void kaq_get_host_type_name_in(const char *cgroup, const char *mountinfo,
 							   char type[KAQ_HOST_TYPE_SIZE], char name[KAQ_HOST_NAME_SIZE]) {
 	int container = kaq_check_kubernetes() || kaq_check_ecs() || kaq_check_azure_webapp() ||
-					kaq_check_docker_v1_in(cgroup, name) ||
-					kaq_check_docker_v2_in(mountinfo, name);
+					kaq_check_docker_v1_in(cgroup, name) || kaq_check_docker_v2_in(mountinfo, name);
 	kaq_copy_bounded(type, KAQ_HOST_TYPE_SIZE, container ? "DOCKER" : "LINUX");
 	if (*name == '\0' && gethostname(name, KAQ_HOST_NAME_SIZE) == 0) {
 		name[KAQ_HOST_NAME_SIZE - 1] = '\0';

@@ -14,8 +14,8 @@ struct ifaddrs;
 #define KAQ_HOST_NAME_SIZE 256
 
 /* 1 when the environment variable that marks the platform exists, be it empty, else 0. */
-int kaq_check_kubernetes(void);  /* KUBERNETES_SERVICE_HOST */
-int kaq_check_ecs(void);         /* ECS_AGENT_URI */
+int kaq_check_kubernetes(void);   /* KUBERNETES_SERVICE_HOST */
+int kaq_check_ecs(void);          /* ECS_AGENT_URI */
 int kaq_check_azure_webapp(void); /* WEBSITE_SITE_NAME */
 
 /*

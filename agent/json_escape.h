@@ -19,9 +19,9 @@
  * \u00xx in lowercase for the other ones). All other bytes, 0x7F and above 0x7F too, are copied as
  * they are: what is no valid UTF-8 stays so.
  *
- * REQUIRES: `out` has KAQ_JSON_ESCAPE_MAX(len) bytes and does not overlap `text`; `text` is readable
- * for len bytes (it may be null when len is 0) and is free of NUL bytes. A NUL byte is written
- * as \u0000.
+ * REQUIRES: `out` has KAQ_JSON_ESCAPE_MAX(len) bytes and does not overlap `text`; `text` is
+ * readable for len bytes (it may be null when len is 0) and is free of NUL bytes. A NUL byte is
+ * written as \u0000.
  */
 size_t kaq_json_escape(char *out, const char *text, size_t len);
 

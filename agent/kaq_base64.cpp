@@ -17,8 +17,8 @@ struct pair_table {
 static constexpr pair_table make_pairs() {
 	pair_table table = {};
 	for (unsigned i = 0; i < 4096; i++) {
-		table.pair[i] = (uint16_t)((unsigned char)ALPHABET[i >> 6] |
-								   (unsigned char)ALPHABET[i & 63] << 8);
+		table.pair[i] =
+			(uint16_t)((unsigned char)ALPHABET[i >> 6] | (unsigned char)ALPHABET[i & 63] << 8);
 	}
 	return table;
 }
@@ -82,12 +82,13 @@ __attribute__((target("avx2"))) static inline __m256i split_sextets(__m256i in) 
 	in = _mm256_shuffle_epi8(in, spread);
 	__m256i first_third = _mm256_mulhi_epu16(_mm256_and_si256(in, _mm256_set1_epi32(0x0fc0fc00)),
 											 _mm256_set1_epi32(0x04000040));
-	__m256i second_fourth = _mm256_mullo_epi16(
-		_mm256_and_si256(in, _mm256_set1_epi32(0x003f03f0)), _mm256_set1_epi32(0x01000010));
+	__m256i second_fourth = _mm256_mullo_epi16(_mm256_and_si256(in, _mm256_set1_epi32(0x003f03f0)),
+											   _mm256_set1_epi32(0x01000010));
 	return _mm256_or_si256(first_third, second_fourth);
 }
 
-/* Adds to each value the distance to its character, looked up by the run of the alphabet it is in. */
+/* Adds to each value the distance to its character, looked up by the run of the alphabet it is in.
+ */
 __attribute__((target("avx2"))) static inline __m256i sextets_to_chars(__m256i values) {
 	const __m256i distance = _mm256_broadcastsi128_si256(
 		_mm_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
@@ -103,9 +104,9 @@ __attribute__((target("avx2"))) size_t kaq_base64_encode_avx2(char *out, const u
 	const char *start = out;
 	/* Each lane loads 16 bytes for the 12 that are used. */
 	for (; len >= 28; src += 24, len -= 24, out += 32) {
-		__m256i in = _mm256_inserti128_si256(
-			_mm256_castsi128_si256(_mm_loadu_si128((const __m128i *)src)),
-			_mm_loadu_si128((const __m128i *)(src + 12)), 1);
+		__m256i in =
+			_mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128((const __m128i *)src)),
+									_mm_loadu_si128((const __m128i *)(src + 12)), 1);
 		_mm256_storeu_si256((__m256i *)out, sextets_to_chars(split_sextets(in)));
 	}
 	return (size_t)(out - start) + kaq_base64_encode_scalar(out, src, len);

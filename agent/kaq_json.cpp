@@ -139,33 +139,33 @@ void kaq_encode_zval_to_json_internal(const zval *value, smart_str *buffer, int 
 		return;
 	}
 	switch (Z_TYPE_P(value)) {
-		case IS_FALSE:
-			kaq_buf_literal(buffer, "false");
-			break;
-		case IS_TRUE:
-			kaq_buf_literal(buffer, "true");
-			break;
-		case IS_LONG:
-			kaq_append_signed(buffer, Z_LVAL_P(value));
-			break;
-		case IS_DOUBLE:
-			kaq_append_double(buffer, Z_DVAL_P(value));
-			break;
-		case IS_STRING:
-			kaq_append_as_json_compatible_string_withquotes(buffer, Z_STRVAL_P(value));
-			break;
-		case IS_ARRAY:
-			kaq_append_array(buffer, Z_ARRVAL_P(value), depth);
-			break;
-		case IS_OBJECT:
-			kaq_buf_literal(buffer, "\"[object]\"");
-			break;
-		case IS_RESOURCE:
-			kaq_buf_literal(buffer, "\"[resource]\"");
-			break;
-		default: /* null, undefined, a reference or an engine-internal type */
-			kaq_buf_literal(buffer, "null");
-			break;
+	case IS_FALSE:
+		kaq_buf_literal(buffer, "false");
+		break;
+	case IS_TRUE:
+		kaq_buf_literal(buffer, "true");
+		break;
+	case IS_LONG:
+		kaq_append_signed(buffer, Z_LVAL_P(value));
+		break;
+	case IS_DOUBLE:
+		kaq_append_double(buffer, Z_DVAL_P(value));
+		break;
+	case IS_STRING:
+		kaq_append_as_json_compatible_string_withquotes(buffer, Z_STRVAL_P(value));
+		break;
+	case IS_ARRAY:
+		kaq_append_array(buffer, Z_ARRVAL_P(value), depth);
+		break;
+	case IS_OBJECT:
+		kaq_buf_literal(buffer, "\"[object]\"");
+		break;
+	case IS_RESOURCE:
+		kaq_buf_literal(buffer, "\"[resource]\"");
+		break;
+	default: /* null, undefined, a reference or an engine-internal type */
+		kaq_buf_literal(buffer, "null");
+		break;
 	}
 }
 

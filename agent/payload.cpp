@@ -42,8 +42,8 @@ static void kaq_append_json_member(smart_str *out, const char (&key)[size], char
 
 static void kaq_form_application_info(smart_str *out, const zend_kaq_globals *g) {
 	kaq_append_text_member(
-			out, ",\"application_info\":{\"application_type\":\"PHP\",\"application_name\":",
-			g->application_name);
+		out, ",\"application_info\":{\"application_type\":\"PHP\",\"application_name\":",
+		g->application_name);
 	kaq_append_text_member(out, ",\"application_group\":", g->application_group);
 	kaq_append_text_member(out, ",\"instance_id\":", g->instance_id);
 	kaq_buf_literal(out, "}");
@@ -154,8 +154,8 @@ static void kaq_form_app_parameters(smart_str *out) {
 
 void kaq_form_payload(smart_str *out, kaq_node **nodes) {
 	const zend_kaq_globals *g = kaq_get_globals();
-	kaq_buf_reserve(out, KAQ_PAYLOAD_BASE_SIZE +
-								 (size_t)g->node_buffer_len * KAQ_PAYLOAD_SPAN_SIZE);
+	kaq_buf_reserve(out,
+					KAQ_PAYLOAD_BASE_SIZE + (size_t)g->node_buffer_len * KAQ_PAYLOAD_SPAN_SIZE);
 	kaq_buf_literal(out, "{\"apm\":{\"data\":true");
 	kaq_form_application_info(out, g);
 	kaq_form_request_facts(out, g);

@@ -41,8 +41,7 @@ static int take_port(char port[KAQ_PORT_TEXT_SIZE], const char *text) {
 
 void kaq_choose_port_text(char port[KAQ_PORT_TEXT_SIZE], const char *static_port,
 						  const char *forwarded, const char *server) {
-	if (!take_port(port, static_port) && !take_port(port, forwarded) &&
-		!take_port(port, server)) {
+	if (!take_port(port, static_port) && !take_port(port, forwarded) && !take_port(port, server)) {
 		take_port(port, "0");
 	}
 }

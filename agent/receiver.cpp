@@ -66,7 +66,7 @@ static int grow_buffer(answer_buffer *answer, kaq_grow_fn grow) {
 	return 1;
 }
 
-char *kaq_read_answer(int fd, kaq_grow_fn grow) {
+char *kaq_read_answer(int fd, size_t limit, kaq_grow_fn grow) {
 	uint64_t deadline = kaq_monotonic_ms() + KAQ_ANSWER_TIMEOUT_MS;
 	answer_buffer answer = {new_buffer(), 0, READ_SIZE, READ_SIZE};
 	if (answer.text == nullptr) {
@@ -79,7 +79,7 @@ char *kaq_read_answer(int fd, kaq_grow_fn grow) {
 		if (count == 0) {
 			break;
 		}
-		if (count < 0 || answer.used + (size_t)count > KAQ_ANSWER_MAX) {
+		if (count < 0 || answer.used + (size_t)count > limit) {
 			client_error("error read");
 			answer.used = 0;
 			break;
@@ -108,7 +108,7 @@ char *kaq_exchange(const char *address, int port, const char *request, size_t re
 		client_error("error on writing");
 		answer = new_buffer();
 	} else {
-		answer = kaq_read_answer(fd, realloc);
+		answer = kaq_read_answer(fd, KAQ_ANSWER_MAX, realloc);
 	}
 	close(fd);
 	return answer;

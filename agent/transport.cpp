@@ -28,8 +28,7 @@ char *get_instance_data(void) {
 	} else {
 		char address[KAQ_ADDRESS_SIZE];
 		kaq_agent_address(g->remote_exporter_ip, g->remote_exporter_hostname, address);
-		reply = kaq_exchange(address, g->tcp_status_port, ZSTR_VAL(request.s),
-							 ZSTR_LEN(request.s));
+		reply = kaq_exchange(address, g->tcp_status_port, ZSTR_VAL(request.s), ZSTR_LEN(request.s));
 	}
 	kaq_buf_free(&request);
 	return reply;

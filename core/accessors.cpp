@@ -22,7 +22,7 @@ char *kaq_get_response_headers(void) {
 
 char *kaq_get_request_parameters(void) {
 	return kaq_encode_zval_to_json(
-			zend_hash_str_find(&EG(symbol_table), "_REQUEST", strlen("_REQUEST")));
+		zend_hash_str_find(&EG(symbol_table), "_REQUEST", strlen("_REQUEST")));
 }
 
 char *kaq_get_custom_parameters(void) {

@@ -69,16 +69,26 @@ static void kaq_free_exceptions(zend_kaq_globals *g) {
 }
 
 void free_globals(zend_kaq_globals *g) {
-	char **texts[] = {&g->trace_id,         &g->root_parentspanid,
-					  &g->request_uri,      &g->http_host_name,
-					  &g->php_self,         &g->request_method,
-					  &g->query_string,     &g->hostname,
-					  &g->os,               &g->os_version,
-					  &g->os_arch,          &g->fqdn,
-					  &g->hosttype,         &g->current_host_ips,
-					  &g->applicationname,  &g->remoteexporterhostname,
-					  &g->remoteexporterip, &g->applicationgroup,
-					  &g->excludedports,    &g->includedports,
+	char **texts[] = {&g->trace_id,
+					  &g->root_parentspanid,
+					  &g->request_uri,
+					  &g->http_host_name,
+					  &g->php_self,
+					  &g->request_method,
+					  &g->query_string,
+					  &g->hostname,
+					  &g->os,
+					  &g->os_version,
+					  &g->os_arch,
+					  &g->fqdn,
+					  &g->hosttype,
+					  &g->current_host_ips,
+					  &g->applicationname,
+					  &g->remoteexporterhostname,
+					  &g->remoteexporterip,
+					  &g->applicationgroup,
+					  &g->excludedports,
+					  &g->includedports,
 					  &g->use_static_port};
 	for (char **text : texts) {
 		free(*text);
@@ -87,5 +97,6 @@ void free_globals(zend_kaq_globals *g) {
 	kaq_free_exceptions(g);
 	free(g->cpu_time);
 	g->cpu_time = NULL;
+	kaq_release_spans(g);
 	kaq_pool_destroy(&g->node_pool);
 }

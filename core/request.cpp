@@ -57,8 +57,7 @@ static void kaq_create_stores(zend_kaq_globals *g) {
 }
 
 static void kaq_reset_spans(zend_kaq_globals *g) {
-	g->current_node = NULL;
-	g->node_buffer->head = NULL;
+	kaq_release_spans(g);
 	for (int i = 0; i < KAQ_EXCEPTION_SLOTS; i++) {
 		g->exceptionslist[i]->name = NULL;
 		g->exceptionslist[i]->count = 0;
@@ -67,7 +66,7 @@ static void kaq_reset_spans(zend_kaq_globals *g) {
 
 static void kaq_check_necessary_functions(zend_kaq_globals *g) {
 	g->json_decode_function_exists =
-			kaq_find_callable_function("json_decode", strlen("json_decode")) != NULL;
+		kaq_find_callable_function("json_decode", strlen("json_decode")) != NULL;
 }
 
 static void kaq_take_trace_context(zend_kaq_globals *g) {
@@ -85,30 +84,30 @@ void kaq_request_start(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	uint64_t sec;
 	uint64_t usec;
-	kaq_wall_clock(&sec, &usec);       /*  1 */
-	kaq_set_request_global_strings();  /*  2 */
-	kaq_late_initialization();         /*  3 */
-	wrap_sethandler();                 /*  4 */
-	kaq_build_auto_globals();          /*  5 */
-	kaq_reset_counters(g);             /*  6 */
-	kaq_clear_text_buffers(g);         /*  7 */
-	kaq_create_stores(g);              /*  8 */
-	kaq_reset_spans(g);                /*  9 */
-	kaq_request_uri();                 /* 10 */
-	if (!g->request_uri[0]) {          /* 11 */
+	kaq_wall_clock(&sec, &usec);      /*  1 */
+	kaq_set_request_global_strings(); /*  2 */
+	kaq_late_initialization();        /*  3 */
+	wrap_sethandler();                /*  4 */
+	kaq_build_auto_globals();         /*  5 */
+	kaq_reset_counters(g);            /*  6 */
+	kaq_clear_text_buffers(g);        /*  7 */
+	kaq_create_stores(g);             /*  8 */
+	kaq_reset_spans(g);               /*  9 */
+	kaq_request_uri();                /* 10 */
+	if (!g->request_uri[0]) {         /* 11 */
 		send_packed_data_tcp("message:\tNo request URI Found\n");
 		return;
 	}
-	kaq_check_necessary_functions(g);  /* 12 */
-	get_instance_info();               /* 13 */
-	if (!g->control_signal) {          /* 14 */
+	kaq_check_necessary_functions(g); /* 12 */
+	get_instance_info();              /* 13 */
+	if (!g->control_signal) {         /* 14 */
 		return;
 	}
 	g->start_time = kaq_ms_of(sec, usec); /* 15 */
-	kaq_take_trace_context(g);         /* 16 */
-	kaq_create_main_method();          /* 17 */
-	kaq_cpu_usage_start();             /* 18 */
-	kaq_start_rum_injection();         /* 19 */
+	kaq_take_trace_context(g);            /* 16 */
+	kaq_create_main_method();             /* 17 */
+	kaq_cpu_usage_start();                /* 18 */
+	kaq_start_rum_injection();            /* 19 */
 }
 
 static void kaq_disabled_instance_data_dump(void) {
@@ -143,18 +142,11 @@ static void kaq_release_request_texts(zend_kaq_globals *g) {
 }
 
 static void kaq_release_request_values(zend_kaq_globals *g) {
-	zval **values[] = {&g->request_headers_zv,
-					   &g->curl_req_headers_store,
-					   &g->curl_res_headers_store,
-					   &g->curl_multi_handle_store,
-					   &g->curl_multi_reported_store,
-					   &g->curl_multi_spanid_store,
-					   &g->curlinfo_effective_url,
-					   &g->curlinfo_http_code,
-					   &g->curlinfo_total_time,
-					   &g->custom_params_zv,
-					   &g->app_param_avg_zv,
-					   &g->app_param_sum_zv};
+	zval **values[] = {
+		&g->request_headers_zv,      &g->curl_req_headers_store,    &g->curl_res_headers_store,
+		&g->curl_multi_handle_store, &g->curl_multi_reported_store, &g->curl_multi_spanid_store,
+		&g->curlinfo_effective_url,  &g->curlinfo_http_code,        &g->curlinfo_total_time,
+		&g->custom_params_zv,        &g->app_param_avg_zv,          &g->app_param_sum_zv};
 	for (zval **value : values) {
 		kaq_zval_release(value);
 	}
@@ -166,15 +158,15 @@ void kaq_request_end(void) {
 	uint64_t sec;
 	uint64_t usec;
 	kaq_wall_clock(&sec, &usec);
-	g->end_time = kaq_ms_of(sec, usec);  /* 1 */
+	g->end_time = kaq_ms_of(sec, usec); /* 1 */
 	kaq_memory_limit_lift();
-	if (g->control_signal) {             /* 2 */
+	if (g->control_signal) { /* 2 */
 		kaq_finish_transaction(g);
 	} else {
 		kaq_disabled_instance_data_dump();
 	}
-	kaq_free_node_buffer();              /* 3 */
-	kaq_release_request_texts(g);        /* 4 */
-	kaq_release_request_values(g);       /* 5 */
+	kaq_free_node_buffer();        /* 3 */
+	kaq_release_request_texts(g);  /* 4 */
+	kaq_release_request_values(g); /* 5 */
 	kaq_memory_limit_restore();
 }

@@ -58,19 +58,21 @@ static void kaq_store_text(char **field, const zend_string *value) {
 	}
 }
 
-#define KAQ_INTEGER_HANDLER(key, initial, handler, field)                                         \
-	static KAQ_INI_HANDLER(handler) {                                                             \
-		kaq_store_integer(&kaq_get_globals()->field, new_value);                                  \
-		return SUCCESS;                                                                           \
+#define KAQ_INTEGER_HANDLER(key, initial, handler, field)        \
+	static KAQ_INI_HANDLER(handler) {                            \
+		KAQ_INI_HANDLER_IGNORES();                               \
+		kaq_store_integer(&kaq_get_globals()->field, new_value); \
+		return SUCCESS;                                          \
 	}
-#define KAQ_TEXT_HANDLER(key, initial, handler, field)                                            \
-	static KAQ_INI_HANDLER(handler) {                                                             \
-		kaq_store_text(&kaq_get_globals()->field, new_value);                                     \
-		return SUCCESS;                                                                           \
+#define KAQ_TEXT_HANDLER(key, initial, handler, field)        \
+	static KAQ_INI_HANDLER(handler) {                         \
+		KAQ_INI_HANDLER_IGNORES();                            \
+		kaq_store_text(&kaq_get_globals()->field, new_value); \
+		return SUCCESS;                                       \
 	}
 KAQ_SETTINGS(KAQ_INTEGER_HANDLER, KAQ_TEXT_HANDLER)
 
-#define KAQ_INI_ROW(key, initial, handler, field)                                                 \
+#define KAQ_INI_ROW(key, initial, handler, field) \
 	PHP_INI_ENTRY("kaq." key, initial, PHP_INI_ALL, handler)
 
 PHP_INI_BEGIN()

@@ -1,4 +1,4 @@
-#include "core/php_kaq.h"
+#include "core/lifecycle.h"
 #include "diagnostics/stacktrace.h"
 #include "spans/kaq_util.h"
 #include "tracing/kaq_random.h"
@@ -28,8 +28,7 @@ static bool kaq_is_php_component(const kaq_function *fi) {
 	return memcmp(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT)) == 0;
 }
 
-static bool kaq_is_slow_query(const zend_kaq_globals *g, const kaq_function *fi,
-							  int64_t duration) {
+static bool kaq_is_slow_query(const zend_kaq_globals *g, const kaq_function *fi, int64_t duration) {
 	return !kaq_is_php_component(fi) && fi->type == DBQUERY &&
 		   (float)duration > 1000.0f * g->sql_trace_threshold;
 }
@@ -80,8 +79,8 @@ static void kaq_release_name(kaq_node *node, char **name) {
 }
 
 static void kaq_release_arg_data(struct _arg_data *arg) {
-	char *texts[] = {arg->query,  arg->dbconnectHost,      arg->url,
-					 arg->dbname, arg->externalReqHeaders, arg->externalResHeaders,
+	char *texts[] = {arg->query,     arg->dbconnectHost,      arg->url,
+					 arg->dbname,    arg->externalReqHeaders, arg->externalResHeaders,
 					 arg->stacktrace};
 	for (char *text : texts) {
 		free(text);
@@ -98,17 +97,24 @@ static bool kaq_has_arg_data(const struct _arg_data *arg) {
 		   (uintptr_t)arg->einfo.s;
 }
 
-void kaq_free_node(kaq_node *node) {
-	if (!node) {
-		return;
-	}
+static void kaq_release_node(kaq_node_pool *pool, kaq_node *node) {
 	kaq_function *fi = &node->data.function_info;
 	kaq_release_name(node, &fi->class_name);
 	kaq_release_name(node, &fi->function_name);
 	if (kaq_has_arg_data(&fi->arg_data)) {
 		kaq_release_arg_data(&fi->arg_data);
 	}
-	kaq_pool_give_back(&kaq_get_globals()->node_pool, node);
+	kaq_pool_give_back(pool, node);
+}
+
+void kaq_free_node(kaq_node *node) {
+	if (node) {
+		kaq_release_node(&kaq_get_globals()->node_pool, node);
+	}
+}
+
+static void kaq_close_orphan(kaq_node_pool *, kaq_node *node) {
+	kaq_close_node(node);
 }
 
 /* A bailout that somebody caught on the way leaves open spans that no longer lead up from the
@@ -118,21 +124,25 @@ void kaq_close_open_nodes(void) {
 	while (g->current_node) {
 		kaq_close_node(g->current_node);
 	}
-	kaq_pool_for_each_open(&g->node_pool, kaq_close_node);
+	kaq_pool_for_each_open(&g->node_pool, kaq_close_orphan);
 	g->current_node = NULL;
+}
+
+void kaq_release_spans(zend_kaq_globals *g) {
+	kaq_node *node = g->node_list.head;
+	g->node_list.head = NULL;
+	g->current_node = NULL;
+	while (node) {
+		kaq_node *next = node->next;
+		kaq_release_node(&g->node_pool, node);
+		node = next;
+	}
+	kaq_pool_for_each_open(&g->node_pool, kaq_release_node);
 }
 
 void kaq_free_node_buffer(void) {
 	zend_kaq_globals *g = kaq_get_globals();
-	kaq_node *node = g->node_buffer->head;
-	g->node_buffer->head = NULL;
-	while (node) {
-		kaq_node *next = node->next;
-		kaq_free_node(node);
-		node = next;
-	}
-	kaq_pool_for_each_open(&g->node_pool, kaq_free_node);
-	g->current_node = NULL;
+	kaq_release_spans(g);
 	kaq_pool_trim(&g->node_pool);
 }
 

@@ -20,11 +20,11 @@ kaq_node *kaq_pool_take_slow(kaq_node_pool *pool) {
 	return kaq_pool_take(pool);
 }
 
-void kaq_pool_for_each_open(kaq_node_pool *pool, void (*visit)(kaq_node *node)) {
+void kaq_pool_for_each_open(kaq_node_pool *pool, void (*visit)(kaq_node_pool *, kaq_node *)) {
 	for (kaq_slab *slab = pool->slabs; slab; slab = slab->next) {
 		for (int i = 0; i < KAQ_SLAB_RECORDS; i++) {
 			if (slab->records[i].data.state == KAQ_NODE_OPEN) {
-				visit(&slab->records[i]);
+				visit(pool, &slab->records[i]);
 			}
 		}
 	}

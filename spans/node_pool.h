@@ -44,7 +44,7 @@ static inline void kaq_pool_give_back(kaq_node_pool *pool, kaq_node *node) {
 }
 
 /* Calls `visit` for every record that is open. A visit may close or free the record it is given. */
-void kaq_pool_for_each_open(kaq_node_pool *pool, void (*visit)(kaq_node *node));
+void kaq_pool_for_each_open(kaq_node_pool *pool, void (*visit)(kaq_node_pool *, kaq_node *));
 
 /* Gives slabs beyond KAQ_SLABS_KEPT back to the heap. REQUIRES: no record is in use. */
 void kaq_pool_trim(kaq_node_pool *pool);

@@ -18,8 +18,7 @@ void kaq_add_header_line(zval *map, const char *line) {
 }
 
 static const sapi_header_struct *kaq_first_header(zend_llist_position *position) {
-	return (const sapi_header_struct *)zend_llist_get_first_ex(&SG(sapi_headers).headers,
-															   position);
+	return (const sapi_header_struct *)zend_llist_get_first_ex(&SG(sapi_headers).headers, position);
 }
 
 static const sapi_header_struct *kaq_next_header(zend_llist_position *position) {

@@ -58,7 +58,7 @@ void kaq_random_hex_from(const char *device, int64_t length, char *buffer) {
 	}
 	size_t chars = (size_t)length;
 	size_t n = (chars + 1) / 2;
-	unsigned char on_stack[STACK_BYTES];
+	unsigned char on_stack[STACK_BYTES] = {0};
 	unsigned char *bytes = on_stack;
 	if (n > STACK_BYTES) {
 		bytes = (unsigned char *)malloc(n);

@@ -24,7 +24,7 @@ zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval
 
 zend_function *kaq_find_callable_function(const char *name, size_t length) {
 	zend_function *function =
-			(zend_function *)zend_hash_str_find_ptr(EG(function_table), name, length);
+		(zend_function *)zend_hash_str_find_ptr(EG(function_table), name, length);
 	if (!function || function->type != ZEND_INTERNAL_FUNCTION) {
 		return NULL;
 	}

@@ -23,7 +23,7 @@
 #ifdef ZTS
 #define KAQ_THREAD_SAFE 1
 extern TSRM_TLS void *TSRMLS_CACHE;
-#define KAQ_MODULE_GLOBALS_POINTER(module)                                                        \
+#define KAQ_MODULE_GLOBALS_POINTER(module) \
 	TSRMG_BULK_STATIC(module##_globals_id, zend_##module##_globals *)
 #else
 #define KAQ_THREAD_SAFE 0
@@ -34,25 +34,35 @@ extern TSRM_TLS void *TSRMLS_CACHE;
  * anything else, and again at each request start: a thread may have been given new storage. */
 void kaq_bind_thread(void);
 
+/* An update handler of a setting. Ours look at the new value only. */
 #define KAQ_INI_HANDLER(name) PHP_INI_MH(name)
+
+/* Starts the engine with one built-in module more, for programs that embed it. */
+#if PHP_VERSION_ID < 80200
+#define KAQ_STARTUP_MODULE(sapi, module) php_module_startup(sapi, module, 1)
+#else
+#define KAQ_STARTUP_MODULE(sapi, module) php_module_startup(sapi, module)
+#endif
+#define KAQ_INI_HANDLER_IGNORES() \
+	((void)entry, (void)mh_arg1, (void)mh_arg2, (void)mh_arg3, (void)stage)
 
 /* Exception hook and error callback: the parameter lists follow the engine, the bodies pass them
  * on untouched with KAQ_ERROR_CB_ARGS. */
 #if PHP_VERSION_ID < 80000
 typedef zval kaq_thrown;
 typedef const char kaq_error_file;
-#define KAQ_ERROR_CB_PARAMS                                                                       \
-	int type, const char *error_filename, const uint32_t error_lineno, const char *format,        \
-			va_list args
+#define KAQ_ERROR_CB_PARAMS                                                                \
+	int type, const char *error_filename, const uint32_t error_lineno, const char *format, \
+		va_list args
 #define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, format, args
 #elif PHP_VERSION_ID < 80100
 typedef zend_object kaq_thrown;
-#define KAQ_ERROR_CB_PARAMS                                                                       \
+#define KAQ_ERROR_CB_PARAMS \
 	int type, const char *error_filename, const uint32_t error_lineno, zend_string *message
 #define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, message
 #else
 typedef zend_object kaq_thrown;
-#define KAQ_ERROR_CB_PARAMS                                                                       \
+#define KAQ_ERROR_CB_PARAMS \
 	int type, zend_string *error_filename, const uint32_t error_lineno, zend_string *message
 #define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, message
 #endif

@@ -31,7 +31,8 @@ static int counter_is_invariant(void) {
 	return __get_cpuid(0x80000007, &eax, &ebx, &ecx, &edx) != 0 && (edx & (1u << 8)) != 0;
 }
 
-/* The kernel resorts to these clocks where it has found the counters of the processors to differ. */
+/* The kernel resorts to these clocks where it has found the counters of the processors to differ.
+ */
 static int kernel_distrusts_counter(void) {
 	char name[32];
 	int fd = open("/sys/devices/system/clocksource/clocksource0/current_clocksource",
@@ -58,9 +59,8 @@ uint64_t kaq_monotonic_ms(void) {
 
 uint64_t kaq_clock_rate(uint64_t elapsed_ns, uint64_t first_before, uint64_t first_after,
 						uint64_t second_before, uint64_t second_after) {
-	if (elapsed_ns < MEASURE_MIN_NS || elapsed_ns > MEASURE_MAX_NS ||
-		first_after < first_before || second_before <= first_after ||
-		second_after < second_before) {
+	if (elapsed_ns < MEASURE_MIN_NS || elapsed_ns > MEASURE_MAX_NS || first_after < first_before ||
+		second_before <= first_after || second_after < second_before) {
 		return 0;
 	}
 	uint64_t least = second_before - first_after;
@@ -73,9 +73,9 @@ uint64_t kaq_clock_rate(uint64_t elapsed_ns, uint64_t first_before, uint64_t fir
 
 /* Takes the first point, or measures against it once it is old enough. */
 static void measure(kaq_clock_thread_state *state) {
-	uint64_t before = __rdtsc();
+	uint64_t before = __builtin_ia32_rdtsc();
 	uint64_t now = monotonic_ns();
-	uint64_t after = __rdtsc();
+	uint64_t after = __builtin_ia32_rdtsc();
 	uint64_t elapsed = now - state->base_ns;
 	if (state->base_ns != 0 && elapsed < MEASURE_MIN_NS) {
 		return;
@@ -93,12 +93,12 @@ static void measure(kaq_clock_thread_state *state) {
 	state->base_after = after;
 }
 
-uint64_t kaq_clock_deadline_cycles(uint64_t ns_in_ms, uint64_t rate) {
+uint64_t kaq_clock_deadline_cycles(uint64_t ns_in_ms, uint64_t rate_per_ms) {
 	if (ns_in_ms + DEADLINE_RESERVE_NS >= NS_PER_MS) {
 		return 0;
 	}
 	uint64_t left = NS_PER_MS - ns_in_ms - DEADLINE_RESERVE_NS;
-	return (uint64_t)((unsigned __int128)left * rate / NS_PER_MS * 9 / 10);
+	return (uint64_t)((unsigned __int128)left * rate_per_ms / NS_PER_MS * 9 / 10);
 }
 
 uint64_t kaq_now_ms_slow(void) {
@@ -112,7 +112,7 @@ uint64_t kaq_now_ms_slow(void) {
 		}
 	}
 	struct timespec now;
-	uint64_t before = __rdtsc();
+	uint64_t before = __builtin_ia32_rdtsc();
 	clock_gettime(CLOCK_REALTIME, &now);
 	state->cycles = before;
 	state->valid = kaq_clock_deadline_cycles((uint64_t)now.tv_nsec % NS_PER_MS, rate);

@@ -17,7 +17,6 @@
 
 #include <stddef.h>
 #include <stdint.h>
-#include <x86intrin.h>
 
 /* One thread's last reading. Private to the inline function below and to kaq_clock.cpp. */
 struct kaq_clock_thread_state {
@@ -40,7 +39,7 @@ uint64_t kaq_now_ms_slow(void);
 static inline uint64_t kaq_now_ms(void) {
 	/* A counter that seems to have run backwards wraps to a huge difference: the slow way. */
 	const kaq_clock_thread_state *state = &kaq_clock_thread;
-	if (__builtin_expect(__rdtsc() - state->cycles < state->valid, 1)) {
+	if (__builtin_expect(__builtin_ia32_rdtsc() - state->cycles < state->valid, 1)) {
 		return state->ms;
 	}
 	return kaq_now_ms_slow();
@@ -63,10 +62,10 @@ uint64_t kaq_monotonic_ms(void);
 
 /*
  * Cycles for which a millisecond lasts for certain when `ns_in_ms` nanoseconds (0 to 999999) of it
- * have passed and the counter makes at least `cycles_per_ms` cycles per millisecond: nine tenths
+ * have passed and the counter makes at least `rate_per_ms` cycles per millisecond: nine tenths
  * of what is left after a reserve of one microsecond. 0 where the rate is 0 (unknown).
  */
-uint64_t kaq_clock_deadline_cycles(uint64_t ns_in_ms, uint64_t cycles_per_ms);
+uint64_t kaq_clock_deadline_cycles(uint64_t ns_in_ms, uint64_t rate_per_ms);
 
 /*
  * Lower bound of the counter's cycles per millisecond, from two points `elapsed_ns` apart. Each
