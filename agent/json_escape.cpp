@@ -112,38 +112,51 @@ size_t kaq_json_escape(char *out, const char *text, size_t len) {
 	return (size_t)(out - start);
 }
 
-struct digit_pairs {
-	char pair[100][2];
-};
+static const uint32_t EIGHT_DIGITS = 100000000;
 
-static constexpr digit_pairs make_digit_pairs() {
-	digit_pairs table = {};
-	for (int i = 0; i < 100; i++) {
-		table.pair[i][0] = (char)('0' + i / 10);
-		table.pair[i][1] = (char)('0' + i % 10);
-	}
-	return table;
+/*
+ * The eight decimal digits of a value below 10^8 as eight bytes of 0 to 9, the first digit in the
+ * lowest byte: the value is split into halves of four, two and one digits, all halves at once.
+ * 10486 / 2^20 and 103 / 2^10 divide by 100 and 10 without loss in the ranges that occur.
+ */
+static inline uint64_t eight_digits(uint32_t value) {
+	uint64_t fours = value / 10000 | (uint64_t)(value % 10000) << 32;
+	uint64_t high = (fours * 10486 >> 20) & 0x0000007f0000007fULL;
+	uint64_t twos = high | (fours - 100 * high) << 16;
+	uint64_t tens = (twos * 103 >> 10) & 0x000f000f000f000fULL;
+	return tens | (twos - 10 * tens) << 8;
 }
 
-static constexpr digit_pairs DIGIT_PAIRS = make_digit_pairs();
+static inline void put_eight_digits(char *out, uint64_t digits) {
+	digits |= 0x3030303030303030ULL;
+	memcpy(out, &digits, sizeof digits);
+}
+
+/* A value below 10^8 without leading zeros. */
+static inline size_t put_short_number(char *out, uint32_t value) {
+	uint64_t digits = eight_digits(value);
+	unsigned zeros = (unsigned)__builtin_ctzll(digits | 1ULL << 56) / 8;
+	digits |= 0x3030303030303030ULL;
+	digits >>= 8 * zeros;
+	memcpy(out, &digits, sizeof digits);
+	return 8 - zeros;
+}
 
 size_t kaq_format_u64(char *out, uint64_t value) {
-	char digits[KAQ_FORMAT_U64_MAX];
-	char *first = digits + sizeof digits;
-	while (value >= 100) {
-		first -= 2;
-		memcpy(first, DIGIT_PAIRS.pair[value % 100], 2);
-		value /= 100;
+	if (value < EIGHT_DIGITS) {
+		return put_short_number(out, (uint32_t)value);
 	}
-	if (value >= 10) {
-		first -= 2;
-		memcpy(first, DIGIT_PAIRS.pair[value], 2);
+	size_t length = 0;
+	uint64_t upper = value / EIGHT_DIGITS;
+	if (upper >= EIGHT_DIGITS) {
+		length = put_short_number(out, (uint32_t)(upper / EIGHT_DIGITS));
+		put_eight_digits(out + length, eight_digits((uint32_t)(upper % EIGHT_DIGITS)));
+		length += 8;
 	} else {
-		*--first = (char)('0' + value);
+		length = put_short_number(out, (uint32_t)upper);
 	}
-	size_t length = (size_t)(digits + sizeof digits - first);
-	memcpy(out, first, length);
-	return length;
+	put_eight_digits(out + length, eight_digits((uint32_t)(value % EIGHT_DIGITS)));
+	return length + 8;
 }
 
 size_t kaq_format_i64(char *out, int64_t value) {

@@ -25,12 +25,14 @@
  */
 size_t kaq_json_escape(char *out, const char *text, size_t len);
 
-/* Most bytes that the two functions below write. */
-#define KAQ_FORMAT_U64_MAX 20
-#define KAQ_FORMAT_I64_MAX 20
+/* Room that the two functions below need; eight digits are stored at a time. */
+#define KAQ_FORMAT_U64_MAX 24
+#define KAQ_FORMAT_I64_MAX 25
 
-/* Writes the decimal digits of `value`, no sign, no NUL, and returns their number (1 to 20). */
+/*
+ * Writes the decimal digits of `value`, no sign, no NUL, and returns their number (1 to 20).
+ * REQUIRES: `out` has KAQ_FORMAT_U64_MAX bytes, which may all be overwritten.
+ */
 size_t kaq_format_u64(char *out, uint64_t value);
-
-/* The same with a leading minus sign for negative values. */
+/* The same with a leading minus sign for negative values, in KAQ_FORMAT_I64_MAX bytes. */
 size_t kaq_format_i64(char *out, int64_t value);

@@ -116,22 +116,34 @@ int kaq_base64_has_avx2(void) {
 	return __builtin_cpu_supports("avx2") != 0;
 }
 
-char *kaq_base64_encode_with_newline(const char *src, size_t len) {
+char *kaq_base64_encode_line(char **line, size_t *room, const char *src, size_t len) {
 	/* The multiplication wraps for huge lengths, and the sum then lies below len. */
 	size_t size = len * 4 / 3 + 6;
 	if (size < len) {
 		return nullptr;
 	}
-	char *out = (char *)malloc(size);
-	if (out == nullptr) {
-		return nullptr;
+	if (size > *room) {
+		char *larger = (char *)malloc(size);
+		if (larger == nullptr) {
+			return nullptr;
+		}
+		free(*line);
+		*line = larger;
+		*room = size;
 	}
+	char *out = *line;
 	const unsigned char *bytes = (const unsigned char *)src;
 	size_t used = kaq_base64_has_avx2() ? kaq_base64_encode_avx2(out, bytes, len)
 										: kaq_base64_encode_scalar(out, bytes, len);
 	out[used] = '\n';
 	out[used + 1] = '\0';
 	return out;
+}
+
+char *kaq_base64_encode_with_newline(const char *src, size_t len) {
+	char *line = nullptr;
+	size_t room = 0;
+	return kaq_base64_encode_line(&line, &room, src, len);
 }
 
 /* Writes what the padding leaves of a group; 0 when there is too much of it. */

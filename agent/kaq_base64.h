@@ -1,7 +1,7 @@
 /*
  * Base64 (RFC 4648 alphabet, padding with "=") for the records of the data port.
  *
- * All results are new blocks of the process heap that the caller frees. No state; any thread.
+ * Results are blocks of the process heap that the caller frees. No state; any thread.
  */
 #pragma once
 
@@ -15,6 +15,13 @@
  * REQUIRES: `src` has `len` readable bytes; it may be null when len is 0.
  */
 char *kaq_base64_encode_with_newline(const char *src, size_t len);
+
+/*
+ * The same into a block that the caller keeps from one line to the next: *line is a block of the
+ * process heap of *room bytes, or null with *room 0, and is replaced when it is too small.
+ * Returns *line, or null, with both unchanged, where the function above returns null.
+ */
+char *kaq_base64_encode_line(char **line, size_t *room, const char *src, size_t len);
 
 /*
  * Decodes `len` characters. Bytes outside the alphabet are skipped. The block holds three bytes

@@ -11,22 +11,21 @@
 /* Text is escaped in blocks, so that the room reserved for the worst case stays small. */
 #define KAQ_ESCAPE_BLOCK 4096
 
-char *kaq_buf_reserve(smart_str *buffer, size_t extra) {
-	size_t length = kaq_buf_length(buffer);
-	if (!buffer->s || length + extra >= buffer->a) {
-		size_t wanted = length + extra;
-		smart_str_realloc(buffer, wanted > 2 * buffer->a ? wanted : 2 * buffer->a);
-	}
-	return ZSTR_VAL(buffer->s) + length;
-}
-
-void kaq_buf_append(smart_str *buffer, const char *text, size_t length) {
-	memcpy(kaq_buf_reserve(buffer, length), text, length);
-	ZSTR_LEN(buffer->s) += length;
+void kaq_buf_grow(smart_str *buffer, size_t extra) {
+	size_t wanted = kaq_buf_length(buffer) + extra;
+	smart_str_realloc(buffer, wanted > 2 * buffer->a ? wanted : 2 * buffer->a);
 }
 
 void kaq_buf_terminate(smart_str *buffer) {
 	*kaq_buf_reserve(buffer, 1) = '\0';
+}
+
+void kaq_buf_reset(smart_str *buffer, size_t most) {
+	if (buffer->a > most) {
+		kaq_buf_free(buffer);
+	} else if (buffer->s) {
+		ZSTR_LEN(buffer->s) = 0;
+	}
 }
 
 void kaq_buf_free(smart_str *buffer) {
@@ -42,34 +41,45 @@ static void kaq_buf_append_char(smart_str *buffer, char character) {
 	ZSTR_LEN(buffer->s)++;
 }
 
-void kaq_append_as_json_compatible_string(smart_str *buffer, const char *text) {
-	if (!text) {
-		return;
-	}
-	size_t left = strlen(text);
+static void kaq_append_escaped(smart_str *buffer, const char *text, size_t left) {
 	while (left > 0) {
 		size_t block = left < KAQ_ESCAPE_BLOCK ? left : KAQ_ESCAPE_BLOCK;
 		char *out = kaq_buf_reserve(buffer, KAQ_JSON_ESCAPE_MAX(block));
-		ZSTR_LEN(buffer->s) += kaq_json_escape(out, text, block);
+		kaq_buf_commit(buffer, out + kaq_json_escape(out, text, block));
 		text += block;
 		left -= block;
 	}
 }
 
+void kaq_append_as_json_compatible_string(smart_str *buffer, const char *text) {
+	if (text) {
+		kaq_append_escaped(buffer, text, strlen(text));
+	}
+}
+
 void kaq_append_as_json_compatible_string_withquotes(smart_str *buffer, const char *text) {
+	size_t length = text ? strlen(text) : 0;
+	if (length <= KAQ_ESCAPE_BLOCK) {
+		char *out = kaq_buf_reserve(buffer, KAQ_JSON_ESCAPE_MAX(length) + 2);
+		*out++ = '"';
+		out += kaq_json_escape(out, text, length);
+		*out++ = '"';
+		kaq_buf_commit(buffer, out);
+		return;
+	}
 	kaq_buf_append_char(buffer, '"');
-	kaq_append_as_json_compatible_string(buffer, text);
+	kaq_append_escaped(buffer, text, length);
 	kaq_buf_append_char(buffer, '"');
 }
 
 void kaq_append_unsigned_long_long(smart_str *buffer, uint64_t value) {
 	char *out = kaq_buf_reserve(buffer, KAQ_FORMAT_U64_MAX);
-	ZSTR_LEN(buffer->s) += kaq_format_u64(out, value);
+	kaq_buf_commit(buffer, out + kaq_format_u64(out, value));
 }
 
 void kaq_append_signed(smart_str *buffer, int64_t value) {
-	char *out = kaq_buf_reserve(buffer, KAQ_FORMAT_U64_MAX);
-	ZSTR_LEN(buffer->s) += kaq_format_i64(out, value);
+	char *out = kaq_buf_reserve(buffer, KAQ_FORMAT_I64_MAX);
+	kaq_buf_commit(buffer, out + kaq_format_i64(out, value));
 }
 
 void kaq_append_as_json_key_value(smart_str *, const char *, const char *, int, int) {

@@ -22,14 +22,29 @@
 /* A value whose text would grow beyond this counts as absent. */
 #define KAQ_JSON_MAX_TEXT ((size_t)128 * 1024 * 1024)
 
-/* Makes room for `extra` more bytes; growth is geometric. Returns where they go. */
-char *kaq_buf_reserve(smart_str *buffer, size_t extra);
-void kaq_buf_append(smart_str *buffer, const char *text, size_t length);
-void kaq_buf_terminate(smart_str *buffer);
-void kaq_buf_free(smart_str *buffer);
+/* Enlarges a buffer that has no room for `extra` more bytes; growth is geometric. */
+void kaq_buf_grow(smart_str *buffer, size_t extra);
 
 static inline size_t kaq_buf_length(const smart_str *buffer) {
 	return buffer->s ? ZSTR_LEN(buffer->s) : 0;
+}
+
+/* Makes room for `extra` more bytes and returns where they go. */
+static inline char *kaq_buf_reserve(smart_str *buffer, size_t extra) {
+	if (UNEXPECTED(!buffer->s || ZSTR_LEN(buffer->s) + extra >= buffer->a)) {
+		kaq_buf_grow(buffer, extra);
+	}
+	return ZSTR_VAL(buffer->s) + ZSTR_LEN(buffer->s);
+}
+
+/* What stands before `end` in the room that was reserved now belongs to the text. */
+static inline void kaq_buf_commit(smart_str *buffer, const char *end) {
+	ZSTR_LEN(buffer->s) = (size_t)(end - ZSTR_VAL(buffer->s));
+}
+
+static inline void kaq_buf_append(smart_str *buffer, const char *text, size_t length) {
+	char *out = kaq_buf_reserve(buffer, length);
+	kaq_buf_commit(buffer, (char *)memcpy(out, text, length) + length);
 }
 
 /* Appends a string literal. */
@@ -37,6 +52,16 @@ template <size_t size>
 static inline void kaq_buf_literal(smart_str *buffer, const char (&text)[size]) {
 	kaq_buf_append(buffer, text, size - 1);
 }
+
+/* Writes a string literal into reserved room and returns its end. */
+template <size_t size> static inline char *kaq_put_literal(char *out, const char (&text)[size]) {
+	return (char *)memcpy(out, text, size - 1) + size - 1;
+}
+
+void kaq_buf_terminate(smart_str *buffer);
+/* Forgets the text and keeps the room, or gives back room of more than `most` bytes. */
+void kaq_buf_reset(smart_str *buffer, size_t most);
+void kaq_buf_free(smart_str *buffer);
 
 /* A NUL-terminated string as JSON string content; null and "" append nothing. */
 void kaq_append_as_json_compatible_string(smart_str *buffer, const char *text);

@@ -12,6 +12,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+/* Buffers up to this size stay with the thread: taking a few hundred KB from the system and giving
+ * them back for every request costs more than filling them. */
+#define KAQ_KEPT_BUFFER_SIZE (512 * 1024)
+
 /* First guess of a payload's size, so that a usual one never grows its buffer. */
 #define KAQ_PAYLOAD_BASE_SIZE 8192
 #define KAQ_PAYLOAD_SPAN_SIZE 192
@@ -167,8 +171,25 @@ void kaq_form_payload(smart_str *out, kaq_node **nodes) {
 	kaq_buf_literal(out, "}}");
 }
 
+static void kaq_keep_usual_buffers(zend_kaq_globals *g) {
+	kaq_buf_reset(&g->payload_text, KAQ_KEPT_BUFFER_SIZE);
+	if (g->payload_line_room > KAQ_KEPT_BUFFER_SIZE) {
+		free(g->payload_line);
+		g->payload_line = NULL;
+		g->payload_line_room = 0;
+	}
+}
+
+const char *kaq_form_payload_line(kaq_node **nodes) {
+	zend_kaq_globals *g = kaq_get_globals();
+	kaq_buf_reset(&g->payload_text, KAQ_KEPT_BUFFER_SIZE);
+	kaq_form_payload(&g->payload_text, nodes);
+	return kaq_base64_encode_line(&g->payload_line, &g->payload_line_room,
+								  ZSTR_VAL(g->payload_text.s), ZSTR_LEN(g->payload_text.s));
+}
+
 void kaq_request_data_dump_ex(void) {
-	const zend_kaq_globals *g = kaq_get_globals();
+	zend_kaq_globals *g = kaq_get_globals();
 	if (!g->request_uri || !g->request_uri[0]) {
 		send_packed_data_tcp("message:\tNo request URI Found\n");
 		return;
@@ -180,11 +201,7 @@ void kaq_request_data_dump_ex(void) {
 	if (!nodes) {
 		return;
 	}
-	smart_str document = {NULL, 0};
-	kaq_form_payload(&document, nodes);
-	char *line = kaq_base64_encode_with_newline(ZSTR_VAL(document.s), ZSTR_LEN(document.s));
-	kaq_buf_free(&document);
-	send_packed_data_tcp(line);
-	free(line);
+	send_packed_data_tcp(kaq_form_payload_line(nodes));
+	kaq_keep_usual_buffers(g);
 	free(nodes);
 }

@@ -11,6 +11,10 @@
  * REQUIRES: every span is closed, end_time and the CPU time are set. */
 void kaq_request_data_dump_ex(void);
 
+/* The whole document as one Base64 line with its line feed, in the thread's payload buffers, where
+ * it stays until the next call. Null when memory is short. */
+const char *kaq_form_payload_line(kaq_node **nodes);
+
 /* Appends the whole document. `nodes` holds node_buffer_len spans by key; a null entry is left
  * out. */
 void kaq_form_payload(smart_str *out, kaq_node **nodes);

@@ -1,3 +1,4 @@
+#include "agent/json_escape.h"
 #include "agent/kaq_json.h"
 #include "agent/payload.h"
 #include "core/php_kaq.h"
@@ -24,19 +25,38 @@ static void kaq_append_text(smart_str *out, const char (&key)[size], const char 
 	}
 }
 
+/* Names longer than this together are appended piece by piece. */
+#define KAQ_USUAL_NAME_LENGTH 1024
+
+static void kaq_append_long_name(smart_str *out, const kaq_function *fi) {
+	kaq_buf_literal(out, ",\"fn\":\"");
+	kaq_append_as_json_compatible_string(out, fi->class_name);
+	if (fi->class_name) {
+		kaq_buf_literal(out, "::");
+	}
+	kaq_append_as_json_compatible_string(out, fi->function_name);
+	kaq_buf_literal(out, "\"");
+}
+
 static void kaq_append_function_name(smart_str *out, const kaq_function *fi) {
 	if (!fi->function_name) {
 		return;
 	}
-	if (!fi->class_name) {
-		kaq_append_text(out, ",\"fn\":", fi->function_name);
+	size_t class_length = fi->class_name ? strlen(fi->class_name) : 0;
+	size_t length = strlen(fi->function_name);
+	if (class_length + length > KAQ_USUAL_NAME_LENGTH) {
+		kaq_append_long_name(out, fi);
 		return;
 	}
-	kaq_buf_literal(out, ",\"fn\":\"");
-	kaq_append_as_json_compatible_string(out, fi->class_name);
-	kaq_buf_literal(out, "::");
-	kaq_append_as_json_compatible_string(out, fi->function_name);
-	kaq_buf_literal(out, "\"");
+	char *end = kaq_buf_reserve(out, 16 + KAQ_JSON_ESCAPE_MAX(class_length + length));
+	end = kaq_put_literal(end, ",\"fn\":\"");
+	if (fi->class_name) {
+		end += kaq_json_escape(end, fi->class_name, class_length);
+		end = kaq_put_literal(end, "::");
+	}
+	end += kaq_json_escape(end, fi->function_name, length);
+	*end++ = '"';
+	kaq_buf_commit(out, end);
 }
 
 static void kaq_append_arg_data(smart_str *out, const struct _arg_data *arg) {
@@ -65,27 +85,64 @@ static void kaq_append_arg_data(smart_str *out, const struct _arg_data *arg) {
 	}
 }
 
+/* Room for the members of fixed size that stand before, and behind, the function's name. */
+#define KAQ_SPAN_HEAD_ROOM 128
+#define KAQ_SPAN_IDS_ROOM 80
+
+static void kaq_append_span_head(smart_str *out, const struct kaq_node_data *data) {
+	char *end = kaq_buf_reserve(out, KAQ_SPAN_HEAD_ROOM);
+	end = kaq_put_literal(end, "\"st\":");
+	end += kaq_format_u64(end, data->start_time);
+	end = kaq_put_literal(end, ",\"et\":");
+	end += kaq_format_u64(end, data->end_time);
+	end = kaq_put_literal(end, ",\"mo\":");
+	end += kaq_format_i64(end, data->key);
+	kaq_buf_commit(out, end);
+}
+
+static void kaq_append_component(smart_str *out, const kaq_function *fi) {
+	if (memcmp(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT)) == 0) {
+		kaq_buf_literal(out, ",\"cn\":\"" KAQ_PHP_COMPONENT "\"");
+	} else {
+		kaq_append_text(out, ",\"cn\":", fi->component_name[0] ? fi->component_name : NULL);
+	}
+}
+
+/* A span id is made of hexadecimal digits and needs no escaping. */
+template <size_t size>
+static char *kaq_put_span_id(char *end, const char (&key)[size], const char *span_id) {
+	end = kaq_put_literal(end, key);
+	memcpy(end, span_id, KAQ_SPAN_ID_LENGTH);
+	end += strnlen(span_id, KAQ_SPAN_ID_LENGTH);
+	*end++ = '"';
+	return end;
+}
+
+static void kaq_append_span_ids(smart_str *out, const kaq_function *fi, const kaq_node *parent) {
+	char *end = kaq_buf_reserve(out, KAQ_SPAN_IDS_ROOM);
+	if (fi->span_id[0]) {
+		end = kaq_put_span_id(end, ",\"si\":\"", fi->span_id);
+	}
+	if (parent && parent->data.function_info.span_id[0]) {
+		end = kaq_put_span_id(end, ",\"psi\":\"", parent->data.function_info.span_id);
+	}
+	kaq_buf_commit(out, end);
+}
+
 void kaq_form_method_info(const kaq_node *node, smart_str *out) {
 	const struct kaq_node_data *data = &node->data;
 	const kaq_function *fi = &data->function_info;
-	kaq_buf_literal(out, "\"st\":");
-	kaq_append_unsigned_long_long(out, data->start_time);
-	kaq_buf_literal(out, ",\"et\":");
-	kaq_append_unsigned_long_long(out, data->end_time);
-	kaq_buf_literal(out, ",\"mo\":");
-	kaq_append_signed(out, data->key);
+	kaq_append_span_head(out, data);
 	kaq_append_nonzero(out, ",\"pr\":", fi->priority);
 	kaq_append_function_name(out, fi);
-	kaq_append_text(out, ",\"cn\":", fi->component_name[0] ? fi->component_name : NULL);
+	kaq_append_component(out, fi);
 	kaq_append_nonzero(out, ",\"ex\":", fi->isExternal);
 	if (fi->isAsync) {
 		kaq_buf_literal(out, ",\"ar\":true");
 	}
 	kaq_append_nonzero(out, ",\"if\":", fi->isFault);
 	kaq_append_nonzero(out, ",\"ie\":", fi->isError);
-	kaq_append_text(out, ",\"si\":", fi->span_id[0] ? fi->span_id : NULL);
-	const char *parent_id = data->parent ? data->parent->data.function_info.span_id : "";
-	kaq_append_text(out, ",\"psi\":", parent_id[0] ? parent_id : NULL);
+	kaq_append_span_ids(out, fi, data->parent);
 	kaq_append_arg_data(out, &fi->arg_data);
 }
 

@@ -1,4 +1,5 @@
 #include "agent/host_facts.h"
+#include "agent/kaq_json.h"
 #include "core/lifecycle.h"
 
 #include <stdlib.h>
@@ -97,6 +98,10 @@ void free_globals(zend_kaq_globals *g) {
 	kaq_free_exceptions(g);
 	free(g->cpu_time);
 	g->cpu_time = NULL;
+	kaq_buf_free(&g->payload_text);
+	free(g->payload_line);
+	g->payload_line = NULL;
+	g->payload_line_room = 0;
 	kaq_release_spans(g);
 	kaq_pool_destroy(&g->node_pool);
 }

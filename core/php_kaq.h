@@ -35,83 +35,89 @@ typedef struct kaq_exception_info {
 	int count;
 } kaq_exception;
 
+// clang-format off
 ZEND_BEGIN_MODULE_GLOBALS(kaq)
-int control_signal;   /* 1: the local agent monitors this request */
-int node_buffer_len;  /* span keys handed out, and so the next key */
-int method_threshold; /* ms */
-int capture_clirequest;
-int max_stack_depth;
-int transaction_type;
-int capture_distributed_trace;
-int capture_cassandra;
-int capture_http;
-int capture_httpcall_metadata;
-int capture_mssql;
-int capture_mysql;
-int capture_pdo;
-int capture_postgres;
-int capture_redis;
-int capture_memcached;
-int capture_oracle;
-int tcp_status_port;
-int tcp_data_port;
-int exception_count;
-int error_count;
-int enable_auto_rum;
-int track_errors;
-int track_exceptions;
-int track_zend_execute;
-int track_zend_execute_internal;
-int json_decode_function_exists;
-int span_limit;
-int prune_intermediate_spans;
-int stored_node_count; /* spans placed in the node buffer */
-int rum_injected;
-int is_caller_same_user;
-int is_async_call;
-float sql_trace_threshold;     /* seconds */
-uint64_t start_time, end_time; /* ms since the epoch */
-int64_t memory_usage;          /* reserved, stays 0 */
-/* A setting's last non-empty text (thread), and its copy for the request. */
-char *applicationname;
-char *application_name;
-char *remoteexporterhostname;
-char *remote_exporter_hostname;
-char *remoteexporterip;
-char *remote_exporter_ip;
-char *request_uri;
-char *request_uri_custom_name;
-char *http_host_name;
-char *php_self;
-char *instance_id;
-char *request_method;
-char *query_string;
-char *trace_id;
-char *hostname, *hosttype, *fqdn;
-char *rum_snippet;
-char *session_id;
-char *current_host_ips; /* quoted, comma-separated JSON strings */
-char *applicationgroup;
-char *application_group;
-char *excludedports, *includedports, *use_static_port;
-char *root_parentspanid;
-char *app_id, *app_flow, *normalised_txn_name;
-char *os, *os_arch, *os_version;
-zval *request_headers_zv;
-zval *curl_req_headers_store;
-zval *curl_res_headers_store;
-zval *curl_multi_handle_store;
-zval *curl_multi_reported_store;
-zval *curl_multi_spanid_store;
-zval *curlinfo_effective_url, *curlinfo_http_code, *curlinfo_total_time;
-zval *app_param_avg_zv, *app_param_sum_zv, *custom_params_zv;
-kaq_node *current_node;     /* innermost open span */
-kaq_node_list *node_buffer; /* closed spans, newest first */
-kaq_cpu *cpu_time;
-kaq_exception **exceptionslist;
-kaq_node_list node_list; /* what node_buffer points at */
-kaq_node_pool node_pool; /* every span record of this thread */
+	int control_signal;   /* 1: the local agent monitors this request */
+	int node_buffer_len;  /* span keys handed out, and so the next key */
+	int method_threshold; /* ms */
+	int capture_clirequest;
+	int max_stack_depth;
+	int transaction_type;
+	int capture_distributed_trace;
+	int capture_cassandra;
+	int capture_http;
+	int capture_httpcall_metadata;
+	int capture_mssql;
+	int capture_mysql;
+	int capture_pdo;
+	int capture_postgres;
+	int capture_redis;
+	int capture_memcached;
+	int capture_oracle;
+	int tcp_status_port;
+	int tcp_data_port;
+	int exception_count;
+	int error_count;
+	int enable_auto_rum;
+	int track_errors;
+	int track_exceptions;
+	int track_zend_execute;
+	int track_zend_execute_internal;
+	int json_decode_function_exists;
+	int span_limit;
+	int prune_intermediate_spans;
+	int stored_node_count; /* spans placed in the node buffer */
+	int rum_injected;
+	int is_caller_same_user;
+	int is_async_call;
+	float sql_trace_threshold;     /* seconds */
+	uint64_t start_time, end_time; /* ms since the epoch */
+	int64_t memory_usage;          /* reserved, stays 0 */
+	/* A setting's last non-empty text (thread), and its copy for the request. */
+	char *applicationname;
+	char *application_name;
+	char *remoteexporterhostname;
+	char *remote_exporter_hostname;
+	char *remoteexporterip;
+	char *remote_exporter_ip;
+	char *request_uri;
+	char *request_uri_custom_name;
+	char *http_host_name;
+	char *php_self;
+	char *instance_id;
+	char *request_method;
+	char *query_string;
+	char *trace_id;
+	char *hostname, *hosttype, *fqdn;
+	char *rum_snippet;
+	char *session_id;
+	char *current_host_ips; /* quoted, comma-separated JSON strings */
+	char *applicationgroup;
+	char *application_group;
+	char *excludedports, *includedports, *use_static_port;
+	char *root_parentspanid;
+	char *app_id, *app_flow, *normalised_txn_name;
+	char *os, *os_arch, *os_version;
+	zval *request_headers_zv;
+	zval *curl_req_headers_store;
+	zval *curl_res_headers_store;
+	zval *curl_multi_handle_store;
+	zval *curl_multi_reported_store;
+	zval *curl_multi_spanid_store;
+	zval *curlinfo_effective_url, *curlinfo_http_code, *curlinfo_total_time;
+	zval *app_param_avg_zv, *app_param_sum_zv, *custom_params_zv;
+	kaq_node *current_node;     /* innermost open span */
+	kaq_node_list *node_buffer; /* closed spans, newest first */
+	kaq_cpu *cpu_time;
+	kaq_exception **exceptionslist;
+	kaq_node_list node_list; /* what node_buffer points at */
+	kaq_node_pool node_pool; /* every span record of this thread */
+	/* The payload's text and its line, kept while they are of a usual size. */
+	smart_str payload_text;
+	char *payload_line;
+	size_t payload_line_room;
 ZEND_END_MODULE_GLOBALS(kaq)
+// clang-format on
 
 ZEND_EXTERN_MODULE_GLOBALS(kaq)
 extern zend_module_entry kaq_module_entry;
