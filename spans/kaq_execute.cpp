@@ -1,12 +1,13 @@
 #include "spans/kaq_execute.h"
 
-#include "core/php_kaq.h"
+#include "spans/node_path.h"
 
 #include <string.h>
 
 void (*old_execute_ex)(zend_execute_data *execute_data);
 
-kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
+static inline kaq_node *kaq_populate_in(zend_kaq_globals *g,
+										const zend_execute_data *execute_data) {
 	if (!execute_data || !execute_data->func) {
 		return NULL;
 	}
@@ -15,33 +16,35 @@ kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
 	if (!name) {
 		return NULL;
 	}
-	const zend_class_entry *scope = function->common.scope;
-	kaq_node *node = kaq_create_new_node();
-	if (!node) {
-		return NULL;
+	kaq_node *node = kaq_pool_take(&g->node_pool);
+	if (node) {
+		const zend_class_entry *scope = function->common.scope;
+		kaq_name_user_call(node, scope ? scope->name : NULL, name);
 	}
-	kaq_copy_function_info(&node->data.function_info, scope ? ZSTR_VAL(scope->name) : NULL,
-						   ZSTR_VAL(name), KAQ_PHP_COMPONENT, INTERNAL);
 	return node;
+}
+
+kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
+	return kaq_populate_in(kaq_get_globals(), execute_data);
 }
 
 /* The span limit counts spans in the buffer, not open ones, and holds in unmonitored requests
  * too. */
 static __attribute__((noinline)) kaq_node *kaq_enter_call(const zend_execute_data *execute_data) {
-	const zend_kaq_globals *g = kaq_get_globals();
+	zend_kaq_globals *g = kaq_get_globals();
 	if (g->stored_node_count >= g->span_limit) {
 		return NULL;
 	}
-	kaq_node *node = kaq_populate_function(execute_data);
+	kaq_node *node = kaq_populate_in(g, execute_data);
 	if (node) {
-		kaq_open_node(node);
+		kaq_open_in(g, node);
 	}
 	return node;
 }
 
 static __attribute__((noinline)) void kaq_leave_call(kaq_node *node) {
 	if (node->data.state == KAQ_NODE_OPEN) {
-		kaq_close_node(node);
+		kaq_close_in(kaq_get_globals(), node);
 	}
 }
 

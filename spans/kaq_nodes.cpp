@@ -1,6 +1,6 @@
 #include "core/lifecycle.h"
 #include "diagnostics/stacktrace.h"
-#include "spans/kaq_util.h"
+#include "spans/node_path.h"
 #include "tracing/kaq_random.h"
 #include "util/kaq_clock.h"
 
@@ -12,50 +12,26 @@ kaq_node *kaq_create_new_node(void) {
 }
 
 void kaq_open_node(kaq_node *node) {
-	zend_kaq_globals *g = kaq_get_globals();
-	ZEND_ASSERT(node->data.state == KAQ_NODE_CREATED);
-	node->data.start_time = kaq_now_ms();
-	node->data.state = KAQ_NODE_OPEN;
-	node->data.parent = g->current_node;
-	if (g->current_node) {
-		g->current_node->data.child_count++;
-	}
-	node->data.key = g->node_buffer_len++;
-	g->current_node = node;
-}
-
-static bool kaq_is_php_component(const kaq_function *fi) {
-	return memcmp(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT)) == 0;
-}
-
-static bool kaq_is_slow_query(const zend_kaq_globals *g, const kaq_function *fi, int64_t duration) {
-	return !kaq_is_php_component(fi) && fi->type == DBQUERY &&
-		   (float)duration > 1000.0f * g->sql_trace_threshold;
+	kaq_open_in(kaq_get_globals(), node);
 }
 
 void kaq_close_node(kaq_node *node) {
-	zend_kaq_globals *g = kaq_get_globals();
-	struct kaq_node_data *data = &node->data;
-	kaq_function *fi = &data->function_info;
-	ZEND_ASSERT(data->state == KAQ_NODE_OPEN);
+	kaq_close_in(kaq_get_globals(), node);
+}
 
-	g->current_node = data->parent;
-	data->end_time = kaq_now_ms();
+/* A database query that took longer than the local agent's threshold. */
+static bool kaq_is_slow_query(const zend_kaq_globals *g, const struct kaq_node_data *data) {
 	int64_t duration = (int64_t)(data->end_time - data->start_time);
-	data->is_necessary = duration >= g->method_threshold || fi->isFault || fi->isError ||
-						 fi->priority || !kaq_is_php_component(fi);
-	/* No descendant is left when the newest key in use is this span's own. */
-	if (g->node_buffer_len == data->key + 1) {
-		if (!data->is_necessary && data->key != 0) {
-			kaq_free_node(node);
-			g->node_buffer_len--;
-			return;
-		}
-		if (kaq_is_slow_query(g, fi, duration)) {
-			kaq_make_stacktrace(fi);
-		}
+	return data->function_info.type == DBQUERY &&
+		   (float)duration > 1000.0f * g->sql_trace_threshold;
+}
+
+void kaq_buffer_node(zend_kaq_globals *g, kaq_node *node, bool is_leaf) {
+	kaq_function *fi = &node->data.function_info;
+	if (is_leaf && !kaq_is_php_component(fi) && kaq_is_slow_query(g, &node->data)) {
+		kaq_make_stacktrace(fi);
 	}
-	data->state = KAQ_NODE_BUFFERED;
+	node->data.state = KAQ_NODE_BUFFERED;
 	kaq_insert_node(node);
 }
 
@@ -73,15 +49,19 @@ static kaq_node *kaq_node_of(kaq_function *fi) {
 static void kaq_release_name(kaq_node *node, char **name) {
 	char *text = *name;
 	*name = NULL;
-	if (text && (text < node->name_store || text >= node->name_store + KAQ_NAME_STORE_SIZE)) {
+	if (!kaq_is_stored_name(node, text)) {
 		free(text);
 	}
 }
 
-static void kaq_release_arg_data(struct _arg_data *arg) {
+void kaq_release_texts(kaq_node *node) {
+	kaq_function *fi = &node->data.function_info;
+	struct _arg_data *arg = &fi->arg_data;
 	char *texts[] = {arg->query,     arg->dbconnectHost,      arg->url,
 					 arg->dbname,    arg->externalReqHeaders, arg->externalResHeaders,
 					 arg->stacktrace};
+	kaq_release_name(node, &fi->class_name);
+	kaq_release_name(node, &fi->function_name);
 	for (char *text : texts) {
 		free(text);
 	}
@@ -90,20 +70,8 @@ static void kaq_release_arg_data(struct _arg_data *arg) {
 	}
 }
 
-static bool kaq_has_arg_data(const struct _arg_data *arg) {
-	return (uintptr_t)arg->query | (uintptr_t)arg->dbconnectHost | (uintptr_t)arg->url |
-		   (uintptr_t)arg->dbname | (uintptr_t)arg->externalReqHeaders |
-		   (uintptr_t)arg->externalResHeaders | (uintptr_t)arg->stacktrace |
-		   (uintptr_t)arg->einfo.s;
-}
-
 static void kaq_release_node(kaq_node_pool *pool, kaq_node *node) {
-	kaq_function *fi = &node->data.function_info;
-	kaq_release_name(node, &fi->class_name);
-	kaq_release_name(node, &fi->function_name);
-	if (kaq_has_arg_data(&fi->arg_data)) {
-		kaq_release_arg_data(&fi->arg_data);
-	}
+	kaq_release_texts(node);
 	kaq_pool_give_back(pool, node);
 }
 
