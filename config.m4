@@ -20,6 +20,11 @@ PHP_ARG_ENABLE([kaq-werror],
   [AS_HELP_STRING([--enable-kaq-werror], [Treat warnings in kaq as errors])],
   [no], [no])
 
+PHP_ARG_ENABLE([kaq-debug],
+  [whether kaq checks its preconditions],
+  [AS_HELP_STRING([--enable-kaq-debug], [Build kaq with its preconditions checked])],
+  [no], [no])
+
 if test "$PHP_KAQ" != "no"; then
   PHP_REQUIRE_CXX()
 
@@ -27,6 +32,9 @@ if test "$PHP_KAQ" != "no"; then
   kaq_system_includes=`$PHP_CONFIG --includes | sed 's/-I/-isystem /g'`
   kaq_flags="-std=gnu++17 -O2 -Wall -Wextra -fvisibility=hidden -fno-exceptions -fno-rtti"
   kaq_flags="$kaq_flags -DZEND_ENABLE_STATIC_TSRMLS_CACHE=1 -I@ext_srcdir@ $kaq_system_includes"
+  if test "$PHP_KAQ_DEBUG" != "no"; then
+    kaq_flags="$kaq_flags -DKAQ_DEBUG=1"
+  fi
   if test "$PHP_KAQ_WERROR" != "no"; then
     kaq_flags="$kaq_flags -Werror"
   fi

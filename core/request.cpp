@@ -66,6 +66,7 @@ static void kaq_reset_spans(zend_kaq_globals *g) {
 
 static void kaq_check_necessary_functions(zend_kaq_globals *g) {
 	g->json_decode_function_exists =
+		kaq_has_plain_objects() &&
 		kaq_find_callable_function("json_decode", strlen("json_decode")) != NULL;
 }
 

@@ -28,18 +28,25 @@ kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
 	return kaq_populate_in(kaq_get_globals(), execute_data);
 }
 
+/* What the hook needs after kaq_enter_call, in two registers: were the frame pointer kept across
+ * that call, the hook would save one register more, and deep recursion pays for every one. */
+struct kaq_entered_call {
+	kaq_node *node;
+	zend_execute_data *execute_data;
+};
+
 /* The span limit counts spans in the buffer, not open ones, and holds in unmonitored requests
  * too. */
-static __attribute__((noinline)) kaq_node *kaq_enter_call(const zend_execute_data *execute_data) {
+static __attribute__((noinline)) kaq_entered_call kaq_enter_call(zend_execute_data *execute_data) {
 	zend_kaq_globals *g = kaq_get_globals();
-	if (g->stored_node_count >= g->span_limit) {
-		return NULL;
+	kaq_node *node = NULL;
+	if (g->stored_node_count < g->span_limit) {
+		node = kaq_populate_in(g, execute_data);
+		if (node) {
+			kaq_open_in(g, node);
+		}
 	}
-	kaq_node *node = kaq_populate_in(g, execute_data);
-	if (node) {
-		kaq_open_in(g, node);
-	}
-	return node;
+	return {node, execute_data};
 }
 
 static __attribute__((noinline)) void kaq_leave_call(kaq_node *node) {
@@ -49,14 +56,15 @@ static __attribute__((noinline)) void kaq_leave_call(kaq_node *node) {
 }
 
 void kaq_execute_ex(zend_execute_data *execute_data) {
-	kaq_node *node = kaq_enter_call(execute_data);
-	old_execute_ex(execute_data);
-	if (node) {
-		kaq_leave_call(node);
+	kaq_entered_call call = kaq_enter_call(execute_data);
+	old_execute_ex(call.execute_data);
+	if (call.node) {
+		kaq_leave_call(call.node);
 	}
 }
 
 void kaq_create_main_method(void) {
+	KAQ_REQUIRES(kaq_get_globals()->node_buffer_len == 0);
 	kaq_node *node = kaq_create_new_node();
 	if (!node) {
 		return;

@@ -1,5 +1,6 @@
 #include "core/php_kaq.h"
 #include "spans/kaq_util.h"
+#include "util/kaq_assert.h"
 
 #include <stdlib.h>
 
@@ -40,6 +41,7 @@ static void kaq_reparent_kept(kaq_node **nodes, const int *keep, int count) {
 void kaq_prune_intermediate_nodes(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	int count = g->node_buffer_len;
+	KAQ_REQUIRES(!g->current_node);
 	if (count < 2) {
 		return;
 	}

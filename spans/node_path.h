@@ -5,6 +5,7 @@
 #pragma once
 
 #include "core/php_kaq.h"
+#include "util/kaq_assert.h"
 #include "util/kaq_clock.h"
 
 #include <string.h>
@@ -56,7 +57,7 @@ static inline void kaq_name_user_call(kaq_node *node, const zend_string *class_n
 
 static inline void kaq_open_in(zend_kaq_globals *g, kaq_node *node) {
 	kaq_node *parent = g->current_node;
-	ZEND_ASSERT(node->data.state == KAQ_NODE_CREATED);
+	KAQ_REQUIRES(node->data.state == KAQ_NODE_CREATED);
 	node->data.start_time = kaq_now_ms();
 	node->data.state = KAQ_NODE_OPEN;
 	node->data.parent = parent;
@@ -70,7 +71,7 @@ static inline void kaq_open_in(zend_kaq_globals *g, kaq_node *node) {
 static inline void kaq_close_in(zend_kaq_globals *g, kaq_node *node) {
 	struct kaq_node_data *data = &node->data;
 	const kaq_function *fi = &data->function_info;
-	ZEND_ASSERT(data->state == KAQ_NODE_OPEN);
+	KAQ_REQUIRES(data->state == KAQ_NODE_OPEN);
 	g->current_node = data->parent;
 	data->end_time = kaq_now_ms();
 	int64_t duration = (int64_t)(data->end_time - data->start_time);

@@ -36,6 +36,10 @@ zend_function *kaq_find_callable_function(const char *name, size_t length) {
 	return function;
 }
 
+int kaq_has_plain_objects(void) {
+	return zend_standard_class_def->create_object == NULL;
+}
+
 void kaq_memory_limit_lift(void) {
 	zend_set_memory_limit((size_t)-1 >> 1);
 }

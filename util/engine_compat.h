@@ -77,6 +77,10 @@ zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval
  * internal or has been disabled. */
 zend_function *kaq_find_callable_function(const char *name, size_t length);
 
+/* Whether stdClass can be instantiated: a site may have disabled it, and older engines then warn.
+ */
+int kaq_has_plain_objects(void);
+
 /* Between these two the engine's allocator has no limit, so that work of ours at a moment when the
  * script has used up its memory cannot end in a fatal error of the script. */
 void kaq_memory_limit_lift(void);

@@ -1,7 +1,10 @@
 --TEST--
 A fatal error deep in calls shows the engine's own message and nothing else
 --SKIPIF--
-<?php if (!extension_loaded('kaq')) die('skip kaq is not loaded'); ?>
+<?php
+if (!extension_loaded('kaq')) die('skip kaq is not loaded');
+if (getenv('USE_ZEND_ALLOC') === '0') die('skip no memory_limit without the engine\'s allocator');
+?>
 --INI--
 memory_limit=8M
 --FILE--

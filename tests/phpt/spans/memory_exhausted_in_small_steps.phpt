@@ -1,7 +1,10 @@
 --TEST--
 A script that fills its memory to the last byte ends with the engine's message alone
 --SKIPIF--
-<?php if (!extension_loaded('kaq')) die('skip kaq is not loaded'); ?>
+<?php
+if (!extension_loaded('kaq')) die('skip kaq is not loaded');
+if (getenv('USE_ZEND_ALLOC') === '0') die('skip no memory_limit without the engine\'s allocator');
+?>
 --INI--
 memory_limit=4M
 --FILE--
