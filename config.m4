@@ -47,7 +47,8 @@ if test "$PHP_KAQ" != "no"; then
     agent/port_filter.cpp agent/handshake.cpp agent/payload.cpp agent/payload_spans.cpp \
     agent/json_escape.cpp agent/kaq_json.cpp agent/kaq_base64.cpp agent/request_context.cpp \
     agent/host_facts.cpp \
-    instrumentation/kaq_instrumentation.cpp \
+    instrumentation/registry.cpp instrumentation/dispatch.cpp instrumentation/wrappers.cpp \
+    instrumentation/recipes.cpp instrumentation/arguments.cpp \
     tracing/kaq_random.cpp tracing/header_line.cpp tracing/kaq_headers.cpp \
     tracing/trace_context.cpp \
     diagnostics/stacktrace.cpp diagnostics/crash_handler.cpp diagnostics/kaq_rum.cpp \

@@ -112,6 +112,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	kaq_exception **exceptionslist;
 	kaq_node_list node_list; /* what node_buffer points at */
 	kaq_node_pool node_pool; /* every span record of this thread */
+	int work_done;           /* this thread has its wrappers */
 	/* The payload's text and its line, kept while they are of a usual size. */
 	smart_str payload_text;
 	char *payload_line;

@@ -1,14 +1,75 @@
 /*
- * The instrumented internal functions: one wrap record each, built at module start, installed at
- * the first request, released at module end.
+ * The instrumented internal functions: one wrap record each, built at module start, installed when
+ * a thread serves its first request, released at module end.
+ *
+ * Installing a record replaces the function's handler in the engine's table by the record's outer
+ * wrapper. A thread-safe engine gives every thread its own copy of every function, while classes
+ * are shared: functions are wrapped in the table of each thread, methods once per process.
+ *
+ * The records, and the slots through which the wrappers find them, are written at module start, at
+ * installation under a lock, and at module end; requests only read them.
  */
 #pragma once
 
-/* Builds the list of wrap records. Once per module start, after the settings are registered. */
+#include "spans/kaq_util.h"
+
+typedef void (*kaq_phpfn_t)(zend_execute_data *execute_data, zval *return_value);
+
+typedef struct kaq_internalfn kaq_internalfn_t;
+struct kaq_internalfn {
+	kaq_internalfn_t *next;
+	/* "function" or "class::method", in lower case. */
+	const char *full_name;
+	const char *extra; /* reserved, null */
+	kaq_internalfn_t **outer_wrapper_global;
+	kaq_phpfn_t outer_wrapper;
+	void (*inner_wrapper)(zend_execute_data *execute_data, zval *return_value,
+						  kaq_internalfn_t *wraprec, kaq_node *node);
+	kaq_phpfn_t oldhandler; /* what the outer wrapper replaced; the same in every thread */
+	int is_enabled;
+	int is_wrapped;
+};
+
+/* Newest record first. */
+extern kaq_internalfn_t *kaq_wrapped_internal_functions;
+
+/* Builds the records of the table, each enabled by its group's capture setting as it is now. Does
+ * nothing when there are records. Once per module start, after the settings are registered. */
 void kaq_generate_internal_wrap_records(void);
 
-/* Installs the enabled wrappers. Called at every request start. */
-void kaq_late_initialization(void);
+/* A zeroed record at the head of the list, or null when memory is short. */
+kaq_internalfn_t *kaq_get_wraprec(void);
 
-/* Releases the wrap records. */
+/* Installs the enabled wrappers that this thread lacks. Called at every request start; the work is
+ * done at a thread's first. */
+void kaq_late_initialization(void);
+void kaq_add_internal_instrumentation(void);
+
+/* Installs one record: not when its function or class is missing, is no internal one, or has been
+ * disabled by the site. */
+void kaq_wrap_internal_function(kaq_internalfn_t *wraprec);
+
+/* Releases the records and empties their slots. Wrappers that stay in the engine's tables then do
+ * nothing when called. */
 void kaq_destroy_internal_wrap_records(void);
+void kaq_internal_wraprec_destroy(kaq_internalfn_t **wraprec);
+
+/* The parts of a full name as new heap strings: what follows the first "::" or all of it; what
+ * stands before the first ":", or null. */
+char *kaq_function_name_from_full_name(const char *full_name);
+char *kaq_class_name_from_full_name(const char *full_name);
+
+/* Exact look-ups; null when there is none, and for a null or empty name. */
+zend_function *kaq_find_function(const char *name);
+zend_class_entry *kaq_find_class(const char *name);
+zend_function *kaq_find_class_method(zend_class_entry *ce, const char *name);
+
+/* What every outer wrapper does: records a span around the call if this request records any, else
+ * just runs the saved handler. A null record, or one that is not installed: nothing happens, the
+ * function is not even called. */
+void kaq_instrument_delegate(kaq_internalfn_t *wraprec, zend_execute_data *execute_data,
+							 zval *return_value);
+
+/* Calls a handler and catches a bailout. Returns 1 if there was one. */
+int kaq_zend_call_old_handler(kaq_phpfn_t oldhandler, zend_execute_data *execute_data,
+							  zval *return_value);

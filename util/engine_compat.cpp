@@ -25,15 +25,21 @@ zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval
 zend_function *kaq_find_callable_function(const char *name, size_t length) {
 	zend_function *function =
 		(zend_function *)zend_hash_str_find_ptr(EG(function_table), name, length);
-	if (!function || function->type != ZEND_INTERNAL_FUNCTION) {
+	if (!function || function->type != ZEND_INTERNAL_FUNCTION ||
+		kaq_is_disabled_function(function)) {
 		return NULL;
 	}
-#if PHP_VERSION_ID < 80000
-	if (function->internal_function.handler == ZEND_FN(display_disabled_function)) {
-		return NULL;
-	}
-#endif
 	return function;
+}
+
+/* Later engines take a disabled function out of the table. */
+int kaq_is_disabled_function(const zend_function *function) {
+#if PHP_VERSION_ID < 80000
+	return function->internal_function.handler == ZEND_FN(display_disabled_function);
+#else
+	(void)function;
+	return 0;
+#endif
 }
 
 int kaq_has_plain_objects(void) {

@@ -77,6 +77,30 @@ zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval
  * internal or has been disabled. */
 zend_function *kaq_find_callable_function(const char *name, size_t length);
 
+/* Handles of some extensions (curl, pgsql) are resources, in later engines objects. */
+#if PHP_VERSION_ID < 80000
+#define KAQ_HANDLES_ARE_OBJECTS 0
+#else
+#define KAQ_HANDLES_ARE_OBJECTS 1
+#endif
+
+/* A parse of arguments that fails warns, in later engines it throws. */
+#if PHP_VERSION_ID < 80000
+#define KAQ_PARSE_FAILURES_THROW 0
+#else
+#define KAQ_PARSE_FAILURES_THROW 1
+#endif
+
+/* Null for a scalar parameter is taken as the empty value, in later engines with a deprecation. */
+#if PHP_VERSION_ID < 80100
+#define KAQ_NULL_SCALARS_DEPRECATED 0
+#else
+#define KAQ_NULL_SCALARS_DEPRECATED 1
+#endif
+
+/* Whether the site has disabled the internal function. */
+int kaq_is_disabled_function(const zend_function *function);
+
 /* Whether stdClass can be instantiated: a site may have disabled it, and older engines then warn.
  */
 int kaq_has_plain_objects(void);

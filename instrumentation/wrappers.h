@@ -1,0 +1,24 @@
+/*
+ * The wrappers that the table of instrumented functions expands to, as data for the registry.
+ */
+#pragma once
+
+#include "instrumentation/kaq_instrumentation.h"
+
+#include <stddef.h>
+
+#define KAQ_WRAPPED_FUNCTION_COUNT 148
+
+/* Value of `capture` for a function whose wrapper is never installed. */
+#define KAQ_NEVER ((size_t)-1)
+
+typedef struct {
+	const char *full_name;
+	size_t capture; /* offset of the group's capture setting in the thread's record */
+	kaq_internalfn_t **outer_wrapper_global;
+	kaq_phpfn_t outer_wrapper;
+	void (*inner_wrapper)(zend_execute_data *execute_data, zval *return_value,
+						  kaq_internalfn_t *wraprec, kaq_node *node);
+} kaq_wrapper;
+
+extern const kaq_wrapper kaq_wrappers[KAQ_WRAPPED_FUNCTION_COUNT];
