@@ -16,8 +16,8 @@ typedef struct {
 	zval *value[KAQ_MAX_ARGUMENTS];
 } kaq_arguments;
 
-/* Tries the layouts in order (see recipes.h). With `warn` the engine reports, once, what does not fit
- * the first of them, where such a report is a warning and not an exception. Returns 1 when one
+/* Tries the layouts in order (see recipes.h). With `warn` the engine reports, once, what does not
+ * fit the first of them, where such a report is a warning and not an exception. Returns 1 when one
  * fitted; otherwise everything reads as not passed. REQUIRES: the wrapped function is the running
  * frame. */
 int kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, int warn,

@@ -25,7 +25,7 @@ void kaq_generate_internal_wrap_records(void) {
 		return;
 	}
 	const zend_kaq_globals *g = kaq_get_globals();
-	for (size_t i = 0; i < KAQ_WRAPPED_FUNCTION_COUNT; i++) {
+	for (size_t i = 0; i < kaq_wrapper_count; i++) {
 		const kaq_wrapper *row = &kaq_wrappers[i];
 		kaq_internalfn_t *wraprec = kaq_get_wraprec();
 		if (!wraprec) {
@@ -76,7 +76,8 @@ static zend_function *kaq_find_wrapped(const char *full_name) {
 	return function;
 }
 
-/* A thread's table may be a copy of one in which the wrapper stands already. */
+/* A thread's table may be a copy of one in which the wrapper stands already. The saved handler is
+ * the same in all of them. */
 void kaq_wrap_internal_function(kaq_internalfn_t *wraprec) {
 	zend_function *function = kaq_find_wrapped(wraprec->full_name);
 	if (!function || function->type != ZEND_INTERNAL_FUNCTION ||
@@ -87,11 +88,13 @@ void kaq_wrap_internal_function(kaq_internalfn_t *wraprec) {
 	if (internal->handler == wraprec->outer_wrapper) {
 		return;
 	}
-	wraprec->oldhandler = internal->handler;
-	if (wraprec->outer_wrapper_global) {
-		*wraprec->outer_wrapper_global = wraprec;
+	if (!wraprec->is_wrapped) {
+		wraprec->oldhandler = internal->handler;
+		if (wraprec->outer_wrapper_global) {
+			*wraprec->outer_wrapper_global = wraprec;
+		}
+		wraprec->is_wrapped = 1;
 	}
-	wraprec->is_wrapped = 1;
 	__atomic_store_n(&internal->handler, wraprec->outer_wrapper, __ATOMIC_RELEASE);
 }
 

@@ -40,9 +40,7 @@ static const size_t kaq_group_never = KAQ_NEVER;
 	{key, kaq_group_##group, &_kaq_outer_wrapper_global_##id, _kaq_outer_wrapper_function_##id, \
 	 _kaq_inner_wrapper_function_##id},
 
-#define KAQ_COUNT_ROW(...) +1
-static_assert(0 KAQ_WRAPPED_FUNCTIONS(KAQ_COUNT_ROW) == KAQ_WRAPPED_FUNCTION_COUNT,
-			  "a row of the table was lost or added");
+const kaq_wrapper kaq_wrappers[] = {KAQ_WRAPPED_FUNCTIONS(KAQ_WRAPPER_ROW)};
 
-const kaq_wrapper kaq_wrappers[KAQ_WRAPPED_FUNCTION_COUNT] = {
-	KAQ_WRAPPED_FUNCTIONS(KAQ_WRAPPER_ROW)};
+const size_t kaq_wrapper_count = sizeof kaq_wrappers / sizeof kaq_wrappers[0];
+static_assert(sizeof kaq_wrappers / sizeof kaq_wrappers[0] >= 148, "the table has lost a row");

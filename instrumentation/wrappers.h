@@ -7,8 +7,6 @@
 
 #include <stddef.h>
 
-#define KAQ_WRAPPED_FUNCTION_COUNT 148
-
 /* Value of `capture` for a function whose wrapper is never installed. */
 #define KAQ_NEVER ((size_t)-1)
 
@@ -21,4 +19,6 @@ typedef struct {
 						  kaq_internalfn_t *wraprec, kaq_node *node);
 } kaq_wrapper;
 
-extern const kaq_wrapper kaq_wrappers[KAQ_WRAPPED_FUNCTION_COUNT];
+/* In the order of the table. */
+extern const kaq_wrapper kaq_wrappers[];
+extern const size_t kaq_wrapper_count;
