@@ -1,0 +1,140 @@
+"""What every measurement needs: the programs, the variants, the agent, the arithmetic."""
+import os
+import resource
+import statistics
+import subprocess
+import sys
+import time
+
+CHILD_SECONDS = 300
+STACK_BYTES = 8 * 1024 * 1024
+KEEP_ALL = ("-d", "kaq.method_threshold=0", "-d", "kaq.span_limit=2000000000")
+
+BARE, CHAIN, CLOCK = "bare", "chain", "clock"
+UNMONITORED, DROPPED, KEPT = "unmonitored", "dropped", "kept"
+TITLES = {
+    BARE: "bare engine",
+    CHAIN: "hook that only chains",
+    CLOCK: "hook with two clock reads",
+    UNMONITORED: "kaq, request not monitored",
+    DROPPED: "kaq, short calls dropped",
+    KEPT: "kaq, every span kept",
+}
+VARIANTS = tuple(TITLES)
+
+
+class BenchError(Exception):
+    """A measurement that could not be made, or one that measured something else."""
+
+
+def progress(text):
+    print("[bench] " + text, file=sys.stderr, flush=True)
+
+
+class Agent:
+    """The local agent of the benchmarks, a child process."""
+
+    def __init__(self, program):
+        self._child = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                       text=True)
+        words = self._child.stdout.readline().split()
+        if len(words) != 6:
+            raise BenchError("the agent did not start")
+        self.monitored, self.unmonitored, self.data = (int(port) for port in words[1::2])
+
+    def counts(self):
+        """Transactions, notices and bytes received so far."""
+        self._child.stdin.write("counts\n")
+        self._child.stdin.flush()
+        return tuple(int(word) for word in self._child.stdout.readline().split()[1::2])
+
+    def transactions_reach(self, expected, seconds=10.0):
+        """Waits for the agent to have read what clients have sent already."""
+        deadline = time.monotonic() + seconds
+        while self.counts()[0] < expected:
+            if time.monotonic() > deadline:
+                return False
+            time.sleep(0.01)
+        return True
+
+    def stop(self):
+        self._child.stdin.close()
+        try:
+            self._child.wait(10)
+        except subprocess.TimeoutExpired:
+            self._child.kill()
+            self._child.wait()
+
+
+class Setup:
+    """The programs of one engine, and the options that make each variant."""
+
+    def __init__(self, options, agent, scratch):
+        self.php = options.php
+        self.php_cgi = options.php_cgi
+        self.encode = options.encode
+        self.quick = options.quick
+        self.agent = agent
+        self.scratch = scratch
+        self._kaq = options.kaq
+        self._probe = options.probe
+
+    def arguments(self, variant):
+        base = ["-n", "-d", "memory_limit=-1", "-d", "display_errors=stderr"]
+        if variant == BARE:
+            return base
+        if variant in (CHAIN, CLOCK):
+            return base + ["-d", "extension=" + self._probe, "-d", "probe.mode=" + variant]
+        port = self.agent.unmonitored if variant == UNMONITORED else self.agent.monitored
+        options = base + ["-d", "extension=" + self._kaq, "-d", "kaq.status_port=%d" % port,
+                          "-d", "kaq.data_port=%d" % self.agent.data]
+        return options + list(KEEP_ALL) if variant == KEPT else options
+
+    def script(self, name):
+        return os.path.join(os.path.dirname(os.path.abspath(__file__)), "scripts", name)
+
+
+def _usual_stack():
+    hard = resource.getrlimit(resource.RLIMIT_STACK)[1]
+    resource.setrlimit(resource.RLIMIT_STACK, (STACK_BYTES, hard))
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def child(command, seconds=CHILD_SECONDS):
+    """Runs a program under a stack of 8 MB; its completed process, whatever its status."""
+    return subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True, errors="replace", timeout=seconds,
+                          preexec_fn=_usual_stack)
+
+
+def output(command, seconds=CHILD_SECONDS):
+    """The standard output of a program that has to succeed."""
+    done = child(command, seconds)
+    if done.returncode != 0:
+        raise BenchError("%s ended with %d: %s" % (" ".join(command), done.returncode,
+                                                   (done.stderr or done.stdout)[-400:]))
+    return done.stdout
+
+
+def instructions(command, scratch):
+    """Instructions that a program executes, as callgrind counts them."""
+    profile = os.path.join(scratch, "callgrind.out")
+    done = child(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + profile] + command)
+    if done.returncode != 0:
+        raise BenchError("valgrind %s ended with %d: %s"
+                         % (" ".join(command), done.returncode, done.stderr[-400:]))
+    for line in done.stderr.splitlines():
+        if "Collected :" in line:
+            return int(line.split(":", 1)[1].split()[0])
+    raise BenchError("callgrind told no count")
+
+
+def rotated(items, turn):
+    """The items from another one on in each round, so that none always runs first."""
+    turn %= len(items)
+    return items[turn:] + items[:turn]
+
+
+def ratios(over, under):
+    """Median of the rounds' ratios, and the ratio of the two minima."""
+    return (statistics.median(a / b for a, b in zip(over, under)), min(over) / min(under))

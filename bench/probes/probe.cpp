@@ -1,0 +1,65 @@
+/*
+ * Execute hooks to hold the extension against, chosen by the setting "probe.mode" at start:
+ * "chain" only calls the hook before it, "clock" also reads the wall clock before and after.
+ * The clock reads stand in the hook itself, as one would write it first.
+ */
+#include "php.h"
+#include "php_ini.h"
+
+#include <string.h>
+#include <sys/time.h>
+
+static void (*probe_previous)(zend_execute_data *execute_data);
+
+/* Keeps the clock reads from being optimised away. */
+static volatile long probe_elapsed;
+
+static void probe_chain_hook(zend_execute_data *execute_data) {
+	probe_previous(execute_data);
+	/* Keeps the call from becoming a jump: a hook that does anything at all has a frame. */
+	__asm__ volatile("");
+}
+
+static void probe_clock_hook(zend_execute_data *execute_data) {
+	struct timeval start;
+	struct timeval end;
+	gettimeofday(&start, NULL);
+	probe_previous(execute_data);
+	gettimeofday(&end, NULL);
+	probe_elapsed = (end.tv_sec - start.tv_sec) * 1000000 + end.tv_usec - start.tv_usec;
+}
+
+PHP_INI_BEGIN()
+PHP_INI_ENTRY("probe.mode", "chain", PHP_INI_SYSTEM, NULL)
+PHP_INI_END()
+
+static PHP_MINIT_FUNCTION(probe) {
+	REGISTER_INI_ENTRIES();
+	const char *mode = zend_ini_string((char *)"probe.mode", strlen("probe.mode"), 0);
+	probe_previous = zend_execute_ex;
+	zend_execute_ex = strcmp(mode, "clock") == 0 ? probe_clock_hook : probe_chain_hook;
+	return SUCCESS;
+}
+
+static PHP_MSHUTDOWN_FUNCTION(probe) {
+	(void)type;
+	zend_execute_ex = probe_previous;
+	UNREGISTER_INI_ENTRIES();
+	return SUCCESS;
+}
+
+static zend_module_entry probe_module_entry = {STANDARD_MODULE_HEADER,
+											   "probe",
+											   NULL,
+											   PHP_MINIT(probe),
+											   PHP_MSHUTDOWN(probe),
+											   NULL,
+											   NULL,
+											   NULL,
+											   "1",
+											   STANDARD_MODULE_PROPERTIES};
+
+extern "C" ZEND_DLEXPORT zend_module_entry *get_module(void);
+extern "C" ZEND_DLEXPORT zend_module_entry *get_module(void) {
+	return &probe_module_entry;
+}

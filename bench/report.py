@@ -1,0 +1,91 @@
+"""The figures as tables, and each target beside its figure."""
+import calls
+import harness
+import web
+from harness import BARE, CHAIN, CLOCK, DROPPED, VARIANTS
+
+CALL_TARGET = 1.0
+ENCODING_TARGET = 3.0
+DEPTH_TARGET = 0.8
+
+
+def _heading(text):
+    print("\n" + text)
+    print("-" * len(text))
+
+
+def _target(targets, name, figure, text, met):
+    targets.append({"name": name, "figure": figure, "target": text, "met": met})
+    print("  %-58s %7.2f   target %s: %s" % (name, figure, text, "met" if met else "missed"))
+
+
+def _compare(times, unit):
+    """A table of the variants: best, ratio to the bare engine, ratio to the two clock reads."""
+    print("  %-28s %9s %9s  %15s  %15s" % ("", "best " + unit, "added", "to bare", "to two clock"))
+    print("  %-28s %9s %9s  %15s  %15s" % ("", "", "to bare", "median   best", "median   best"))
+    for variant in VARIANTS:
+        bare = harness.ratios(times[variant], times[BARE])
+        clock = harness.ratios(times[variant], times[CLOCK])
+        print("  %-28s %9.1f %9.1f  %7.2f %7.2f  %7.2f %7.2f"
+              % (harness.TITLES[variant], min(times[variant]),
+                 min(times[variant]) - min(times[BARE]), *bare, *clock))
+
+
+def print_calls(times, targets):
+    for workload, title in calls.WORKLOADS.items():
+        _heading("Cost per user call: %s (ns)" % title)
+        _compare(times[workload], "ns")
+    print()
+    for workload, title in calls.WORKLOADS.items():
+        median = harness.ratios(times[workload][DROPPED], times[workload][CLOCK])[0]
+        _target(targets, "short calls dropped to two clock reads, %s" % workload, median,
+                "<= %.2f" % CALL_TARGET, median <= CALL_TARGET)
+
+
+def print_instructions(counts):
+    _heading("Instructions per user call (callgrind)")
+    print("  %-28s %9s %9s" % ("", *counts))
+    for variant in VARIANTS:
+        print("  %-28s %9.1f %9.1f"
+              % (harness.TITLES[variant], *(counts[workload][variant] for workload in counts)))
+    print("  The two clock reads count less than they cost: valgrind turns each into a system call,"
+          "\n  whose instructions it does not see.")
+
+
+def print_requests(times):
+    for query, title in web.PAGES.items():
+        _heading("Cost per web request: %s (us, FastCGI)" % title)
+        _compare(times[query], "us")
+
+
+def print_encoding(times, counts, targets):
+    _heading("Encoding: payload and Base64 against json_encode and base64_encode")
+    print("  %8s %10s %12s %12s %12s  %15s"
+          % ("spans", "bytes", "kaq us", "engine us", "kaq ns/span", "median   best"))
+    for spans, (size, own, engine) in times.items():
+        print("  %8d %10d %12.1f %12.1f %12.1f  %7.2f %7.2f"
+              % (spans, size, min(own) / 1e3, min(engine) / 1e3, min(own) / spans,
+                 *harness.ratios(engine, own)))
+    if counts:
+        print("  instructions per span: kaq %.0f, engine %.0f, ratio %.2f"
+              % (counts["own"], counts["engine"], counts["engine"] / counts["own"]))
+    print()
+    for spans, (_, own, engine) in times.items():
+        median = harness.ratios(engine, own)[0]
+        _target(targets, "engine's time to ours, %d spans" % spans, median,
+                ">= %.1f" % ENCODING_TARGET, median >= ENCODING_TARGET)
+
+
+def print_depths(depths, targets):
+    _heading("Recursion depth under an 8 MB stack")
+    print("  %-28s %10s %10s" % ("", *depths))
+    for variant in depths["function"]:
+        row = [depths[kind][variant] for kind in depths]
+        print("  %-28s %10s %10s"
+              % (harness.TITLES[variant],
+                 *("no limit" if depth is None else depth for depth in row)))
+    print()
+    for kind in depths:
+        share = depths[kind][DROPPED] / depths[kind][CHAIN]
+        _target(targets, "depth to that of a hook that only chains, %s" % kind, share,
+                ">= %.2f" % DEPTH_TARGET, share >= DEPTH_TARGET)

@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+"""Runs the benchmarks of one engine; script/bench builds what this needs and calls it."""
+import argparse
+import json
+import os
+import subprocess
+import sys
+import tempfile
+
+import calls
+import encoding
+import harness
+import report
+import web
+
+SECTIONS = ("calls", "instructions", "requests", "encoding", "depth")
+
+
+def parse():
+    parser = argparse.ArgumentParser(description=__doc__)
+    for name in ("php", "kaq", "probe", "agent", "engine"):
+        parser.add_argument("--" + name, required=True)
+    parser.add_argument("--php-cgi", default="")
+    parser.add_argument("--encode", default="")
+    parser.add_argument("--json", default="")
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--section", action="append", choices=SECTIONS)
+    return parser.parse_args()
+
+
+def run_sections(setup, wanted, targets):
+    """Measures and prints; returns the raw figures."""
+    quick = setup.quick
+    figures = {}
+    if "calls" in wanted:
+        figures["calls_ns"] = calls.time_calls(setup, 3 if quick else 15)
+        report.print_calls(figures["calls_ns"], targets)
+    if "instructions" in wanted:
+        figures["instructions"] = calls.count_instructions(setup)
+        report.print_instructions(figures["instructions"])
+    if "requests" in wanted and setup.php_cgi:
+        figures["requests_us"] = web.time_requests(setup, 5 if quick else 40)
+        report.print_requests(figures["requests_us"])
+    if "encoding" in wanted and setup.encode:
+        counts = encoding.count_instructions(setup) if "instructions" in wanted else None
+        figures["encoding_instructions"] = counts
+        figures["encoding_ns"] = encoding.time_encoding(setup, 5 if quick else 25)
+        report.print_encoding(figures["encoding_ns"], counts, targets)
+    if "depth" in wanted:
+        figures["depth"] = calls.recursion_depths(setup)
+        report.print_depths(figures["depth"], targets)
+    return figures
+
+
+def main():
+    options = parse()
+    wanted = options.section or SECTIONS
+    targets = []
+    print("PHP %s (%s), %d processors, load %.1f"
+          % (harness.output([options.php, "-n", "-r", "echo PHP_VERSION;"]), options.engine,
+             os.cpu_count(), os.getloadavg()[0]))
+    for name, program in (("requests", options.php_cgi), ("encoding", options.encode)):
+        if name in wanted and not program:
+            print("  %s: skipped, this engine lacks what it takes" % name)
+    agent = harness.Agent(options.agent)
+    try:
+        with tempfile.TemporaryDirectory(prefix="kaq-bench-") as scratch:
+            setup = harness.Setup(options, agent, scratch)
+            figures = run_sections(setup, wanted, targets)
+    finally:
+        agent.stop()
+    if options.json:
+        with open(options.json, "w", encoding="utf-8") as file:
+            json.dump({"engine": options.engine, "targets": targets, "figures": figures}, file,
+                      indent=1)
+            file.write("\n")
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except (harness.BenchError, subprocess.TimeoutExpired) as error:
+        sys.exit("bench: %s" % error)

@@ -1,0 +1,45 @@
+# shellcheck shell=bash
+# Progress lines, logged commands and the cache directory, for every script here.
+# Source it after `set -euo pipefail`. Everything it prints goes to standard error.
+
+KAQ_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
+KAQ_CACHE="${XDG_CACHE_HOME:-$HOME/.cache}/kaq"
+KAQ_LOGS="$KAQ_CACHE/logs"
+export KAQ_ROOT KAQ_CACHE KAQ_LOGS
+
+# kaq_elapsed SECONDS: prints "1m05s" or "7s".
+kaq_elapsed() {
+	local seconds=$1
+	if ((seconds >= 60)); then
+		printf '%dm%02ds' $((seconds / 60)) $((seconds % 60))
+	else
+		printf '%ds' "$seconds"
+	fi
+}
+
+# kaq_log TEXT...: one progress line, with the time since the script began.
+kaq_log() {
+	printf '[%6s] %s\n' "$(kaq_elapsed "$SECONDS")" "$*" >&2
+}
+
+# kaq_die TEXT...: says why and ends the script.
+kaq_die() {
+	printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+	exit 1
+}
+
+# kaq_run LOG COMMAND...: runs the command with its output appended to LOG and
+# nothing on its standard input. On failure shows the end of LOG and where it
+# is, and returns the command's status.
+kaq_run() {
+	local log=$1 status=0
+	shift
+	mkdir -p "$(dirname "$log")"
+	"$@" >>"$log" 2>&1 </dev/null || status=$?
+	if ((status != 0)); then
+		printf '%s\n' "--- last lines of $log" >&2
+		tail -n 25 "$log" >&2
+		printf '%s\n' "--- failed with status $status: $*" >&2
+	fi
+	return "$status"
+}

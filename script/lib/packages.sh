@@ -1,0 +1,51 @@
+# shellcheck shell=bash
+# Installs what is missing from the distribution. Source log.sh first.
+
+# kaq_missing_packages PACKAGE...: prints those that are not installed.
+kaq_missing_packages() {
+	local package
+	for package in "$@"; do
+		# shellcheck disable=SC2016 # the format is dpkg's, not the shell's
+		if [[ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]]; then
+			printf '%s\n' "$package"
+		fi
+	done
+}
+
+# kaq_apt ARGUMENT...: apt-get that never asks, as root or through sudo.
+kaq_apt() {
+	local -a command=(env DEBIAN_FRONTEND=noninteractive NEEDRESTART_MODE=l apt-get -q -y
+		-o Dpkg::Options::=--force-confold -o Dpkg::Use-Pty=0
+		-o Acquire::Retries=3 -o DPkg::Lock::Timeout=300)
+	if [[ $(id -u) -ne 0 ]]; then
+		command=(sudo -n "${command[@]}")
+	fi
+	"${command[@]}" "$@"
+}
+
+# kaq_need_packages PACKAGE...: installs those that are missing; nothing is
+# downloaded when all are there. The package lists are fetched at most once in
+# a script's life. Ends the script, saying why, when it cannot.
+kaq_need_packages() {
+	local log="$KAQ_LOGS/packages.log"
+	local -a missing
+	command -v dpkg-query >/dev/null ||
+		kaq_die "these packages are needed and this is no Debian system to install them on: $*"
+	mapfile -t missing < <(kaq_missing_packages "$@")
+	((${#missing[@]} > 0)) || return 0
+	if [[ $(id -u) -ne 0 ]] && ! sudo -n true 2>/dev/null; then
+		kaq_die "needs root or password-less sudo to install: ${missing[*]}"
+	fi
+	mkdir -p "$KAQ_LOGS"
+	if [[ -z ${KAQ_PACKAGES_UPDATED:-} ]]; then
+		kaq_log "packages: fetching the lists"
+		: >"$log"
+		# One unreachable extra source must not stop what the others can give.
+		kaq_apt update >>"$log" 2>&1 </dev/null || kaq_log "packages: some lists could not be fetched ($log)"
+		export KAQ_PACKAGES_UPDATED=1
+	fi
+	kaq_log "packages: installing ${missing[*]}"
+	kaq_run "$log" kaq_apt install --no-install-recommends "${missing[@]}" ||
+		kaq_die "could not install ${missing[*]} (full log: $log)"
+	kaq_log "packages: done"
+}

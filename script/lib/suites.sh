@@ -1,0 +1,222 @@
+# shellcheck shell=bash
+# The suites that script/test runs. Source log.sh, engines.sh and report.sh
+# first, and set KAQ_RUN to a directory of this run's own: runs at the same
+# time share only what is compiled, under a lock. Each function runs one suite,
+# reports it and returns true; nothing is written in the checkout.
+
+# kaq_locked NAME COMMAND...: one at a time in all runs.
+kaq_locked() {
+	local lock="$KAQ_CACHE/build/$1.lock" fd status=0
+	shift
+	exec {fd}>"$lock"
+	flock "$fd"
+	"$@" || status=$?
+	exec {fd}>&-
+	return "$status"
+}
+
+# kaq_bounded SECONDS COMMAND...: ends what takes too long, first gently.
+kaq_bounded() {
+	timeout --kill-after=20 "$@"
+}
+
+kaq_suite_check() {
+	local log="$KAQ_LOGS/check.log" begin=$SECONDS status=0
+	kaq_log 'check: style, names, clang, clang-tidy'
+	kaq_bounded 1200 "$KAQ_ROOT/script/check" >"$KAQ_RUN/check" 2>"$log" </dev/null || status=$?
+	cat "$KAQ_RUN/check" >>"$log"
+	kaq_report check $((SECONDS - begin)) "$log" "$status" check "$KAQ_RUN/check"
+}
+
+# kaq_cmake SOURCE BUILD LOG OPTION...: configures and builds.
+kaq_cmake() {
+	local source=$1 build=$2 log=$3
+	shift 3
+	{
+		cmake -S "$source" -B "$build" -DKAQ_WERROR=ON "$@" &&
+			kaq_bounded 900 cmake --build "$build" -j "$(nproc)"
+	} >>"$log" 2>&1 </dev/null
+}
+
+# kaq_ctest NAME BUILD LOG SECONDS BEGIN: runs a build's tests and reports them.
+kaq_ctest() {
+	local name=$1 build=$2 log=$3 limit=$4 begin=$5 status=0
+	rm -f "$build/results.xml"
+	(
+		cd "$build" &&
+			kaq_bounded "$limit" ctest --output-on-failure --no-tests=error --timeout 120 \
+				-j "$(nproc)" --output-junit "$build/results.xml"
+	) >>"$log" 2>&1 </dev/null || status=$?
+	kaq_report "$name" $((SECONDS - begin)) "$log" "$status" junit "$build/results.xml"
+}
+
+# The PHP-free units under g++ with sanitizers; and once more compiled by
+# clang++, for its warnings.
+kaq_suite_unit() {
+	local build="$KAQ_CACHE/build/unit" log="$KAQ_LOGS/unit.log" begin=$SECONDS
+	kaq_log 'unit: g++ with ASan and UBSan'
+	: >"$log"
+	if ! kaq_cmake "$KAQ_ROOT" "$build-gcc" "$log" -DCMAKE_CXX_COMPILER=g++; then
+		kaq_report_broken unit $((SECONDS - begin)) "$log" 'does not compile with g++'
+		return 0
+	fi
+	kaq_ctest unit "$build-gcc" "$log" 600 "$begin"
+	begin=$SECONDS
+	log="$KAQ_LOGS/unit-clang.log"
+	kaq_log 'unit: clang++ compiles the same without a warning'
+	: >"$log"
+	if kaq_cmake "$KAQ_ROOT" "$build-clang" "$log" -DCMAKE_CXX_COMPILER=clang++; then
+		kaq_report_line ok unit-clang 1 0 0 $((SECONDS - begin))
+	else
+		kaq_report_broken unit-clang $((SECONDS - begin)) "$log" 'does not compile with clang++'
+	fi
+}
+
+# Each fuzzer from its seeds for a few seconds; a finding fails it.
+kaq_suite_fuzz() {
+	local build="$KAQ_CACHE/build/fuzz" log="$KAQ_LOGS/fuzz.log" begin=$SECONDS
+	local fuzzer name passed=0
+	local -a failed=()
+	kaq_log 'fuzz: each fuzzer for a few seconds'
+	: >"$log"
+	if ! kaq_cmake "$KAQ_ROOT" "$build" "$log" -DCMAKE_CXX_COMPILER=clang++ -DKAQ_FUZZ=ON -DKAQ_UNIT=OFF; then
+		kaq_report_broken fuzz $((SECONDS - begin)) "$log" 'the fuzzers do not compile'
+		return 0
+	fi
+	for fuzzer in "$build"/tests/fuzz/*; do
+		if [[ ! -f $fuzzer || ! -x $fuzzer ]]; then
+			continue
+		fi
+		name=$(basename "$fuzzer")
+		if kaq_fuzz_one "$fuzzer" "$build/found/$name" >>"$log" 2>&1 </dev/null; then
+			passed=$((passed + 1))
+		else
+			failed+=("$name")
+		fi
+	done
+	if ((passed + ${#failed[@]} == 0)); then
+		kaq_report_broken fuzz $((SECONDS - begin)) "$log" 'there is no fuzzer'
+	elif ((${#failed[@]} > 0)); then
+		kaq_report_line FAIL fuzz "$passed" "${#failed[@]}" 0 $((SECONDS - begin))
+		printf '      failed: %s\n' "${failed[@]}"
+		kaq_report_tail "$log"
+	else
+		kaq_report_line ok fuzz "$passed" 0 0 $((SECONDS - begin))
+	fi
+}
+
+# kaq_fuzz_one FUZZER FOUND: what it finds is kept in FOUND, not among the
+# seeds. A fuzzer's seeds bear its name, with or without a leading "fuzz_".
+kaq_fuzz_one() {
+	local fuzzer=$1 found=$2 name seeds
+	name=$(basename "$fuzzer")
+	mkdir -p "$found/corpus"
+	seeds=$(kaq_first_existing "$KAQ_ROOT/tests/fuzz/corpus/$name" \
+		"$KAQ_ROOT/tests/fuzz/corpus/${name#fuzz_}" "$KAQ_ROOT/tests/fuzz/corpus/${name%_fuzz}")
+	echo "== $name"
+	kaq_bounded 120 "$fuzzer" -max_total_time="${KAQ_FUZZ_SECONDS:-5}" -timeout=10 \
+		-rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$found/" \
+		"$found/corpus" ${seeds:+"$seeds"}
+}
+
+# kaq_suite_embed CONFIG KEY SO: programs that embed the engine.
+kaq_suite_embed() {
+	local config=$1 key=$2 so=$3 begin=$SECONDS library
+	local build="$KAQ_CACHE/build/embed-$2" log="$KAQ_LOGS/embed-$2.log"
+	library=$(kaq_engine_embed "$config")
+	if [[ -z $library ]]; then
+		kaq_report_skip "embed $key" 'this engine has no embed library'
+		return 0
+	fi
+	kaq_log "embed $key"
+	: >"$log"
+	if ! kaq_cmake "$KAQ_ROOT/tests/embed" "$build" "$log" -DCMAKE_CXX_COMPILER=g++ \
+		-DPHP_CONFIG="$config" -DPHP_EMBED_LIBRARY="$library"; then
+		kaq_report_broken "embed $key" $((SECONDS - begin)) "$log" 'does not compile'
+		return 0
+	fi
+	KAQ_SO=$so kaq_ctest "embed $key" "$build" "$log" 600 "$begin"
+}
+
+# kaq_suite_phpt CONFIG KEY SO [valgrind]: the engine's own test runner with no
+# php.ini and no extension but ours. It writes beside the tests, so it gets a
+# copy of them.
+kaq_suite_phpt() {
+	local config=$1 key=$2 so=$3 mode=${4:-} name="${4:-phpt} $2" begin=$SECONDS status=0
+	local copy="$KAQ_RUN/${4:-phpt}-$2" log="$KAQ_LOGS/${4:-phpt}-$2.log" php runner limit=900
+	local -a options=()
+	php=$(kaq_engine_binary "$config" php)
+	runner=$(kaq_engine_run_tests "$config")
+	: >"$log"
+	if [[ -z $php || -z $runner ]]; then
+		kaq_report_broken "$name" 0 "$log" "this engine has no command line or no run-tests.php"
+		return 0
+	fi
+	kaq_log "$name"
+	mkdir -p "$copy/tests"
+	if [[ -d $KAQ_ROOT/tests/phpt ]]; then
+		cp -R "$KAQ_ROOT/tests/phpt" "$copy/tests/"
+	fi
+	if [[ $mode == valgrind ]]; then
+		# The regular expression compiler's output is code that valgrind misreads.
+		options=(-m -d pcre.jit=0)
+		limit=2400
+	fi
+	(
+		cd "$copy" &&
+			NO_INTERACTION=1 REPORT_EXIT_STATUS=1 NO_COLOR=1 TEST_PHP_EXECUTABLE=$php KAQ_SO=$so KAQ_PHP=$php \
+				TEST_PHP_CGI_EXECUTABLE=$(kaq_engine_binary "$config" php-cgi) \
+				KAQ_SOURCE_DIR=$KAQ_ROOT \
+				kaq_bounded "$limit" env -u TRAVIS "$php" -n "$runner" -n -q -p "$php" \
+				-d extension="$so" "${options[@]}" --set-timeout 120 tests/phpt
+	) >"$copy/output" 2>&1 </dev/null || status=$?
+	{
+		tr '\r' '\n' <"$copy/output" | sed '/^TEST [0-9]/d'
+		kaq_phpt_diffs "$copy"
+	} >"$log"
+	kaq_report "$name" $((SECONDS - begin)) "$log" "$status" runtests "$copy/output"
+}
+
+# kaq_phpt_diffs COPY: what differed in each failed test, for the log's end.
+kaq_phpt_diffs() {
+	local file
+	while IFS= read -r file; do
+		printf '\n== %s\n' "${file#"$1"/}"
+		head -n 40 "$file"
+	done < <(find "$1" \( -name '*.diff' -o -name '*.mem' \) -size +0 | sort)
+}
+
+# kaq_suite_wire CONFIG KEY SO: what the local agent sees.
+kaq_suite_wire() {
+	local config=$1 key=$2 so=$3 begin=$SECONDS status=0
+	local log="$KAQ_LOGS/wire-$2.log" results="$KAQ_RUN/wire-$2.xml"
+	kaq_log "wire $key"
+	(
+		cd "$KAQ_ROOT" &&
+			KAQ_PHP_CONFIG=$config KAQ_SO=$so \
+				KAQ_PHP=$(kaq_engine_binary "$config" php) \
+				KAQ_PHP_CGI=$(kaq_engine_binary "$config" php-cgi) \
+				KAQ_PHP_FPM=$(kaq_engine_binary "$config" php-fpm) \
+				PYTHONDONTWRITEBYTECODE=1 \
+				kaq_bounded 1200 "$(kaq_python)" -m pytest -q -p no:cacheprovider --tb=short \
+				--junitxml="$results" tests/wire
+	) >"$log" 2>&1 </dev/null || status=$?
+	kaq_report "wire $key" $((SECONDS - begin)) "$log" "$status" junit "$results"
+}
+
+# kaq_suite_engine_suite CONFIG KEY SO [PART]: the engine's own tests do not
+# notice the extension. PART is one that script/engine-suite knows, or all.
+kaq_suite_engine_suite() {
+	local config=$1 key=$2 so=$3 part=${4:-all} begin=$SECONDS status=0
+	local log="$KAQ_LOGS/engine-suite-$2.log"
+	kaq_log "engine-suite $key: $part"
+	kaq_bounded 3600 "$KAQ_ROOT/script/engine-suite" --php-config "$config" --so "$so" \
+		--part "$part" >"$KAQ_RUN/engine-suite-$key" 2>"$log" </dev/null || status=$?
+	cat "$KAQ_RUN/engine-suite-$key" >>"$log"
+	kaq_report "engine-suite $key" $((SECONDS - begin)) "$log" "$status" sum "$KAQ_RUN/engine-suite-$key"
+}
+
+# kaq_python: the distribution's, which has the distribution's pytest.
+kaq_python() {
+	kaq_first_existing /usr/bin/python3 "$(command -v python3)"
+}

@@ -1,0 +1,249 @@
+"""The course of one request as the local agent sees it, and what one request leaves to the next."""
+import os
+import time
+
+import behaviours
+import pytest
+from fake_agent import DISABLED, DISABLED_NOTICE, ENABLED, NO_URI_NOTICE
+
+KEEP_ALL = {"kaq.method_threshold": 0}
+
+
+def test_monitored_request_asks_once_and_then_sends_one_record(wire, agent):
+    wire.cli("echo 'done';")
+    agent.settle()
+    assert agent.events == ["status", "data"]
+    assert (agent.status_connections, agent.data_connections) == (1, 1)
+    assert not agent.data_records[0].is_notice
+
+
+def test_unmonitored_request_asks_once_and_then_sends_the_disabled_notice(wire, agent):
+    agent.reply = DISABLED
+    wire.cli("function f() {} f();")
+    assert agent.notices == [DISABLED_NOTICE]
+    assert agent.events == ["status", "data"]
+
+
+def test_skipped_request_asks_nothing_and_sends_exactly_two_notices(wire, agent):
+    wire.cli("function f() {} f();", settings={"kaq.capture_clirequest": 0})
+    assert agent.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
+    assert agent.events == ["data", "data"] and agent.status_connections == 0
+
+
+def test_skip_notice_is_sent_at_request_start_and_disabled_notice_at_its_end(wire, agent):
+    wire.cli("usleep(600000);", settings={"kaq.capture_clirequest": 0})
+    agent.settle()
+    first, second = agent.data_records
+    assert (first.text, second.text) == (NO_URI_NOTICE, DISABLED_NOTICE)
+    assert second.received_at - first.received_at >= 0.2
+
+
+def test_skipped_web_request_sends_exactly_two_notices(wire, agent):
+    wire.cgi("echo 1;", REQUEST_URI="?only=query")
+    assert agent.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
+    assert agent.status_connections == 0
+
+
+def test_start_time_is_taken_before_the_handshake_and_root_opened_after_it(wire, agent):
+    agent.reply = behaviours.answers_after(
+        0.4, b'{"instance.id":"i-1","instance.status":920}')
+    before = int(time.time() * 1000)
+    wire.cli()
+    payload = agent.payload
+    request = agent.request
+    assert before <= payload.transaction["s_time"] <= int(request.received_at * 1000)
+    assert payload.root["st"] >= int(request.received_at * 1000) + 399
+    assert payload.root["st"] - payload.transaction["s_time"] >= 380
+
+
+def test_times_are_wall_clock_milliseconds_of_this_run(wire, agent):
+    before = int(time.time() * 1000)
+    wire.cli("usleep(60000);")
+    after = int(time.time() * 1000)
+    seen = agent.payload.transaction
+    assert before <= seen["s_time"] and seen["e_time"] <= after
+    assert 60 <= seen["e_time"] - seen["s_time"] <= after - before
+
+
+def test_end_time_is_taken_before_the_open_spans_are_closed(wire, agent):
+    wire.cli("usleep(20000);")
+    payload = agent.payload
+    assert payload.transaction["e_time"] <= payload.root["et"]
+    assert payload.root["et"] - payload.transaction["e_time"] < 1000
+
+
+def test_open_spans_are_closed_innermost_first_at_request_end(wire, agent):
+    wire.cli("function a() { b(); } function b() { c(); } function c() { exit(3); } a();",
+             settings=KEEP_ALL)
+    payload = agent.payload
+    assert payload.tree() == ("main", [("a", [("b", [("c", [])])])])
+    ends = [span["et"] for span in payload.spans]
+    assert ends == sorted(ends, reverse=True)
+
+
+def test_destructors_shutdown_functions_and_output_callbacks_still_belong_to_the_request(
+        wire, agent):
+    wire.cli("""
+        class D { function __destruct() {} }
+        function late() {}
+        function buffer($text) { return $text; }
+        ob_start('buffer'); $d = new D; register_shutdown_function('late'); echo 'x';
+    """, settings=KEEP_ALL)
+    assert agent.payload.tree() == (
+        "main", [("late", []), ("D::__destruct", []), ("buffer", [])])
+
+
+def test_user_code_that_runs_after_request_end_stays_out_of_every_payload(wire, agent, door):
+    door.open("""
+        class Tail {
+            public $context;
+            function stream_open($p, $m, $o, &$opened) { return true; }
+            function stream_write($data) { return strlen($data); }
+            function stream_flush() { return true; }
+            function stream_close() { helper(); }
+        }
+        function helper() { }
+        stream_wrapper_register('tail', 'Tail');
+        $GLOBALS['kept'] = fopen('tail://x', 'w');
+        echo getmypid();
+    """, KEEP_ALL)
+    pids = {door.get() for _ in range(4)}
+    assert len(pids) == 1 and len(agent.payloads) == 4
+    for payload in agent.payloads:
+        assert [name for name in payload.names if "stream_close" in name or name == "helper"] == []
+
+
+def test_monitoring_is_decided_anew_for_each_request_of_a_process(wire, agent, door):
+    door.open("echo getmypid();")
+    agent.replies.extend([ENABLED, DISABLED, ENABLED, b"", {"instance.status": 911}, ENABLED])
+    pids = {door.get("/r%d" % number) for number in range(6)}
+    assert len(pids) == 1
+    assert [payload.transaction["t_name"] for payload in agent.payloads] == ["/r0", "/r2", "/r5"]
+    assert agent.notices == [DISABLED_NOTICE] * 3
+
+
+def test_nothing_the_agent_said_is_carried_over_to_the_next_request(wire, agent, door):
+    door.open("echo 1;")
+    agent.replies.extend([
+        {"instance.id": "first", "normalised.txn.name": "shop page", "instance.status": 920},
+        {"instance.id": "second", "instance.status": 920},
+        {"instance.status": 920},
+    ])
+    for _ in range(3):
+        door.get()
+    first, second = agent.payloads
+    assert first.application["instance_id"] == "first"
+    assert first.transaction["normalised_tname"] == "shop page"
+    assert second.application["instance_id"] == "second"
+    assert "normalised_tname" not in second.transaction
+    assert agent.notices == [DISABLED_NOTICE]
+
+
+def test_spans_of_an_unmonitored_request_are_not_carried_over(wire, agent, door):
+    door.open("""
+        function deep($n) { if ($n) { deep($n - 1); } elseif ($_GET['q'] == 'off') { exit; } }
+        function other() {}
+        deep(20); other();
+    """, KEEP_ALL)
+    agent.replies.extend([DISABLED, ENABLED])
+    door.get("/?q=off")
+    door.get("/?q=on")
+    (payload,) = agent.payloads
+    assert payload.names == ["deep"] * 21 + ["other"]
+    assert [span["mo"] for span in payload.spans] == list(range(23))
+
+
+def test_spans_of_a_skipped_request_are_not_carried_over(wire, agent):
+    server = wire.cgi_server(KEEP_ALL)
+    script = wire.script("function f() {} function g() { exit; } f(); f(); g();")
+    server.request(script, REQUEST_URI="?skipped")
+    server.request(script, REQUEST_URI="/seen")
+    (payload,) = agent.payloads
+    assert payload.names == ["f", "f", "g"]
+    assert agent.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
+
+
+def test_request_facts_are_not_carried_over_to_a_background_run_of_the_same_process(wire, agent):
+    server = wire.cgi_server()
+    script = wire.script("echo 1;")
+    parent = "00-0af7651916cd43dd8448eb211c80319c-b7ad6b7169203331-01"
+    server.request(script, REQUEST_URI="/web/page?x=1", QUERY_STRING="x=1",
+                   HTTP_TRACEPARENT=parent, HTTP_HOST="first.test")
+    server.request(script, REQUEST_URI=None, QUERY_STRING=None, HTTP_HOST=None)
+    web, background = agent.payloads
+    assert web.transaction["trace_id"] == parent[3:35] and web.root["psi"] == parent[36:52]
+    assert background.transaction["transaction_type"] == 0
+    assert background.transaction["t_name"] == "/job.php"
+    assert background.transaction["http_query_str"] == ""
+    assert "http_host" not in background.transaction
+    assert background.transaction["trace_id"] != parent[3:35]
+    assert "psi" not in background.root
+
+
+def test_identifiers_are_fresh_in_each_request_of_a_process(wire, agent, door):
+    door.open("function f() {} f();", KEEP_ALL)
+    for _ in range(5):
+        door.get()
+    payloads = agent.payloads
+    assert len({payload.transaction["trace_id"] for payload in payloads}) == 5
+    assert len({span["si"] for payload in payloads for span in payload.spans}) == 10
+
+
+LONG = "long text " * 500
+
+
+@pytest.mark.parametrize("status", [920, 0], ids=["monitored", "unmonitored"])
+def test_memory_and_descriptors_stay_level_over_many_requests(wire, agent, door, status):
+    agent.reply = {"instance.id": LONG, "normalised.txn.name": LONG, "app.id": LONG,
+                   "instance.status": status}
+    door.open("""
+        class Closer {
+            public $context;
+            function stream_open($p, $m, $o, &$opened) { return true; }
+            function stream_close() { leaf(1); }
+        }
+        function leaf($n) { return $n; }
+        function branch($n) { return $n ? branch($n - 1) + leaf($n) : 0; }
+        branch(40);
+        stream_wrapper_register('late', 'Closer');
+        $open = fopen('late://x', 'r');
+        function quit() { exit('bye'); }
+        quit();
+    """, dict(KEEP_ALL, **{"kaq.application_name": LONG, "kaq.application_group": LONG,
+                           "kaq.remote_exporter_hostname": LONG,
+                           "kaq.remote_exporter_ip": "127.0.0.1"}))
+    for _ in range(60):
+        assert door.get("/page?a=b", {"X-Sent": "yes"}) == b"bye"
+    files, memory = door.server.open_files(), door.server.resident_kib()
+    for _ in range(400):
+        door.get("/page?a=b", {"X-Sent": "yes"})
+    assert door.server.open_files() <= files + 1
+    if not door.server.keeps_freed_memory:
+        assert door.server.resident_kib() - memory < 1024
+    agent.settle()
+    assert len(agent.data_records) == 460
+
+
+def test_work_after_the_response_was_finished_still_belongs_to_the_request(wire, agent):
+    server = wire.fpm(KEEP_ALL)
+    script = wire.script("function late() {} echo 'out'; fastcgi_finish_request(); late();"
+                         "usleep(100000);")
+    assert server.request(script).body == b"out"
+    agent.wait_until(lambda: agent.data_records)
+    assert agent.payload.names == ["late"]
+    assert agent.payload.transaction["e_time"] - agent.payload.transaction["s_time"] >= 100
+
+
+def test_module_names_itself_with_its_versions(wire, agent):
+    told = wire.php("--ri", "kaq").stdout.decode()
+    for row in ("key => value", "kaq.version => 4.9", "kaq.version_info => 4.9.2.0",
+                "kaq.date => 15 May 2026"):
+        assert row + "\n" in told
+    assert wire.cli("echo phpversion('kaq');").stdout == b"4.9"
+
+
+def test_thread_id_is_the_operating_system_id_of_the_thread(wire, agent, door):
+    door.open("echo getmypid();")
+    pid = int(door.get())
+    seen = agent.payload.transaction["thread_id"]
+    assert os.path.isdir("/proc/%d/task/%d" % (pid, seen))
