@@ -3,7 +3,7 @@
  * overload of kaq_record() reads the arguments, runs the saved handler, describes the span and
  * passes a bailout on.
  *
- * A layout is a parse specification of the engine's argument parser ("Os|l"). Several are separated
+ * A layout is a format string of the engine's argument parser ("Os|l"). Several are separated
  * by ";" and tried in order; "2:sa" is tried only with two arguments, "1!s" reads the first
  * argument whatever follows, and needs one.
  */
