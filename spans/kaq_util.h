@@ -23,7 +23,7 @@ enum kaq_node_state { KAQ_NODE_CREATED = 0, KAQ_NODE_OPEN = 1, KAQ_NODE_BUFFERED
 
 #define KAQ_COMPONENT_SIZE 16
 #define KAQ_SPAN_ID_LENGTH 16
-#define KAQ_NAME_STORE_SIZE 72
+#define KAQ_NAME_STORE_SIZE 96
 #define KAQ_PHP_COMPONENT "PHP"
 
 struct _arg_data {
@@ -68,7 +68,8 @@ struct kaq_node_data {
 struct kaq_node_info {
 	struct kaq_node_data data;
 	kaq_node *next;
-	/* Short names live here, so that recording a call needs no allocation. Not cleared. */
+	/* Short names live here, so that recording a call needs no allocation. Not cleared. Engine
+	 * strings are copied in steps of 8 bytes, so the size is a multiple of 8. */
 	char name_store[KAQ_NAME_STORE_SIZE];
 };
 

@@ -37,20 +37,36 @@ static inline bool kaq_owns_texts(const kaq_node *node) {
 		   !kaq_is_stored_name(node, fi->function_name);
 }
 
+/* Engine strings are allocated in steps of 8 bytes from their characters on, so whole steps can be
+ * copied. */
+static inline size_t kaq_padded_size(const zend_string *text) {
+	return ZEND_MM_ALIGNED_SIZE_EX(ZSTR_LEN(text) + 1, 8);
+}
+
+static inline char *kaq_copy_padded(char *store, const zend_string *text) {
+	size_t size = kaq_padded_size(text);
+	for (size_t i = 0; i < size; i += 8) {
+		memcpy(store + i, ZSTR_VAL(text) + i, 8);
+	}
+	return store + size;
+}
+
 /* Names a span of user code after the engine's strings. */
 static inline void kaq_name_user_call(kaq_node *node, const zend_string *class_name,
 									  const zend_string *function_name) {
 	kaq_function *fi = &node->data.function_info;
-	size_t class_size = class_name ? ZSTR_LEN(class_name) + 1 : 0;
-	size_t size = ZSTR_LEN(function_name) + 1;
-	if (UNEXPECTED(class_size + size > KAQ_NAME_STORE_SIZE)) {
+	size_t class_size = class_name ? kaq_padded_size(class_name) : 0;
+	if (UNEXPECTED(class_size + kaq_padded_size(function_name) > KAQ_NAME_STORE_SIZE)) {
 		kaq_copy_function_info(fi, class_name ? ZSTR_VAL(class_name) : NULL,
 							   ZSTR_VAL(function_name), KAQ_PHP_COMPONENT, INTERNAL);
 		return;
 	}
-	fi->function_name = (char *)memcpy(node->name_store, ZSTR_VAL(function_name), size);
+	char *store = node->name_store;
+	fi->function_name = store;
+	store = kaq_copy_padded(store, function_name);
 	if (class_name) {
-		fi->class_name = (char *)memcpy(node->name_store + size, ZSTR_VAL(class_name), class_size);
+		fi->class_name = store;
+		kaq_copy_padded(store, class_name);
 	}
 	memcpy(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT));
 }

@@ -1,7 +1,7 @@
 #include "util/engine_compat.h"
 
 #ifdef ZTS
-TSRM_TLS void *TSRMLS_CACHE = NULL;
+TSRM_TLS void *TSRMLS_CACHE KAQ_THREAD_LOCAL_MODEL = NULL;
 
 void kaq_bind_thread(void) {
 	TSRMLS_CACHE = tsrm_get_ls_cache();

@@ -22,7 +22,9 @@
 /* Thread-safe engines keep module globals in a per-thread table, the others in one static. */
 #ifdef ZTS
 #define KAQ_THREAD_SAFE 1
-extern TSRM_TLS void *TSRMLS_CACHE;
+/* Few bytes in the static block of every thread, and no call to find them. */
+#define KAQ_THREAD_LOCAL_MODEL __attribute__((tls_model("initial-exec"), visibility("hidden")))
+extern TSRM_TLS void *TSRMLS_CACHE KAQ_THREAD_LOCAL_MODEL;
 #define KAQ_MODULE_GLOBALS_POINTER(module) \
 	TSRMG_BULK_STATIC(module##_globals_id, zend_##module##_globals *)
 #else
