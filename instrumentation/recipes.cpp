@@ -19,6 +19,29 @@ static void kaq_pass_on(int caught) {
 	}
 }
 
+/* Reads the arguments. Returns 1 when a layout fitted, 0 when none did, and KAQ_THROWN when script
+ * code that ran on the way (a __toString, an error handler) threw: the call must not happen then.
+ */
+#define KAQ_THROWN (-1)
+static int kaq_read_arguments(const kaq_call *call, const char *layouts, int warn,
+							  kaq_arguments *arguments) {
+	const zend_object *pending = EG(exception);
+	int fitted = kaq_parse_arguments(call->execute_data, layouts, warn, arguments);
+	return EG(exception) != pending ? KAQ_THROWN : fitted;
+}
+
+/* For a call whose arguments do not fit and that is recorded by its names alone. */
+static void kaq_finish_unread(const kaq_call *call, int fitted) {
+	if (fitted != KAQ_THROWN) {
+		kaq_call_direct(call);
+	}
+}
+
+static bool kaq_needs_fit(const kaq_call *call, kaq_parse_failure failure) {
+	return failure == KAQ_DIRECT ||
+		   (failure == KAQ_EMPTY_IF_PASSED && ZEND_CALL_NUM_ARGS(call->execute_data) == 0);
+}
+
 void kaq_record(const kaq_call *call, kaq_names) {
 	int caught = kaq_call_protected(call);
 	kaq_set_method_none(call->fi);
@@ -27,13 +50,14 @@ void kaq_record(const kaq_call *call, kaq_names) {
 
 void kaq_record(const kaq_call *call, kaq_query recipe) {
 	kaq_arguments arguments;
-	const char *text = NULL;
-	if (kaq_parse_arguments(call->execute_data, recipe.layouts, 0, &arguments)) {
-		text = arguments.text[recipe.text];
-	} else if (recipe.failure == KAQ_DIRECT || (recipe.failure == KAQ_EMPTY_IF_PASSED &&
-												ZEND_CALL_NUM_ARGS(call->execute_data) == 0)) {
-		kaq_call_direct(call);
+	int fitted = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	if (fitted == KAQ_THROWN || (!fitted && kaq_needs_fit(call, recipe.failure))) {
+		kaq_finish_unread(call, fitted);
 		return;
+	}
+	const char *text = NULL;
+	if (fitted) {
+		text = arguments.text[recipe.text];
 	} else if (recipe.failure != KAQ_IGNORED) {
 		text = "";
 	}
@@ -44,9 +68,9 @@ void kaq_record(const kaq_call *call, kaq_query recipe) {
 
 void kaq_record(const kaq_call *call, kaq_connect recipe) {
 	kaq_arguments arguments;
-	if (!kaq_parse_arguments(call->execute_data, recipe.layouts, recipe.warns, &arguments) &&
-		recipe.failure == KAQ_DIRECT) {
-		kaq_call_direct(call);
+	int fitted = kaq_read_arguments(call, recipe.layouts, recipe.warns, &arguments);
+	if (fitted == KAQ_THROWN || (!fitted && kaq_needs_fit(call, recipe.failure))) {
+		kaq_finish_unread(call, fitted);
 		return;
 	}
 	kaq_set_method_dbconnect(call->fi, arguments.text[0],
@@ -59,8 +83,9 @@ void kaq_record(const kaq_call *call, kaq_connect recipe) {
 
 void kaq_record(const kaq_call *call, kaq_dbname recipe) {
 	kaq_arguments arguments;
-	if (!kaq_parse_arguments(call->execute_data, recipe.layouts, 0, &arguments)) {
-		kaq_call_direct(call);
+	int fitted = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	if (fitted != 1) {
+		kaq_finish_unread(call, fitted);
 		return;
 	}
 	int caught = kaq_call_protected(call);
@@ -70,8 +95,9 @@ void kaq_record(const kaq_call *call, kaq_dbname recipe) {
 
 void kaq_record(const kaq_call *call, kaq_cql recipe) {
 	kaq_arguments arguments;
-	if (!kaq_parse_arguments(call->execute_data, recipe.layouts, 0, &arguments)) {
-		kaq_call_direct(call);
+	int fitted = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	if (fitted != 1) {
+		kaq_finish_unread(call, fitted);
 		return;
 	}
 	int caught = kaq_call_protected(call);
@@ -82,8 +108,9 @@ void kaq_record(const kaq_call *call, kaq_cql recipe) {
 
 void kaq_record(const kaq_call *call, kaq_contact_points) {
 	kaq_arguments arguments;
-	if (!kaq_parse_arguments(call->execute_data, "+", 0, &arguments)) {
-		kaq_call_direct(call);
+	int fitted = kaq_read_arguments(call, "+", 0, &arguments);
+	if (fitted != 1) {
+		kaq_finish_unread(call, fitted);
 		return;
 	}
 	int caught = kaq_call_protected(call);

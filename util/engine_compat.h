@@ -100,6 +100,18 @@ zend_function *kaq_find_callable_function(const char *name, size_t length);
 #define KAQ_NULL_SCALARS_DEPRECATED 1
 #endif
 
+/* "12a" is taken for an integer parameter; later engines refuse it. */
+#if PHP_VERSION_ID < 80000
+#define KAQ_TRAILING_TEXT_FITS 1
+#else
+#define KAQ_TRAILING_TEXT_FITS 0
+#endif
+
+/* Whether the code that called the running internal function declares strict types. */
+static inline int kaq_caller_is_strict(void) {
+	return ZEND_ARG_USES_STRICT_TYPES();
+}
+
 /* Whether the site has disabled the internal function. */
 int kaq_is_disabled_function(const zend_function *function);
 
