@@ -1,6 +1,7 @@
 #include "instrumentation/recipes.h"
 
 #include "instrumentation/arguments.h"
+#include "util/kaq_strings.h"
 
 #define KAQ_DBNAME_TEXT 3
 
@@ -48,6 +49,7 @@ void kaq_record(const kaq_call *call, kaq_names) {
 	kaq_pass_on(caught);
 }
 
+/* The text is copied before the call, which may release its own arguments. */
 void kaq_record(const kaq_call *call, kaq_query recipe) {
 	kaq_arguments arguments;
 	int fitted = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
@@ -61,8 +63,10 @@ void kaq_record(const kaq_call *call, kaq_query recipe) {
 	} else if (recipe.failure != KAQ_IGNORED) {
 		text = "";
 	}
+	char *kept = kaq_strdup(text);
 	int caught = kaq_call_protected(call);
-	kaq_set_method_dbquery(call->fi, text);
+	kaq_set_method_dbquery(call->fi, NULL);
+	call->fi->arg_data.query = kept;
 	kaq_pass_on(caught);
 }
 
@@ -88,8 +92,10 @@ void kaq_record(const kaq_call *call, kaq_dbname recipe) {
 		kaq_finish_unread(call, fitted);
 		return;
 	}
+	char *kept = kaq_strdup(arguments.text[0]);
 	int caught = kaq_call_protected(call);
-	kaq_set_method_dbname(call->fi, arguments.text[0]);
+	kaq_set_method_dbname(call->fi, NULL);
+	call->fi->arg_data.dbname = kept;
 	kaq_pass_on(caught);
 }
 

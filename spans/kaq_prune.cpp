@@ -26,9 +26,11 @@ static void kaq_choose_kept(kaq_node **nodes, int *keep, int count) {
 	}
 }
 
-static void kaq_reparent_kept(kaq_node **nodes, const int *keep, int count) {
+/* A parent has a lower key than its children, so the walk of an earlier span has shortened the way:
+ * however long the chains are, all walks together are linear. */
+static void kaq_reparent(kaq_node **nodes, const int *keep, int count) {
 	for (int i = 1; i < count; i++) {
-		if (nodes[i] && keep[i]) {
+		if (nodes[i]) {
 			kaq_node *parent = nodes[i]->data.parent;
 			while (parent && !keep[parent->data.key]) {
 				parent = parent->data.parent;
@@ -52,7 +54,7 @@ void kaq_prune_intermediate_nodes(void) {
 		return;
 	}
 	kaq_choose_kept(nodes, keep, count);
-	kaq_reparent_kept(nodes, keep, count);
+	kaq_reparent(nodes, keep, count);
 
 	g->node_buffer->head = NULL;
 	int kept = 0;

@@ -99,14 +99,30 @@ static bool has_memory_limit() {
 	return !own_allocator || strcmp(own_allocator, "0") != 0;
 }
 
-TEST_F(BadEnds, MemoryNearlyUsedUpAtRequestEndStillGivesAPayload) {
+/* Takes blocks of one size until the engine has none left. Some engines do not end the request at
+ * once but allow themselves a little more. */
+static void use_up(size_t size) {
+	zend_try {
+		while (zend_memory_usage(1) <= (size_t)PG(memory_limit)) {
+			(void)emalloc(size);
+		}
+	}
+	zend_end_try();
+}
+
+TEST_F(BadEnds, MemoryUsedUpAtRequestEndStillGivesAPayload) {
 	if (!has_memory_limit()) {
 		GTEST_SKIP() << "the engine's allocator is off";
 	}
-	EXPECT_TRUE(dies_in_php("ini_set('memory_limit', '16M'); $_REQUEST = ['k' => 'v'];"
-							"$all = []; while (true) { $all[] = str_repeat('x', 100); }"));
+	EXPECT_TRUE(run_php("ini_set('memory_limit', '16M'); $_REQUEST = ['k' => 'v'];"));
+	/* The last two are those of an array and its elements. */
+	for (size_t size : {1048576, 65536, 4096, 320, 56}) {
+		use_up(size);
+	}
+	EXPECT_LE(16u << 20, zend_memory_usage(1));
 	std::string document = end_and_take_document();
 	EXPECT_EQ(1u, count_of("\"http_input_params\":{\"k\":\"v\"}", document));
+	EXPECT_EQ(1u, count_of("\"http_resp_headers\":{", document));
 	expect_each_key_once(document, 1);
 }
 
@@ -122,9 +138,10 @@ TEST_F(BadEnds, MemoryLimitHoldsAgainInTheNextRequest) {
 TEST_F(BadEnds, PayloadDoesNotCountAsTheScriptsMemory) {
 	size_t before = zend_memory_usage(0);
 	for (int i = 0; i < 5000; i++) {
-		kaq_create_main_method();
-		g->current_node->data.start_time -= 50;
-		kaq_close_node(g->current_node);
+		kaq_node *node = kaq_create_new_node();
+		kaq_copy_function_info(&node->data.function_info, nullptr, "call", "HTTP", EXTERNAL);
+		kaq_open_node(node);
+		kaq_close_node(node);
 	}
 	kaq_node **nodes = kaq_validate_nodes();
 	smart_str out = {nullptr, 0};

@@ -52,7 +52,11 @@ static int start_module(sapi_module_struct *sapi) {
 	free((void *)sapi->ini_entries);
 	sapi->ini_entries = strdup(ini.c_str());
 	sapi->additional_functions = additional_functions;
-	if (KAQ_STARTUP_MODULE(sapi, &kaq_module_entry) == FAILURE) {
+	/* PHP 7.0 by itself loses a class name at each startup. */
+	leak_check_off();
+	int status = KAQ_STARTUP_MODULE(sapi, &kaq_module_entry);
+	leak_check_on();
+	if (status == FAILURE) {
 		return FAILURE;
 	}
 	zend_kaq_globals *g = kaq_get_globals();

@@ -200,6 +200,7 @@ TEST_F(JsonValue, ReferencesAreNullAndThatIsMeant) {
 	EXPECT_TRUE(run_php("$x = 5; $a = [1]; $a[1] = &$x; $self = []; $self['me'] = &$self;"));
 	EXPECT_EQ("[1,null]", php_json("$a"));
 	EXPECT_EQ("{\"me\":null}", php_json("$self"));
+	EXPECT_TRUE(run_php("unset($self['me']);"));
 }
 
 TEST_F(JsonValue, EngineInternalTypesAreNull) {
