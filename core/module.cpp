@@ -22,6 +22,7 @@ void kaq_start(void) {
 	if (g->track_zend_execute) {
 		old_execute_ex = zend_execute_ex;
 		zend_execute_ex = kaq_execute_ex;
+		kaq_watch_fibers(kaq_switch_fiber);
 	}
 	if (g->track_exceptions) {
 		old_exception_cb = *kaq_throw_hook_slot();

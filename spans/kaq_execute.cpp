@@ -63,6 +63,14 @@ void kaq_execute_ex(zend_execute_data *execute_data) {
 	}
 }
 
+void kaq_switch_fiber(void **from, void **to) {
+	zend_kaq_globals *g = kaq_get_globals();
+	*from = g->current_node;
+	if (*to) {
+		g->current_node = (kaq_node *)*to;
+	}
+}
+
 void kaq_create_main_method(void) {
 	KAQ_REQUIRES(kaq_get_globals()->node_buffer_len == 0);
 	kaq_node *node = kaq_create_new_node();

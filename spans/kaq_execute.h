@@ -19,6 +19,10 @@ void kaq_execute_ex(zend_execute_data *execute_data);
  * main script, an included file, eval'd code. */
 kaq_node *kaq_populate_function(const zend_execute_data *execute_data);
 
+/* A fiber is left and another one, or the main code, goes on: each has a current span of its own. A
+ * fiber that starts takes over the one of the code that starts it. */
+void kaq_switch_fiber(void **from, void **to);
+
 /* Opens the root span "main". REQUIRES: no span of this request has been opened. */
 void kaq_create_main_method(void);
 

@@ -84,11 +84,21 @@ static inline void kaq_open_in(zend_kaq_globals *g, kaq_node *node) {
 	g->current_node = node;
 }
 
+/* The span that goes on when `node` ends. Where fibers take turns a parent may have ended before.
+ */
+static inline kaq_node *kaq_open_ancestor(const kaq_node *node) {
+	kaq_node *parent = node->data.parent;
+	while (UNEXPECTED(parent && parent->data.state != KAQ_NODE_OPEN)) {
+		parent = parent->data.parent;
+	}
+	return parent;
+}
+
 static inline void kaq_close_in(zend_kaq_globals *g, kaq_node *node) {
 	struct kaq_node_data *data = &node->data;
 	const kaq_function *fi = &data->function_info;
 	KAQ_REQUIRES(data->state == KAQ_NODE_OPEN);
-	g->current_node = data->parent;
+	g->current_node = kaq_open_ancestor(node);
 	data->end_time = kaq_now_ms();
 	int64_t duration = (int64_t)(data->end_time - data->start_time);
 	data->is_necessary = duration >= g->method_threshold || (fi->isFault | fi->isError) ||

@@ -42,6 +42,32 @@ int kaq_is_disabled_function(const zend_function *function) {
 #endif
 }
 
+#if PHP_VERSION_ID < 80100
+void kaq_watch_fibers(kaq_fiber_notice_t) {
+}
+#else
+#include "zend_extensions.h"
+#include "zend_fibers.h"
+#include "zend_observer.h"
+
+static kaq_fiber_notice_t kaq_fiber_notice;
+static int kaq_fiber_slot = -1; /* of this process, for good */
+
+static void kaq_pass_fiber_switch(zend_fiber_context *from, zend_fiber_context *to) {
+	kaq_fiber_notice(&from->reserved[kaq_fiber_slot], &to->reserved[kaq_fiber_slot]);
+}
+
+void kaq_watch_fibers(kaq_fiber_notice_t notice) {
+	if (kaq_fiber_slot < 0) {
+		kaq_fiber_slot = zend_get_resource_handle("kaq");
+	}
+	if (kaq_fiber_slot >= 0) {
+		kaq_fiber_notice = notice;
+		zend_observer_fiber_switch_register(kaq_pass_fiber_switch);
+	}
+}
+#endif
+
 int kaq_has_plain_objects(void) {
 	return zend_standard_class_def->create_object == NULL;
 }

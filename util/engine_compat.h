@@ -115,6 +115,12 @@ static inline int kaq_caller_is_strict(void) {
 /* Whether the site has disabled the internal function. */
 int kaq_is_disabled_function(const zend_function *function);
 
+/* Engines with fibers: from now on `notice` is told of every switch, before it happens, with a slot
+ * of each fiber that is null at first. Once per module start; the engine forgets it at its end.
+ * Engines without fibers: nothing. */
+typedef void (*kaq_fiber_notice_t)(void **from, void **to);
+void kaq_watch_fibers(kaq_fiber_notice_t notice);
+
 /* Whether stdClass can be instantiated: a site may have disabled it, and older engines then warn.
  */
 int kaq_has_plain_objects(void);
