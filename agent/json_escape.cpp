@@ -31,16 +31,6 @@ static constexpr escape_table make_escapes() {
 
 static constexpr escape_table ESCAPES = make_escapes();
 
-/* A bit per byte of the block that has to be escaped. */
-static inline unsigned escape_mask(__m128i block) {
-	/* The minimum leaves a byte as it is exactly when it is below 0x20, unsigned. */
-	__m128i control = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8(0x1f)), block);
-	__m128i marks = _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('"')),
-								 _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('/')),
-											  _mm_cmpeq_epi8(block, _mm_set1_epi8('\\'))));
-	return (unsigned)_mm_movemask_epi8(_mm_or_si128(control, marks));
-}
-
 static inline uint64_t load_u64(const char *text) {
 	uint64_t value;
 	memcpy(&value, text, 8);
@@ -80,11 +70,11 @@ size_t kaq_json_escape(char *out, const char *text, size_t len) {
 		size_t run;
 		if (len >= 16) {
 			block = _mm_loadu_si128((const __m128i *)text);
-			mask = escape_mask(block);
+			mask = kaq_json_escape_mask(block);
 			run = 16;
 		} else {
 			block = load_partial(text, len);
-			mask = escape_mask(block) & ((1u << len) - 1);
+			mask = kaq_json_escape_mask(block) & ((1u << len) - 1);
 			run = len;
 		}
 		if (mask != 0) {

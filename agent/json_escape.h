@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <emmintrin.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -24,6 +25,48 @@
  * written as \u0000.
  */
 size_t kaq_json_escape(char *out, const char *text, size_t len);
+
+/* A bit per byte of the block that has to be escaped; a NUL counts. */
+static inline unsigned kaq_json_escape_mask(__m128i block) {
+	/* The minimum leaves a byte as it is exactly when it is below 0x20, unsigned. */
+	__m128i control = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8(0x1f)), block);
+	__m128i marks = _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('"')),
+								 _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('/')),
+											  _mm_cmpeq_epi8(block, _mm_set1_epi8('\\'))));
+	return (unsigned)_mm_movemask_epi8(_mm_or_si128(control, marks));
+}
+
+/*
+ * The same for a NUL-terminated text, whose length need not be known. Returns the end of what it
+ * wrote.
+ *
+ * REQUIRES: `out` as above; 16 bytes are readable from every byte of the text and from its NUL.
+ */
+static inline char *kaq_json_escape_padded(char *out, const char *text) {
+	for (;;) {
+		__m128i block = _mm_loadu_si128((const __m128i *)text);
+		unsigned mask = kaq_json_escape_mask(block);
+		_mm_storeu_si128((__m128i *)out, block);
+		if (mask == 0) {
+			text += 16;
+			out += 16;
+			continue;
+		}
+		unsigned run = (unsigned)__builtin_ctz(mask);
+		text += run;
+		out += run;
+		char found = *text++;
+		if (found == '\0') {
+			return out;
+		}
+		if ((unsigned char)found < 0x20) {
+			out += kaq_json_escape(out, &found, 1);
+		} else {
+			*out++ = '\\';
+			*out++ = found;
+		}
+	}
+}
 
 /* Room that the two functions below need; eight digits are stored at a time. */
 #define KAQ_FORMAT_U64_MAX 24

@@ -119,29 +119,6 @@ static void kaq_form_origin(smart_str *out, const zend_kaq_globals *g) {
 	kaq_buf_literal(out, "}}");
 }
 
-static void kaq_form_spans(smart_str *out, const zend_kaq_globals *g, kaq_node **nodes) {
-	kaq_buf_literal(out, ",\"method_info\":{\"span_info\":[");
-	bool is_first = true;
-	for (int key = 0; key < g->node_buffer_len; key++) {
-		if (!nodes[key]) {
-			continue;
-		}
-		if (is_first) {
-			kaq_buf_literal(out, "{");
-		} else {
-			kaq_buf_literal(out, ",{");
-		}
-		is_first = false;
-		if (key == 0) {
-			kaq_form_root_method_info(nodes[key], out);
-		} else {
-			kaq_form_method_info(nodes[key], out);
-		}
-		kaq_buf_literal(out, "}");
-	}
-	kaq_buf_literal(out, "]}");
-}
-
 /* With averages alone the object begins with a comma; the local agent expects it so. */
 static void kaq_form_app_parameters(smart_str *out) {
 	char *sums = kaq_get_appparam_sum();
@@ -166,7 +143,7 @@ void kaq_form_payload(smart_str *out, kaq_node **nodes) {
 	kaq_form_figures(out, g);
 	kaq_form_inputs(out, g);
 	kaq_form_origin(out, g);
-	kaq_form_spans(out, g, nodes);
+	kaq_form_spans(out, nodes, g->node_buffer_len);
 	kaq_form_app_parameters(out);
 	kaq_buf_literal(out, "}}");
 }

@@ -19,6 +19,10 @@ const char *kaq_form_payload_line(kaq_node **nodes);
  * out. */
 void kaq_form_payload(smart_str *out, kaq_node **nodes);
 
+/* Appends the list of spans. `nodes` holds `count` spans by key, the root first; a null entry is
+ * left out. */
+void kaq_form_spans(smart_str *out, kaq_node **nodes, int count);
+
 /* Appends the members of one span object, without the braces. */
 void kaq_form_method_info(const kaq_node *node, smart_str *out);
 /* The same for the root span, with the caller's span id when there is one. */

@@ -2,6 +2,7 @@
 #include "agent/kaq_json.h"
 #include "agent/payload.h"
 #include "core/php_kaq.h"
+#include "spans/node_path.h"
 
 static void kaq_append_raw(smart_str *out, const char *json) {
 	kaq_buf_append(out, json, strlen(json));
@@ -38,8 +39,26 @@ static void kaq_append_long_name(smart_str *out, const kaq_function *fi) {
 	kaq_buf_literal(out, "\"");
 }
 
-static void kaq_append_function_name(smart_str *out, const kaq_function *fi) {
+/* Names that stand in the span's record, and so may be read in blocks. */
+static void kaq_append_stored_name(smart_str *out, const kaq_function *fi) {
+	char *end = kaq_buf_reserve(out, 32 + KAQ_JSON_ESCAPE_MAX(KAQ_NAME_STORE_SIZE));
+	end = kaq_put_literal(end, ",\"fn\":\"");
+	if (fi->class_name) {
+		end = kaq_json_escape_padded(end, fi->class_name);
+		end = kaq_put_literal(end, "::");
+	}
+	end = kaq_json_escape_padded(end, fi->function_name);
+	*end++ = '"';
+	kaq_buf_commit(out, end);
+}
+
+static void kaq_append_function_name(smart_str *out, const kaq_node *node) {
+	const kaq_function *fi = &node->data.function_info;
 	if (!fi->function_name) {
+		return;
+	}
+	if (kaq_is_stored_name(node, fi->function_name) && kaq_is_stored_name(node, fi->class_name)) {
+		kaq_append_stored_name(out, fi);
 		return;
 	}
 	size_t class_length = fi->class_name ? strlen(fi->class_name) : 0;
@@ -89,12 +108,34 @@ static void kaq_append_arg_data(smart_str *out, const struct _arg_data *arg) {
 #define KAQ_SPAN_HEAD_ROOM 128
 #define KAQ_SPAN_IDS_ROOM 80
 
-static void kaq_append_span_head(smart_str *out, const struct kaq_node_data *data) {
+/* The last time that was written, and its digits: neighbours in the list often share theirs. */
+struct kaq_time_text {
+	uint64_t ms;
+	size_t length; /* 0: none yet */
+	char digits[KAQ_FORMAT_U64_MAX];
+};
+
+struct kaq_span_times {
+	kaq_time_text start;
+	kaq_time_text end;
+};
+
+static inline char *kaq_put_time(char *end, kaq_time_text *last, uint64_t ms) {
+	if (last->ms != ms || last->length == 0) {
+		last->ms = ms;
+		last->length = kaq_format_u64(last->digits, ms);
+	}
+	memcpy(end, last->digits, sizeof last->digits);
+	return end + last->length;
+}
+
+static void kaq_append_span_head(smart_str *out, const struct kaq_node_data *data,
+								 kaq_span_times *times) {
 	char *end = kaq_buf_reserve(out, KAQ_SPAN_HEAD_ROOM);
 	end = kaq_put_literal(end, "\"st\":");
-	end += kaq_format_u64(end, data->start_time);
+	end = kaq_put_time(end, &times->start, data->start_time);
 	end = kaq_put_literal(end, ",\"et\":");
-	end += kaq_format_u64(end, data->end_time);
+	end = kaq_put_time(end, &times->end, data->end_time);
 	end = kaq_put_literal(end, ",\"mo\":");
 	end += kaq_format_i64(end, data->key);
 	kaq_buf_commit(out, end);
@@ -129,12 +170,12 @@ static void kaq_append_span_ids(smart_str *out, const kaq_function *fi, const ka
 	kaq_buf_commit(out, end);
 }
 
-void kaq_form_method_info(const kaq_node *node, smart_str *out) {
+static void kaq_append_span(const kaq_node *node, smart_str *out, kaq_span_times *times) {
 	const struct kaq_node_data *data = &node->data;
 	const kaq_function *fi = &data->function_info;
-	kaq_append_span_head(out, data);
+	kaq_append_span_head(out, data, times);
 	kaq_append_nonzero(out, ",\"pr\":", fi->priority);
-	kaq_append_function_name(out, fi);
+	kaq_append_function_name(out, node);
 	kaq_append_component(out, fi);
 	kaq_append_nonzero(out, ",\"ex\":", fi->isExternal);
 	if (fi->isAsync) {
@@ -146,10 +187,44 @@ void kaq_form_method_info(const kaq_node *node, smart_str *out) {
 	kaq_append_arg_data(out, &fi->arg_data);
 }
 
-void kaq_form_root_method_info(const kaq_node *node, smart_str *out) {
+static void kaq_append_root_span(const kaq_node *node, smart_str *out, kaq_span_times *times) {
 	const char *caller = kaq_get_globals()->root_parentspanid;
-	kaq_form_method_info(node, out);
+	kaq_append_span(node, out, times);
 	if (caller[0]) {
 		kaq_append_text(out, ",\"psi\":", caller);
 	}
+}
+
+void kaq_form_method_info(const kaq_node *node, smart_str *out) {
+	kaq_span_times times = {};
+	kaq_append_span(node, out, &times);
+}
+
+void kaq_form_root_method_info(const kaq_node *node, smart_str *out) {
+	kaq_span_times times = {};
+	kaq_append_root_span(node, out, &times);
+}
+
+void kaq_form_spans(smart_str *out, kaq_node **nodes, int count) {
+	kaq_span_times times = {};
+	bool is_first = true;
+	kaq_buf_literal(out, ",\"method_info\":{\"span_info\":[");
+	for (int key = 0; key < count; key++) {
+		if (!nodes[key]) {
+			continue;
+		}
+		if (is_first) {
+			kaq_buf_literal(out, "{");
+		} else {
+			kaq_buf_literal(out, ",{");
+		}
+		is_first = false;
+		if (key == 0) {
+			kaq_append_root_span(nodes[key], out, &times);
+		} else {
+			kaq_append_span(nodes[key], out, &times);
+		}
+		kaq_buf_literal(out, "}");
+	}
+	kaq_buf_literal(out, "]}");
 }

@@ -23,7 +23,8 @@ enum kaq_node_state { KAQ_NODE_CREATED = 0, KAQ_NODE_OPEN = 1, KAQ_NODE_BUFFERED
 
 #define KAQ_COMPONENT_SIZE 16
 #define KAQ_SPAN_ID_LENGTH 16
-#define KAQ_NAME_STORE_SIZE 96
+#define KAQ_NAME_STORE_SIZE 80
+#define KAQ_NAME_STORE_PADDING 16
 #define KAQ_PHP_COMPONENT "PHP"
 
 struct _arg_data {
@@ -71,6 +72,8 @@ struct kaq_node_info {
 	/* Short names live here, so that recording a call needs no allocation. Not cleared. Engine
 	 * strings are copied in steps of 8 bytes, so the size is a multiple of 8. */
 	char name_store[KAQ_NAME_STORE_SIZE];
+	/* Names may be read in blocks of this size. */
+	char name_padding[KAQ_NAME_STORE_PADDING];
 };
 
 typedef struct {
