@@ -14,7 +14,7 @@
 void kaq_get_serverport(char port[KAQ_PORT_TEXT_SIZE]) {
 	const char *forwarded = kaq_get_server_global("HTTP_X_FORWARDED_PORT");
 	const char *server = kaq_get_server_global("SERVER_PORT");
-	kaq_choose_port_text(port, NULL, forwarded, server);
+	kaq_first_port_text(port, forwarded, server);
 }
 
 static void kaq_port_text(const zend_kaq_globals *g, char port[KAQ_PORT_TEXT_SIZE]) {

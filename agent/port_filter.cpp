@@ -39,9 +39,20 @@ static int take_port(char port[KAQ_PORT_TEXT_SIZE], const char *text) {
 	return 1;
 }
 
+void kaq_first_port_text(char port[KAQ_PORT_TEXT_SIZE], const char *first, const char *second) {
+	port[0] = '\0';
+	if (!take_port(port, first)) {
+		take_port(port, second);
+	}
+}
+
 void kaq_choose_port_text(char port[KAQ_PORT_TEXT_SIZE], const char *static_port,
 						  const char *forwarded, const char *server) {
-	if (!take_port(port, static_port) && !take_port(port, forwarded) && !take_port(port, server)) {
+	if (take_port(port, static_port)) {
+		return;
+	}
+	kaq_first_port_text(port, forwarded, server);
+	if (port[0] == '\0') {
 		take_port(port, "0");
 	}
 }

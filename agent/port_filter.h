@@ -17,6 +17,9 @@ enum kaq_port_verdict {
  */
 kaq_port_verdict kaq_port_filter(const char *included, const char *excluded, const char *port);
 
+/* Writes the first of the two texts that has 1 to 9 characters, or "". */
+void kaq_first_port_text(char port[KAQ_PORT_TEXT_SIZE], const char *first, const char *second);
+
 /*
  * Writes the first of `static_port`, `forwarded` and `server` that has 1 to 9 characters, or "0".
  * Null and empty texts count as absent. What the characters are is not looked at.

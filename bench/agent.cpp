@@ -14,7 +14,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-static const char MONITORED[] = "{\"instance.id\":\"bench\",\"instance.status\":920}";
+static const char MONITORED[] = "{\"instance.id\":\"bench\",\"instance.status\":920,"
+								"\"transaction.trace.sql.stacktrace.threshold\":3}";
 static const char UNMONITORED[] = "{\"instance.id\":\"bench\",\"instance.status\":0}";
 static const char NOTICE[] = "message:";
 

@@ -12,6 +12,7 @@ KEEP_ALL = ("-d", "kaq.method_threshold=0", "-d", "kaq.span_limit=2000000000")
 
 BARE, CHAIN, CLOCK = "bare", "chain", "clock"
 UNMONITORED, DROPPED, KEPT = "unmonitored", "dropped", "kept"
+LIMIT = "limit"
 TITLES = {
     BARE: "bare engine",
     CHAIN: "hook that only chains",
@@ -19,8 +20,9 @@ TITLES = {
     UNMONITORED: "kaq, request not monitored",
     DROPPED: "kaq, short calls dropped",
     KEPT: "kaq, every span kept",
+    LIMIT: "kaq, span limit reached",
 }
-VARIANTS = tuple(TITLES)
+VARIANTS = (BARE, CHAIN, CLOCK, UNMONITORED, DROPPED, KEPT)
 
 
 class BenchError(Exception):
@@ -73,6 +75,8 @@ class Setup:
         self.php = options.php
         self.php_cgi = options.php_cgi
         self.encode = options.encode
+        self.drivers = options.drivers
+        self.redis_server = options.redis_server
         self.quick = options.quick
         self.agent = agent
         self.scratch = scratch
@@ -88,7 +92,17 @@ class Setup:
         port = self.agent.unmonitored if variant == UNMONITORED else self.agent.monitored
         options = base + ["-d", "extension=" + self._kaq, "-d", "kaq.status_port=%d" % port,
                           "-d", "kaq.data_port=%d" % self.agent.data]
+        if variant == LIMIT:
+            return options + ["-d", "kaq.span_limit=1"]
         return options + list(KEEP_ALL) if variant == KEPT else options
+
+    def wrapped_arguments(self, variant, modules=()):
+        """The same with the functions to be wrapped, and more modules."""
+        options = self.arguments(variant) + ["-d", "extension=" + self._probe,
+                                             "-d", "probe.mode=none"]
+        for module in modules:
+            options += ["-d", "extension=" + module]
+        return options
 
     def script(self, name):
         return os.path.join(os.path.dirname(os.path.abspath(__file__)), "scripts", name)

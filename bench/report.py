@@ -1,10 +1,14 @@
 """The figures as tables, and each target beside its figure."""
+import statistics
+
 import calls
 import harness
 import web
-from harness import BARE, CHAIN, CLOCK, DROPPED, VARIANTS
+import wrapped
+from harness import BARE, CHAIN, CLOCK, DROPPED, LIMIT, UNMONITORED, VARIANTS
 
 CALL_TARGET = 1.0
+WRAPPED_TARGET_NS = 10.0
 ENCODING_TARGET = 3.0
 DEPTH_TARGET = 0.8
 
@@ -50,6 +54,52 @@ def print_instructions(counts):
               % (harness.TITLES[variant], *(counts[workload][variant] for workload in counts)))
     print("  The two clock reads count less than they cost: valgrind turns each into a system call,"
           "\n  whose instructions it does not see.")
+
+
+def _added(pairs):
+    """What wrapping adds, in ns: median of the rounds, and the difference of the two minima."""
+    return (statistics.median(wrapped_ns - plain for plain, wrapped_ns in pairs),
+            min(pair[1] for pair in pairs) - min(pair[0] for pair in pairs))
+
+
+def print_wrapped_calls(times, targets):
+    for kind, (title, *_) in wrapped.KINDS.items():
+        _heading("Cost per wrapped call: %s (ns)" % title)
+        print("  %-28s %9s %9s  %15s" % ("", "same call", "wrapped", "added"))
+        print("  %-28s %9s %9s  %15s" % ("", "unwrapped", "best", "median   best"))
+        for variant, pairs in times[kind].items():
+            print("  %-28s %9.1f %9.1f  %7.1f %7.1f"
+                  % (harness.TITLES[variant], min(pair[0] for pair in pairs),
+                     min(pair[1] for pair in pairs), *_added(pairs)))
+    print("  Both functions run in the same process. Without the extension neither is wrapped: what"
+          "\n  is added there is the error of the measurement.\n")
+    for variant in (UNMONITORED, LIMIT):
+        median = _added(times["names"][variant])[0]
+        _target(targets, "ns added to a wrapped call: %s" % harness.TITLES[variant], median,
+                "<= %.0f" % WRAPPED_TARGET_NS, median <= WRAPPED_TARGET_NS)
+
+
+def print_wrapped_loops(loops):
+    for name, times in loops.items():
+        _heading("Cost per turn of a loop: %s (us)" % wrapped.LOOPS[name])
+        if isinstance(times, str):
+            print("  left out: %s" % times)
+            continue
+        print("  %-28s %9s %9s  %15s" % ("", "best us", "added", "to bare"))
+        print("  %-28s %9s %9s  %15s" % ("", "", "to bare", "median   best"))
+        for variant, rounds in times.items():
+            print("  %-28s %9.2f %9.2f  %7.2f %7.2f"
+                  % (harness.TITLES[variant], min(rounds) / 1e3,
+                     (min(rounds) - min(times[BARE])) / 1e3,
+                     *harness.ratios(rounds, times[BARE])))
+
+
+def print_wrapped_instructions(counts):
+    _heading("Instructions per wrapped call, and per turn of the SQLite loop (callgrind)")
+    print("  %-28s %s" % ("", " ".join("%9s" % kind for kind in counts)))
+    for variant in wrapped.VARIANTS:
+        print("  %-28s %s" % (harness.TITLES[variant],
+                              " ".join("%9.1f" % counts[kind][variant] for kind in counts)))
 
 
 def print_requests(times):

@@ -12,8 +12,9 @@ import encoding
 import harness
 import report
 import web
+import wrapped
 
-SECTIONS = ("calls", "instructions", "requests", "encoding", "depth")
+SECTIONS = ("calls", "wrapped", "instructions", "requests", "encoding", "depth")
 
 
 def parse():
@@ -22,6 +23,8 @@ def parse():
         parser.add_argument("--" + name, required=True)
     parser.add_argument("--php-cgi", default="")
     parser.add_argument("--encode", default="")
+    parser.add_argument("--drivers", default="", help="where drivers may stand")
+    parser.add_argument("--redis-server", default="")
     parser.add_argument("--json", default="")
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--section", action="append", choices=SECTIONS)
@@ -35,9 +38,16 @@ def run_sections(setup, wanted, targets):
     if "calls" in wanted:
         figures["calls_ns"] = calls.time_calls(setup, 3 if quick else 15)
         report.print_calls(figures["calls_ns"], targets)
+    if "wrapped" in wanted:
+        figures["wrapped_ns"] = wrapped.time_calls(setup, 3 if quick else 15)
+        report.print_wrapped_calls(figures["wrapped_ns"], targets)
+        figures["loops_ns"] = wrapped.time_loops(setup, 3 if quick else 15)
+        report.print_wrapped_loops(figures["loops_ns"])
     if "instructions" in wanted:
         figures["instructions"] = calls.count_instructions(setup)
         report.print_instructions(figures["instructions"])
+        figures["wrapped_instructions"] = wrapped.count_instructions(setup)
+        report.print_wrapped_instructions(figures["wrapped_instructions"])
     if "requests" in wanted and setup.php_cgi:
         figures["requests_us"] = web.time_requests(setup, 5 if quick else 40)
         report.print_requests(figures["requests_us"])

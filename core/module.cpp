@@ -19,10 +19,10 @@ static kaq_error_cb_t *kaq_error_cb_slot(void) {
 void kaq_start(void) {
 	const zend_kaq_globals *g = kaq_get_globals();
 	wrap_sethandler();
+	kaq_watch_fibers(kaq_switch_fiber);
 	if (g->track_zend_execute) {
 		old_execute_ex = zend_execute_ex;
 		zend_execute_ex = kaq_execute_ex;
-		kaq_watch_fibers(kaq_switch_fiber);
 	}
 	if (g->track_exceptions) {
 		old_exception_cb = *kaq_throw_hook_slot();

@@ -74,9 +74,14 @@ static char kaq_add_letter(kaq_reading *reading, kaq_arguments *arguments, char 
 }
 
 /* Where null for a scalar is deprecated the parser would say so before the wrapped function does,
- * or although that function takes null: there null is allowed and read as the empty value. */
+ * or although that function takes null: there null is allowed and read as the empty value. For a
+ * strict caller it fits nowhere. */
+static bool kaq_reads_nulls(void) {
+	return KAQ_NULL_SCALARS_DEPRECATED && !kaq_caller_is_strict();
+}
+
 static bool kaq_add_null_mark(kaq_reading *reading, char letter, char next) {
-	if (!KAQ_NULL_SCALARS_DEPRECATED || next == '!' || (letter != 's' && letter != 'b')) {
+	if (!kaq_reads_nulls() || next == '!' || (letter != 's' && letter != 'b')) {
 		return false;
 	}
 	if (letter == 'b') {
@@ -170,7 +175,7 @@ static char kaq_empty_text[] = "";
 /* A null that was allowed for a string reads as "". */
 static void kaq_fill_null_texts(const kaq_reading *reading, kaq_arguments *arguments,
 								uint32_t count) {
-	if (!KAQ_NULL_SCALARS_DEPRECATED) {
+	if (!kaq_reads_nulls()) {
 		return;
 	}
 	uint32_t argument = 0;

@@ -63,11 +63,31 @@ void kaq_execute_ex(zend_execute_data *execute_data) {
 	}
 }
 
+/* A fiber's slot holds its current span and, in the upper bits, how often the span's record had
+ * been reused then: the span may have belonged to the code that resumed the fiber, and be gone. A
+ * slot of NO_SPAN says that there was none, an empty one that the fiber is new. */
+#define KAQ_REUSE_SHIFT 48
+static const uintptr_t NO_SPAN = 1;
+
+static uintptr_t kaq_remember_span(const kaq_node *node) {
+	return node ? (uintptr_t)node | (uintptr_t)node->reuse << KAQ_REUSE_SHIFT : NO_SPAN;
+}
+
+static bool kaq_recall_span(uintptr_t slot, kaq_node **node) {
+	if (slot <= NO_SPAN) {
+		*node = NULL;
+		return slot == NO_SPAN;
+	}
+	*node = (kaq_node *)(slot & (((uintptr_t)1 << KAQ_REUSE_SHIFT) - 1));
+	return (*node)->data.state == KAQ_NODE_OPEN && (*node)->reuse == slot >> KAQ_REUSE_SHIFT;
+}
+
 void kaq_switch_fiber(void **from, void **to) {
 	zend_kaq_globals *g = kaq_get_globals();
-	*from = g->current_node;
-	if (*to) {
-		g->current_node = (kaq_node *)*to;
+	kaq_node *node;
+	*from = (void *)kaq_remember_span(g->current_node);
+	if (kaq_recall_span((uintptr_t)*to, &node)) {
+		g->current_node = node;
 	}
 }
 

@@ -20,7 +20,7 @@ void kaq_execute_ex(zend_execute_data *execute_data);
 kaq_node *kaq_populate_function(const zend_execute_data *execute_data);
 
 /* A fiber is left and another one, or the main code, goes on: each has a current span of its own. A
- * fiber that starts takes over the one of the code that starts it. */
+ * fiber that starts, or whose span is gone, takes over the one of the code that it goes on from. */
 void kaq_switch_fiber(void **from, void **to);
 
 /* Opens the root span "main". REQUIRES: no span of this request has been opened. */

@@ -89,7 +89,7 @@ static void kaq_close_orphan(kaq_node_pool *, kaq_node *node) {
  * current one; the pool still knows them. */
 void kaq_close_open_nodes(void) {
 	zend_kaq_globals *g = kaq_get_globals();
-	while (g->current_node) {
+	while (g->current_node && g->current_node->data.state == KAQ_NODE_OPEN) {
 		kaq_close_node(g->current_node);
 	}
 	kaq_pool_for_each_open(&g->node_pool, kaq_close_orphan);

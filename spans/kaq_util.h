@@ -69,6 +69,7 @@ struct kaq_node_data {
 struct kaq_node_info {
 	struct kaq_node_data data;
 	kaq_node *next;
+	uint16_t reuse; /* how often the record has been given back, modulo 65536 */
 	/* Short names live here, so that recording a call needs no allocation. Not cleared. Engine
 	 * strings are copied in steps of 8 bytes, so the size is a multiple of 8. */
 	char name_store[KAQ_NAME_STORE_SIZE];

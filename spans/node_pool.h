@@ -55,6 +55,7 @@ static inline void kaq_clear_node_data(struct kaq_node_data *data) {
 
 static inline void kaq_pool_give_back(kaq_node_pool *pool, kaq_node *node) {
 	kaq_clear_node_data(&node->data);
+	node->reuse++;
 	node->next = pool->free_list;
 	pool->free_list = node;
 }

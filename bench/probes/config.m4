@@ -7,5 +7,5 @@ if test "$PHP_PROBE" != "no"; then
   PHP_REQUIRE_CXX()
   probe_flags="-std=gnu++17 -O2 -Wall -Wextra -fvisibility=hidden -fno-exceptions -fno-rtti"
   probe_flags="$probe_flags `$PHP_CONFIG --includes | sed 's/-I/-isystem /g'`"
-  PHP_NEW_EXTENSION(probe, probe.cpp, $ext_shared,, $probe_flags, cxx)
+  PHP_NEW_EXTENSION(probe, probe.cpp functions.cpp, $ext_shared,, $probe_flags, cxx)
 fi

@@ -1,9 +1,10 @@
 /*
  * Execute hooks to hold the extension against, chosen by the setting "probe.mode" at start:
  * "chain" only calls the hook before it, "clock" also reads the wall clock before and after.
- * The clock reads stand in the hook itself, as one would write it first.
+ * The clock reads stand in the hook itself, as one would write it first. Any other mode: no hook,
+ * the functions alone.
  */
-#include "php.h"
+#include "functions.h"
 #include "php_ini.h"
 
 #include <string.h>
@@ -37,7 +38,11 @@ static PHP_MINIT_FUNCTION(probe) {
 	REGISTER_INI_ENTRIES();
 	const char *mode = zend_ini_string((char *)"probe.mode", strlen("probe.mode"), 0);
 	probe_previous = zend_execute_ex;
-	zend_execute_ex = strcmp(mode, "clock") == 0 ? probe_clock_hook : probe_chain_hook;
+	if (strcmp(mode, "clock") == 0) {
+		zend_execute_ex = probe_clock_hook;
+	} else if (strcmp(mode, "chain") == 0) {
+		zend_execute_ex = probe_chain_hook;
+	}
 	return SUCCESS;
 }
 
@@ -50,7 +55,7 @@ static PHP_MSHUTDOWN_FUNCTION(probe) {
 
 static zend_module_entry probe_module_entry = {STANDARD_MODULE_HEADER,
 											   "probe",
-											   NULL,
+											   probe_functions,
 											   PHP_MINIT(probe),
 											   PHP_MSHUTDOWN(probe),
 											   NULL,

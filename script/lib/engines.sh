@@ -53,7 +53,7 @@ kaq_engine_is_zts() {
 
 # kaq_engine_is_asan PHP_CONFIG
 kaq_engine_is_asan() {
-	"$1" --configure-options | grep -q -e '-fsanitize=address'
+	grep -q __asan_init "$("$1" --php-binary)" 2>/dev/null
 }
 
 # kaq_engine_key PHP_CONFIG: a name that is fit for a directory and differs

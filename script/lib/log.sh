@@ -3,7 +3,16 @@
 # Source it after `set -euo pipefail`. Everything it prints goes to standard error.
 
 KAQ_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
+if [[ -z ${XDG_CACHE_HOME:-} && -z ${HOME:-} ]]; then
+	HOME=$(getent passwd "$(id -u)" | cut -d: -f6)
+	export HOME
+fi
 KAQ_CACHE="${XDG_CACHE_HOME:-$HOME/.cache}/kaq"
+mkdir -p "$KAQ_CACHE" 2>/dev/null || {
+	printf '%s: %s cannot be written; XDG_CACHE_HOME names another directory\n' \
+		"$(basename "$0")" "$KAQ_CACHE" >&2
+	exit 1
+}
 KAQ_LOGS="$KAQ_CACHE/logs"
 export KAQ_ROOT KAQ_CACHE KAQ_LOGS
 

@@ -49,3 +49,24 @@ kaq_need_packages() {
 		kaq_die "could not install ${missing[*]} (full log: $log)"
 	kaq_log "packages: done"
 }
+
+# kaq_need_server_packages PACKAGE...: the same for packages that would start a
+# service of the machine when they are installed: it stays down. A machine that
+# has a policy of its own for that keeps it.
+kaq_need_server_packages() {
+	local policy=/usr/sbin/policy-rc.d
+	local -a missing as_root=()
+	mapfile -t missing < <(kaq_missing_packages "$@")
+	((${#missing[@]} > 0)) || return 0
+	if [[ -e $policy ]]; then
+		kaq_need_packages "${missing[@]}"
+		return 0
+	fi
+	[[ $(id -u) -eq 0 ]] || as_root=(sudo -n)
+	(
+		trap '"${as_root[@]}" rm -f "$policy"' EXIT
+		printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+		"${as_root[@]}" chmod 755 "$policy"
+		kaq_need_packages "${missing[@]}"
+	)
+}

@@ -24,9 +24,9 @@ kaq_build_standins() {
 		: >"$log"
 		(
 			cd "$build"
-			export ASAN_OPTIONS=detect_leaks=0
 			kaq_run "$log" "$(dirname "$config")/${name/php-config/phpize}" &&
-				kaq_run "$log" ./configure --with-php-config="$config" CFLAGS="$flags" CXXFLAGS="$flags -Werror" &&
+				kaq_run "$log" env ASAN_OPTIONS=detect_leaks=0 ./configure --with-php-config="$config" \
+					CFLAGS="$flags" CXXFLAGS="$flags -Werror" &&
 				kaq_run "$log" make -j"$(nproc)"
 		) || return 1
 		printf '%s\n' "$wanted" >"$build/.recipe"

@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# The suites that script/test runs. Source log.sh, engines.sh and report.sh
-# first, and set KAQ_RUN to a directory of this run's own: runs at the same
+# The suites that script/test runs. Source log.sh, engines.sh, standins.sh and
+# report.sh first, and set KAQ_RUN to a directory of this run's own: runs at the same
 # time share only what is compiled, under a lock. Each function runs one suite,
 # reports it and returns true; nothing is written in the checkout.
 
@@ -119,10 +119,19 @@ kaq_fuzz_one() {
 		"$found/corpus" ${seeds:+"$seeds"}
 }
 
+# kaq_standins_of_run CONFIG KEY: prints the path of this run's own copy of the
+# stand-in drivers, which a build at the same time leaves alone.
+kaq_standins_of_run() {
+	local built
+	built=$(kaq_build_standins "$1" </dev/null) || return 1
+	mkdir -p "$KAQ_RUN/$2"
+	cp "$built" "$KAQ_RUN/$2/kaq_standins.so" && printf '%s\n' "$KAQ_RUN/$2/kaq_standins.so"
+}
+
 # kaq_suite_embed CONFIG KEY SO: programs that embed the engine.
 kaq_suite_embed() {
 	local config=$1 key=$2 so=$3 begin=$SECONDS library
-	local build="$KAQ_CACHE/build/embed-$2" log="$KAQ_LOGS/embed-$2.log"
+	local build="$KAQ_CACHE/build/embed-$2" log="$KAQ_LOGS/embed-$2.log" standins
 	library=$(kaq_engine_embed "$config")
 	if [[ -z $library ]]; then
 		kaq_report_skip "embed $key" 'this engine has no embed library'
@@ -135,7 +144,12 @@ kaq_suite_embed() {
 		kaq_report_broken "embed $key" $((SECONDS - begin)) "$log" 'does not compile'
 		return 0
 	fi
-	KAQ_SO=$so kaq_ctest "embed $key" "$build" "$log" 600 "$begin"
+	if ! standins=$(kaq_standins_of_run "$config" "$key"); then
+		kaq_report_broken "embed $key" $((SECONDS - begin)) "$KAQ_LOGS/build-standins-$key.log" \
+			'the stand-in drivers do not build'
+		return 0
+	fi
+	KAQ_SO=$so KAQ_STANDINS_SO=$standins kaq_ctest "embed $key" "$build" "$log" 600 "$begin"
 }
 
 # kaq_suite_phpt CONFIG KEY SO [valgrind]: the engine's own test runner with no
@@ -186,11 +200,12 @@ kaq_phpt_diffs() {
 	done < <(find "$1" \( -name '*.diff' -o -name '*.mem' \) -size +0 | sort)
 }
 
-# kaq_suite_wire CONFIG KEY SO: what the local agent sees.
-kaq_suite_wire() {
-	local config=$1 key=$2 so=$3 begin=$SECONDS status=0
-	local log="$KAQ_LOGS/wire-$2.log" results="$KAQ_RUN/wire-$2.xml"
-	kaq_log "wire $key"
+# kaq_pytest SUITE CONFIG KEY SO [VARIABLE=VALUE...]: the tests in tests/SUITE.
+kaq_pytest() {
+	local suite=$1 config=$2 key=$3 so=$4 begin=$SECONDS status=0
+	local log="$KAQ_LOGS/$1-$3.log" results="$KAQ_RUN/$1-$3.xml"
+	shift 4
+	kaq_log "$suite $key"
 	(
 		cd "$KAQ_ROOT" &&
 			KAQ_PHP_CONFIG=$config KAQ_SO=$so \
@@ -198,10 +213,46 @@ kaq_suite_wire() {
 				KAQ_PHP_CGI=$(kaq_engine_binary "$config" php-cgi) \
 				KAQ_PHP_FPM=$(kaq_engine_binary "$config" php-fpm) \
 				PYTHONDONTWRITEBYTECODE=1 \
-				kaq_bounded 1200 "$(kaq_python)" -m pytest -q -p no:cacheprovider --tb=short \
-				--junitxml="$results" tests/wire
+				kaq_bounded 1200 env "$@" "$(kaq_python)" -m pytest -q -p no:cacheprovider --tb=short \
+				-rs --junitxml="$results" "tests/$suite"
 	) >"$log" 2>&1 </dev/null || status=$?
-	kaq_report "wire $key" $((SECONDS - begin)) "$log" "$status" junit "$results"
+	kaq_report "$suite $key" $((SECONDS - begin)) "$log" "$status" junit "$results"
+}
+
+# kaq_suite_wire CONFIG KEY SO: what the local agent sees.
+kaq_suite_wire() {
+	local standins
+	if ! standins=$(kaq_standins_of_run "$1" "$2"); then
+		kaq_report_broken "wire $2" 0 "$KAQ_LOGS/build-standins-$2.log" 'the stand-in drivers do not build'
+		return 0
+	fi
+	kaq_pytest wire "$@" KAQ_STANDINS_SO="$standins"
+}
+
+# kaq_suite_servers CONFIG KEY SO: real drivers that talk to real servers. What
+# an engine cannot have is skipped, and the line says what.
+kaq_suite_servers() {
+	local key=$2 begin=$SECONDS directory file log="$KAQ_LOGS/drivers-$2.log"
+	if ! directory=$("$KAQ_ROOT/script/drivers" --php-config "$1" 2>"$log" </dev/null); then
+		kaq_report_broken "servers $key" $((SECONDS - begin)) "$log" 'the drivers could not be provided'
+		return 0
+	fi
+	for file in "$directory"/*.missing; do
+		if [[ -e $file ]]; then
+			kaq_log "servers $key: $(<"$file")"
+		fi
+	done
+	kaq_pytest servers "$@" KAQ_DRIVERS="$directory"
+}
+
+# kaq_suite_threads CONFIG KEY SO: a server of many threads, and a sanitizer
+# that watches as many.
+kaq_suite_threads() {
+	if ! kaq_engine_is_zts "$1"; then
+		kaq_report_skip "threads $2" 'this engine has no threads'
+		return 0
+	fi
+	kaq_pytest threads "$@" KAQ_RACE_BUILD="$KAQ_CACHE/build/threads-$2"
 }
 
 # kaq_suite_engine_suite CONFIG KEY SO [PART]: the engine's own tests do not

@@ -10,7 +10,8 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import doors  # noqa: E402
 import engines  # noqa: E402
-from fake_agent import FakeAgent  # noqa: E402
+import standins  # noqa: E402
+from fake_agent import ENABLED, FakeAgent  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -158,3 +159,15 @@ class Door:
 @pytest.fixture(params=["builtin", "cgi", "fpm"])
 def door(request, wire):
     return Door(wire, request.param)
+
+
+@pytest.fixture(scope="session")
+def standins_so(engine):
+    return standins.path_of(engine)
+
+
+@pytest.fixture
+def drivers(wire, agent, standins_so):
+    """The stand-in drivers; only queries of more than 1000 s are slow."""
+    agent.reply = dict(ENABLED, **{"transaction.trace.sql.stacktrace.threshold": 1000})
+    return standins.Standins(wire, standins_so)

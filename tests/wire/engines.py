@@ -17,15 +17,27 @@ class Engine:
     def __init__(self, php_config, so, php, cgi, fpm):
         self.php_config, self.so, self.php, self.cgi, self.fpm = php_config, so, php, cgi, fpm
         asked = subprocess.run(
-            [php, "-n", "-r", "echo PHP_VERSION_ID, ' ', PHP_ZTS, ' ', ini_get('extension_dir');"],
+            [php, "-n", "-r", "echo PHP_VERSION_ID, ' ', PHP_ZTS, ' ', (int)(ini_get("
+             "'memory_hard_limit_percent') !== false), ' ', ini_get('extension_dir');"],
             stdin=subprocess.DEVNULL, capture_output=True, timeout=RUN_DEADLINE, check=True,
             text=True, env=environment()).stdout.split()
         self.version_id, self.is_zts = int(asked[0]), asked[1] == "1"
-        self.extension_dir = asked[2] if len(asked) > 2 else ""
+        self.has_hard_memory_limit = asked[2] == "1"
+        self.extension_dir = asked[3] if len(asked) > 3 else ""
+
+    @property
+    def has_zend_signals(self):
+        told = run([self.php, "-n", "-i"]).stdout
+        return b"Zend Signal Handling => enabled" in told
 
     @property
     def creating_a_generator_runs_its_function(self):
         return self.version_id >= 70100
+
+    @property
+    def concurrent_requests_corrupt_its_heap(self):
+        """Without any extension."""
+        return self.version_id < 70100
 
     @property
     def fpm_has_getallheaders(self):
@@ -33,6 +45,23 @@ class Engine:
 
     @property
     def disabled_functions_vanish(self):
+        return self.version_id >= 80000
+
+    @property
+    def exit_is_a_bailout(self):
+        return self.version_id < 80000
+
+    @property
+    def memory_limit_is_a_bailout(self):
+        """Where there is a hard limit besides, the limit unwinds as exit does."""
+        return not self.has_hard_memory_limit
+
+    @property
+    def failed_parses_throw(self):
+        return self.version_id >= 80000
+
+    @property
+    def handles_are_objects(self):
         return self.version_id >= 80000
 
     @property

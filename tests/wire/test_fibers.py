@@ -107,3 +107,51 @@ def test_fibers_that_take_turns_at_random(fibers, seed):
     """ % steps)
     assert result.stdout == b"done", steps
     assert_whole(payload)
+
+
+@pytest.mark.parametrize("threshold", [0, 10])
+def test_a_fiber_without_a_span_of_its_own_does_not_keep_that_of_its_starter(fibers, threshold):
+    result, payload = fibers("""
+        function starts() { $f = new Fiber('Fiber::suspend'); $f->start(1); return $f; }
+        function idle() { usleep(100); }
+        function resumes($fiber) { $fiber->resume(); idle(); }
+        for ($i = 0; $i < 20; $i++) {
+            $fiber = starts();
+            idle();
+            resumes($fiber);
+            idle();
+        }
+        $kept = starts();
+        idle();
+        usleep(12000);
+        echo 'done';
+    """, threshold)
+    assert result.stdout == b"done"
+    assert_whole(payload)
+    if threshold == 0:
+        idle = ("idle", [])
+        assert payload.tree()[1][:4] == [("starts", []), idle, ("resumes", [idle]), idle]
+
+
+def test_nested_fibers_without_spans_return_to_the_span_they_came_from(fibers):
+    result, payload = fibers("""
+        function outer() {
+            $inner = new Fiber('Fiber::suspend');
+            $inner->start(1);
+            Fiber::suspend($inner);
+            $inner->resume();
+            leaf();
+        }
+        function leaf() {}
+        function goes_on($fiber) { leaf(); $fiber->resume(); leaf(); }
+        $fiber = new Fiber('outer');
+        $fiber->start();
+        goes_on($fiber);
+        leaf();
+        echo 'done';
+    """)
+    assert result.stdout == b"done"
+    assert_whole(payload)
+    leaf = ("leaf", [])
+    assert payload.tree() == ("main", [
+        ("outer", [leaf]), ("goes_on", [leaf, leaf]), leaf])

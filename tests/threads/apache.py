@@ -1,0 +1,205 @@
+"""Apache of the tests' own, with the event model and the thread-safe engine's module: on loopback,
+on a free port, in a temporary directory, apart from any service of the machine."""
+import ctypes
+import http.client
+import os
+import pathlib
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import time
+
+import engines
+
+THREADS = 16
+# A generation that ends stands beside the next one for a while.
+GENERATIONS = 4
+START_DEADLINE = 30.0
+STOP_DEADLINE = 30.0
+SEARCH = "/usr/sbin:/usr/bin:/sbin:/bin"
+PR_SET_PDEATHSIG = 1
+
+CONFIG = """
+ServerRoot "{directory}"
+ServerName 127.0.0.1
+Listen 127.0.0.1:{port}
+PidFile "{directory}/pid"
+DefaultRuntimeDir "{directory}"
+Mutex pthread
+User nobody
+Group nogroup
+LoadModule mpm_event_module "{modules}/mod_mpm_event.so"
+LoadModule authz_core_module "{modules}/mod_authz_core.so"
+LoadModule php7_module "{engine}"
+PHPIniDir "{directory}"
+DocumentRoot "{directory}/pages"
+SetHandler application/x-httpd-php
+ErrorLog "{directory}/error.log"
+LogLevel notice
+LogFormat "%{{pid}}P %{{tid}}P %>s %q" calls
+CustomLog "{directory}/access.log" calls
+StartServers 1
+ServerLimit {generations}
+ThreadLimit {threads}
+ThreadsPerChild {threads}
+MinSpareThreads {threads}
+MaxSpareThreads {threads}
+MaxRequestWorkers {threads}
+MaxConnectionsPerChild 0
+KeepAlive Off
+Timeout 30
+GracefulShutdownTimeout 5
+CoreDumpDirectory "{directory}"
+"""
+
+MODULES = pathlib.Path("/usr/lib/apache2/modules")
+
+
+class Unavailable(Exception):
+    """There is no Apache, or the engine has no module for it."""
+
+
+def module_of(engine):
+    prefix = pathlib.Path(engine.php_config).resolve().parents[1]
+    module = prefix / "modules" / "libphp7.so"
+    if not module.exists():
+        raise Unavailable("no Apache module of this engine at %s" % module)
+    return module
+
+
+def _free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Answer:
+    def __init__(self, status, body, process):
+        self.status, self.body, self.process = status, body, process
+
+
+class Apache:
+    """`pages` maps file names to sources; `ini` is the text of php.ini; `preload` is a library to
+    load first, or None."""
+
+    def __init__(self, engine, directory, pages, ini, preload=None):
+        self.program = shutil.which("apache2", path=SEARCH)
+        if not self.program:
+            raise Unavailable("apache2 is not installed")
+        self.module = module_of(engine)
+        self.directory = pathlib.Path(directory)
+        self.environment = engines.environment({"PATH": SEARCH})
+        if preload:
+            self.environment["LD_PRELOAD"] = str(preload)
+        self.process = None
+        os.chmod(directory, 0o755)
+        (self.directory / "pages").mkdir()
+        for name, source in pages.items():
+            (self.directory / "pages" / name).write_text(source, encoding="ascii")
+        (self.directory / "php.ini").write_text(ini, encoding="ascii")
+
+    def start(self):
+        """A free port may be taken by somebody else before Apache has it: tried again."""
+        for _ in range(3):
+            self.port = _free_port()
+            (self.directory / "apache.conf").write_text(CONFIG.format(
+                directory=self.directory, port=self.port, modules=MODULES, engine=self.module,
+                threads=THREADS, generations=GENERATIONS), encoding="ascii")
+            with open(self.directory / "output", "ab") as output:
+                self.process = subprocess.Popen(
+                    [self.program, "-d", str(self.directory),
+                     "-f", str(self.directory / "apache.conf"), "-DFOREGROUND"],
+                    env=self.environment, cwd=self.directory,
+                    stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                    preexec_fn=_die_with_parent)
+            if self._becomes_ready():
+                return self
+            self.stop()
+        raise AssertionError("Apache did not start: %s" % self._told()[-3000:])
+
+    def _becomes_ready(self):
+        """Ready are all threads once the server says so; none has served a request then."""
+        deadline = time.monotonic() + START_DEADLINE
+        while self.process.poll() is None and time.monotonic() < deadline:
+            if self.generations() > 0:
+                return True
+            time.sleep(0.02)
+        return False
+
+    def _told(self):
+        parts = [self.directory / "output", self.directory / "error.log"]
+        return "".join(part.read_text(encoding="utf-8", errors="replace")
+                       for part in parts if part.exists())
+
+    def generations(self):
+        """How often the server has started serving: once, and once per restart."""
+        return len(re.findall(r"AH00489: .* resuming normal operations", self._told()))
+
+    def get(self, path, seconds=30.0):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=seconds)
+        try:
+            connection.request("GET", path)
+            response = connection.getresponse()
+            body = response.read()
+            return Answer(response.status, body, response.getheader("X-Process"))
+        finally:
+            connection.close()
+
+    def restart_gracefully(self):
+        """Returns once a new generation has answered a request and the process before it has ended.
+        All generations read their orders from one pipe: with two of them alive, one can take what
+        was meant for the other, and that one then stays."""
+        before = self.get("/who.php").process
+        expected = self.generations() + 1
+        self.process.send_signal(signal.SIGUSR1)
+        deadline = time.monotonic() + START_DEADLINE
+        while time.monotonic() < deadline:
+            if (self.generations() >= expected and _has_ended(before) and
+                    self.get("/who.php").process != before):
+                return
+            time.sleep(0.02)
+        raise AssertionError("no new generation: %s" % self._told()[-3000:])
+
+    def stop(self):
+        """Lets running requests end; returns the status of the server."""
+        if self.process is None:
+            return None
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGWINCH)
+            try:
+                self.process.wait(STOP_DEADLINE)
+            except subprocess.TimeoutExpired:
+                self.process.terminate()
+                self.process.wait(STOP_DEADLINE)
+        status, self.process = self.process.returncode, None
+        return status
+
+    def children_that_crashed(self):
+        """What the server says of children that ended by a signal."""
+        return re.findall(r"AH0005[12]: (child pid \d+ exit signal .*)", self._told())
+
+    def complaints(self):
+        """What stands in the error log besides the server's notices of its life and its opinion
+        that so many clients want more threads."""
+        return [line for line in self._told().splitlines()
+                if not re.search(r"\[(mpm_event|core):notice\]|MaxRequestWorkers", line)]
+
+    def served(self):
+        """(process, thread, status, query) of each request, in the order in which they ended."""
+        text = (self.directory / "access.log").read_text(encoding="ascii")
+        return [tuple(line.split(" ")) for line in text.splitlines()]
+
+
+def _has_ended(process):
+    """Also when Apache has not asked for its status yet."""
+    try:
+        state = pathlib.Path("/proc", process, "stat").read_text(encoding="ascii").rpartition(")")[2]
+    except (FileNotFoundError, ProcessLookupError):
+        return True
+    return state.split()[0] in "ZX"
+
+
+def _die_with_parent():
+    ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, int(signal.SIGTERM), 0, 0, 0)

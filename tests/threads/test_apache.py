@@ -1,0 +1,90 @@
+"""Every thread of a web server is instrumented from its very first request on."""
+import re
+
+from apache import THREADS
+from load import CLIENTS, Load
+import page_calls
+
+REQUESTS = 3000
+RESTARTS = 10
+PER_GENERATION = 100
+# As many as the threads that a new generation has.
+AFTERWARDS = 20 * THREADS
+# What the C library says before it ends a process whose heap is corrupt.
+HEAP_REPORT = r"(malloc|free|realloc|munmap_chunk|double free|corrupted|sysmalloc|tcache)\b"
+
+
+def loaded(site, first, count):
+    """`count` requests from CLIENTS clients at once; fails unless each was answered rightly."""
+    with Load(site, page_calls.path_of, first, count) as load:
+        load.join()
+    check_answers(load)
+    assert len(load.answers) == count
+    return load
+
+
+def check_answers(load):
+    assert load.failures[:3] == []
+    wrong = [(number, answer.status, answer.body) for number, answer in load.answers.items()
+             if (answer.status, answer.body.decode()) != (
+                 200, page_calls.expected_body(number))]
+    assert wrong[:3] == []
+
+
+def check_server(site, engine):
+    """No child may have ended by a signal. PHP 7.0 by itself, without any extension, corrupts its
+    heap under concurrent requests (its threads count references to shared names without guard), and
+    now and then the C library ends a child for that when it has served and ends anyway."""
+    status = site.stop()
+    crashed, complaints = site.children_that_crashed(), site.complaints()
+    if engine.concurrent_requests_corrupt_its_heap:
+        crashed = [text for text in crashed if "Abort (6)" not in text and "fault (11)" not in text]
+        complaints = [text for text in complaints if not re.match(HEAP_REPORT, text)]
+    assert (crashed, complaints, status) == ([], [], 0)
+
+
+def check_threads(site):
+    """One process served all, with all of its threads: no child died and was replaced."""
+    served = {(process, thread) for process, thread, _, _ in site.served()}
+    assert (len(served), len({process for process, _ in served})) == (THREADS, 1)
+
+
+def test_every_call_in_every_thread_is_one_span_from_the_first_request_on(
+        start_site, agent, engine):
+    site = start_site()
+    load = loaded(site, 1, REQUESTS)
+    page_calls.check_payloads(agent, load.answers)
+    check_server(site, engine)
+    check_threads(site)
+
+
+def test_same_load_on_the_bare_engine(start_site, engine):
+    """What the other tests demand of a server, or excuse, goes for one without the extension."""
+    site = start_site(loaded=False)
+    loaded(site, 1, REQUESTS)
+    check_server(site, engine)
+    check_threads(site)
+
+
+def test_first_requests_that_all_come_at_once(start_site, agent, engine):
+    """The threads of a fresh process begin together, several times."""
+    site = start_site()
+    for first in range(1, 5 * CLIENTS, CLIENTS):
+        load = loaded(site, first, CLIENTS)
+        page_calls.check_payloads(agent, load.answers)
+        site.restart_gracefully()
+    check_server(site, engine)
+
+
+def test_ten_graceful_restarts_under_load(start_site, agent, engine):
+    site = start_site()
+    with Load(site, page_calls.path_of) as load:
+        for restart in range(RESTARTS):
+            load.wait_for(restart * PER_GENERATION)
+            site.restart_gracefully()
+    check_answers(load)
+    assert site.generations() == RESTARTS + 1
+    assert len({answer.process for answer in load.answers.values()}) >= RESTARTS
+    page_calls.check_payloads(agent, load.answers)
+    page_calls.check_payloads(agent, loaded(site, 1000000, AFTERWARDS).answers)
+    check_server(site, engine)
