@@ -28,10 +28,20 @@ kaq_suite_check() {
 	kaq_report check $((SECONDS - begin)) "$log" "$status" check "$KAQ_RUN/check"
 }
 
+# kaq_forget_other_checkout BUILD: the cache serves every checkout, but CMake
+# refuses a build directory that another one made.
+kaq_forget_other_checkout() {
+	if [[ -f $1/CMakeCache.txt ]] &&
+		! grep -qE "^CMAKE_HOME_DIRECTORY:INTERNAL=$KAQ_ROOT(/|\$)" "$1/CMakeCache.txt"; then
+		rm -rf "$1"
+	fi
+}
+
 # kaq_cmake SOURCE BUILD LOG OPTION...: configures and builds.
 kaq_cmake() {
 	local source=$1 build=$2 log=$3
 	shift 3
+	kaq_forget_other_checkout "$build"
 	{
 		cmake -S "$source" -B "$build" -DKAQ_WERROR=ON "$@" &&
 			kaq_bounded 900 cmake --build "$build" -j "$(nproc)"
@@ -252,6 +262,7 @@ kaq_suite_threads() {
 		kaq_report_skip "threads $2" 'this engine has no threads'
 		return 0
 	fi
+	kaq_forget_other_checkout "$KAQ_CACHE/build/threads-$2"
 	kaq_pytest threads "$@" KAQ_RACE_BUILD="$KAQ_CACHE/build/threads-$2"
 }
 

@@ -96,4 +96,7 @@ def check_payloads(agent, numbers):
     told = [(number, len(payloads.get(number, ()))) for number in numbers]
     assert [one for one in told if one[1] != 1][:3] == []
     for number in numbers:
-        assert told_spans(payloads[number][0], number) == expected_spans(number), number
+        found, wanted = told_spans(payloads[number][0], number), expected_spans(number)
+        assert found == wanted, "request %d: missing %s, instead %s" % (
+            number, [span for span in wanted if span not in found],
+            [span for span in found if span not in wanted])
