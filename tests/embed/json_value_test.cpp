@@ -295,3 +295,20 @@ TEST_F(JsonValue, EncodingLeavesTheValueAndTheHeapAsTheyWere) {
 	EXPECT_EQ(2u, zend_hash_num_elements(Z_ARRVAL(value)));
 	zval_ptr_dtor(&value);
 }
+
+/* One text of a megabyte, many times: nothing else keeps a shared value from filling the memory. */
+TEST_F(JsonValue, TextBeyondTheLimitCountsAsAbsent) {
+	zval fits = php_value("array_fill(0, 100, str_repeat('x', 1 << 20))");
+	char *text = kaq_encode_zval_to_json(&fits);
+	ASSERT_NE(nullptr, text);
+	EXPECT_EQ(100 * ((1u << 20) + 3) + 1, strlen(text));
+	free(text);
+	zval_ptr_dtor(&fits);
+	zval exceeds = php_value("array_fill(0, 129, str_repeat('x', 1 << 20))");
+	EXPECT_EQ(nullptr, kaq_encode_zval_to_json(&exceeds));
+	zval_ptr_dtor(&exceeds);
+	zval doubling = php_value("(function () { $v = ['leaf'];"
+							  "for ($i = 0; $i < 31; $i++) $v = [$v, $v]; return $v; })()");
+	EXPECT_EQ(nullptr, kaq_encode_zval_to_json(&doubling));
+	zval_ptr_dtor(&doubling);
+}

@@ -224,7 +224,10 @@ TEST_F(WrappedCall, DoesNothingOnceTheRecordsAreGone) {
 	}
 	EXPECT_EQ("[null,null]", php_json("[mysql_query('q'), (new Redis)->get('k')]"));
 	EXPECT_EQ(0, calls);
-	kaq_destroy_internal_wrap_records();
+	kaq_generate_internal_wrap_records();
+	kaq_add_internal_instrumentation();
+	EXPECT_EQ("null", php_json("mysql_query('q')")) << "a wrapper does not wrap itself";
+	EXPECT_EQ(0, calls);
 }
 
 TEST_F(WrappedCall, IsInstalledForEveryRecordButTheTwoOracleConnects) {
@@ -392,20 +395,24 @@ static void returns_seven(zend_execute_data *, zval *return_value) {
 	ZVAL_LONG(return_value, 7);
 }
 
+static zend_execute_data deeper_frame;
+
 static void bails_out(zend_execute_data *, zval *) {
+	EG(current_execute_data) = &deeper_frame;
 	zend_bailout();
 }
 
 TEST_F(WrapRecords, ProtectedCallTellsWhetherItBailedOutAndPutsTheTargetBack) {
 	JMP_BUF *target = EG(bailout);
-	zend_execute_data *frame = EG(current_execute_data);
+	zend_execute_data *outer_frame = EG(current_execute_data), frame = {};
 	zval value;
 	ZVAL_NULL(&value);
-	EXPECT_EQ(0, kaq_zend_call_old_handler(returns_seven, frame, &value));
+	EXPECT_EQ(0, kaq_zend_call_old_handler(returns_seven, &frame, &value));
 	EXPECT_EQ(7, Z_LVAL(value));
 	EXPECT_EQ(target, EG(bailout));
-	EXPECT_EQ(1, kaq_zend_call_old_handler(bails_out, frame, &value));
+	EXPECT_EQ(1, kaq_zend_call_old_handler(bails_out, &frame, &value));
 	EXPECT_EQ(target, EG(bailout));
-	EXPECT_EQ(frame, EG(current_execute_data));
+	EXPECT_EQ(&frame, EG(current_execute_data));
+	EG(current_execute_data) = outer_frame;
 	CG(unclean_shutdown) = 0;
 }

@@ -11,7 +11,7 @@ PER_GENERATION = 100
 # As many as the threads that a new generation has.
 AFTERWARDS = 20 * THREADS
 # What the C library says before it ends a process whose heap is corrupt.
-HEAP_REPORT = r"(malloc|free|realloc|munmap_chunk|double free|corrupted|sysmalloc|tcache)\b"
+HEAP_REPORT = r"(malloc|free|realloc|munmap_chunk|double free|corrupted|sysmalloc|tcache)"
 
 
 def loaded(site, first, count):

@@ -23,7 +23,7 @@ def run(programs, name, page, agent):
     return subprocess.run(
         [*programs.launcher, str(programs.directory / name), str(THREADS), str(REQUESTS_OF_EACH),
          str(page), settings],
-        stdin=subprocess.DEVNULL, capture_output=True, timeout=120, env=programs.environment,
+        stdin=subprocess.DEVNULL, capture_output=True, timeout=60, env=programs.environment,
         text=True, errors="replace")
 
 

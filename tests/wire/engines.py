@@ -57,6 +57,11 @@ class Engine:
         return not self.has_hard_memory_limit
 
     @property
+    def keeps_memory_limit(self):
+        """Not when memory comes from the C library, as under a sanitizer."""
+        return os.environ.get("USE_ZEND_ALLOC") != "0"
+
+    @property
     def failed_parses_throw(self):
         return self.version_id >= 80000
 

@@ -189,7 +189,9 @@ def test_lower_case_parent_header_wins_over_the_capitalised_one(wire, agent):
     server = wire.builtin_server("echo json_encode(getallheaders());")
     capital, lower = ("00-" + digit * 32 + "-" + digit * 16 + "-01" for digit in "ab")
     sent = [("Traceparent", capital), ("traceparent", lower)]
-    seen = json.loads(server.request(headers=sent).body)
+    # A server that merges the two may lose its hold on the text: nothing is encoded then.
+    body = server.request(headers=sent).body
+    seen = json.loads(body) if body.startswith(b"{") else {}
     if {name: seen.get(name) for name, _ in sent} != dict(sent):
         pytest.skip("this engine's server does not keep both spellings apart")
     assert agent.payload.transaction["trace_id"] == "b" * 32
