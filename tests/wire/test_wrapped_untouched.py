@@ -3,6 +3,7 @@ import base64
 
 import pytest
 from fake_agent import DISABLED
+import wrapped_calls
 
 VALUES = {
     "null": "null", "false": "false", "integer": "7", "float": "0.5", "text": "'text' . 1",
@@ -194,6 +195,33 @@ def test_calls_leave_no_memory_of_the_script_s_behind(drivers, agent, settings, 
         loop(2000, $object, $made); echo memory_get_usage() - $before;
     """ % CALLS, dict({"kaq.span_limit": 100000}, **settings))
     assert result.stdout == b"0"
+
+
+def growth_script():
+    """Prints for each row by how much the script's memory grew while all its calls ran again."""
+    source = "kaq_standin_recording(false);\n"
+    rows = {}
+    for case in wrapped_calls.all_cases():
+        rows.setdefault(case.row.key, []).append(wrapped_calls.call_source(case.row, case.values))
+    for at, (key, calls) in enumerate(rows.items()):
+        tries = "".join("try { (function () use ($object, $resource, $made) { %s })(); }"
+                        " catch (Throwable $e) { $e = null; }\n" % call for call in calls)
+        source += """
+            function rows%d($object, $resource, $made) { %s }
+            for ($i = 0; $i < 3; $i++) @rows%d($object, $resource, $made);
+            $before = memory_get_usage(); $grown = 0;
+            for ($i = 0; $i < 20; $i++) @rows%d($object, $resource, $made);
+            $grown = memory_get_usage() - $before;
+            echo '%s ', $grown, "\\n";
+        """ % (at, tries, at, at, key.replace("\\", "\\\\"))
+    return source, list(rows)
+
+
+def test_no_wrapped_function_leaves_memory_of_the_script_s_behind(drivers):
+    source, keys = growth_script()
+    told = drivers.run(source, {"kaq.span_limit": 1000000}).stdout.decode().splitlines()
+    assert told == ["%s 0" % key for key in keys]
+    assert len(keys) == 146
 
 
 def test_script_s_peak_of_memory_is_the_same(drivers):
