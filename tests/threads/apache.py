@@ -18,6 +18,7 @@ THREADS = 16
 GENERATIONS = 4
 START_DEADLINE = 30.0
 STOP_DEADLINE = 30.0
+RESTART_PATIENCE = 5.0
 SEARCH = "/usr/sbin:/usr/bin:/sbin:/bin"
 PR_SET_PDEATHSIG = 1
 
@@ -50,7 +51,6 @@ MaxRequestWorkers {threads}
 MaxConnectionsPerChild 0
 KeepAlive Off
 Timeout 30
-GracefulShutdownTimeout 5
 CoreDumpDirectory "{directory}"
 """
 
@@ -149,29 +149,33 @@ class Apache:
 
     def restart_gracefully(self):
         """Returns once a new generation has answered a request and the process before it has ended.
-        All generations read their orders from one pipe: with two of them alive, one can take what
-        was meant for the other, and that one then stays."""
+
+        All processes read their orders from one pipe. With two of them alive, as after a crash, one
+        can take what was meant for the other, which then stays: it is ordered again.
+        """
         before = self.get("/who.php").process
         expected = self.generations() + 1
-        self.process.send_signal(signal.SIGUSR1)
         deadline = time.monotonic() + START_DEADLINE
         while time.monotonic() < deadline:
-            if (self.generations() >= expected and _has_ended(before) and
-                    self.get("/who.php").process != before):
-                return
-            time.sleep(0.02)
+            self.process.send_signal(signal.SIGUSR1)
+            patience = time.monotonic() + RESTART_PATIENCE
+            while time.monotonic() < patience:
+                if (self.generations() >= expected and _has_ended(before) and
+                        self.get("/who.php").process != before):
+                    return
+                time.sleep(0.02)
         raise AssertionError("no new generation: %s" % self._told()[-3000:])
 
     def stop(self):
-        """Lets running requests end; returns the status of the server."""
+        """Returns the status of the server."""
         if self.process is None:
             return None
         if self.process.poll() is None:
-            self.process.send_signal(signal.SIGWINCH)
+            self.process.terminate()
             try:
                 self.process.wait(STOP_DEADLINE)
             except subprocess.TimeoutExpired:
-                self.process.terminate()
+                self.process.kill()
                 self.process.wait(STOP_DEADLINE)
         status, self.process = self.process.returncode, None
         return status
