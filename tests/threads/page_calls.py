@@ -93,8 +93,9 @@ def told_spans(payload, number):
 def check_payloads(agent, numbers):
     """One payload for each of these requests, and in it one span for each call, its own."""
     payloads = agent.payloads(numbers)
-    told = [(number, len(payloads.get(number, ()))) for number in numbers]
-    assert [one for one in told if one[1] != 1][:3] == []
+    told = {number: len(payloads.get(number, ())) for number in numbers}
+    wrong = {number: count for number, count in told.items() if count != 1}
+    assert not wrong, "payloads of %d requests: %s" % (len(wrong), wrong)
     for number in numbers:
         found, wanted = told_spans(payloads[number][0], number), expected_spans(number)
         assert found == wanted, "request %d: missing %s, instead %s" % (
