@@ -134,33 +134,20 @@ static void kaq_take_sql_threshold(zval *reply, zend_kaq_globals *g) {
 	}
 }
 
-/* An answer that could not be decoded must not be what the script's json_last_error() reports. */
-static void kaq_clear_decoder_error(void) {
-	zval text;
-	ZVAL_STRING(&text, "0");
-	php_zval_free(kaq_json_decode(&text));
-	zval_ptr_dtor(&text);
-}
-
 void process_instance_info(const char *reply) {
 	zend_kaq_globals *g = kaq_get_globals();
 	if (!reply || !reply[0]) {
 		return;
 	}
 	kaq_memory_limit_lift();
-	zval text;
-	ZVAL_STRING(&text, reply);
-	zval *decoded = kaq_json_decode(&text);
-	zval_ptr_dtor(&text);
-	if (decoded && Z_TYPE_P(decoded) == IS_OBJECT) {
+	zval *decoded = kaq_decode_json_object(reply);
+	if (decoded) {
 		kaq_take_reply_string(decoded, "instance.id", &g->instance_id);
 		kaq_take_reply_string(decoded, "normalised.txn.name", &g->normalised_txn_name);
 		kaq_take_reply_string(decoded, "app.id", &g->app_id);
 		kaq_take_status(decoded, g);
 		kaq_take_sql_threshold(decoded, g);
 		kaq_take_reply_string(decoded, "webtransaction.rum.snippet", &g->rum_snippet);
-	} else if (decoded) {
-		kaq_clear_decoder_error();
 	}
 	php_zval_free(decoded);
 	kaq_memory_limit_restore();

@@ -200,3 +200,23 @@ zval *kaq_json_decode(zval *text) {
 	}
 	return php_call("json_decode", text, NULL, NULL);
 }
+
+/* A text that could not be decoded must not be what the script's json_last_error() reports. */
+static void kaq_clear_decoder_error(void) {
+	zval text;
+	ZVAL_STRING(&text, "0");
+	php_zval_free(kaq_json_decode(&text));
+	zval_ptr_dtor(&text);
+}
+
+zval *kaq_decode_json_object(const char *json) {
+	zval text;
+	ZVAL_STRING(&text, json);
+	zval *decoded = kaq_json_decode(&text);
+	zval_ptr_dtor(&text);
+	if (decoded && Z_TYPE_P(decoded) != IS_OBJECT) {
+		kaq_clear_decoder_error();
+		kaq_zval_release(&decoded);
+	}
+	return decoded;
+}

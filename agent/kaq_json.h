@@ -82,3 +82,7 @@ char *kaq_encode_zval_to_json(const zval *value);
 /* Decodes JSON text with the engine's json_decode. A new value (php_zval_free), or null when the
  * argument is null or the engine has no json_decode. */
 zval *kaq_json_decode(zval *text);
+
+/* The same for a document that must be an object, else null. A script's json_last_error() shows
+ * nothing of it. */
+zval *kaq_decode_json_object(const char *json);

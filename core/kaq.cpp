@@ -4,6 +4,7 @@
 #endif
 
 #include "core/lifecycle.h"
+#include "core/script_functions.h"
 
 ZEND_DECLARE_MODULE_GLOBALS(kaq)
 
@@ -55,8 +56,6 @@ static PHP_MINFO_FUNCTION(kaq) {
 	php_info_print_table_end();
 	display_ini_entries(zend_module);
 }
-
-static const zend_function_entry kaq_functions[] = {PHP_FE_END};
 
 zend_module_entry kaq_module_entry = {STANDARD_MODULE_HEADER,
 									  "kaq",

@@ -5,6 +5,7 @@
 #include "diagnostics/stacktrace.h"
 #include "instrumentation/kaq_instrumentation.h"
 #include "spans/kaq_execute.h"
+#include "tracing/account_id.h"
 #include "util/kaq_clock.h"
 
 static kaq_throw_hook_t *kaq_throw_hook_slot(void) {
@@ -50,6 +51,7 @@ void kaq_end(void) {
 
 void kaq_module_start(int type, int module_number) {
 	kaq_clock_startup();
+	kaq_read_account_key();
 	kaq_register_settings(type, module_number);
 	kaq_generate_internal_wrap_records();
 	kaq_start();

@@ -11,6 +11,7 @@
 #include "diagnostics/kaq_rum.h"
 #include "instrumentation/kaq_instrumentation.h"
 #include "spans/kaq_execute.h"
+#include "tracing/curl_stores.h"
 #include "tracing/trace_context.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_util_functions.h"
@@ -40,20 +41,6 @@ static void kaq_clear_text_buffers(zend_kaq_globals *g) {
 	memset(g->php_self, 0, KAQ_TEXT_BUFFER_SIZE);
 	memset(g->request_method, 0, KAQ_TEXT_BUFFER_SIZE);
 	memset(g->query_string, 0, KAQ_QUERY_BUFFER_SIZE);
-}
-
-static zval *kaq_new_store(void) {
-	zval *store = php_zval_alloc();
-	array_init(store);
-	return store;
-}
-
-static void kaq_create_stores(zend_kaq_globals *g) {
-	g->curl_req_headers_store = kaq_new_store();
-	g->curl_res_headers_store = kaq_new_store();
-	g->curl_multi_handle_store = kaq_new_store();
-	g->curl_multi_reported_store = kaq_new_store();
-	g->curl_multi_spanid_store = kaq_new_store();
 }
 
 static void kaq_reset_spans(zend_kaq_globals *g) {
@@ -92,7 +79,7 @@ void kaq_request_start(void) {
 	kaq_build_auto_globals();         /*  5 */
 	kaq_reset_counters(g);            /*  6 */
 	kaq_clear_text_buffers(g);        /*  7 */
-	kaq_create_stores(g);             /*  8 */
+	kaq_create_curl_stores();         /*  8 */
 	kaq_reset_spans(g);               /*  9 */
 	kaq_request_uri();                /* 10 */
 	if (!g->request_uri[0]) {         /* 11 */
@@ -143,11 +130,10 @@ static void kaq_release_request_texts(zend_kaq_globals *g) {
 }
 
 static void kaq_release_request_values(zend_kaq_globals *g) {
-	zval **values[] = {
-		&g->request_headers_zv,      &g->curl_req_headers_store,    &g->curl_res_headers_store,
-		&g->curl_multi_handle_store, &g->curl_multi_reported_store, &g->curl_multi_spanid_store,
-		&g->curlinfo_effective_url,  &g->curlinfo_http_code,        &g->curlinfo_total_time,
-		&g->custom_params_zv,        &g->app_param_avg_zv,          &g->app_param_sum_zv};
+	kaq_zval_release(&g->request_headers_zv);
+	kaq_release_curl_stores();
+	zval **values[] = {&g->curlinfo_effective_url, &g->curlinfo_http_code, &g->curlinfo_total_time,
+					   &g->custom_params_zv,       &g->app_param_avg_zv,   &g->app_param_sum_zv};
 	for (zval **value : values) {
 		kaq_zval_release(value);
 	}

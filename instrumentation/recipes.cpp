@@ -1,40 +1,23 @@
 #include "instrumentation/recipes.h"
 
-#include "instrumentation/arguments.h"
+#include "instrumentation/recorded_call.h"
 #include "util/kaq_strings.h"
 
 #define KAQ_DBNAME_TEXT 3
 
-static int kaq_call_protected(const kaq_call *call) {
-	return kaq_zend_call_old_handler(call->oldhandler, call->execute_data, call->return_value);
-}
-
-static void kaq_call_direct(const kaq_call *call) {
-	call->oldhandler(call->execute_data, call->return_value);
-}
-
-/* The span stays open; request end closes it. */
-static void kaq_pass_on(int caught) {
-	if (caught) {
-		zend_bailout();
-	}
-}
-
-/* Reads the arguments. Returns 1 when a layout fitted, 0 when none did, and KAQ_THROWN when script
- * code that ran on the way (a __toString, an error handler) threw: the call must not happen then.
- */
-#define KAQ_THROWN (-1)
-static int kaq_read_arguments(const kaq_call *call, const char *layouts, int warn,
-							  kaq_arguments *arguments) {
+kaq_fit kaq_read_arguments(const kaq_call *call, const char *layouts, int warn,
+						   kaq_arguments *arguments) {
 	const zend_object *pending = EG(exception);
 	int fitted = kaq_parse_arguments(call->execute_data, layouts, warn, arguments);
-	return EG(exception) != pending ? KAQ_THROWN : fitted;
+	if (EG(exception) != pending) {
+		return KAQ_THROWN;
+	}
+	return fitted ? KAQ_FITTED : KAQ_UNFIT;
 }
 
-/* For a call whose arguments do not fit and that is recorded by its names alone. */
-static void kaq_finish_unread(const kaq_call *call, int fitted) {
-	if (fitted != KAQ_THROWN) {
-		kaq_call_direct(call);
+void kaq_finish_unread(const kaq_call *call, kaq_fit fit) {
+	if (fit != KAQ_THROWN) {
+		call->oldhandler(call->execute_data, call->return_value);
 	}
 }
 
@@ -52,13 +35,13 @@ void kaq_record(const kaq_call *call, kaq_names) {
 /* The text is copied before the call, which may release its own arguments. */
 void kaq_record(const kaq_call *call, kaq_query recipe) {
 	kaq_arguments arguments;
-	int fitted = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
-	if (fitted == KAQ_THROWN || (!fitted && kaq_needs_fit(call, recipe.failure))) {
-		kaq_finish_unread(call, fitted);
+	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	if (fit == KAQ_THROWN || (fit == KAQ_UNFIT && kaq_needs_fit(call, recipe.failure))) {
+		kaq_finish_unread(call, fit);
 		return;
 	}
 	const char *text = NULL;
-	if (fitted) {
+	if (fit == KAQ_FITTED) {
 		text = arguments.text[recipe.text];
 	} else if (recipe.failure != KAQ_IGNORED) {
 		text = "";
@@ -72,9 +55,9 @@ void kaq_record(const kaq_call *call, kaq_query recipe) {
 
 void kaq_record(const kaq_call *call, kaq_connect recipe) {
 	kaq_arguments arguments;
-	int fitted = kaq_read_arguments(call, recipe.layouts, recipe.warns, &arguments);
-	if (fitted == KAQ_THROWN || (!fitted && kaq_needs_fit(call, recipe.failure))) {
-		kaq_finish_unread(call, fitted);
+	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, recipe.warns, &arguments);
+	if (fit == KAQ_THROWN || (fit == KAQ_UNFIT && kaq_needs_fit(call, recipe.failure))) {
+		kaq_finish_unread(call, fit);
 		return;
 	}
 	kaq_set_method_dbconnect(call->fi, arguments.text[0],
@@ -87,9 +70,9 @@ void kaq_record(const kaq_call *call, kaq_connect recipe) {
 
 void kaq_record(const kaq_call *call, kaq_dbname recipe) {
 	kaq_arguments arguments;
-	int fitted = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
-	if (fitted != 1) {
-		kaq_finish_unread(call, fitted);
+	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	if (fit != KAQ_FITTED) {
+		kaq_finish_unread(call, fit);
 		return;
 	}
 	char *kept = kaq_strdup(arguments.text[0]);
@@ -101,9 +84,9 @@ void kaq_record(const kaq_call *call, kaq_dbname recipe) {
 
 void kaq_record(const kaq_call *call, kaq_cql recipe) {
 	kaq_arguments arguments;
-	int fitted = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
-	if (fitted != 1) {
-		kaq_finish_unread(call, fitted);
+	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	if (fit != KAQ_FITTED) {
+		kaq_finish_unread(call, fit);
 		return;
 	}
 	int caught = kaq_call_protected(call);
@@ -114,9 +97,9 @@ void kaq_record(const kaq_call *call, kaq_cql recipe) {
 
 void kaq_record(const kaq_call *call, kaq_contact_points) {
 	kaq_arguments arguments;
-	int fitted = kaq_read_arguments(call, "+", 0, &arguments);
-	if (fitted != 1) {
-		kaq_finish_unread(call, fitted);
+	kaq_fit fit = kaq_read_arguments(call, "+", 0, &arguments);
+	if (fit != KAQ_FITTED) {
+		kaq_finish_unread(call, fit);
 		return;
 	}
 	int caught = kaq_call_protected(call);

@@ -1,4 +1,5 @@
 #include "core/php_kaq.h"
+#include "instrumentation/followed_functions.h"
 #include "instrumentation/kaq_instrumentation.h"
 #include "instrumentation/wrappers.h"
 
@@ -37,6 +38,9 @@ void kaq_generate_internal_wrap_records(void) {
 		wraprec->inner_wrapper = row->inner_wrapper;
 		wraprec->is_enabled =
 			row->capture == KAQ_NEVER ? 0 : *(const int *)((const char *)g + row->capture);
+	}
+	for (size_t i = 0; i < kaq_followed_function_count; i++) {
+		kaq_followed_functions[i].is_enabled = g->capture_http;
 	}
 }
 
@@ -111,6 +115,11 @@ void kaq_add_internal_instrumentation(void) {
 			kaq_wrap_internal_function(wraprec);
 		}
 	}
+	for (size_t i = 0; i < kaq_followed_function_count; i++) {
+		if (kaq_followed_functions[i].is_enabled) {
+			kaq_wrap_internal_function(&kaq_followed_functions[i]);
+		}
+	}
 	pthread_mutex_unlock(&installation_lock);
 }
 
@@ -138,4 +147,7 @@ void kaq_destroy_internal_wrap_records(void) {
 		wraprec = next;
 	}
 	kaq_wrapped_internal_functions = NULL;
+	for (size_t i = 0; i < kaq_followed_function_count; i++) {
+		kaq_followed_functions[i].is_wrapped = 0;
+	}
 }

@@ -26,15 +26,15 @@
 	ROW(cassandra_batchstatementC_add, "cassandra\\batchstatement::add", cassandra, "Cassandra", "Cassandra\\BatchStatement", "add", EXTERNAL, kaq_cql{"z|z"}) \
 	ROW(cassandra_simplestatementC___construct, "cassandra\\simplestatement::__construct", cassandra, "Cassandra", "Cassandra\\SimpleStatement", "__construct", EXTERNAL, kaq_cql{"z"}) \
 	/* curl */ \
-	ROW(curl_init, "curl_init", http, "HTTP", NULL, "curl_init", INTERNAL, kaq_names{}) \
-	ROW(curl_exec, "curl_exec", http, "HTTP", NULL, "curl_exec", EXTERNAL, kaq_names{}) \
-	ROW(curl_setopt, "curl_setopt", http, "HTTP", NULL, "curl_setopt", INTERNAL, kaq_names{}) \
+	ROW(curl_init, "curl_init", http, "HTTP", NULL, "curl_init", INTERNAL, kaq_curl_init{}) \
+	ROW(curl_exec, "curl_exec", http, "HTTP", NULL, "curl_exec", EXTERNAL, kaq_curl_exec{}) \
+	ROW(curl_setopt, "curl_setopt", http, "HTTP", NULL, "curl_setopt", INTERNAL, kaq_curl_setopt{}) \
 	ROW(curl_multi_init, "curl_multi_init", http, "HTTP", NULL, "curl_multi_init", INTERNAL, kaq_names{}) \
-	ROW(curl_multi_add_handle, "curl_multi_add_handle", http, "HTTP", NULL, "curl_multi_add_handle", INTERNAL, kaq_names{}) \
-	ROW(curl_multi_exec, "curl_multi_exec", http, "HTTP", NULL, "curl_multi_exec", INTERNAL, kaq_names{}) \
-	ROW(curl_multi_remove_handle, "curl_multi_remove_handle", http, "HTTP", NULL, "curl_multi_remove_handle", INTERNAL, kaq_names{}) \
-	ROW(curl_multi_close, "curl_multi_close", http, "HTTP", NULL, "curl_multi_close", INTERNAL, kaq_names{}) \
-	ROW(curl_setopt_array, "curl_setopt_array", http, "HTTP", NULL, "curl_setopt_array", INTERNAL, kaq_names{}) \
+	ROW(curl_multi_add_handle, "curl_multi_add_handle", http, "HTTP", NULL, "curl_multi_add_handle", INTERNAL, kaq_curl_multi_add_handle{}) \
+	ROW(curl_multi_exec, "curl_multi_exec", http, "HTTP", NULL, "curl_multi_exec", INTERNAL, kaq_curl_multi_exec{}) \
+	ROW(curl_multi_remove_handle, "curl_multi_remove_handle", http, "HTTP", NULL, "curl_multi_remove_handle", INTERNAL, kaq_curl_multi_remove_handle{}) \
+	ROW(curl_multi_close, "curl_multi_close", http, "HTTP", NULL, "curl_multi_close", INTERNAL, kaq_curl_multi_close{}) \
+	ROW(curl_setopt_array, "curl_setopt_array", http, "HTTP", NULL, "curl_setopt_array", INTERNAL, kaq_curl_setopt_array{}) \
 	/* Memcache */ \
 	ROW(memcache_connect_function, "memcache_connect", memcached, "Memcache", NULL, "memcache_connect", EXTERNAL, kaq_connect{"s|lll", true, false, true, KAQ_DIRECT}) \
 	ROW(memcache_pconnect_function, "memcache_pconnect", memcached, "Memcache", NULL, "memcache_pconnect", EXTERNAL, kaq_connect{"s|lll", true, false, true, KAQ_DIRECT}) \

@@ -11,7 +11,7 @@
 	static void _kaq_inner_wrapper_function_##id(zend_execute_data *execute_data,               \
 												 zval *return_value, kaq_internalfn_t *wraprec, \
 												 kaq_node *node) {                              \
-		const kaq_call call = {execute_data, return_value, wraprec->oldhandler,                 \
+		const kaq_call call = {execute_data, return_value, wraprec->oldhandler, node,           \
 							   &node->data.function_info};                                      \
 		kaq_copy_function_info(call.fi, class_name, name, component, external);                 \
 		kaq_set_function_priority(call.fi, PRIORITY_1);                                         \

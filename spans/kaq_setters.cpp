@@ -73,6 +73,8 @@ void kaq_set_external_call_req_headers(kaq_function *fi, zval *header_lines) {
 		}
 	}
 	ZEND_HASH_FOREACH_END();
+	/* What identifies the account stays out of payloads. */
+	zend_hash_str_del(Z_ARRVAL(map), "X-Skelvor-Id", strlen("X-Skelvor-Id"));
 	kaq_replace_text(&fi->arg_data.externalReqHeaders, kaq_encode_zval_to_json(&map));
 	zval_ptr_dtor(&map);
 }

@@ -1,4 +1,4 @@
-/* One HTTP header line taken apart. No state, no allocation; any thread. */
+/* HTTP header lines, taken apart and put together. No state; any thread. */
 #pragma once
 
 #include <stddef.h>
@@ -14,3 +14,15 @@
  */
 void kaq_header_to_keyvalue(const char *line, char *name, size_t name_size, char *value,
 							size_t value_size);
+
+/* A new heap string "name: value", followed by CR LF if `crlf` is not 0. Null when name or value is
+ * null, or when memory is short. The caller frees. */
+char *header_format_name_value(const char *name, const char *value, int crlf);
+
+/*
+ * Finds `key` in `text` whatever its case, passes over the colons and blanks behind it and returns
+ * the run of characters that an encoded value may consist of as a new heap string: letters, digits,
+ * blanks and + / = _ - . , : ; % ~ ! * ' ( ) { } " [ ]. Null when the key is absent or null, or the
+ * run is empty. The caller frees.
+ */
+char *header_extract_encoded_value(const char *key, const char *text);

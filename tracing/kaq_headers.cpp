@@ -1,5 +1,6 @@
 #include "tracing/kaq_headers.h"
 
+#include "tracing/curl_stores.h"
 #include "tracing/header_line.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
@@ -62,4 +63,35 @@ long kaq_get_response_content_length(void) {
 int kaq_get_response_code(void) {
 	int code = SG(sapi_headers).http_response_code;
 	return code < 1 ? 200 : code;
+}
+
+int kaq_add_response_header(const char *name, const char *value) {
+	char *text = header_format_name_value(name, value, 0);
+	if (!text) {
+		return 0;
+	}
+	sapi_header_line line = {text, (uint32_t)strlen(text), 0};
+	int status = sapi_header_op(SAPI_HEADER_REPLACE, &line);
+	free(text);
+	return status != FAILURE;
+}
+
+void kaq_curl_response_headers_callback(zval *handle) {
+	zval *option = php_get_constant("CURLOPT_HEADERFUNCTION");
+	if (!option || !php_is_zval_valid_curl_handle(handle)) {
+		return;
+	}
+	zval callback;
+	ZVAL_STRING(&callback, "kaq_store_curl_response_headers");
+	php_zval_free(php_call_unnoticed("curl_setopt", handle, option, &callback));
+	zval_ptr_dtor(&callback);
+}
+
+int kaq_save_curl_response_headers(const zval *handle, const zval *line) {
+	if (!php_is_zval_non_empty_string(line) || !php_is_zval_valid_curl_handle(handle)) {
+		return 0;
+	}
+	kaq_curl_follow(handle);
+	kaq_insert_curl_res_headers(kaq_zval_resource_id(handle), Z_STRVAL_P(line));
+	return 1;
 }

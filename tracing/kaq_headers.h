@@ -1,5 +1,6 @@
 /*
- * The headers of the response that the running request sends, read from the engine's live list.
+ * Response headers: of the running request, read from the engine's live list, and of the transfers
+ * that it makes with curl.
  */
 #pragma once
 
@@ -24,3 +25,14 @@ long kaq_get_response_content_length(void);
 
 /* 200 while no status has been set. */
 int kaq_get_response_code(void);
+
+/* Sets a header of the response, replacing one of that name. Returns 1 unless the engine refuses.
+ */
+int kaq_add_response_header(const char *name, const char *value);
+
+/* Has the response header lines of a new curl handle brought to kaq_store_curl_response_headers().
+ * A value that is no handle is ignored. */
+void kaq_curl_response_headers_callback(zval *handle);
+
+/* One line that curl received on a handle. Returns 1 if it was a text for a valid handle. */
+int kaq_save_curl_response_headers(const zval *handle, const zval *line);

@@ -1,7 +1,10 @@
 #include "tracing/trace_context.h"
 
+#include "agent/kaq_json.h"
 #include "core/php_kaq.h"
+#include "tracing/account_id.h"
 #include "tracing/kaq_random.h"
+#include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
 
 #include <stdlib.h>
@@ -16,8 +19,14 @@ static void kaq_start_new_trace(zend_kaq_globals *g) {
 	memset(g->root_parentspanid, 0, KAQ_SPAN_ID_LENGTH);
 }
 
-/* No account key is configured yet, so no caller counts as the same account. */
 void kaq_is_caller_same_user(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	char *caller = kaq_get_header_value(g->request_headers_zv, "X-Skelvor-Id");
+	const char *account = kaq_account_id();
+	if (caller && account && strcmp(caller, account) == 0) {
+		g->is_caller_same_user = 1;
+	}
+	free(caller);
 }
 
 void kaq_get_traceparent(void) {
@@ -37,8 +46,35 @@ void kaq_get_traceparent(void) {
 	free(value);
 }
 
+static void kaq_take_origin(zend_kaq_globals *g, zval *origin) {
+	zval rv;
+	const zval *flow = kaq_read_property(origin, "flow", strlen("flow"), &rv);
+	if (php_is_zval_valid_string(flow)) {
+		free(g->app_flow);
+		g->app_flow = kaq_strdup(Z_STRVAL_P(flow));
+	}
+	const zval *async = kaq_read_property(origin, "async", strlen("async"), &rv);
+	if (async && Z_TYPE_P(async) == IS_TRUE) {
+		g->is_async_call = 1;
+	}
+}
+
 /* Only the flow of a caller of the same account is taken over. */
 void kaq_get_origin(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	if (!g->is_caller_same_user) {
+		return;
+	}
+	char *value = kaq_get_header_value(g->request_headers_zv, "X-Skelvor-Origin");
+	if (!value) {
+		return;
+	}
+	zval *origin = kaq_decode_json_object(value);
+	free(value);
+	if (origin) {
+		kaq_take_origin(g, origin);
+	}
+	php_zval_free(origin);
 }
 
 void kaq_start_background_trace(void) {

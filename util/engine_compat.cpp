@@ -87,3 +87,162 @@ void kaq_fetch_backtrace(zval *frames, int limit) {
 	}
 	zend_fetch_debug_backtrace(frames, 0, DEBUG_BACKTRACE_IGNORE_ARGS, limit);
 }
+
+#if PHP_VERSION_ID < 80000
+zend_long kaq_zval_resource_id(const zval *handle) {
+	return Z_RES_HANDLE_P(handle);
+}
+
+int kaq_is_curl_handle(const zval *value) {
+	if (!value || Z_TYPE_P(value) != IS_RESOURCE) {
+		return 0;
+	}
+	const char *type = zend_rsrc_list_get_rsrc_type(Z_RES_P(value));
+	return type && strcmp(type, "curl") == 0;
+}
+
+int kaq_may_be_curl(const zval *) {
+	return 1;
+}
+
+void kaq_watch_handles_start(HashTable *, kaq_handle_notice) {
+}
+
+void kaq_watch_handle(HashTable *, const zval *) {
+}
+
+zend_long kaq_watched_id(const zval *) {
+	return 0;
+}
+
+void kaq_watch_handles_end(HashTable *) {
+}
+#else
+#include "zend_weakrefs.h"
+
+zend_long kaq_zval_resource_id(const zval *handle) {
+	return Z_TYPE_P(handle) == IS_OBJECT ? (zend_long)Z_OBJ_HANDLE_P(handle)
+										 : (zend_long)Z_RES_HANDLE_P(handle);
+}
+
+int kaq_is_curl_handle(const zval *value) {
+	return value && Z_TYPE_P(value) == IS_OBJECT &&
+		   zend_string_equals_literal(Z_OBJCE_P(value)->name, "CurlHandle");
+}
+
+int kaq_may_be_curl(const zval *value) {
+	return Z_TYPE_P(value) == IS_OBJECT &&
+		   (kaq_is_curl_handle(value) ||
+			zend_string_equals_literal(Z_OBJCE_P(value)->name, "CurlMultiHandle"));
+}
+
+void kaq_watch_handles_start(HashTable *watch, kaq_handle_notice forget) {
+	zend_hash_init(watch, 0, NULL, forget, 0);
+}
+
+void kaq_watch_handle(HashTable *watch, const zval *handle) {
+	if (Z_TYPE_P(handle) == IS_OBJECT) {
+		zval entry;
+		ZVAL_PTR(&entry, Z_OBJ_P(handle));
+		zend_weakrefs_hash_add(watch, Z_OBJ_P(handle), &entry);
+	}
+}
+
+zend_long kaq_watched_id(const zval *entry) {
+	return (zend_long)((const zend_object *)Z_PTR_P(entry))->handle;
+}
+
+void kaq_watch_handles_end(HashTable *watch) {
+	void *object;
+	watch->pDestructor = NULL;
+	ZEND_HASH_FOREACH_PTR(watch, object) {
+		zend_weakrefs_hash_del(watch, (zend_object *)object);
+	}
+	ZEND_HASH_FOREACH_END();
+	zend_hash_destroy(watch);
+}
+#endif
+
+/* The standard cast needs the method; a class with a cast of its own may do without. */
+int kaq_is_stringable(const zval *object) {
+	return Z_OBJCE_P(object)->__tostring ||
+		   Z_OBJ_HT_P(object)->cast_object != zend_get_std_object_handlers()->cast_object;
+}
+
+#if PHP_VERSION_ID < 80000
+static bool kaq_is_exit(const zend_object *) {
+	return false;
+}
+#else
+static bool kaq_is_exit(const zend_object *exception) {
+	return zend_is_unwind_exit(exception);
+}
+#endif
+
+#if PHP_VERSION_ID < 80000
+#define KAQ_FREE_LAST_MESSAGE free
+#else
+#define KAQ_FREE_LAST_MESSAGE zend_string_release
+#endif
+#if PHP_VERSION_ID < 80100
+#define KAQ_FREE_LAST_FILE free
+#else
+#define KAQ_FREE_LAST_FILE zend_string_release
+#endif
+
+static void kaq_free_last_error(void) {
+	if (PG(last_error_message)) {
+		KAQ_FREE_LAST_MESSAGE(PG(last_error_message));
+	}
+	if (PG(last_error_file)) {
+		KAQ_FREE_LAST_FILE(PG(last_error_file));
+	}
+}
+
+void kaq_aside_begin(kaq_aside *aside) {
+	aside->exception = EG(exception);
+	aside->previous_exception = EG(prev_exception);
+	EG(exception) = NULL;
+	EG(prev_exception) = NULL;
+	ZVAL_COPY_VALUE(&aside->error_handler, &EG(user_error_handler));
+	ZVAL_UNDEF(&EG(user_error_handler));
+	aside->error_reporting = EG(error_reporting);
+	EG(error_reporting) &=
+		E_ERROR | E_PARSE | E_CORE_ERROR | E_COMPILE_ERROR | E_USER_ERROR | E_RECOVERABLE_ERROR;
+	aside->last_error_type = PG(last_error_type);
+	aside->last_error_line = PG(last_error_lineno);
+	aside->last_error_message = PG(last_error_message);
+	aside->last_error_file = PG(last_error_file);
+	PG(last_error_message) = NULL;
+	PG(last_error_file) = NULL;
+}
+
+template <typename Text> static void kaq_put_text_back(Text **slot, void *text) {
+	*slot = (Text *)text;
+}
+
+void kaq_aside_end(kaq_aside *aside) {
+	kaq_free_last_error();
+	PG(last_error_type) = aside->last_error_type;
+	PG(last_error_lineno) = aside->last_error_line;
+	kaq_put_text_back(&PG(last_error_message), aside->last_error_message);
+	kaq_put_text_back(&PG(last_error_file), aside->last_error_file);
+	EG(error_reporting) = aside->error_reporting;
+	if (Z_TYPE(EG(user_error_handler)) != IS_UNDEF) {
+		zval_ptr_dtor(&EG(user_error_handler));
+	}
+	ZVAL_COPY_VALUE(&EG(user_error_handler), &aside->error_handler);
+	zend_object *raised = EG(exception);
+	if (raised && kaq_is_exit(raised)) {
+		if (aside->exception) {
+			OBJ_RELEASE(aside->exception);
+		}
+		return;
+	}
+	EG(exception) = NULL;
+	if (raised) {
+		OBJ_RELEASE(raised);
+	}
+	EG(prev_exception) = aside->previous_exception;
+	EG(exception) = aside->exception;
+}

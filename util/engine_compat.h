@@ -86,6 +86,42 @@ zend_function *kaq_find_callable_function(const char *name, size_t length);
 #define KAQ_HANDLES_ARE_OBJECTS 1
 #endif
 
+/* The number of a handle: of its resource or, in later engines, its object. */
+zend_long kaq_zval_resource_id(const zval *handle);
+
+/* Whether the value is a handle that curl_init made and that is not closed. */
+int kaq_is_curl_handle(const zval *value);
+
+/* Whether a value that fits the letter "r" may be a curl handle of some kind: where handles are
+ * resources the function itself finds out. */
+int kaq_may_be_curl(const zval *value);
+
+/* Whether an object can be turned into a text. */
+int kaq_is_stringable(const zval *object);
+
+/* The number of a resource is never given out again within a request, that of an object is. A watch
+ * is a table of the objects that live: when one goes away its entry is destroyed, and `forget` is
+ * called with the entry; it may release other handles. Engines with resources: nothing happens.
+ * Start before and end after all else; the end does not call `forget`. */
+typedef void (*kaq_handle_notice)(zval *entry);
+void kaq_watch_handles_start(HashTable *watch, kaq_handle_notice forget);
+void kaq_watch_handle(HashTable *watch, const zval *handle);
+zend_long kaq_watched_id(const zval *entry);
+void kaq_watch_handles_end(HashTable *watch);
+
+/* What a script could see of calls that it did not make: a pending exception, the error handler,
+ * the error level and the last error. Begin puts them aside, leaving fatal errors to be reported;
+ * end puts them back and drops an exception that came up in between. Only an exit stays. */
+typedef struct {
+	zend_object *exception, *previous_exception;
+	zval error_handler;
+	int error_reporting;
+	int last_error_type, last_error_line;
+	void *last_error_message, *last_error_file;
+} kaq_aside;
+void kaq_aside_begin(kaq_aside *aside);
+void kaq_aside_end(kaq_aside *aside);
+
 /* A parse of arguments that fails warns, in later engines it throws. */
 #if PHP_VERSION_ID < 80000
 #define KAQ_PARSE_FAILURES_THROW 0

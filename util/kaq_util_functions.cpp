@@ -51,6 +51,60 @@ zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 	return php_call_user_func(name, count, args);
 }
 
+zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
+	zend_execute_data *frame = EG(current_execute_data);
+	zval *volatile result = NULL;
+	volatile int caught = 0;
+	kaq_aside aside;
+	kaq_aside_begin(&aside);
+	zend_try {
+		result = php_call(name, arg1, arg2, arg3);
+	}
+	zend_catch {
+		caught = 1;
+	}
+	zend_end_try();
+	kaq_aside_end(&aside);
+	if (caught) {
+		EG(current_execute_data) = frame;
+		zend_bailout();
+	}
+	return result;
+}
+
+zval *php_get_constant(const char *name) {
+	return (zval *)zend_get_constant_str(name, strlen(name));
+}
+
+int php_is_zval_valid_string(const zval *value) {
+	return value && Z_TYPE_P(value) == IS_STRING;
+}
+
+int php_is_zval_valid_array(const zval *value) {
+	return value && Z_TYPE_P(value) == IS_ARRAY;
+}
+
+int php_is_zval_valid_integer(const zval *value) {
+	return value && Z_TYPE_P(value) == IS_LONG;
+}
+
+int php_is_zval_valid_curl_handle(const zval *value) {
+	return kaq_is_curl_handle(value);
+}
+
+int php_is_zval_true(zval *value) {
+	return value && zend_is_true(value);
+}
+
+void kaq_add_assoc_zval_ex(zval *array, const char *key, size_t key_length, zval *value) {
+	Z_TRY_ADDREF_P(value);
+	zend_hash_str_update(Z_ARRVAL_P(array), key, key_length, value);
+}
+
+void kaq_add_assoc_zval(zval *array, const char *key, zval *value) {
+	kaq_add_assoc_zval_ex(array, key, strlen(key), value);
+}
+
 int php_is_zval_non_empty_string(const zval *value) {
 	return value && Z_TYPE_P(value) == IS_STRING && Z_STRLEN_P(value) > 0;
 }

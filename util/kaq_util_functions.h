@@ -22,8 +22,25 @@ void kaq_zval_release(zval **slot);
 zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3);
 zval *php_call_user_func(const char *name, uint32_t count, zval *args);
 
-/* True for a string of at least one byte; null-safe. */
+/* php_call of which the script notices nothing: no warning, no error handler, no exception, also
+ * while one is pending. A bailout on the way goes on once everything is back in place. */
+zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3);
+
+/* The value of an engine constant, or null when nothing defines it. Belongs to the engine. */
+zval *php_get_constant(const char *name);
+
+/* Null-safe. A string, an array or a curl handle is valid when it is one; a value is true as the
+ * language has it. */
+int php_is_zval_valid_string(const zval *value);
 int php_is_zval_non_empty_string(const zval *value);
+int php_is_zval_valid_array(const zval *value);
+int php_is_zval_valid_integer(const zval *value);
+int php_is_zval_valid_curl_handle(const zval *value);
+int php_is_zval_true(zval *value);
+
+/* Stores a value under a string key of an array, sharing it. */
+void kaq_add_assoc_zval(zval *array, const char *key, zval *value);
+void kaq_add_assoc_zval_ex(zval *array, const char *key, size_t key_length, zval *value);
 
 /* The text of a server variable of the running request when it is a non-empty string, else "".
  * Never null; belongs to the engine. */

@@ -20,6 +20,15 @@ RECORDS = {
     "kaq_dbname": "the database name",
     "kaq_cql": "the CQL text, if it is a string",
     "kaq_contact_points": "the hosts, if they are a string",
+    "kaq_curl_init": "the call",
+    "kaq_curl_setopt": "the number of the option",
+    "kaq_curl_setopt_array": "the call",
+    "kaq_curl_exec": "URL, status, failure; headers with `kaq.capture_httpcall_metadata`",
+    "kaq_curl_multi_add_handle": "the call",
+    "kaq_curl_multi_exec": "the call, and below it, once each, the transfers that have a status by "
+                           "then: URL, status, failure, headers as for `curl_exec`",
+    "kaq_curl_multi_remove_handle": "the call",
+    "kaq_curl_multi_close": "the call",
 }
 
 INTRODUCTION = """\
