@@ -40,7 +40,7 @@ if test "$PHP_KAQ" != "no"; then
   fi
 
   kaq_sources="core/kaq.cpp core/module.cpp core/request.cpp core/globals.cpp core/settings.cpp \
-    core/accessors.cpp core/script_functions.cpp \
+    core/accessors.cpp core/script_functions.cpp core/transaction_name.cpp \
     spans/kaq_nodes.cpp spans/kaq_setters.cpp spans/kaq_prune.cpp spans/kaq_execute.cpp \
     spans/kaq_cpu.cpp spans/node_pool.cpp \
     agent/client.cpp agent/sender.cpp agent/receiver.cpp agent/transport.cpp \
@@ -54,7 +54,7 @@ if test "$PHP_KAQ" != "no"; then
     tracing/kaq_random.cpp tracing/header_line.cpp tracing/kaq_headers.cpp \
     tracing/trace_context.cpp tracing/account_id.cpp tracing/curl_stores.cpp \
     tracing/distributedTrace.cpp \
-    diagnostics/stacktrace.cpp diagnostics/crash_handler.cpp diagnostics/kaq_rum.cpp \
+    diagnostics/stacktrace.cpp diagnostics/failures.cpp diagnostics/crash_handler.cpp diagnostics/kaq_rum.cpp \
     util/engine_compat.cpp util/kaq_util_functions.cpp util/kaq_strings.cpp util/kaq_clock.cpp"
 
   PHP_NEW_EXTENSION(kaq, $kaq_sources, $ext_shared,, $kaq_flags, cxx)

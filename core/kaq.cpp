@@ -5,6 +5,7 @@
 
 #include "core/lifecycle.h"
 #include "core/script_functions.h"
+#include "diagnostics/crash_handler.h"
 
 ZEND_DECLARE_MODULE_GLOBALS(kaq)
 
@@ -15,6 +16,7 @@ static PHP_GINIT_FUNCTION(kaq) {
 
 static PHP_GSHUTDOWN_FUNCTION(kaq) {
 	free_globals(kaq_globals);
+	kaq_release_signal_stack();
 }
 
 static PHP_MINIT_FUNCTION(kaq) {

@@ -1,4 +1,7 @@
-/* The functions that scripts may call. */
+/*
+ * The functions that scripts may call. What they write lives in the thread's record until request
+ * end; none of them asks whether the request is monitored.
+ */
 #pragma once
 
 #include "util/engine_compat.h"

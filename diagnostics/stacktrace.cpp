@@ -5,19 +5,6 @@
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
 
-kaq_throw_hook_t old_exception_cb;
-kaq_error_cb_t old_error_cb;
-
-void kaq_throw_exception_hook(kaq_thrown *exception) {
-	if (old_exception_cb) {
-		old_exception_cb(exception);
-	}
-}
-
-void kaq_error_cb(KAQ_ERROR_CB_PARAMS) {
-	old_error_cb(KAQ_ERROR_CB_ARGS);
-}
-
 static const char *kaq_frame_text(HashTable *frame, const char *key, const char *fallback) {
 	const zval *value = zend_hash_str_find(frame, key, strlen(key));
 	return php_is_zval_non_empty_string(value) ? Z_STRVAL_P(value) : fallback;
@@ -64,4 +51,15 @@ void kaq_make_stacktrace(kaq_function *fi) {
 		fi->arg_data.stacktrace = kaq_strdup(ZSTR_VAL(text.s));
 	}
 	kaq_buf_free(&text);
+}
+
+void kaq_print_user_stacktrace(void) {
+	smart_str text = {NULL, 0};
+	kaq_append_backtrace(&text);
+	kaq_buf_literal(&text, "\t");
+	kaq_buf_terminate(&text);
+	char *copy = estrdup(ZSTR_VAL(text.s));
+	kaq_buf_free(&text);
+	php_printf("kaq st: %s", copy);
+	efree(copy);
 }

@@ -1,6 +1,6 @@
 /*
  * Errors, exceptions and the PHP call stack. Both hooks always chain to what was installed before
- * them.
+ * them, never run script code, and leave what happens while they record unrecorded.
  */
 #pragma once
 
@@ -14,6 +14,17 @@ void kaq_error_cb(KAQ_ERROR_CB_PARAMS);
 
 /* Frames never exceed this number, whatever kaq.stack_depth says. */
 #define KAQ_MAX_STACK_DEPTH 30
+/* At most so many errors of a request are looked at. */
+#define KAQ_MAX_ERRORS 10
+/* A span's error records end here: a script that throws a million times must not fill the memory.
+ */
+#define KAQ_MAX_EINFO ((size_t)16 * 1024 * 1024)
+
+/* Appends one record to a span's error records. Null name, file or message: without that member.
+ * Captures the call stack, too, unless the span has one or the message carries one. `time` is in ms
+ * since the epoch. */
+void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t time,
+					const char *level, const char *message, kaq_function *fi);
 
 /* Gives the span the current call stack unless it has one. */
 void kaq_make_stacktrace(kaq_function *fi);
@@ -21,3 +32,6 @@ void kaq_make_stacktrace(kaq_function *fi);
 /* Appends the current call stack, innermost frame first: ["class","function","file",line],... A
  * text that the buffer holds already is followed by a comma. */
 void kaq_append_backtrace(smart_str *out);
+
+/* Prints the current call stack to the script's output. */
+void kaq_print_user_stacktrace(void);

@@ -25,11 +25,14 @@ static void kaq_copy_properties(zval *list, zval *object) {
 static void kaq_save_header_object(zval *handle, zval *object) {
 	if (instanceof_function(Z_OBJCE_P(object), zend_ce_traversable)) {
 		zval *list = php_call_unnoticed("iterator_to_array", object, NULL, NULL);
-		if (php_is_zval_valid_array(list)) {
+		bool is_read = php_is_zval_valid_array(list);
+		if (is_read) {
 			kaq_curl_save_req_headers(handle, list);
 		}
 		php_zval_free(list);
-		return;
+		if (is_read) {
+			return;
+		}
 	}
 	zval list;
 	kaq_copy_properties(&list, object);

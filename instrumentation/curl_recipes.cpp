@@ -13,8 +13,10 @@
 
 #define KAQ_SETOPT_NAME_SIZE 32
 
-static bool kaq_keeps_headers(const zend_kaq_globals *g) {
-	return g->capture_distributed_trace || g->capture_httpcall_metadata;
+/* Options that curl has refused with an exception were not set. */
+static bool kaq_keeps_headers(void) {
+	const zend_kaq_globals *g = kaq_get_globals();
+	return (g->capture_distributed_trace || g->capture_httpcall_metadata) && !EG(exception);
 }
 
 /* The layouts here start with one or two handles. */
@@ -62,7 +64,7 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt) {
 		return;
 	}
 	int caught = kaq_call_protected(call);
-	if (kaq_keeps_headers(kaq_get_globals()) && kaq_is_header_option(option)) {
+	if (kaq_keeps_headers() && kaq_is_header_option(option)) {
 		kaq_save_header_option(arguments.value[0], arguments.value[2]);
 	}
 	kaq_pass_on(caught);
@@ -77,7 +79,7 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	}
 	kaq_pass_on(kaq_call_protected(call));
 	zval *options = arguments.value[1];
-	if (!kaq_keeps_headers(kaq_get_globals()) || !php_is_zval_valid_array(options)) {
+	if (!kaq_keeps_headers() || !php_is_zval_valid_array(options)) {
 		return;
 	}
 	zend_ulong option;
@@ -105,14 +107,11 @@ void kaq_record(const kaq_call *call, kaq_curl_exec) {
 		curl_exec_pre_req_header(handle, &headers, call->node, 0);
 	}
 	int caught = kaq_call_protected(call);
-	if (caught) {
-		kaq_memory_limit_lift();
-	}
+	/* The limit may be what ended the call. */
+	kaq_memory_limit_lift();
 	kaq_describe_blocking_transfer(call->fi, handle, &headers);
 	zval_ptr_dtor(&headers);
-	if (caught) {
-		kaq_memory_limit_restore();
-	}
+	kaq_memory_limit_restore();
 	kaq_pass_on(caught);
 }
 
@@ -154,13 +153,9 @@ void kaq_record(const kaq_call *call, kaq_curl_multi_exec) {
 		return;
 	}
 	int caught = kaq_call_protected(call);
-	if (caught) {
-		kaq_memory_limit_lift();
-	}
+	kaq_memory_limit_lift();
 	kaq_report_transfers(call->node, kaq_zval_resource_id(arguments.value[0]));
-	if (caught) {
-		kaq_memory_limit_restore();
-	}
+	kaq_memory_limit_restore();
 	kaq_set_method_none(call->fi);
 	kaq_pass_on(caught);
 }

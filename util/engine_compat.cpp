@@ -22,6 +22,91 @@ zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval
 #endif
 }
 
+#if PHP_VERSION_ID < 80000
+void kaq_format_message(kaq_message *message, const char *format, va_list args) {
+	va_list copy;
+	va_copy(copy, args);
+	vspprintf(&message->owned, 0, format, copy);
+	va_end(copy);
+	message->text = message->owned;
+}
+
+zend_object *kaq_thrown_object(kaq_thrown *exception) {
+	return Z_OBJ_P(exception);
+}
+#else
+zend_object *kaq_thrown_object(kaq_thrown *exception) {
+	return exception;
+}
+#endif
+
+void kaq_message_free(kaq_message *message) {
+	if (message->owned) {
+		efree(message->owned);
+	}
+}
+
+static bool kaq_is_send(const zend_op *op) {
+	switch (op->opcode) {
+	case ZEND_SEND_VAL:
+	case ZEND_SEND_VAL_EX:
+	case ZEND_SEND_VAR:
+	case ZEND_SEND_VAR_EX:
+#if PHP_VERSION_ID >= 70300
+	case ZEND_SEND_FUNC_ARG:
+#endif
+		return true;
+	default:
+		return false;
+	}
+}
+
+bool kaq_passes_variable(const zend_op *send) {
+	return kaq_is_send(send) && send->op1_type == IS_CV;
+}
+
+bool kaq_passes_element(const zend_op *send) {
+	const zend_op *fetch = send - 1;
+	return kaq_is_send(send) && fetch->op1_type == IS_CV && send->op1.var == fetch->result.var &&
+		   send->op1_type == fetch->result_type &&
+		   (fetch->opcode == ZEND_FETCH_DIM_R || fetch->opcode == ZEND_FETCH_DIM_FUNC_ARG);
+}
+
+bool kaq_is_rewritable(const zend_string *text) {
+#if PHP_VERSION_ID < 70300
+	uint32_t flags = GC_FLAGS(text);
+	return !ZSTR_IS_INTERNED(text) && !(flags & IS_STR_PERSISTENT);
+#else
+	return !ZSTR_IS_INTERNED(text) && !(GC_FLAGS(text) & (IS_STR_PERSISTENT | GC_IMMUTABLE));
+#endif
+}
+
+static const zval *kaq_stored_property(zend_object *object, const char *name) {
+	const zend_property_info *info = (const zend_property_info *)zend_hash_str_find_ptr(
+		&object->ce->properties_info, name, strlen(name));
+	if (!info || (info->flags & ZEND_ACC_STATIC)) {
+		return NULL;
+	}
+	zval *value = OBJ_PROP(object, info->offset);
+	ZVAL_DEREF(value);
+	return value;
+}
+
+zend_string *kaq_property_text(zend_object *object, const char *name) {
+	const zval *value = kaq_stored_property(object, name);
+	if (!value || Z_TYPE_P(value) == IS_UNDEF || Z_TYPE_P(value) > IS_STRING) {
+		return ZSTR_EMPTY_ALLOC();
+	}
+	return zval_get_string((zval *)value);
+}
+
+zend_long kaq_property_number(zend_object *object, const char *name) {
+	const zval *value = kaq_stored_property(object, name);
+	return value && Z_TYPE_P(value) != IS_UNDEF && Z_TYPE_P(value) <= IS_STRING
+			   ? zval_get_long((zval *)value)
+			   : 0;
+}
+
 zend_function *kaq_find_callable_function(const char *name, size_t length) {
 	zend_function *function =
 		(zend_function *)zend_hash_str_find_ptr(EG(function_table), name, length);

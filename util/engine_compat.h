@@ -49,25 +49,52 @@ void kaq_bind_thread(void);
 	((void)entry, (void)mh_arg1, (void)mh_arg2, (void)mh_arg3, (void)stage)
 
 /* Exception hook and error callback: the parameter lists follow the engine, the bodies pass them
- * on untouched with KAQ_ERROR_CB_ARGS. */
+ * on untouched with KAQ_ERROR_CB_ARGS. Within the callback KAQ_ERROR_FILE is the file's name and
+ * KAQ_ERROR_MESSAGE fills a kaq_message, which may borrow from the arguments. */
+typedef struct {
+	const char *text;
+	char *owned;
+} kaq_message;
+void kaq_message_free(kaq_message *message);
 #if PHP_VERSION_ID < 80000
 typedef zval kaq_thrown;
-typedef const char kaq_error_file;
 #define KAQ_ERROR_CB_PARAMS                                                                \
 	int type, const char *error_filename, const uint32_t error_lineno, const char *format, \
 		va_list args
 #define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, format, args
+#define KAQ_ERROR_FILE error_filename
+void kaq_format_message(kaq_message *message, const char *format, va_list args);
+#define KAQ_ERROR_MESSAGE(message) kaq_format_message(&(message), format, args)
 #elif PHP_VERSION_ID < 80100
 typedef zend_object kaq_thrown;
 #define KAQ_ERROR_CB_PARAMS \
 	int type, const char *error_filename, const uint32_t error_lineno, zend_string *message
 #define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, message
+#define KAQ_ERROR_FILE error_filename
+#define KAQ_ERROR_MESSAGE(taken) ((taken) = {message ? ZSTR_VAL(message) : NULL, NULL})
 #else
 typedef zend_object kaq_thrown;
 #define KAQ_ERROR_CB_PARAMS \
 	int type, zend_string *error_filename, const uint32_t error_lineno, zend_string *message
 #define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, message
+#define KAQ_ERROR_FILE (error_filename ? ZSTR_VAL(error_filename) : NULL)
+#define KAQ_ERROR_MESSAGE(taken) ((taken) = {message ? ZSTR_VAL(message) : NULL, NULL})
 #endif
+/* Suggestions about style; engines give the type up one after the other. */
+#define KAQ_E_STRICT (1 << 11)
+zend_object *kaq_thrown_object(kaq_thrown *exception);
+
+/* Whether an instruction passes a compiled variable by value, or what the one before it has read
+ * from an array in such a variable; and whether a text may be changed in place as far as its memory
+ * goes. */
+bool kaq_passes_variable(const zend_op *send);
+bool kaq_passes_element(const zend_op *send);
+bool kaq_is_rewritable(const zend_string *text);
+
+/* Declared properties as they stand in the object: neither script code runs nor the engine reports
+ * anything. A text is a new reference, "" for what has none; a number is 0 for what is none. */
+zend_string *kaq_property_text(zend_object *object, const char *name);
+zend_long kaq_property_number(zend_object *object, const char *name);
 typedef void (*kaq_error_cb_t)(KAQ_ERROR_CB_PARAMS);
 typedef void (*kaq_throw_hook_t)(kaq_thrown *exception);
 
