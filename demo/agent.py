@@ -9,6 +9,7 @@ import argparse
 import json
 import os
 import queue
+import re
 import shutil
 import signal
 import socket
@@ -32,13 +33,42 @@ NOTICE = b"message:\t"
 REPLY = {
     "instance.id": "demo-instance",
     "instance.status": 920,
-    "app.id": "demo-app",
     "transaction.trace.sql.stacktrace.threshold": 1,
 }
+LONGEST_ID = 40
 
 
 class PortTaken(OSError):
     """A port that should be listened on belongs to somebody else."""
+
+
+class Identifiers:
+    """An identifier for each application: its name, spelled so that it can travel in a header."""
+
+    def __init__(self):
+        self._lock = threading.Lock()
+        self._known = {}
+
+    def of(self, name):
+        with self._lock:
+            if name not in self._known:
+                self._known[name] = self._new(name)
+            return self._known[name]
+
+    def _new(self, name):
+        spelled = re.sub("[^a-z0-9]+", "-", name.lower())[:LONGEST_ID].strip("-") or "application"
+        made, count = spelled, 1
+        while made in self._known.values():
+            count += 1
+            made = "%s-%d" % (spelled, count)
+        return made
+
+
+def application_of(handshake):
+    """The name of the application that asks, "" when it tells none."""
+    info = waterfall.record(waterfall.record(handshake).get("connect_info"))
+    name = waterfall.record(info.get("agent_info")).get("application.name")
+    return name if isinstance(name, str) else ""
 
 
 class _Server(socketserver.ThreadingTCPServer):
@@ -77,12 +107,14 @@ class Agent:
 
     An event is (kind, value): "handshake" (dict, or None when it could not be read),
     "transaction" (document), "notice" (text) and "garbage" (text that says what came).
-    Port 0 means any free port; `status_port` and `data_port` then tell which.
+    Port 0 means any free port; `status_port` and `data_port` then tell which. Each application
+    gets an identifier of its own, by which a trace knows it; `reply` answers all alike instead.
     """
 
     def __init__(self, status_port=STATUS_PORT, data_port=DATA_PORT, bind="127.0.0.1", reply=None):
         self.events = queue.Queue()
-        self.reply = json.dumps(REPLY if reply is None else reply).encode()
+        self.reply = reply
+        self.ids = Identifiers()
         self._threads = []
         self._status = _listen(bind, status_port, self._serve_status, self._say)
         try:
@@ -124,14 +156,16 @@ class Agent:
         if not request.startswith(b'{"connect_info":'):
             self._say("garbage", "status port: no handshake but %s" % _sample(request))
             return
-        # The answer does not depend on the request, and a port setting that is no number makes
-        # its JSON invalid: answer in any case.
+        # A port setting that is no number makes the request invalid as JSON: answer in any case.
         try:
             described = json.loads(request.decode("utf-8", "replace"), strict=False)
         except (ValueError, RecursionError):
             described = None
         self._say("handshake", described)
-        connection.sendall(self.reply)
+        reply = self.reply
+        if reply is None:
+            reply = dict(REPLY, **{"app.id": self.ids.of(application_of(described))})
+        connection.sendall(json.dumps(reply).encode())
         connection.shutdown(socket.SHUT_WR)
 
     def _serve_data(self, connection, before):

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Plays the demonstration: agent, demo application, some requests and a job, each with its
-waterfall. script/demo builds the extension and calls this."""
+waterfall, and one request through three services. script/demo builds the extension and calls
+this."""
 
 import argparse
 import os
@@ -18,6 +19,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 
 import agent as demo_agent  # noqa: E402
+import trace_view  # noqa: E402
 import waterfall  # noqa: E402
 
 PAGES = (
@@ -26,12 +28,20 @@ PAGES = (
     ("/report", 200),
     ("/error", 500),
 )
+TRACED_PAGE = ("/order?item=3", 200)
 APPLICATION = "Demo shop"
+# The services that the traced page asks: their script, by the name of the application. Each asks
+# only those before it.
+SERVICES = {"Demo stock": "stock", "Demo prices": "prices"}
+# Callers know each other by the key that their agents are configured with.
+ACCOUNT_KEY = "demo-account-1"
 JOB_ARGUMENTS = ["nightly", "--orders=2"]
 SERVER_SECONDS = 15
 REQUEST_SECONDS = 30
 ARRIVAL_SECONDS = 10
 STOP_SECONDS = 5
+# A free port may be somebody else's by the time that a server listens on it.
+START_ATTEMPTS = 3
 
 
 class DemoFailed(Exception):
@@ -78,6 +88,7 @@ def php_command(options, agent):
         "kaq.status_port": agent.status_port,
         "kaq.data_port": agent.data_port,
         "kaq.application_name": APPLICATION,
+        "kaq.capture_distributed_trace": 1,
     }
     for name, value in settings.items():
         command += ["-d", "%s=%s" % (name, value)]
@@ -85,44 +96,86 @@ def php_command(options, agent):
 
 
 def check_loads(command):
-    shown = subprocess.run(command + UNHEARD + ["-m"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                           stderr=subprocess.STDOUT, timeout=30)
-    if b"kaq" not in shown.stdout.split():
+    """The engine's modules, kaq among them."""
+    shown = subprocess.run(command + UNHEARD + ["-m"], stdin=subprocess.DEVNULL,
+                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=30)
+    modules = shown.stdout.split()
+    if b"kaq" not in modules:
         complaint = shown.stdout.split(b"[PHP Modules]")[0].decode("utf-8", "replace").strip()
         raise DemoFailed("The engine does not load the extension. It says:\n%s"
                          % (complaint[:800] or "(nothing)"))
+    return modules
 
 
-def start_server(command, port, log):
-    """PHP's built-in web server, answering; its own output goes to the open file `log`."""
-    arguments = ["-S", "127.0.0.1:%d" % port, "-t", os.path.join(HERE, "app"),
-                 os.path.join(HERE, "app", "index.php")]
-    server = subprocess.Popen(command + arguments, stdin=subprocess.DEVNULL, stdout=log,
-                              stderr=log)
+def processes_environment():
+    """What the demo's own PHP processes see. No proxy stands between them."""
+    environment = {name: value for name, value in os.environ.items()
+                   if not name.lower().endswith("_proxy")}
+    environment["KAQ_ACCOUNT_KEY"] = ACCOUNT_KEY
+    return environment
+
+
+def start_servers(command, log, environment):
+    """The services and the shop, each under PHP's built-in web server, as (servers, the shop's
+    port)."""
+    environment = dict(environment)
+    servers = []
+    try:
+        for application, name in SERVICES.items():
+            as_service = command + ["-d", "kaq.application_name=" + application]
+            server, port = start_server(as_service, os.path.join("services", name + ".php"), log,
+                                        environment)
+            servers.append(server)
+            environment["DEMO_" + name.upper()] = "http://127.0.0.1:%d" % port
+        server, port = start_server(command, os.path.join("app", "index.php"), log, environment)
+        servers.append(server)
+    except BaseException:
+        stop_servers(servers)
+        raise
+    return servers, port
+
+
+def start_server(command, script, log, environment):
+    """A server that answers, and its port; its own output goes to the open file `log`."""
+    path = os.path.join(HERE, script)
+    for _ in range(START_ATTEMPTS):
+        port = free_port()
+        arguments = ["-S", "127.0.0.1:%d" % port, "-t", os.path.dirname(path), path]
+        server = subprocess.Popen(command + arguments, stdin=subprocess.DEVNULL, stdout=log,
+                                  stderr=log, env=environment)
+        try:
+            wait_for_answer(server, port)
+        except BaseException:
+            stop_servers([server])
+            raise
+        if server.poll() is None:
+            return server, port
+    # The servers write where this descriptor stands, so it is not to be moved.
+    said = os.pread(log.fileno(), 1 << 20, 0).decode("utf-8", "replace")
+    raise DemoFailed("The web server of %s does not start. It says:\n%s" % (script, said[-800:]))
+
+
+def wait_for_answer(server, port):
+    """Until the server listens or has ended; it is ended if it does neither in time."""
     deadline = time.monotonic() + SERVER_SECONDS
-    while time.monotonic() < deadline:
-        if server.poll() is not None:
-            break
+    while time.monotonic() < deadline and server.poll() is None:
         try:
             socket.create_connection(("127.0.0.1", port), timeout=1).close()
-            return server
+            return
         except OSError:
             time.sleep(0.05)
-    stop_server(server)
-    log.seek(0)
-    raise DemoFailed("The demo application's web server does not start. It says:\n"
-                     + log.read().decode("utf-8", "replace")[:800])
+    stop_servers([server])
 
 
-def stop_server(server):
-    if server is None or server.poll() is not None:
-        return
-    server.terminate()
-    try:
-        server.wait(STOP_SECONDS)
-    except subprocess.TimeoutExpired:
-        server.kill()
-        server.wait()
+def stop_servers(servers):
+    for server in servers:
+        server.terminate()
+    for server in servers:
+        try:
+            server.wait(STOP_SECONDS)
+        except subprocess.TimeoutExpired:
+            server.kill()
+            server.wait()
 
 
 def visit(url, wanted):
@@ -137,11 +190,11 @@ def visit(url, wanted):
         raise DemoFailed("%s answered with status %d instead of %d" % (url, status, wanted))
 
 
-def run_job(command):
+def run_job(command, environment):
     """The job's own output."""
     job = subprocess.run(command + ["job.php"] + JOB_ARGUMENTS, cwd=os.path.join(HERE, "app"),
                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                         stderr=subprocess.STDOUT, timeout=REQUEST_SECONDS)
+                         stderr=subprocess.STDOUT, timeout=REQUEST_SECONDS, env=environment)
     said = job.stdout.decode("utf-8", "replace").strip()
     if job.returncode != 0:
         raise DemoFailed("The job ended with status %d. It says:\n%s" % (job.returncode, said))
@@ -174,27 +227,73 @@ def application_of(document):
     return waterfall.record(apm.get("application_info")).get("application_name")
 
 
+def missing_of(documents, applications):
+    """What a trace still lacks, as texts."""
+    came = {application_of(document) for document in documents}
+    return (["No request of %s is in the trace." % name for name in applications
+             if name not in came]
+            + [text + "." for text in trace_view.loose_ends(trace_view.join(documents))])
+
+
+def show_trace(agent, what, look, seconds=ARRIVAL_SECONDS):
+    """Draws the trace that `what` causes, once each call in it has its request. A called service
+    may tell of its request before or after its caller does."""
+    deadline = time.monotonic() + seconds
+    applications = [APPLICATION, *SERVICES]
+    traces, documents = {}, []
+    while not documents or missing_of(documents, applications):
+        event = agent.next_event(deadline - time.monotonic())
+        if event is None:
+            break
+        kind, value = event
+        if kind == "transaction" and application_of(value) in applications:
+            of_one = traces.setdefault(trace_view.trace_of(value), [])
+            of_one.append(value)
+            if application_of(value) == APPLICATION:
+                documents = of_one
+    for line in trace_view.render_trace(documents, *look) if documents else []:
+        print(line)
+    print(flush=True)
+    missing = missing_of(documents, applications)
+    if missing:
+        raise DemoFailed("The trace of %s is not complete after %g seconds:\n%s"
+                         % (what, seconds, "\n".join(missing)))
+
+
 def prompt(text, look):
     print(waterfall.paint("$ ", "dim", look[1]) + text, flush=True)
 
 
+def visit_aloud(port, page, look):
+    path, wanted = page
+    url = "http://127.0.0.1:%d%s" % (port, path)
+    prompt("curl " + shlex.quote(url), look)
+    visit(url, wanted)
+
+
 def play(options, agent, log, look):
     command = php_command(options, agent)
-    check_loads(command)
-    port = free_port()
-    server = start_server(command, port, log)
+    has_curl = b"curl" in check_loads(command)
+    environment = processes_environment()
+    servers, port = start_servers(command, log, environment)
     try:
-        for page, wanted in PAGES:
-            url = "http://127.0.0.1:%d%s" % (port, page)
-            prompt("curl " + shlex.quote(url), look)
-            visit(url, wanted)
-            show_arrival(agent, page, look)
+        for page in PAGES:
+            visit_aloud(port, page, look)
+            show_arrival(agent, page[0], look)
+        if has_curl:
+            visit_aloud(port, TRACED_PAGE, look)
+            show_trace(agent, TRACED_PAGE[0], look)
     finally:
-        stop_server(server)
+        stop_servers(servers)
     prompt("php job.php " + " ".join(JOB_ARGUMENTS), look)
-    print(run_job(command))
+    print(run_job(command, environment))
     show_arrival(agent, "the job", look)
     print("%d requests and a command-line job: each arrived as one transaction." % len(PAGES))
+    if has_curl:
+        print("One more request and those that it caused in %d other services: one trace."
+              % len(SERVICES))
+    else:
+        print("This engine has no curl: the trace through several services was left out.")
 
 
 def interrupted(_signal, _frame):
@@ -224,6 +323,7 @@ def main():
     except KeyboardInterrupt:
         return 130
     finally:
+        signal.signal(signal.SIGTERM, signal.SIG_IGN)
         if agent is not None:
             agent.stop()
 

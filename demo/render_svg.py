@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Makes a picture (SVG) of captured terminal output, for the README.
+"""Makes a picture (SVG) of captured terminal output, for the README, which has two.
 
     script -qc 'stty cols 96; script/demo' capture.txt
-    demo/render_svg.py --keep /shop/cart --keep job.php capture.txt docs/demo.svg
+    demo/render_svg.py --keep /order capture.txt docs/demo.svg
+    demo/render_svg.py --keep /shop/cart capture.txt docs/demo-request.svg
 """
 
 import argparse

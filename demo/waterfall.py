@@ -181,12 +181,13 @@ def arrange(spans):
 
 def bar(start, end, total, width):
     """A bar of exactly `width` columns for a span from `start` to `end` ms of `total` ms. It
-    begins at a whole column and ends exact to an eighth, so that equal ends are flush."""
+    begins at a whole column and ends exact to an eighth, so that equal ends are flush; without
+    a duration it is the thinnest there is."""
     if total <= 0:
         return fit(EIGHTHS[1], width)
     first = min(max(start, 0) * width // total, width - 1)
     last = min(end * width * 8 // total, width * 8)
-    eighths = max(1, last - first * 8)
+    eighths = max(1, last - first * 8) if end > start else 1
     full, rest = divmod(eighths, 8)
     return fit(" " * first + EIGHTHS[8] * full + (EIGHTHS[rest] if rest else ""), width)
 
@@ -220,6 +221,13 @@ def stack_texts(frames):
     return texts
 
 
+def header_lines(value):
+    """The headers of a call, which are a list of lines or an object of names and values."""
+    if isinstance(value, dict):
+        return ["%s: %s" % (clean(name), clean(text)) for name, text in value.items()]
+    return list(map(clean, value)) if isinstance(value, list) else [clean(value)]
+
+
 def carried(span):
     """What a span carries beside its times, as (label, text, style) rows."""
     rows = []
@@ -238,9 +246,9 @@ def carried(span):
         status = number(span["esc"])
         rows.append(("status", str(status), "bad" if status >= 400 else "good"))
     if span.get("erqh") is not None:
-        rows.append(("sent", clean(span["erqh"]), None))
+        rows.append(("sent", " · ".join(header_lines(span["erqh"])), None))
     if span.get("ersh") is not None:
-        rows.append(("received", clean(span["ersh"]), None))
+        rows.append(("received", " · ".join(header_lines(span["ersh"])), None))
     failed = " and ".join(name for key, name in (("if", "exception"), ("ie", "error"))
                           if span.get(key))
     if failed:
@@ -266,39 +274,57 @@ def span_label(depth, span, indent_limit):
     return " " * indent + name
 
 
+class Sheet:
+    """The columns of one drawing: labels, bars on a common axis of milliseconds, durations."""
+
+    def __init__(self, labels, origin, end, width, colour):
+        self.origin, self.total = origin, end - origin
+        self.width, self.colour = width, colour
+        widest = max(map(cell_width, labels))
+        self.label_width = max(min(widest, width * 45 // 100), width // 4)
+        self.bar_width = width - 2 - self.label_width - 2 - DURATION_WIDTH
+
+    def line(self, label, label_style, start, end, bar_look):
+        """One bar between its label and its duration."""
+        name = fit(label, self.label_width)
+        for style in label_style:
+            name = paint(name, style, self.colour)
+        drawn = bar(start - self.origin, end - self.origin, self.total, self.bar_width)
+        return "  %s  %s%s" % (name, paint(drawn, bar_look, self.colour),
+                               duration_text(end - start).rjust(DURATION_WIDTH))
+
+    def rows(self, indent, rows):
+        """What a span carries, under it."""
+        lines = []
+        for key, text, style in rows:
+            value = fit(text, self.width - indent - 10).rstrip()
+            lines.append(" " * indent + paint(fit(key, 10), "dim", self.colour)
+                         + paint(value, style, self.colour))
+        return lines
+
+
 def render_spans(spans, width, colour, max_spans):
     rows = arrange(spans)
     if not rows:
         return ["  (no spans)"]
     origin = number(rows[0][1].get("st"))
-    total = max(number(span.get("et")) for _, span in rows) - origin
+    end = max(number(span.get("et")) for _, span in rows)
     shown = rows[:max_spans]
     indent_limit = width // 5
     labels = [span_label(depth, span, indent_limit) for depth, span in shown]
-    label_width = min(max(map(cell_width, labels)), width * 45 // 100)
-    label_width = max(label_width, width // 4)
-    bar_width = width - 2 - label_width - 2 - DURATION_WIDTH
+    sheet = Sheet(labels, origin, end, width, colour)
     lines = []
     for label, (depth, span) in zip(labels, shown):
-        start, end = number(span.get("st")), number(span.get("et"))
         style = bar_style(depth, span)
-        drawn = bar(start - origin, end - origin, total, bar_width)
-        name = paint(fit(label, label_width), style if style == "bad" else None, colour)
-        lines.append("  %s  %s%s" % (
-            name,
-            paint(drawn, style, colour),
-            duration_text(end - start).rjust(DURATION_WIDTH)))
-        indent = min(2 * depth, indent_limit) + 4
-        for key, text, row_style in carried(span):
-            value = fit(text, width - indent - 10).rstrip()
-            lines.append(" " * indent + paint(fit(key, 10), "dim", colour)
-                         + paint(value, row_style, colour))
+        lines.append(sheet.line(label, ["bad"] if style == "bad" else [], number(span.get("st")),
+                                number(span.get("et")), style))
+        lines += sheet.rows(min(2 * depth, indent_limit) + 4, carried(span))
     if len(rows) > len(shown):
         lines.append("  … %d more spans" % (len(rows) - len(shown)))
     return lines
 
 
-def _title(info):
+def title_of(info):
     name = clean(info.get("t_name")) or "(no name)"
     query = clean(info.get("http_query_str"))
     return name + "?" + query if query else name
@@ -325,6 +351,17 @@ def _facts(info, width, colour):
     return " · ".join(paint(text, style, colour) for text, style in facts)
 
 
+def root_of(apm):
+    """The root span: the one that was opened first."""
+    spans = records(record(apm.get("method_info")).get("span_info"))
+    return min(spans, key=lambda span: number(span.get("mo")), default={})
+
+
+def caller_of(apm):
+    """The span of the calling service, or nothing."""
+    return clean(root_of(apm).get("psi"))
+
+
 def _extras(apm, info):
     """Rows under the figures: what only some transactions have."""
     application = record(apm.get("application_info"))
@@ -345,6 +382,8 @@ def _extras(apm, info):
         rows.append(("flow", clean(origin["flow"])))
     if origin.get("async") is True:
         rows.append(("called", "asynchronously"))
+    if caller_of(apm):
+        rows.append(("caller", "span " + caller_of(apm)))
     parameters = record(apm.get("app_parameters"))
     for key in ("sum", "average"):
         if key in parameters:
@@ -358,7 +397,7 @@ def render_transaction(document, width=100, colour=False, max_spans=200):
     apm = record(document.get("apm"))
     info = record(apm.get("transaction_info"))
     spans = records(record(apm.get("method_info")).get("span_info"))
-    title = fit(_title(info), width - 6).rstrip()
+    title = fit(title_of(info), width - 6).rstrip()
     rule = "━" * (width - 4 - cell_width(title))
     lines = [
         paint("━━ ", "dim", colour) + paint(title, "title", colour)

@@ -9,6 +9,7 @@ require __DIR__ . '/shop/prices.php';
 require __DIR__ . '/shop/store.php';
 require __DIR__ . '/shop/cart.php';
 require __DIR__ . '/shop/report.php';
+require __DIR__ . '/../services/client.php';
 require __DIR__ . '/pages/layout.php';
 
 function route($path)
@@ -17,6 +18,7 @@ function route($path)
         '/' => 'home',
         '/shop/cart' => 'cart',
         '/report' => 'report',
+        '/order' => 'order',
         '/error' => 'error',
     ];
     return isset($pages[$path]) ? $pages[$path] : 'missing';

@@ -1,6 +1,7 @@
 """The demo agent: what it draws of a payload made by hand, and what it makes of garbage."""
 
 import base64
+import contextlib
 import copy
 import json
 import os
@@ -193,7 +194,7 @@ def test_wide_and_long_names_are_cut_to_their_column():
 
 
 @pytest.mark.parametrize("start, end, bar", [
-    (0, 160, "█" * 8), (0, 0, "▏" + " " * 7), (160, 160, " " * 7 + "█"),
+    (0, 160, "█" * 8), (0, 0, "▏" + " " * 7), (160, 160, " " * 7 + "▏"), (159, 160, " " * 7 + "█"),
     (80, 160, " " * 4 + "█" * 4), (0, 10, "▌" + " " * 7), (0, 9999, "█" * 8),
     (-50, 40, "██" + " " * 6), (30, 90, " " + "███▌" + " " * 3), (45, 90, "  ██▌" + " " * 3),
     (90, 30, " " * 4 + "▏" + " " * 3)])
@@ -211,6 +212,17 @@ def test_depth_follows_the_parent_ids_not_the_order_of_arrival():
 def test_foreign_parent_of_the_root_is_no_depth():
     made = with_spans([span(0, 0, 9, "root", psi="00f067aa0ba902b7"), span(1, 0, 9, "child", 0)])
     assert [line[:9] for line in drawn_spans(made)] == ["  root   ", "    child"]
+
+
+def test_span_of_the_calling_service_and_headers_are_told():
+    made = with_spans([span(0, 0, 9, "root", psi="00f067aa0ba902b7"),
+                       span(1, 0, 9, "curl_exec", 0, cn="HTTP", hn="http://x.example/",
+                            erqh=["Accept: text/plain", "X-A: 1"],
+                            ersh={"Server": "s\r\n", "X-B": "2\r\n"})])
+    lines = waterfall.render_transaction(made, 80)
+    assert lines[4] == "  caller    span 00f067aa0ba902b7"
+    assert lines[-2:] == ["      sent      Accept: text/plain · X-A: 1",
+                          "      received  Server: s · X-B: 2"]
 
 
 def test_parents_in_a_ring_end_and_lose_nothing():
@@ -304,11 +316,19 @@ def test_notice_is_one_line():
     assert demo_agent.describe(event, 80, False) == ["notice  No request URI Found"]
 
 
+@contextlib.contextmanager
+def running(**options):
+    agent = demo_agent.Agent(0, 0, **options).start()
+    try:
+        yield agent
+    finally:
+        agent.stop()
+
+
 @pytest.fixture
 def agent():
-    running = demo_agent.Agent(0, 0).start()
-    yield running
-    running.stop()
+    with running() as started:
+        yield started
 
 
 def exchange(port, data, finish=True):
@@ -331,11 +351,16 @@ HANDSHAKE = (b'{"connect_info":{"agent_info":{"agent.version.info":"4.9.2.0",'
 
 def test_handshake_is_answered_at_its_line_feed_with_the_connection_still_open(agent):
     reply = json.loads(exchange(agent.status_port, HANDSHAKE, finish=False))
-    assert reply["instance.status"] == 920
+    assert reply["instance.status"] == 920 and reply["app.id"] == "shop"
     assert isinstance(reply["instance.id"], str) and reply["instance.id"]
     kind, told = agent.next_event(SECONDS)
     assert kind == "handshake"
     assert told["connect_info"]["agent_info"]["application.name"] == "Shop"
+
+
+def test_one_reply_can_be_given_to_all():
+    with running(reply={"app.id": "a9"}) as agent:
+        assert json.loads(exchange(agent.status_port, HANDSHAKE)) == {"app.id": "a9"}
 
 
 def test_handshake_with_a_port_that_is_no_number_is_answered_all_the_same(agent):

@@ -2,10 +2,14 @@
 
 import contextlib
 import io
+import json
 import os
 import re
+import signal
 import subprocess
 import sys
+import time
+import urllib.request
 import xml.etree.ElementTree
 
 import pytest
@@ -17,7 +21,8 @@ import agent as demo_agent  # noqa: E402
 import play  # noqa: E402
 
 SECONDS = 60
-TITLES = ["/", "/shop/cart?item=3", "/report", "/error", "job.php"]
+PAGES = ["/", "/shop/cart?item=3", "/report", "/error"]
+TITLES = PAGES + ["trace", "job.php"]
 
 
 def run(program, *arguments):
@@ -31,7 +36,7 @@ def waterfalls(output):
     """The lines of each transaction by its title."""
     found, current = {}, None
     for line in output.split("\n"):
-        title = re.match(r"━━ (.*?) ━+$", line)
+        title = re.match(r"━━ (trace|.*?)(?: [0-9a-f]{32})? ━+$", line)
         if title:
             current = found.setdefault(title.group(1), [])
         elif line.startswith("$ "):
@@ -53,18 +58,71 @@ def test_demonstration_shows_every_transaction_and_ends_well(engine):
     assert "garbage" not in output
     shown = waterfalls(output)
     assert list(shown) == TITLES
-    for title in TITLES[:4]:
+    for title in PAGES:
         status = 500 if title == "/error" else 200
         assert shown[title][0].startswith("  web · GET · status %d · " % status)
     assert shown["job.php"][0].startswith("  command line · ")
     assert "  arguments nightly --orders=2" in shown["job.php"]
-    for lines in shown.values():
-        assert has_span(lines, 0, "main")
+    for title in PAGES + ["job.php"]:
+        assert has_span(shown[title], 0, "main")
     assert has_span(shown["/"], 2, "{closure}")
     assert has_span(shown["/shop/cart?item=3"], 4, "VolumePrice::perPiece")
     assert has_span(shown["/report"], 5, "department_total")
     assert has_span(shown["/error"], 3, "Cart::pay")
     assert has_span(shown["job.php"], 1, "main_job")
+    check_trace(shown["trace"])
+
+
+def request_in(lines, name):
+    """(position, indentation, facts) of a request in the drawing of a trace."""
+    (at,) = [at for at, line in enumerate(lines) if line.strip().startswith(name + "  ")]
+    indent = len(lines[at]) - len(lines[at].lstrip())
+    facts = []
+    for line in lines[at + 1:]:
+        if re.search(r" (ms|s)$", line) or len(line) - len(line.lstrip()) != indent + 2:
+            break
+        facts += line.strip().split(" · ")
+    return at, indent, facts
+
+
+def check_trace(lines):
+    """Each call names its span, and the request below it names the same one as its caller."""
+    assert lines[0].startswith(
+        "  Demo shop · Demo prices · Demo stock · 5 requests · 4 HTTP calls · ")
+    assert request_in(lines, "Demo shop /order?item=3")[1:] == (2, ["GET", "status 200"])
+    callers = set()
+    for name, page, flow in (("Demo prices", "/price", "demo-shop;"),
+                             ("Demo stock", "/left", "demo-shop;demo-prices;"),
+                             ("Demo stock", "/delivery", "demo-shop;"),
+                             ("Demo prices", "/discount", "demo-shop;")):
+        at, indent, facts = request_in(lines, "%s %s?item=3" % (name, page))
+        at_once = page in ("/delivery", "/discount")
+        assert facts[:3] == ["GET", "status 200", "flow " + flow]
+        assert facts[3:-1] == (["called async"] if at_once else [])
+        caller = re.match(r"caller ([0-9a-f]{16})$", facts[-1]).group(1)
+        callers.add(caller)
+        call = max(position for position in range(at)
+                   if re.search(r" curl_(multi_)?exec \[HTTP\]", lines[position])
+                   and len(lines[position]) - len(lines[position].lstrip()) == indent - 2)
+        assert ("(async)" in lines[call]) == at_once
+        told = " ".join(lines[call + 1:at])
+        assert re.search(r"http://127\.0\.0\.1:\d+%s\?item=3 " % page, told)
+        assert "status 200" in told and "span " + caller in told
+    assert len(callers) == 4
+
+
+def test_engine_without_curl_leaves_the_trace_out_and_says_so(engine, tmp_path):
+    bare = tmp_path / "php"
+    bare.write_text('#!/bin/sh\nexec "%s" -n "$@"\n' % engine.php)
+    bare.chmod(0o755)
+    if b"curl" in subprocess.run([str(bare), "-m"], stdout=subprocess.PIPE, check=True,
+                                 timeout=SECONDS).stdout.split():
+        pytest.skip("curl is built into this engine")
+    played = run("play.py", "--free-ports", "--php", str(bare), "--extension", engine.so)
+    output = played.stdout.decode()
+    assert (played.returncode, played.stderr) == (0, b""), output
+    assert list(waterfalls(output)) == PAGES + ["job.php"]
+    assert "This engine has no curl: the trace through several services was left out." in output
 
 
 def test_extension_that_does_not_load_is_said(engine, tmp_path):
@@ -135,3 +193,60 @@ def test_picture_of_nothing_is_refused(tmp_path):
     capture.write_text(CAPTURE)
     made = run("render_svg.py", "--keep", "/c", str(capture), str(picture))
     assert made.returncode == 1 and not picture.exists()
+
+
+def fake_engine(tmp_path, body):
+    """A program in the place of the engine; its arguments are in "$@"."""
+    fake = tmp_path / "fake-php"
+    fake.write_text("#!/bin/sh\n" + body)
+    fake.chmod(0o755)
+    return [str(fake)]
+
+
+def test_server_whose_port_was_taken_meanwhile_gets_another_one(engine, tmp_path):
+    command = fake_engine(tmp_path, """
+        echo x >>"{0}/starts"
+        test $(wc -l <"{0}/starts") -ge 3 || {{ echo "port taken"; exit 1; }}
+        exec "{1}" -n "$@"
+        """.format(tmp_path, engine.php))
+    with open(tmp_path / "log", "w+b") as log:
+        server, port = play.start_server(command, "services/stock.php", log, dict(os.environ))
+        try:
+            answer = urllib.request.build_opener(urllib.request.ProxyHandler({})).open(
+                "http://127.0.0.1:%d/left?item=3" % port, timeout=SECONDS).read()
+        finally:
+            play.stop_servers([server])
+    assert json.loads(answer) == {"pieces": 12}
+    assert server.poll() is not None
+
+
+def test_server_that_never_starts_is_said_with_its_own_words(tmp_path):
+    command = fake_engine(tmp_path, 'echo "no such option"; exit 1\n')
+    with open(tmp_path / "log", "w+b") as log, pytest.raises(play.DemoFailed) as failure:
+        play.start_server(command, "services/stock.php", log, dict(os.environ))
+    told = str(failure.value).split("\n")
+    assert told[0] == "The web server of services/stock.php does not start. It says:"
+    assert told[1] == "no such option"
+
+
+@pytest.mark.parametrize("seconds", [0.2, 0.5, 0.8])
+def test_ended_demonstration_leaves_no_process(engine, tmp_path, seconds):
+    """The servers share the demonstration's process group, which is empty once they have ended."""
+    with open(tmp_path / "output", "w+b") as output:
+        playing = subprocess.Popen(
+            [sys.executable, os.path.join(DEMO, "play.py"), "--free-ports", "--php", engine.php,
+             "--extension", engine.so], stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+            start_new_session=True)
+        try:
+            time.sleep(seconds)
+            playing.send_signal(signal.SIGTERM)
+            status = playing.wait(SECONDS)
+            with pytest.raises(ProcessLookupError):
+                os.killpg(playing.pid, 0)
+        finally:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(playing.pid, signal.SIGKILL)
+            playing.wait(SECONDS)
+        output.seek(0)
+        # It dies of the signal while it has not yet begun.
+        assert status in (0, 130, -signal.SIGTERM) and b"Traceback" not in output.read()

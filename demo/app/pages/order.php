@@ -1,0 +1,22 @@
+<?php
+// Two other services are asked: first one after the other, then both at once.
+$item = isset($_GET['item']) ? (int) $_GET['item'] : 1;
+$problem = null;
+try {
+    $price = ask(prices_url('/price?item=' . $item));
+    $terms = ask_all([
+        'delivery' => stock_url('/delivery?item=' . $item),
+        'discount' => prices_url('/discount?item=' . $item),
+    ]);
+} catch (RuntimeException $e) {
+    http_response_code(502);
+    $problem = $e->getMessage();
+}
+?>
+<h1>Order</h1>
+<?php if ($problem !== null) { ?>
+<p><?= escape($problem) ?></p>
+<?php } else { ?>
+<p><?= money($price['cents'] * (1 - $terms['discount']['percent'] / 100)) ?>,
+   there in <?= (int) $terms['delivery']['days'] ?> days</p>
+<?php } ?>
