@@ -15,7 +15,22 @@
 
 static const char *const trace_header_names[] = {"X-Skelvor-Id", "traceparent", "X-Skelvor-Origin"};
 
+/* Much of what the headers carry comes from outside: a line end in it would begin a header of its
+ * own. */
+static bool kaq_is_fit_for_header(const char *text) {
+	for (const unsigned char *c = (const unsigned char *)text; *c; c++) {
+		if (*c < 0x20 || *c == 0x7f) {
+			return false;
+		}
+	}
+	return true;
+}
+
+/* A value that cannot stand in a header is left out. */
 static bool kaq_append_header(zval *list, const char *name, const char *value) {
+	if (!kaq_is_fit_for_header(value)) {
+		return true;
+	}
 	char *line = header_format_name_value(name, value, 0);
 	if (!line) {
 		return false;
@@ -30,16 +45,6 @@ static bool kaq_append_traceparent(zval *list, const zend_kaq_globals *g, kaq_no
 	kaq_assign_span_id(node);
 	snprintf(value, sizeof(value), "00-%s-%s-01", g->trace_id, node->data.function_info.span_id);
 	return kaq_append_header(list, "traceparent", value);
-}
-
-/* A flow comes from outside, decoded: with a line end in it, it would end the header. */
-static bool kaq_is_fit_for_header(const char *text) {
-	for (const unsigned char *c = (const unsigned char *)text; *c; c++) {
-		if (*c < 0x20 || *c == 0x7f) {
-			return false;
-		}
-	}
-	return true;
 }
 
 static char *kaq_origin_text(const zend_kaq_globals *g, int is_async) {
