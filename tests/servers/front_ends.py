@@ -1,0 +1,171 @@
+"""Web servers as doors of a service (see services.py): nginx in front of a FastCGI server, and
+Apache with the engine's module. On loopback, on free ports, in temporary directories, apart from
+any service of the machine."""
+import os
+import pathlib
+import shutil
+import socket
+
+import doors
+import services
+from server_processes import SEARCH, Unavailable, free_port
+
+NGINX = """
+daemon off;
+master_process off;
+pid {directory}/nginx.pid;
+error_log stderr;
+events {{ worker_connections 64; }}
+http {{
+    access_log off;
+    client_body_temp_path {directory}/body;
+    fastcgi_temp_path {directory}/fastcgi;
+    proxy_temp_path {directory}/proxy;
+    scgi_temp_path {directory}/scgi;
+    uwsgi_temp_path {directory}/uwsgi;
+    server {{
+        listen 127.0.0.1:{port};
+        location / {{
+            fastcgi_pass unix:{socket};
+            fastcgi_param SCRIPT_FILENAME {page};
+            fastcgi_param SCRIPT_NAME /page.php;
+            fastcgi_param REQUEST_URI $request_uri;
+            fastcgi_param QUERY_STRING $query_string;
+            fastcgi_param REQUEST_METHOD $request_method;
+            fastcgi_param CONTENT_TYPE $content_type;
+            fastcgi_param CONTENT_LENGTH $content_length;
+            fastcgi_param SERVER_PROTOCOL $server_protocol;
+            fastcgi_param SERVER_NAME $server_name;
+            fastcgi_param SERVER_PORT $server_port;
+            fastcgi_param GATEWAY_INTERFACE CGI/1.1;
+            fastcgi_param REDIRECT_STATUS 200;
+        }}
+    }}
+}}
+"""
+
+MODULES = pathlib.Path("/usr/lib/apache2/modules")
+# A process serves one request at a time here: a thread-safe engine is as good for that as another.
+APACHE = """
+ServerRoot "{directory}"
+ServerName 127.0.0.1
+Listen 127.0.0.1:{port}
+PidFile "{directory}/pid"
+DefaultRuntimeDir "{directory}"
+Mutex pthread
+User nobody
+Group nogroup
+LoadModule mpm_prefork_module "{modules}/mod_mpm_prefork.so"
+LoadModule authz_core_module "{modules}/mod_authz_core.so"
+LoadModule alias_module "{modules}/mod_alias.so"
+LoadModule {name} "{engine}"
+PHPIniDir "{directory}"
+DocumentRoot "{directory}/pages"
+AliasMatch "^/" "{directory}/pages/page.php"
+SetHandler application/x-httpd-php
+ErrorLog "{directory}/server.log"
+StartServers 1
+MinSpareServers 1
+MaxSpareServers 1
+MaxRequestWorkers 4
+KeepAlive Off
+Timeout 30
+"""
+
+
+class _WebServer(doors.BuiltinServer):
+    """Asked as the engine's own web server is, `port` and all."""
+
+    def __init__(self):
+        super(doors.BuiltinServer, self).__init__()
+
+    def _serve(self, configuration, command, environment=None):
+        """`configuration` lacks only the port. A free one may be taken by somebody else before the
+        server has it: tried again."""
+        path = os.path.join(self.directory, "configuration")
+        for _ in range(3):
+            self.port = free_port()
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(configuration.replace("{port}", str(self.port)))
+            self._start([*command, path], environment)
+            if self._await(socket.AF_INET, ("127.0.0.1", self.port)):
+                return
+        raise AssertionError(self.log)
+
+    def request(self, path="/", method="GET", headers=(), body=b""):
+        answer = super().request(path, method, [("Host", "127.0.0.1"), *headers], body)
+        assert answer.status == 200, (answer.status, answer.body[:500], self.log[-3000:])
+        return answer
+
+
+def _program(name):
+    found = shutil.which(name, path=SEARCH)
+    if not found:
+        raise Unavailable("%s is not installed" % name)
+    return found
+
+
+class _Nginx(_WebServer):
+    def __init__(self, environment, engine, options, page):
+        super().__init__()
+        program = _program("nginx")
+        self._behind = services.DOORS[self.behind](environment, engine, options, page)
+        try:
+            self._serve(
+                NGINX.format(directory=self.directory, socket=self._behind.socket, page=page,
+                             port="{port}"),
+                [program, "-p", self.directory, "-e", "stderr", "-c"])
+        except BaseException:
+            self.close()
+            raise
+
+    def close(self):
+        super().close()
+        self._behind.close()
+
+
+class NginxFpm(_Nginx):
+    behind = "fpm"
+
+
+class NginxCgi(_Nginx):
+    behind = "cgi"
+
+
+def _apache_module(engine):
+    """(name, path) of the engine's module."""
+    prefix = pathlib.Path(engine.php_config).resolve().parents[1]
+    major, minor = engine.version_id // 10000, engine.version_id // 100 % 100
+    name = "php7_module" if major == 7 else "php_module"
+    for path in (prefix / "modules" / ("libphp%d.so" % major),
+                 MODULES / ("libphp%d.%d.so" % (major, minor))):
+        if path.exists() and (prefix == pathlib.Path("/usr")) == (path.parent == MODULES):
+            return name, path
+    raise Unavailable("there is no Apache module of this engine")
+
+
+class Apache(_WebServer):
+    def __init__(self, environment, engine, options, page):
+        super().__init__()
+        try:
+            program = _program("apache2")
+            name, module = _apache_module(engine)
+            os.chmod(self.directory, 0o755)
+            pages = pathlib.Path(self.directory, "pages")
+            pages.mkdir()
+            shutil.copy(page, pages / "page.php")
+            settings = [text for flag, text in zip(options, options[1:]) if flag == "-d"]
+            pathlib.Path(self.directory, "php.ini").write_text(
+                "\n".join(settings) + "\n", encoding="ascii")
+            # When it ends it ends its process group, which must not be that of the tests.
+            self._serve(
+                APACHE.format(directory=self.directory, modules=MODULES, name=name, engine=module,
+                              port="{port}"),
+                ["setsid", program, "-DFOREGROUND", "-d", self.directory, "-f"],
+                {"PATH": SEARCH, **environment})
+        except BaseException:
+            self.close()
+            raise
+
+
+KINDS = {"nginx-fpm": NginxFpm, "nginx-cgi": NginxCgi, "apache": Apache}
