@@ -1,7 +1,9 @@
 #include "diagnostics/crash_handler.h"
 
+#include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <link.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -33,6 +35,7 @@ static void put_text(int fd, const char *text, size_t length) {
 	(void)written;
 }
 
+/* For short texts. */
 static void put_line(int fd, const char *format, ...) __attribute__((format(printf, 2, 3)));
 static void put_line(int fd, const char *format, ...) {
 	char line[KAQ_CRASH_LINE_SIZE];
@@ -54,14 +57,43 @@ static unsigned instruction_pointer(const void *context) {
 #endif
 }
 
-/* backtrace_symbols_fd writes the same texts as backtrace_symbols, without memory of its own. */
+static void put_name(int fd, const char *name) {
+	put_text(fd, name, strlen(name));
+}
+
+static void put_symbol(int fd, const Dl_info *info, const struct link_map *map, const char *frame) {
+	const char *base = (const char *)info->dli_saddr;
+	if (!info->dli_sname) {
+		base = (const char *)map->l_addr;
+	}
+	put_name(fd, info->dli_fname);
+	put_name(fd, "(");
+	put_name(fd, info->dli_sname ? info->dli_sname : "");
+	if (base) {
+		char sign = frame >= base ? '+' : '-';
+		put_line(fd, "%c%#tx", sign, frame >= base ? frame - base : base - frame);
+	}
+	put_name(fd, ") ");
+}
+
+/* The texts of backtrace_symbols, which would take memory from the process heap. */
+static void put_frame(int fd, const void *frame) {
+	Dl_info info;
+	struct link_map *map = NULL;
+	put_name(fd, "Trace ");
+	if (dladdr1(frame, &info, (void **)&map, RTLD_DL_LINKMAP) && info.dli_fname &&
+		info.dli_fname[0]) {
+		put_symbol(fd, &info, map, (const char *)frame);
+	}
+	put_line(fd, "[%p]\n", frame);
+}
+
 static void put_frames(int fd) {
 	void *frames[KAQ_CRASH_FRAMES];
 	int count = backtrace(frames, KAQ_CRASH_FRAMES);
 	put_line(fd, "KAQ CRASH Backtrace messages size: %d\n", count);
 	for (int i = 0; i < count; i++) {
-		put_text(fd, "Trace ", strlen("Trace "));
-		backtrace_symbols_fd(&frames[i], 1, fd);
+		put_frame(fd, frames[i]);
 	}
 }
 
