@@ -38,6 +38,7 @@ typedef struct kaq_exception_info {
 
 // clang-format off
 ZEND_BEGIN_MODULE_GLOBALS(kaq)
+	int in_request;       /* from request start to request end */
 	int control_signal;   /* 1: the local agent monitors this request */
 	int node_buffer_len;  /* span keys handed out, and so the next key */
 	int method_threshold; /* ms */

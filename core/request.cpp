@@ -73,6 +73,7 @@ void kaq_request_start(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	uint64_t sec;
 	uint64_t usec;
+	g->in_request = 1;
 	kaq_wall_clock(&sec, &usec);      /*  1 */
 	kaq_set_request_global_strings(); /*  2 */
 	kaq_late_initialization();        /*  3 */
@@ -140,6 +141,13 @@ static void kaq_release_request_values(zend_kaq_globals *g) {
 	}
 }
 
+/* Script code may still run: session handlers, stream wrappers. Nothing of it is recorded, for
+ * nothing would be released any more. */
+static void kaq_leave_request(zend_kaq_globals *g) {
+	g->in_request = 0;
+	g->control_signal = 0;
+}
+
 /* A script that ended for lack of memory leaves none for us: until we are done the limit is off. */
 void kaq_request_end(void) {
 	zend_kaq_globals *g = kaq_get_globals();
@@ -157,4 +165,5 @@ void kaq_request_end(void) {
 	kaq_release_request_texts(g);  /* 4 */
 	kaq_release_request_values(g); /* 5 */
 	kaq_memory_limit_restore();
+	kaq_leave_request(g);
 }

@@ -34,6 +34,10 @@ ZEND_END_ARG_INFO()
 
 /* Adds a value to the list under a name, in an array that is made at its first use. */
 static void kaq_append_to_list(zval **array, const zend_string *name, zval *value) {
+	if (!kaq_get_globals()->in_request) {
+		zval_ptr_dtor(value);
+		return;
+	}
 	if (!*array) {
 		*array = php_zval_alloc();
 		array_init(*array);
@@ -53,7 +57,9 @@ KAQ_FUNCTION(kaq_transaction_name) {
 	if (zend_parse_parameters(ZEND_NUM_ARGS(), "S", &name) == FAILURE) {
 		return;
 	}
-	kaq_store_transaction_name(name);
+	if (kaq_get_globals()->in_request) {
+		kaq_store_transaction_name(name);
+	}
 	kaq_rename_in_caller(execute_data, name);
 }
 
@@ -104,8 +110,10 @@ KAQ_FUNCTION(kaq_set_appname) {
 	if (zend_parse_parameters(ZEND_NUM_ARGS(), "S", &name) == FAILURE) {
 		return;
 	}
-	free(g->application_name);
-	g->application_name = kaq_strdup(ZSTR_VAL(name));
+	if (g->in_request) {
+		free(g->application_name);
+		g->application_name = kaq_strdup(ZSTR_VAL(name));
+	}
 }
 
 KAQ_FUNCTION(kaq_agent_version) {
@@ -131,7 +139,7 @@ KAQ_FUNCTION(kaq_set_session_id) {
 	if (zend_parse_parameters(ZEND_NUM_ARGS(), "S", &id) == FAILURE) {
 		return;
 	}
-	if (!g->session_id) {
+	if (!g->session_id && g->in_request) {
 		g->session_id = (char *)calloc(1, KAQ_TEXT_BUFFER_SIZE + 1);
 	}
 	if (g->session_id) {

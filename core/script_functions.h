@@ -1,6 +1,7 @@
 /*
  * The functions that scripts may call. What they write lives in the thread's record until request
- * end; none of them asks whether the request is monitored.
+ * end, and what they are given after it is dropped. None of them asks whether the request is
+ * monitored.
  */
 #pragma once
 

@@ -41,8 +41,11 @@ static const zend_op *kaq_send_of_only_argument(const zend_execute_data *caller)
 	if (!caller || !caller->func || !ZEND_USER_CODE(caller->func->type)) {
 		return NULL;
 	}
-	const zend_op *opcodes = caller->func->op_array.opcodes;
-	return caller->opline > opcodes ? caller->opline - 1 : NULL;
+	const zend_op *call = caller->opline;
+	if (!kaq_is_call(call) || call == caller->func->op_array.opcodes || call[-1].op2.num != 1) {
+		return NULL;
+	}
+	return call - 1;
 }
 
 /* A variable gets a text of its own, whoever else holds the old one. */
@@ -63,18 +66,29 @@ static bool kaq_rename_variable(zend_execute_data *caller, const zend_op *send,
 	return true;
 }
 
-static bool kaq_is_unshared_array(zval *variable) {
+/* Whether an array that nobody shares holds this very text. */
+static bool kaq_is_element(const zend_string *name, zval *variable) {
 	ZVAL_DEREF(variable);
-	return Z_TYPE_P(variable) == IS_ARRAY && Z_REFCOUNTED_P(variable) &&
-		   Z_REFCOUNT_P(variable) == 1;
+	if (Z_TYPE_P(variable) != IS_ARRAY || !Z_REFCOUNTED_P(variable) ||
+		Z_REFCOUNT_P(variable) != 1) {
+		return false;
+	}
+	bool found = false;
+	const zval *element;
+	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(variable), element) {
+		ZVAL_DEREF(element);
+		found |= Z_TYPE_P(element) == IS_STRING && Z_STR_P(element) == name;
+	}
+	ZEND_HASH_FOREACH_END();
+	return found;
 }
 
 /* An element's text is changed in place, if the element and the argument alone hold it. A text that
  * has been hashed may be a key somewhere. */
 static void kaq_rename_element(zend_execute_data *caller, const zend_op *send, zend_string *name) {
 	if (send > caller->func->op_array.opcodes && kaq_passes_element(send) &&
-		kaq_is_unshared_array(ZEND_CALL_VAR(caller, send[-1].op1.var)) && kaq_is_rewritable(name) &&
-		GC_REFCOUNT(name) == 2 && ZSTR_H(name) == 0) {
+		kaq_is_rewritable(name) && GC_REFCOUNT(name) == 2 && ZSTR_H(name) == 0 &&
+		kaq_is_element(name, ZEND_CALL_VAR(caller, send[-1].op1.var))) {
 		kaq_sanitise_name(ZSTR_VAL(name), ZSTR_LEN(name));
 	}
 }

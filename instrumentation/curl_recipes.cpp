@@ -13,10 +13,9 @@
 
 #define KAQ_SETOPT_NAME_SIZE 32
 
-/* Options that curl has refused with an exception were not set. */
 static bool kaq_keeps_headers(void) {
 	const zend_kaq_globals *g = kaq_get_globals();
-	return (g->capture_distributed_trace || g->capture_httpcall_metadata) && !EG(exception);
+	return g->capture_distributed_trace || g->capture_httpcall_metadata;
 }
 
 /* The layouts here start with one or two handles. */
@@ -64,12 +63,20 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt) {
 		return;
 	}
 	int caught = kaq_call_protected(call);
-	if (kaq_keeps_headers() && kaq_is_header_option(option)) {
+	/* What curl has refused with an exception is not set. */
+	if (kaq_keeps_headers() && !EG(exception) && kaq_is_header_option(option)) {
 		kaq_save_header_option(arguments.value[0], arguments.value[2]);
 	}
 	kaq_pass_on(caught);
 }
 
+static bool kaq_is_object(const zval *value) {
+	ZVAL_DEREF(value);
+	return Z_TYPE_P(value) == IS_OBJECT;
+}
+
+/* Where one option is refused with an exception, those before it are set. A list is not what is
+ * refused; an object may be. */
 void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	kaq_arguments arguments;
 	kaq_fit fit = kaq_read_arguments(call, "za", 0, &arguments);
@@ -79,6 +86,7 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	}
 	kaq_pass_on(kaq_call_protected(call));
 	zval *options = arguments.value[1];
+	bool is_refused = EG(exception) != NULL;
 	if (!kaq_keeps_headers() || !php_is_zval_valid_array(options)) {
 		return;
 	}
@@ -86,7 +94,7 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	zend_string *name;
 	zval *value;
 	ZEND_HASH_FOREACH_KEY_VAL(Z_ARRVAL_P(options), option, name, value) {
-		if (!name && option == KAQ_CURLOPT_HTTPHEADER) {
+		if (!name && option == KAQ_CURLOPT_HTTPHEADER && !(is_refused && kaq_is_object(value))) {
 			kaq_save_header_option(arguments.value[0], value);
 		}
 	}

@@ -61,6 +61,11 @@ static bool kaq_is_send(const zend_op *op) {
 	}
 }
 
+bool kaq_is_call(const zend_op *op) {
+	return op->opcode == ZEND_DO_FCALL || op->opcode == ZEND_DO_ICALL ||
+		   op->opcode == ZEND_DO_FCALL_BY_NAME;
+}
+
 bool kaq_passes_variable(const zend_op *send) {
 	return kaq_is_send(send) && send->op1_type == IS_CV;
 }

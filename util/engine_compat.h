@@ -84,9 +84,10 @@ typedef zend_object kaq_thrown;
 #define KAQ_E_STRICT (1 << 11)
 zend_object *kaq_thrown_object(kaq_thrown *exception);
 
-/* Whether an instruction passes a compiled variable by value, or what the one before it has read
- * from an array in such a variable; and whether a text may be changed in place as far as its memory
- * goes. */
+/* Whether an instruction calls a function; whether one passes a compiled variable by value, or what
+ * the one before it has read from an array in such a variable; and whether a text may be changed in
+ * place as far as its memory goes. */
+bool kaq_is_call(const zend_op *op);
 bool kaq_passes_variable(const zend_op *send);
 bool kaq_passes_element(const zend_op *send);
 bool kaq_is_rewritable(const zend_string *text);
