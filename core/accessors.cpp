@@ -9,8 +9,15 @@ zval *kaq_capture_request_headers(void) {
 	return php_call("getallheaders", NULL, NULL, NULL);
 }
 
+/* What identifies our own account stays out of payloads. */
 char *kaq_get_request_headers(void) {
-	return kaq_encode_zval_to_json(kaq_get_globals()->request_headers_zv);
+	zend_kaq_globals *g = kaq_get_globals();
+	if (g->is_caller_same_user) {
+		SEPARATE_ARRAY(g->request_headers_zv);
+		zend_hash_str_del(Z_ARRVAL_P(g->request_headers_zv), "X-Skelvor-Id",
+						  strlen("X-Skelvor-Id"));
+	}
+	return kaq_encode_zval_to_json(g->request_headers_zv);
 }
 
 char *kaq_get_response_headers(void) {

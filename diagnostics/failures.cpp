@@ -169,7 +169,7 @@ static void kaq_take_exception(zend_kaq_globals *g, zend_object *exception) {
 void kaq_throw_exception_hook(kaq_thrown *exception) {
 	zend_kaq_globals *g = kaq_get_globals();
 	if (exception && g->exception_count < KAQ_EXCEPTION_SLOTS && g->in_request &&
-		!g->is_recording_failure) {
+		!g->is_recording_failure && !kaq_is_exit(kaq_thrown_object(exception))) {
 		kaq_take_exception(g, kaq_thrown_object(exception));
 	}
 	if (old_exception_cb) {

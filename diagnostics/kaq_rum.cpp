@@ -9,6 +9,7 @@
 #define KAQ_CONTENT_LENGTH "Content-Length:"
 #define KAQ_HTML "text/html"
 #define KAQ_HEAD_END "</head>"
+#define KAQ_GZIP_MAGIC "\x1f\x8b"
 
 template <size_t size>
 static bool kaq_is_longer_line_of(const sapi_header_struct *line, const char (&prefix)[size]) {
@@ -31,6 +32,12 @@ static bool kaq_may_grow(void) {
 		has_length |= kaq_is_longer_line_of(line, KAQ_CONTENT_LENGTH);
 	}
 	return is_html && !has_length;
+}
+
+/* What a script has compressed itself may hold its text as it is. */
+static bool kaq_is_compressed(const char *output, size_t length) {
+	return length >= strlen(KAQ_GZIP_MAGIC) &&
+		   memcmp(output, KAQ_GZIP_MAGIC, strlen(KAQ_GZIP_MAGIC)) == 0;
 }
 
 static const char *kaq_find_head_end(const char *output, size_t length) {
@@ -74,7 +81,7 @@ void kaq_rum_injection_handler(char *output, size_t output_length, char **new_ou
 	*new_output = NULL;
 	*new_length = 0;
 	if ((mode & PHP_OUTPUT_HANDLER_CLEAN) || output_length == 0 || !g->rum_snippet[0] ||
-		g->rum_injected || !kaq_may_grow()) {
+		g->rum_injected || kaq_is_compressed(output, output_length) || !kaq_may_grow()) {
 		return;
 	}
 	const char *head_end = kaq_find_head_end(output, output_length);

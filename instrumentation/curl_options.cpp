@@ -46,6 +46,7 @@ void kaq_save_header_option(zval *handle, zval *value) {
 		return;
 	}
 	kaq_curl_follow(handle);
+	kaq_follow_clones(handle, kaq_inherit_header_option);
 	if (Z_TYPE_P(value) == IS_ARRAY) {
 		kaq_curl_save_req_headers(handle, value);
 	} else if (Z_TYPE_P(value) == IS_OBJECT) {
@@ -60,4 +61,11 @@ void kaq_copy_saved_headers(zval *copy, const zval *handle) {
 	} else {
 		ZVAL_NULL(copy);
 	}
+}
+
+void kaq_inherit_header_option(zval *handle, zval *copy) {
+	zval headers;
+	kaq_copy_saved_headers(&headers, handle);
+	kaq_save_header_option(copy, &headers);
+	zval_ptr_dtor(&headers);
 }

@@ -15,5 +15,8 @@ bool kaq_is_header_option(const zval *option);
  * object that cannot be iterated over is read as curl reads it, by its properties. */
 void kaq_save_header_option(zval *handle, zval *value);
 
+/* The copy of a handle sends the original's header lines. */
+void kaq_inherit_header_option(zval *handle, zval *copy);
+
 /* The saved list of an easy handle, shared, or the null value. The caller destroys it. */
 void kaq_copy_saved_headers(zval *copy, const zval *handle);

@@ -49,6 +49,13 @@ void kaq_record(const kaq_call *call, kaq_curl_init) {
 	kaq_pass_on(caught);
 }
 
+/* When curl throws, it may have been at another option or at an element of the list, and has set an
+ * array all the same. An object is what it refuses. */
+static bool kaq_is_taken(const zval *value) {
+	ZVAL_DEREF(value);
+	return !EG(exception) || Z_TYPE_P(value) == IS_ARRAY;
+}
+
 void kaq_record(const kaq_call *call, kaq_curl_setopt) {
 	kaq_arguments arguments;
 	kaq_fit fit = kaq_read_arguments(call, "zzz", 0, &arguments);
@@ -63,20 +70,12 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt) {
 		return;
 	}
 	int caught = kaq_call_protected(call);
-	/* What curl has refused with an exception is not set. */
-	if (kaq_keeps_headers() && !EG(exception) && kaq_is_header_option(option)) {
+	if (kaq_keeps_headers() && kaq_is_header_option(option) && kaq_is_taken(arguments.value[2])) {
 		kaq_save_header_option(arguments.value[0], arguments.value[2]);
 	}
 	kaq_pass_on(caught);
 }
 
-static bool kaq_is_object(const zval *value) {
-	ZVAL_DEREF(value);
-	return Z_TYPE_P(value) == IS_OBJECT;
-}
-
-/* Where one option is refused with an exception, those before it are set. A list is not what is
- * refused; an object may be. */
 void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	kaq_arguments arguments;
 	kaq_fit fit = kaq_read_arguments(call, "za", 0, &arguments);
@@ -86,7 +85,6 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	}
 	kaq_pass_on(kaq_call_protected(call));
 	zval *options = arguments.value[1];
-	bool is_refused = EG(exception) != NULL;
 	if (!kaq_keeps_headers() || !php_is_zval_valid_array(options)) {
 		return;
 	}
@@ -94,7 +92,7 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	zend_string *name;
 	zval *value;
 	ZEND_HASH_FOREACH_KEY_VAL(Z_ARRVAL_P(options), option, name, value) {
-		if (!name && option == KAQ_CURLOPT_HTTPHEADER && !(is_refused && kaq_is_object(value))) {
+		if (!name && option == KAQ_CURLOPT_HTTPHEADER && kaq_is_taken(value)) {
 			kaq_save_header_option(arguments.value[0], value);
 		}
 	}
@@ -139,6 +137,11 @@ static void kaq_announce_transfer(zval *easy) {
 	kaq_free_node(temp_node);
 }
 
+/* A handle that is refused may be under way elsewhere, with the span id that it was given there. */
+static bool kaq_is_refusal(const zval *result) {
+	return EG(exception) || (Z_TYPE_P(result) == IS_LONG && Z_LVAL_P(result) != 0);
+}
+
 void kaq_record(const kaq_call *call, kaq_curl_multi_add_handle) {
 	kaq_arguments arguments;
 	if (!kaq_read_handles(call, "rr", &arguments)) {
@@ -147,10 +150,12 @@ void kaq_record(const kaq_call *call, kaq_curl_multi_add_handle) {
 	zval *multi = arguments.value[0];
 	zval *easy = arguments.value[1];
 	int caught = kaq_call_protected(call);
-	kaq_curl_follow(multi);
-	kaq_curl_follow(easy);
-	kaq_curl_multi_add_child(kaq_zval_resource_id(multi), easy);
-	kaq_announce_transfer(easy);
+	if (!kaq_is_refusal(call->return_value)) {
+		kaq_curl_follow(multi);
+		kaq_curl_follow(easy);
+		kaq_curl_multi_add_child(kaq_zval_resource_id(multi), easy);
+		kaq_announce_transfer(easy);
+	}
 	kaq_set_method_none(call->fi);
 	kaq_pass_on(caught);
 }
@@ -187,11 +192,9 @@ static void kaq_drop_span_ids(zval *children) {
 	if (!php_is_zval_valid_array(children)) {
 		return;
 	}
-	zval *child;
-	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(children), child) {
-		if (php_is_zval_valid_curl_handle(child)) {
-			kaq_curl_multi_remove_spanid(kaq_zval_resource_id(child));
-		}
+	const zval *number;
+	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(children), number) {
+		kaq_curl_multi_remove_spanid(Z_LVAL_P(number));
 	}
 	ZEND_HASH_FOREACH_END();
 }

@@ -149,23 +149,21 @@ void kaq_report_transfers(kaq_node *parent, zend_long multi_id) {
 		return;
 	}
 	uint64_t now_ms = kaq_now_ms();
-	zval *easy;
-	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(children), easy) {
-		if (!php_is_zval_valid_curl_handle(easy)) {
+	const zval *number;
+	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(children), number) {
+		zval easy;
+		zend_long id = Z_LVAL_P(number);
+		if (kaq_curl_multi_is_reported(multi_id, id) || !kaq_find_curl_handle(id, &easy)) {
 			continue;
 		}
-		zend_long id = kaq_zval_resource_id(easy);
-		if (kaq_curl_multi_is_reported(multi_id, id)) {
-			continue;
-		}
-		zend_long status = kaq_transfer_status(easy, info);
+		zend_long status = kaq_transfer_status(&easy, info);
 		if (status == 0) {
 			continue;
 		}
 		if (g->stored_node_count >= g->span_limit) {
 			return;
 		}
-		kaq_report_transfer(parent, easy, status, now_ms);
+		kaq_report_transfer(parent, &easy, status, now_ms);
 		kaq_curl_multi_mark_reported(multi_id, id);
 	}
 	ZEND_HASH_FOREACH_END();

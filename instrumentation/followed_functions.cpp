@@ -14,13 +14,9 @@ static void kaq_after_close(zval *handle, zval *) {
 	}
 }
 
-/* A copy sends the original's header lines. */
 static void kaq_after_copy(zval *handle, zval *copy) {
 	if (php_is_zval_valid_curl_handle(handle) && php_is_zval_valid_curl_handle(copy)) {
-		zval headers;
-		kaq_copy_saved_headers(&headers, handle);
-		kaq_save_header_option(copy, &headers);
-		zval_ptr_dtor(&headers);
+		kaq_inherit_header_option(handle, copy);
 	}
 }
 

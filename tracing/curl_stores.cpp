@@ -48,16 +48,18 @@ zval *kaq_hash_get_or_create_array(zval *array, zend_long id) {
 	return kaq_hash_put_by_id(array, id, &fresh);
 }
 
-static void kaq_forget_easy(zend_kaq_globals *g, zend_long id) {
-	kaq_hash_delete_by_id(g->curl_req_headers_store, id);
-	kaq_hash_delete_by_id(g->curl_res_headers_store, id);
-	kaq_hash_delete_by_id(g->curl_multi_spanid_store, id);
-	if (!g->curl_multi_reported_store) {
+static void kaq_delete_number(zval *array, zend_long id) {
+	zend_hash_index_del(Z_ARRVAL_P(array), (zend_ulong)id);
+}
+
+/* An entry of every array in a store. */
+static void kaq_delete_everywhere(zval *store, zend_long id, void (*entry)(zval *, zend_long)) {
+	if (!store) {
 		return;
 	}
-	zval *reported;
-	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(g->curl_multi_reported_store), reported) {
-		kaq_hash_delete_by_id(reported, id);
+	zval *array;
+	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(store), array) {
+		entry(array, id);
 	}
 	ZEND_HASH_FOREACH_END();
 }
@@ -66,9 +68,13 @@ static void kaq_forget_easy(zend_kaq_globals *g, zend_long id) {
 static void kaq_forget_handle(zval *entry) {
 	zend_kaq_globals *g = kaq_get_globals();
 	zend_long id = kaq_watched_id(entry);
-	kaq_forget_easy(g, id);
+	kaq_hash_delete_by_id(g->curl_req_headers_store, id);
+	kaq_hash_delete_by_id(g->curl_res_headers_store, id);
+	kaq_hash_delete_by_id(g->curl_multi_spanid_store, id);
 	kaq_hash_delete_by_id(g->curl_multi_reported_store, id);
 	kaq_hash_delete_by_id(g->curl_multi_handle_store, id);
+	kaq_delete_everywhere(g->curl_multi_reported_store, id, kaq_hash_delete_by_id);
+	kaq_delete_everywhere(g->curl_multi_handle_store, id, kaq_delete_number);
 }
 
 static zval *kaq_new_store(void) {
@@ -169,35 +175,14 @@ void kaq_free_curl_res_headers(zend_long id) {
 	kaq_hash_delete_by_id(kaq_get_globals()->curl_res_headers_store, id);
 }
 
-/* A multi handle that lives holds its easy handles, too: when a child is ours alone its multi
- * handle is gone, and with it the reason to keep its transfers' connections open. */
-static void kaq_drop_lists_of_dead_multis(zval *store) {
-	zend_string *key;
-	zval *children;
-	ZEND_HASH_FOREACH_STR_KEY_VAL(Z_ARRVAL_P(store), key, children) {
-		zval *child;
-		bool ours_alone = false;
-		ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(children), child) {
-			ours_alone = Z_REFCOUNTED_P(child) && Z_REFCOUNT_P(child) == 1;
-			break;
-		}
-		ZEND_HASH_FOREACH_END();
-		if (ours_alone) {
-			zend_hash_del(Z_ARRVAL_P(store), key);
-		}
-	}
-	ZEND_HASH_FOREACH_END();
-}
-
-void kaq_curl_multi_add_child(zend_long multi_id, zval *easy) {
-	zval *store = kaq_get_globals()->curl_multi_handle_store;
-	if (store && !kaq_hash_find_by_id(store, multi_id)) {
-		kaq_drop_lists_of_dead_multis(store);
-	}
-	zval *children = kaq_hash_get_or_create_array(store, multi_id);
+/* Keyed by the number, too. */
+void kaq_curl_multi_add_child(zend_long multi_id, const zval *easy) {
+	zval *children =
+		kaq_hash_get_or_create_array(kaq_get_globals()->curl_multi_handle_store, multi_id);
 	if (php_is_zval_valid_array(children)) {
-		Z_TRY_ADDREF_P(easy);
-		add_next_index_zval(children, easy);
+		zval number;
+		ZVAL_LONG(&number, kaq_zval_resource_id(easy));
+		zend_hash_index_update(Z_ARRVAL_P(children), (zend_ulong)Z_LVAL(number), &number);
 	}
 }
 
@@ -207,18 +192,9 @@ zval *kaq_curl_multi_get_children(zend_long multi_id) {
 
 void kaq_curl_multi_remove_child(zend_long multi_id, zend_long easy_id) {
 	zval *children = kaq_curl_multi_get_children(multi_id);
-	if (!php_is_zval_valid_array(children)) {
-		return;
+	if (php_is_zval_valid_array(children)) {
+		zend_hash_index_del(Z_ARRVAL_P(children), (zend_ulong)easy_id);
 	}
-	zend_ulong position;
-	zval *child;
-	ZEND_HASH_FOREACH_NUM_KEY_VAL(Z_ARRVAL_P(children), position, child) {
-		if (php_is_zval_valid_curl_handle(child) && kaq_zval_resource_id(child) == easy_id) {
-			zend_hash_index_del(Z_ARRVAL_P(children), position);
-			return;
-		}
-	}
-	ZEND_HASH_FOREACH_END();
 }
 
 void kaq_curl_multi_remove_all_children(zend_long multi_id) {

@@ -30,10 +30,11 @@ void kaq_insert_curl_res_headers(zend_long id, const char *line);
 zval *kaq_get_curl_res_headers(zend_long id);
 void kaq_free_curl_res_headers(zend_long id);
 
-/* The easy handles of a multi handle, in the order in which they were added. */
-void kaq_curl_multi_add_child(zend_long multi_id, zval *easy);
+/* The easy handles of a multi handle, in the order in which they were added: an array of numbers.
+ * The multi handle itself keeps its easy handles alive. A second reference here would keep them
+ * beyond its end, with their connections, and from the engine's search for cycles. */
+void kaq_curl_multi_add_child(zend_long multi_id, const zval *easy);
 zval *kaq_curl_multi_get_children(zend_long multi_id);
-/* The first child of that number. */
 void kaq_curl_multi_remove_child(zend_long multi_id, zend_long easy_id);
 void kaq_curl_multi_remove_all_children(zend_long multi_id);
 

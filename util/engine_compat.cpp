@@ -1,5 +1,7 @@
 #include "util/engine_compat.h"
 
+#include <pthread.h>
+
 #ifdef ZTS
 TSRM_TLS void *TSRMLS_CACHE KAQ_THREAD_LOCAL_MODEL = NULL;
 
@@ -99,10 +101,11 @@ static const zval *kaq_stored_property(zend_object *object, const char *name) {
 
 zend_string *kaq_property_text(zend_object *object, const char *name) {
 	const zval *value = kaq_stored_property(object, name);
-	if (!value || Z_TYPE_P(value) == IS_UNDEF || Z_TYPE_P(value) > IS_STRING) {
+	if (!value || Z_TYPE_P(value) == IS_UNDEF || Z_TYPE_P(value) == IS_OBJECT) {
 		return ZSTR_EMPTY_ALLOC();
 	}
-	return zval_get_string((zval *)value);
+	return Z_TYPE_P(value) == IS_ARRAY ? zend_string_init("Array", strlen("Array"), 0)
+									   : zval_get_string((zval *)value);
 }
 
 zend_long kaq_property_number(zend_object *object, const char *name) {
@@ -120,6 +123,33 @@ zend_function *kaq_find_callable_function(const char *name, size_t length) {
 		return NULL;
 	}
 	return function;
+}
+
+#if PHP_VERSION_ID < 70400
+#define KAQ_PUSH_CALL(function, count) \
+	zend_vm_stack_push_call_frame(ZEND_CALL_TOP_FUNCTION, function, count, NULL, NULL)
+#else
+#define KAQ_PUSH_CALL(function, count) \
+	zend_vm_stack_push_call_frame(ZEND_CALL_TOP_FUNCTION, function, count, NULL)
+#endif
+
+void kaq_call_internal(zend_function *function, uint32_t count, zval *args, zval *result) {
+	zend_execute_data *outer = EG(current_execute_data);
+	zend_execute_data *call = KAQ_PUSH_CALL(function, count);
+	for (uint32_t i = 0; i < count; i++) {
+		ZVAL_COPY(ZEND_CALL_ARG(call, i + 1), &args[i]);
+	}
+	call->prev_execute_data = outer;
+	EG(current_execute_data) = call;
+	ZVAL_NULL(result);
+	function->internal_function.handler(call, result);
+	EG(current_execute_data) = outer;
+	zend_vm_stack_free_args(call);
+	zend_vm_stack_free_call_frame(call);
+	if (EG(exception)) {
+		zval_ptr_dtor(result);
+		ZVAL_UNDEF(result);
+	}
 }
 
 /* Later engines take a disabled function out of the table. */
@@ -166,8 +196,16 @@ void kaq_memory_limit_lift(void) {
 	zend_set_memory_limit((size_t)-1 >> 1);
 }
 
+/* Later engines refuse a limit below what is in use: what we have freed may have to be given back
+ * first, and if that is not enough at least nothing more is to be had. */
 void kaq_memory_limit_restore(void) {
-	zend_set_memory_limit((size_t)PG(memory_limit));
+	if (zend_set_memory_limit((size_t)PG(memory_limit)) == SUCCESS) {
+		return;
+	}
+	zend_mm_gc(zend_mm_get_heap());
+	if (zend_set_memory_limit((size_t)PG(memory_limit)) != SUCCESS) {
+		zend_set_memory_limit(zend_memory_usage(1));
+	}
 }
 
 void kaq_fetch_backtrace(zval *frames, int limit) {
@@ -193,6 +231,19 @@ int kaq_is_curl_handle(const zval *value) {
 
 int kaq_may_be_curl(const zval *) {
 	return 1;
+}
+
+int kaq_find_curl_handle(zend_long id, zval *handle) {
+	zend_resource *resource =
+		(zend_resource *)zend_hash_index_find_ptr(&EG(regular_list), (zend_ulong)id);
+	if (!resource) {
+		return 0;
+	}
+	ZVAL_RES(handle, resource);
+	return kaq_is_curl_handle(handle);
+}
+
+void kaq_follow_clones(zval *, kaq_clone_notice) {
 }
 
 void kaq_watch_handles_start(HashTable *, kaq_handle_notice) {
@@ -224,6 +275,52 @@ int kaq_may_be_curl(const zval *value) {
 	return Z_TYPE_P(value) == IS_OBJECT &&
 		   (kaq_is_curl_handle(value) ||
 			zend_string_equals_literal(Z_OBJCE_P(value)->name, "CurlMultiHandle"));
+}
+
+int kaq_find_curl_handle(zend_long id, zval *handle) {
+	if (id <= 0 || id >= (zend_long)EG(objects_store).top ||
+		!IS_OBJ_VALID(EG(objects_store).object_buckets[id])) {
+		return 0;
+	}
+	ZVAL_OBJ(handle, EG(objects_store).object_buckets[id]);
+	return kaq_is_curl_handle(handle);
+}
+
+static zend_object_handlers kaq_followed_handlers;
+static zend_object_clone_obj_t kaq_clone_handle;
+static kaq_clone_notice kaq_noted_clone;
+
+static zend_object *kaq_clone_and_tell(zend_object *object) {
+	zend_object *clone = kaq_clone_handle(object);
+	if (clone) {
+		zval from;
+		zval to;
+		ZVAL_OBJ(&from, object);
+		ZVAL_OBJ(&to, clone);
+		kaq_noted_clone(&from, &to);
+	}
+	return clone;
+}
+
+/* All curl handles share one table of handlers. A followed one gets a copy of it, which differs in
+ * how a clone is made. */
+void kaq_follow_clones(zval *handle, kaq_clone_notice notice) {
+	static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+	if (!kaq_is_curl_handle(handle) || Z_OBJ_HT_P(handle) == &kaq_followed_handlers) {
+		return;
+	}
+	pthread_mutex_lock(&lock);
+	if (!kaq_clone_handle && Z_OBJ_HT_P(handle)->clone_obj) {
+		kaq_followed_handlers = *Z_OBJ_HT_P(handle);
+		kaq_followed_handlers.clone_obj = kaq_clone_and_tell;
+		kaq_noted_clone = notice;
+		kaq_clone_handle = Z_OBJ_HT_P(handle)->clone_obj;
+	}
+	bool is_known = kaq_clone_handle && Z_OBJ_HT_P(handle)->clone_obj == kaq_clone_handle;
+	pthread_mutex_unlock(&lock);
+	if (is_known) {
+		Z_OBJ_P(handle)->handlers = &kaq_followed_handlers;
+	}
 }
 
 void kaq_watch_handles_start(HashTable *watch, kaq_handle_notice forget) {
@@ -260,12 +357,45 @@ int kaq_is_stringable(const zval *object) {
 }
 
 #if PHP_VERSION_ID < 80000
-static bool kaq_is_exit(const zend_object *) {
+bool kaq_is_exit(const zend_object *) {
 	return false;
 }
-#else
-static bool kaq_is_exit(const zend_object *exception) {
+#elif PHP_VERSION_ID < 80100
+bool kaq_is_exit(const zend_object *exception) {
 	return zend_is_unwind_exit(exception);
+}
+#else
+bool kaq_is_exit(const zend_object *exception) {
+	return zend_is_unwind_exit(exception) || zend_is_graceful_exit(exception);
+}
+#endif
+
+/* An interrupt (a signal for the script, its time limit) is dealt with by the engine at the end of
+ * a call: not of one of ours. */
+#if PHP_VERSION_ID < 70100
+static bool kaq_take_interrupt(void) {
+	return false;
+}
+
+static void kaq_set_interrupt(void) {
+}
+#elif PHP_VERSION_ID < 80200
+static bool kaq_take_interrupt(void) {
+	bool pending = EG(vm_interrupt);
+	EG(vm_interrupt) = 0;
+	return pending;
+}
+
+static void kaq_set_interrupt(void) {
+	EG(vm_interrupt) = 1;
+}
+#else
+static bool kaq_take_interrupt(void) {
+	return zend_atomic_bool_exchange_ex(&EG(vm_interrupt), false);
+}
+
+static void kaq_set_interrupt(void) {
+	zend_atomic_bool_store_ex(&EG(vm_interrupt), true);
 }
 #endif
 
@@ -290,6 +420,7 @@ static void kaq_free_last_error(void) {
 }
 
 void kaq_aside_begin(kaq_aside *aside) {
+	aside->has_interrupt = kaq_take_interrupt();
 	aside->exception = EG(exception);
 	aside->previous_exception = EG(prev_exception);
 	EG(exception) = NULL;
@@ -312,6 +443,9 @@ template <typename Text> static void kaq_put_text_back(Text **slot, void *text) 
 }
 
 void kaq_aside_end(kaq_aside *aside) {
+	if (aside->has_interrupt) {
+		kaq_set_interrupt();
+	}
 	kaq_free_last_error();
 	PG(last_error_type) = aside->last_error_type;
 	PG(last_error_lineno) = aside->last_error_line;

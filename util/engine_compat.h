@@ -83,6 +83,9 @@ typedef zend_object kaq_thrown;
 /* Suggestions about style; engines give the type up one after the other. */
 #define KAQ_E_STRICT (1 << 11)
 zend_object *kaq_thrown_object(kaq_thrown *exception);
+/* Whether it only unwinds the stack: later engines let exit, and the end of a fiber, travel as
+ * exceptions. Such an object has nothing to read. */
+bool kaq_is_exit(const zend_object *exception);
 
 /* Whether an instruction calls a function; whether one passes a compiled variable by value, or what
  * the one before it has read from an array in such a variable; and whether a text may be changed in
@@ -107,6 +110,11 @@ zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval
  * internal or has been disabled. */
 zend_function *kaq_find_callable_function(const char *name, size_t length);
 
+/* Calls an internal function with copies of the arguments. The result is undefined if it threw. The
+ * engine's own way to call would deal with pending interrupts, and refuse while a script unwinds.
+ * REQUIRES: no exception is pending. */
+void kaq_call_internal(zend_function *function, uint32_t count, zval *args, zval *result);
+
 /* Handles of some extensions (curl, pgsql) are resources, in later engines objects. */
 #if PHP_VERSION_ID < 80000
 #define KAQ_HANDLES_ARE_OBJECTS 0
@@ -124,6 +132,15 @@ int kaq_is_curl_handle(const zval *value);
  * resources the function itself finds out. */
 int kaq_may_be_curl(const zval *value);
 
+/* The open curl handle of that number, without a reference of its own. Returns 0 when there is
+ * none. */
+int kaq_find_curl_handle(zend_long id, zval *handle);
+
+/* Where a handle can be cloned: from now on `notice` is told of every clone of this one. The first
+ * notice ever given counts for all. */
+typedef void (*kaq_clone_notice)(zval *handle, zval *clone);
+void kaq_follow_clones(zval *handle, kaq_clone_notice notice);
+
 /* Whether an object can be turned into a text. */
 int kaq_is_stringable(const zval *object);
 
@@ -137,12 +154,14 @@ void kaq_watch_handle(HashTable *watch, const zval *handle);
 zend_long kaq_watched_id(const zval *entry);
 void kaq_watch_handles_end(HashTable *watch);
 
-/* What a script could see of calls that it did not make: a pending exception, the error handler,
- * the error level and the last error. Begin puts them aside, leaving fatal errors to be reported;
- * end puts them back and drops an exception that came up in between. Only an exit stays. */
+/* What a script could see of calls that it did not make: a pending exception or interrupt, the
+ * error handler, the error level and the last error. Begin puts them aside, leaving fatal errors to
+ * be reported; end puts them back and drops an exception that came up in between. Only an exit
+ * stays. */
 typedef struct {
 	zend_object *exception, *previous_exception;
 	zval error_handler;
+	bool has_interrupt;
 	int error_reporting;
 	int last_error_type, last_error_line;
 	void *last_error_message, *last_error_file;

@@ -24,18 +24,15 @@ void kaq_zval_release(zval **slot) {
 }
 
 zval *php_call_user_func(const char *name, uint32_t count, zval *args) {
-	if (!kaq_find_callable_function(name, strlen(name))) {
+	zend_function *function = kaq_find_callable_function(name, strlen(name));
+	if (!function || EG(exception)) {
 		return NULL;
 	}
-	zval function_name;
-	ZVAL_STRING(&function_name, name);
 	zval *result = php_zval_alloc();
-	int status = call_user_function(EG(function_table), NULL, &function_name, result, count, args);
-	zval_ptr_dtor(&function_name);
-	if (status != SUCCESS || Z_TYPE_P(result) == IS_UNDEF) {
+	kaq_call_internal(function, count, args, result);
+	if (Z_TYPE_P(result) == IS_UNDEF) {
 		ZVAL_NULL(result);
-		php_zval_free(result);
-		return NULL;
+		kaq_zval_release(&result);
 	}
 	return result;
 }
