@@ -46,19 +46,31 @@ static zval *kaq_total_time_constant(zend_kaq_globals *g) {
 	return kaq_get_cached_constant(&g->curlinfo_total_time, "CURLINFO_TOTAL_TIME");
 }
 
-/* A new value, or null; a handle that has been closed is not asked. */
-static zval *kaq_ask(zval *handle, zval *info) {
-	return info && php_is_zval_valid_curl_handle(handle)
-			   ? php_call_unnoticed("curl_getinfo", handle, info, NULL)
-			   : NULL;
+/* Asks curl; false if it cannot be asked, as of a handle that has been closed. The function neither
+ * fails nor runs script code, so that an exception that is on its way is all that has to wait. */
+static bool kaq_ask(zval *handle, const zval *info, zval *answer) {
+	zend_function *getinfo = kaq_find_callable_function("curl_getinfo", strlen("curl_getinfo"));
+	if (!info || !getinfo || !php_is_zval_valid_curl_handle(handle)) {
+		return false;
+	}
+	zval arguments[2];
+	ZVAL_COPY_VALUE(&arguments[0], handle);
+	ZVAL_COPY_VALUE(&arguments[1], info);
+	zend_object *pending = EG(exception);
+	EG(exception) = NULL;
+	kaq_call_internal(getinfo, 2, arguments, answer);
+	EG(exception) = pending;
+	return true;
 }
 
 static void kaq_describe_url(kaq_function *fi, zval *handle) {
-	zval *url = kaq_ask(handle, kaq_effective_url_constant(kaq_get_globals()));
-	if (php_is_zval_non_empty_string(url)) {
-		kaq_set_method_url(fi, Z_STRVAL_P(url));
+	zval url;
+	if (kaq_ask(handle, kaq_effective_url_constant(kaq_get_globals()), &url)) {
+		if (php_is_zval_non_empty_string(&url)) {
+			kaq_set_method_url(fi, Z_STRVAL(url));
+		}
+		zval_ptr_dtor(&url);
 	}
-	php_zval_free(url);
 }
 
 static void kaq_describe_status(kaq_function *fi, zend_long code) {
@@ -85,31 +97,37 @@ void kaq_describe_blocking_transfer(kaq_function *fi, zval *handle, zval *reques
 	if (!info) {
 		return;
 	}
-	zval *code = kaq_ask(handle, info);
-	if (php_is_zval_valid_integer(code)) {
-		kaq_describe_status(fi, Z_LVAL_P(code));
+	zval code;
+	ZVAL_NULL(&code);
+	kaq_ask(handle, info, &code);
+	if (Z_TYPE(code) == IS_LONG) {
+		kaq_describe_status(fi, Z_LVAL(code));
 	} else {
 		kaq_mark_component_failed(fi, FAIL_TYPE_ERROR);
 	}
-	php_zval_free(code);
+	zval_ptr_dtor(&code);
 }
 
 /* The status of a transfer, 0 while it has none. */
-static zend_long kaq_transfer_status(zval *easy, zval *info) {
-	zval *code = kaq_ask(easy, info);
-	zend_long status = php_is_zval_valid_integer(code) ? Z_LVAL_P(code) : 0;
-	php_zval_free(code);
+static zend_long kaq_transfer_status(zval *easy, const zval *info) {
+	zval code;
+	ZVAL_NULL(&code);
+	kaq_ask(easy, info, &code);
+	zend_long status = Z_TYPE(code) == IS_LONG ? Z_LVAL(code) : 0;
+	zval_ptr_dtor(&code);
 	return status;
 }
 
 static uint64_t kaq_transfer_start(zval *easy, uint64_t now_ms) {
-	zval *seconds = kaq_ask(easy, kaq_total_time_constant(kaq_get_globals()));
+	zval seconds;
+	ZVAL_NULL(&seconds);
+	kaq_ask(easy, kaq_total_time_constant(kaq_get_globals()), &seconds);
 	uint64_t start = now_ms;
-	if (seconds && Z_TYPE_P(seconds) == IS_DOUBLE) {
-		uint64_t duration = (uint64_t)(Z_DVAL_P(seconds) * 1000.0);
+	if (Z_TYPE(seconds) == IS_DOUBLE) {
+		uint64_t duration = (uint64_t)(Z_DVAL(seconds) * 1000.0);
 		start = duration > now_ms ? now_ms : now_ms - duration;
 	}
-	php_zval_free(seconds);
+	zval_ptr_dtor(&seconds);
 	return start;
 }
 

@@ -1,15 +1,19 @@
 #include "tracing/curl_stores.h"
 
+#include "agent/json_escape.h"
 #include "core/php_kaq.h"
 #include "tracing/kaq_headers.h"
 #include "util/kaq_util_functions.h"
 
-#include <stdio.h>
+#include <string.h>
 
 #define KAQ_ID_KEY_SIZE 32
 
 static size_t kaq_id_key(char key[KAQ_ID_KEY_SIZE], zend_long id) {
-	return (size_t)snprintf(key, KAQ_ID_KEY_SIZE, "index%ld", (long)id);
+	memcpy(key, "index", strlen("index"));
+	size_t length = strlen("index") + kaq_format_i64(key + strlen("index"), id);
+	key[length] = '\0';
+	return length;
 }
 
 zval *kaq_hash_find_by_id(zval *array, zend_long id) {
