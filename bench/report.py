@@ -2,6 +2,8 @@
 import statistics
 
 import calls
+import curl
+import failures
 import harness
 import web
 import wrapped
@@ -9,6 +11,7 @@ from harness import BARE, CHAIN, CLOCK, DROPPED, LIMIT, UNMONITORED, VARIANTS
 
 CALL_TARGET = 1.0
 WRAPPED_TARGET_NS = 10.0
+GROWTH_TARGET = 1.5
 ENCODING_TARGET = 3.0
 DEPTH_TARGET = 0.8
 
@@ -100,6 +103,76 @@ def print_wrapped_instructions(counts):
     for variant in wrapped.VARIANTS:
         print("  %-28s %s" % (harness.TITLES[variant],
                               " ".join("%9.1f" % counts[kind][variant] for kind in counts)))
+
+
+def _median_added(rounds, bare, column):
+    return statistics.median(a[column] - b[column] for a, b in zip(rounds, bare))
+
+
+def print_transfers(times, targets):
+    if isinstance(times, str):
+        _heading("Cost per transfer with curl")
+        print("  left out: %s" % times)
+        return
+    for kind, (title, *_) in curl.KINDS.items():
+        per = "handle and curl_multi_exec call" if kind.startswith("poll") else "transfer"
+        _heading("Cost per %s: %s (us)" % (per, title))
+        print("  %-28s %19s  %19s  %8s %6s" % ("", "wall clock", "processor", "to bare", "calls"))
+        print("  %-28s %9s %9s  %9s %9s  %8s %6s"
+              % ("", "best", "added", "best", "added", "median", "median"))
+        for variant, rounds in times[kind].items():
+            bare = times[kind][BARE]
+            cells = [value / 1e3 for column in (0, 1)
+                     for value in (min(r[column] for r in rounds),
+                                   _median_added(rounds, bare, column))]
+            print("  %-28s %9.2f %9.2f  %9.2f %9.2f  %8.2f %6.0f"
+                  % (curl.TITLES[variant], *cells,
+                     statistics.median(a[1] / b[1] for a, b in zip(rounds, bare)),
+                     statistics.median(r[2] for r in rounds)))
+    print("  Added: median of the rounds' differences to the bare engine. To bare: processor time."
+          "\n  Calls: of curl_multi_exec per run.\n")
+    _print_growth(times, targets)
+
+
+def _print_growth(times, targets):
+    """What the extension adds per handle must not grow with their number."""
+    for kind, few, many in curl.GROWTH:
+        for variant in curl.CAPTURES:
+            small, large = (_median_added(times[kind + str(size)][variant],
+                                          times[kind + str(size)][BARE], 1)
+                            for size in (few, many))
+            growth = large / small if small > 0 else float("nan")
+            _target(targets, "%s, added per handle, %d to %d, %s"
+                    % (kind, many, few, curl.TITLES[variant]), growth,
+                    "<= %.2f" % GROWTH_TARGET, growth <= GROWTH_TARGET)
+
+
+def print_transfer_instructions(counts):
+    if not counts:
+        return
+    _heading("Instructions per transfer, and per handle without an answer and curl_multi_exec call")
+    print("  %-28s %s" % ("", " ".join("%9s %9s" % (kind, "added") for kind in counts)))
+    for variant in curl.VARIANTS:
+        print("  %-28s %s" % (curl.TITLES[variant],
+                              " ".join("%9.0f %9.0f" % (counts[kind][variant],
+                                                        counts[kind][variant] - counts[kind][BARE])
+                                       for kind in counts)))
+
+
+def print_failures(times):
+    for kind, (title, is_capped) in failures.KINDS.items():
+        _heading("Cost per failure of %d in a request: %s (ns)" % (failures.COUNT, title))
+        rest = "each that is passed on" if is_capped else "each further one"
+        print("  %-28s %19s  %28s" % ("", "each of the first ten", rest))
+        print("  %-28s %9s %9s  %9s %9s  %8s" % ("", "best", "added", "best", "added", "to bare"))
+        bare = times[kind][BARE]
+        for variant, rounds in times[kind].items():
+            cells = [value for column in (0, 1)
+                     for value in (min(r[column] for r in rounds),
+                                   _median_added(rounds, bare, column))]
+            print("  %-28s %9.0f %9.0f  %9.0f %9.0f  %8.2f"
+                  % (harness.TITLES[variant], *cells,
+                     statistics.median(a[1] / b[1] for a, b in zip(rounds, bare))))
 
 
 def print_requests(times):

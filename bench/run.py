@@ -8,18 +8,21 @@ import sys
 import tempfile
 
 import calls
+import curl
 import encoding
+import failures
 import harness
 import report
 import web
 import wrapped
 
-SECTIONS = ("calls", "wrapped", "instructions", "requests", "encoding", "depth")
+SECTIONS = ("calls", "wrapped", "curl", "failures", "instructions", "requests", "encoding",
+            "depth")
 
 
 def parse():
     parser = argparse.ArgumentParser(description=__doc__)
-    for name in ("php", "kaq", "probe", "agent", "engine"):
+    for name in ("php", "kaq", "probe", "agent", "http-server", "engine"):
         parser.add_argument("--" + name, required=True)
     parser.add_argument("--php-cgi", default="")
     parser.add_argument("--encode", default="")
@@ -31,7 +34,19 @@ def parse():
     return parser.parse_args()
 
 
-def run_sections(setup, wanted, targets):
+def run_curl(setup, program, figures, targets):
+    server = curl.Server(program)
+    try:
+        figures["curl_ns"] = curl.time_transfers(setup, server, 3 if setup.quick else 15)
+        report.print_transfers(figures["curl_ns"], targets)
+        if not setup.quick:
+            figures["curl_instructions"] = curl.count_instructions(setup, server)
+            report.print_transfer_instructions(figures["curl_instructions"])
+    finally:
+        server.stop()
+
+
+def run_sections(setup, options, wanted, targets):
     """Measures and prints; returns the raw figures."""
     quick = setup.quick
     figures = {}
@@ -43,6 +58,11 @@ def run_sections(setup, wanted, targets):
         report.print_wrapped_calls(figures["wrapped_ns"], targets)
         figures["loops_ns"] = wrapped.time_loops(setup, 3 if quick else 15)
         report.print_wrapped_loops(figures["loops_ns"])
+    if "curl" in wanted:
+        run_curl(setup, options.http_server, figures, targets)
+    if "failures" in wanted:
+        figures["failures_ns"] = failures.time_failures(setup, 3 if quick else 15)
+        report.print_failures(figures["failures_ns"])
     if "instructions" in wanted:
         figures["instructions"] = calls.count_instructions(setup)
         report.print_instructions(figures["instructions"])
@@ -76,7 +96,7 @@ def main():
     try:
         with tempfile.TemporaryDirectory(prefix="kaq-bench-") as scratch:
             setup = harness.Setup(options, agent, scratch)
-            figures = run_sections(setup, wanted, targets)
+            figures = run_sections(setup, options, wanted, targets)
     finally:
         agent.stop()
     if options.json:

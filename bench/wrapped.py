@@ -18,6 +18,7 @@ KINDS = {
 LOOPS = {"sqlite": "PDO SQLite, 5 wrapped calls", "redis": "Redis, 4 wrapped calls"}
 BLOCKS = 7
 _MODULES = {
+    "curl": ((), ("curl.so",)),
     "pdo_sqlite": ((), ("pdo.so", "pdo_sqlite.so")),
     "redis": ((), ("{drivers}/redis.so",), ("redis.so",), ("igbinary.so", "redis.so"),
               ("igbinary.so", "msgpack.so", "redis.so")),
@@ -58,7 +59,7 @@ def time_calls(setup, rounds):
     return times
 
 
-def _modules(setup, name):
+def modules_of(setup, name):
     """What to load for a driver, or None if the engine has none."""
     for candidate in _MODULES[name]:
         modules = [module.format(drivers=setup.drivers) for module in candidate]
@@ -111,12 +112,12 @@ def _time_loop(setup, rounds, name, modules, words):
 def time_loops(setup, rounds):
     """{loop: {variant: [ns per turn]}, or the reason why it was left out}."""
     result = {}
-    modules = _modules(setup, "pdo_sqlite")
+    modules = modules_of(setup, "pdo_sqlite")
     if modules is None:
         result["sqlite"] = "this engine has no PDO driver for SQLite"
     else:
         result["sqlite"] = _time_loop(setup, rounds, "sqlite", modules, (1000,))
-    modules = _modules(setup, "redis")
+    modules = modules_of(setup, "redis")
     if modules is None:
         result["redis"] = "this engine has no Redis driver (script/drivers)"
     elif not setup.redis_server:
@@ -147,7 +148,7 @@ def count_instructions(setup):
             commands = [_command(setup, variant, "wrapped.php", *words, calls, 1, side)
                         for calls in lengths]
             counts[kind][variant] = _instructions(setup, commands, lengths)
-    modules = _modules(setup, "pdo_sqlite")
+    modules = modules_of(setup, "pdo_sqlite")
     if modules is not None:
         harness.progress("instructions: " + LOOPS["sqlite"])
         counts["sqlite"] = {}

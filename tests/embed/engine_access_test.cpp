@@ -251,3 +251,59 @@ TEST_F(ResponseHeaders, ContentLengthIsReadAsADecimal) {
 	EXPECT_TRUE(run_php("header('content-LENGTH: 123abc');"));
 	EXPECT_EQ(123, kaq_get_response_content_length());
 }
+
+TEST_F(ResponseHeaders, SearchPassesOverLinesThatAreNoLongerThanThePrefix) {
+	EXPECT_TRUE(run_php("header('X-One:'); header('X-One: second', false);"));
+	EXPECT_EQ("second", take_text(kaq_search_response_header("x-one:")));
+	EXPECT_EQ("(null)", take_text(kaq_search_response_header("X-One: second")));
+}
+
+TEST_F(ResponseHeaders, SearchTakesTheFirstLineAndAnyPrefixOfIt) {
+	EXPECT_TRUE(run_php("header('Content-Length: 5'); header('Content-Type: text/css');"));
+	EXPECT_EQ("Length: 5", take_text(kaq_search_response_header("content-")));
+	EXPECT_EQ("Content-Length: 5", take_text(kaq_search_response_header("")));
+	EXPECT_EQ("(null)", take_text(kaq_search_response_header("ontent-Length:")));
+}
+
+TEST_F(ResponseHeaders, SearchSkipsAllWhiteSpaceBeforeTheValueAndKeepsTheRest) {
+	EXPECT_TRUE(run_php("header(\"X-One:\\t \\x0b\\f a  b\");"));
+	EXPECT_EQ("a  b", take_text(kaq_search_response_header("X-One:")));
+}
+
+TEST_F(ResponseHeaders, AddedOneReplacesThoseOfItsNameAndEndsWithoutALineEnd) {
+	EXPECT_TRUE(run_php("header('A: 1'); header('a: 2', false); header('B: 3');"));
+	EXPECT_EQ(1, kaq_add_response_header("A", "4"));
+	EXPECT_EQ("[\"B: 3\",\"A: 4\"]", php_json("array_values(array_filter(headers_list(),"
+											  "function ($line) { return $line[1] === ':'; }))"));
+	EXPECT_EQ("4", take_text(kaq_search_response_header("A:")));
+}
+
+TEST_F(ResponseHeaders, AddedOneMayBeEmptyButNotMissing) {
+	EXPECT_EQ(0, kaq_add_response_header(nullptr, "4"));
+	EXPECT_EQ(0, kaq_add_response_header("A", nullptr));
+	EXPECT_EQ("(null)", take_text(kaq_search_response_header("A")));
+	EXPECT_EQ(1, kaq_add_response_header("A", ""));
+	EXPECT_EQ("A:", take_text(kaq_search_response_header("")));
+}
+
+TEST_F(ResponseHeaders, AddingFailsWhereTheEngineRefuses) {
+	EXPECT_EQ(0, kaq_add_response_header("A", "1\r\nB: 2"));
+	EXPECT_EQ("(null)", take_text(kaq_search_response_header("A:")));
+	EXPECT_EQ("(null)", take_text(kaq_search_response_header("B:")));
+}
+
+TEST_F(ResponseHeaders, AddingLeavesNothingBehind) {
+	EXPECT_FALSE(leaks([] { kaq_add_response_header("X-Some-Name", "a value of some length"); }));
+}
+
+TEST_F(ResponseHeaders, CodeThatWasNeverSetReadsAs200) {
+	SG(sapi_headers).http_response_code = 0;
+	EXPECT_EQ(200, kaq_get_response_code());
+	SG(sapi_headers).http_response_code = -1;
+	EXPECT_EQ(200, kaq_get_response_code());
+	SG(sapi_headers).http_response_code = 1;
+	EXPECT_EQ(1, kaq_get_response_code());
+	EXPECT_TRUE(run_php("http_response_code(404);"));
+	EXPECT_EQ(404, kaq_get_response_code());
+	SG(sapi_headers).http_response_code = 200;
+}

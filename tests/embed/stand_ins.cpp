@@ -9,6 +9,7 @@
 
 static uint64_t fixed_ms;
 static int failing_allocation;
+static int failing_header_line;
 static bool cpu_is_fixed;
 static bool cpu_is_refused;
 static struct rusage fixed_cpu;
@@ -22,6 +23,7 @@ int __real_getrusage(int who, struct rusage *usage);
 uint64_t __real__Z15kaq_now_ms_slowv(void);
 void __real__Z14kaq_wall_clockPmS_(uint64_t *sec, uint64_t *usec);
 void __real__Z14kaq_random_hexlPc(int64_t length, char *buffer);
+char *__real__Z24header_format_name_valuePKcS0_i(const char *name, const char *value, int crlf);
 
 void *__wrap_malloc(size_t size);
 void *__wrap_calloc(size_t count, size_t size);
@@ -29,11 +31,13 @@ int __wrap_getrusage(int who, struct rusage *usage);
 uint64_t __wrap__Z15kaq_now_ms_slowv(void);
 void __wrap__Z14kaq_wall_clockPmS_(uint64_t *sec, uint64_t *usec);
 void __wrap__Z14kaq_random_hexlPc(int64_t length, char *buffer);
+char *__wrap__Z24header_format_name_valuePKcS0_i(const char *name, const char *value, int crlf);
 }
 
 void stand_ins_reset(void) {
 	fixed_ms = 0;
 	failing_allocation = 0;
+	failing_header_line = 0;
 	cpu_is_fixed = false;
 	cpu_is_refused = false;
 	calls_of_generator = 0;
@@ -53,6 +57,10 @@ void clock_advances(uint64_t ms) {
 
 void allocation_fails(int n) {
 	failing_allocation = n;
+}
+
+void header_line_fails(int n) {
+	failing_header_line = n;
 }
 
 void cpu_times_are(long user_sec, long user_usec, long sys_sec, long sys_usec) {
@@ -146,4 +154,11 @@ void __wrap__Z14kaq_random_hexlPc(int64_t length, char *buffer) {
 	calls_of_generator++;
 	characters_of_generator += length;
 	__real__Z14kaq_random_hexlPc(length, buffer);
+}
+
+char *__wrap__Z24header_format_name_valuePKcS0_i(const char *name, const char *value, int crlf) {
+	if (failing_header_line > 0 && --failing_header_line == 0) {
+		return nullptr;
+	}
+	return __real__Z24header_format_name_valuePKcS0_i(name, value, crlf);
 }

@@ -17,6 +17,9 @@ void clock_advances(uint64_t ms);
 /* The n-th malloc or calloc of the extension from now on gives null (1: the next one). */
 void allocation_fails(int n);
 
+/* The n-th header line that is to be put together from now on cannot be (1: the next one). */
+void header_line_fails(int n);
+
 /* CPU times of the process; microseconds may be 0 to 999999. */
 void cpu_times_are(long user_sec, long user_usec, long sys_sec, long sys_usec);
 void cpu_times_are_refused(void);

@@ -1,4 +1,7 @@
-/* Header lines: the parts found in the line again, buffers of exactly the given sizes. */
+/*
+ * Header lines: the parts found in the line again, buffers of exactly the given sizes; a line put
+ * together taken apart again; the value behind a key.
+ */
 #include "tracing/header_line.h"
 
 #include <ctype.h>
@@ -13,15 +16,7 @@ static void require(bool condition) {
 	}
 }
 
-/* The first two bytes are the sizes of the buffers, the rest is the line. */
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-	if (size < 2) {
-		return 0;
-	}
-	size_t name_size = data[0];
-	size_t value_size = data[1];
-	std::string line((const char *)data + 2, size - 2);
-	line = line.c_str();
+static void split(const std::string &line, size_t name_size, size_t value_size) {
 	char *name = (char *)malloc(name_size + 1);
 	char *value = (char *)malloc(value_size + 1);
 	memset(name, '!', name_size + 1);
@@ -41,5 +36,54 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 	}
 	free(name);
 	free(value);
+}
+
+static void join(const std::string &name, const std::string &value) {
+	char *line = header_format_name_value(name.c_str(), value.c_str(), 0);
+	char *ended = header_format_name_value(name.c_str(), value.c_str(), 1);
+	require(line && name + ": " + value == line);
+	require(ended && name + ": " + value + "\r\n" == ended);
+	free(line);
+	free(ended);
+}
+
+static std::string lower(std::string text) {
+	for (char &c : text) {
+		c = c >= 'A' && c <= 'Z' ? (char)(c + 32) : c;
+	}
+	return text;
+}
+
+static void extract(const std::string &key, const std::string &text) {
+	static const char run[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+							  "+/=_-.,:;%~!*'(){}\"[] \t";
+	char *value = header_extract_encoded_value(key.c_str(), text.c_str());
+	size_t found = lower(text).find(lower(key));
+	std::string expected;
+	if (found != std::string::npos) {
+		size_t begin = text.find_first_not_of(": \t", found + key.size());
+		if (begin != std::string::npos) {
+			size_t end = text.find_first_not_of(run, begin);
+			expected = text.substr(begin, end == std::string::npos ? end : end - begin);
+		}
+	}
+	require(value ? expected == value : expected.empty());
+	free(value);
+}
+
+/* The first two bytes are the sizes of the buffers, the rest is the line. What stands before its
+ * first slash is the key. */
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+	if (size < 2) {
+		return 0;
+	}
+	std::string line((const char *)data + 2, size - 2);
+	line = line.c_str();
+	split(line, data[0], data[1]);
+	size_t slash = line.find('/');
+	if (slash != std::string::npos) {
+		join(line.substr(0, slash), line.substr(slash + 1));
+		extract(line.substr(0, slash), line.substr(slash + 1));
+	}
 	return 0;
 }

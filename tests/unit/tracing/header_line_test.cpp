@@ -1,5 +1,7 @@
 #include "tracing/header_line.h"
 
+#include <ctype.h>
+#include <stdlib.h>
 #include <string.h>
 #include <string>
 
@@ -110,4 +112,92 @@ TEST(HeaderLine, NullPointersAndZeroSizesDoNothing) {
 	kaq_header_to_keyvalue("A: b", name, 4, value, 0);
 	EXPECT_STREQ("abc", name);
 	EXPECT_STREQ("def", value);
+}
+
+namespace {
+
+/* The text, and frees it; "(null)" for null. */
+std::string take(char *text) {
+	std::string copy = text ? text : "(null)";
+	free(text);
+	return copy;
+}
+
+} // namespace
+
+TEST(HeaderFormat, NameColonBlankValue) {
+	EXPECT_EQ("X-Skelvor-Id: abc", take(header_format_name_value("X-Skelvor-Id", "abc", 0)));
+}
+
+TEST(HeaderFormat, LineEndIsAddedForAnyFlagButZero) {
+	for (int flag : {1, 2, -1}) {
+		EXPECT_EQ("a: b\r\n", take(header_format_name_value("a", "b", flag))) << flag;
+	}
+}
+
+TEST(HeaderFormat, PartsAreTakenAsTheyAre) {
+	EXPECT_EQ(": ", take(header_format_name_value("", "", 0)));
+	EXPECT_EQ(" %s%n:  %d ", take(header_format_name_value(" %s%n", " %d ", 0)));
+	EXPECT_EQ("\xc3\xa4: {\"x\":1}", take(header_format_name_value("\xc3\xa4", "{\"x\":1}", 0)));
+}
+
+TEST(HeaderFormat, LongValueIsNotCut) {
+	std::string value(100000, 'v');
+	EXPECT_EQ("n: " + value, take(header_format_name_value("n", value.c_str(), 0)));
+}
+
+TEST(HeaderFormat, NullNameOrValueGivesNull) {
+	EXPECT_EQ(nullptr, header_format_name_value(nullptr, "b", 0));
+	EXPECT_EQ(nullptr, header_format_name_value("a", nullptr, 1));
+	EXPECT_EQ(nullptr, header_format_name_value(nullptr, nullptr, 0));
+}
+
+TEST(HeaderEncodedValue, IsFoundWhateverItsCaseAndPlace) {
+	EXPECT_EQ("abc", take(header_extract_encoded_value("X-Id", "X-Id: abc")));
+	EXPECT_EQ("abc", take(header_extract_encoded_value("X-Id", "\r\nfoo\r\nx-ID: abc\r\nbar: 1")));
+	EXPECT_EQ("abc", take(header_extract_encoded_value("X-ID", "my-x-id: abc")));
+}
+
+TEST(HeaderEncodedValue, FirstOccurrenceCounts) {
+	EXPECT_EQ("1", take(header_extract_encoded_value("k", "k: 1\r\nk: 2")));
+}
+
+TEST(HeaderEncodedValue, ColonsAndBlanksBehindTheKeyArePassedOver) {
+	for (const char *text : {"kabc", "k:abc", "k abc", "k\tabc", "k : \t:: abc"}) {
+		EXPECT_EQ("abc", take(header_extract_encoded_value("k", text))) << text;
+	}
+}
+
+TEST(HeaderEncodedValue, RunKeepsEveryCharacterOfAnEncodedValue) {
+	const std::string run = "AZaz09+/=_-.,:;%~!*'(){}\"[] \tx";
+	EXPECT_EQ(run, take(header_extract_encoded_value("k", ("k: " + run).c_str())));
+}
+
+TEST(HeaderEncodedValue, RunEndsAtAnyOtherByte) {
+	for (int byte = 1; byte < 256; byte++) {
+		bool belongs =
+			(byte < 128 && isalnum(byte)) || strchr("+/=_-.,:;%~!*'(){}\"[] \t", byte) != nullptr;
+		std::string text = std::string("k: a") + (char)byte + "b";
+		EXPECT_EQ(belongs ? text.substr(3) : "a",
+				  take(header_extract_encoded_value("k", text.c_str())))
+			<< byte;
+	}
+}
+
+TEST(HeaderEncodedValue, EmptyRunGivesNull) {
+	for (const char *text : {"k", "k:", "k: \t", "k: \r\nabc", "k: <a>"}) {
+		EXPECT_EQ(nullptr, header_extract_encoded_value("k", text)) << text;
+	}
+}
+
+TEST(HeaderEncodedValue, AbsentOrNullKeyGivesNull) {
+	EXPECT_EQ(nullptr, header_extract_encoded_value("key", "k: abc"));
+	EXPECT_EQ(nullptr, header_extract_encoded_value("key", ""));
+	EXPECT_EQ(nullptr, header_extract_encoded_value(nullptr, "k: abc"));
+	EXPECT_EQ(nullptr, header_extract_encoded_value("k", nullptr));
+	EXPECT_EQ(nullptr, header_extract_encoded_value(nullptr, nullptr));
+}
+
+TEST(HeaderEncodedValue, EmptyKeyStandsAtTheBeginning) {
+	EXPECT_EQ("abc", take(header_extract_encoded_value("", ": abc\n")));
 }

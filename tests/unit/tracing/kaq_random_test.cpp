@@ -213,6 +213,24 @@ TEST(RandomFallback, LowBytesOfTheKnownSequence) {
 	}
 }
 
+TEST(RandomFallback, BytesOfFourSeedsAreThoseOfAnotherProgram) {
+	const struct {
+		uint64_t seed;
+		const char *bytes;
+	} cases[] = {
+		{0, "aff44fec9beae13cc3a609f67b2f19ab"},
+		{UINT64_MAX, "20c9e9d2ae33a564841c15a7db8ac1e8"},
+		{UINT64_C(0x9e3779b97f4a7c15), "f44fec9beae13cc3a609f67b2f19ab55"},
+		{kaq_random_seed(1700000000, 123456789, 4242, 4240), "f22956278b77ea08de421c30a8b229c0"},
+	};
+	for (const auto &known : cases) {
+		unsigned char bytes[16];
+		kaq_random_fallback(known.seed, bytes, sizeof bytes);
+		Device device(std::string((const char *)bytes, sizeof bytes));
+		EXPECT_EQ(known.bytes, hex_from(device.path, 32)) << known.seed;
+	}
+}
+
 TEST(RandomFallback, NoBytesAreNoBytes) {
 	unsigned char byte = 0x5a;
 	kaq_random_fallback(1, &byte, 0);
