@@ -49,7 +49,6 @@ zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 }
 
 zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
-	zend_execute_data *frame = EG(current_execute_data);
 	zval *volatile result = NULL;
 	volatile int caught = 0;
 	kaq_aside aside;
@@ -63,7 +62,6 @@ zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 	zend_end_try();
 	kaq_aside_end(&aside);
 	if (caught) {
-		EG(current_execute_data) = frame;
 		zend_bailout();
 	}
 	return result;

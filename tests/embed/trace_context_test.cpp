@@ -112,7 +112,7 @@ TEST_F(TraceContext, BuffersAreWrittenInPlaceAndStayTerminated) {
 	for (const Headers &headers :
 		 {everything, Headers{}, Headers{{"Traceparent", TRACEPARENT}},
 		  Headers{{"traceparent", std::string(4000, 'x')}}, Headers{{"traceparent", ""}}}) {
-		memset(trace_id, 'x', 33);
+		memset(trace_id, 'x', 32);
 		memset(parent, 'x', 16);
 		web_request(headers);
 		EXPECT_EQ(trace_id, g->trace_id);
