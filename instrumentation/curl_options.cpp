@@ -64,8 +64,11 @@ void kaq_copy_saved_headers(zval *copy, const zval *handle) {
 }
 
 void kaq_inherit_header_option(zval *handle, zval *copy) {
-	zval headers;
-	kaq_copy_saved_headers(&headers, handle);
-	kaq_save_header_option(copy, &headers);
-	zval_ptr_dtor(&headers);
+	zval *saved = kaq_get_curl_req_headers(kaq_zval_resource_id(handle));
+	if (saved) {
+		zval headers;
+		ZVAL_COPY(&headers, saved);
+		kaq_save_header_option(copy, &headers);
+		zval_ptr_dtor(&headers);
+	}
 }

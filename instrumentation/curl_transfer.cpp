@@ -97,8 +97,7 @@ void kaq_describe_blocking_transfer(kaq_function *fi, zval *handle, zval *reques
 	if (!info) {
 		return;
 	}
-	zval code;
-	ZVAL_NULL(&code);
+	zval code = {};
 	kaq_ask(handle, info, &code);
 	if (Z_TYPE(code) == IS_LONG) {
 		kaq_describe_status(fi, Z_LVAL(code));
@@ -110,8 +109,7 @@ void kaq_describe_blocking_transfer(kaq_function *fi, zval *handle, zval *reques
 
 /* The status of a transfer, 0 while it has none. */
 static zend_long kaq_transfer_status(zval *easy, const zval *info) {
-	zval code;
-	ZVAL_NULL(&code);
+	zval code = {};
 	kaq_ask(easy, info, &code);
 	zend_long status = Z_TYPE(code) == IS_LONG ? Z_LVAL(code) : 0;
 	zval_ptr_dtor(&code);
@@ -119,8 +117,7 @@ static zend_long kaq_transfer_status(zval *easy, const zval *info) {
 }
 
 static uint64_t kaq_transfer_start(zval *easy, uint64_t now_ms) {
-	zval seconds;
-	ZVAL_NULL(&seconds);
+	zval seconds = {};
 	kaq_ask(easy, kaq_total_time_constant(kaq_get_globals()), &seconds);
 	uint64_t start = now_ms;
 	if (Z_TYPE(seconds) == IS_DOUBLE) {
