@@ -1,0 +1,358 @@
+/* The crash handler's calls of the system, which the linker lets this file stand in for. What
+ * becomes of a real process is seen from outside. */
+#include "engine.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <fstream>
+#include <pthread.h>
+#include <signal.h>
+#include <sstream>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include "diagnostics/crash_handler.h"
+
+struct installation {
+	int number;
+	struct sigaction action;
+};
+
+/* Everything is real while this is off. */
+static bool is_standing_in;
+static int refused_signal;
+static std::vector<installation> installed;
+static std::vector<int> reset;
+static std::vector<int> raised;
+static std::string opened_path;
+static int opened_flags;
+static std::string command_line;
+static int command_status;
+/* Where the log goes, even for a process that has nothing left but its signal stack. */
+static char log_path[64];
+
+extern "C" {
+int __real_open(const char *path, int flags, ...);
+int __real_raise(int number);
+int __real_sigaction(int number, const struct sigaction *action, struct sigaction *old);
+sighandler_t __real_signal(int number, sighandler_t handler);
+int __real_system(const char *command);
+
+int __wrap_open(const char *path, int flags, ...);
+int __wrap_raise(int number);
+int __wrap_sigaction(int number, const struct sigaction *action, struct sigaction *old);
+sighandler_t __wrap_signal(int number, sighandler_t handler);
+int __wrap_system(const char *command);
+}
+
+int __wrap_open(const char *path, int flags, ...) {
+	va_list values;
+	va_start(values, flags);
+	mode_t mode = flags & O_CREAT ? va_arg(values, mode_t) : 0;
+	va_end(values);
+	if (!log_path[0] || !strstr(path, "kaqcrash")) {
+		return __real_open(path, flags, mode);
+	}
+	if (is_standing_in) {
+		opened_path = path;
+		opened_flags = flags;
+	}
+	return __real_open(log_path, flags, mode);
+}
+
+int __wrap_raise(int number) {
+	if (!is_standing_in) {
+		return __real_raise(number);
+	}
+	raised.push_back(number);
+	return 0;
+}
+
+int __wrap_sigaction(int number, const struct sigaction *action, struct sigaction *old) {
+	if (!is_standing_in) {
+		return __real_sigaction(number, action, old);
+	}
+	if (number == refused_signal) {
+		errno = EINVAL;
+		return -1;
+	}
+	installed.push_back({number, *action});
+	return 0;
+}
+
+sighandler_t __wrap_signal(int number, sighandler_t handler) {
+	if (!is_standing_in) {
+		return __real_signal(number, handler);
+	}
+	EXPECT_EQ(SIG_DFL, handler);
+	reset.push_back(number);
+	return SIG_DFL;
+}
+
+int __wrap_system(const char *command) {
+	if (!is_standing_in) {
+		return __real_system(command);
+	}
+	command_line = command;
+	return command_status;
+}
+
+static const std::vector<int> in_order = {SIGFPE, SIGSEGV, SIGILL, SIGABRT, SIGSYS};
+
+class CrashHandler : public ::testing::Test {
+protected:
+	void SetUp() override {
+		refused_signal = 0;
+		installed.clear();
+		reset.clear();
+		raised.clear();
+		strcpy(log_path, "/tmp/kaq-crash-XXXXXX");
+		close(mkstemp(log_path));
+		is_standing_in = true;
+	}
+
+	void TearDown() override {
+		is_standing_in = false;
+		unlink(log_path);
+		log_path[0] = '\0';
+	}
+
+	static std::string log() {
+		std::ostringstream text;
+		text << std::ifstream(log_path).rdbuf();
+		return text.str();
+	}
+
+	/* The handler's work for a signal; what it prints is returned. */
+	std::string catches(int number, int code, void *address = nullptr, uint64_t instruction = 0) {
+		siginfo_t info = {};
+		info.si_signo = number;
+		info.si_code = code;
+		info.si_addr = address;
+		ucontext_t context = {};
+#ifdef __x86_64__
+		context.uc_mcontext.gregs[REG_RIP] = (greg_t)instruction;
+#endif
+		testing::internal::CaptureStdout();
+		catchit(number, &info, &context);
+		return testing::internal::GetCapturedStdout();
+	}
+};
+
+/* Installation. */
+
+TEST_F(CrashHandler, GoesInForTheFiveSignalsInOrder) {
+	setHandler(catchit);
+	std::vector<int> numbers;
+	for (const installation &one : installed) {
+		numbers.push_back(one.number);
+		EXPECT_EQ(catchit, one.action.sa_sigaction);
+		EXPECT_EQ(SA_SIGINFO | SA_ONSTACK, one.action.sa_flags);
+	}
+	EXPECT_EQ(in_order, numbers);
+}
+
+TEST_F(CrashHandler, BlocksAllSignalsWhileItRuns) {
+	setHandler(catchit);
+	ASSERT_EQ(5u, installed.size());
+	sigset_t all;
+	sigfillset(&all);
+	for (const installation &one : installed) {
+		for (int number = 1; number < SIGRTMAX; number++) {
+			EXPECT_EQ(sigismember(&all, number), sigismember(&one.action.sa_mask, number));
+		}
+	}
+}
+
+TEST_F(CrashHandler, GoesInAgainAtEachCall) {
+	wrap_sethandler();
+	wrap_sethandler();
+	ASSERT_EQ(10u, installed.size());
+	EXPECT_EQ(catchit, installed[9].action.sa_sigaction);
+}
+
+TEST_F(CrashHandler, AnyOtherHandlerCanBePutIn) {
+	setHandler([](int, siginfo_t *, void *) {});
+	ASSERT_EQ(5u, installed.size());
+	EXPECT_NE(catchit, installed[0].action.sa_sigaction);
+}
+
+static void install_without(int number) {
+	atexit([] { _exit(7); });
+	refused_signal = number;
+	setHandler(catchit);
+}
+
+TEST_F(CrashHandler, RefusedInstallationEndsTheProcessAtOnce) {
+	const char *names[] = {"SIGFPE", "SIGSEGV", "SIGILL", "SIGABRT", "SIGSYS"};
+	for (size_t i = 0; i < in_order.size(); i++) {
+		EXPECT_EXIT(install_without(in_order[i]), ::testing::ExitedWithCode(1),
+					std::string("^sigusr: sigaction ") + names[i] + ": Invalid argument\n$");
+	}
+}
+
+/* The log. */
+
+TEST_F(CrashHandler, LogIsNamedAfterTheProcessAndAppendedTo) {
+	catches(SIGSEGV, SEGV_MAPERR);
+	EXPECT_EQ("/opt/kaq/logs/crash/kaqcrash-" + std::to_string(getpid()) + ".log", opened_path);
+	EXPECT_EQ(O_WRONLY | O_CREAT | O_APPEND, opened_flags & ~O_CLOEXEC);
+	std::string once = log();
+	catches(SIGSEGV, SEGV_MAPERR);
+	EXPECT_EQ(0u, log().find(once));
+	EXPECT_LT(once.size(), log().size());
+}
+
+#ifdef __x86_64__
+TEST_F(CrashHandler, LogBeginsWithWhatTheSignalTells) {
+	catches(SIGFPE, FPE_INTDIV, (void *)0xabcdef, 0x1234567890abcdef);
+	EXPECT_EQ(0u, log().find("KAQ CRASH Signal 8 received\n"
+							 "KAQ CRASH siginfo address=0xabcdef\n"
+							 "KAQ CRASH siginfo code =1\n"
+							 "KAQ CRASH address = 90abcdef\n"
+							 "KAQ CRASH Backtrace messages size: "));
+}
+
+TEST_F(CrashHandler, LogOfNullsAndNegativesIsWrittenAsTheyAre) {
+	catches(SIGABRT, SI_TKILL, nullptr, 0x1200000000);
+	EXPECT_EQ(0u, log().find("KAQ CRASH Signal 6 received\n"
+							 "KAQ CRASH siginfo address=(nil)\n"
+							 "KAQ CRASH siginfo code =-6\n"
+							 "KAQ CRASH address = 0\n"));
+}
+#endif
+
+TEST_F(CrashHandler, MisspeltLineIsPrintedAndNotLoggedIsMeant) {
+	EXPECT_EQ("Program start addres = 0\n", catches(SIGSEGV, SEGV_MAPERR));
+	EXPECT_EQ(std::string::npos, log().find("addres ="));
+}
+
+TEST_F(CrashHandler, NothingIsPrintedWhereNoLogCanBeOpened) {
+	unlink(log_path);
+	strcpy(log_path, "/nowhere/at/all");
+	EXPECT_EQ("", catches(SIGSEGV, SEGV_MAPERR));
+	EXPECT_EQ(in_order, reset);
+}
+
+/* Afterwards. */
+
+TEST_F(CrashHandler, DefaultsAreBackInOrder) {
+	catches(SIGILL, ILL_ILLOPN);
+	EXPECT_EQ(in_order, reset);
+}
+
+TEST_F(CrashHandler, FaultComesAgainByItself) {
+	catches(SIGSEGV, SEGV_MAPERR);
+	catches(SIGSEGV, SI_KERNEL);
+	catches(SIGFPE, FPE_INTDIV);
+	catches(SIGILL, ILL_ILLOPN);
+	EXPECT_TRUE(raised.empty());
+}
+
+TEST_F(CrashHandler, WhatDoesNotComeAgainIsSentAgain) {
+	catches(SIGSEGV, SI_USER);
+	catches(SIGABRT, SI_TKILL);
+	catches(SIGFPE, SI_QUEUE);
+	catches(SIGSYS, 1);
+	EXPECT_EQ((std::vector<int>{SIGSEGV, SIGABRT, SIGFPE, SIGSYS}), raised);
+}
+
+/* The signal stack. */
+
+static stack_t signal_stack_of_thread(void) {
+	stack_t stack = {};
+	sigaltstack(nullptr, &stack);
+	return stack;
+}
+
+/* A thread without a signal stack, whatever a sanitizer gave it. */
+static void in_thread(void (*work)(void)) {
+	pthread_t thread;
+	auto start = [](void *given) -> void * {
+		stack_t before = signal_stack_of_thread();
+		stack_t none = {};
+		none.ss_flags = SS_DISABLE;
+		sigaltstack(&none, nullptr);
+		((void (*)(void))given)();
+		sigaltstack(&before, nullptr);
+		return nullptr;
+	};
+	ASSERT_EQ(0, pthread_create(&thread, nullptr, start, (void *)work));
+	pthread_join(thread, nullptr);
+}
+
+static bool is_mapped(void *page) {
+	unsigned char residence[64];
+	return mincore(page, 4096, residence) == 0;
+}
+
+TEST_F(CrashHandler, ThreadGetsOneSignalStackAndGivesItBack) {
+	in_thread([] {
+		wrap_sethandler();
+		stack_t given = signal_stack_of_thread();
+		EXPECT_EQ(0, given.ss_flags & SS_DISABLE);
+		EXPECT_LE(128u * 1024, given.ss_size);
+		wrap_sethandler();
+		EXPECT_EQ(given.ss_sp, signal_stack_of_thread().ss_sp);
+		EXPECT_TRUE(is_mapped(given.ss_sp));
+		kaq_release_signal_stack();
+		EXPECT_TRUE(signal_stack_of_thread().ss_flags & SS_DISABLE);
+		EXPECT_FALSE(is_mapped(given.ss_sp));
+		kaq_release_signal_stack();
+	});
+}
+
+TEST_F(CrashHandler, SignalStackOfSomebodyElseIsLeftAlone) {
+	in_thread([] {
+		static char memory[64 * 1024];
+		stack_t theirs = {};
+		theirs.ss_sp = memory;
+		theirs.ss_size = sizeof(memory);
+		ASSERT_EQ(0, sigaltstack(&theirs, nullptr));
+		wrap_sethandler();
+		EXPECT_EQ(memory, signal_stack_of_thread().ss_sp);
+		kaq_release_signal_stack();
+		EXPECT_EQ(memory, signal_stack_of_thread().ss_sp);
+		EXPECT_EQ(0, signal_stack_of_thread().ss_flags & SS_DISABLE);
+	});
+}
+
+static volatile int bottomless = 1;
+
+__attribute__((noinline)) static int use_up_stack(int depth) {
+	volatile char frame[512];
+	frame[0] = (char)depth;
+	return bottomless ? use_up_stack(depth + 1) + frame[0] : 0;
+}
+
+TEST_F(CrashHandler, ThreadThatRunsOutOfStackLeavesItsLog) {
+	is_standing_in = false;
+	pid_t child = fork();
+	if (child == 0) {
+		in_thread([] {
+			wrap_sethandler();
+			use_up_stack(0);
+		});
+		_exit(0);
+	}
+	int status;
+	ASSERT_EQ(child, waitpid(child, &status, 0));
+	EXPECT_TRUE(WIFSIGNALED(status));
+	EXPECT_EQ(SIGSEGV, WTERMSIG(status));
+	EXPECT_EQ(0u, log().find("KAQ CRASH Signal 11 received\n"));
+	EXPECT_NE(std::string::npos, log().find("KAQ CRASH Backtrace messages size: 25\n"));
+}
+
+/* For diagnosis by hand. */
+
+TEST_F(CrashHandler, AddressIsLookedUpWithTheToolOfThatName) {
+	command_status = 256;
+	testing::internal::CaptureStdout();
+	EXPECT_EQ(256, addr2line((void *)0x1f2e));
+	EXPECT_EQ("In kaq", testing::internal::GetCapturedStdout());
+	EXPECT_EQ("addr2line -f -i -C -e /opt/kaq/lib/kaq20170718.so 0x1f2e", command_line);
+}
