@@ -70,6 +70,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	int prune_intermediate_spans;
 	int stored_node_count; /* spans placed in the node buffer */
 	int rum_injected;
+	size_t failure_bytes;     /* of error records in this request */
 	int is_recording_failure; /* an error or exception is being recorded */
 	int is_caller_same_user;
 	int is_async_call;

@@ -49,7 +49,9 @@ static void kaq_append_text_field(smart_str *out, const char *key, const char *t
 void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t time,
 					const char *level, const char *message, kaq_function *fi) {
 	smart_str *out = &fi->arg_data.einfo;
-	if (kaq_buf_length(out) < KAQ_MAX_EINFO) {
+	size_t *total = &kaq_get_globals()->failure_bytes;
+	if (*total < KAQ_MAX_EINFO) {
+		size_t before = kaq_buf_length(out);
 		if (out->s) {
 			kaq_buf_literal(out, ",");
 		}
@@ -71,14 +73,16 @@ void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t
 			kaq_append_text_field(out, ",\"str\":", message);
 		}
 		kaq_buf_literal(out, "}");
+		*total += kaq_buf_length(out) - before;
 	}
 	if (!message || !strstr(message, "Stack trace:")) {
 		kaq_make_stacktrace(fi);
 	}
 }
 
+/* A request that is not monitored has spans, too, but nobody to read them. */
 static kaq_function *kaq_open_function(const zend_kaq_globals *g) {
-	kaq_node *node = g->current_node;
+	kaq_node *node = g->control_signal ? g->current_node : NULL;
 	return node && node->data.state == KAQ_NODE_OPEN ? &node->data.function_info : NULL;
 }
 

@@ -56,13 +56,10 @@ static const char *kaq_find_head_end(const char *output, size_t length) {
 static bool kaq_insert_snippet(const char *output, size_t length, size_t at, const char *snippet,
 							   char **new_output, size_t *new_length) {
 	size_t snippet_length = strlen(snippet);
-	/* A page near the script's memory limit must not end in a fatal error for our sake. */
-	kaq_memory_limit_lift();
-	char *page = (char *)emalloc(length + snippet_length + 1);
-	kaq_memory_limit_restore();
-	if (!page) {
+	if (!kaq_memory_has_room(length + snippet_length + 1)) {
 		return false;
 	}
+	char *page = (char *)emalloc(length + snippet_length + 1);
 	memcpy(page, output, at);
 	memcpy(page + at, snippet, snippet_length);
 	memcpy(page + at + snippet_length, output + at, length - at);

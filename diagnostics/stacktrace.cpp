@@ -45,7 +45,9 @@ void kaq_make_stacktrace(kaq_function *fi) {
 		return;
 	}
 	smart_str text = {NULL, 0};
+	kaq_memory_limit_lift();
 	kaq_append_backtrace(&text);
+	kaq_memory_limit_restore();
 	if (text.s) {
 		kaq_buf_terminate(&text);
 		fi->arg_data.stacktrace = kaq_strdup(ZSTR_VAL(text.s));

@@ -16,8 +16,8 @@ void kaq_error_cb(KAQ_ERROR_CB_PARAMS);
 #define KAQ_MAX_STACK_DEPTH 30
 /* At most so many errors of a request are looked at. */
 #define KAQ_MAX_ERRORS 10
-/* A span's error records end here: a script that throws a million times must not fill the memory.
- */
+/* A request's error records end here: a script that throws a million times must not fill the
+ * memory. */
 #define KAQ_MAX_EINFO ((size_t)16 * 1024 * 1024)
 
 /* Appends one record to a span's error records. Null name, file or message: without that member.

@@ -208,6 +208,15 @@ void kaq_memory_limit_restore(void) {
 	}
 }
 
+bool kaq_memory_has_room(size_t size) {
+	const size_t chunk = (size_t)2 * 1024 * 1024;
+	const size_t page = 4096;
+	size_t needed = size < chunk - page ? chunk : size + page;
+	size_t limit = (size_t)PG(memory_limit);
+	size_t used = zend_memory_usage(1);
+	return needed > size && used < limit && limit - used >= needed;
+}
+
 void kaq_fetch_backtrace(zval *frames, int limit) {
 	if (!EG(current_execute_data)) {
 		array_init(frames);

@@ -213,6 +213,10 @@ int kaq_has_plain_objects(void);
 void kaq_memory_limit_lift(void);
 void kaq_memory_limit_restore(void);
 
+/* Whether so many bytes can be had from the engine's allocator below the script's limit, however
+ * its free memory is cut up. */
+bool kaq_memory_has_room(size_t size);
+
 /* The running request's call frames as the engine's debug backtrace, without arguments, at most
  * `limit` frames (0: all). An empty array when nothing runs. */
 void kaq_fetch_backtrace(zval *frames, int limit);

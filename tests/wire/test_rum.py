@@ -165,10 +165,22 @@ def test_type_counts_from_the_chunk_on_that_it_was_told_before(site):
 
 @pytest.mark.parametrize("more", [0, 2], ids=["at the limit", "below the limit"])
 def test_page_near_the_memory_limit_does_not_end_the_script(site, more):
-    """The page and the handler's buffer fit, the page with the snippet besides does not."""
+    """The page and the handler's buffer fit, the page with the snippet besides does not: it goes
+    without."""
     source = HTML + ("$page = str_repeat('x', 8 << 20); ini_set('memory_limit', '%dM');"
                      "echo '</head>'; echo $page; echo 'end';" % (20 + more))
-    assert site.injected(source).body.endswith(b"xend")
+    body = site.get(source).body
+    assert body.endswith(b"xend") and body.startswith(b"</head>x")
+
+
+def test_room_for_a_page_is_not_room_for_the_script(site):
+    """What the script cannot have without the snippet it cannot have with it, and is told so."""
+    source = HTML + (
+        "ini_set('display_errors', '1'); ini_set('memory_limit', '16M');"
+        "$k = str_repeat('k', 4 << 20); ob_start();"
+        "echo '<head></head>', str_repeat('x', 4 << 20); ob_end_flush(); ob_flush(); unset($k);"
+        "for ($a = []; count($a) < 30; ) $a[] = str_repeat('y', 1 << 20);")
+    assert b"size of 16777216 bytes" in site.get(source).body
 
 
 def test_memory_limit_holds_again_after_the_snippet(site):
