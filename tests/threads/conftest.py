@@ -74,8 +74,9 @@ class Agent:
         self.process.stdout.close()
 
     def records(self):
-        """The complete lines that have come so far."""
-        return self._records.read_bytes().splitlines(keepends=True)
+        """The complete lines that have come so far; one may be in the middle of being written."""
+        written = self._records.read_bytes()
+        return written[:written.rfind(b"\n") + 1].splitlines(keepends=True)
 
     def payloads(self, numbers):
         """The payloads of the requests of these numbers, as lists by number. Requests end after

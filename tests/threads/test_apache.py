@@ -12,6 +12,7 @@ PER_GENERATION = 100
 AFTERWARDS = 20 * THREADS
 # What the C library says before it ends a process whose heap is corrupt.
 HEAP_REPORT = r"(malloc|free|realloc|munmap_chunk|double free|corrupted|sysmalloc|tcache)"
+PRESSED_TO_END = r"AH0004[56]: child process \d+ still did not exit"
 
 
 def loaded(site, first, count):
@@ -34,10 +35,13 @@ def check_answers(load):
 def check_server(site, engine):
     """No child may have ended by a signal. PHP 7.0 by itself, without any extension, corrupts its
     heap under concurrent requests (its threads count references to shared names without guard), and
-    now and then the C library ends a child for that when it has served and ends anyway."""
+    now and then the C library ends a child for that when it has served and ends anyway. Apache then
+    counts one process too few when it orders them to end, and has to press the one left over."""
     status = site.stop()
     crashed, complaints = site.children_that_crashed(), site.complaints()
     if engine.concurrent_requests_corrupt_its_heap:
+        if crashed:
+            complaints = [text for text in complaints if not re.search(PRESSED_TO_END, text)]
         crashed = [text for text in crashed if "Abort (6)" not in text and "fault (11)" not in text]
         complaints = [text for text in complaints if not re.match(HEAP_REPORT, text)]
     assert (crashed, complaints, status) == ([], [], 0)
