@@ -60,9 +60,12 @@ static bool kaq_rename_variable(zend_execute_data *caller, const zend_op *send,
 		return false;
 	}
 	zend_string *renamed = zend_string_init(ZSTR_VAL(name), ZSTR_LEN(name), 0);
-	kaq_sanitise_name(ZSTR_VAL(renamed), ZSTR_LEN(renamed));
-	zval_ptr_dtor(variable);
-	ZVAL_STR(variable, renamed);
+	if (kaq_sanitise_name(ZSTR_VAL(renamed), ZSTR_LEN(renamed))) {
+		zval_ptr_dtor(variable);
+		ZVAL_STR(variable, renamed);
+	} else {
+		zend_string_release(renamed);
+	}
 	return true;
 }
 
