@@ -36,6 +36,7 @@ SERVICES = {"Demo stock": "stock", "Demo prices": "prices"}
 # Callers know each other by the key that their agents are configured with.
 ACCOUNT_KEY = "demo-account-1"
 JOB_ARGUMENTS = ["nightly", "--orders=2"]
+PROBE_SECONDS = 30
 SERVER_SECONDS = 15
 REQUEST_SECONDS = 30
 ARRIVAL_SECONDS = 10
@@ -46,6 +47,42 @@ START_ATTEMPTS = 3
 
 class DemoFailed(Exception):
     """The demonstration cannot go on; the text tells the person why."""
+
+
+class Interrupts:
+    """SIGTERM and SIGINT end the demonstration by a KeyboardInterrupt, but not while a process is
+    being started: nobody would know it yet, and nobody would end it."""
+    held = False
+    pending = False
+
+    @classmethod
+    def arrived(cls, _signal, _frame):
+        if not cls.held:
+            raise KeyboardInterrupt
+        cls.pending = True
+
+
+# Every process that was started, to be stopped at the end whatever happened meanwhile.
+STARTED = []
+
+
+def start_process(command, **how):
+    Interrupts.held = True
+    try:
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, **how)
+        STARTED.append(process)
+    finally:
+        Interrupts.held = False
+    if Interrupts.pending:
+        raise KeyboardInterrupt
+    return process
+
+
+def run(command, seconds, **how):
+    """Runs the command to its end, as (exit status, what it wrote to standard output)."""
+    process = start_process(command, stdout=subprocess.PIPE, **how)
+    output = process.communicate(timeout=seconds)[0]
+    return process.returncode, output
 
 
 def start_agent(free_ports):
@@ -76,11 +113,10 @@ def php_command(options, agent):
     """The engine with the extension. An engine that already loads kaq by its php.ini is run
     without that file, so that it is this build that is shown."""
     question = "echo (int) extension_loaded('kaq');"
-    probe = subprocess.run([options.php] + UNHEARD + ["-r", question],
-                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                           stderr=subprocess.DEVNULL, timeout=30)
+    _, loaded = run([options.php] + UNHEARD + ["-r", question], PROBE_SECONDS,
+                    stderr=subprocess.DEVNULL)
     command = [options.php]
-    if probe.stdout.strip().endswith(b"1"):
+    if loaded.strip().endswith(b"1"):
         command.append("-n")
         print("The engine's php.ini loads kaq already; the demo runs the engine without it.")
     settings = {
@@ -97,11 +133,10 @@ def php_command(options, agent):
 
 def check_loads(command):
     """The engine's modules, kaq among them."""
-    shown = subprocess.run(command + UNHEARD + ["-m"], stdin=subprocess.DEVNULL,
-                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=30)
-    modules = shown.stdout.split()
+    _, shown = run(command + UNHEARD + ["-m"], PROBE_SECONDS, stderr=subprocess.STDOUT)
+    modules = shown.split()
     if b"kaq" not in modules:
-        complaint = shown.stdout.split(b"[PHP Modules]")[0].decode("utf-8", "replace").strip()
+        complaint = shown.split(b"[PHP Modules]")[0].decode("utf-8", "replace").strip()
         raise DemoFailed("The engine does not load the extension. It says:\n%s"
                          % (complaint[:800] or "(nothing)"))
     return modules
@@ -120,19 +155,14 @@ def start_servers(command, log, environment):
     port)."""
     environment = dict(environment)
     servers = []
-    try:
-        for application, name in SERVICES.items():
-            as_service = command + ["-d", "kaq.application_name=" + application]
-            server, port = start_server(as_service, os.path.join("services", name + ".php"), log,
-                                        environment)
-            servers.append(server)
-            environment["DEMO_" + name.upper()] = "http://127.0.0.1:%d" % port
-        server, port = start_server(command, os.path.join("app", "index.php"), log, environment)
+    for application, name in SERVICES.items():
+        as_service = command + ["-d", "kaq.application_name=" + application]
+        server, port = start_server(as_service, os.path.join("services", name + ".php"), log,
+                                    environment)
         servers.append(server)
-    except BaseException:
-        stop_servers(servers)
-        raise
-    return servers, port
+        environment["DEMO_" + name.upper()] = "http://127.0.0.1:%d" % port
+    server, port = start_server(command, os.path.join("app", "index.php"), log, environment)
+    return servers + [server], port
 
 
 def start_server(command, script, log, environment):
@@ -141,13 +171,8 @@ def start_server(command, script, log, environment):
     for _ in range(START_ATTEMPTS):
         port = free_port()
         arguments = ["-S", "127.0.0.1:%d" % port, "-t", os.path.dirname(path), path]
-        server = subprocess.Popen(command + arguments, stdin=subprocess.DEVNULL, stdout=log,
-                                  stderr=log, env=environment)
-        try:
-            wait_for_answer(server, port)
-        except BaseException:
-            stop_servers([server])
-            raise
+        server = start_process(command + arguments, stdout=log, stderr=log, env=environment)
+        wait_for_answer(server, port)
         if server.poll() is None:
             return server, port
     # The servers write where this descriptor stands, so it is not to be moved.
@@ -164,18 +189,18 @@ def wait_for_answer(server, port):
             return
         except OSError:
             time.sleep(0.05)
-    stop_servers([server])
+    stop([server])
 
 
-def stop_servers(servers):
-    for server in servers:
-        server.terminate()
-    for server in servers:
+def stop(processes):
+    for process in processes:
+        process.terminate()
+    for process in processes:
         try:
-            server.wait(STOP_SECONDS)
+            process.wait(STOP_SECONDS)
         except subprocess.TimeoutExpired:
-            server.kill()
-            server.wait()
+            process.kill()
+            process.wait()
 
 
 def visit(url, wanted):
@@ -192,12 +217,12 @@ def visit(url, wanted):
 
 def run_job(command, environment):
     """The job's own output."""
-    job = subprocess.run(command + ["job.php"] + JOB_ARGUMENTS, cwd=os.path.join(HERE, "app"),
-                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                         stderr=subprocess.STDOUT, timeout=REQUEST_SECONDS, env=environment)
-    said = job.stdout.decode("utf-8", "replace").strip()
-    if job.returncode != 0:
-        raise DemoFailed("The job ended with status %d. It says:\n%s" % (job.returncode, said))
+    status, output = run(command + ["job.php"] + JOB_ARGUMENTS, REQUEST_SECONDS,
+                         cwd=os.path.join(HERE, "app"), stderr=subprocess.STDOUT,
+                         env=environment)
+    said = output.decode("utf-8", "replace").strip()
+    if status != 0:
+        raise DemoFailed("The job ended with status %d. It says:\n%s" % (status, said))
     return said
 
 
@@ -284,7 +309,7 @@ def play(options, agent, log, look):
             visit_aloud(port, TRACED_PAGE, look)
             show_trace(agent, TRACED_PAGE[0], look)
     finally:
-        stop_servers(servers)
+        stop(servers)
     prompt("php job.php " + " ".join(JOB_ARGUMENTS), look)
     print(run_job(command, environment))
     show_arrival(agent, "the job", look)
@@ -296,8 +321,9 @@ def play(options, agent, log, look):
         print("This engine has no curl: the trace through several services was left out.")
 
 
-def interrupted(_signal, _frame):
-    raise KeyboardInterrupt
+def on_interruption(handler):
+    for ending in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(ending, handler)
 
 
 def main():
@@ -308,14 +334,18 @@ def main():
                         help="use any two free ports for the agent, not the usual ones")
     options = parser.parse_args()
     sys.stdout.reconfigure(errors="replace")
-    signal.signal(signal.SIGTERM, interrupted)
+    on_interruption(Interrupts.arrived)
     agent = None
     try:
         with tempfile.TemporaryDirectory(prefix="kaq-demo-") as scratch:
             os.environ["TMPDIR"] = scratch
             with open(os.path.join(scratch, "server.log"), "w+b") as log:
                 agent = start_agent(options.free_ports)
-                play(options, agent, log, demo_agent.terminal_look(sys.stdout))
+                try:
+                    play(options, agent, log, demo_agent.terminal_look(sys.stdout))
+                finally:
+                    on_interruption(signal.SIG_IGN)
+                    stop(STARTED)
         return 0
     except (DemoFailed, subprocess.TimeoutExpired) as problem:
         print("demo: %s" % problem, file=sys.stderr)
@@ -323,7 +353,7 @@ def main():
     except KeyboardInterrupt:
         return 130
     finally:
-        signal.signal(signal.SIGTERM, signal.SIG_IGN)
+        on_interruption(signal.SIG_IGN)
         if agent is not None:
             agent.stop()
 

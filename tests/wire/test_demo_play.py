@@ -215,7 +215,7 @@ def test_server_whose_port_was_taken_meanwhile_gets_another_one(engine, tmp_path
             answer = urllib.request.build_opener(urllib.request.ProxyHandler({})).open(
                 "http://127.0.0.1:%d/left?item=3" % port, timeout=SECONDS).read()
         finally:
-            play.stop_servers([server])
+            play.stop([server])
     assert json.loads(answer) == {"pieces": 12}
     assert server.poll() is not None
 
@@ -227,6 +227,29 @@ def test_server_that_never_starts_is_said_with_its_own_words(tmp_path):
     told = str(failure.value).split("\n")
     assert told[0] == "The web server of services/stock.php does not start. It says:"
     assert told[1] == "no such option"
+
+
+def test_interruption_while_a_process_is_being_started_waits_until_it_is_known(monkeypatch):
+    start = subprocess.Popen
+
+    def interrupted_start(*arguments, **how):
+        process = start(*arguments, **how)
+        signal.raise_signal(signal.SIGTERM)
+        return process
+
+    monkeypatch.setattr(play, "STARTED", [])
+    monkeypatch.setattr(play.Interrupts, "pending", False)
+    before = {ending: signal.getsignal(ending) for ending in (signal.SIGINT, signal.SIGTERM)}
+    try:
+        play.on_interruption(play.Interrupts.arrived)
+        with monkeypatch.context() as patched, pytest.raises(KeyboardInterrupt):
+            patched.setattr(subprocess, "Popen", interrupted_start)
+            play.start_process(["sleep", "60"])
+    finally:
+        for ending, handler in before.items():
+            signal.signal(ending, handler)
+        play.stop(play.STARTED)
+    assert [process.returncode for process in play.STARTED] == [-signal.SIGTERM]
 
 
 @pytest.mark.parametrize("seconds", [0.2, 0.5, 0.8])
