@@ -6,8 +6,8 @@
  * answered with "transactions N notices N bytes N", the sums so far; the end of standard input
  * ends it.
  */
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include "listener.h"
+
 #include <poll.h>
 #include <stdio.h>
 #include <string.h>
@@ -22,21 +22,6 @@ static const char NOTICE[] = "message:";
 static unsigned long long transactions;
 static unsigned long long notices;
 static unsigned long long bytes;
-
-static int open_listener(int *port) {
-	struct sockaddr_in address = {};
-	socklen_t size = sizeof address;
-	address.sin_family = AF_INET;
-	address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-	int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-	if (fd < 0 || bind(fd, (struct sockaddr *)&address, sizeof address) != 0 ||
-		listen(fd, 256) != 0 || getsockname(fd, (struct sockaddr *)&address, &size) != 0) {
-		perror("listener");
-		return -1;
-	}
-	*port = ntohs(address.sin_port);
-	return fd;
-}
 
 static char buffer[1 << 20];
 

@@ -1,6 +1,4 @@
 """Cost per transfer with curl on loopback, with the captures of the extension off and on."""
-import subprocess
-
 import harness
 import wrapped
 from harness import BARE, KEPT, UNMONITORED, BenchError
@@ -29,30 +27,12 @@ _COUNTED = {"exec": ((50, 1), (250, 1)), "multi100": ((100, 1), (100, 3)),
             "poll100": ((100, 20), (100, 120))}
 
 
-class Server:
-    """The HTTP server of the benchmarks, a child process."""
+class Server(harness.Listener):
+    """The HTTP server of the benchmarks. It counts requests, and those that had a traceparent."""
 
     def __init__(self, program):
-        self._child = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                       text=True)
-        words = self._child.stdout.readline().split()
-        if len(words) != 2:
-            raise BenchError("the HTTP server did not start")
-        self.url = "http://127.0.0.1:%s/" % words[1]
-
-    def counts(self):
-        """Requests received so far, and how many of them had a traceparent."""
-        self._child.stdin.write("counts\n")
-        self._child.stdin.flush()
-        return tuple(int(word) for word in self._child.stdout.readline().split()[1::2])
-
-    def stop(self):
-        self._child.stdin.close()
-        try:
-            self._child.wait(10)
-        except subprocess.TimeoutExpired:
-            self._child.kill()
-            self._child.wait()
+        super().__init__(program, "the HTTP server", 1)
+        self.url = "http://127.0.0.1:%d/" % self.ports[0]
 
 
 def _command(setup, server, variant, words, modules):

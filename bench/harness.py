@@ -33,22 +33,42 @@ def progress(text):
     print("[bench] " + text, file=sys.stderr, flush=True)
 
 
-class Agent:
-    """The local agent of the benchmarks, a child process."""
+def wait_or_kill(child, seconds=10):
+    try:
+        child.wait(seconds)
+    except subprocess.TimeoutExpired:
+        child.kill()
+        child.wait()
 
-    def __init__(self, program):
+
+class Listener:
+    """A program of the benchmarks that prints "NAME PORT" for each of its ports, then answers each
+    line with "NAME COUNT" for each of its counts, until its standard input ends."""
+
+    def __init__(self, program, what, ports):
         self._child = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                        text=True)
         words = self._child.stdout.readline().split()
-        if len(words) != 6:
-            raise BenchError("the agent did not start")
-        self.monitored, self.unmonitored, self.data = (int(port) for port in words[1::2])
+        if len(words) != 2 * ports:
+            raise BenchError("%s did not start" % what)
+        self.ports = [int(port) for port in words[1::2]]
 
     def counts(self):
-        """Transactions, notices and bytes received so far."""
         self._child.stdin.write("counts\n")
         self._child.stdin.flush()
         return tuple(int(word) for word in self._child.stdout.readline().split()[1::2])
+
+    def stop(self):
+        self._child.stdin.close()
+        wait_or_kill(self._child)
+
+
+class Agent(Listener):
+    """The local agent of the benchmarks. It counts transactions, notices and bytes."""
+
+    def __init__(self, program):
+        super().__init__(program, "the agent", 3)
+        self.monitored, self.unmonitored, self.data = self.ports
 
     def transactions_reach(self, expected, seconds=10.0):
         """Waits for the agent to have read what clients have sent already."""
@@ -58,14 +78,6 @@ class Agent:
                 return False
             time.sleep(0.01)
         return True
-
-    def stop(self):
-        self._child.stdin.close()
-        try:
-            self._child.wait(10)
-        except subprocess.TimeoutExpired:
-            self._child.kill()
-            self._child.wait()
 
 
 class Setup:

@@ -6,8 +6,8 @@
  * standard input is answered with "requests N traced N": requests so far, and those of them that
  * had a traceparent. The end of standard input ends it.
  */
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include "listener.h"
+
 #include <netinet/tcp.h>
 #include <stdio.h>
 #include <string.h>
@@ -100,28 +100,15 @@ static bool report() {
 	return true;
 }
 
-static int open_listener() {
-	struct sockaddr_in address = {};
-	socklen_t size = sizeof address;
-	address.sin_family = AF_INET;
-	address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-	int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-	if (fd < 0 || bind(fd, (struct sockaddr *)&address, sizeof address) != 0 ||
-		listen(fd, 4096) != 0 || getsockname(fd, (struct sockaddr *)&address, &size) != 0) {
-		perror("listener");
-		return -1;
-	}
-	printf("port %d\n", ntohs(address.sin_port));
-	fflush(stdout);
-	return fd;
-}
-
 int main() {
-	int listener = open_listener();
+	int port;
+	int listener = open_listener(&port);
 	epoll = epoll_create1(EPOLL_CLOEXEC);
 	if (listener < 0 || epoll < 0) {
 		return 1;
 	}
+	printf("port %d\n", port);
+	fflush(stdout);
 	watch(listener);
 	watch(STDIN_FILENO);
 	for (;;) {

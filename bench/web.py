@@ -88,11 +88,7 @@ class Server:
     def stop(self):
         self._socket.close()
         self._child.terminate()
-        try:
-            self._child.wait(10)
-        except subprocess.TimeoutExpired:
-            self._child.kill()
-            self._child.wait()
+        harness.wait_or_kill(self._child)
         self._errors.close()
 
 

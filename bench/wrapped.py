@@ -90,11 +90,7 @@ class RedisServer:
 
     def stop(self):
         self._child.terminate()
-        try:
-            self._child.wait(10)
-        except subprocess.TimeoutExpired:
-            self._child.kill()
-            self._child.wait()
+        harness.wait_or_kill(self._child)
 
 
 def _time_loop(setup, rounds, name, modules, words):
