@@ -80,8 +80,8 @@ static zend_function *kaq_find_wrapped(const char *full_name) {
 	return function;
 }
 
-/* A thread's table may be a copy of one in which the wrapper stands already. The saved handler is
- * the same in all of them. */
+/* A thread's table may be a copy of one in which the wrapper stands already. There is one saved
+ * handler for all of them: where another one stands, somebody else's, it stays, unrecorded. */
 void kaq_wrap_internal_function(kaq_internalfn_t *wraprec) {
 	zend_function *function = kaq_find_wrapped(wraprec->full_name);
 	if (!function || function->type != ZEND_INTERNAL_FUNCTION ||
@@ -89,7 +89,8 @@ void kaq_wrap_internal_function(kaq_internalfn_t *wraprec) {
 		return;
 	}
 	zend_internal_function *internal = &function->internal_function;
-	if (internal->handler == wraprec->outer_wrapper) {
+	if (internal->handler == wraprec->outer_wrapper ||
+		(wraprec->is_wrapped && internal->handler != wraprec->oldhandler)) {
 		return;
 	}
 	if (!wraprec->is_wrapped) {

@@ -119,6 +119,8 @@ static const Timed stored_after[] = {
 	{"mysqli_stmt_prepare", "mysqli_stmt_prepare($object, 'q');", QUERIED("q")},
 	{"mysqli_select_db", "mysqli_select_db($object, 'd');",
 	 "type 3 query (unset) host (unset) port 0 db d"},
+	{"mysqli::select_db", "(new mysqli)->select_db($object, 'd');",
+	 "type 3 query (unset) host (unset) port 0 db d"},
 	{"mysqli::query", "(new mysqli)->query('q');", QUERIED("q")},
 	{"mysqli::real_query", "(new mysqli)->real_query('q');", QUERIED("q")},
 	{"mysqli::multi_query", "(new mysqli)->multi_query('q');", QUERIED("q")},
@@ -388,6 +390,28 @@ TEST_F(WrapRecords, OneWithoutASlotIsInstalledAllTheSame) {
 	EXPECT_EQ(never_called, function->internal_function.handler);
 	kaq_wrap_internal_function(&record);
 	EXPECT_EQ(handler, record.oldhandler) << "a second time changes nothing";
+	function->internal_function.handler = handler;
+}
+
+TEST_F(WrapRecords, HandlerOfSomebodyElseInALaterThreadsTableStays) {
+	zend_function *function = kaq_find_class_method(kaq_find_class("arrayobject"), "count");
+	kaq_phpfn_t handler = function->internal_function.handler;
+	kaq_internalfn_t record = {};
+	record.full_name = "arrayobject::count";
+	record.outer_wrapper = never_called;
+	kaq_phpfn_t somebody_elses = [](zend_execute_data *, zval *) {};
+	const struct {
+		kaq_phpfn_t before, after;
+	} tables[] = {{handler, never_called},
+				  {handler, never_called},
+				  {never_called, never_called},
+				  {somebody_elses, somebody_elses}};
+	for (const auto &table : tables) {
+		function->internal_function.handler = table.before;
+		kaq_wrap_internal_function(&record);
+		EXPECT_EQ(table.after, function->internal_function.handler);
+		EXPECT_EQ(handler, record.oldhandler);
+	}
 	function->internal_function.handler = handler;
 }
 
