@@ -129,15 +129,16 @@ class Agent:
         for server in (self._status, self._data):
             thread = threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True)
             thread.start()
-            self._threads.append(thread)
+            self._threads.append((server, thread))
         return self
 
     def stop(self):
+        # A server that was never started would wait for its end in vain.
+        for server, _ in self._threads:
+            server.shutdown()
         for server in (self._status, self._data):
-            if self._threads:
-                server.shutdown()
             server.server_close()
-        for thread in self._threads:
+        for _, thread in self._threads:
             thread.join()
         self._threads = []
 
@@ -329,11 +330,12 @@ def main(arguments=None):
         print("agent: %s" % (problem.args[-1]), file=sys.stderr)
         return 1
     try:
+        agent.start()
         if options.port_file:
             write_port_file(options.port_file, agent)
         print("agent: listening on %s, status port %d, data port %d"
               % (options.bind, agent.status_port, agent.data_port), flush=True)
-        return watch(agent.start(), options)
+        return watch(agent, options)
     except KeyboardInterrupt:
         return 0
     except BrokenPipeError:

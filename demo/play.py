@@ -51,7 +51,7 @@ class DemoFailed(Exception):
 
 class Interrupts:
     """SIGTERM and SIGINT end the demonstration by a KeyboardInterrupt, but not while a process is
-    being started: nobody would know it yet, and nobody would end it."""
+    being started: nobody would know it yet, and nobody would end it. Nor while all are ended."""
     held = False
     pending = False
 
@@ -334,9 +334,9 @@ def main():
                         help="use any two free ports for the agent, not the usual ones")
     options = parser.parse_args()
     sys.stdout.reconfigure(errors="replace")
-    on_interruption(Interrupts.arrived)
     agent = None
     try:
+        on_interruption(Interrupts.arrived)
         with tempfile.TemporaryDirectory(prefix="kaq-demo-") as scratch:
             os.environ["TMPDIR"] = scratch
             with open(os.path.join(scratch, "server.log"), "w+b") as log:
@@ -344,7 +344,7 @@ def main():
                 try:
                     play(options, agent, log, demo_agent.terminal_look(sys.stdout))
                 finally:
-                    on_interruption(signal.SIG_IGN)
+                    Interrupts.held = True
                     stop(STARTED)
         return 0
     except (DemoFailed, subprocess.TimeoutExpired) as problem:
@@ -353,7 +353,7 @@ def main():
     except KeyboardInterrupt:
         return 130
     finally:
-        on_interruption(signal.SIG_IGN)
+        Interrupts.held = True
         if agent is not None:
             agent.stop()
 

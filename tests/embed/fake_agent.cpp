@@ -10,7 +10,7 @@
 
 static const char MARKER[] = "marker of the test program";
 static const char STOP[] = "the test program ends";
-static const int DEADLINE_SECONDS = 10;
+static const int DEADLINE_SECONDS = 30;
 
 static int listen_somewhere(int *port) {
 	int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

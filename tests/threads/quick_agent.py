@@ -5,6 +5,8 @@
 Prints the numbers of its two ports, status first. Answers every status request with REPLY; writes
 what each data connection carried to the file RECORDS, one after the other. Ends with its input.
 """
+import contextlib
+import os
 import selectors
 import socket
 import sys
@@ -81,6 +83,8 @@ class QuickAgent:
 
 def main(reply, path):
     with open(path, "ab") as records:
+        with contextlib.suppress(PermissionError):
+            os.setpriority(os.PRIO_PROCESS, 0, -10)
         agent = QuickAgent(reply.encode(), records)
         print(*agent.ports, flush=True)
         agent.serve()

@@ -13,7 +13,8 @@ THREADS = 16
 REQUESTS_OF_EACH = 20
 NUMBERS = range(1, THREADS * REQUESTS_OF_EACH + 1)
 # Of several attempts: that two threads are at it together cannot be forced.
-ATTEMPTS = 3
+ATTEMPTS = 10
+DEADLINE = 200
 REPORT = "ThreadSanitizer: data race"
 
 
@@ -23,7 +24,7 @@ def run(programs, name, page, agent):
     return subprocess.run(
         [*programs.launcher, str(programs.directory / name), str(THREADS), str(REQUESTS_OF_EACH),
          str(page), settings],
-        stdin=subprocess.DEVNULL, capture_output=True, timeout=60, env=programs.environment,
+        stdin=subprocess.DEVNULL, capture_output=True, timeout=DEADLINE, env=programs.environment,
         text=True, errors="replace")
 
 

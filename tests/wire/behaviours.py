@@ -47,7 +47,7 @@ def answers_in_pieces(raw, size=1, pause=0.0):
     return drip
 
 
-def answers_then_half_closes(raw, seconds=3.0):
+def answers_then_half_closes(raw, seconds=20.0):
     """Ends the answer but keeps its own receiving side open, and notes what else comes."""
     @behaviour()
     def half_close(connection, agent, request):

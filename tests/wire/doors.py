@@ -13,7 +13,8 @@ import time
 import engines
 import fastcgi
 
-START_DEADLINE = 15.0
+START_DEADLINE = 30.0
+KILL_DEADLINE = 30.0
 
 
 def cgi_variables(script, **variables):
@@ -97,7 +98,7 @@ class _Server:
                 self.process.wait(5)
             except subprocess.TimeoutExpired:
                 self.process.send_signal(signal.SIGKILL)
-                self.process.wait(5)
+                self.process.wait(KILL_DEADLINE)
         shutil.rmtree(self.directory, ignore_errors=True)
 
 

@@ -12,7 +12,7 @@ import threading
 
 CONNECTION_DEADLINE = 20.0
 STOP_DEADLINE = 10.0
-SETTLE_DEADLINE = 10.0
+SETTLE_DEADLINE = 30.0
 
 Request = collections.namedtuple("Request", "connection raw line headers body")
 

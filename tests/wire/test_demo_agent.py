@@ -21,7 +21,7 @@ import agent as demo_agent  # noqa: E402
 import waterfall  # noqa: E402
 
 START = 1700000000000
-SECONDS = 5
+SECONDS = 30
 
 
 def span(key, start, end, name, parent=None, **more):
@@ -400,7 +400,8 @@ def test_many_connections_at_once_are_all_served(agent):
     assert came == {("notice", "n%d" % number) for number in range(60)}
 
 
-def test_records_sent_one_after_the_other_are_told_in_that_order(agent):
+def test_records_sent_one_after_the_other_are_told_in_that_order(agent, monkeypatch):
+    monkeypatch.setattr(demo_agent, "ORDER_SECONDS", SECONDS)
     for number in range(300):
         with socket.create_connection(("127.0.0.1", agent.data_port), timeout=SECONDS) as sender:
             sender.sendall(b"message:\tn%d\n" % number)

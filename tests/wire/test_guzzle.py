@@ -33,7 +33,7 @@ def pages(server):
         "/a": http.answers(200, ["A: 1", "Set-Cookie: k=v"], b"body of a"),
         "/missing": http.answers(404, ["B: 2"], b"none"),
         "/moved": http.redirects("/a", 302), "/slow": http.slow(0.1, http.answers(200, ["S: 1"])),
-        "/broken": http.resets(), "/chunks": http.answers_in_chunks(b"one ", b"two"),
+        "/broken": http.resets(), "/never": http.never_answers(), "/chunks": http.answers_in_chunks(b"one ", b"two"),
     })
 
 
@@ -52,7 +52,7 @@ GUZZLE = {
                               "$tell($e->getResponse()); }",
     "reset": "try { $client->get('/broken'); }"
              "catch (GuzzleHttp\\Exception\\TransferException $e) { echo get_class($e); }",
-    "time-out": "try { $client->get('/slow', ['timeout' => 0.03]); }"
+    "time-out": "try { $client->get('/never', ['timeout' => 0.6]); }"
                 "catch (GuzzleHttp\\Exception\\TransferException $e) { echo get_class($e); }",
     "callbacks": "$client->get('/a', ['on_headers' => $tell, 'on_stats' => function ($s) {"
                  "echo $s->getEffectiveUri()->getPath(); }, 'progress' => function () {},"

@@ -1,4 +1,5 @@
 """The course of one request as the local agent sees it, and what one request leaves to the next."""
+import concurrent.futures
 import os
 import time
 
@@ -31,11 +32,17 @@ def test_skipped_request_asks_nothing_and_sends_exactly_two_notices(wire, agent)
 
 
 def test_skip_notice_is_sent_at_request_start_and_disabled_notice_at_its_end(wire, agent):
-    wire.cli("usleep(600000);", settings={"kaq.capture_clirequest": 0})
-    agent.settle()
-    first, second = agent.data_records
-    assert (first.text, second.text) == (NO_URI_NOTICE, DISABLED_NOTICE)
-    assert second.received_at - first.received_at >= 0.2
+    go_on = wire.directory / "go-on"
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        run = pool.submit(wire.cli, "while (!file_exists('%s')) { usleep(1000); }" % go_on,
+                          settings={"kaq.capture_clirequest": 0})
+        try:
+            agent.wait_until(lambda: agent.data_records)
+            assert agent.notices == [NO_URI_NOTICE]
+        finally:
+            go_on.touch()
+        run.result()
+    assert agent.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
 
 
 def test_skipped_web_request_sends_exactly_two_notices(wire, agent):
@@ -46,14 +53,14 @@ def test_skipped_web_request_sends_exactly_two_notices(wire, agent):
 
 def test_start_time_is_taken_before_the_handshake_and_root_opened_after_it(wire, agent):
     agent.reply = behaviours.answers_after(
-        0.4, b'{"instance.id":"i-1","instance.status":920}')
+        0.2, b'{"instance.id":"i-1","instance.status":920}')
     before = int(time.time() * 1000)
     wire.cli()
     payload = agent.payload
     request = agent.request
     assert before <= payload.transaction["s_time"] <= int(request.received_at * 1000)
-    assert payload.root["st"] >= int(request.received_at * 1000) + 399
-    assert payload.root["st"] - payload.transaction["s_time"] >= 380
+    assert payload.root["st"] >= int(request.received_at * 1000) + 199
+    assert payload.root["st"] - payload.transaction["s_time"] >= 180
 
 
 def test_times_are_wall_clock_milliseconds_of_this_run(wire, agent):
@@ -67,9 +74,9 @@ def test_times_are_wall_clock_milliseconds_of_this_run(wire, agent):
 
 def test_end_time_is_taken_before_the_open_spans_are_closed(wire, agent):
     wire.cli("usleep(20000);")
+    after = int(time.time() * 1000)
     payload = agent.payload
-    assert payload.transaction["e_time"] <= payload.root["et"]
-    assert payload.root["et"] - payload.transaction["e_time"] < 1000
+    assert payload.transaction["e_time"] <= payload.root["et"] <= after
 
 
 def test_open_spans_are_closed_innermost_first_at_request_end(wire, agent):

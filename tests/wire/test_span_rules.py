@@ -16,8 +16,8 @@ def names(wire, agent, source, **settings):
 # Threshold and keys ------------------------------------------------------------------------------
 
 def test_span_shorter_than_the_threshold_is_dropped_and_a_longer_one_kept(wire, agent):
-    assert names(wire, agent, "function s() {} function l() { usleep(40000); } s(); l(); s();",
-                 method_threshold=30) == ["l"]
+    assert names(wire, agent, "function s() {} function l() { usleep(400000); } s(); l(); s();",
+                 method_threshold=300) == ["l"]
 
 
 def test_default_threshold_is_ten_milliseconds(wire, agent):
@@ -47,15 +47,15 @@ def test_span_just_as_long_as_the_threshold_is_kept(wire, agent):
 
 
 def test_key_of_a_dropped_span_is_handed_out_again(wire, agent):
-    wire.cli("function s() {} function l() { usleep(30000); } s(); s(); l(); s(); l();",
-             settings={THRESHOLD: 20})
+    wire.cli("function s() {} function l() {} %s s(); s(); %s l(); %s s(); %s l();" % (
+        DROP, KEEP, DROP, KEEP))
     assert [(span["mo"], span["fn"]) for span in agent.payload.spans] == [
         (0, "main"), (1, "l"), (2, "l")]
 
 
 def test_chain_of_short_calls_collapses_from_the_bottom_up(wire, agent):
     wire.cli("function a() { b(); } function b() { c(); } function c() { d(); } function d() {}"
-             "function l() { usleep(30000); } a(); l();", settings={THRESHOLD: 20})
+             "function l() {} %s a(); %s l();" % (DROP, KEEP))
     assert [(span["mo"], span["fn"]) for span in agent.payload.spans[1:]] == [(1, "l")]
 
 
@@ -111,9 +111,9 @@ def test_calls_open_when_the_limit_is_reached_are_still_kept(wire, agent):
 
 
 def test_dropped_spans_do_not_count_towards_the_limit(wire, agent):
-    assert names(wire, agent, "function s() {} function l() { usleep(30000); }"
-                              "for ($i = 0; $i < 500; $i++) s(); l(); l(); l();",
-                 span_limit=2, method_threshold=20) == ["l", "l"]
+    assert names(wire, agent, "function s() {} function l() {}"
+                              "for ($i = 0; $i < 500; $i++) s(); " + KEEP + " l(); l(); l();",
+                 span_limit=2, method_threshold=99999) == ["l", "l"]
 
 
 def test_default_limit_is_ten_thousand_spans(wire, agent):
