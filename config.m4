@@ -55,7 +55,7 @@ if test "$PHP_KAQ" != "no"; then
     tracing/trace_context.cpp tracing/account_id.cpp tracing/curl_stores.cpp \
     tracing/distributedTrace.cpp \
     diagnostics/stacktrace.cpp diagnostics/failures.cpp diagnostics/crash_handler.cpp diagnostics/kaq_rum.cpp \
-    util/engine_compat.cpp util/kaq_util_functions.cpp util/kaq_strings.cpp util/kaq_clock.cpp"
+    util/engine_compat.cpp util/kaq_aside.cpp util/kaq_util_functions.cpp util/kaq_strings.cpp util/kaq_clock.cpp"
 
   PHP_NEW_EXTENSION(kaq, $kaq_sources, $ext_shared,, $kaq_flags, cxx)
   PHP_ADD_BUILD_DIR([$ext_builddir/core])

@@ -16,9 +16,17 @@ static kaq_error_cb_t *kaq_error_cb_slot(void) {
 	return (kaq_error_cb_t *)&zend_error_cb;
 }
 
+/* The settings under which kaq_start moved the hooks. */
+static struct {
+	int execute;
+	int exceptions;
+	int errors;
+} moved_under;
+
 /* Follows php.ini only: what is set per directory or at run time never moves a hook. */
 void kaq_start(void) {
 	const zend_kaq_globals *g = kaq_get_globals();
+	moved_under = {g->track_zend_execute, g->track_exceptions, g->track_errors};
 	wrap_sethandler();
 	kaq_watch_fibers(kaq_switch_fiber);
 	if (g->track_zend_execute) {
@@ -49,6 +57,15 @@ void kaq_end(void) {
 	}
 }
 
+/* A script may have changed the settings, and an empty value of php.ini does not bring them back:
+ * a hook would stay that points into the unloaded module. */
+static void kaq_recall_settings_of_hooks(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	g->track_zend_execute = moved_under.execute;
+	g->track_exceptions = moved_under.exceptions;
+	g->track_errors = moved_under.errors;
+}
+
 void kaq_module_start(int type, int module_number) {
 	kaq_clock_startup();
 	kaq_read_account_key();
@@ -58,7 +75,9 @@ void kaq_module_start(int type, int module_number) {
 }
 
 void kaq_module_end(int type, int module_number) {
+	kaq_recall_settings_of_hooks();
 	kaq_end();
+	kaq_remove_crash_handler();
 	kaq_destroy_internal_wrap_records();
 	kaq_unregister_settings(type, module_number);
 }

@@ -39,6 +39,7 @@ typedef struct kaq_exception_info {
 // clang-format off
 ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	int in_request;       /* from request start to request end */
+	int in_unnoticed_call; /* in php_call_unnoticed */
 	int control_signal;   /* 1: the local agent monitors this request */
 	int node_buffer_len;  /* span keys handed out, and so the next key */
 	int method_threshold; /* ms */
@@ -70,7 +71,8 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	int prune_intermediate_spans;
 	int stored_node_count; /* spans placed in the node buffer */
 	int rum_injected;
-	size_t failure_bytes;     /* of error records in this request */
+	int rum_page; /* kaq_page_encoding, known once a chunk has come */
+	size_t failure_bytes;     /* of error records and stacks in this request */
 	int is_recording_failure; /* an error or exception is being recorded */
 	int is_caller_same_user;
 	int is_async_call;

@@ -31,6 +31,7 @@ static void kaq_reset_counters(zend_kaq_globals *g) {
 	g->error_count = 0;
 	g->json_decode_function_exists = 0;
 	g->rum_injected = 0;
+	g->rum_page = 0;
 	g->failure_bytes = 0;
 	g->is_recording_failure = 0;
 	g->is_caller_same_user = 0;

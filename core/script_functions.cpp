@@ -39,8 +39,7 @@ static void kaq_append_to_list(zval **array, const zend_string *name, zval *valu
 		return;
 	}
 	if (!*array) {
-		*array = php_zval_alloc();
-		array_init(*array);
+		*array = kaq_new_array();
 	}
 	HashTable *lists = Z_ARRVAL_P(*array);
 	zval *list = zend_hash_str_find(lists, ZSTR_VAL(name), ZSTR_LEN(name));

@@ -17,15 +17,18 @@
 #define KAQ_SIGNAL_STACK_SIZE ((size_t)128 * 1024)
 #define KAQ_COMMAND_SIZE 256
 
-/* In the order in which the handler is installed and given up. */
-static const struct {
+/* In the order in which the handler is installed and given up. `before` is what the first
+ * installation found. */
+static struct {
 	int number;
 	const char *complaint;
+	struct sigaction before;
 } fatal_signals[] = {
-	{SIGFPE, "sigusr: sigaction SIGFPE"}, {SIGSEGV, "sigusr: sigaction SIGSEGV"},
-	{SIGILL, "sigusr: sigaction SIGILL"}, {SIGABRT, "sigusr: sigaction SIGABRT"},
-	{SIGSYS, "sigusr: sigaction SIGSYS"},
+	{SIGFPE, "sigusr: sigaction SIGFPE", {}}, {SIGSEGV, "sigusr: sigaction SIGSEGV", {}},
+	{SIGILL, "sigusr: sigaction SIGILL", {}}, {SIGABRT, "sigusr: sigaction SIGABRT", {}},
+	{SIGSYS, "sigusr: sigaction SIGSYS", {}},
 };
+static bool is_installed;
 
 static __thread void *signal_stack;
 
@@ -191,7 +194,24 @@ static void prepare_backtrace(void) {
 void wrap_sethandler(void) {
 	prepare_backtrace();
 	provide_signal_stack();
+	if (!is_installed) {
+		for (auto &fatal : fatal_signals) {
+			sigaction(fatal.number, NULL, &fatal.before);
+		}
+		is_installed = true;
+	}
 	setHandler(catchit);
+}
+
+void kaq_remove_crash_handler(void) {
+	for (auto &fatal : fatal_signals) {
+		struct sigaction current;
+		if (is_installed && sigaction(fatal.number, NULL, &current) == 0 &&
+			(current.sa_flags & SA_SIGINFO) && current.sa_sigaction == catchit) {
+			sigaction(fatal.number, &fatal.before, NULL);
+		}
+	}
+	is_installed = false;
 }
 
 int addr2line(const void *address) {

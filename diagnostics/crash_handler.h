@@ -22,6 +22,10 @@ void wrap_sethandler(void);
 /* Installs a handler for the fatal signals. Ends the process when that fails. */
 void setHandler(void (*handler)(int, siginfo_t *, void *));
 
+/* Gives the fatal signals that still have our handler back to whom they belonged at module start.
+ * At module end: a signal must not run code that is about to be unloaded. */
+void kaq_remove_crash_handler(void);
+
 /* The handler. */
 void catchit(int signal_number, siginfo_t *info, void *context);
 

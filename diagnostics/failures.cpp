@@ -12,6 +12,7 @@ kaq_error_cb_t old_error_cb;
 
 /* Later engines add flags to the type. */
 #define KAQ_ERROR_TYPES ((1 << 15) - 1)
+#define KAQ_ENDS_REQUEST (E_ERROR | E_PARSE | E_CORE_ERROR | E_COMPILE_ERROR)
 
 /* Values of kaq.track_errors, the lowest severity recorded. */
 enum kaq_severity { KAQ_NOTICE = 1, KAQ_WARNING = 2, KAQ_ERROR = 3 };
@@ -50,7 +51,7 @@ void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t
 					const char *level, const char *message, kaq_function *fi) {
 	smart_str *out = &fi->arg_data.einfo;
 	size_t *total = &kaq_get_globals()->failure_bytes;
-	if (*total < KAQ_MAX_EINFO) {
+	if (*total < KAQ_MAX_FAILURE_BYTES) {
 		size_t before = kaq_buf_length(out);
 		if (out->s) {
 			kaq_buf_literal(out, ",");
@@ -69,7 +70,7 @@ void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t
 		kaq_buf_literal(out, ",\"time\":");
 		kaq_append_unsigned_long_long(out, time);
 		kaq_append_text_field(out, ",\"level\":", level);
-		if (message) {
+		if (message && strlen(message) < KAQ_MAX_FAILURE_BYTES - *total) {
 			kaq_append_text_field(out, ",\"str\":", message);
 		}
 		kaq_buf_literal(out, "}");
@@ -106,9 +107,10 @@ static void kaq_record_error(kaq_function *fi, kaq_severity severity, const char
 				   message ? message : "", fi);
 }
 
+/* What a call of ours meets is not the script's failure unless it ends the request. */
 static bool kaq_looks_at_error(const zend_kaq_globals *g, int type) {
 	return (int)kaq_severity_of(type) >= g->track_errors && g->error_count < KAQ_MAX_ERRORS &&
-		   !g->is_recording_failure;
+		   !g->is_recording_failure && (!g->in_unnoticed_call || (type & KAQ_ENDS_REQUEST));
 }
 
 void kaq_error_cb(KAQ_ERROR_CB_PARAMS) {
@@ -173,7 +175,8 @@ static void kaq_take_exception(zend_kaq_globals *g, zend_object *exception) {
 void kaq_throw_exception_hook(kaq_thrown *exception) {
 	zend_kaq_globals *g = kaq_get_globals();
 	if (exception && g->exception_count < KAQ_EXCEPTION_SLOTS && g->in_request &&
-		!g->is_recording_failure && !kaq_is_exit(kaq_thrown_object(exception))) {
+		!g->is_recording_failure && !g->in_unnoticed_call &&
+		!kaq_is_exit(kaq_thrown_object(exception))) {
 		kaq_take_exception(g, kaq_thrown_object(exception));
 	}
 	if (old_exception_cb) {

@@ -7,6 +7,7 @@
 
 #define KAQ_CONTENT_TYPE "Content-Type:"
 #define KAQ_CONTENT_LENGTH "Content-Length:"
+#define KAQ_CONTENT_ENCODING "Content-Encoding:"
 #define KAQ_HTML "text/html"
 #define KAQ_HEAD_END "</head>"
 #define KAQ_GZIP_MAGIC "\x1f\x8b"
@@ -16,10 +17,16 @@ static bool kaq_is_longer_line_of(const sapi_header_struct *line, const char (&p
 	return line->header_len > size - 1 && strncasecmp(line->header, prefix, size - 1) == 0;
 }
 
-/* Whether the response is HTML whose length nobody has announced. */
-static bool kaq_may_grow(void) {
-	bool is_html = false;
-	bool has_length = false;
+enum kaq_page_encoding { KAQ_PAGE_UNSEEN = 0, KAQ_PAGE_PLAIN, KAQ_PAGE_ENCODED };
+
+struct kaq_page_lines {
+	bool is_html;
+	bool has_length;
+	bool has_encoding;
+};
+
+static kaq_page_lines kaq_look_at_headers(void) {
+	kaq_page_lines lines = {false, false, false};
 	zend_llist_position position;
 	zend_llist *headers = &SG(sapi_headers).headers;
 	for (const void *entry = zend_llist_get_first_ex(headers, &position); entry;
@@ -27,11 +34,23 @@ static bool kaq_may_grow(void) {
 		const sapi_header_struct *line = (const sapi_header_struct *)entry;
 		if (kaq_is_longer_line_of(line, KAQ_CONTENT_TYPE) &&
 			strstr(line->header + strlen(KAQ_CONTENT_TYPE), KAQ_HTML)) {
-			is_html = true;
+			lines.is_html = true;
 		}
-		has_length |= kaq_is_longer_line_of(line, KAQ_CONTENT_LENGTH);
+		lines.has_length |= kaq_is_longer_line_of(line, KAQ_CONTENT_LENGTH);
+		lines.has_encoding |= kaq_is_longer_line_of(line, KAQ_CONTENT_ENCODING);
 	}
-	return is_html && !has_length;
+	return lines;
+}
+
+/* Whether the page is HTML in its plain text whose length nobody has announced. Handlers around
+ * ours that compress say so only after our first chunk: an encoding told before it has come from
+ * within. */
+static bool kaq_may_grow(zend_kaq_globals *g) {
+	kaq_page_lines lines = kaq_look_at_headers();
+	if (g->rum_page == KAQ_PAGE_UNSEEN) {
+		g->rum_page = lines.has_encoding ? KAQ_PAGE_ENCODED : KAQ_PAGE_PLAIN;
+	}
+	return g->rum_page == KAQ_PAGE_PLAIN && lines.is_html && !lines.has_length;
 }
 
 /* What a script has compressed itself may hold its text as it is. */
@@ -78,7 +97,7 @@ void kaq_rum_injection_handler(char *output, size_t output_length, char **new_ou
 	*new_output = NULL;
 	*new_length = 0;
 	if ((mode & PHP_OUTPUT_HANDLER_CLEAN) || output_length == 0 || !g->rum_snippet[0] ||
-		g->rum_injected || kaq_is_compressed(output, output_length) || !kaq_may_grow()) {
+		g->rum_injected || kaq_is_compressed(output, output_length) || !kaq_may_grow(g)) {
 		return;
 	}
 	const char *head_end = kaq_find_head_end(output, output_length);

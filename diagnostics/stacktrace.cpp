@@ -41,7 +41,8 @@ void kaq_append_backtrace(smart_str *out) {
 }
 
 void kaq_make_stacktrace(kaq_function *fi) {
-	if (fi->arg_data.stacktrace) {
+	size_t *total = &kaq_get_globals()->failure_bytes;
+	if (fi->arg_data.stacktrace || *total >= KAQ_MAX_FAILURE_BYTES) {
 		return;
 	}
 	smart_str text = {NULL, 0};
@@ -51,6 +52,7 @@ void kaq_make_stacktrace(kaq_function *fi) {
 	if (text.s) {
 		kaq_buf_terminate(&text);
 		fi->arg_data.stacktrace = kaq_strdup(ZSTR_VAL(text.s));
+		*total += kaq_buf_length(&text);
 	}
 	kaq_buf_free(&text);
 }

@@ -16,17 +16,18 @@ void kaq_error_cb(KAQ_ERROR_CB_PARAMS);
 #define KAQ_MAX_STACK_DEPTH 30
 /* At most so many errors of a request are looked at. */
 #define KAQ_MAX_ERRORS 10
-/* A request's error records end here: a script that throws a million times must not fill the
- * memory. */
-#define KAQ_MAX_EINFO ((size_t)16 * 1024 * 1024)
+/* A request's error records and stacks end here: a script that throws a million times must not fill
+ * the memory. */
+#define KAQ_MAX_FAILURE_BYTES ((size_t)16 * 1024 * 1024)
 
-/* Appends one record to a span's error records. Null name, file or message: without that member.
+/* Appends one record to a span's error records. Null name, file or message: without that member; a
+ * message that is longer than what the request has left is left out, too.
  * Captures the call stack, too, unless the span has one or the message carries one. `time` is in ms
  * since the epoch. */
 void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t time,
 					const char *level, const char *message, kaq_function *fi);
 
-/* Gives the span the current call stack unless it has one. */
+/* Gives the span the current call stack unless it has one or the request has none left. */
 void kaq_make_stacktrace(kaq_function *fi);
 
 /* Appends the current call stack, innermost frame first: ["class","function","file",line],... A

@@ -3,11 +3,16 @@
 #include "tracing/curl_stores.h"
 #include "util/kaq_util_functions.h"
 
-/* curl_setopt takes "10023" for 10023. */
+/* curl_setopt takes "10023" and "1.0023e4" for 10023. */
 bool kaq_is_header_option(const zval *option) {
 	zval *constant = php_get_constant("CURLOPT_HTTPHEADER");
-	return constant && Z_TYPE_P(option) <= IS_STRING &&
-		   zval_get_long((zval *)option) == Z_LVAL_P(constant);
+	if (!constant || Z_TYPE_P(option) > IS_STRING) {
+		return false;
+	}
+	zend_long number = Z_TYPE_P(option) == IS_STRING
+						   ? zend_dval_to_lval(zval_get_double((zval *)option))
+						   : zval_get_long((zval *)option);
+	return number == Z_LVAL_P(constant);
 }
 
 static void kaq_copy_properties(zval *list, zval *object) {

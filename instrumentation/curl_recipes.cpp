@@ -50,10 +50,11 @@ void kaq_record(const kaq_call *call, kaq_curl_init) {
 }
 
 /* When curl throws, it may have been at another option or at an element of the list, and has set an
- * array all the same. An object is what it refuses. */
-static bool kaq_is_taken(const zval *value) {
+ * array all the same. An object is what it refuses, and so it may be an option that is no number.
+ */
+static bool kaq_is_taken(const zval *option, const zval *value) {
 	ZVAL_DEREF(value);
-	return !EG(exception) || Z_TYPE_P(value) == IS_ARRAY;
+	return !EG(exception) || (Z_TYPE_P(option) == IS_LONG && Z_TYPE_P(value) == IS_ARRAY);
 }
 
 void kaq_record(const kaq_call *call, kaq_curl_setopt) {
@@ -70,7 +71,8 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt) {
 		return;
 	}
 	int caught = kaq_call_protected(call);
-	if (kaq_keeps_headers() && kaq_is_header_option(option) && kaq_is_taken(arguments.value[2])) {
+	if (kaq_keeps_headers() && kaq_is_header_option(option) &&
+		kaq_is_taken(option, arguments.value[2])) {
 		kaq_save_header_option(arguments.value[0], arguments.value[2]);
 	}
 	kaq_pass_on(caught);
@@ -88,11 +90,13 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	if (!kaq_keeps_headers() || !php_is_zval_valid_array(options)) {
 		return;
 	}
-	zend_ulong option;
+	zval option;
+	ZVAL_LONG(&option, KAQ_CURLOPT_HTTPHEADER);
+	zend_ulong number;
 	zend_string *name;
 	zval *value;
-	ZEND_HASH_FOREACH_KEY_VAL(Z_ARRVAL_P(options), option, name, value) {
-		if (!name && option == KAQ_CURLOPT_HTTPHEADER && kaq_is_taken(value)) {
+	ZEND_HASH_FOREACH_KEY_VAL(Z_ARRVAL_P(options), number, name, value) {
+		if (!name && number == KAQ_CURLOPT_HTTPHEADER && kaq_is_taken(&option, value)) {
 			kaq_save_header_option(arguments.value[0], value);
 		}
 	}
@@ -181,9 +185,11 @@ void kaq_record(const kaq_call *call, kaq_curl_multi_remove_handle) {
 	zend_long multi_id = kaq_zval_resource_id(arguments.value[0]);
 	zend_long easy_id = kaq_zval_resource_id(arguments.value[1]);
 	int caught = kaq_call_protected(call);
-	kaq_curl_multi_remove_child(multi_id, easy_id);
-	kaq_curl_multi_remove_reported(multi_id, easy_id);
-	kaq_curl_multi_remove_spanid(easy_id);
+	if (!kaq_is_refusal(call->return_value)) {
+		kaq_curl_multi_remove_child(multi_id, easy_id);
+		kaq_curl_multi_remove_reported(multi_id, easy_id);
+		kaq_curl_multi_remove_spanid(easy_id);
+	}
 	kaq_set_method_none(call->fi);
 	kaq_pass_on(caught);
 }

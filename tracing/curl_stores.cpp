@@ -81,19 +81,13 @@ static void kaq_forget_handle(zval *entry) {
 	kaq_delete_everywhere(g->curl_multi_handle_store, id, kaq_delete_number);
 }
 
-static zval *kaq_new_store(void) {
-	zval *store = php_zval_alloc();
-	array_init(store);
-	return store;
-}
-
 void kaq_create_curl_stores(void) {
 	zend_kaq_globals *g = kaq_get_globals();
-	g->curl_req_headers_store = kaq_new_store();
-	g->curl_res_headers_store = kaq_new_store();
-	g->curl_multi_handle_store = kaq_new_store();
-	g->curl_multi_reported_store = kaq_new_store();
-	g->curl_multi_spanid_store = kaq_new_store();
+	g->curl_req_headers_store = kaq_new_array();
+	g->curl_res_headers_store = kaq_new_array();
+	g->curl_multi_handle_store = kaq_new_array();
+	g->curl_multi_reported_store = kaq_new_array();
+	g->curl_multi_spanid_store = kaq_new_array();
 	kaq_watch_handles_start(&g->live_curl_handles, kaq_forget_handle);
 }
 

@@ -27,8 +27,7 @@ static const sapi_header_struct *kaq_next_header(zend_llist_position *position) 
 }
 
 zval *kaq_response_headers_zv(void) {
-	zval *map = php_zval_alloc();
-	array_init(map);
+	zval *map = kaq_new_array();
 	zend_llist_position position;
 	for (const sapi_header_struct *line = kaq_first_header(&position); line;
 		 line = kaq_next_header(&position)) {
@@ -76,13 +75,16 @@ int kaq_add_response_header(const char *name, const char *value) {
 	return status != FAILURE;
 }
 
+/* A callback that the site has disabled would fail the transfer. */
 void kaq_curl_response_headers_callback(zval *handle) {
+	static const char name[] = "kaq_store_curl_response_headers";
 	zval *option = php_get_constant("CURLOPT_HEADERFUNCTION");
-	if (!option || !php_is_zval_valid_curl_handle(handle)) {
+	if (!option || !php_is_zval_valid_curl_handle(handle) ||
+		!kaq_find_callable_function(name, strlen(name))) {
 		return;
 	}
 	zval callback;
-	ZVAL_STRING(&callback, "kaq_store_curl_response_headers");
+	ZVAL_STRING(&callback, name);
 	php_zval_free(php_call_unnoticed("curl_setopt", handle, option, &callback));
 	zval_ptr_dtor(&callback);
 }

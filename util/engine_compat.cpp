@@ -379,31 +379,29 @@ bool kaq_is_exit(const zend_object *exception) {
 }
 #endif
 
-/* An interrupt (a signal for the script, its time limit) is dealt with by the engine at the end of
- * a call: not of one of ours. */
 #if PHP_VERSION_ID < 70100
-static bool kaq_take_interrupt(void) {
+bool kaq_take_interrupt(void) {
 	return false;
 }
 
-static void kaq_set_interrupt(void) {
+void kaq_set_interrupt(void) {
 }
 #elif PHP_VERSION_ID < 80200
-static bool kaq_take_interrupt(void) {
+bool kaq_take_interrupt(void) {
 	bool pending = EG(vm_interrupt);
 	EG(vm_interrupt) = 0;
 	return pending;
 }
 
-static void kaq_set_interrupt(void) {
+void kaq_set_interrupt(void) {
 	EG(vm_interrupt) = 1;
 }
 #else
-static bool kaq_take_interrupt(void) {
+bool kaq_take_interrupt(void) {
 	return zend_atomic_bool_exchange_ex(&EG(vm_interrupt), false);
 }
 
-static void kaq_set_interrupt(void) {
+void kaq_set_interrupt(void) {
 	zend_atomic_bool_store_ex(&EG(vm_interrupt), true);
 }
 #endif
@@ -419,63 +417,11 @@ static void kaq_set_interrupt(void) {
 #define KAQ_FREE_LAST_FILE zend_string_release
 #endif
 
-static void kaq_free_last_error(void) {
+void kaq_free_last_error(void) {
 	if (PG(last_error_message)) {
 		KAQ_FREE_LAST_MESSAGE(PG(last_error_message));
 	}
 	if (PG(last_error_file)) {
 		KAQ_FREE_LAST_FILE(PG(last_error_file));
 	}
-}
-
-void kaq_aside_begin(kaq_aside *aside) {
-	aside->has_interrupt = kaq_take_interrupt();
-	aside->exception = EG(exception);
-	aside->previous_exception = EG(prev_exception);
-	EG(exception) = NULL;
-	EG(prev_exception) = NULL;
-	ZVAL_COPY_VALUE(&aside->error_handler, &EG(user_error_handler));
-	ZVAL_UNDEF(&EG(user_error_handler));
-	aside->error_reporting = EG(error_reporting);
-	EG(error_reporting) &=
-		E_ERROR | E_PARSE | E_CORE_ERROR | E_COMPILE_ERROR | E_USER_ERROR | E_RECOVERABLE_ERROR;
-	aside->last_error_type = PG(last_error_type);
-	aside->last_error_line = PG(last_error_lineno);
-	aside->last_error_message = PG(last_error_message);
-	aside->last_error_file = PG(last_error_file);
-	PG(last_error_message) = NULL;
-	PG(last_error_file) = NULL;
-}
-
-template <typename Text> static void kaq_put_text_back(Text **slot, void *text) {
-	*slot = (Text *)text;
-}
-
-void kaq_aside_end(kaq_aside *aside) {
-	if (aside->has_interrupt) {
-		kaq_set_interrupt();
-	}
-	kaq_free_last_error();
-	PG(last_error_type) = aside->last_error_type;
-	PG(last_error_lineno) = aside->last_error_line;
-	kaq_put_text_back(&PG(last_error_message), aside->last_error_message);
-	kaq_put_text_back(&PG(last_error_file), aside->last_error_file);
-	EG(error_reporting) = aside->error_reporting;
-	if (Z_TYPE(EG(user_error_handler)) != IS_UNDEF) {
-		zval_ptr_dtor(&EG(user_error_handler));
-	}
-	ZVAL_COPY_VALUE(&EG(user_error_handler), &aside->error_handler);
-	zend_object *raised = EG(exception);
-	if (raised && kaq_is_exit(raised)) {
-		if (aside->exception) {
-			OBJ_RELEASE(aside->exception);
-		}
-		return;
-	}
-	EG(exception) = NULL;
-	if (raised) {
-		OBJ_RELEASE(raised);
-	}
-	EG(prev_exception) = aside->previous_exception;
-	EG(exception) = aside->exception;
 }

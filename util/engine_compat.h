@@ -154,20 +154,13 @@ void kaq_watch_handle(HashTable *watch, const zval *handle);
 zend_long kaq_watched_id(const zval *entry);
 void kaq_watch_handles_end(HashTable *watch);
 
-/* What a script could see of calls that it did not make: a pending exception or interrupt, the
- * error handler, the error level and the last error. Begin puts them aside, leaving fatal errors to
- * be reported; end puts them back and drops an exception that came up in between. Only an exit
- * stays. */
-typedef struct {
-	zend_object *exception, *previous_exception;
-	zval error_handler;
-	bool has_interrupt;
-	int error_reporting;
-	int last_error_type, last_error_line;
-	void *last_error_message, *last_error_file;
-} kaq_aside;
-void kaq_aside_begin(kaq_aside *aside);
-void kaq_aside_end(kaq_aside *aside);
+/* Takes a pending interrupt (a signal for the script, its time limit), which the engine deals with
+ * at the end of a call; and gives it back. */
+bool kaq_take_interrupt(void);
+void kaq_set_interrupt(void);
+
+/* Frees the texts of the engine's last error, which dangle then. */
+void kaq_free_last_error(void);
 
 /* A parse of arguments that fails warns, in later engines it throws. */
 #if PHP_VERSION_ID < 80000

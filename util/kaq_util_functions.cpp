@@ -1,5 +1,7 @@
 #include "util/kaq_util_functions.h"
 
+#include "core/php_kaq.h"
+#include "util/kaq_aside.h"
 #include "util/kaq_strings.h"
 
 #include <string.h>
@@ -15,6 +17,13 @@ void php_zval_free(zval *value) {
 		zval_ptr_dtor(value);
 		efree(value);
 	}
+}
+
+/* Complete or not there: the memory limit may end either step, and shutdown functions go on. */
+zval *kaq_new_array(void) {
+	zval *value = php_zval_alloc();
+	array_init(value);
+	return value;
 }
 
 void kaq_zval_release(zval **slot) {
@@ -51,8 +60,11 @@ zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 	zval *volatile result = NULL;
 	volatile int caught = 0;
+	zend_kaq_globals *g = kaq_get_globals();
+	int outer = g->in_unnoticed_call;
 	kaq_aside aside;
 	kaq_aside_begin(&aside);
+	g->in_unnoticed_call = 1;
 	zend_try {
 		result = php_call(name, arg1, arg2, arg3);
 	}
@@ -60,6 +72,7 @@ zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 		caught = 1;
 	}
 	zend_end_try();
+	g->in_unnoticed_call = outer;
 	kaq_aside_end(&aside);
 	if (caught) {
 		zend_bailout();

@@ -11,6 +11,7 @@
 #define KAQ_MAX_CALL_ARGS 3
 
 zval *php_zval_alloc(void);
+zval *kaq_new_array(void);
 /* Null is ignored. */
 void php_zval_free(zval *value);
 /* Frees *slot if set, and nulls it. */

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fstream>
+#include <map>
 #include <pthread.h>
 #include <signal.h>
 #include <sstream>
@@ -26,6 +27,8 @@ struct installation {
 static bool is_standing_in;
 static int refused_signal;
 static std::vector<installation> installed;
+/* What the signals have, unless it is the default. */
+static std::map<int, struct sigaction> in_place;
 static std::vector<int> reset;
 static std::vector<int> raised;
 static std::string opened_path;
@@ -80,7 +83,13 @@ int __wrap_sigaction(int number, const struct sigaction *action, struct sigactio
 		errno = EINVAL;
 		return -1;
 	}
-	installed.push_back({number, *action});
+	if (old) {
+		*old = in_place[number];
+	}
+	if (action) {
+		installed.push_back({number, *action});
+		in_place[number] = *action;
+	}
 	return 0;
 }
 
@@ -108,6 +117,7 @@ protected:
 	void SetUp() override {
 		refused_signal = 0;
 		installed.clear();
+		in_place.clear();
 		reset.clear();
 		raised.clear();
 		strcpy(log_path, "/tmp/kaq-crash-XXXXXX");
@@ -173,6 +183,68 @@ TEST_F(CrashHandler, GoesInAgainAtEachCall) {
 	wrap_sethandler();
 	ASSERT_EQ(10u, installed.size());
 	EXPECT_EQ(catchit, installed[9].action.sa_sigaction);
+}
+
+/* Removal. */
+
+static void somebody_elses(int) {
+}
+
+static struct sigaction action_of_somebody_else() {
+	struct sigaction action = {};
+	action.sa_handler = somebody_elses;
+	action.sa_flags = SA_RESTART;
+	return action;
+}
+
+TEST_F(CrashHandler, GivesTheSignalsBackToWhomTheyBelonged) {
+	in_place[SIGILL] = action_of_somebody_else();
+	wrap_sethandler();
+	wrap_sethandler();
+	installed.clear();
+	kaq_remove_crash_handler();
+	std::vector<int> numbers;
+	for (const installation &one : installed) {
+		numbers.push_back(one.number);
+		EXPECT_EQ(one.number == SIGILL ? somebody_elses : SIG_DFL, one.action.sa_handler);
+		EXPECT_EQ(one.number == SIGILL ? SA_RESTART : 0, one.action.sa_flags);
+	}
+	EXPECT_EQ(in_order, numbers);
+}
+
+TEST_F(CrashHandler, LeavesASignalThatSomebodyElseHasTaken) {
+	wrap_sethandler();
+	in_place[SIGABRT] = action_of_somebody_else();
+	installed.clear();
+	kaq_remove_crash_handler();
+	EXPECT_EQ(4u, installed.size());
+	EXPECT_EQ(somebody_elses, in_place[SIGABRT].sa_handler);
+}
+
+TEST_F(CrashHandler, HandlerThatCameLaterIsNotGivenBack) {
+	wrap_sethandler();
+	in_place[SIGFPE] = action_of_somebody_else();
+	wrap_sethandler();
+	kaq_remove_crash_handler();
+	EXPECT_EQ(SIG_DFL, in_place[SIGFPE].sa_handler);
+}
+
+TEST_F(CrashHandler, IsRemovedOnlyWhereItIsInstalled) {
+	kaq_remove_crash_handler();
+	wrap_sethandler();
+	kaq_remove_crash_handler();
+	installed.clear();
+	kaq_remove_crash_handler();
+	EXPECT_TRUE(installed.empty());
+}
+
+TEST_F(CrashHandler, LooksAgainAfterARemoval) {
+	wrap_sethandler();
+	kaq_remove_crash_handler();
+	in_place[SIGSYS] = action_of_somebody_else();
+	wrap_sethandler();
+	kaq_remove_crash_handler();
+	EXPECT_EQ(somebody_elses, in_place[SIGSYS].sa_handler);
 }
 
 TEST_F(CrashHandler, AnyOtherHandlerCanBePutIn) {
@@ -355,4 +427,21 @@ TEST_F(CrashHandler, AddressIsLookedUpWithTheToolOfThatName) {
 	EXPECT_EQ(256, addr2line((void *)0x1f2e));
 	EXPECT_EQ("In kaq", testing::internal::GetCapturedStdout());
 	EXPECT_EQ("addr2line -f -i -C -e /opt/kaq/lib/kaq20170718.so 0x1f2e", command_line);
+}
+
+/* Threads of a server come and go: a request may be the first in its thread. */
+class SignalStackOfARequest : public EngineTest {};
+
+TEST_F(SignalStackOfARequest, IsThereWhenTheRequestHasStarted) {
+	kaq_release_signal_stack();
+	stack_t before = signal_stack_of_thread();
+	stack_t none = {};
+	none.ss_flags = SS_DISABLE;
+	sigaltstack(&none, nullptr);
+	start_request();
+	EXPECT_EQ(0, signal_stack_of_thread().ss_flags & SS_DISABLE);
+	end_request();
+	kaq_release_signal_stack();
+	EXPECT_TRUE(signal_stack_of_thread().ss_flags & SS_DISABLE);
+	sigaltstack(&before, nullptr);
 }

@@ -147,6 +147,39 @@ TEST_F(UnnoticedCall, ExceptionOfTheCallDoesNotReplaceAPendingOne) {
 	EXPECT_EQ("[\"pending\",null]", php_json("$caught"));
 }
 
+TEST_F(UnnoticedCall, ErrorThatAHandlerWouldHaveTakenDoesNotEndTheRequest) {
+	EXPECT_EQ("[1]", iterate("trigger_error('x', E_USER_ERROR);"));
+	EXPECT_EQ("[]", seen());
+	EXPECT_EQ(0, g->in_unnoticed_call);
+	EXPECT_TRUE(run_php("trigger_error('own', E_USER_ERROR);"));
+	EXPECT_EQ("[\"own\"]", seen());
+}
+
+TEST_F(UnnoticedCall, HandlersThatAreSetMeanwhileAreGoneAfterwards) {
+	for (const char *code : {"set_error_handler(function () {});",
+							 "set_error_handler(function () {}); set_error_handler('var_dump');",
+							 "set_error_handler(function () {}); restore_error_handler();"}) {
+		EXPECT_EQ("[1]", iterate(code));
+		EXPECT_TRUE(run_php("$seen = []; echo $undefined['x'];"));
+		EXPECT_NE("[]", seen()) << code;
+		EXPECT_TRUE(run_php("restore_error_handler(); $before = set_error_handler(null);"));
+		EXPECT_EQ("null", php_json("$before")) << code;
+		EXPECT_TRUE(run_php("set_error_handler(function ($type, $text) use (&$seen) {"
+							"$seen[] = $text; });"));
+	}
+}
+
+TEST_F(UnnoticedCall, WhatItMeetsIsNobodysFailure) {
+	iterate("trigger_error('x', E_USER_WARNING);");
+	iterate("throw new Exception;");
+	EXPECT_EQ(0, g->error_count);
+	EXPECT_EQ(0, g->exception_count);
+	EXPECT_TRUE(run_php("trigger_error('x', E_USER_WARNING);"
+						"try { throw new Exception; } catch (Exception $e) {}"));
+	EXPECT_EQ(0, g->error_count) << "a handler of the script takes them before the callback";
+	EXPECT_EQ(1, g->exception_count);
+}
+
 TEST_F(UnnoticedCall, CallsLeaveNothingBehind) {
 	ASSERT_TRUE(run_php(
 		"$bad = new Bad(function () { trigger_error('quiet ' . mt_rand(), E_USER_WARNING); });"));
@@ -239,6 +272,15 @@ static const char DYING[] = "eval('class Twice { function f() {} function f() {}
 
 TEST_F(UnnoticedCall, FatalErrorPassesOnWithEverythingPutBack) {
 	make_bad(DYING);
+	probe = die_within;
+	EXPECT_TRUE(dies_in_php("probe();"));
+	EXPECT_EQ("caught", outcome);
+	CG(unclean_shutdown) = 0;
+}
+
+TEST_F(UnnoticedCall, ErrorThatTheScriptsHandlerDoesNotAskForPassesOn) {
+	EXPECT_TRUE(run_php("set_error_handler(function () {}, E_ALL & ~E_USER_ERROR);"));
+	make_bad("trigger_error('x', E_USER_ERROR);");
 	probe = die_within;
 	EXPECT_TRUE(dies_in_php("probe();"));
 	EXPECT_EQ("caught", outcome);

@@ -56,15 +56,15 @@ class Site:
         while self._servers:
             self._servers.popitem()[1].close()
 
-    def get(self, source, loaded=True, settings=None, method="GET", gzip_accepted=False):
+    def get(self, source, loaded=True, settings=None, method="GET", accepted=None):
         """The answer of a page whose source is given without the opening tag."""
         page = self._page(source)
         server = self._server(loaded, dict(settings or {}))
         if self.kind == "builtin":
-            headers = [("Accept-Encoding", "gzip")] if gzip_accepted else []
+            headers = [("Accept-Encoding", accepted)] if accepted else []
             answer = server.request("/" + page.name, method, headers)
             return Answer(answer.status, answer.getheaders(), answer.body)
-        variables = {"HTTP_ACCEPT_ENCODING": "gzip"} if gzip_accepted else {}
+        variables = {"HTTP_ACCEPT_ENCODING": accepted} if accepted else {}
         answer = server.request(page, REQUEST_METHOD=method, REQUEST_URI="/" + page.name,
                                 **variables)
         assert not answer.errors, answer.errors

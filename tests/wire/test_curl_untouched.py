@@ -59,6 +59,19 @@ SCRIPTS = {
         }
         curl_setopt($all[0], CURLOPT_SHARE, null); $show($all[0]);
     """,
+    "elements that end in an error": """
+        class Line { function __toString() { trigger_error('user', E_USER_ERROR); return 'A: 1'; } }
+        set_error_handler(function ($type, $text) { echo "$text\\n"; return true; });
+        curl_setopt($ch, CURLOPT_HTTPHEADER, [new Line, 'B: 2']); $show($ch); $show($ch);
+        var_dump(error_get_last());
+    """,
+    "options that are no numbers": """
+        foreach ([10023.0, '10023', '1.0023e4', '10023abc', 10023.5, true, null, [10023]] as $bad) {
+            curl_setopt($ch, CURLOPT_HTTPHEADER, ['Old: 1']);
+            $try(function () use ($ch, $bad) { return @curl_setopt($ch, $bad, ['New: 2']); });
+            $show($ch);
+        }
+    """,
     "private data": "curl_setopt($ch, CURLOPT_PRIVATE, 'mine'); $show($ch);"
                     "var_dump(curl_getinfo($ch, CURLINFO_PRIVATE));",
     "closed twice": "$try(function () use ($ch) { curl_close($ch); curl_close($ch);"
@@ -186,13 +199,23 @@ SCRIPTS = {
     "attached handle closed": "$multi = curl_multi_init(); curl_multi_add_handle($multi, $ch);"
                               "curl_close($ch);" + FINISH + "var_dump($status); unset($ch);" +
                               FINISH + "curl_multi_close($multi);",
+    "headers changed between two runs": "$multi = curl_multi_init();"
+                                        "curl_setopt($ch, CURLOPT_HTTPHEADER, ['A: 1']);"
+                                        "curl_multi_add_handle($multi, $ch);" + FINISH +
+                                        "curl_multi_remove_handle($multi, $ch);"
+                                        "curl_setopt($ch, CURLOPT_HTTPHEADER, ['B: 1']);"
+                                        "curl_multi_add_handle($multi, $ch);" + FINISH +
+                                        "echo curl_multi_getcontent($ch);",
     "headers changed while attached": "$multi = curl_multi_init();"
                                       "curl_setopt($ch, CURLOPT_HTTPHEADER, ['A: 1']);"
-                                      "curl_multi_add_handle($multi, $ch);" + FINISH +
-                                      "curl_multi_remove_handle($multi, $ch);"
-                                      "curl_setopt($ch, CURLOPT_HTTPHEADER, ['B: 1']);"
-                                      "curl_multi_add_handle($multi, $ch);" + FINISH +
-                                      "echo curl_multi_getcontent($ch);",
+                                      "curl_multi_add_handle($multi, $ch);"
+                                      "curl_setopt($ch, CURLOPT_HTTPHEADER, ['B: 1']);" + FINISH +
+                                      "echo curl_multi_getcontent($ch);"
+                                      "curl_multi_remove_handle($multi, $ch); $show($ch);",
+    "reset while attached": "$multi = curl_multi_init();"
+                            "curl_setopt($ch, CURLOPT_HTTPHEADER, ['A: 1']);"
+                            "curl_multi_add_handle($multi, $ch); curl_reset($ch);"
+                            "curl_setopt($ch, CURLOPT_URL, \"$url/b\");" + FINISH + "$show($ch);",
     "multi closed first": "$multi = curl_multi_init(); curl_multi_add_handle($multi, $ch);"
                           "curl_multi_close($multi); unset($multi); $show($ch);",
     "multi used after it was closed": "$multi = curl_multi_init(); curl_multi_close($multi);"
@@ -282,6 +305,17 @@ def test_iterator_that_is_a_header_list_is_read_and_sent_which_is_meant(
         $list = %s; curl_setopt($ch, CURLOPT_HTTPHEADER, $list); $show($ch); $show($ch);
     """ % list_, mode)
     assert [request.headers[-2:] for request in run.requests] == [["A: 1", "B: 2"]] * 2
+
+
+def test_iterator_whose_keys_repeat_leaves_the_last_line_of_each_which_is_meant(curl, engine):
+    if engine.handles_are_objects:
+        pytest.skip("curl refuses one here")
+    run = curl.run(PRELUDE + """
+        $lists = function () { yield from ['A: 1', 'B: 2', 'C: 3']; yield from ['D: 4', 'E: 5']; };
+        curl_setopt($ch, CURLOPT_HTTPHEADER, $lists()); $show($ch);
+    """)
+    assert run.requests[0].headers[-4:] == run.requests[0].headers[-4:-3] + [
+        "D: 4", "E: 5", "C: 3"]
 
 
 @pytest.mark.parametrize("list_", [

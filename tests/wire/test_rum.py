@@ -225,6 +225,10 @@ UNCHANGED = {
     "all buffers thrown away": HTML + "while (ob_get_level()) ob_end_clean(); " + SHOW,
     "ours ended": HTML + "while (ob_get_level()) ob_end_flush(); " + SHOW,
     "encoded by the script": HTML + "header('Content-Encoding: gzip'); echo gzencode('%s');" % PAGE,
+    "deflated by the script": HTML + "header('Content-Encoding: deflate');"
+                              "echo gzcompress('%s', 0);" % PAGE,
+    "encoded in pieces": HTML + "header('content-encoding: gzip'); $page = gzencode('%s', 0);"
+                         "echo substr($page, 0, 20); ob_flush(); echo substr($page, 20);" % PAGE,
     "ten megabytes": "header('Content-Type: text/plain'); for ($i = 0; $i < 10; $i++)"
                      "echo str_repeat('</head>', 150000);",
 }
@@ -259,6 +263,52 @@ def test_not_modified_with_a_page_answers_as_without_us(site):
     assert (loaded.status, loaded.headers) == (bare.status, bare.headers)
     if bare.body:
         assert loaded.body == rum_pages.with_snippet(bare.body)
+
+
+# Pages that are longer than what the handler holds back -------------------------------------------
+
+JSON = "header('Content-Type: application/json'); "
+LONG = "echo '<head></head>'; echo str_repeat('x', 70000), 'end';"
+LONG_PAGE = b"<head></head>" + b"x" * 70000 + b"end"
+BUFFERED = {"output_buffering": "1000000"}
+SAY_LENGTH = "header_register_callback(function () { header('Content-Length: %d'); });"
+# Source, settings, the length that is told, the body that is sent.
+LATE_LOOKS = {
+    "length asked for": (JSON + LONG + "header('Content-Length: ' . ob_get_length());", BUFFERED,
+                         "3", LONG_PAGE),
+    "page fetched": (JSON + LONG + "echo strlen(ob_get_clean());", BUFFERED,
+                     None, LONG_PAGE[:-3] + b"3"),
+    "page cleaned": (JSON + LONG + "ob_clean(); echo 'new';", BUFFERED,
+                     None, LONG_PAGE[:-3] + b"new"),
+    "length told late": (HTML + LONG + "header('Content-Length: 70016');", BUFFERED,
+                         "70016", rum_pages.with_snippet(LONG_PAGE)),
+    "length told with the headers": (HTML + SAY_LENGTH % 70016 + LONG, BUFFERED,
+                                     "70016", rum_pages.with_snippet(LONG_PAGE)),
+    "length of a short page told with the headers": (
+        HTML + SAY_LENGTH % len(PAGE) + SHOW, {}, str(len(PAGE)),
+        rum_pages.with_snippet(PAGE.encode())),
+}
+
+
+@pytest.mark.parametrize("name", list(LATE_LOOKS))
+def test_script_that_looks_back_too_late_answers_something_else_is_meant(site, name):
+    source, settings, length, body = LATE_LOOKS[name]
+    bare, loaded = (site.get(source, on, settings) for on in (False, True))
+    assert bare.header("content-length") in (None, str(len(bare.body)))
+    assert loaded.header("content-length") == length
+    # A web server, or its client, cuts off what is beyond the length.
+    kept = int(length) if site.kind == "builtin" and length else len(body)
+    assert loaded.body == body[:kept] and loaded != bare
+    assert site.get(source, settings={**settings, "kaq.enable_auto_rum": 0}) == bare
+
+
+@pytest.mark.parametrize("type_", [HTML, JSON], ids=["html", "json"])
+def test_headers_told_late_count_for_a_long_page_too(site, type_):
+    source = type_ + LONG + "header('X-Late: 1'); http_response_code(404);"
+    bare, loaded = (site.get(source, on, BUFFERED) for on in (False, True))
+    assert (loaded.status, loaded.headers) == (bare.status, bare.headers)
+    assert (loaded.status, loaded.header("x-late")) == (404, "1")
+    assert loaded.body == (rum_pages.with_snippet(LONG_PAGE) if type_ == HTML else LONG_PAGE)
 
 
 # A cleaned chunk ----------------------------------------------------------------------------------
@@ -320,7 +370,7 @@ def test_header_can_be_told_after_the_first_output_is_meant(site):
     ids=["zlib.output_compression", "output_handler", "small pieces"])
 @pytest.mark.parametrize("name", ["plain", "later chunk", "ten megabytes in pieces"])
 def test_compression_around_us_compresses_the_page_with_the_snippet(site, settings, name):
-    answer = site.injected(WITH_SNIPPET[name], settings=settings, gzip_accepted=True)
+    answer = site.injected(WITH_SNIPPET[name], settings=settings, accepted="gzip")
     assert answer.header("content-encoding") == "gzip"
 
 
@@ -331,8 +381,16 @@ def test_compression_that_the_client_does_not_take_is_none(site, name):
 
 
 def test_compression_within_hides_the_tag(site):
-    answer = site.unchanged(HTML + "ob_start('ob_gzhandler'); " + SHOW, gzip_accepted=True)
+    answer = site.unchanged(HTML + "ob_start('ob_gzhandler'); " + SHOW, accepted="gzip")
     assert answer.text == PAGE.encode() and answer.header("content-encoding") == "gzip"
+
+
+@pytest.mark.parametrize("accepted", ["gzip", "deflate"])
+def test_compression_within_that_leaves_the_tag_as_it_is_is_left_alone(site, accepted):
+    source = "ini_set('zlib.output_compression_level', 0);" + HTML + \
+             "ob_start('ob_gzhandler'); echo '<html>'; ob_flush(); " + SHOW
+    answer = site.unchanged(source, accepted=accepted)
+    assert b"</head>" in answer.body and answer.header("content-encoding") == accepted
 
 
 def test_handler_that_finds_nothing_to_compress_hides_nothing(site):
@@ -341,7 +399,7 @@ def test_handler_that_finds_nothing_to_compress_hides_nothing(site):
 
 @pytest.mark.parametrize("name", ["json", "length", "empty", "redirection", "not modified"])
 def test_unchanged_pages_are_so_under_compression(site, name):
-    site.unchanged(UNCHANGED[name], settings={"zlib.output_compression": 1}, gzip_accepted=True)
+    site.unchanged(UNCHANGED[name], settings={"zlib.output_compression": 1}, accepted="gzip")
 
 
 # Where the handler is -----------------------------------------------------------------------------
