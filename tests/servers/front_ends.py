@@ -1,12 +1,15 @@
 """Web servers as doors of a service (see services.py): nginx in front of a FastCGI server, and
 Apache with the engine's module. On loopback, on free ports, in temporary directories, apart from
 any service of the machine."""
+import collections
+import json
 import os
 import pathlib
 import shutil
 import socket
 
 import doors
+import engines
 import services
 from server_processes import SEARCH, Unavailable, free_port
 
@@ -70,6 +73,18 @@ MaxSpareServers 1
 MaxRequestWorkers 4
 KeepAlive Off
 Timeout 30
+"""
+HTTP2 = """
+LoadModule http2_module "{modules}/mod_http2.so"
+Protocols h2c http/1.1
+"""
+# The client of HTTP/2 is the engine's curl, without the extension.
+ASK_BY_HTTP2 = """
+    $call = curl_init($argv[1]);
+    curl_setopt_array($call, [
+        CURLOPT_RETURNTRANSFER => true, CURLOPT_HEADER => true, CURLOPT_TIMEOUT => 20,
+        CURLOPT_HTTP_VERSION => 5, CURLOPT_HTTPHEADER => json_decode($argv[2])]);
+    echo curl_exec($call);
 """
 
 
@@ -145,6 +160,8 @@ def _apache_module(engine):
 
 
 class Apache(_WebServer):
+    more = ""
+
     def __init__(self, environment, engine, options, page):
         super().__init__()
         try:
@@ -159,8 +176,8 @@ class Apache(_WebServer):
                 "\n".join(settings) + "\n", encoding="ascii")
             # When it ends it ends its process group, which must not be that of the tests.
             self._serve(
-                APACHE.format(directory=self.directory, modules=MODULES, name=name, engine=module,
-                              port="{port}"),
+                (APACHE + self.more).format(directory=self.directory, modules=MODULES, name=name,
+                                            engine=module, port="{port}"),
                 ["setsid", program, "-DFOREGROUND", "-d", self.directory, "-f"],
                 {"PATH": SEARCH, **environment})
         except BaseException:
@@ -168,4 +185,24 @@ class Apache(_WebServer):
             raise
 
 
-KINDS = {"nginx-fpm": NginxFpm, "nginx-cgi": NginxCgi, "apache": Apache}
+Answer = collections.namedtuple("Answer", "status body")
+
+
+class ApacheHttp2(Apache):
+    more = HTTP2
+
+    def __init__(self, environment, engine, options, page):
+        super().__init__(environment, engine, options, page)
+        self._client = [engine.php, "-n", *services.curl_options(engine), "-r", ASK_BY_HTTP2]
+
+    def request(self, path="/", method="GET", headers=(), body=b""):
+        assert method == "GET" and not body
+        told = engines.run([*self._client, "http://127.0.0.1:%d%s" % (self.port, path),
+                            json.dumps(["%s: %s" % pair for pair in headers])])
+        head, _, answered = told.stdout.partition(b"\r\n\r\n")
+        assert head.startswith(b"HTTP/2 200"), (told, self.log[-3000:])
+        return Answer(200, answered)
+
+
+KINDS = {"nginx-fpm": NginxFpm, "nginx-cgi": NginxCgi, "apache": Apache,
+         "apache-http2": ApacheHttp2}

@@ -96,20 +96,34 @@ def test_ten_thousand_spans(wire, agent):
     assert len(agent.payload.spans) == 10001
 
 
+def whole_payload(agent, compare, **arguments):
+    """The payload of a run, which is tried again: what the agent has not read after a second is
+    lost, and on a busy machine that happens now and then."""
+    for _ in range(5):
+        agent.forget()
+        compare(**arguments)
+        agent.settle()
+        if all(not one.is_notice and one.raw.endswith(b"\n") for one in agent.data_records):
+            break
+    return agent.payload
+
+
 def test_payload_of_fifty_megabytes_under_the_default_memory_limit(wire, agent):
     name = "g" * 5000
-    wire.same_as_bare(wire.cli, source="function %s() {} for ($i = 0; $i < 10000; $i++) %s();"
-                                       "echo 'done'; exit(2);" % (name, name), settings=KEEP_ALL)
-    payload = agent.payload
+    payload = whole_payload(
+        agent, wire.same_as_bare, run=wire.cli, settings=KEEP_ALL,
+        source="function %s() {} for ($i = 0; $i < 10000; $i++) %s(); echo 'done'; exit(2);" % (
+            name, name))
     assert len(payload.bytes) > 50000000
     assert len(payload.spans) == 10001 and payload.spans[-1]["fn"] == name
 
 
 def test_input_of_fifty_megabytes_under_the_default_memory_limit(wire, agent):
-    wire.same_as_bare(wire.cgi, source="$_REQUEST = ['x' => str_repeat('/', 25000000)];"
-                                       "echo 'done';")
-    assert len(agent.payload.transaction["http_input_params"]["x"]) == 25000000
-    assert len(agent.payload.bytes) > 50000000
+    payload = whole_payload(
+        agent, wire.same_as_bare, run=wire.cgi,
+        source="$_REQUEST = ['x' => str_repeat('/', 25000000)]; echo 'done';")
+    assert len(payload.transaction["http_input_params"]["x"]) == 25000000
+    assert len(payload.bytes) > 50000000
 
 
 def test_script_that_nearly_fills_its_memory_limit_still_ends_as_it_would(wire, agent):

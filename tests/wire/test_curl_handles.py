@@ -165,6 +165,17 @@ def test_refused_removal_changes_nothing(curl):
     assert caller_of(request) == span["si"]
 
 
+def test_refused_addition_changes_nothing(curl):
+    payload = curl.payload("""
+        $ch = curl_init("$url/a"); curl_setopt($ch, CURLOPT_RETURNTRANSFER, 1);
+        $multi = curl_multi_init(); $other = curl_multi_init(); curl_multi_add_handle($multi, $ch);
+        echo (int)(curl_multi_add_handle($other, $ch) !== 0);
+    """ + FINISH + "curl_multi_exec($other, $running);", output=b"1")
+    request, = curl.requests
+    span, = transfers(payload)
+    assert caller_of(request) == span["si"]
+
+
 def test_memory_does_not_grow_with_handles_that_are_gone(curl, engine):
     """Where a handle's number comes again, so does the room for what is known of it."""
     if not engine.handles_are_objects or not engine.keeps_memory_limit:

@@ -108,6 +108,63 @@ def test_switch_is_looked_at_in_every_call(curl):
     assert [request.headers[-1] for request in run.requests] == ["A: 1", "A: 1", "B: 1"]
 
 
+ADD = "$multi = curl_multi_init(); curl_multi_add_handle($multi, $ch);"
+# What a script does with a handle that waits in a multi handle: the lines it means to send.
+WHILE_ATTACHED = {
+    "list": ("curl_setopt($ch, CURLOPT_HTTPHEADER, ['B: 2']);", {"B": "2"}),
+    "list in an array": ("curl_setopt_array($ch, [CURLOPT_HTTPHEADER => ['B: 2']]);", {"B": "2"}),
+    "empty list": ("curl_setopt($ch, CURLOPT_HTTPHEADER, []);", {}),
+    "reset": ("curl_reset($ch); curl_setopt($ch, CURLOPT_URL, \"$url/a\");"
+              "curl_setopt($ch, CURLOPT_RETURNTRANSFER, true);", {}),
+}
+
+
+@pytest.mark.parametrize("mode", ["trace", "both"])
+@pytest.mark.parametrize("before", ["", "curl_setopt($ch, CURLOPT_HTTPHEADER, ['A: 1']);"],
+                         ids=["no list before", "list before"])
+@pytest.mark.parametrize("what", list(WHILE_ATTACHED))
+def test_headers_set_while_attached_are_sent_alone_which_is_meant(curl, what, before, mode):
+    change, own = WHILE_ATTACHED[what]
+    source = OPEN + before + ADD + change + FINISH
+    bare = curl.run(source, loaded=False)
+    payload = curl.payload(source, mode)
+    assert [request.raw for request in curl.requests] == [request.raw for request in bare.requests]
+    request, = curl.requests
+    assert trace_lines(request) == [] and "A: 1" not in request.headers
+    assert ("B: 2" in request.headers) == (own == {"B": "2"})
+    span, = transfers(payload)
+    assert (span["hn"], span["esc"]) == (curl.server.url + "/a", 200)
+    if mode == "both":
+        assert span.get("erqh", {}) == own
+
+
+@pytest.mark.parametrize("switch", ["kaq.capture_distributed_trace", "kaq.span_limit"])
+def test_switched_off_in_mid_request_leaves_the_last_trace_headers_which_is_meant(curl, switch):
+    """Until the script sets a list again."""
+    payload = curl.payload(OPEN + "curl_setopt($ch, CURLOPT_HTTPHEADER, ['A: 1']);" + EXEC * 2 +
+                           "ini_set('%s', '0');" % switch + EXEC + "$copy = $ch;"
+                           "$ch = curl_copy_handle($ch);" + EXEC + MULTI +
+                           "curl_setopt($copy, CURLOPT_HTTPHEADER, ['B: 2']); curl_exec($copy);",
+                           "trace")
+    last = expected_lines(payload, calls(payload, "curl_exec")[1])
+    assert [trace_lines(one) for one in curl.requests[1:]] == [last, last, last, last, []]
+    assert [one.headers[-1] for one in curl.requests[1:]] == ["A: 1"] * 4 + ["B: 2"]
+    told = len(calls(payload, "curl_exec")), len(transfers(payload))
+    assert told == ((2, 0) if switch == "kaq.span_limit" else (5, 1))
+
+
+def test_refused_run_of_an_attached_handle_replaces_its_headers_which_is_meant(curl):
+    run = curl.web(OPEN + "curl_setopt($ch, CURLOPT_HTTPHEADER, ['A: 1']);" + ADD +
+                   "echo (int)curl_exec($ch), curl_errno($ch) ? 'refused' : '';" + FINISH)
+    assert run.result.response.body == b"0refused"
+    payload = curl.agent.payload
+    refused, = calls(payload, "curl_exec")
+    request, = run.requests
+    assert request.headers[-4:] == expected_lines(payload, refused, ALONE) + ["A: 1"]
+    span, = transfers(payload)
+    assert span["si"] != refused["si"] and span["esc"] == 200
+
+
 # The account -------------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("key,sent", [

@@ -44,6 +44,12 @@ SCRIPTS = {
                                    "$c = curl_copy_handle($ch); curl_close($ch); unset($ch);"
                                    "$show($c); $show($c);",
     "cloned": "$try(function () use ($ch) { return gettype(clone $ch); });",
+    "cloned with headers": """
+        $clone = function ($handle) { return is_object($handle) ? clone $handle : $handle; };
+        curl_setopt($ch, CURLOPT_HTTPHEADER, ['A: 1']); $b = $clone($ch); $c = $clone($b);
+        curl_setopt($b, CURLOPT_HTTPHEADER, ['B: 2']); $show($ch); $show($b); $show($c);
+        $d = $clone($b); unset($b); $show($d); curl_reset($ch); $show($c);
+    """,
     "reset": "curl_setopt($ch, CURLOPT_HTTPHEADER, ['A: 1']); $show($ch); curl_reset($ch);"
              "curl_setopt($ch, CURLOPT_URL, \"$url/b\"); $show($ch);"
              "curl_setopt($ch, CURLOPT_HTTPHEADER, ['B: 2']); $show($ch);",

@@ -298,6 +298,16 @@ def test_call_extends_the_flow_or_begins_it_anew(entry, echo, value, sent):
     assert headers["X-Skelvor-Origin"] == sent
 
 
+@pytest.mark.parametrize("at", [2, 3, 34], ids=["version", "first digit", "last digit"])
+def test_caller_with_control_characters_is_reported_but_not_passed_on_which_is_meant(
+        entry, echo, at):
+    """The version is not taken over, so that nothing of it can be wrong."""
+    value = TRACEPARENT[:at] + "\t" + TRACEPARENT[at + 1:]
+    payload, body = entry.ask("/?call=" + echo.url, headers=[("Traceparent", value)])
+    assert (payload.trace_id, payload.parent) == (value[3:35], PARENT)
+    assert ("traceparent" in json.loads(body)["sent"]) == (at < 3)
+
+
 @pytest.mark.parametrize("escaped", [
     "A\\r\\nEvil: 1", "A\\nEvil: 1", "A\\rEvil: 1", "\\r\\nEvil: 1\\r\\n", "A;\\u000d\\u000aEvil: 1",
     "A\\r\\n\\r\\nGET /evil HTTP/1.1\\r\\nEvil: 1\\r\\n\\r\\n", "A\\tB", "A\\u0001B", "A\\u007fB",
