@@ -12,7 +12,8 @@ kaq_error_cb_t old_error_cb;
 
 /* Later engines add flags to the type. */
 #define KAQ_ERROR_TYPES ((1 << 15) - 1)
-#define KAQ_ENDS_REQUEST (E_ERROR | E_PARSE | E_CORE_ERROR | E_COMPILE_ERROR)
+#define KAQ_ENDS_REQUEST \
+	(E_ERROR | E_PARSE | E_CORE_ERROR | E_COMPILE_ERROR | E_USER_ERROR | E_RECOVERABLE_ERROR)
 
 /* Values of kaq.track_errors, the lowest severity recorded. */
 enum kaq_severity { KAQ_NOTICE = 1, KAQ_WARNING = 2, KAQ_ERROR = 3 };

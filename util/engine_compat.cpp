@@ -165,6 +165,12 @@ int kaq_is_disabled_function(const zend_function *function) {
 #if PHP_VERSION_ID < 80100
 void kaq_watch_fibers(kaq_fiber_notice_t) {
 }
+
+void kaq_block_fibers(void) {
+}
+
+void kaq_unblock_fibers(void) {
+}
 #else
 #include "zend_extensions.h"
 #include "zend_fibers.h"
@@ -185,6 +191,14 @@ void kaq_watch_fibers(kaq_fiber_notice_t notice) {
 		kaq_fiber_notice = notice;
 		zend_observer_fiber_switch_register(kaq_pass_fiber_switch);
 	}
+}
+
+void kaq_block_fibers(void) {
+	zend_fiber_switch_block();
+}
+
+void kaq_unblock_fibers(void) {
+	zend_fiber_switch_unblock();
 }
 #endif
 

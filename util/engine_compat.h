@@ -197,6 +197,10 @@ int kaq_is_disabled_function(const zend_function *function);
 typedef void (*kaq_fiber_notice_t)(void **from, void **to);
 void kaq_watch_fibers(kaq_fiber_notice_t notice);
 
+/* Between these two, which nest, no fiber can be switched: code that tries gets an exception. */
+void kaq_block_fibers(void);
+void kaq_unblock_fibers(void);
+
 /* Whether stdClass can be instantiated: a site may have disabled it, and older engines then warn.
  */
 int kaq_has_plain_objects(void);

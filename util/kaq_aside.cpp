@@ -24,9 +24,11 @@ static void kaq_put_handlers_aside(kaq_aside *aside) {
 
 static void kaq_put_handlers_back(kaq_aside *aside) {
 	while (zend_stack_count(&EG(user_error_handlers)) > aside->handlers_below) {
-		zval_ptr_dtor((zval *)zend_stack_top(&EG(user_error_handlers)));
+		zval pushed;
+		ZVAL_COPY_VALUE(&pushed, (zval *)zend_stack_top(&EG(user_error_handlers)));
 		zend_stack_del_top(&EG(user_error_handlers));
 		zend_stack_del_top(&EG(user_error_handlers_error_reporting));
+		zval_ptr_dtor(&pushed);
 	}
 	zval set_meanwhile;
 	ZVAL_COPY_VALUE(&set_meanwhile, &EG(user_error_handler));

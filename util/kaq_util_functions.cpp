@@ -65,6 +65,7 @@ zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 	kaq_aside aside;
 	kaq_aside_begin(&aside);
 	g->in_unnoticed_call = 1;
+	kaq_block_fibers(); /* or the script would go on with all that put aside */
 	zend_try {
 		result = php_call(name, arg1, arg2, arg3);
 	}
@@ -72,6 +73,7 @@ zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 		caught = 1;
 	}
 	zend_end_try();
+	kaq_unblock_fibers();
 	g->in_unnoticed_call = outer;
 	kaq_aside_end(&aside);
 	if (caught) {

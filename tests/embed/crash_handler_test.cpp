@@ -123,6 +123,8 @@ protected:
 		strcpy(log_path, "/tmp/kaq-crash-XXXXXX");
 		close(mkstemp(log_path));
 		is_standing_in = true;
+		/* What an earlier test or the engine's start has installed is forgotten. */
+		kaq_remove_crash_handler();
 	}
 
 	void TearDown() override {

@@ -140,6 +140,12 @@ TEST_F(Stacks, CountTowardsTheSixteenMegabytesAndEndThere) {
 			  g->failure_bytes);
 }
 
+TEST_F(Stacks, AtTheMarkThereIsNeitherARecordNorAStack) {
+	g->failure_bytes = KAQ_MAX_FAILURE_BYTES;
+	EXPECT_EQ("", stack_after("broke"));
+	EXPECT_EQ("(none)", records());
+}
+
 TEST_F(Stacks, OutsideOfAllCodeThereIsNone) {
 	kaq_make_stacktrace(fi);
 	EXPECT_EQ(nullptr, fi->arg_data.stacktrace);

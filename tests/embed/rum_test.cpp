@@ -133,3 +133,34 @@ TEST_F(RumHandler, TypeCountsInAnyCaseOfItsNameAndOneOfItsValue) {
 	tell_only("Content-Type; text/html");
 	EXPECT_EQ("(as it is)", of("</head>"));
 }
+
+TEST_F(RumHandler, LineThatOnlyBeginsLikeAnEncodingDoesNotCount) {
+	for (const char *line : {"Content-Encoding:", "Content-Encodings: gzip"}) {
+		tell(line);
+		EXPECT_EQ(SNIPPET "</head>", of("</head>")) << line;
+		g->rum_injected = 0;
+		g->rum_page = 0;
+	}
+}
+
+TEST_F(RumHandler, EncodingCountsInAnyCaseAndBeforeAnyOtherLine) {
+	tell("CONTENT-ENCODING:b");
+	tell("X-Other: 1");
+	EXPECT_EQ("(as it is)", of("</head>"));
+}
+
+TEST_F(RumHandler, FirstChunkThatIsOneTellsWhetherThePageIsEncoded) {
+	tell_only("Content-Type: text/plain");
+	EXPECT_EQ("(as it is)", of("first"));
+	tell_only("Content-Type: text/html");
+	tell("Content-Encoding: br");
+	EXPECT_EQ(SNIPPET "</head>", of("</head>"));
+}
+
+TEST_F(RumHandler, ChunkThatIsEmptyCleanedOrCompressedTellsNothing) {
+	EXPECT_EQ("(as it is)", of(""));
+	EXPECT_EQ("(as it is)", of("gone", PHP_OUTPUT_HANDLER_CLEAN));
+	EXPECT_EQ("(as it is)", of("\x1f\x8b</head>"));
+	tell("Content-Encoding: br");
+	EXPECT_EQ("(as it is)", of("</head>"));
+}

@@ -149,6 +149,7 @@ TEST_F(UnnoticedCall, ExceptionOfTheCallDoesNotReplaceAPendingOne) {
 
 TEST_F(UnnoticedCall, ErrorThatAHandlerWouldHaveTakenDoesNotEndTheRequest) {
 	EXPECT_EQ("[1]", iterate("trigger_error('x', E_USER_ERROR);"));
+	EXPECT_EQ("[1]", iterate("try { $text = (string)new ArrayObject; } catch (Error $e) {}"));
 	EXPECT_EQ("[]", seen());
 	EXPECT_EQ(0, g->in_unnoticed_call);
 	EXPECT_TRUE(run_php("trigger_error('own', E_USER_ERROR);"));
@@ -169,6 +170,50 @@ TEST_F(UnnoticedCall, HandlersThatAreSetMeanwhileAreGoneAfterwards) {
 	}
 }
 
+TEST_F(UnnoticedCall, HandlersThatAreSetMeanwhileAreReleased) {
+	EXPECT_TRUE(run_php("$gone = 0; class Counted { function handle() {}"
+						"  function __destruct() { $GLOBALS['gone']++; } }"));
+	iterate("for ($i = 0; $i < 3; $i++) { set_error_handler([new Counted, 'handle']); }");
+	EXPECT_EQ("3", php_json("$gone"));
+}
+
+TEST_F(UnnoticedCall, HandlersBelowStayWithTheirLevels) {
+	EXPECT_TRUE(run_php("set_error_handler(function () {}, E_USER_WARNING);"));
+	iterate("set_error_handler('trim', E_USER_NOTICE); set_error_handler('trim');");
+	EXPECT_TRUE(run_php("restore_error_handler(); trigger_error('x', E_USER_WARNING);"));
+	EXPECT_EQ("[\"x\"]", seen());
+}
+
+TEST_F(UnnoticedCall, HandlersThatSetOthersWhenTheyGoAreDroppedOnce) {
+	EXPECT_TRUE(run_php("$gone = 0; class Last { function handle() {} function __destruct() {"
+						"  if (++$GLOBALS['gone'] == 1) { set_error_handler('strlen'); } } }"));
+	EXPECT_EQ("[1]", iterate("set_error_handler([new Last, 'handle']);"
+							 "set_error_handler([new Last, 'handle']);"));
+	EXPECT_EQ("2", php_json("$gone"));
+	EXPECT_TRUE(run_php("echo $undefined['x'];"));
+	EXPECT_NE("[]", seen());
+}
+
+TEST_F(UnnoticedCall, FiberCannotBeLeftWithin) {
+	EXPECT_TRUE(run_php(
+		"if (class_exists('Fiber')) { $bad = new Bad(function () { Fiber::suspend(); });"
+		"$fiber = new Fiber('probe'); } else { $bad = new Bad(function () { throw new Error; });"
+		"}"));
+	probe = [] {
+		zval object = php_value("$bad");
+		zval *result = php_call_unnoticed("iterator_to_array", &object, nullptr, nullptr);
+		outcome = result ? "a result" : "refused";
+		php_zval_free(result);
+		zval_ptr_dtor(&object);
+	};
+	EXPECT_TRUE(run_php("isset($fiber) ? $fiber->start() : probe();"
+						"$ended = !isset($fiber) || $fiber->isTerminated();"));
+	EXPECT_EQ("refused", outcome);
+	EXPECT_EQ("true", php_json("$ended"));
+	EXPECT_TRUE(run_php("if (isset($fiber)) { $fiber = new Fiber(function () { Fiber::suspend();});"
+						"$fiber->start(); $fiber->resume(); }"));
+}
+
 TEST_F(UnnoticedCall, WhatItMeetsIsNobodysFailure) {
 	iterate("trigger_error('x', E_USER_WARNING);");
 	iterate("throw new Exception;");
@@ -178,6 +223,13 @@ TEST_F(UnnoticedCall, WhatItMeetsIsNobodysFailure) {
 						"try { throw new Exception; } catch (Exception $e) {}"));
 	EXPECT_EQ(0, g->error_count) << "a handler of the script takes them before the callback";
 	EXPECT_EQ(1, g->exception_count);
+}
+
+TEST_F(UnnoticedCall, CallWithinACallEndsOnlyItself) {
+	iterate("probe(); try { throw new Exception; } catch (Exception $e) {}");
+	EXPECT_EQ("1", outcome);
+	EXPECT_EQ(0, g->exception_count);
+	EXPECT_EQ(0, g->in_unnoticed_call);
 }
 
 TEST_F(UnnoticedCall, CallsLeaveNothingBehind) {
@@ -270,21 +322,34 @@ static void make_bad(const char *code) {
 
 static const char DYING[] = "eval('class Twice { function f() {} function f() {} }');";
 
-TEST_F(UnnoticedCall, FatalErrorPassesOnWithEverythingPutBack) {
-	make_bad(DYING);
-	probe = die_within;
-	EXPECT_TRUE(dies_in_php("probe();"));
-	EXPECT_EQ("caught", outcome);
-	CG(unclean_shutdown) = 0;
+static const char DYING_LATER[] =
+	"for ($i = 0; $i < 2; $i++) { eval('if ($i < 2) { function kaq_twice() {} }'); }";
+
+TEST_F(UnnoticedCall, FatalErrorPassesOnWithEverythingPutBackAndIsAFailure) {
+	int failures = 0;
+	for (const char *code : {DYING, DYING_LATER}) {
+		make_bad(code);
+		probe = die_within;
+		EXPECT_TRUE(dies_in_php("probe();"));
+		EXPECT_EQ("caught", outcome);
+		EXPECT_EQ(++failures, g->error_count);
+		CG(unclean_shutdown) = 0;
+	}
 }
 
-TEST_F(UnnoticedCall, ErrorThatTheScriptsHandlerDoesNotAskForPassesOn) {
-	EXPECT_TRUE(run_php("set_error_handler(function () {}, E_ALL & ~E_USER_ERROR);"));
-	make_bad("trigger_error('x', E_USER_ERROR);");
-	probe = die_within;
-	EXPECT_TRUE(dies_in_php("probe();"));
-	EXPECT_EQ("caught", outcome);
-	CG(unclean_shutdown) = 0;
+TEST_F(UnnoticedCall, ErrorThatNoHandlerAsksForPassesOn) {
+	int failures = 0;
+	for (const char *handler : {"set_error_handler(null);",
+								"set_error_handler(function () {}, E_ALL & ~E_USER_ERROR);"}) {
+		EXPECT_TRUE(run_php(handler));
+		make_bad("trigger_error('x', E_USER_ERROR);");
+		probe = die_within;
+		outcome = "not called";
+		EXPECT_TRUE(dies_in_php("probe();"));
+		EXPECT_EQ("caught", outcome);
+		EXPECT_EQ(++failures, g->error_count);
+		CG(unclean_shutdown) = 0;
+	}
 }
 
 TEST_F(UnnoticedCall, FatalErrorPassesOnWithThePendingExceptionPutBack) {

@@ -165,6 +165,19 @@ def test_refused_removal_changes_nothing(curl):
     assert caller_of(request) == span["si"]
 
 
+def test_removal_that_is_refused_within_a_callback_changes_nothing(curl):
+    payload = curl.payload("""
+        $ch = curl_init("$url/a"); $multi = curl_multi_init(); $codes = [];
+        curl_setopt($ch, CURLOPT_WRITEFUNCTION, function ($ch, $data) use ($multi, &$codes) {
+            $codes[] = curl_multi_remove_handle($multi, $ch); return strlen($data);
+        });
+        curl_multi_add_handle($multi, $ch);
+    """ + FINISH + "echo (int)($codes && !in_array(0, $codes, true));", output=b"1")
+    request, = curl.requests
+    span, = transfers(payload)
+    assert caller_of(request) == span["si"]
+
+
 def test_refused_addition_changes_nothing(curl):
     payload = curl.payload("""
         $ch = curl_init("$url/a"); curl_setopt($ch, CURLOPT_RETURNTRANSFER, 1);

@@ -71,8 +71,14 @@ SCRIPTS = {
         curl_setopt($ch, CURLOPT_HTTPHEADER, [new Line, 'B: 2']); $show($ch); $show($ch);
         var_dump(error_get_last());
     """,
+    "elements that warn": """
+        class Line { function __toString() { trigger_error('w', E_USER_WARNING); return 'A: 1'; } }
+        curl_setopt($ch, CURLOPT_HTTPHEADER, [new Line]); $show($ch); $show($ch);
+        restore_error_handler(); curl_setopt($ch, CURLOPT_HTTPHEADER, [new Line]); $show($ch);
+    """,
     "options that are no numbers": """
-        foreach ([10023.0, '10023', '1.0023e4', '10023abc', 10023.5, true, null, [10023]] as $bad) {
+        foreach ([10023.0, '10023', '1.0023e4', '10023abc', 10023.5, true, null, [10023],
+                  new stdClass] as $bad) {
             curl_setopt($ch, CURLOPT_HTTPHEADER, ['Old: 1']);
             $try(function () use ($ch, $bad) { return @curl_setopt($ch, $bad, ['New: 2']); });
             $show($ch);
@@ -311,6 +317,15 @@ def test_iterator_that_is_a_header_list_is_read_and_sent_which_is_meant(
         $list = %s; curl_setopt($ch, CURLOPT_HTTPHEADER, $list); $show($ch); $show($ch);
     """ % list_, mode)
     assert [request.headers[-2:] for request in run.requests] == [["A: 1", "B: 2"]] * 2
+
+
+def test_error_that_ends_the_request_in_our_reading_of_the_list_is_told_which_is_meant(curl):
+    run = curl.run("""
+        class Line { public $n = 0; function __toString() {
+            if (++$this->n > 1) { trigger_error('deadly', E_USER_ERROR); } return 'A: 1'; } }
+        $ch = curl_init("$url/a"); curl_setopt($ch, CURLOPT_HTTPHEADER, [new Line]); curl_exec($ch);
+    """)
+    assert run.result.status == 255 and b"Fatal error: deadly" in run.result.stdout, run.result
 
 
 def test_iterator_whose_keys_repeat_leaves_the_last_line_of_each_which_is_meant(curl, engine):
