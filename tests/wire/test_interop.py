@@ -17,7 +17,10 @@ HERE = pathlib.Path(__file__).resolve().parent / "interop"
 INSTALL_DEADLINE = 180.0
 ANSWER_DEADLINE = 30.0
 UNREACHABLE = ("ENOTFOUND", "EAI_AGAIN", "ECONNREFUSED", "ECONNRESET", "ETIMEDOUT", "ENETUNREACH",
-               "EHOSTUNREACH", "E401", "E403", "E407", "E503")
+               "EHOSTUNREACH", "E401", "E403", "E407", "E503",
+               # A network that stands in between with certificates that npm does not know.
+               "SELF_SIGNED_CERT", "UNABLE_TO_GET_ISSUER_CERT", "UNABLE_TO_VERIFY_LEAF_SIGNATURE",
+               "CERT_UNTRUSTED")
 SAMPLED = 1
 
 PAGE = """
