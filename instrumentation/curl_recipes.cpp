@@ -52,9 +52,9 @@ void kaq_record(const kaq_call *call, kaq_curl_init) {
 /* When curl throws, it may have been at another option or at an element of the list, and has set an
  * array all the same. An object is what it refuses, and so it may be an option that is no number.
  */
-static bool kaq_is_taken(const zval *option, const zval *value) {
+static bool kaq_is_taken(bool option_is_number, const zval *value) {
 	ZVAL_DEREF(value);
-	return !EG(exception) || (Z_TYPE_P(option) == IS_LONG && Z_TYPE_P(value) == IS_ARRAY);
+	return !EG(exception) || (option_is_number && Z_TYPE_P(value) == IS_ARRAY);
 }
 
 void kaq_record(const kaq_call *call, kaq_curl_setopt) {
@@ -72,7 +72,7 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt) {
 	}
 	int caught = kaq_call_protected(call);
 	if (kaq_keeps_headers() && kaq_is_header_option(option) &&
-		kaq_is_taken(option, arguments.value[2])) {
+		kaq_is_taken(php_is_zval_valid_integer(option), arguments.value[2])) {
 		kaq_save_header_option(arguments.value[0], arguments.value[2]);
 	}
 	kaq_pass_on(caught);
@@ -90,13 +90,11 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	if (!kaq_keeps_headers() || !php_is_zval_valid_array(options)) {
 		return;
 	}
-	zval option;
-	ZVAL_LONG(&option, KAQ_CURLOPT_HTTPHEADER);
-	zend_ulong number;
+	zend_ulong option;
 	zend_string *name;
 	zval *value;
-	ZEND_HASH_FOREACH_KEY_VAL(Z_ARRVAL_P(options), number, name, value) {
-		if (!name && number == KAQ_CURLOPT_HTTPHEADER && kaq_is_taken(&option, value)) {
+	ZEND_HASH_FOREACH_KEY_VAL(Z_ARRVAL_P(options), option, name, value) {
+		if (!name && option == KAQ_CURLOPT_HTTPHEADER && kaq_is_taken(true, value)) {
 			kaq_save_header_option(arguments.value[0], value);
 		}
 	}

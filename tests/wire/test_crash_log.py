@@ -260,34 +260,41 @@ def cores_land_in_the_directory():
     return "/" not in text and not text.startswith("|")
 
 
-@pytest.mark.parametrize("name", list(FAULTS))
-def test_core_is_dumped_as_without_us(room, faults, name):
+@pytest.fixture
+def core_room(room):
     if resource.getrlimit(resource.RLIMIT_CORE)[1] != resource.RLIM_INFINITY:
         pytest.skip("this user may dump no core")
     room.limits = "ulimit -c unlimited"
     room.enclose()
+    return room
+
+
+def ends_without_and_with_us(room, death):
+    """How death(loaded) ends; its core is removed."""
     ends = []
     for loaded in (False, True):
-        ends.append(room.run(fault(name), loaded=loaded, env=faults).end)
+        ends.append(death(loaded).end)
         for core in room.directory.glob("core*"):
             core.unlink()
+    return ends
+
+
+@pytest.mark.parametrize("name", list(FAULTS))
+def test_core_is_dumped_as_without_us(core_room, faults, name):
+    ends = ends_without_and_with_us(
+        core_room, lambda loaded: core_room.run(fault(name), loaded=loaded, env=faults))
     assert ends[0] == ends[1]
     if cores_land_in_the_directory():
         assert ends[1][1], "a core was to be had"
 
 
-def test_sent_signal_dumps_a_core_as_without_us(room):
-    if resource.getrlimit(resource.RLIMIT_CORE)[1] != resource.RLIM_INFINITY:
-        pytest.skip("this user may dump no core")
-    room.limits = "ulimit -c unlimited"
-    room.enclose()
-    ends = []
-    for loaded in (False, True):
-        running = sleeping(room, loaded)
+def test_sent_signal_dumps_a_core_as_without_us(core_room):
+    def death(loaded):
+        running = sleeping(core_room, loaded)
         os.kill(running.process.pid, signal.SIGABRT)
-        ends.append(running.death().end)
-        for core in room.directory.glob("core*"):
-            core.unlink()
+        return running.death()
+
+    ends = ends_without_and_with_us(core_room, death)
     assert ends[0] == ends[1]
 
 

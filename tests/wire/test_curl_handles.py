@@ -154,12 +154,13 @@ def test_many_handles_one_after_another(curl):
         assert span.get("erqh", {}).get("N") == (str(number) if number % 2 else None)
 
 
-def test_refused_removal_changes_nothing(curl):
+@pytest.mark.parametrize("refused", ["add", "remove"])
+def test_refusal_of_another_multi_handle_changes_nothing(curl, refused):
     payload = curl.payload("""
         $ch = curl_init("$url/a"); curl_setopt($ch, CURLOPT_RETURNTRANSFER, 1);
         $multi = curl_multi_init(); $other = curl_multi_init(); curl_multi_add_handle($multi, $ch);
-        echo (int)(curl_multi_remove_handle($other, $ch) !== 0);
-    """ + FINISH, output=b"1")
+        echo (int)(curl_multi_%s_handle($other, $ch) !== 0);
+    """ % refused + FINISH + "curl_multi_exec($other, $running);", output=b"1")
     request, = curl.requests
     span, = transfers(payload)
     assert caller_of(request) == span["si"]
@@ -173,17 +174,6 @@ def test_removal_that_is_refused_within_a_callback_changes_nothing(curl):
         });
         curl_multi_add_handle($multi, $ch);
     """ + FINISH + "echo (int)($codes && !in_array(0, $codes, true));", output=b"1")
-    request, = curl.requests
-    span, = transfers(payload)
-    assert caller_of(request) == span["si"]
-
-
-def test_refused_addition_changes_nothing(curl):
-    payload = curl.payload("""
-        $ch = curl_init("$url/a"); curl_setopt($ch, CURLOPT_RETURNTRANSFER, 1);
-        $multi = curl_multi_init(); $other = curl_multi_init(); curl_multi_add_handle($multi, $ch);
-        echo (int)(curl_multi_add_handle($other, $ch) !== 0);
-    """ + FINISH + "curl_multi_exec($other, $running);", output=b"1")
     request, = curl.requests
     span, = transfers(payload)
     assert caller_of(request) == span["si"]
