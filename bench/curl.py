@@ -45,20 +45,20 @@ def _command(setup, server, variant, words, modules):
 
 
 def _check(setup, server, modules):
-    """The server sees a traceparent where it should, the agent the spans and captured headers."""
+    """The server sees a traceparent where it should, the collector the spans and captured headers."""
     sizes = {}
     for variant in VARIANTS:
         requests, traced = server.counts()
-        before = setup.agent.counts()
+        before = setup.collector.counts()
         harness.output(_command(setup, server, variant, ("exec", 49, 1, 1), modules))
-        if variant in CAPTURES and not setup.agent.transactions_reach(before[0] + 1):
+        if variant in CAPTURES and not setup.collector.transactions_reach(before[0] + 1):
             raise BenchError("%s: no transaction arrived" % variant)
         seen = server.counts()
         expected = 50 if variant in (TRACE, BOTH) else 0
         if (seen[0] - requests, seen[1] - traced) != (50, expected):
             raise BenchError("%s: %d requests, %d traced" % (variant, seen[0] - requests,
                                                              seen[1] - traced))
-        sizes[variant] = setup.agent.counts()[2] - before[2]
+        sizes[variant] = setup.collector.counts()[2] - before[2]
     if not (sizes[BARE] == sizes[UNMONITORED] == 0 < 50 * 50 < sizes[OFF]
             and sizes[OFF] + 50 * 200 < sizes[HEADERS]):
         raise BenchError("payloads of another size than expected: %s" % sizes)

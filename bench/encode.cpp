@@ -7,9 +7,9 @@
  *
  * The first line is the document's size. Ends with status 1 when the two texts differ.
  */
-#include "agent/kaq_json.h"
-#include "agent/payload.h"
-#include "core/php_kaq.h"
+#include "json/kaq_json.h"
+#include "wire/payload.h"
+#include "state/php_kaq.h"
 #include "spans/kaq_execute.h"
 #include "util/kaq_util_functions.h"
 
@@ -32,11 +32,11 @@ static const call_name CALLS[] = {
 	{"App\\Http\\Kernel", "handle"},
 	{"App\\Controller\\CartController", "showItems"},
 	{"App\\Catalog\\ProductRepository", "findByCategory"},
-	{NULL, "format_price"},
+	{nullptr, "format_price"},
 	{"App\\Catalog\\Product", "__construct"},
 	{"App\\Pricing\\DiscountRule", "appliesTo"},
 	{"App\\View\\Template", "render"},
-	{NULL, "{closure}"},
+	{nullptr, "{closure}"},
 };
 
 static const char QUERY[] = "SELECT p.id, p.name, p.price FROM products p WHERE p.category = 'a/b' "
@@ -55,7 +55,7 @@ static kaq_node *open_span(int index) {
 		kaq_copy_function_info(fi, "PDO", "query", "PDO", EXTERNAL);
 		kaq_set_method_dbquery(fi, QUERY);
 	} else if (index % 25 == 12) {
-		kaq_copy_function_info(fi, NULL, "curl_exec", "HTTP", EXTERNAL);
+		kaq_copy_function_info(fi, nullptr, "curl_exec", "HTTP", EXTERNAL);
 		kaq_set_method_url(fi, "http://stock.example/api/v2/items?sku=4711&lang=en");
 		kaq_set_external_call_status(fi, 200);
 	} else {
@@ -84,7 +84,7 @@ static void record_spans(int count) {
 	kaq_close_node(root);
 }
 
-/* The request's facts, in place of a request start that would ask the local agent. */
+/* The request's facts, in place of a request start that would ask the collector. */
 static void describe_request(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	g->method_threshold = 0;
@@ -98,8 +98,8 @@ static void describe_request(void) {
 }
 
 static zval *encode_engine(zval *document) {
-	zval *json = php_call("json_encode", document, NULL, NULL);
-	zval *line = php_call("base64_encode", json, NULL, NULL);
+	zval *json = php_call("json_encode", document, nullptr, nullptr);
+	zval *line = php_call("base64_encode", json, nullptr, nullptr);
 	php_zval_free(json);
 	return line;
 }
@@ -133,14 +133,14 @@ static double time_one(work_fn run, const work *w) {
 
 /* The engine's array for our document; null when it cannot read the text. */
 static zval *decode_document(kaq_node **nodes, size_t *size) {
-	smart_str text = {NULL, 0};
+	smart_str text = {nullptr, 0};
 	zval argument;
 	zval assoc;
 	kaq_form_payload(&text, nodes);
 	*size = ZSTR_LEN(text.s);
 	ZVAL_STRINGL(&argument, ZSTR_VAL(text.s), *size);
 	ZVAL_TRUE(&assoc);
-	zval *document = php_call("json_decode", &argument, &assoc, NULL);
+	zval *document = php_call("json_decode", &argument, &assoc, nullptr);
 	zval_ptr_dtor(&argument);
 	kaq_buf_free(&text);
 	return document;
@@ -149,12 +149,12 @@ static zval *decode_document(kaq_node **nodes, size_t *size) {
 /* Memory figures move between two runs, so of the document only the spans have to be the same; they
  * stand behind the last number that moves. */
 static bool same_spans(const work *w, const char *own) {
-	zval *json = php_call("json_encode", w->document, NULL, NULL);
+	zval *json = php_call("json_encode", w->document, nullptr, nullptr);
 	own = strstr(own, "\"method_info\"");
 	const char *engine =
-		json && Z_TYPE_P(json) == IS_STRING ? strstr(Z_STRVAL_P(json), "\"method_info\"") : NULL;
+		json && Z_TYPE_P(json) == IS_STRING ? strstr(Z_STRVAL_P(json), "\"method_info\"") : nullptr;
 	/* An empty object comes back from an array as a list, so the rest behind differs. */
-	const char *end = own ? strstr(own, "\"app_parameters\"") : NULL;
+	const char *end = own ? strstr(own, "\"app_parameters\"") : nullptr;
 	bool same = engine && end && strncmp(own, engine, (size_t)(end - own)) == 0;
 	php_zval_free(json);
 	return same;
@@ -164,7 +164,7 @@ static bool same_spans(const work *w, const char *own) {
 static bool same_line(const smart_str *text, const char *line) {
 	zval json;
 	ZVAL_STRINGL(&json, ZSTR_VAL(text->s), ZSTR_LEN(text->s));
-	zval *encoded = php_call("base64_encode", &json, NULL, NULL);
+	zval *encoded = php_call("base64_encode", &json, nullptr, nullptr);
 	bool same = line && encoded && Z_TYPE_P(encoded) == IS_STRING &&
 				strlen(line) == Z_STRLEN_P(encoded) + 1 &&
 				memcmp(line, Z_STRVAL_P(encoded), Z_STRLEN_P(encoded)) == 0;
@@ -190,7 +190,7 @@ static int measure(int argc, char **argv) {
 	describe_request();
 	record_spans(spans);
 	size_t size;
-	work w = {kaq_validate_nodes(), NULL};
+	work w = {kaq_validate_nodes(), nullptr};
 	w.document = decode_document(w.nodes, &size);
 	if (kaq_get_globals()->node_buffer_len != spans || !same_result(&w)) {
 		fprintf(stderr, "encode: the engine reads or writes another document\n");

@@ -5,7 +5,7 @@ from harness import BARE, DROPPED, UNMONITORED, BenchError
 VARIANTS = (BARE, UNMONITORED, DROPPED)
 COUNT = 10000
 
-# What fails, and whether the agent passes on all but the first ten.
+# What fails, and whether the collector passes on all but the first ten.
 KINDS = {
     "errors": ("errors, ten are recorded", True),
     "classes": ("exceptions of ten classes, ten are recorded", True),
@@ -23,11 +23,11 @@ def _check(setup):
     for kind, (_, is_capped) in KINDS.items():
         sizes = []
         for count in (10, 1010):
-            before = setup.agent.counts()
+            before = setup.collector.counts()
             harness.output(_command(setup, DROPPED, kind, count))
-            if not setup.agent.transactions_reach(before[0] + 1):
+            if not setup.collector.transactions_reach(before[0] + 1):
                 raise BenchError("%s: no transaction arrived" % kind)
-            sizes.append(setup.agent.counts()[2] - before[2])
+            sizes.append(setup.collector.counts()[2] - before[2])
         if (sizes[1] - sizes[0] < 1000) != is_capped:
             raise BenchError("%s: payloads of %d and %d bytes" % (kind, *sizes))
 

@@ -1,4 +1,4 @@
-"""What every measurement needs: the programs, the variants, the agent, the arithmetic."""
+"""What every measurement needs: the programs, the variants, the collector, the arithmetic."""
 import os
 import resource
 import statistics
@@ -63,15 +63,15 @@ class Listener:
         wait_or_kill(self._child)
 
 
-class Agent(Listener):
-    """The local agent of the benchmarks. It counts transactions, notices and bytes."""
+class Collector(Listener):
+    """The collector of the benchmarks. It counts transactions, notices and bytes."""
 
     def __init__(self, program):
-        super().__init__(program, "the agent", 3)
+        super().__init__(program, "the collector", 3)
         self.monitored, self.unmonitored, self.data = self.ports
 
     def transactions_reach(self, expected, seconds=10.0):
-        """Waits for the agent to have read what clients have sent already."""
+        """Waits for the collector to have read what clients have sent already."""
         deadline = time.monotonic() + seconds
         while self.counts()[0] < expected:
             if time.monotonic() > deadline:
@@ -83,14 +83,14 @@ class Agent(Listener):
 class Setup:
     """The programs of one engine, and the options that make each variant."""
 
-    def __init__(self, options, agent, scratch):
+    def __init__(self, options, collector, scratch):
         self.php = options.php
         self.php_cgi = options.php_cgi
         self.encode = options.encode
         self.drivers = options.drivers
         self.redis_server = options.redis_server
         self.quick = options.quick
-        self.agent = agent
+        self.collector = collector
         self.scratch = scratch
         self._kaq = options.kaq
         self._probe = options.probe
@@ -101,9 +101,9 @@ class Setup:
             return base
         if variant in (CHAIN, CLOCK):
             return base + ["-d", "extension=" + self._probe, "-d", "probe.mode=" + variant]
-        port = self.agent.unmonitored if variant == UNMONITORED else self.agent.monitored
+        port = self.collector.unmonitored if variant == UNMONITORED else self.collector.monitored
         options = base + ["-d", "extension=" + self._kaq, "-d", "kaq.status_port=%d" % port,
-                          "-d", "kaq.data_port=%d" % self.agent.data]
+                          "-d", "kaq.data_port=%d" % self.collector.data]
         if variant == LIMIT:
             return options + ["-d", "kaq.span_limit=1"]
         return options + list(KEEP_ALL) if variant == KEPT else options

@@ -47,7 +47,7 @@ static void watch(int fd) {
 }
 
 static void take_connection(int listener) {
-	int fd = accept4(listener, NULL, NULL, SOCK_CLOEXEC);
+	int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
 	if (fd < 0) {
 		return;
 	}
@@ -70,7 +70,7 @@ static void answer(int fd, struct connection *c) {
 	while ((end = (char *)memmem(c->text, c->length, "\r\n\r\n", 4))) {
 		size_t size = (size_t)(end + 4 - c->text);
 		requests++;
-		traced += memmem(c->text, size, "\r\ntraceparent: 00-", 18) != NULL;
+		traced += memmem(c->text, size, "\r\ntraceparent: 00-", 18) != nullptr;
 		if (strncmp(c->text, "GET /never", 10) != 0) {
 			(void)!send(fd, ANSWER, sizeof ANSWER - 1, MSG_NOSIGNAL);
 		}

@@ -22,7 +22,7 @@ SECTIONS = ("calls", "wrapped", "curl", "failures", "instructions", "requests", 
 
 def parse():
     parser = argparse.ArgumentParser(description=__doc__)
-    for name in ("php", "kaq", "probe", "agent", "http-server", "engine"):
+    for name in ("php", "kaq", "probe", "collector", "http-server", "engine"):
         parser.add_argument("--" + name, required=True)
     parser.add_argument("--php-cgi", default="")
     parser.add_argument("--encode", default="")
@@ -92,13 +92,13 @@ def main():
     for name, program in (("requests", options.php_cgi), ("encoding", options.encode)):
         if name in wanted and not program:
             print("  %s: skipped, this engine lacks what it takes" % name)
-    agent = harness.Agent(options.agent)
+    collector = harness.Collector(options.collector)
     try:
         with tempfile.TemporaryDirectory(prefix="kaq-bench-") as scratch:
-            setup = harness.Setup(options, agent, scratch)
+            setup = harness.Setup(options, collector, scratch)
             figures = run_sections(setup, options, wanted, targets)
     finally:
-        agent.stop()
+        collector.stop()
     if options.json:
         with open(options.json, "w", encoding="utf-8") as file:
             json.dump({"engine": options.engine, "targets": targets, "figures": figures}, file,

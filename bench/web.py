@@ -93,16 +93,16 @@ class Server:
 
 
 def _check(setup, servers):
-    """Each variant gives the page, and the agent hears of the monitored ones only."""
+    """Each variant gives the page, and the collector hears of the monitored ones only."""
     for variant, server in servers.items():
-        before = setup.agent.counts()[0]
+        before = setup.collector.counts()[0]
         page = server.ask("500")
         if not page.endswith(b"<p>500</p>\n"):
             raise BenchError("%s: not the page: %r" % (variant, page[-200:]))
         monitored = variant in (DROPPED, KEPT)
-        if monitored and not setup.agent.transactions_reach(before + 1):
+        if monitored and not setup.collector.transactions_reach(before + 1):
             raise BenchError("%s: no transaction arrived" % variant)
-        if variant == UNMONITORED and setup.agent.counts()[0] != before:
+        if variant == UNMONITORED and setup.collector.counts()[0] != before:
             raise BenchError("%s: a transaction arrived" % variant)
 
 

@@ -31,14 +31,14 @@ def _command(setup, variant, script, *words, modules=()):
 
 
 def _check(setup):
-    """The calls of the recorded variants reach the agent, those of the others do not."""
+    """The calls of the recorded variants reach the collector, those of the others do not."""
     calls = 50
     for variant in VARIANTS:
-        before = setup.agent.counts()
+        before = setup.collector.counts()
         harness.output(_command(setup, variant, "wrapped.php", "query", 1000, calls, 1))
-        if variant in (LIMIT, KEPT) and not setup.agent.transactions_reach(before[0] + 1):
+        if variant in (LIMIT, KEPT) and not setup.collector.transactions_reach(before[0] + 1):
             raise BenchError("%s: no transaction arrived" % variant)
-        grown = setup.agent.counts()[2] - before[2]
+        grown = setup.collector.counts()[2] - before[2]
         if (grown > 1000 * calls) != (variant == KEPT):
             raise BenchError("%s: the payload has %d bytes" % (variant, grown))
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Plays the demonstration: agent, demo application, some requests and a job, each with its
+"""Plays the demonstration: collector, demo application, some requests and a job, each with its
 waterfall, and one request through three services. script/demo builds the extension and calls
 this."""
 
@@ -18,7 +18,7 @@ import urllib.request
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 
-import agent as demo_agent  # noqa: E402
+import collector as demo_collector  # noqa: E402
 import trace_view  # noqa: E402
 import waterfall  # noqa: E402
 
@@ -33,7 +33,7 @@ APPLICATION = "Demo shop"
 # The services that the traced page asks: their script, by the name of the application. Each asks
 # only those before it.
 SERVICES = {"Demo stock": "stock", "Demo prices": "prices"}
-# Callers know each other by the key that their agents are configured with.
+# Callers know each other by the key that their collectors are configured with.
 ACCOUNT_KEY = "demo-account-1"
 JOB_ARGUMENTS = ["nightly", "--orders=2"]
 PROBE_SECONDS = 30
@@ -85,18 +85,18 @@ def run(command, seconds, **how):
     return process.returncode, output
 
 
-def start_agent(free_ports):
-    """The agent on its usual ports, or on free ones when they are taken or `free_ports` is set."""
+def start_collector(free_ports):
+    """The collector on its usual ports, or on free ones when they are taken or `free_ports` is set."""
     if free_ports:
-        return demo_agent.Agent(0, 0).start()
+        return demo_collector.Collector(0, 0).start()
     try:
-        return demo_agent.Agent().start()
-    except demo_agent.PortTaken:
-        agent = demo_agent.Agent(0, 0).start()
+        return demo_collector.Collector().start()
+    except demo_collector.PortTaken:
+        collector = demo_collector.Collector(0, 0).start()
         print("The ports %d and %d are not both free; this demo uses %d and %d instead."
-              % (demo_agent.STATUS_PORT, demo_agent.DATA_PORT, agent.status_port,
-                 agent.data_port))
-        return agent
+              % (demo_collector.STATUS_PORT, demo_collector.DATA_PORT, collector.status_port,
+                 collector.data_port))
+        return collector
 
 
 def free_port():
@@ -105,11 +105,11 @@ def free_port():
         return probe.getsockname()[1]
 
 
-# Questions to the engine itself, which no agent need hear of.
+# Questions to the engine itself, which no collector need hear of.
 UNHEARD = ["-d", "kaq.status_port=0", "-d", "kaq.data_port=0"]
 
 
-def php_command(options, agent):
+def php_command(options, collector):
     """The engine with the extension. An engine that already loads kaq by its php.ini is run
     without that file, so that it is this build that is shown."""
     question = "echo (int) extension_loaded('kaq');"
@@ -121,8 +121,8 @@ def php_command(options, agent):
         print("The engine's php.ini loads kaq already; the demo runs the engine without it.")
     settings = {
         "extension": options.extension,
-        "kaq.status_port": agent.status_port,
-        "kaq.data_port": agent.data_port,
+        "kaq.status_port": collector.status_port,
+        "kaq.data_port": collector.data_port,
         "kaq.application_name": APPLICATION,
         "kaq.capture_distributed_trace": 1,
     }
@@ -226,25 +226,25 @@ def run_job(command, environment):
     return said
 
 
-def show_arrival(agent, what, look, seconds=ARRIVAL_SECONDS):
+def show_arrival(collector, what, look, seconds=ARRIVAL_SECONDS):
     """Draws the transaction that `what` causes. The usual ports may hear other applications of
     this machine too: those are passed over, and anything else is told only when nothing comes."""
     deadline = time.monotonic() + seconds
     heard = []
     while True:
-        event = agent.next_event(deadline - time.monotonic())
+        event = collector.next_event(deadline - time.monotonic())
         if event is None:
             raise DemoFailed("No transaction arrived for %s within %g seconds. %s" % (
-                what, seconds, "\n".join(heard) or "The agent was not even asked."))
+                what, seconds, "\n".join(heard) or "The collector was not even asked."))
         kind, value = event
         if kind == "transaction" and application_of(value) == APPLICATION:
-            for line in demo_agent.describe(event, *look):
+            for line in demo_collector.describe(event, *look):
                 print(line)
             return
         if kind == "handshake":
-            heard.append("The agent was asked and said yes.")
+            heard.append("The collector was asked and said yes.")
         elif kind != "transaction":
-            heard.append("The agent received: %s" % value)
+            heard.append("The collector received: %s" % value)
 
 
 def application_of(document):
@@ -260,14 +260,14 @@ def missing_of(documents, applications):
             + [text + "." for text in trace_view.loose_ends(trace_view.join(documents))])
 
 
-def show_trace(agent, what, look, seconds=ARRIVAL_SECONDS):
+def show_trace(collector, what, look, seconds=ARRIVAL_SECONDS):
     """Draws the trace that `what` causes, once each call in it has its request. A called service
     may tell of its request before or after its caller does."""
     deadline = time.monotonic() + seconds
     applications = [APPLICATION, *SERVICES]
     traces, documents = {}, []
     while not documents or missing_of(documents, applications):
-        event = agent.next_event(deadline - time.monotonic())
+        event = collector.next_event(deadline - time.monotonic())
         if event is None:
             break
         kind, value = event
@@ -296,23 +296,23 @@ def visit_aloud(port, page, look):
     visit(url, wanted)
 
 
-def play(options, agent, log, look):
-    command = php_command(options, agent)
+def play(options, collector, log, look):
+    command = php_command(options, collector)
     has_curl = b"curl" in check_loads(command)
     environment = processes_environment()
     servers, port = start_servers(command, log, environment)
     try:
         for page in PAGES:
             visit_aloud(port, page, look)
-            show_arrival(agent, page[0], look)
+            show_arrival(collector, page[0], look)
         if has_curl:
             visit_aloud(port, TRACED_PAGE, look)
-            show_trace(agent, TRACED_PAGE[0], look)
+            show_trace(collector, TRACED_PAGE[0], look)
     finally:
         stop(servers)
     prompt("php job.php " + " ".join(JOB_ARGUMENTS), look)
     print(run_job(command, environment))
-    show_arrival(agent, "the job", look)
+    show_arrival(collector, "the job", look)
     print("%d requests and a command-line job: each arrived as one transaction." % len(PAGES))
     if has_curl:
         print("One more request and those that it caused in %d other services: one trace."
@@ -331,18 +331,18 @@ def main():
     parser.add_argument("--php", required=True, metavar="FILE", help="command-line engine")
     parser.add_argument("--extension", required=True, metavar="FILE", help="the built kaq.so")
     parser.add_argument("--free-ports", action="store_true",
-                        help="use any two free ports for the agent, not the usual ones")
+                        help="use any two free ports for the collector, not the usual ones")
     options = parser.parse_args()
     sys.stdout.reconfigure(errors="replace")
-    agent = None
+    collector = None
     try:
         on_interruption(Interrupts.arrived)
         with tempfile.TemporaryDirectory(prefix="kaq-demo-") as scratch:
             os.environ["TMPDIR"] = scratch
             with open(os.path.join(scratch, "server.log"), "w+b") as log:
-                agent = start_agent(options.free_ports)
+                collector = start_collector(options.free_ports)
                 try:
-                    play(options, agent, log, demo_agent.terminal_look(sys.stdout))
+                    play(options, collector, log, demo_collector.terminal_look(sys.stdout))
                 finally:
                     Interrupts.held = True
                     stop(STARTED)
@@ -354,8 +354,8 @@ def main():
         return 130
     finally:
         Interrupts.held = True
-        if agent is not None:
-            agent.stop()
+        if collector is not None:
+            collector.stop()
 
 
 if __name__ == "__main__":

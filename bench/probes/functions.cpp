@@ -12,7 +12,7 @@ static PHP_FUNCTION(probe_call) {
 static PHP_FUNCTION(probe_query) {
 	char *text;
 	size_t length;
-	zval *link = NULL;
+	zval *link = nullptr;
 	if (zend_parse_parameters(ZEND_NUM_ARGS(), "s|z", &text, &length, &link) == SUCCESS) {
 		RETVAL_LONG((zend_long)length);
 	}

@@ -24,14 +24,14 @@ static void probe_chain_hook(zend_execute_data *execute_data) {
 static void probe_clock_hook(zend_execute_data *execute_data) {
 	struct timeval start;
 	struct timeval end;
-	gettimeofday(&start, NULL);
+	gettimeofday(&start, nullptr);
 	probe_previous(execute_data);
-	gettimeofday(&end, NULL);
+	gettimeofday(&end, nullptr);
 	probe_elapsed = (end.tv_sec - start.tv_sec) * 1000000 + end.tv_usec - start.tv_usec;
 }
 
 PHP_INI_BEGIN()
-PHP_INI_ENTRY("probe.mode", "chain", PHP_INI_SYSTEM, NULL)
+PHP_INI_ENTRY("probe.mode", "chain", PHP_INI_SYSTEM, nullptr)
 PHP_INI_END()
 
 static PHP_MINIT_FUNCTION(probe) {
@@ -58,9 +58,9 @@ static zend_module_entry probe_module_entry = {STANDARD_MODULE_HEADER,
 											   probe_functions,
 											   PHP_MINIT(probe),
 											   PHP_MSHUTDOWN(probe),
-											   NULL,
-											   NULL,
-											   NULL,
+											   nullptr,
+											   nullptr,
+											   nullptr,
 											   "1",
 											   STANDARD_MODULE_PROPERTIES};
 

@@ -20,7 +20,7 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "demo"))
 
-import agent  # noqa: E402
+import collector  # noqa: E402
 
 PARTS = {
     "zend": "Zend/tests",
@@ -75,29 +75,29 @@ def raise_loopback():
 
 
 class Monitor:
-    """The local agent of a run: says yes to all, and notes which scripts told their transaction."""
+    """The collector of a run: says yes to all, and notes which scripts told their transaction."""
 
     def __init__(self):
         self.names, self.garbage = set(), []
-        self._agent = agent.Agent(0, 0).start()
+        self._collector = collector.Collector(0, 0).start()
         self._ended = False
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
     def settings(self):
-        return ["kaq.status_port=%d" % self._agent.status_port,
-                "kaq.data_port=%d" % self._agent.data_port,
+        return ["kaq.status_port=%d" % self._collector.status_port,
+                "kaq.data_port=%d" % self._collector.data_port,
                 # Every span is kept, so that every span's way is gone.
                 "kaq.method_threshold=0"]
 
     def stop(self):
         self._ended = True
         self._reader.join()
-        self._agent.stop()
+        self._collector.stop()
 
     def _read(self):
         while True:
-            event = self._agent.next_event(0.5)
+            event = self._collector.next_event(0.5)
             if event is None:
                 if self._ended:
                     return

@@ -14,7 +14,7 @@ import time
 import engine_runs
 
 EXPECTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests",
-                        "engine-suite", "expected-differences.txt")
+                        "extension", "engine-suite", "expected-differences.txt")
 # Of the tests that run, so many at least must have told their transaction.
 MONITORED_SHARE = 0.9
 ROUNDS_ALONE = 2
@@ -116,7 +116,7 @@ def check_monitored(suite, run, counts, report):
             suite.part, len(ran) - len(silent), len(ran)))
     for text in run.garbage:
         counts["failed"] += 1
-        print("%s: FAIL  what came to the agent is no record: %s" % (suite.part, text))
+        print("%s: FAIL  what came to the collector is no record: %s" % (suite.part, text))
 
 
 def run_both(suite, expected, counts, report):

@@ -10,7 +10,7 @@ import sys
 
 ROW = re.compile(
     r'ROW\((?P<id>\w+), "(?P<key>[^"]+)", (?P<group>\w+), "(?P<component>[^"]+)", '
-    r'(?P<cls>NULL|"[^"]+"), "(?P<name>[^"]+)", (?P<kind>EXTERNAL|INTERNAL), '
+    r'(?P<cls>nullptr|"[^"]+"), "(?P<name>[^"]+)", (?P<kind>EXTERNAL|INTERNAL), '
     r'(?P<recipe>\w+)\{(?P<arguments>[^}]*)\}\)'
 )
 
@@ -35,7 +35,7 @@ INTRODUCTION = """\
 # Instrumented functions
 
 Calls of these functions stand in the payload as spans. This page is made from
-`instrumentation/wrapped_functions.h` by `script/check --fix functions`; do not edit it.
+`extension/instrumentation/wrapped_functions.h` by `script/check --fix functions`; do not edit it.
 
 A call is recorded if its group's setting was on in `php.ini` when the process started, if the
 request is monitored, and if `kaq.span_limit` has not been reached. "External" marks calls to
@@ -53,7 +53,7 @@ def rows(text):
 
 def shown_name(row):
     name = row["name"]
-    if row["cls"] != "NULL":
+    if row["cls"] != "nullptr":
         name = row["cls"].strip('"').replace("\\\\", "\\") + "::" + name
     return f"`{name}`"
 

@@ -93,7 +93,7 @@ kaq_suite_fuzz() {
 		kaq_report_broken fuzz $((SECONDS - begin)) "$log" 'the fuzzers do not compile'
 		return 0
 	fi
-	for fuzzer in "$build"/tests/fuzz/*; do
+	for fuzzer in "$build"/tests/extension/fuzz/*; do
 		if [[ ! -f $fuzzer || ! -x $fuzzer ]]; then
 			continue
 		fi
@@ -121,8 +121,8 @@ kaq_fuzz_one() {
 	local fuzzer=$1 found=$2 name seeds
 	name=$(basename "$fuzzer")
 	mkdir -p "$found/corpus"
-	seeds=$(kaq_first_existing "$KAQ_ROOT/tests/fuzz/corpus/$name" \
-		"$KAQ_ROOT/tests/fuzz/corpus/${name#fuzz_}" "$KAQ_ROOT/tests/fuzz/corpus/${name%_fuzz}")
+	seeds=$(kaq_first_existing "$KAQ_ROOT/tests/extension/fuzz/corpus/$name" \
+		"$KAQ_ROOT/tests/extension/fuzz/corpus/${name#fuzz_}" "$KAQ_ROOT/tests/extension/fuzz/corpus/${name%_fuzz}")
 	echo "== $name"
 	kaq_bounded 120 "$fuzzer" -max_total_time="${KAQ_FUZZ_SECONDS:-5}" -timeout=10 \
 		-rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$found/" \
@@ -149,7 +149,7 @@ kaq_suite_embed() {
 	fi
 	kaq_log "embed $key"
 	: >"$log"
-	if ! kaq_cmake "$KAQ_ROOT/tests/embed" "$build" "$log" -DCMAKE_CXX_COMPILER=g++ \
+	if ! kaq_cmake "$KAQ_ROOT/tests/extension/embed" "$build" "$log" -DCMAKE_CXX_COMPILER=g++ \
 		-DPHP_CONFIG="$config" -DPHP_EMBED_LIBRARY="$library"; then
 		kaq_report_broken "embed $key" $((SECONDS - begin)) "$log" 'does not compile'
 		return 0
@@ -178,8 +178,8 @@ kaq_suite_phpt() {
 	fi
 	kaq_log "$name"
 	mkdir -p "$copy/tests"
-	if [[ -d $KAQ_ROOT/tests/phpt ]]; then
-		cp -R "$KAQ_ROOT/tests/phpt" "$copy/tests/"
+	if [[ -d $KAQ_ROOT/tests/extension/phpt ]]; then
+		cp -R "$KAQ_ROOT/tests/extension/phpt" "$copy/tests/"
 	fi
 	if [[ $mode == valgrind ]]; then
 		# The regular expression compiler's output is code that valgrind misreads.
@@ -210,7 +210,7 @@ kaq_phpt_diffs() {
 	done < <(find "$1" \( -name '*.diff' -o -name '*.mem' \) -size +0 | sort)
 }
 
-# kaq_pytest SUITE CONFIG KEY SO [VARIABLE=VALUE...]: the tests in tests/SUITE.
+# kaq_pytest SUITE CONFIG KEY SO [VARIABLE=VALUE...]: the tests in tests/extension/SUITE.
 kaq_pytest() {
 	local suite=$1 config=$2 key=$3 so=$4 begin=$SECONDS status=0
 	local log="$KAQ_LOGS/$1-$3.log" results="$KAQ_RUN/$1-$3.xml"
@@ -224,12 +224,12 @@ kaq_pytest() {
 				KAQ_PHP_FPM=$(kaq_engine_binary "$config" php-fpm) \
 				PYTHONDONTWRITEBYTECODE=1 \
 				kaq_bounded 1200 env "$@" "$(kaq_python)" -m pytest -q -p no:cacheprovider --tb=short \
-				-rs --junitxml="$results" "tests/$suite"
+				-rs --junitxml="$results" "tests/extension/$suite"
 	) >"$log" 2>&1 </dev/null || status=$?
 	kaq_report "$suite $key" $((SECONDS - begin)) "$log" "$status" junit "$results"
 }
 
-# kaq_suite_wire CONFIG KEY SO: what the local agent sees.
+# kaq_suite_wire CONFIG KEY SO: what the collector sees.
 kaq_suite_wire() {
 	local standins
 	if ! standins=$(kaq_standins_of_run "$1" "$2"); then

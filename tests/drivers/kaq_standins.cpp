@@ -98,8 +98,8 @@ static bool carry_out_plan(zend_execute_data *execute_data, zval *return_value, 
 	ZVAL_COPY(&plan, found);
 	ZVAL_UNDEF(&result);
 	uint32_t count = ZEND_CALL_NUM_ARGS(execute_data);
-	call_user_function(EG(function_table), NULL, &plan, &result, count,
-					   count ? ZEND_CALL_ARG(execute_data, 1) : NULL);
+	call_user_function(EG(function_table), nullptr, &plan, &result, count,
+					   count ? ZEND_CALL_ARG(execute_data, 1) : nullptr);
 	zval_ptr_dtor(&plan);
 	if (Z_TYPE(result) != IS_UNDEF) {
 		ZVAL_COPY_VALUE(return_value, &result);
@@ -155,7 +155,7 @@ static PHP_FUNCTION(kaq_standin_recording) {
 
 static PHP_FUNCTION(kaq_standin_resource) {
 	(void)execute_data;
-	RETURN_RES(zend_register_resource(NULL, resource_type));
+	RETURN_RES(zend_register_resource(nullptr, resource_type));
 }
 
 /* array kaq_standin_list(): see standin_list(). */
@@ -186,7 +186,7 @@ static PHP_GINIT_FUNCTION(kaq_standins) {
 
 static PHP_MINIT_FUNCTION(kaq_standins) {
 	(void)type;
-	resource_type = zend_register_list_destructors_ex(NULL, NULL, "stand-in", module_number);
+	resource_type = zend_register_list_destructors_ex(nullptr, nullptr, "stand-in", module_number);
 	standin_register_all();
 	return SUCCESS;
 }
@@ -222,12 +222,12 @@ static zend_module_entry kaq_standins_module_entry = {STANDARD_MODULE_HEADER,
 													  PHP_MSHUTDOWN(kaq_standins),
 													  PHP_RINIT(kaq_standins),
 													  PHP_RSHUTDOWN(kaq_standins),
-													  NULL,
+													  nullptr,
 													  "1",
 													  PHP_MODULE_GLOBALS(kaq_standins),
 													  PHP_GINIT(kaq_standins),
-													  NULL,
-													  NULL,
+													  nullptr,
+													  nullptr,
 													  STANDARD_MODULE_PROPERTIES_EX};
 
 ZEND_GET_MODULE(kaq_standins)

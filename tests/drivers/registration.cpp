@@ -90,7 +90,7 @@ static void register_functions(void) {
 		if (there && takes_over()) {
 			there->internal_function.handler = standin_call;
 		} else if (!there && !is_left_out(functions[i].fname)) {
-			register_one(NULL, NULL, &functions[i]);
+			register_one(nullptr, nullptr, &functions[i]);
 			registered[i] = true;
 		}
 	}
@@ -106,7 +106,7 @@ static zend_string *method_key(const char *class_name, const char *method) {
 
 static zend_class_entry *register_class(const standin_class *wanted) {
 	zend_class_entry ce;
-	INIT_CLASS_ENTRY_EX(ce, wanted->name, strlen(wanted->name), NULL);
+	INIT_CLASS_ENTRY_EX(ce, wanted->name, strlen(wanted->name), nullptr);
 	zend_class_entry *made = zend_register_internal_class(&ce);
 	for (const zend_function_entry *method = wanted->methods; method->fname; method++) {
 		zend_string *key = method_key(wanted->name, method->fname);
@@ -130,7 +130,7 @@ static void take_over_class(zend_class_entry *ce, const standin_class *wanted) {
 /* An internal class that inherits at module startup, before any first request. */
 static void register_child(const char *name, zend_class_entry *parent) {
 	zend_class_entry ce;
-	INIT_CLASS_ENTRY_EX(ce, name, strlen(name), NULL);
+	INIT_CLASS_ENTRY_EX(ce, name, strlen(name), nullptr);
 	zend_register_internal_class_ex(&ce, parent);
 }
 
@@ -160,7 +160,7 @@ void standin_register_all(void) {
 void standin_unregister_all(void) {
 	for (size_t i = 0; i < function_count; i++) {
 		if (registered[i]) {
-			zend_unregister_functions(&functions[i], 1, NULL);
+			zend_unregister_functions(&functions[i], 1, nullptr);
 			registered[i] = false;
 		}
 	}

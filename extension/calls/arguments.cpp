@@ -1,0 +1,251 @@
+#include "calls/arguments.h"
+
+#include <string.h>
+
+#define KAQ_MAX_LETTERS 32
+/* An argument takes up to three output pointers. */
+#define KAQ_MAX_OUTPUTS 24
+
+/* A layout as the engine's parser takes it, and where its outputs go. */
+typedef struct {
+	char letters[KAQ_MAX_LETTERS];
+	void *output[KAQ_MAX_OUTPUTS];
+	int outputs;
+	int texts, numbers, values;
+	bool is_handle[KAQ_MAX_ARGUMENTS];
+	zval *number[KAQ_MAX_ARGUMENTS];
+	bool by_engine; /* numbers are read by the engine's parser, with its messages */
+	zend_bool flag; /* boolean arguments and "is null" marks, which nobody reads */
+	int ignored_count;
+} kaq_reading;
+
+static void kaq_add_output(kaq_reading *reading, void *output) {
+	reading->output[reading->outputs++] = output;
+}
+
+static char kaq_add_value(kaq_reading *reading, kaq_arguments *arguments, char letter) {
+	reading->is_handle[reading->values] = letter == 'r';
+	kaq_add_output(reading, &arguments->value[reading->values++]);
+	return letter == 'r' ? 'z' : letter;
+}
+
+/* The parser has something to say about "12a". The wrapped function will say it: here a number is
+ * read as a value and converted in silence. */
+static char kaq_add_number(kaq_reading *reading, kaq_arguments *arguments) {
+	int index = reading->numbers++;
+	if (reading->by_engine) {
+		kaq_add_output(reading, &arguments->number[index]);
+		return 'l';
+	}
+	kaq_add_output(reading, &reading->number[index]);
+	return 'z';
+}
+
+/* Adds one letter of a layout; returns what the parser is to be given for it. A handle is read as a
+ * value and checked afterwards, since later engines have objects where earlier ones had
+ * resources. */
+static char kaq_add_letter(kaq_reading *reading, kaq_arguments *arguments, char letter) {
+	switch (letter) {
+	case 's':
+		kaq_add_output(reading, &arguments->text[reading->texts]);
+		kaq_add_output(reading, &arguments->text_length[reading->texts++]);
+		return 's';
+	case 'l':
+		return kaq_add_number(reading, arguments);
+	case 'b':
+		kaq_add_output(reading, &reading->flag);
+		return 'b';
+	case 'O':
+		kaq_add_value(reading, arguments, letter);
+		kaq_add_output(reading, nullptr);
+		return 'O';
+	case '+':
+		kaq_add_value(reading, arguments, letter);
+		kaq_add_output(reading, &reading->ignored_count);
+		return '+';
+	case 'r':
+	case 'a':
+	case 'o':
+	case 'z':
+		return kaq_add_value(reading, arguments, letter);
+	default:
+		return letter;
+	}
+}
+
+/* Where null for a scalar is deprecated the parser would say so before the wrapped function does,
+ * or although that function takes null: there null is allowed and read as the empty value. For a
+ * strict caller it fits nowhere. */
+static bool kaq_reads_nulls(void) {
+	return KAQ_NULL_SCALARS_DEPRECATED && !kaq_caller_is_strict();
+}
+
+static bool kaq_add_null_mark(kaq_reading *reading, char letter, char next) {
+	if (!kaq_reads_nulls() || next == '!' || (letter != 's' && letter != 'b')) {
+		return false;
+	}
+	if (letter == 'b') {
+		kaq_add_output(reading, &reading->flag);
+	}
+	return true;
+}
+
+static void kaq_read_layout(kaq_reading *reading, kaq_arguments *arguments, const char *layout,
+							size_t length) {
+	char *out = reading->letters;
+	for (size_t i = 0; i < length; i++) {
+		*out++ = kaq_add_letter(reading, arguments, layout[i]);
+		if (kaq_add_null_mark(reading, layout[i], i + 1 < length ? layout[i + 1] : '\0')) {
+			*out++ = '!';
+		}
+	}
+	*out = '\0';
+}
+
+static bool kaq_handles_fit(const kaq_reading *reading, const kaq_arguments *arguments) {
+	for (int i = 0; i < reading->values; i++) {
+		const zval *value = arguments->value[i];
+		if (reading->is_handle[i] && value && Z_TYPE_P(value) != IS_RESOURCE &&
+			!(KAQ_HANDLES_ARE_OBJECTS && Z_TYPE_P(value) == IS_OBJECT)) {
+			return false;
+		}
+	}
+	return true;
+}
+
+static bool kaq_read_double(double value, zend_long *number) {
+	if (!zend_finite(value) || !ZEND_DOUBLE_FITS_LONG(value)) {
+		return false;
+	}
+	*number = zend_dval_to_lval(value);
+	return true;
+}
+
+static bool kaq_read_numeric_text(const zval *value, zend_long *number) {
+	double fraction = 0;
+	switch (is_numeric_string(Z_STRVAL_P(value), Z_STRLEN_P(value), number, &fraction,
+							  KAQ_TRAILING_TEXT_FITS)) {
+	case IS_LONG:
+		return true;
+	case IS_DOUBLE:
+		return kaq_read_double(fraction, number);
+	default:
+		return false;
+	}
+}
+
+/* What the engine's parser takes for an integer. */
+static bool kaq_read_number(const zval *value, zend_long *number) {
+	if (Z_TYPE_P(value) == IS_LONG) {
+		*number = Z_LVAL_P(value);
+		return true;
+	}
+	if (kaq_caller_is_strict()) {
+		return false;
+	}
+	switch (Z_TYPE_P(value)) {
+	case IS_NULL:
+	case IS_FALSE:
+		*number = 0;
+		return true;
+	case IS_TRUE:
+		*number = 1;
+		return true;
+	case IS_DOUBLE:
+		return kaq_read_double(Z_DVAL_P(value), number);
+	case IS_STRING:
+		return kaq_read_numeric_text(value, number);
+	default:
+		return false;
+	}
+}
+
+static bool kaq_read_numbers(const kaq_reading *reading, kaq_arguments *arguments) {
+	for (int i = 0; i < reading->numbers && !reading->by_engine; i++) {
+		const zval *value = reading->number[i];
+		if (value && !kaq_read_number(value, &arguments->number[i])) {
+			return false;
+		}
+	}
+	return true;
+}
+
+static char kaq_empty_text[] = "";
+
+/* A null that was allowed for a string reads as "". */
+static void kaq_fill_null_texts(const kaq_reading *reading, kaq_arguments *arguments,
+								uint32_t count) {
+	if (!kaq_reads_nulls()) {
+		return;
+	}
+	uint32_t argument = 0;
+	int text = 0;
+	for (const char *letter = reading->letters; *letter && argument < count; letter++) {
+		if (strchr("|!/", *letter)) {
+			continue;
+		}
+		argument++;
+		if (*letter == 's' && text < reading->texts && !arguments->text[text++]) {
+			arguments->text[text - 1] = kaq_empty_text;
+		}
+	}
+}
+
+/* One of several layouts: its letters, and how many arguments it is given. */
+typedef struct {
+	const char *letters;
+	size_t length;
+	uint32_t count;
+	bool applies;
+} kaq_choice;
+
+static bool kaq_try_layout(const kaq_choice *choice, int flags, kaq_arguments *arguments) {
+	kaq_reading reading;
+	memset(&reading, 0, sizeof(reading));
+	memset(arguments, 0, sizeof(*arguments));
+	reading.by_engine = flags != ZEND_PARSE_PARAMS_QUIET;
+	kaq_read_layout(&reading, arguments, choice->letters, choice->length);
+	void **o = reading.output;
+	int status = zend_parse_parameters_ex(flags, (int)choice->count, reading.letters, o[0], o[1],
+										  o[2], o[3], o[4], o[5], o[6], o[7], o[8], o[9], o[10],
+										  o[11], o[12], o[13], o[14], o[15], o[16], o[17], o[18],
+										  o[19], o[20], o[21], o[22], o[23]);
+	if (status != SUCCESS || !kaq_handles_fit(&reading, arguments) ||
+		!kaq_read_numbers(&reading, arguments)) {
+		return false;
+	}
+	kaq_fill_null_texts(&reading, arguments, choice->count);
+	return true;
+}
+
+/* Takes the next layout off the list. */
+static kaq_choice kaq_next_layout(const char **layouts, uint32_t passed) {
+	size_t length = strcspn(*layouts, ";");
+	kaq_choice choice = {*layouts, length, passed, true};
+	if (length >= 2 && strchr(":!", choice.letters[1])) {
+		choice.count = (uint32_t)(choice.letters[0] - '0');
+		choice.applies = choice.letters[1] == ':' ? passed == choice.count : passed >= choice.count;
+		choice.letters += 2;
+		choice.length -= 2;
+	}
+	*layouts += length + ((*layouts)[length] == ';');
+	return choice;
+}
+
+int kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, int warn,
+						kaq_arguments *arguments) {
+	uint32_t passed = ZEND_CALL_NUM_ARGS(execute_data);
+	const char *rest = layouts;
+	while (*rest) {
+		kaq_choice choice = kaq_next_layout(&rest, passed);
+		if (choice.applies && kaq_try_layout(&choice, ZEND_PARSE_PARAMS_QUIET, arguments)) {
+			return 1;
+		}
+	}
+	if (warn && !KAQ_PARSE_FAILURES_THROW && !kaq_caller_is_strict()) {
+		kaq_choice first = kaq_next_layout(&layouts, passed);
+		kaq_try_layout(&first, 0, arguments);
+	}
+	memset(arguments, 0, sizeof(*arguments));
+	return 0;
+}

@@ -1,0 +1,37 @@
+/*
+ * The log of a crash: on a fatal signal the process writes what hit it and its native call stack
+ * into a file of its own, and then dies as it would have died without us.
+ *
+ * The handler uses no memory of the process heap and no stdio: either may be what broke.
+ */
+#pragma once
+
+#include <signal.h>
+
+/* With the process id. The directory is not created: where it is missing no log is written. */
+#define KAQ_CRASH_LOG "/opt/kaq/logs/crash/kaqcrash-%d.log"
+#define KAQ_CRASH_FRAMES 25
+/* The collector's own module, for addr2line(). */
+#define KAQ_MODULE_FILE "/opt/kaq/lib/kaq20170718.so"
+
+/* Puts the handler in place: at module start, and again at every request start, since another
+ * component may have replaced it in between. A thread's first call gives it a stack of its own for
+ * signals, so that a thread that has run out of stack leaves its log, too. */
+void wrap_sethandler(void);
+
+/* Installs a handler for the fatal signals. Ends the process when that fails. */
+void setHandler(void (*handler)(int, siginfo_t *, void *));
+
+/* Gives the fatal signals that still have our handler back to whom they belonged at module start.
+ * At module end: a signal must not run code that is about to be unloaded. */
+void kaq_remove_crash_handler(void);
+
+/* The handler. */
+void catchit(int signal_number, siginfo_t *info, void *context);
+
+/* Releases the calling thread's signal stack. At thread end. */
+void kaq_release_signal_stack(void);
+
+/* Prints where in the module's sources an address lies, for diagnosis by hand. Returns the status
+ * of system(). */
+int addr2line(const void *address);

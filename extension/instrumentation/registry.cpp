@@ -1,0 +1,154 @@
+#include "state/php_kaq.h"
+#include "curl/followed_functions.h"
+#include "instrumentation/kaq_instrumentation.h"
+#include "instrumentation/wrappers.h"
+
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+kaq_internalfn_t *kaq_wrapped_internal_functions;
+
+/* Guards the shared class tables and the records during installation. */
+static pthread_mutex_t installation_lock = PTHREAD_MUTEX_INITIALIZER;
+
+kaq_internalfn_t *kaq_get_wraprec(void) {
+	kaq_internalfn_t *wraprec = (kaq_internalfn_t *)calloc(1, sizeof(kaq_internalfn_t));
+	if (wraprec) {
+		wraprec->next = kaq_wrapped_internal_functions;
+		kaq_wrapped_internal_functions = wraprec;
+	}
+	return wraprec;
+}
+
+void kaq_generate_internal_wrap_records(void) {
+	if (kaq_wrapped_internal_functions) {
+		return;
+	}
+	const zend_kaq_globals *g = kaq_get_globals();
+	for (size_t i = 0; i < kaq_wrapper_count; i++) {
+		const kaq_wrapper *row = &kaq_wrappers[i];
+		kaq_internalfn_t *wraprec = kaq_get_wraprec();
+		if (!wraprec) {
+			return;
+		}
+		wraprec->full_name = row->full_name;
+		wraprec->outer_wrapper_global = row->outer_wrapper_global;
+		wraprec->outer_wrapper = row->outer_wrapper;
+		wraprec->inner_wrapper = row->inner_wrapper;
+		wraprec->is_enabled =
+			row->capture == KAQ_NEVER ? 0 : *(const int *)((const char *)g + row->capture);
+	}
+	for (size_t i = 0; i < kaq_followed_function_count; i++) {
+		kaq_followed_functions[i].is_enabled = g->capture_http;
+	}
+}
+
+char *kaq_function_name_from_full_name(const char *full_name) {
+	const char *separator = strstr(full_name, "::");
+	return strdup(separator ? separator + 2 : full_name);
+}
+
+char *kaq_class_name_from_full_name(const char *full_name) {
+	const char *separator = strchr(full_name, ':');
+	return separator ? strndup(full_name, (size_t)(separator - full_name)) : nullptr;
+}
+
+static void *kaq_find_entry(HashTable *table, const char *name) {
+	return name && name[0] ? zend_hash_str_find_ptr(table, name, strlen(name)) : nullptr;
+}
+
+zend_function *kaq_find_function(const char *name) {
+	return (zend_function *)kaq_find_entry(EG(function_table), name);
+}
+
+zend_class_entry *kaq_find_class(const char *name) {
+	return (zend_class_entry *)kaq_find_entry(EG(class_table), name);
+}
+
+zend_function *kaq_find_class_method(zend_class_entry *ce, const char *name) {
+	return ce ? (zend_function *)kaq_find_entry(&ce->function_table, name) : nullptr;
+}
+
+static zend_function *kaq_find_wrapped(const char *full_name) {
+	char *class_name = kaq_class_name_from_full_name(full_name);
+	char *name = kaq_function_name_from_full_name(full_name);
+	zend_function *function = class_name ? kaq_find_class_method(kaq_find_class(class_name), name)
+										 : kaq_find_function(name);
+	free(class_name);
+	free(name);
+	return function;
+}
+
+/* A thread's table may be a copy of one in which the wrapper stands already. There is one saved
+ * handler for all of them: where another one stands, somebody else's, it stays, unrecorded. */
+void kaq_wrap_internal_function(kaq_internalfn_t *wraprec) {
+	zend_function *function = kaq_find_wrapped(wraprec->full_name);
+	if (!function || function->type != ZEND_INTERNAL_FUNCTION ||
+		kaq_is_disabled_function(function)) {
+		return;
+	}
+	zend_internal_function *internal = &function->internal_function;
+	if (internal->handler == wraprec->outer_wrapper ||
+		(wraprec->is_wrapped && internal->handler != wraprec->oldhandler)) {
+		return;
+	}
+	if (!wraprec->is_wrapped) {
+		wraprec->oldhandler = internal->handler;
+		if (wraprec->outer_wrapper_global) {
+			*wraprec->outer_wrapper_global = wraprec;
+		}
+		wraprec->is_wrapped = 1;
+	}
+	__atomic_store_n(&internal->handler, wraprec->outer_wrapper, __ATOMIC_RELEASE);
+}
+
+/* Methods stand in tables that all threads share: once wrapped, wrapped for all. */
+static bool kaq_is_shared(const kaq_internalfn_t *wraprec) {
+	return !KAQ_THREAD_SAFE || strchr(wraprec->full_name, ':');
+}
+
+void kaq_add_internal_instrumentation(void) {
+	pthread_mutex_lock(&installation_lock);
+	for (kaq_internalfn_t *wraprec = kaq_wrapped_internal_functions; wraprec;
+		 wraprec = wraprec->next) {
+		if (wraprec->is_enabled && !(wraprec->is_wrapped && kaq_is_shared(wraprec))) {
+			kaq_wrap_internal_function(wraprec);
+		}
+	}
+	for (size_t i = 0; i < kaq_followed_function_count; i++) {
+		if (kaq_followed_functions[i].is_enabled) {
+			kaq_wrap_internal_function(&kaq_followed_functions[i]);
+		}
+	}
+	pthread_mutex_unlock(&installation_lock);
+}
+
+void kaq_late_initialization(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	if (!g->work_done) {
+		g->work_done = 1;
+		kaq_add_internal_instrumentation();
+	}
+}
+
+void kaq_internal_wraprec_destroy(kaq_internalfn_t **wraprec) {
+	if ((*wraprec)->outer_wrapper_global) {
+		*(*wraprec)->outer_wrapper_global = nullptr;
+	}
+	free(*wraprec);
+	*wraprec = nullptr;
+}
+
+void kaq_destroy_internal_wrap_records(void) {
+	kaq_internalfn_t *wraprec = kaq_wrapped_internal_functions;
+	while (wraprec) {
+		kaq_internalfn_t *next = wraprec->next;
+		kaq_internal_wraprec_destroy(&wraprec);
+		wraprec = next;
+	}
+	kaq_wrapped_internal_functions = nullptr;
+	for (size_t i = 0; i < kaq_followed_function_count; i++) {
+		kaq_followed_functions[i].is_wrapped = 0;
+	}
+}

@@ -1,0 +1,46 @@
+#include "instrumentation/wrappers.h"
+
+#include "state/php_kaq.h"
+#include "instrumentation/recipes.h"
+#include "instrumentation/wrapped_functions.h"
+
+/* Per row: the slot of its record, the inner wrapper (what is recorded) and the outer wrapper (what
+ * the engine calls). */
+#define KAQ_DEFINE_WRAPPERS(id, key, group, component, class_name, name, external, ...)         \
+	static kaq_internalfn_t *_kaq_outer_wrapper_global_##id;                                    \
+	static void _kaq_inner_wrapper_function_##id(zend_execute_data *execute_data,               \
+												 zval *return_value, kaq_internalfn_t *wraprec, \
+												 kaq_node *node) {                              \
+		const kaq_call call = {execute_data, return_value, wraprec->oldhandler, node,           \
+							   &node->data.function_info};                                      \
+		kaq_copy_function_info(call.fi, class_name, name, component, external);                 \
+		kaq_set_function_priority(call.fi, PRIORITY_1);                                         \
+		kaq_record(&call, __VA_ARGS__);                                                         \
+	}                                                                                           \
+	static void _kaq_outer_wrapper_function_##id(zend_execute_data *execute_data,               \
+												 zval *return_value) {                          \
+		kaq_instrument_delegate(_kaq_outer_wrapper_global_##id, execute_data, return_value);    \
+	}
+
+KAQ_WRAPPED_FUNCTIONS(KAQ_DEFINE_WRAPPERS)
+
+/* The group's capture setting, as its place in the thread's record. */
+static const size_t kaq_group_cassandra = offsetof(zend_kaq_globals, capture_cassandra);
+static const size_t kaq_group_http = offsetof(zend_kaq_globals, capture_http);
+static const size_t kaq_group_memcached = offsetof(zend_kaq_globals, capture_memcached);
+static const size_t kaq_group_mssql = offsetof(zend_kaq_globals, capture_mssql);
+static const size_t kaq_group_mysql = offsetof(zend_kaq_globals, capture_mysql);
+static const size_t kaq_group_oracle = offsetof(zend_kaq_globals, capture_oracle);
+static const size_t kaq_group_pdo = offsetof(zend_kaq_globals, capture_pdo);
+static const size_t kaq_group_postgres = offsetof(zend_kaq_globals, capture_postgres);
+static const size_t kaq_group_redis = offsetof(zend_kaq_globals, capture_redis);
+static const size_t kaq_group_never = KAQ_NEVER;
+
+#define KAQ_WRAPPER_ROW(id, key, group, component, class_name, name, external, ...)             \
+	{key, kaq_group_##group, &_kaq_outer_wrapper_global_##id, _kaq_outer_wrapper_function_##id, \
+	 _kaq_inner_wrapper_function_##id},
+
+const kaq_wrapper kaq_wrappers[] = {KAQ_WRAPPED_FUNCTIONS(KAQ_WRAPPER_ROW)};
+
+const size_t kaq_wrapper_count = sizeof kaq_wrappers / sizeof kaq_wrappers[0];
+static_assert(sizeof kaq_wrappers / sizeof kaq_wrappers[0] >= 148, "the table has lost a row");

@@ -1,0 +1,81 @@
+/*
+ * The inner loops of all JSON that goes to the collector: string content and decimal numbers,
+ * written into room that the caller has made sure of. No allocation, no state; any thread.
+ */
+#pragma once
+
+#include <emmintrin.h>
+#include <stddef.h>
+#include <stdint.h>
+
+/* Room that kaq_json_escape needs for `len` bytes; whole 16-byte blocks are stored at a time. */
+#define KAQ_JSON_ESCAPE_MAX(len) (6 * (size_t)(len) + 16)
+
+/*
+ * Writes the escaped form of the `len` bytes at `text`, without quotes and without a NUL, and
+ * returns the number of bytes written, at most 6 * len. Bytes behind them, up to the room
+ * asked for, are overwritten with anything.
+ *
+ * Control characters, the double quote, the backslash and the solidus are escaped (\b \t \n \f \r,
+ * \u00xx in lowercase for the other ones). All other bytes, 0x7F and above 0x7F too, are copied as
+ * they are: what is no valid UTF-8 stays so.
+ *
+ * REQUIRES: `out` has KAQ_JSON_ESCAPE_MAX(len) bytes and does not overlap `text`; `text` is
+ * readable for len bytes (it may be null when len is 0) and is free of NUL bytes. A NUL byte is
+ * written as \u0000.
+ */
+size_t kaq_json_escape(char *out, const char *text, size_t len);
+
+/* A bit per byte of the block that has to be escaped; a NUL counts. */
+static inline unsigned kaq_json_escape_mask(__m128i block) {
+	/* The minimum leaves a byte as it is exactly when it is below 0x20, unsigned. */
+	__m128i control = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8(0x1f)), block);
+	__m128i marks = _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('"')),
+								 _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('/')),
+											  _mm_cmpeq_epi8(block, _mm_set1_epi8('\\'))));
+	return (unsigned)_mm_movemask_epi8(_mm_or_si128(control, marks));
+}
+
+/*
+ * The same for a NUL-terminated text, whose length need not be known. Returns the end of what it
+ * wrote.
+ *
+ * REQUIRES: `out` as above; 16 bytes are readable from every byte of the text and from its NUL.
+ */
+static inline char *kaq_json_escape_padded(char *out, const char *text) {
+	for (;;) {
+		__m128i block = _mm_loadu_si128((const __m128i *)text);
+		unsigned mask = kaq_json_escape_mask(block);
+		_mm_storeu_si128((__m128i *)out, block);
+		if (mask == 0) {
+			text += 16;
+			out += 16;
+			continue;
+		}
+		unsigned run = (unsigned)__builtin_ctz(mask);
+		text += run;
+		out += run;
+		char found = *text++;
+		if (found == '\0') {
+			return out;
+		}
+		if ((unsigned char)found < 0x20) {
+			out += kaq_json_escape(out, &found, 1);
+		} else {
+			*out++ = '\\';
+			*out++ = found;
+		}
+	}
+}
+
+/* Room that the two functions below need; eight digits are stored at a time. */
+#define KAQ_FORMAT_U64_MAX 24
+#define KAQ_FORMAT_I64_MAX 25
+
+/*
+ * Writes the decimal digits of `value`, no sign, no NUL, and returns their number (1 to 20).
+ * REQUIRES: `out` has KAQ_FORMAT_U64_MAX bytes, which may all be overwritten.
+ */
+size_t kaq_format_u64(char *out, uint64_t value);
+/* The same with a leading minus sign for negative values, in KAQ_FORMAT_I64_MAX bytes. */
+size_t kaq_format_i64(char *out, int64_t value);

@@ -1,0 +1,108 @@
+#include "spans/kaq_execute.h"
+
+#include "spans/node_path.h"
+
+#include <string.h>
+
+void (*old_execute_ex)(zend_execute_data *execute_data);
+
+static inline kaq_node *kaq_populate_in(zend_kaq_globals *g,
+										const zend_execute_data *execute_data) {
+	if (!execute_data || !execute_data->func) {
+		return nullptr;
+	}
+	const zend_function *function = execute_data->func;
+	const zend_string *name = function->common.function_name;
+	if (!name) {
+		return nullptr;
+	}
+	kaq_node *node = kaq_pool_take(&g->node_pool);
+	if (node) {
+		const zend_class_entry *scope = function->common.scope;
+		kaq_name_user_call(node, scope ? scope->name : nullptr, name);
+	}
+	return node;
+}
+
+kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
+	return kaq_populate_in(kaq_get_globals(), execute_data);
+}
+
+/* What the hook needs after kaq_enter_call, in two registers: were the frame pointer kept across
+ * that call, the hook would save one register more, and deep recursion pays for every one. */
+struct kaq_entered_call {
+	kaq_node *node;
+	zend_execute_data *execute_data;
+};
+
+/* The span limit counts spans in the buffer, not open ones, and holds in unmonitored requests
+ * too. */
+static __attribute__((noinline)) kaq_entered_call kaq_enter_call(zend_execute_data *execute_data) {
+	zend_kaq_globals *g = kaq_get_globals();
+	kaq_node *node = nullptr;
+	if (g->stored_node_count < g->span_limit) {
+		node = kaq_populate_in(g, execute_data);
+		if (node) {
+			kaq_open_in(g, node);
+		}
+	}
+	return {node, execute_data};
+}
+
+static __attribute__((noinline)) void kaq_leave_call(kaq_node *node) {
+	if (node->data.state == KAQ_NODE_OPEN) {
+		kaq_close_in(kaq_get_globals(), node);
+	}
+}
+
+void kaq_execute_ex(zend_execute_data *execute_data) {
+	kaq_entered_call call = kaq_enter_call(execute_data);
+	old_execute_ex(call.execute_data);
+	if (call.node) {
+		kaq_leave_call(call.node);
+	}
+}
+
+/* A fiber's slot holds its current span and, in the upper bits, how often the span's record had
+ * been reused then: the span may have belonged to the code that resumed the fiber, and be gone. A
+ * slot of NO_SPAN says that there was none, an empty one that the fiber is new. */
+#define KAQ_REUSE_SHIFT 48
+static const uintptr_t NO_SPAN = 1;
+
+static uintptr_t kaq_remember_span(const kaq_node *node) {
+	return node ? (uintptr_t)node | (uintptr_t)node->reuse << KAQ_REUSE_SHIFT : NO_SPAN;
+}
+
+static bool kaq_recall_span(uintptr_t slot, kaq_node **node) {
+	if (slot <= NO_SPAN) {
+		*node = nullptr;
+		return slot == NO_SPAN;
+	}
+	*node = (kaq_node *)(slot & (((uintptr_t)1 << KAQ_REUSE_SHIFT) - 1));
+	return (*node)->data.state == KAQ_NODE_OPEN && (*node)->reuse == slot >> KAQ_REUSE_SHIFT;
+}
+
+void kaq_switch_fiber(void **from, void **to) {
+	zend_kaq_globals *g = kaq_get_globals();
+	kaq_node *node;
+	*from = (void *)kaq_remember_span(g->current_node);
+	if (kaq_recall_span((uintptr_t)*to, &node)) {
+		g->current_node = node;
+	}
+}
+
+void kaq_create_main_method(void) {
+	KAQ_REQUIRES(kaq_get_globals()->node_buffer_len == 0);
+	kaq_node *node = kaq_create_new_node();
+	if (!node) {
+		return;
+	}
+	kaq_copy_function_info(&node->data.function_info, nullptr, "main", KAQ_PHP_COMPONENT, INTERNAL);
+	kaq_set_function_priority(&node->data.function_info, PRIORITY_1);
+	kaq_open_node(node);
+}
+
+int kaq_is_profiling_function(const kaq_node *node) {
+	const char *name = node ? node->data.function_info.function_name : nullptr;
+	return name && (strstr(name, "kaq_start") || strstr(name, "kaq_end"));
+}

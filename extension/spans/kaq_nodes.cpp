@@ -1,0 +1,186 @@
+#include "core/lifecycle.h"
+#include "diagnostics/stacktrace.h"
+#include "spans/node_path.h"
+#include "util/kaq_random.h"
+#include "util/kaq_clock.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+kaq_node *kaq_create_new_node(void) {
+	return kaq_pool_take(&kaq_get_globals()->node_pool);
+}
+
+void kaq_open_node(kaq_node *node) {
+	kaq_open_in(kaq_get_globals(), node);
+}
+
+void kaq_close_node(kaq_node *node) {
+	kaq_close_in(kaq_get_globals(), node);
+}
+
+/* A database query that took longer than the collector's threshold. */
+static bool kaq_is_slow_query(const zend_kaq_globals *g, const struct kaq_node_data *data) {
+	int64_t duration = (int64_t)(data->end_time - data->start_time);
+	return data->function_info.type == DBQUERY &&
+		   (float)duration > 1000.0f * g->sql_trace_threshold;
+}
+
+void kaq_buffer_node(zend_kaq_globals *g, kaq_node *node, bool is_leaf) {
+	kaq_function *fi = &node->data.function_info;
+	if (is_leaf && !kaq_is_php_component(fi) && kaq_is_slow_query(g, &node->data)) {
+		kaq_make_stacktrace(fi);
+	}
+	node->data.state = KAQ_NODE_BUFFERED;
+	kaq_insert_node(node);
+}
+
+void kaq_insert_node(kaq_node *node) {
+	zend_kaq_globals *g = kaq_get_globals();
+	node->next = g->node_buffer->head;
+	g->node_buffer->head = node;
+	g->stored_node_count++;
+}
+
+static kaq_node *kaq_node_of(kaq_function *fi) {
+	return (kaq_node *)((char *)fi - offsetof(kaq_node, data.function_info));
+}
+
+static void kaq_release_name(kaq_node *node, char **name) {
+	char *text = *name;
+	*name = nullptr;
+	if (!kaq_is_stored_name(node, text)) {
+		free(text);
+	}
+}
+
+void kaq_release_texts(kaq_node *node) {
+	kaq_function *fi = &node->data.function_info;
+	struct _arg_data *arg = &fi->arg_data;
+	char *texts[] = {arg->query,     arg->dbconnectHost,      arg->url,
+					 arg->dbname,    arg->externalReqHeaders, arg->externalResHeaders,
+					 arg->stacktrace};
+	kaq_release_name(node, &fi->class_name);
+	kaq_release_name(node, &fi->function_name);
+	for (char *text : texts) {
+		free(text);
+	}
+	if (arg->einfo.s) {
+		zend_string_release(arg->einfo.s);
+	}
+}
+
+static void kaq_release_node(kaq_node_pool *pool, kaq_node *node) {
+	kaq_release_texts(node);
+	kaq_pool_give_back(pool, node);
+}
+
+void kaq_free_node(kaq_node *node) {
+	if (node) {
+		kaq_release_node(&kaq_get_globals()->node_pool, node);
+	}
+}
+
+static void kaq_close_orphan(kaq_node_pool *, kaq_node *node) {
+	kaq_close_node(node);
+}
+
+/* A bailout that somebody caught on the way leaves open spans that no longer lead up from the
+ * current one; the pool still knows them. */
+void kaq_close_open_nodes(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	while (g->current_node && g->current_node->data.state == KAQ_NODE_OPEN) {
+		kaq_close_node(g->current_node);
+	}
+	kaq_pool_for_each_open(&g->node_pool, kaq_close_orphan);
+	g->current_node = nullptr;
+}
+
+void kaq_release_spans(zend_kaq_globals *g) {
+	kaq_node *node = g->node_list.head;
+	g->node_list.head = nullptr;
+	g->current_node = nullptr;
+	while (node) {
+		kaq_node *next = node->next;
+		kaq_release_node(&g->node_pool, node);
+		node = next;
+	}
+	kaq_pool_for_each_open(&g->node_pool, kaq_release_node);
+}
+
+void kaq_free_node_buffer(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	kaq_release_spans(g);
+	kaq_pool_trim(&g->node_pool);
+}
+
+kaq_node **kaq_validate_nodes(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	size_t count = (size_t)g->node_buffer_len;
+	kaq_node **by_key = (kaq_node **)calloc(count ? count : 1, sizeof(kaq_node *));
+	if (!by_key) {
+		return nullptr;
+	}
+	int64_t without_id = 0;
+	for (kaq_node *node = g->node_buffer->head; node; node = node->next) {
+		without_id += node->data.function_info.span_id[0] == '\0';
+		by_key[node->data.key] = node;
+	}
+	/* One generator call serves all spans: a call opens the random device. */
+	char *ids = (char *)malloc((size_t)without_id * KAQ_SPAN_ID_LENGTH + 1);
+	if (!ids) {
+		free(by_key);
+		return nullptr;
+	}
+	kaq_random_hex(without_id * KAQ_SPAN_ID_LENGTH, ids);
+	const char *next_id = ids;
+	for (kaq_node *node = g->node_buffer->head; node; node = node->next) {
+		char *span_id = node->data.function_info.span_id;
+		if (span_id[0] == '\0') {
+			memcpy(span_id, next_id, KAQ_SPAN_ID_LENGTH);
+			span_id[KAQ_SPAN_ID_LENGTH] = '\0';
+			next_id += KAQ_SPAN_ID_LENGTH;
+		}
+	}
+	free(ids);
+	return by_key;
+}
+
+static char *kaq_store_name(const char *text, char **store, size_t *room) {
+	if (!text) {
+		return nullptr;
+	}
+	size_t size = strlen(text) + 1;
+	char *copy;
+	if (size <= *room) {
+		copy = *store;
+		*store += size;
+		*room -= size;
+	} else {
+		copy = (char *)malloc(size);
+	}
+	return copy ? (char *)memcpy(copy, text, size) : nullptr;
+}
+
+void kaq_copy_function_info(kaq_function *fi, const char *class_name, const char *function_name,
+							const char *component, int is_external) {
+	kaq_node *node = kaq_node_of(fi);
+	kaq_release_name(node, &fi->class_name);
+	kaq_release_name(node, &fi->function_name);
+	char *store = node->name_store;
+	size_t room = KAQ_NAME_STORE_SIZE;
+	fi->class_name = kaq_store_name(class_name, &store, &room);
+	fi->function_name = kaq_store_name(function_name, &store, &room);
+	if (component) {
+		size_t length = strnlen(component, KAQ_COMPONENT_SIZE - 1);
+		memcpy(fi->component_name, component, length);
+		fi->component_name[length] = '\0';
+	}
+	fi->isExternal = is_external;
+}
+
+void kaq_update_method_name(kaq_function *fi, const char *name) {
+	char *copy = name ? strdup(name) : nullptr;
+	kaq_release_name(kaq_node_of(fi), &fi->function_name);
+	fi->function_name = copy;
+}

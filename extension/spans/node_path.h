@@ -1,0 +1,117 @@
+/*
+ * The path that every user call takes through the spans, inline: opening, naming, closing and
+ * dropping a span. The functions of kaq_util.h are these with the thread's record looked up.
+ */
+#pragma once
+
+#include "state/php_kaq.h"
+#include "util/kaq_assert.h"
+#include "util/kaq_clock.h"
+
+#include <string.h>
+
+/* Moves a closed span into the node buffer. A leaf has no descendant in the buffer. */
+void kaq_buffer_node(zend_kaq_globals *g, kaq_node *node, bool is_leaf);
+
+/* Frees the texts that a span owns; its fields then point nowhere. */
+void kaq_release_texts(kaq_node *node);
+
+static inline bool kaq_is_php_component(const kaq_function *fi) {
+	return memcmp(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT)) == 0;
+}
+
+/* A null name counts as stored: there is nothing to free. */
+static inline bool kaq_is_stored_name(const kaq_node *node, const char *name) {
+	return !name || (name >= node->name_store && name < node->name_store + KAQ_NAME_STORE_SIZE);
+}
+
+/* Whether anything in the span has to be freed. */
+static inline bool kaq_owns_texts(const kaq_node *node) {
+	const kaq_function *fi = &node->data.function_info;
+	const struct _arg_data *arg = &fi->arg_data;
+	uintptr_t texts = (uintptr_t)arg->query | (uintptr_t)arg->dbconnectHost | (uintptr_t)arg->url |
+					  (uintptr_t)arg->dbname | (uintptr_t)arg->externalReqHeaders |
+					  (uintptr_t)arg->externalResHeaders | (uintptr_t)arg->stacktrace |
+					  (uintptr_t)arg->einfo.s;
+	return texts || !kaq_is_stored_name(node, fi->class_name) ||
+		   !kaq_is_stored_name(node, fi->function_name);
+}
+
+/* Engine strings are allocated in steps of 8 bytes from their characters on, so whole steps can be
+ * copied. */
+static inline size_t kaq_padded_size(const zend_string *text) {
+	return ZEND_MM_ALIGNED_SIZE_EX(ZSTR_LEN(text) + 1, 8);
+}
+
+static inline char *kaq_copy_padded(char *store, const zend_string *text) {
+	size_t size = kaq_padded_size(text);
+	for (size_t i = 0; i < size; i += 8) {
+		memcpy(store + i, ZSTR_VAL(text) + i, 8);
+	}
+	return store + size;
+}
+
+/* Names a span of user code after the engine's strings. */
+static inline void kaq_name_user_call(kaq_node *node, const zend_string *class_name,
+									  const zend_string *function_name) {
+	kaq_function *fi = &node->data.function_info;
+	size_t class_size = class_name ? kaq_padded_size(class_name) : 0;
+	if (UNEXPECTED(class_size + kaq_padded_size(function_name) > KAQ_NAME_STORE_SIZE)) {
+		kaq_copy_function_info(fi, class_name ? ZSTR_VAL(class_name) : nullptr,
+							   ZSTR_VAL(function_name), KAQ_PHP_COMPONENT, INTERNAL);
+		return;
+	}
+	char *store = node->name_store;
+	fi->function_name = store;
+	store = kaq_copy_padded(store, function_name);
+	if (class_name) {
+		fi->class_name = store;
+		kaq_copy_padded(store, class_name);
+	}
+	memcpy(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT));
+}
+
+static inline void kaq_open_in(zend_kaq_globals *g, kaq_node *node) {
+	kaq_node *parent = g->current_node;
+	KAQ_REQUIRES(node->data.state == KAQ_NODE_CREATED);
+	node->data.start_time = kaq_now_ms();
+	node->data.state = KAQ_NODE_OPEN;
+	node->data.parent = parent;
+	if (parent) {
+		parent->data.child_count++;
+	}
+	node->data.key = g->node_buffer_len++;
+	g->current_node = node;
+}
+
+/* The span that goes on when `node` ends. Where fibers take turns a parent may have ended before.
+ */
+static inline kaq_node *kaq_open_ancestor(const kaq_node *node) {
+	kaq_node *parent = node->data.parent;
+	while (UNEXPECTED(parent && parent->data.state != KAQ_NODE_OPEN)) {
+		parent = parent->data.parent;
+	}
+	return parent;
+}
+
+static inline void kaq_close_in(zend_kaq_globals *g, kaq_node *node) {
+	struct kaq_node_data *data = &node->data;
+	const kaq_function *fi = &data->function_info;
+	KAQ_REQUIRES(data->state == KAQ_NODE_OPEN);
+	g->current_node = kaq_open_ancestor(node);
+	data->end_time = kaq_now_ms();
+	int64_t duration = (int64_t)(data->end_time - data->start_time);
+	data->is_necessary = duration >= g->method_threshold || (fi->isFault | fi->isError) ||
+						 fi->priority || !kaq_is_php_component(fi);
+	/* No descendant is left when the newest key in use is this span's own. */
+	bool is_leaf = g->node_buffer_len == data->key + 1;
+	if (is_leaf && !data->is_necessary && data->key != 0) {
+		if (UNEXPECTED(kaq_owns_texts(node))) {
+			kaq_release_texts(node);
+		}
+		kaq_pool_give_back(&g->node_pool, node);
+		g->node_buffer_len--;
+		return;
+	}
+	kaq_buffer_node(g, node, is_leaf);
+}

@@ -1,0 +1,70 @@
+/*
+ * The span records of one thread: carved from slabs, recycled through a free list, so that a
+ * recorded call costs no allocation. A record in the free list is all zero but for its link and
+ * its name store.
+ *
+ * The pool owns the records' memory only; the texts that a span owns are freed by kaq_free_node()
+ * before the record comes back.
+ */
+#pragma once
+
+#include "spans/kaq_util.h"
+
+#include <emmintrin.h>
+
+#define KAQ_SLAB_RECORDS 64
+/* Slabs that a thread keeps from one request to the next. */
+#define KAQ_SLABS_KEPT 16
+
+typedef struct kaq_slab {
+	struct kaq_slab *next;
+	kaq_node records[KAQ_SLAB_RECORDS];
+} kaq_slab;
+
+typedef struct {
+	kaq_node *free_list;
+	kaq_slab *slabs;
+} kaq_node_pool;
+
+/* A zeroed record, or null when memory is short. */
+kaq_node *kaq_pool_take_slow(kaq_node_pool *pool);
+
+static inline kaq_node *kaq_pool_take(kaq_node_pool *pool) {
+	kaq_node *node = pool->free_list;
+	if (__builtin_expect(!node, 0)) {
+		return kaq_pool_take_slow(pool);
+	}
+	pool->free_list = node->next;
+	node->next = nullptr;
+	return node;
+}
+
+/* Spelt out: for this size the compiler would choose a string instruction that is slow to start. */
+static inline void kaq_clear_node_data(struct kaq_node_data *data) {
+	static_assert(sizeof(*data) % 8 == 0, "the last store covers half a block");
+	const __m128i zero = _mm_setzero_si128();
+	char *to = (char *)data;
+#pragma GCC unroll 16
+	for (size_t i = 0; i + 16 <= sizeof(*data); i += 16) {
+		_mm_storeu_si128((__m128i *)(to + i), zero);
+	}
+	if (sizeof(*data) % 16 != 0) {
+		_mm_storel_epi64((__m128i *)(to + sizeof(*data) - 8), zero);
+	}
+}
+
+static inline void kaq_pool_give_back(kaq_node_pool *pool, kaq_node *node) {
+	kaq_clear_node_data(&node->data);
+	node->reuse++;
+	node->next = pool->free_list;
+	pool->free_list = node;
+}
+
+/* Calls `visit` for every record that is open. A visit may close or free the record it is given. */
+void kaq_pool_for_each_open(kaq_node_pool *pool, void (*visit)(kaq_node_pool *, kaq_node *));
+
+/* Gives slabs beyond KAQ_SLABS_KEPT back to the heap. REQUIRES: no record is in use. */
+void kaq_pool_trim(kaq_node_pool *pool);
+
+/* Frees all slabs. REQUIRES: no record is in use. */
+void kaq_pool_destroy(kaq_node_pool *pool);

@@ -1,0 +1,441 @@
+#include "util/engine_compat.h"
+
+#include <pthread.h>
+
+#ifdef ZTS
+TSRM_TLS void *TSRMLS_CACHE KAQ_THREAD_LOCAL_MODEL = nullptr;
+
+void kaq_bind_thread(void) {
+	TSRMLS_CACHE = tsrm_get_ls_cache();
+}
+#else
+void kaq_bind_thread(void) {
+}
+#endif
+
+zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval *rv) {
+	if (!object || Z_TYPE_P(object) != IS_OBJECT) {
+		return nullptr;
+	}
+#if PHP_VERSION_ID < 80000
+	return zend_read_property(Z_OBJCE_P(object), object, name, name_length, 1, rv);
+#else
+	return zend_read_property(Z_OBJCE_P(object), Z_OBJ_P(object), name, name_length, 1, rv);
+#endif
+}
+
+#if PHP_VERSION_ID < 80000
+void kaq_format_message(kaq_message *message, const char *format, va_list args) {
+	va_list copy;
+	va_copy(copy, args);
+	vspprintf(&message->owned, 0, format, copy);
+	va_end(copy);
+	message->text = message->owned;
+}
+
+zend_object *kaq_thrown_object(kaq_thrown *exception) {
+	return Z_OBJ_P(exception);
+}
+#else
+zend_object *kaq_thrown_object(kaq_thrown *exception) {
+	return exception;
+}
+#endif
+
+void kaq_message_free(kaq_message *message) {
+	if (message->owned) {
+		efree(message->owned);
+	}
+}
+
+static bool kaq_is_send(const zend_op *op) {
+	switch (op->opcode) {
+	case ZEND_SEND_VAL:
+	case ZEND_SEND_VAL_EX:
+	case ZEND_SEND_VAR:
+	case ZEND_SEND_VAR_EX:
+#if PHP_VERSION_ID >= 70300
+	case ZEND_SEND_FUNC_ARG:
+#endif
+		return true;
+	default:
+		return false;
+	}
+}
+
+bool kaq_is_call(const zend_op *op) {
+	return op->opcode == ZEND_DO_FCALL || op->opcode == ZEND_DO_ICALL ||
+		   op->opcode == ZEND_DO_FCALL_BY_NAME;
+}
+
+bool kaq_passes_variable(const zend_op *send) {
+	return kaq_is_send(send) && send->op1_type == IS_CV;
+}
+
+bool kaq_passes_element(const zend_op *send) {
+	const zend_op *fetch = send - 1;
+	return kaq_is_send(send) && fetch->op1_type == IS_CV && send->op1.var == fetch->result.var &&
+		   send->op1_type == fetch->result_type &&
+		   (fetch->opcode == ZEND_FETCH_DIM_R || fetch->opcode == ZEND_FETCH_DIM_FUNC_ARG);
+}
+
+bool kaq_is_rewritable(const zend_string *text) {
+#if PHP_VERSION_ID < 70300
+	uint32_t flags = GC_FLAGS(text);
+	return !ZSTR_IS_INTERNED(text) && !(flags & IS_STR_PERSISTENT);
+#else
+	return !ZSTR_IS_INTERNED(text) && !(GC_FLAGS(text) & (IS_STR_PERSISTENT | GC_IMMUTABLE));
+#endif
+}
+
+static const zval *kaq_stored_property(zend_object *object, const char *name) {
+	const zend_property_info *info = (const zend_property_info *)zend_hash_str_find_ptr(
+		&object->ce->properties_info, name, strlen(name));
+	if (!info || (info->flags & ZEND_ACC_STATIC)) {
+		return nullptr;
+	}
+	zval *value = OBJ_PROP(object, info->offset);
+	ZVAL_DEREF(value);
+	return value;
+}
+
+zend_string *kaq_property_text(zend_object *object, const char *name) {
+	const zval *value = kaq_stored_property(object, name);
+	if (!value || Z_TYPE_P(value) == IS_UNDEF || Z_TYPE_P(value) == IS_OBJECT) {
+		return ZSTR_EMPTY_ALLOC();
+	}
+	return Z_TYPE_P(value) == IS_ARRAY ? zend_string_init("Array", strlen("Array"), 0)
+									   : zval_get_string((zval *)value);
+}
+
+zend_long kaq_property_number(zend_object *object, const char *name) {
+	const zval *value = kaq_stored_property(object, name);
+	return value && Z_TYPE_P(value) != IS_UNDEF && Z_TYPE_P(value) <= IS_STRING
+			   ? zval_get_long((zval *)value)
+			   : 0;
+}
+
+zend_function *kaq_find_callable_function(const char *name, size_t length) {
+	zend_function *function =
+		(zend_function *)zend_hash_str_find_ptr(EG(function_table), name, length);
+	if (!function || function->type != ZEND_INTERNAL_FUNCTION ||
+		kaq_is_disabled_function(function)) {
+		return nullptr;
+	}
+	return function;
+}
+
+#if PHP_VERSION_ID < 70400
+#define KAQ_PUSH_CALL(function, count) \
+	zend_vm_stack_push_call_frame(ZEND_CALL_TOP_FUNCTION, function, count, nullptr, nullptr)
+#else
+#define KAQ_PUSH_CALL(function, count) \
+	zend_vm_stack_push_call_frame(ZEND_CALL_TOP_FUNCTION, function, count, nullptr)
+#endif
+
+void kaq_call_internal(zend_function *function, uint32_t count, zval *args, zval *result) {
+	zend_execute_data *outer = EG(current_execute_data);
+	zend_execute_data *call = KAQ_PUSH_CALL(function, count);
+	for (uint32_t i = 0; i < count; i++) {
+		ZVAL_COPY(ZEND_CALL_ARG(call, i + 1), &args[i]);
+	}
+	call->prev_execute_data = outer;
+	EG(current_execute_data) = call;
+	ZVAL_NULL(result);
+	function->internal_function.handler(call, result);
+	EG(current_execute_data) = outer;
+	zend_vm_stack_free_args(call);
+	zend_vm_stack_free_call_frame(call);
+	if (EG(exception)) {
+		zval_ptr_dtor(result);
+		ZVAL_UNDEF(result);
+	}
+}
+
+/* Later engines take a disabled function out of the table. */
+int kaq_is_disabled_function(const zend_function *function) {
+#if PHP_VERSION_ID < 80000
+	return function->internal_function.handler == ZEND_FN(display_disabled_function);
+#else
+	(void)function;
+	return 0;
+#endif
+}
+
+#if PHP_VERSION_ID < 80100
+void kaq_watch_fibers(kaq_fiber_notice_t) {
+}
+
+void kaq_block_fibers(void) {
+}
+
+void kaq_unblock_fibers(void) {
+}
+#else
+#include "zend_extensions.h"
+#include "zend_fibers.h"
+#include "zend_observer.h"
+
+static kaq_fiber_notice_t kaq_fiber_notice;
+static int kaq_fiber_slot = -1; /* of this process, for good */
+
+static void kaq_pass_fiber_switch(zend_fiber_context *from, zend_fiber_context *to) {
+	kaq_fiber_notice(&from->reserved[kaq_fiber_slot], &to->reserved[kaq_fiber_slot]);
+}
+
+void kaq_watch_fibers(kaq_fiber_notice_t notice) {
+	if (kaq_fiber_slot < 0) {
+		kaq_fiber_slot = zend_get_resource_handle("kaq");
+	}
+	if (kaq_fiber_slot >= 0) {
+		kaq_fiber_notice = notice;
+		zend_observer_fiber_switch_register(kaq_pass_fiber_switch);
+	}
+}
+
+void kaq_block_fibers(void) {
+	zend_fiber_switch_block();
+}
+
+void kaq_unblock_fibers(void) {
+	zend_fiber_switch_unblock();
+}
+#endif
+
+int kaq_has_plain_objects(void) {
+	return zend_standard_class_def->create_object == nullptr;
+}
+
+void kaq_memory_limit_lift(void) {
+	zend_set_memory_limit((size_t)-1 >> 1);
+}
+
+/* Later engines refuse a limit below what is in use: what we have freed may have to be given back
+ * first, and if that is not enough at least nothing more is to be had. */
+void kaq_memory_limit_restore(void) {
+	if (zend_set_memory_limit((size_t)PG(memory_limit)) == SUCCESS) {
+		return;
+	}
+	zend_mm_gc(zend_mm_get_heap());
+	if (zend_set_memory_limit((size_t)PG(memory_limit)) != SUCCESS) {
+		zend_set_memory_limit(zend_memory_usage(1));
+	}
+}
+
+bool kaq_memory_has_room(size_t size) {
+	const size_t chunk = (size_t)2 * 1024 * 1024;
+	const size_t page = 4096;
+	size_t needed = size < chunk - page ? chunk : size + page;
+	size_t limit = (size_t)PG(memory_limit);
+	size_t used = zend_memory_usage(1);
+	return needed > size && used < limit && limit - used >= needed;
+}
+
+void kaq_fetch_backtrace(zval *frames, int limit) {
+	if (!EG(current_execute_data)) {
+		array_init(frames);
+		return;
+	}
+	zend_fetch_debug_backtrace(frames, 0, DEBUG_BACKTRACE_IGNORE_ARGS, limit);
+}
+
+#if PHP_VERSION_ID < 80000
+zend_long kaq_zval_resource_id(const zval *handle) {
+	return Z_RES_HANDLE_P(handle);
+}
+
+int kaq_is_curl_handle(const zval *value) {
+	if (!value || Z_TYPE_P(value) != IS_RESOURCE) {
+		return 0;
+	}
+	const char *type = zend_rsrc_list_get_rsrc_type(Z_RES_P(value));
+	return type && strcmp(type, "curl") == 0;
+}
+
+int kaq_may_be_curl(const zval *) {
+	return 1;
+}
+
+int kaq_find_curl_handle(zend_long id, zval *handle) {
+	zend_resource *resource =
+		(zend_resource *)zend_hash_index_find_ptr(&EG(regular_list), (zend_ulong)id);
+	if (!resource) {
+		return 0;
+	}
+	ZVAL_RES(handle, resource);
+	return kaq_is_curl_handle(handle);
+}
+
+void kaq_follow_clones(zval *, kaq_clone_notice) {
+}
+
+void kaq_watch_handles_start(HashTable *, kaq_handle_notice) {
+}
+
+void kaq_watch_handle(HashTable *, const zval *) {
+}
+
+zend_long kaq_watched_id(const zval *) {
+	return 0;
+}
+
+void kaq_watch_handles_end(HashTable *) {
+}
+#else
+#include "zend_weakrefs.h"
+
+zend_long kaq_zval_resource_id(const zval *handle) {
+	return Z_TYPE_P(handle) == IS_OBJECT ? (zend_long)Z_OBJ_HANDLE_P(handle)
+										 : (zend_long)Z_RES_HANDLE_P(handle);
+}
+
+int kaq_is_curl_handle(const zval *value) {
+	return value && Z_TYPE_P(value) == IS_OBJECT &&
+		   zend_string_equals_literal(Z_OBJCE_P(value)->name, "CurlHandle");
+}
+
+int kaq_may_be_curl(const zval *value) {
+	return Z_TYPE_P(value) == IS_OBJECT &&
+		   (kaq_is_curl_handle(value) ||
+			zend_string_equals_literal(Z_OBJCE_P(value)->name, "CurlMultiHandle"));
+}
+
+int kaq_find_curl_handle(zend_long id, zval *handle) {
+	if (id <= 0 || id >= (zend_long)EG(objects_store).top ||
+		!IS_OBJ_VALID(EG(objects_store).object_buckets[id])) {
+		return 0;
+	}
+	ZVAL_OBJ(handle, EG(objects_store).object_buckets[id]);
+	return kaq_is_curl_handle(handle);
+}
+
+static zend_object_handlers kaq_followed_handlers;
+static zend_object_clone_obj_t kaq_clone_handle;
+static kaq_clone_notice kaq_noted_clone;
+
+static zend_object *kaq_clone_and_tell(zend_object *object) {
+	zend_object *clone = kaq_clone_handle(object);
+	if (clone) {
+		zval from;
+		zval to;
+		ZVAL_OBJ(&from, object);
+		ZVAL_OBJ(&to, clone);
+		kaq_noted_clone(&from, &to);
+	}
+	return clone;
+}
+
+/* All curl handles share one table of handlers. A followed one gets a copy of it, which differs in
+ * how a clone is made. */
+void kaq_follow_clones(zval *handle, kaq_clone_notice notice) {
+	static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+	if (!kaq_is_curl_handle(handle) || Z_OBJ_HT_P(handle) == &kaq_followed_handlers) {
+		return;
+	}
+	pthread_mutex_lock(&lock);
+	if (!kaq_clone_handle && Z_OBJ_HT_P(handle)->clone_obj) {
+		kaq_followed_handlers = *Z_OBJ_HT_P(handle);
+		kaq_followed_handlers.clone_obj = kaq_clone_and_tell;
+		kaq_noted_clone = notice;
+		kaq_clone_handle = Z_OBJ_HT_P(handle)->clone_obj;
+	}
+	bool is_known = kaq_clone_handle && Z_OBJ_HT_P(handle)->clone_obj == kaq_clone_handle;
+	pthread_mutex_unlock(&lock);
+	if (is_known) {
+		Z_OBJ_P(handle)->handlers = &kaq_followed_handlers;
+	}
+}
+
+void kaq_watch_handles_start(HashTable *watch, kaq_handle_notice forget) {
+	zend_hash_init(watch, 0, nullptr, forget, 0);
+}
+
+void kaq_watch_handle(HashTable *watch, const zval *handle) {
+	if (Z_TYPE_P(handle) == IS_OBJECT) {
+		zval entry;
+		ZVAL_PTR(&entry, Z_OBJ_P(handle));
+		zend_weakrefs_hash_add(watch, Z_OBJ_P(handle), &entry);
+	}
+}
+
+zend_long kaq_watched_id(const zval *entry) {
+	return (zend_long)((const zend_object *)Z_PTR_P(entry))->handle;
+}
+
+void kaq_watch_handles_end(HashTable *watch) {
+	void *object;
+	watch->pDestructor = nullptr;
+	ZEND_HASH_FOREACH_PTR(watch, object) {
+		zend_weakrefs_hash_del(watch, (zend_object *)object);
+	}
+	ZEND_HASH_FOREACH_END();
+	zend_hash_destroy(watch);
+}
+#endif
+
+/* The standard cast needs the method; a class with a cast of its own may do without. */
+int kaq_is_stringable(const zval *object) {
+	return Z_OBJCE_P(object)->__tostring ||
+		   Z_OBJ_HT_P(object)->cast_object != zend_get_std_object_handlers()->cast_object;
+}
+
+#if PHP_VERSION_ID < 80000
+bool kaq_is_exit(const zend_object *) {
+	return false;
+}
+#elif PHP_VERSION_ID < 80100
+bool kaq_is_exit(const zend_object *exception) {
+	return zend_is_unwind_exit(exception);
+}
+#else
+bool kaq_is_exit(const zend_object *exception) {
+	return zend_is_unwind_exit(exception) || zend_is_graceful_exit(exception);
+}
+#endif
+
+#if PHP_VERSION_ID < 70100
+bool kaq_take_interrupt(void) {
+	return false;
+}
+
+void kaq_set_interrupt(void) {
+}
+#elif PHP_VERSION_ID < 80200
+bool kaq_take_interrupt(void) {
+	bool pending = EG(vm_interrupt);
+	EG(vm_interrupt) = 0;
+	return pending;
+}
+
+void kaq_set_interrupt(void) {
+	EG(vm_interrupt) = 1;
+}
+#else
+bool kaq_take_interrupt(void) {
+	return zend_atomic_bool_exchange_ex(&EG(vm_interrupt), false);
+}
+
+void kaq_set_interrupt(void) {
+	zend_atomic_bool_store_ex(&EG(vm_interrupt), true);
+}
+#endif
+
+#if PHP_VERSION_ID < 80000
+#define KAQ_FREE_LAST_MESSAGE free
+#else
+#define KAQ_FREE_LAST_MESSAGE zend_string_release
+#endif
+#if PHP_VERSION_ID < 80100
+#define KAQ_FREE_LAST_FILE free
+#else
+#define KAQ_FREE_LAST_FILE zend_string_release
+#endif
+
+void kaq_free_last_error(void) {
+	if (PG(last_error_message)) {
+		KAQ_FREE_LAST_MESSAGE(PG(last_error_message));
+	}
+	if (PG(last_error_file)) {
+		KAQ_FREE_LAST_FILE(PG(last_error_file));
+	}
+}

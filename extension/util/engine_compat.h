@@ -1,0 +1,219 @@
+/*
+ * The one place that knows how the engines differ. The sources keep the shape of PHP 7.0, thread
+ * safe; what a later engine does otherwise is turned back into that shape here. Capabilities are
+ * named, never versions; blocks stand in order of age, oldest first.
+ *
+ * Every other file includes this header for the engine's own headers too.
+ */
+#pragma once
+
+#include "php.h"
+#include "php_ini.h"
+#include "php_main.h"
+#include "php_output.h"
+#include "php_variables.h"
+#include "SAPI.h"
+#include "ext/standard/info.h"
+#include "zend_builtin_functions.h"
+#include "zend_exceptions.h"
+#include "zend_interfaces.h"
+#include "zend_smart_str.h"
+
+/* Thread-safe engines keep module globals in a per-thread table, the others in one static. */
+#ifdef ZTS
+#define KAQ_THREAD_SAFE 1
+/* Few bytes in the static block of every thread, and no call to find them. */
+#define KAQ_THREAD_LOCAL_MODEL __attribute__((tls_model("initial-exec"), visibility("hidden")))
+extern TSRM_TLS void *TSRMLS_CACHE KAQ_THREAD_LOCAL_MODEL;
+#define KAQ_MODULE_GLOBALS_POINTER(module) \
+	TSRMG_BULK_STATIC(module##_globals_id, zend_##module##_globals *)
+#else
+#define KAQ_THREAD_SAFE 0
+#define KAQ_MODULE_GLOBALS_POINTER(module) (&module##_globals)
+#endif
+
+/* Makes the engine's per-thread storage reachable from this module. Call it on a thread before
+ * anything else, and again at each request start: a thread may have been given new storage. */
+void kaq_bind_thread(void);
+
+/* An update handler of a setting. Ours look at the new value only. */
+#define KAQ_INI_HANDLER(name) PHP_INI_MH(name)
+
+/* Starts the engine with one built-in module more, for programs that embed it. */
+#if PHP_VERSION_ID < 80200
+#define KAQ_STARTUP_MODULE(sapi, module) php_module_startup(sapi, module, 1)
+#else
+#define KAQ_STARTUP_MODULE(sapi, module) php_module_startup(sapi, module)
+#endif
+#define KAQ_INI_HANDLER_IGNORES() \
+	((void)entry, (void)mh_arg1, (void)mh_arg2, (void)mh_arg3, (void)stage)
+
+/* Exception hook and error callback: the parameter lists follow the engine, the bodies pass them
+ * on untouched with KAQ_ERROR_CB_ARGS. Within the callback KAQ_ERROR_FILE is the file's name and
+ * KAQ_ERROR_MESSAGE fills a kaq_message, which may borrow from the arguments. */
+typedef struct {
+	const char *text;
+	char *owned;
+} kaq_message;
+void kaq_message_free(kaq_message *message);
+#if PHP_VERSION_ID < 80000
+typedef zval kaq_thrown;
+#define KAQ_ERROR_CB_PARAMS                                                                \
+	int type, const char *error_filename, const uint32_t error_lineno, const char *format, \
+		va_list args
+#define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, format, args
+#define KAQ_ERROR_FILE error_filename
+void kaq_format_message(kaq_message *message, const char *format, va_list args);
+#define KAQ_ERROR_MESSAGE(message) kaq_format_message(&(message), format, args)
+#elif PHP_VERSION_ID < 80100
+typedef zend_object kaq_thrown;
+#define KAQ_ERROR_CB_PARAMS \
+	int type, const char *error_filename, const uint32_t error_lineno, zend_string *message
+#define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, message
+#define KAQ_ERROR_FILE error_filename
+#define KAQ_ERROR_MESSAGE(taken) ((taken) = {message ? ZSTR_VAL(message) : nullptr, nullptr})
+#else
+typedef zend_object kaq_thrown;
+#define KAQ_ERROR_CB_PARAMS \
+	int type, zend_string *error_filename, const uint32_t error_lineno, zend_string *message
+#define KAQ_ERROR_CB_ARGS type, error_filename, error_lineno, message
+#define KAQ_ERROR_FILE (error_filename ? ZSTR_VAL(error_filename) : nullptr)
+#define KAQ_ERROR_MESSAGE(taken) ((taken) = {message ? ZSTR_VAL(message) : nullptr, nullptr})
+#endif
+/* Suggestions about style; engines give the type up one after the other. */
+#define KAQ_E_STRICT (1 << 11)
+zend_object *kaq_thrown_object(kaq_thrown *exception);
+/* Whether it only unwinds the stack: later engines let exit, and the end of a fiber, travel as
+ * exceptions. Such an object has nothing to read. */
+bool kaq_is_exit(const zend_object *exception);
+
+/* Whether an instruction calls a function; whether one passes a compiled variable by value, or what
+ * the one before it has read from an array in such a variable; and whether a text may be changed in
+ * place as far as its memory goes. */
+bool kaq_is_call(const zend_op *op);
+bool kaq_passes_variable(const zend_op *send);
+bool kaq_passes_element(const zend_op *send);
+bool kaq_is_rewritable(const zend_string *text);
+
+/* Declared properties as they stand in the object: neither script code runs nor the engine reports
+ * anything. A text is a new reference, "" for what has none; a number is 0 for what is none. */
+zend_string *kaq_property_text(zend_object *object, const char *name);
+zend_long kaq_property_number(zend_object *object, const char *name);
+typedef void (*kaq_error_cb_t)(KAQ_ERROR_CB_PARAMS);
+typedef void (*kaq_throw_hook_t)(kaq_thrown *exception);
+
+/* A property of an object, read quietly. Null when the value is no object; a missing property
+ * reads as the engine's null value. The result belongs to the object or to *rv. */
+zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval *rv);
+
+/* The internal function of that name if scripts could call it: null when it is missing, is not
+ * internal or has been disabled. */
+zend_function *kaq_find_callable_function(const char *name, size_t length);
+
+/* Calls an internal function with copies of the arguments. The result is undefined if it threw. The
+ * engine's own way to call would deal with pending interrupts, and refuse while a script unwinds.
+ * REQUIRES: no exception is pending. */
+void kaq_call_internal(zend_function *function, uint32_t count, zval *args, zval *result);
+
+/* Handles of some extensions (curl, pgsql) are resources, in later engines objects. */
+#if PHP_VERSION_ID < 80000
+#define KAQ_HANDLES_ARE_OBJECTS 0
+#else
+#define KAQ_HANDLES_ARE_OBJECTS 1
+#endif
+
+/* The number of a handle: of its resource or, in later engines, its object. */
+zend_long kaq_zval_resource_id(const zval *handle);
+
+/* Whether the value is a handle that curl_init made and that is not closed. */
+int kaq_is_curl_handle(const zval *value);
+
+/* Whether a value that fits the letter "r" may be a curl handle of some kind: where handles are
+ * resources the function itself finds out. */
+int kaq_may_be_curl(const zval *value);
+
+/* The open curl handle of that number, without a reference of its own. Returns 0 when there is
+ * none. */
+int kaq_find_curl_handle(zend_long id, zval *handle);
+
+/* Where a handle can be cloned: from now on `notice` is told of every clone of this one. The first
+ * notice ever given counts for all. */
+typedef void (*kaq_clone_notice)(zval *handle, zval *clone);
+void kaq_follow_clones(zval *handle, kaq_clone_notice notice);
+
+/* Whether an object can be turned into a text. */
+int kaq_is_stringable(const zval *object);
+
+/* The number of a resource is never given out again within a request, that of an object is. A watch
+ * is a table of the objects that live: when one goes away its entry is destroyed, and `forget` is
+ * called with the entry; it may release other handles. Engines with resources: nothing happens.
+ * Start before and end after all else; the end does not call `forget`. */
+typedef void (*kaq_handle_notice)(zval *entry);
+void kaq_watch_handles_start(HashTable *watch, kaq_handle_notice forget);
+void kaq_watch_handle(HashTable *watch, const zval *handle);
+zend_long kaq_watched_id(const zval *entry);
+void kaq_watch_handles_end(HashTable *watch);
+
+/* Takes a pending interrupt (a signal for the script, its time limit), which the engine deals with
+ * at the end of a call; and gives it back. */
+bool kaq_take_interrupt(void);
+void kaq_set_interrupt(void);
+
+/* Frees the texts of the engine's last error, which dangle then. */
+void kaq_free_last_error(void);
+
+/* A parse of arguments that fails warns, in later engines it throws. */
+#if PHP_VERSION_ID < 80000
+#define KAQ_PARSE_FAILURES_THROW 0
+#else
+#define KAQ_PARSE_FAILURES_THROW 1
+#endif
+
+/* Null for a scalar parameter is taken as the empty value, in later engines with a deprecation. */
+#if PHP_VERSION_ID < 80100
+#define KAQ_NULL_SCALARS_DEPRECATED 0
+#else
+#define KAQ_NULL_SCALARS_DEPRECATED 1
+#endif
+
+/* "12a" is taken for an integer parameter; later engines refuse it. */
+#if PHP_VERSION_ID < 80000
+#define KAQ_TRAILING_TEXT_FITS 1
+#else
+#define KAQ_TRAILING_TEXT_FITS 0
+#endif
+
+/* Whether the code that called the running internal function declares strict types. */
+static inline int kaq_caller_is_strict(void) {
+	return ZEND_ARG_USES_STRICT_TYPES();
+}
+
+/* Whether the site has disabled the internal function. */
+int kaq_is_disabled_function(const zend_function *function);
+
+/* Engines with fibers: from now on `notice` is told of every switch, before it happens, with a slot
+ * of each fiber that is null at first. Once per module start; the engine forgets it at its end.
+ * Engines without fibers: nothing. */
+typedef void (*kaq_fiber_notice_t)(void **from, void **to);
+void kaq_watch_fibers(kaq_fiber_notice_t notice);
+
+/* Between these two, which nest, no fiber can be switched: code that tries gets an exception. */
+void kaq_block_fibers(void);
+void kaq_unblock_fibers(void);
+
+/* Whether stdClass can be instantiated: a site may have disabled it, and older engines then warn.
+ */
+int kaq_has_plain_objects(void);
+
+/* Between these two the engine's allocator has no limit, so that work of ours at a moment when the
+ * script has used up its memory cannot end in a fatal error of the script. */
+void kaq_memory_limit_lift(void);
+void kaq_memory_limit_restore(void);
+
+/* Whether so many bytes can be had from the engine's allocator below the script's limit, however
+ * its free memory is cut up. */
+bool kaq_memory_has_room(size_t size);
+
+/* The running request's call frames as the engine's debug backtrace, without arguments, at most
+ * `limit` frames (0: all). An empty array when nothing runs. */
+void kaq_fetch_backtrace(zval *frames, int limit);

@@ -1,0 +1,95 @@
+#include "util/kaq_random.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+static const char DEVICE[] = "/dev/urandom";
+
+static const char DIGITS[] = "0123456789abcdef";
+
+static const uint64_t GOLDEN_GAMMA = 0x9e3779b97f4a7c15;
+
+/* This many bytes are kept on the stack. */
+static const size_t STACK_BYTES = 64;
+
+uint64_t kaq_random_seed(uint64_t sec, uint64_t nsec, uint64_t tid, int pid) {
+	uint64_t seed = (sec << 32 ^ nsec) ^ tid ^ (uint64_t)(int64_t)pid << 16;
+	return seed == 0 ? GOLDEN_GAMMA : seed;
+}
+
+void kaq_random_fallback(uint64_t seed, unsigned char *bytes, size_t n) {
+	uint64_t state = seed;
+	for (size_t i = 0; i < n; i++) {
+		state += GOLDEN_GAMMA;
+		uint64_t z = state;
+		z = (z ^ z >> 30) * 0xbf58476d1ce4e5b9;
+		z = (z ^ z >> 27) * 0x94d049bb133111eb;
+		bytes[i] = (unsigned char)(z ^ z >> 31);
+	}
+}
+
+static uint64_t kaq_seed_now(void) {
+	struct timespec now = {0, 0};
+	clock_gettime(CLOCK_REALTIME, &now);
+	return kaq_random_seed((uint64_t)now.tv_sec, (uint64_t)now.tv_nsec,
+						   (uint64_t)syscall(SYS_gettid), getpid());
+}
+
+/* Returns 1 when all `n` bytes came from the device. */
+static int kaq_read_device(const char *device, unsigned char *bytes, size_t n) {
+	FILE *file = fopen(device, "rbe");
+	if (file == nullptr) {
+		return 0;
+	}
+	/* A buffer of its own would fetch some thousand bytes for an identifier of eight. */
+	setvbuf(file, nullptr, _IONBF, 0);
+	size_t got = fread(bytes, 1, n, file);
+	fclose(file);
+	return got == n;
+}
+
+void kaq_random_hex_from(const char *device, int64_t length, char *buffer) {
+	if (buffer == nullptr || length < 1) {
+		return;
+	}
+	size_t chars = (size_t)length;
+	size_t n = (chars + 1) / 2;
+	unsigned char on_stack[STACK_BYTES] = {0};
+	unsigned char *bytes = on_stack;
+	if (n > STACK_BYTES) {
+		bytes = (unsigned char *)malloc(n);
+		if (bytes == nullptr) {
+			return;
+		}
+	}
+	if (!kaq_read_device(device, bytes, n)) {
+		kaq_random_fallback(kaq_seed_now(), bytes, n);
+	}
+	for (size_t i = 0; i < chars / 2; i++) {
+		buffer[2 * i] = DIGITS[bytes[i] >> 4];
+		buffer[2 * i + 1] = DIGITS[bytes[i] & 15];
+	}
+	if (chars % 2 != 0) {
+		buffer[chars - 1] = DIGITS[bytes[n - 1] >> 4];
+	}
+	buffer[chars] = '\0';
+	if (bytes != on_stack) {
+		free(bytes);
+	}
+}
+
+void kaq_random_hex_logic(int64_t length, char *buffer) {
+	kaq_random_hex_from(DEVICE, length, buffer);
+}
+
+void kaq_random_hex(int64_t length, char *buffer) {
+	if (buffer == nullptr || length < 0) {
+		return;
+	}
+	memset(buffer, 0, (size_t)length + 1);
+	kaq_random_hex_logic(length, buffer);
+}

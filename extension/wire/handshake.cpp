@@ -1,0 +1,160 @@
+#include "wire/handshake.h"
+
+#include "json/kaq_json.h"
+#include "wire/transport.h"
+#include "state/php_kaq.h"
+#include "util/kaq_strings.h"
+#include "util/kaq_util_functions.h"
+
+#include <stdlib.h>
+
+#define KAQ_STATUS_ENABLED 920
+#define KAQ_STATUS_ENABLED_TOO 911
+
+void kaq_get_serverport(char port[KAQ_PORT_TEXT_SIZE]) {
+	const char *forwarded = kaq_get_server_global("HTTP_X_FORWARDED_PORT");
+	const char *server = kaq_get_server_global("SERVER_PORT");
+	kaq_first_port_text(port, forwarded, server);
+}
+
+static void kaq_port_text(const zend_kaq_globals *g, char port[KAQ_PORT_TEXT_SIZE]) {
+	char server_port[KAQ_PORT_TEXT_SIZE];
+	kaq_get_serverport(server_port);
+	kaq_choose_port_text(port, g->use_static_port, nullptr, server_port);
+}
+
+static void kaq_send_filter_notice(const zend_kaq_globals *g, const char *port,
+								   kaq_port_verdict verdict) {
+	smart_str notice = {nullptr, 0};
+	kaq_buf_literal(&notice, "message:\tTracking disabled for instance with application name ");
+	kaq_append_as_json_compatible_string_withquotes(&notice, g->application_name);
+	kaq_buf_literal(&notice, " and port ");
+	kaq_buf_append(&notice, port, strlen(port));
+	if (verdict == KAQ_PORT_NOT_INCLUDED) {
+		kaq_buf_literal(&notice, " due to kaq.include_ports ini directive\n");
+	} else {
+		kaq_buf_literal(&notice, " due to kaq.exclude_ports ini directive\n");
+	}
+	kaq_buf_terminate(&notice);
+	send_packed_data_tcp(ZSTR_VAL(notice.s));
+	kaq_buf_free(&notice);
+}
+
+static void kaq_append_agent_info(smart_str *out, const zend_kaq_globals *g, const char *port) {
+	kaq_buf_literal(out,
+					"\"agent_info\":{\"agent.version\":\"" KAQ_VERSION
+					"\",\"agent.version.info\":\"" KAQ_VERSION_INFO "\",\"application.name\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->application_name);
+	kaq_buf_literal(out, ",\"application.type\":\"PHP\",\"fqdn\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->fqdn);
+	kaq_buf_literal(out, ",\"hostname\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->hostname);
+	/* A bare number: a static port that is none makes the document invalid, unchecked. */
+	kaq_buf_literal(out, ",\"port\":");
+	kaq_append_as_json_compatible_string(out, port);
+	kaq_buf_literal(out, ",\"host.type\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->hosttype);
+	kaq_buf_literal(out, ",\"rum.autoinjection\":");
+	if (g->enable_auto_rum) {
+		kaq_buf_literal(out, "true}");
+	} else {
+		kaq_buf_literal(out, "false}");
+	}
+}
+
+static void kaq_append_environment(smart_str *out, const zend_kaq_globals *g) {
+	kaq_buf_literal(out, ",\"environment\":{\"MachineName\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->hostname);
+	kaq_buf_literal(out, ",\"OS\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->os);
+	kaq_buf_literal(out, ",\"OSArch\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->os_arch);
+	kaq_buf_literal(out, ",\"OSVersion\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->os_version);
+	if (g->current_host_ips) {
+		kaq_buf_literal(out, ",\"IP\": [");
+		kaq_buf_append(out, g->current_host_ips, strlen(g->current_host_ips));
+		kaq_buf_literal(out, "]");
+	}
+	kaq_buf_literal(out, "}");
+}
+
+int form_instanceinfo_request(smart_str *buffer) {
+	const zend_kaq_globals *g = kaq_get_globals();
+	char port[KAQ_PORT_TEXT_SIZE];
+	kaq_port_text(g, port);
+	kaq_port_verdict verdict = kaq_port_filter(g->includedports, g->excludedports, port);
+	if (verdict != KAQ_PORT_PASS) {
+		kaq_send_filter_notice(g, port, verdict);
+		return 1;
+	}
+	kaq_buf_literal(buffer, "{\"connect_info\":{");
+	kaq_append_agent_info(buffer, g, port);
+	kaq_buf_literal(buffer, ",\"agent_specific_info\":{\"application.group.name\":");
+	kaq_append_as_json_compatible_string_withquotes(buffer, g->application_group);
+	kaq_buf_literal(buffer, "}");
+	kaq_append_environment(buffer, g);
+	kaq_buf_literal(buffer, "},\"misc_info\":{\"txn.name\":");
+	kaq_append_as_json_compatible_string_withquotes(buffer, g->request_uri);
+	kaq_buf_literal(buffer, "}}\n");
+	return 0;
+}
+
+static zval *kaq_reply_member(zval *reply, const char *name, zval *rv) {
+	return kaq_read_property(reply, name, strlen(name), rv);
+}
+
+static void kaq_take_reply_string(zval *reply, const char *name, char **field) {
+	zval rv;
+	const zval *value = kaq_reply_member(reply, name, &rv);
+	if (value && Z_TYPE_P(value) == IS_STRING) {
+		free(*field);
+		*field = kaq_strdup(Z_STRVAL_P(value));
+	}
+}
+
+static void kaq_take_status(zval *reply, zend_kaq_globals *g) {
+	zval rv;
+	const zval *value = kaq_reply_member(reply, "instance.status", &rv);
+	bool enabled =
+		value && Z_TYPE_P(value) == IS_LONG &&
+		(Z_LVAL_P(value) == KAQ_STATUS_ENABLED || Z_LVAL_P(value) == KAQ_STATUS_ENABLED_TOO);
+	g->control_signal = enabled && g->instance_id && g->instance_id[0];
+}
+
+static void kaq_take_sql_threshold(zval *reply, zend_kaq_globals *g) {
+	zval rv;
+	const zval *value = kaq_reply_member(reply, "transaction.trace.sql.stacktrace.threshold", &rv);
+	if (value && Z_TYPE_P(value) == IS_LONG) {
+		g->sql_trace_threshold = (float)Z_LVAL_P(value);
+	} else if (value && Z_TYPE_P(value) == IS_DOUBLE) {
+		g->sql_trace_threshold = (float)Z_DVAL_P(value);
+	} else {
+		g->sql_trace_threshold = 0.0f;
+	}
+}
+
+void process_instance_info(const char *reply) {
+	zend_kaq_globals *g = kaq_get_globals();
+	if (!reply || !reply[0]) {
+		return;
+	}
+	kaq_memory_limit_lift();
+	zval *decoded = kaq_decode_json_object(reply);
+	if (decoded) {
+		kaq_take_reply_string(decoded, "instance.id", &g->instance_id);
+		kaq_take_reply_string(decoded, "normalised.txn.name", &g->normalised_txn_name);
+		kaq_take_reply_string(decoded, "app.id", &g->app_id);
+		kaq_take_status(decoded, g);
+		kaq_take_sql_threshold(decoded, g);
+		kaq_take_reply_string(decoded, "webtransaction.rum.snippet", &g->rum_snippet);
+	}
+	php_zval_free(decoded);
+	kaq_memory_limit_restore();
+}
+
+void get_instance_info(void) {
+	char *reply = get_instance_data();
+	process_instance_info(reply);
+	free(reply);
+}

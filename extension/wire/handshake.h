@@ -1,0 +1,24 @@
+/*
+ * The instance handshake: at request start the collector is told who we are and answers whether
+ * this request is monitored, and with which settings.
+ *
+ * get_instance_info() runs all of it; the other functions are its steps.
+ */
+#pragma once
+
+#include "wire/port_filter.h"
+#include "util/engine_compat.h"
+
+/* Sets control_signal, instance_id, normalised_txn_name, app_id, sql_trace_threshold and
+ * rum_snippet of the calling thread. REQUIRES: the request context is known. */
+void get_instance_info(void);
+
+/* Writes the request into an empty buffer and returns 0; or returns 1, with the buffer untouched
+ * and a notice sent, when the port filter takes this request out. */
+int form_instanceinfo_request(smart_str *buffer);
+
+/* Stores what the answer says. Null, empty, not JSON or no JSON object: nothing changes. */
+void process_instance_info(const char *reply);
+
+/* The port that a proxy forwarded, else the server's own, else "". */
+void kaq_get_serverport(char port[KAQ_PORT_TEXT_SIZE]);

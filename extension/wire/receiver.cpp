@@ -1,0 +1,115 @@
+#include "wire/receiver.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "wire/client.h"
+#include "util/kaq_clock.h"
+
+static const size_t READ_SIZE = 4096;
+static const size_t GROWTH = 1024;
+
+/* One read that ends at the deadline: the count, 0 at the end of the answer, -1 for a failure. */
+static ssize_t kaq_read_until(int fd, char *into, size_t room, uint64_t deadline) {
+	for (;;) {
+		uint64_t now = kaq_monotonic_ms();
+		if (now >= deadline) {
+			return -1;
+		}
+		ssize_t count = recv(fd, into, room, MSG_DONTWAIT);
+		if (count >= 0 || (errno != EAGAIN && errno != EINTR)) {
+			return count;
+		}
+		struct pollfd waiting = {fd, POLLIN, 0};
+		if (poll(&waiting, 1, (int)(deadline - now)) < 0 && errno != EINTR) {
+			return -1;
+		}
+	}
+}
+
+static char *kaq_new_buffer(void) {
+	char *buffer = (char *)calloc(1, READ_SIZE);
+	if (buffer == nullptr) {
+		client_error("Memory allocation failed");
+	}
+	return buffer;
+}
+
+/* What has been read: `used` bytes, always below `size`, which is at most `capacity`. */
+struct answer_buffer {
+	char *text;
+	size_t used;
+	size_t size;
+	size_t capacity; /* bytes of the block; doubled, so that a long answer costs linear time */
+};
+
+/* Makes room for the next read; 0 when memory is short. */
+static int kaq_grow_buffer(answer_buffer *answer, kaq_grow_fn grow) {
+	if (answer->size >= answer->used + READ_SIZE) {
+		return 1;
+	}
+	answer->size += GROWTH;
+	if (answer->size <= answer->capacity) {
+		return 1;
+	}
+	char *grown = (char *)grow(answer->text, answer->capacity * 2);
+	if (grown == nullptr) {
+		client_error("Memory reallocation failed");
+		return 0;
+	}
+	answer->text = grown;
+	answer->capacity *= 2;
+	return 1;
+}
+
+char *kaq_read_answer(int fd, size_t limit, kaq_grow_fn grow) {
+	uint64_t deadline = kaq_monotonic_ms() + KAQ_ANSWER_TIMEOUT_MS;
+	answer_buffer answer = {kaq_new_buffer(), 0, READ_SIZE, READ_SIZE};
+	if (answer.text == nullptr) {
+		return nullptr;
+	}
+	for (;;) {
+		size_t room = answer.size - answer.used - 1;
+		ssize_t count = kaq_read_until(fd, answer.text + answer.used,
+									   room < READ_SIZE ? room : READ_SIZE, deadline);
+		if (count == 0) {
+			break;
+		}
+		if (count < 0 || answer.used + (size_t)count > limit) {
+			client_error("error read");
+			answer.used = 0;
+			break;
+		}
+		answer.used += (size_t)count;
+		if (!kaq_grow_buffer(&answer, grow)) {
+			free(answer.text);
+			return nullptr;
+		}
+	}
+	answer.text[answer.used] = '\0';
+	return answer.text;
+}
+
+char *kaq_exchange(const char *address, int port, const char *request, size_t request_len) {
+	char *answer = nullptr;
+	int fd = kaq_open_socket();
+	if (fd < 0) {
+		client_error("error opening socket");
+		return kaq_new_buffer();
+	}
+	if (kaq_connect(fd, address, port) != 0) {
+		client_error("connect failed");
+		answer = kaq_new_buffer();
+	} else if (kaq_write_once(fd, request, request_len) < 0) {
+		client_error("error on writing");
+		answer = kaq_new_buffer();
+	} else {
+		answer = kaq_read_answer(fd, KAQ_ANSWER_MAX, realloc);
+	}
+	close(fd);
+	return answer;
+}

@@ -1,0 +1,81 @@
+#include "wire/request_context.h"
+
+#include "json/kaq_json.h"
+#include "state/php_kaq.h"
+#include "util/kaq_strings.h"
+#include "util/kaq_util_functions.h"
+
+#include <stdio.h>
+
+static void kaq_copy_server_global(char *buffer, size_t capacity, const char *name) {
+	kaq_copy_bounded(buffer, capacity, kaq_get_server_global(name));
+}
+
+/* Code given on the command line or on standard input has no script to name the run after. Older
+ * engines call it "-". */
+static bool kaq_is_nameless_script(const char *php_self) {
+	return strcmp(php_self, "Standard input code") == 0 || strcmp(php_self, "-") == 0;
+}
+
+static void kaq_background_uri(zend_kaq_globals *g) {
+	g->transaction_type = BCKGRND;
+	if (g->capture_clirequest && g->php_self[0] && !kaq_is_nameless_script(g->php_self)) {
+		kaq_copy_bounded(g->request_uri, KAQ_TEXT_BUFFER_SIZE, g->php_self);
+	}
+}
+
+static void kaq_web_uri(zend_kaq_globals *g) {
+	g->transaction_type = WEB;
+	char *query = strchr(g->request_uri, '?');
+	if (query) {
+		*query = '\0';
+	}
+	size_t length = strlen(g->request_uri);
+	if (length >= 2 && g->request_uri[length - 1] == '/') {
+		g->request_uri[length - 1] = '\0';
+	}
+}
+
+void kaq_request_uri(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	kaq_copy_server_global(g->http_host_name, KAQ_TEXT_BUFFER_SIZE, "HTTP_HOST");
+	kaq_copy_server_global(g->php_self, KAQ_TEXT_BUFFER_SIZE, "PHP_SELF");
+	kaq_copy_server_global(g->request_method, KAQ_TEXT_BUFFER_SIZE, "REQUEST_METHOD");
+	kaq_copy_server_global(g->query_string, KAQ_QUERY_BUFFER_SIZE, "QUERY_STRING");
+	kaq_copy_server_global(g->request_uri, KAQ_TEXT_BUFFER_SIZE, "HTTP_X_ORIGINAL_URL");
+	if (!g->request_uri[0]) {
+		memset(g->request_uri, 0, KAQ_TEXT_BUFFER_SIZE);
+		kaq_copy_server_global(g->request_uri, KAQ_TEXT_BUFFER_SIZE, "REQUEST_URI");
+	}
+	if (g->request_uri[0]) {
+		kaq_web_uri(g);
+	} else {
+		kaq_background_uri(g);
+	}
+}
+
+char *kaq_get_cli_args(void) {
+	zval *server = &PG(http_globals)[TRACK_VARS_SERVER];
+	if (Z_TYPE_P(server) != IS_ARRAY) {
+		return nullptr;
+	}
+	zval *argv = zend_hash_str_find(Z_ARRVAL_P(server), "argv", strlen("argv"));
+	if (!argv || Z_TYPE_P(argv) != IS_ARRAY) {
+		return nullptr;
+	}
+	zval args;
+	array_init(&args);
+	int count = 0;
+	zval *element;
+	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(argv), element) {
+		if (php_is_zval_non_empty_string(element)) {
+			char key[32];
+			snprintf(key, sizeof(key), "$argv[%d]", count++);
+			add_assoc_str(&args, key, zend_string_copy(Z_STR_P(element)));
+		}
+	}
+	ZEND_HASH_FOREACH_END();
+	char *text = kaq_encode_zval_to_json(&args);
+	zval_ptr_dtor(&args);
+	return text;
+}

@@ -1,0 +1,238 @@
+#include "util/kaq_random.h"
+
+#include <fcntl.h>
+#include <memory>
+#include <set>
+#include <stdlib.h>
+#include <string.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+/* A device with known bytes. */
+struct Device {
+	char path[64] = "/tmp/kaq_random_XXXXXX";
+
+	explicit Device(const std::string &bytes) {
+		int fd = mkstemp(path);
+		EXPECT_EQ((ssize_t)bytes.size(), write(fd, bytes.data(), bytes.size()));
+		close(fd);
+	}
+	~Device() {
+		unlink(path);
+	}
+};
+
+const char ABSENT[] = "/tmp/kaq_random_absent/device";
+
+std::string hex_from(const char *device, int64_t length) {
+	/* Exactly the room of the contract, so that a sanitizer sees an excess. */
+	std::unique_ptr<char[]> buffer(new char[(size_t)length + 1]);
+	memset(buffer.get(), 'X', (size_t)length + 1);
+	kaq_random_hex_from(device, length, buffer.get());
+	EXPECT_EQ((size_t)length, strnlen(buffer.get(), (size_t)length + 1));
+	return buffer.get();
+}
+
+bool is_lowercase_hex(const std::string &text) {
+	return text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+int lowest_free_descriptor() {
+	return open("/dev/null", O_RDONLY);
+}
+
+} // namespace
+
+TEST(RandomHex, DigitsAreHighNibbleThenLowNibble) {
+	Device device("\x01\x23\x45\x67\x89\xab\xcd\xef");
+	EXPECT_EQ("0123456789abcdef", hex_from(device.path, 16));
+}
+
+TEST(RandomHex, OddLengthEndsWithAHighNibble) {
+	Device device("\x9f\xe8\xff");
+	EXPECT_EQ("9", hex_from(device.path, 1));
+	EXPECT_EQ("9fe", hex_from(device.path, 3));
+	EXPECT_EQ("9fe8f", hex_from(device.path, 5));
+}
+
+TEST(RandomHex, StackAndHeapSizesAgree) {
+	std::string bytes;
+	for (int i = 0; i < 400; i++) {
+		bytes += (char)(i * 37);
+	}
+	Device device(bytes);
+	std::string all = hex_from(device.path, 800);
+	for (int64_t length : {127, 128, 129, 130, 131, 799, 800}) {
+		EXPECT_EQ(all.substr(0, (size_t)length), hex_from(device.path, length));
+	}
+}
+
+TEST(RandomHex, EveryLengthIsExactAndLowercaseHex) {
+	for (int64_t length = 1; length <= 200; length++) {
+		std::string text = hex_from("/dev/urandom", length);
+		EXPECT_TRUE(is_lowercase_hex(text)) << text;
+	}
+}
+
+TEST(RandomHex, AllDigitsOccurAtAllPlaces) {
+	std::vector<std::set<char>> seen(32);
+	for (int i = 0; i < 1000; i++) {
+		std::string text = hex_from("/dev/urandom", 32);
+		for (size_t place = 0; place < 32; place++) {
+			seen[place].insert(text[place]);
+		}
+	}
+	for (const std::set<char> &digits : seen) {
+		EXPECT_EQ(16u, digits.size());
+	}
+}
+
+TEST(RandomHex, IdentifiersDiffer) {
+	std::set<std::string> seen;
+	for (int i = 0; i < 1000; i++) {
+		char buffer[17];
+		kaq_random_hex(16, buffer);
+		seen.insert(buffer);
+	}
+	EXPECT_EQ(1000u, seen.size());
+}
+
+TEST(RandomHex, TenThousandIdentifiersInOneCall) {
+	std::string text = hex_from("/dev/urandom", 160000);
+	EXPECT_TRUE(is_lowercase_hex(text));
+	std::set<std::string> pieces;
+	for (size_t i = 0; i < text.size(); i += 16) {
+		pieces.insert(text.substr(i, 16));
+	}
+	EXPECT_EQ(10000u, pieces.size());
+}
+
+TEST(RandomHex, MissingDeviceFallsBack) {
+	for (int64_t length : {1, 16, 32, 33, 160000}) {
+		EXPECT_TRUE(is_lowercase_hex(hex_from(ABSENT, length)));
+	}
+	EXPECT_NE(hex_from(ABSENT, 32), hex_from(ABSENT, 32));
+}
+
+TEST(RandomHex, ShortReadReplacesAllBytes) {
+	Device device(std::string(15, '\xaa'));
+	EXPECT_NE(std::string(30, 'a'), hex_from(device.path, 32).substr(0, 30));
+	EXPECT_EQ(std::string(30, 'a'), hex_from(device.path, 30));
+}
+
+TEST(RandomHex, EmptyDeviceAndDirectoryFallBack) {
+	Device device("");
+	EXPECT_TRUE(is_lowercase_hex(hex_from(device.path, 32)));
+	EXPECT_NE(std::string(32, '0'), hex_from(device.path, 32));
+	EXPECT_TRUE(is_lowercase_hex(hex_from("/tmp", 32)));
+}
+
+TEST(RandomHex, ThreadsThatFallBackDiffer) {
+	std::vector<std::string> texts(8);
+	std::vector<std::thread> threads;
+	for (std::string &text : texts) {
+		threads.emplace_back([&text] { text = hex_from(ABSENT, 32); });
+	}
+	for (std::thread &thread : threads) {
+		thread.join();
+	}
+	EXPECT_EQ(8u, std::set<std::string>(texts.begin(), texts.end()).size());
+}
+
+TEST(RandomHex, DeviceIsClosedAgain) {
+	int before = lowest_free_descriptor();
+	close(before);
+	for (int i = 0; i < 10; i++) {
+		hex_from("/dev/urandom", 16);
+		hex_from("/dev/null", 16);
+	}
+	int after = lowest_free_descriptor();
+	close(after);
+	EXPECT_EQ(before, after);
+}
+
+TEST(RandomHex, NullBufferDoesNothing) {
+	kaq_random_hex(16, nullptr);
+	kaq_random_hex_logic(16, nullptr);
+	kaq_random_hex_from("/dev/urandom", 16, nullptr);
+	SUCCEED();
+}
+
+TEST(RandomHex, LogicLeavesTheBufferAloneBelowOne) {
+	char buffer[4] = "abc";
+	kaq_random_hex_logic(0, buffer);
+	kaq_random_hex_logic(-1, buffer);
+	kaq_random_hex_logic(INT64_MIN, buffer);
+	EXPECT_STREQ("abc", buffer);
+}
+
+TEST(RandomHex, OuterFormClearsFirst) {
+	char buffer[4] = "abc";
+	kaq_random_hex(0, buffer);
+	EXPECT_EQ(0, memcmp(buffer, "\0bc", 4));
+	kaq_random_hex(-1, buffer);
+	EXPECT_EQ(0, memcmp(buffer, "\0bc", 4));
+	kaq_random_hex(3, buffer);
+	EXPECT_EQ(3u, strlen(buffer));
+}
+
+TEST(RandomSeed, MixesItsParts) {
+	EXPECT_EQ(UINT64_C(0x0000000100000000), kaq_random_seed(1, 0, 0, 0));
+	EXPECT_EQ(UINT64_C(5), kaq_random_seed(0, 5, 0, 0));
+	EXPECT_EQ(UINT64_C(7), kaq_random_seed(0, 0, 7, 0));
+	EXPECT_EQ(UINT64_C(0x30000), kaq_random_seed(0, 0, 0, 3));
+	EXPECT_EQ((UINT64_C(1700000000) << 32 ^ 123456789) ^ 4242 ^ UINT64_C(4240) << 16,
+			  kaq_random_seed(1700000000, 123456789, 4242, 4240));
+}
+
+TEST(RandomSeed, ProcessIdIsWidenedAsASignedValue) {
+	EXPECT_EQ(UINT64_C(0xffffffffffff0000), kaq_random_seed(0, 0, 0, -1));
+}
+
+TEST(RandomSeed, ZeroIsReplaced) {
+	EXPECT_EQ(UINT64_C(0x9e3779b97f4a7c15), kaq_random_seed(0, 0, 0, 0));
+	EXPECT_EQ(UINT64_C(0x9e3779b97f4a7c15), kaq_random_seed(0, 5, 5, 0));
+}
+
+TEST(RandomFallback, LowBytesOfTheKnownSequence) {
+	/* splitmix64 with the seed 1234567 begins 6457827717110365317, 3203168211198807973,
+	 * 9817491932198370423, 4593380528125082431, 16408922859458223821. */
+	unsigned char bytes[5];
+	kaq_random_fallback(1234567, bytes, sizeof bytes);
+	const uint64_t expected[] = {UINT64_C(6457827717110365317), UINT64_C(3203168211198807973),
+								 UINT64_C(9817491932198370423), UINT64_C(4593380528125082431),
+								 UINT64_C(16408922859458223821)};
+	for (size_t i = 0; i < sizeof bytes; i++) {
+		EXPECT_EQ(expected[i] & 255, bytes[i]) << i;
+	}
+}
+
+TEST(RandomFallback, BytesOfFourSeedsAreThoseOfAnotherProgram) {
+	const struct {
+		uint64_t seed;
+		const char *bytes;
+	} cases[] = {
+		{0, "aff44fec9beae13cc3a609f67b2f19ab"},
+		{UINT64_MAX, "20c9e9d2ae33a564841c15a7db8ac1e8"},
+		{UINT64_C(0x9e3779b97f4a7c15), "f44fec9beae13cc3a609f67b2f19ab55"},
+		{kaq_random_seed(1700000000, 123456789, 4242, 4240), "f22956278b77ea08de421c30a8b229c0"},
+	};
+	for (const auto &known : cases) {
+		unsigned char bytes[16];
+		kaq_random_fallback(known.seed, bytes, sizeof bytes);
+		Device device(std::string((const char *)bytes, sizeof bytes));
+		EXPECT_EQ(known.bytes, hex_from(device.path, 32)) << known.seed;
+	}
+}
+
+TEST(RandomFallback, NoBytesAreNoBytes) {
+	unsigned char byte = 0x5a;
+	kaq_random_fallback(1, &byte, 0);
+	EXPECT_EQ(0x5a, byte);
+}

@@ -1,0 +1,151 @@
+"""The PHP engine under test: where its binaries are and how a script is run with them."""
+import os
+import pathlib
+import re
+import subprocess
+import time
+
+REPOSITORY = pathlib.Path(__file__).resolve().parents[3]
+RUN_DEADLINE = 60.0
+
+# What an instrumented engine (a sanitizer build, Valgrind) needs is passed on to the child.
+_PASSED_ON = ("PATH", "HOME", "LD_LIBRARY_PATH", "LD_PRELOAD", "ASAN_OPTIONS", "LSAN_OPTIONS",
+              "UBSAN_OPTIONS", "USE_ZEND_ALLOC", "XDG_CACHE_HOME")
+
+
+class Engine:
+    def __init__(self, php_config, so, php, cgi, fpm):
+        self.php_config, self.so, self.php, self.cgi, self.fpm = php_config, so, php, cgi, fpm
+        asked = subprocess.run(
+            [php, "-n", "-r", "echo PHP_VERSION_ID, ' ', PHP_ZTS, ' ', (int)(ini_get("
+             "'memory_hard_limit_percent') !== false), ' ', ini_get('extension_dir');"],
+            stdin=subprocess.DEVNULL, capture_output=True, timeout=RUN_DEADLINE, check=True,
+            text=True, env=environment()).stdout.split()
+        self.version_id, self.is_zts = int(asked[0]), asked[1] == "1"
+        self.has_hard_memory_limit = asked[2] == "1"
+        self.extension_dir = asked[3] if len(asked) > 3 else ""
+
+    @property
+    def has_zend_signals(self):
+        told = run([self.php, "-n", "-i"]).stdout
+        return b"Zend Signal Handling => enabled" in told
+
+    @property
+    def creating_a_generator_runs_its_function(self):
+        return self.version_id >= 70100
+
+    @property
+    def concurrent_requests_corrupt_its_heap(self):
+        """Without any extension."""
+        return self.version_id < 70100
+
+    @property
+    def fpm_has_getallheaders(self):
+        return self.version_id >= 70300
+
+    @property
+    def disabled_functions_vanish(self):
+        return self.version_id >= 80000
+
+    @property
+    def exit_is_a_bailout(self):
+        return self.version_id < 80000
+
+    @property
+    def memory_limit_is_a_bailout(self):
+        """Where there is a hard limit besides, the limit unwinds as exit does."""
+        return not self.has_hard_memory_limit
+
+    @property
+    def keeps_memory_limit(self):
+        """Not when memory comes from the C library, as under a sanitizer."""
+        return os.environ.get("USE_ZEND_ALLOC") != "0"
+
+    @property
+    def failed_parses_throw(self):
+        return self.version_id >= 80000
+
+    @property
+    def handles_are_objects(self):
+        return self.version_id >= 80000
+
+    @property
+    def copying_globals_copies_deeply(self):
+        return self.version_id >= 80100
+
+
+def environment(extra=None):
+    env = {name: os.environ[name] for name in _PASSED_ON if name in os.environ}
+    env.update(LC_ALL="C", TZ="UTC", PHP_INI_SCAN_DIR="")
+    env.update(extra or {})
+    return env
+
+
+def _binary(variable, *candidates):
+    named = os.environ.get(variable)
+    if named:
+        return named if os.path.exists(named) else None
+    return next((str(c) for c in candidates if os.path.exists(c)), None)
+
+
+def _built_extension(php_config):
+    """Asks script/build, whose last line of output is the path of the module."""
+    command = [str(REPOSITORY / "script" / "build"), "--php-config", php_config]
+    built = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                           timeout=900, check=True, text=True)
+    return built.stdout.split("\n")[-2]
+
+
+def find_engine():
+    php_config = os.environ.get("KAQ_PHP_CONFIG", "/usr/bin/php-config8.2")
+    told = subprocess.run([php_config, "--prefix"], capture_output=True, check=True, text=True)
+    prefix = pathlib.Path(told.stdout.strip())
+    so = os.environ.get("KAQ_SO") or _built_extension(php_config)
+    assert os.path.exists(so), "no extension at " + so
+    suffix = re.search(r"(\d\.\d)?$", php_config).group(0)
+    php = _binary("KAQ_PHP", prefix / "bin" / ("php" + suffix), prefix / "bin" / "php")
+    assert php, "no php below %s" % prefix
+    return Engine(
+        php_config, so, php,
+        _binary("KAQ_PHP_CGI", prefix / "bin" / ("php-cgi" + suffix), prefix / "bin" / "php-cgi"),
+        _binary("KAQ_PHP_FPM", prefix / "sbin" / ("php-fpm" + suffix), prefix / "sbin" / "php-fpm"))
+
+
+def quoted(value):
+    """value as a php.ini string; what double quotes cannot hold goes in single quotes."""
+    text = str(value)
+    if '"' in text or "\\" in text or "$" in text:
+        assert "'" not in text and "\n" not in text, text
+        return "'%s'" % text
+    return '"%s"' % text
+
+
+def ini_options(settings):
+    """-d options; a value of None leaves the setting alone, "" sets it to the empty string."""
+    options = []
+    for name, value in settings.items():
+        if value is not None:
+            options += ["-d", "%s=%s" % (name, quoted(value) if value != "" else "")]
+    return options
+
+
+class Result:
+    def __init__(self, stdout, stderr, status, seconds):
+        self.stdout, self.stderr, self.status, self.seconds = stdout, stderr, status, seconds
+
+    @property
+    def outcome(self):
+        """All that a caller of the script can tell."""
+        return self.stdout, self.stderr, self.status
+
+    def __repr__(self):
+        return "status %s, output %r, errors %r" % (
+            self.status, self.stdout[:2000], self.stderr[:2000])
+
+
+def run(command, env=None, stdin=None, cwd=None):
+    started = time.monotonic()
+    source = {"input": stdin} if stdin is not None else {"stdin": subprocess.DEVNULL}
+    done = subprocess.run(command, capture_output=True, timeout=RUN_DEADLINE, cwd=cwd,
+                          env=environment(env), **source)
+    return Result(done.stdout, done.stderr, done.returncode, time.monotonic() - started)

@@ -1,0 +1,256 @@
+"""The course of one request as the collector sees it, and what one request leaves to the next."""
+import concurrent.futures
+import os
+import time
+
+import behaviours
+import pytest
+from fake_collector import DISABLED, DISABLED_NOTICE, ENABLED, NO_URI_NOTICE
+
+KEEP_ALL = {"kaq.method_threshold": 0}
+
+
+def test_monitored_request_asks_once_and_then_sends_one_record(wire, collector):
+    wire.cli("echo 'done';")
+    collector.settle()
+    assert collector.events == ["status", "data"]
+    assert (collector.status_connections, collector.data_connections) == (1, 1)
+    assert not collector.data_records[0].is_notice
+
+
+def test_unmonitored_request_asks_once_and_then_sends_the_disabled_notice(wire, collector):
+    collector.reply = DISABLED
+    wire.cli("function f() {} f();")
+    assert collector.notices == [DISABLED_NOTICE]
+    assert collector.events == ["status", "data"]
+
+
+def test_skipped_request_asks_nothing_and_sends_exactly_two_notices(wire, collector):
+    wire.cli("function f() {} f();", settings={"kaq.capture_clirequest": 0})
+    assert collector.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
+    assert collector.events == ["data", "data"] and collector.status_connections == 0
+
+
+def test_skip_notice_is_sent_at_request_start_and_disabled_notice_at_its_end(wire, collector):
+    go_on = wire.directory / "go-on"
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        run = pool.submit(wire.cli, "while (!file_exists('%s')) { usleep(1000); }" % go_on,
+                          settings={"kaq.capture_clirequest": 0})
+        try:
+            collector.wait_until(lambda: collector.data_records)
+            assert collector.notices == [NO_URI_NOTICE]
+        finally:
+            go_on.touch()
+        run.result()
+    assert collector.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
+
+
+def test_skipped_web_request_sends_exactly_two_notices(wire, collector):
+    wire.cgi("echo 1;", REQUEST_URI="?only=query")
+    assert collector.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
+    assert collector.status_connections == 0
+
+
+def test_start_time_is_taken_before_the_handshake_and_root_opened_after_it(wire, collector):
+    collector.reply = behaviours.answers_after(
+        0.2, b'{"instance.id":"i-1","instance.status":920}')
+    before = int(time.time() * 1000)
+    wire.cli()
+    payload = collector.payload
+    request = collector.request
+    assert before <= payload.transaction["s_time"] <= int(request.received_at * 1000)
+    assert payload.root["st"] >= int(request.received_at * 1000) + 199
+    assert payload.root["st"] - payload.transaction["s_time"] >= 180
+
+
+def test_times_are_wall_clock_milliseconds_of_this_run(wire, collector):
+    before = int(time.time() * 1000)
+    wire.cli("usleep(60000);")
+    after = int(time.time() * 1000)
+    seen = collector.payload.transaction
+    assert before <= seen["s_time"] and seen["e_time"] <= after
+    assert 60 <= seen["e_time"] - seen["s_time"] <= after - before
+
+
+def test_end_time_is_taken_before_the_open_spans_are_closed(wire, collector):
+    wire.cli("usleep(20000);")
+    after = int(time.time() * 1000)
+    payload = collector.payload
+    assert payload.transaction["e_time"] <= payload.root["et"] <= after
+
+
+def test_open_spans_are_closed_innermost_first_at_request_end(wire, collector):
+    wire.cli("function a() { b(); } function b() { c(); } function c() { exit(3); } a();",
+             settings=KEEP_ALL)
+    payload = collector.payload
+    assert payload.tree() == ("main", [("a", [("b", [("c", [])])])])
+    ends = [span["et"] for span in payload.spans]
+    assert ends == sorted(ends, reverse=True)
+
+
+def test_destructors_shutdown_functions_and_output_callbacks_still_belong_to_the_request(
+        wire, collector):
+    wire.cli("""
+        class D { function __destruct() {} }
+        function late() {}
+        function buffer($text) { return $text; }
+        ob_start('buffer'); $d = new D; register_shutdown_function('late'); echo 'x';
+    """, settings=KEEP_ALL)
+    assert collector.payload.tree() == (
+        "main", [("late", []), ("D::__destruct", []), ("buffer", [])])
+
+
+def test_user_code_that_runs_after_request_end_stays_out_of_every_payload(wire, collector, door):
+    door.open("""
+        class Tail {
+            public $context;
+            function stream_open($p, $m, $o, &$opened) { return true; }
+            function stream_write($data) { return strlen($data); }
+            function stream_flush() { return true; }
+            function stream_close() { helper(); }
+        }
+        function helper() { }
+        stream_wrapper_register('tail', 'Tail');
+        $GLOBALS['kept'] = fopen('tail://x', 'w');
+        echo getmypid();
+    """, KEEP_ALL)
+    pids = {door.get() for _ in range(4)}
+    assert len(pids) == 1 and len(collector.payloads) == 4
+    for payload in collector.payloads:
+        assert [name for name in payload.names if "stream_close" in name or name == "helper"] == []
+
+
+def test_monitoring_is_decided_anew_for_each_request_of_a_process(wire, collector, door):
+    door.open("echo getmypid();")
+    collector.replies.extend([ENABLED, DISABLED, ENABLED, b"", {"instance.status": 911}, ENABLED])
+    pids = {door.get("/r%d" % number) for number in range(6)}
+    assert len(pids) == 1
+    assert [payload.transaction["t_name"] for payload in collector.payloads] == ["/r0", "/r2", "/r5"]
+    assert collector.notices == [DISABLED_NOTICE] * 3
+
+
+def test_nothing_the_collector_said_is_carried_over_to_the_next_request(wire, collector, door):
+    door.open("echo 1;")
+    collector.replies.extend([
+        {"instance.id": "first", "normalised.txn.name": "shop page", "instance.status": 920},
+        {"instance.id": "second", "instance.status": 920},
+        {"instance.status": 920},
+    ])
+    for _ in range(3):
+        door.get()
+    first, second = collector.payloads
+    assert first.application["instance_id"] == "first"
+    assert first.transaction["normalised_tname"] == "shop page"
+    assert second.application["instance_id"] == "second"
+    assert "normalised_tname" not in second.transaction
+    assert collector.notices == [DISABLED_NOTICE]
+
+
+def test_spans_of_an_unmonitored_request_are_not_carried_over(wire, collector, door):
+    door.open("""
+        function deep($n) { if ($n) { deep($n - 1); } elseif ($_GET['q'] == 'off') { exit; } }
+        function other() {}
+        deep(20); other();
+    """, KEEP_ALL)
+    collector.replies.extend([DISABLED, ENABLED])
+    door.get("/?q=off")
+    door.get("/?q=on")
+    (payload,) = collector.payloads
+    assert payload.names == ["deep"] * 21 + ["other"]
+    assert [span["mo"] for span in payload.spans] == list(range(23))
+
+
+def test_spans_of_a_skipped_request_are_not_carried_over(wire, collector):
+    server = wire.cgi_server(KEEP_ALL)
+    script = wire.script("function f() {} function g() { exit; } f(); f(); g();")
+    server.request(script, REQUEST_URI="?skipped")
+    server.request(script, REQUEST_URI="/seen")
+    (payload,) = collector.payloads
+    assert payload.names == ["f", "f", "g"]
+    assert collector.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
+
+
+def test_request_facts_are_not_carried_over_to_a_background_run_of_the_same_process(wire, collector):
+    server = wire.cgi_server()
+    script = wire.script("echo 1;")
+    parent = "00-0af7651916cd43dd8448eb211c80319c-b7ad6b7169203331-01"
+    server.request(script, REQUEST_URI="/web/page?x=1", QUERY_STRING="x=1",
+                   HTTP_TRACEPARENT=parent, HTTP_HOST="first.test")
+    server.request(script, REQUEST_URI=None, QUERY_STRING=None, HTTP_HOST=None)
+    web, background = collector.payloads
+    assert web.transaction["trace_id"] == parent[3:35] and web.root["psi"] == parent[36:52]
+    assert background.transaction["transaction_type"] == 0
+    assert background.transaction["t_name"] == "/job.php"
+    assert background.transaction["http_query_str"] == ""
+    assert "http_host" not in background.transaction
+    assert background.transaction["trace_id"] != parent[3:35]
+    assert "psi" not in background.root
+
+
+def test_identifiers_are_fresh_in_each_request_of_a_process(wire, collector, door):
+    door.open("function f() {} f();", KEEP_ALL)
+    for _ in range(5):
+        door.get()
+    payloads = collector.payloads
+    assert len({payload.transaction["trace_id"] for payload in payloads}) == 5
+    assert len({span["si"] for payload in payloads for span in payload.spans}) == 10
+
+
+LONG = "long text " * 500
+
+
+@pytest.mark.parametrize("status", [920, 0], ids=["monitored", "unmonitored"])
+def test_memory_and_descriptors_stay_level_over_many_requests(wire, collector, door, status):
+    collector.reply = {"instance.id": LONG, "normalised.txn.name": LONG, "app.id": LONG,
+                   "instance.status": status}
+    door.open("""
+        class Closer {
+            public $context;
+            function stream_open($p, $m, $o, &$opened) { return true; }
+            function stream_close() { leaf(1); }
+        }
+        function leaf($n) { return $n; }
+        function branch($n) { return $n ? branch($n - 1) + leaf($n) : 0; }
+        branch(40);
+        stream_wrapper_register('late', 'Closer');
+        $open = fopen('late://x', 'r');
+        function quit() { exit('bye'); }
+        quit();
+    """, dict(KEEP_ALL, **{"kaq.application_name": LONG, "kaq.application_group": LONG,
+                           "kaq.remote_exporter_hostname": LONG,
+                           "kaq.remote_exporter_ip": "127.0.0.1"}))
+    for _ in range(60):
+        assert door.get("/page?a=b", {"X-Sent": "yes"}) == b"bye"
+    files, memory = door.server.open_files(), door.server.resident_kib()
+    for _ in range(400):
+        door.get("/page?a=b", {"X-Sent": "yes"})
+    assert door.server.open_files() <= files + 1
+    if not door.server.keeps_freed_memory:
+        assert door.server.resident_kib() - memory < 1024
+    collector.settle()
+    assert len(collector.data_records) == 460
+
+
+def test_work_after_the_response_was_finished_still_belongs_to_the_request(wire, collector):
+    server = wire.fpm(KEEP_ALL)
+    script = wire.script("function late() {} echo 'out'; fastcgi_finish_request(); late();"
+                         "usleep(100000);")
+    assert server.request(script).body == b"out"
+    collector.wait_until(lambda: collector.data_records)
+    assert collector.payload.names == ["late"]
+    assert collector.payload.transaction["e_time"] - collector.payload.transaction["s_time"] >= 100
+
+
+def test_module_names_itself_with_its_versions(wire, collector):
+    told = wire.php("--ri", "kaq").stdout.decode()
+    for row in ("key => value", "kaq.version => 4.9", "kaq.version_info => 4.9.2.0",
+                "kaq.date => 15 May 2026"):
+        assert row + "\n" in told
+    assert wire.cli("echo phpversion('kaq');").stdout == b"4.9"
+
+
+def test_thread_id_is_the_operating_system_id_of_the_thread(wire, collector, door):
+    door.open("echo getmypid();")
+    pid = int(door.get())
+    seen = collector.payload.transaction["thread_id"]
+    assert os.path.isdir("/proc/%d/task/%d" % (pid, seen))
