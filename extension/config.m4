@@ -39,18 +39,19 @@ if test "$PHP_KAQ" != "no"; then
     kaq_flags="$kaq_flags -Werror"
   fi
 
-  kaq_sources="util/engine_compat.cpp util/header_line.cpp util/kaq_aside.cpp util/kaq_clock.cpp \
-    util/kaq_random.cpp util/kaq_strings.cpp util/kaq_util_functions.cpp \
+  kaq_sources="util/engine_access.cpp util/engine_compat.cpp util/header_line.cpp util/kaq_aside.cpp \
+    util/kaq_clock.cpp util/kaq_random.cpp util/kaq_strings.cpp util/kaq_util_functions.cpp \
     json/json_escape.cpp json/kaq_json.cpp \
+    state/php_kaq.cpp \
     spans/kaq_cpu.cpp spans/kaq_execute.cpp spans/kaq_nodes.cpp spans/kaq_prune.cpp \
     spans/kaq_setters.cpp spans/node_pool.cpp \
     tracing/account_id.cpp tracing/distributedTrace.cpp tracing/kaq_headers.cpp \
     tracing/trace_context.cpp \
     diagnostics/crash_handler.cpp diagnostics/failures.cpp diagnostics/kaq_rum.cpp \
     diagnostics/stacktrace.cpp \
-    calls/arguments.cpp \
-    curl/curl_options.cpp curl/curl_recipes.cpp curl/curl_stores.cpp curl/curl_transfer.cpp \
-    curl/followed_functions.cpp \
+    calls/arguments.cpp calls/wrapped_call.cpp \
+    curl/curl_headers.cpp curl/curl_options.cpp curl/curl_recipes.cpp curl/curl_stores.cpp \
+    curl/curl_transfer.cpp curl/followed_functions.cpp \
     instrumentation/dispatch.cpp instrumentation/recipes.cpp instrumentation/registry.cpp \
     instrumentation/wrappers.cpp \
     wire/client.cpp wire/handshake.cpp wire/host_facts.cpp wire/kaq_base64.cpp \
@@ -62,6 +63,7 @@ if test "$PHP_KAQ" != "no"; then
   PHP_NEW_EXTENSION(kaq, $kaq_sources, $ext_shared,, $kaq_flags, cxx)
   PHP_ADD_BUILD_DIR([$ext_builddir/util])
   PHP_ADD_BUILD_DIR([$ext_builddir/json])
+  PHP_ADD_BUILD_DIR([$ext_builddir/state])
   PHP_ADD_BUILD_DIR([$ext_builddir/spans])
   PHP_ADD_BUILD_DIR([$ext_builddir/tracing])
   PHP_ADD_BUILD_DIR([$ext_builddir/diagnostics])

@@ -1,5 +1,7 @@
 #include "calls/arguments.h"
 
+#include "util/engine_access.h"
+
 #include <string.h>
 
 #define KAQ_MAX_LETTERS 32

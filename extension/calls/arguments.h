@@ -1,5 +1,9 @@
 /*
  * Reading the arguments of a wrapped call with the engine's own parser, by layout.
+ *
+ * A layout is a format string of the engine's argument parser ("Os|l"). Several are separated
+ * by ";" and tried in order; "2:sa" is tried only with two arguments, "1!s" reads the first
+ * argument whatever follows, and needs one.
  */
 #pragma once
 
@@ -16,7 +20,7 @@ typedef struct {
 	zval *value[KAQ_MAX_ARGUMENTS];
 } kaq_arguments;
 
-/* Tries the layouts in order (see recipes.h). With `warn` the engine reports, once, what does not
+/* Tries the layouts in order. With `warn` the engine reports, once, what does not
  * fit the first of them, where such a report is a warning and not an exception. Returns 1 when one
  * fitted; otherwise everything reads as not passed. REQUIRES: the wrapped function is the running
  * frame. */

@@ -1,6 +1,8 @@
-#include "wire/host_facts.h"
-#include "json/kaq_json.h"
 #include "core/lifecycle.h"
+#include "json/kaq_json.h"
+#include "spans/kaq_util.h"
+#include "spans/node_pool.h"
+#include "wire/host_facts.h"
 
 #include <stdlib.h>
 #include <string.h>

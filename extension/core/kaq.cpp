@@ -7,8 +7,6 @@
 #include "core/script_functions.h"
 #include "diagnostics/crash_handler.h"
 
-ZEND_DECLARE_MODULE_GLOBALS(kaq)
-
 static PHP_GINIT_FUNCTION(kaq) {
 	kaq_bind_thread();
 	kaq_construct_globals(kaq_globals);

@@ -10,12 +10,10 @@
 
 #include "state/php_kaq.h"
 
+extern zend_module_entry kaq_module_entry;
+
 /* Fills a fresh record: defaults, fixed buffers, host facts. Runs on the record's own thread. */
 void kaq_construct_globals(zend_kaq_globals *g);
-
-/* Releases the spans that a record still holds: code that the engine ran outside any request, such
- * as a preloaded script or a session handler that runs after request end, leaves some. */
-void kaq_release_spans(zend_kaq_globals *g);
 
 /* Releases everything that a record owns for the life of its thread, and nulls it. */
 void free_globals(zend_kaq_globals *g);

@@ -1,20 +1,21 @@
 /* One request from start to end. The order of the steps is a contract; the numbers are those of
  * docs/architecture.md. */
-#include "wire/handshake.h"
-#include "wire/payload.h"
-#include "wire/request_context.h"
-#include "wire/transport.h"
-#include "wire/request_values.h"
 #include "core/lifecycle.h"
 #include "core/settings.h"
+#include "curl/curl_stores.h"
 #include "diagnostics/crash_handler.h"
 #include "diagnostics/kaq_rum.h"
 #include "instrumentation/kaq_instrumentation.h"
 #include "spans/kaq_execute.h"
-#include "curl/curl_stores.h"
 #include "tracing/trace_context.h"
+#include "util/engine_access.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_util_functions.h"
+#include "wire/handshake.h"
+#include "wire/payload.h"
+#include "wire/request_context.h"
+#include "wire/request_values.h"
+#include "wire/transport.h"
 
 #include <stdlib.h>
 

@@ -1,9 +1,9 @@
 #include "core/script_functions.h"
 
-#include "state/php_kaq.h"
 #include "core/transaction_name.h"
+#include "curl/curl_headers.h"
 #include "diagnostics/stacktrace.h"
-#include "tracing/kaq_headers.h"
+#include "state/php_kaq.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
 

@@ -1,11 +1,11 @@
-#include "calls/recorded_call.h"
+#include "curl/curl_recipes.h"
 
-#include "state/php_kaq.h"
+#include "curl/curl_headers.h"
 #include "curl/curl_options.h"
-#include "curl/curl_transfer.h"
 #include "curl/curl_stores.h"
+#include "curl/curl_transfer.h"
+#include "state/php_kaq.h"
 #include "tracing/distributedTrace.h"
-#include "tracing/kaq_headers.h"
 #include "tracing/trace_context.h"
 #include "util/kaq_util_functions.h"
 

@@ -2,7 +2,6 @@
 
 #include "json/json_escape.h"
 #include "state/php_kaq.h"
-#include "tracing/kaq_headers.h"
 #include "util/kaq_util_functions.h"
 
 #include <string.h>

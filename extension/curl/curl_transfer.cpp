@@ -1,7 +1,8 @@
 #include "curl/curl_transfer.h"
 
-#include "state/php_kaq.h"
 #include "curl/curl_stores.h"
+#include "state/php_kaq.h"
+#include "util/engine_access.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_util_functions.h"
 

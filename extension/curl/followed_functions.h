@@ -3,7 +3,7 @@
  */
 #pragma once
 
-#include "instrumentation/kaq_instrumentation.h"
+#include "calls/wrapped_call.h"
 
 #include <stddef.h>
 

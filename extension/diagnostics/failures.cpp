@@ -2,6 +2,7 @@
 
 #include "json/kaq_json.h"
 #include "state/php_kaq.h"
+#include "util/engine_access.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_util_functions.h"
 

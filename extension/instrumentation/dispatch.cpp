@@ -1,27 +1,24 @@
+#include "diagnostics/stacktrace.h"
 #include "instrumentation/kaq_instrumentation.h"
-#include "spans/node_path.h"
-
-/* Of what a bailout jumps over only the engine's jump target and running frame are put back: the
- * rest the engine tidies at request end. */
-int kaq_zend_call_old_handler(kaq_phpfn_t oldhandler, zend_execute_data *execute_data,
-							  zval *return_value) {
-	JMP_BUF *outer = EG(bailout);
-	JMP_BUF here;
-	volatile int caught = 0;
-	EG(bailout) = &here;
-	if (SETJMP(here) == 0) {
-		oldhandler(execute_data, return_value);
-	} else {
-		caught = 1;
-		EG(current_execute_data) = execute_data;
-	}
-	EG(bailout) = outer;
-	return caught;
-}
 
 static bool kaq_records_calls(const zend_kaq_globals *g) {
 	return g->control_signal && g->track_zend_execute_internal &&
 		   g->stored_node_count < g->span_limit;
+}
+
+/* A database query that took longer than the collector's threshold carries the call stack, unless
+ * calls below it were recorded. */
+static void kaq_explain_slow_query(const zend_kaq_globals *g, kaq_node *node) {
+	struct kaq_node_data *data = &node->data;
+	kaq_function *fi = &data->function_info;
+	if (fi->type != DBQUERY || data->state != KAQ_NODE_BUFFERED) {
+		return;
+	}
+	int64_t duration = (int64_t)(data->end_time - data->start_time);
+	if ((float)duration > 1000.0f * g->sql_trace_threshold && kaq_is_leaf(g, node) &&
+		!kaq_is_php_component(fi)) {
+		kaq_make_stacktrace(fi);
+	}
 }
 
 void kaq_instrument_delegate(kaq_internalfn_t *wraprec, zend_execute_data *execute_data,
@@ -35,14 +32,14 @@ void kaq_instrument_delegate(kaq_internalfn_t *wraprec, zend_execute_data *execu
 		kaq_zend_call_old_handler(wraprec->oldhandler, execute_data, return_value);
 		return;
 	}
-	kaq_node *node = kaq_pool_take(&g->node_pool);
+	kaq_node *node = kaq_start_node();
 	if (!node) {
 		wraprec->oldhandler(execute_data, return_value);
 		return;
 	}
-	kaq_open_in(g, node);
 	wraprec->inner_wrapper(execute_data, return_value, wraprec, node);
 	if (node->data.state == KAQ_NODE_OPEN) {
-		kaq_close_in(kaq_get_globals(), node);
+		kaq_close_node(node);
+		kaq_explain_slow_query(g, node);
 	}
 }

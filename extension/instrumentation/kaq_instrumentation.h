@@ -11,24 +11,7 @@
  */
 #pragma once
 
-#include "spans/kaq_util.h"
-
-typedef void (*kaq_phpfn_t)(zend_execute_data *execute_data, zval *return_value);
-
-typedef struct kaq_internalfn kaq_internalfn_t;
-struct kaq_internalfn {
-	kaq_internalfn_t *next;
-	/* "function" or "class::method", in lower case. */
-	const char *full_name;
-	const char *extra; /* reserved, null */
-	kaq_internalfn_t **outer_wrapper_global;
-	kaq_phpfn_t outer_wrapper;
-	void (*inner_wrapper)(zend_execute_data *execute_data, zval *return_value,
-						  kaq_internalfn_t *wraprec, kaq_node *node);
-	kaq_phpfn_t oldhandler; /* what the outer wrapper replaced; the same in every thread */
-	int is_enabled;
-	int is_wrapped;
-};
+#include "calls/wrapped_call.h"
 
 /* Newest record first. */
 extern kaq_internalfn_t *kaq_wrapped_internal_functions;
@@ -69,7 +52,3 @@ zend_function *kaq_find_class_method(zend_class_entry *ce, const char *name);
  * function is not even called. */
 void kaq_instrument_delegate(kaq_internalfn_t *wraprec, zend_execute_data *execute_data,
 							 zval *return_value);
-
-/* Calls a handler and catches a bailout. Returns 1 if there was one. */
-int kaq_zend_call_old_handler(kaq_phpfn_t oldhandler, zend_execute_data *execute_data,
-							  zval *return_value);

@@ -1,25 +1,8 @@
 #include "instrumentation/recipes.h"
 
-#include "calls/recorded_call.h"
 #include "util/kaq_strings.h"
 
 #define KAQ_DBNAME_TEXT 3
-
-kaq_fit kaq_read_arguments(const kaq_call *call, const char *layouts, int warn,
-						   kaq_arguments *arguments) {
-	const zend_object *pending = EG(exception);
-	int fitted = kaq_parse_arguments(call->execute_data, layouts, warn, arguments);
-	if (EG(exception) != pending) {
-		return KAQ_THROWN;
-	}
-	return fitted ? KAQ_FITTED : KAQ_UNFIT;
-}
-
-void kaq_finish_unread(const kaq_call *call, kaq_fit fit) {
-	if (fit != KAQ_THROWN) {
-		call->oldhandler(call->execute_data, call->return_value);
-	}
-}
 
 static bool kaq_needs_fit(const kaq_call *call, kaq_parse_failure failure) {
 	return failure == KAQ_DIRECT ||

@@ -1,7 +1,7 @@
-#include "state/php_kaq.h"
 #include "curl/followed_functions.h"
 #include "instrumentation/kaq_instrumentation.h"
 #include "instrumentation/wrappers.h"
+#include "state/php_kaq.h"
 
 #include <pthread.h>
 #include <stdlib.h>

@@ -1,8 +1,8 @@
 #include "instrumentation/wrappers.h"
 
-#include "state/php_kaq.h"
 #include "instrumentation/recipes.h"
 #include "instrumentation/wrapped_functions.h"
+#include "state/php_kaq.h"
 
 /* Per row: the slot of its record, the inner wrapper (what is recorded) and the outer wrapper (what
  * the engine calls). */

@@ -1,5 +1,5 @@
-#include "state/php_kaq.h"
 #include "spans/kaq_execute.h"
+#include "state/php_kaq.h"
 #include "util/kaq_clock.h"
 
 #include <sys/resource.h>

@@ -1,6 +1,6 @@
 #include "spans/kaq_execute.h"
 
-#include "spans/node_path.h"
+#include "spans/kaq_nodes_private.h"
 
 #include <string.h>
 

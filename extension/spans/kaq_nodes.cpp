@@ -1,8 +1,6 @@
-#include "core/lifecycle.h"
-#include "diagnostics/stacktrace.h"
-#include "spans/node_path.h"
-#include "util/kaq_random.h"
+#include "spans/kaq_nodes_private.h"
 #include "util/kaq_clock.h"
+#include "util/kaq_random.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -15,22 +13,20 @@ void kaq_open_node(kaq_node *node) {
 	kaq_open_in(kaq_get_globals(), node);
 }
 
+kaq_node *kaq_start_node(void) {
+	zend_kaq_globals *g = kaq_get_globals();
+	kaq_node *node = kaq_pool_take(&g->node_pool);
+	if (node) {
+		kaq_open_in(g, node);
+	}
+	return node;
+}
+
 void kaq_close_node(kaq_node *node) {
 	kaq_close_in(kaq_get_globals(), node);
 }
 
-/* A database query that took longer than the collector's threshold. */
-static bool kaq_is_slow_query(const zend_kaq_globals *g, const struct kaq_node_data *data) {
-	int64_t duration = (int64_t)(data->end_time - data->start_time);
-	return data->function_info.type == DBQUERY &&
-		   (float)duration > 1000.0f * g->sql_trace_threshold;
-}
-
-void kaq_buffer_node(zend_kaq_globals *g, kaq_node *node, bool is_leaf) {
-	kaq_function *fi = &node->data.function_info;
-	if (is_leaf && !kaq_is_php_component(fi) && kaq_is_slow_query(g, &node->data)) {
-		kaq_make_stacktrace(fi);
-	}
+void kaq_buffer_node(kaq_node *node) {
 	node->data.state = KAQ_NODE_BUFFERED;
 	kaq_insert_node(node);
 }

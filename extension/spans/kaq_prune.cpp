@@ -1,5 +1,5 @@
-#include "state/php_kaq.h"
 #include "spans/kaq_util.h"
+#include "state/php_kaq.h"
 #include "util/kaq_assert.h"
 
 #include <stdlib.h>

@@ -1,7 +1,7 @@
 #include "json/kaq_json.h"
 #include "spans/kaq_util.h"
-#include "tracing/kaq_headers.h"
 #include "util/kaq_strings.h"
+#include "util/kaq_util_functions.h"
 
 #include <stdlib.h>
 

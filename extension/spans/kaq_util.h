@@ -11,87 +11,21 @@
  */
 #pragma once
 
-#include "util/engine_compat.h"
-
-#include <stdint.h>
-
-enum ARG_TYPE { NONE = 0, DBQUERY = 1, URL = 2, DBCONNECT = 3 };
-enum FAIL_TYPE { FAIL_TYPE_ERROR = 0, FAIL_TYPE_EXCEPTION = 1 };
-enum METHOD_TYPE { INTERNAL = 0, EXTERNAL = 1 };
-enum PRIORITY { PRIORITY_0 = 0, PRIORITY_1 = 1 };
-enum kaq_node_state { KAQ_NODE_CREATED = 0, KAQ_NODE_OPEN = 1, KAQ_NODE_BUFFERED = 2 };
-
-#define KAQ_COMPONENT_SIZE 16
-#define KAQ_SPAN_ID_LENGTH 16
-#define KAQ_NAME_STORE_SIZE 80
-#define KAQ_NAME_STORE_PADDING 16
-#define KAQ_PHP_COMPONENT "PHP"
-
-struct _arg_data {
-	char *query;
-	char *url;
-	char *dbconnectHost;
-	char *dbname;
-	char *stacktrace;
-	char *externalReqHeaders; /* JSON text */
-	char *externalResHeaders; /* JSON text */
-	long dbconnectPort;
-	int externalStatusCode;
-	smart_str einfo; /* error records separated by ","; on the process heap */
-};
-
-typedef struct kaq_function_info {
-	char *class_name; /* null for a plain function */
-	char *function_name;
-	char component_name[KAQ_COMPONENT_SIZE];
-	char span_id[KAQ_SPAN_ID_LENGTH + 1]; /* empty until assigned */
-	int type;                             /* ARG_TYPE */
-	int isFault;                          /* an exception hit this span */
-	int isError;                          /* an error hit this span */
-	int isExternal;
-	int isAsync;
-	int priority; /* PRIORITY */
-	struct _arg_data arg_data;
-} kaq_function;
-
-typedef struct kaq_node_info kaq_node;
-
-struct kaq_node_data {
-	int key;         /* index of the span in its request; 0 is the root */
-	int state;       /* kaq_node_state */
-	int child_count; /* spans ever opened below this one */
-	kaq_node *parent;
-	kaq_function function_info;
-	uint64_t start_time, end_time;
-	int is_necessary; /* decided at close: the span must be kept */
-};
-
-struct kaq_node_info {
-	struct kaq_node_data data;
-	kaq_node *next;
-	uint16_t reuse; /* how often the record has been given back, modulo 65536 */
-	/* Short names live here, so that recording a call needs no allocation. Not cleared. Engine
-	 * strings are copied in steps of 8 bytes, so the size is a multiple of 8. */
-	char name_store[KAQ_NAME_STORE_SIZE];
-	/* Names may be read in blocks of this size. */
-	char name_padding[KAQ_NAME_STORE_PADDING];
-};
-
-typedef struct {
-	kaq_node *head;
-} kaq_node_list;
-
-/* CPU time of the process, in ms. */
-typedef struct kaq_cpu_info {
-	uint64_t user_start_time, user_end_time, sys_start_time, sys_end_time, total_time;
-} kaq_cpu;
+#include "state/php_kaq.h"
 
 /* A zeroed span of the calling thread, or null when memory is short. */
 kaq_node *kaq_create_new_node(void);
 /* Starts the clock and makes the span the current one. REQUIRES: state KAQ_NODE_CREATED. */
 void kaq_open_node(kaq_node *node);
+/* The two in one. */
+kaq_node *kaq_start_node(void);
 /* Ends the span: it is dropped (the pointer is dead then) or buffered. REQUIRES: it is open. */
 void kaq_close_node(kaq_node *node);
+/* Whether a span that is open, or was the last to be closed, has no descendant left: the newest key
+ * in use is its own. */
+static inline bool kaq_is_leaf(const zend_kaq_globals *g, const kaq_node *node) {
+	return g->node_buffer_len == node->data.key + 1;
+}
 /* Puts a finished span into the node buffer. Callers that build spans themselves fill key, state,
  * parent and times first. */
 void kaq_insert_node(kaq_node *node);
@@ -101,6 +35,9 @@ void kaq_free_node(kaq_node *node);
 void kaq_close_open_nodes(void);
 /* Request end: releases every span of the thread, buffered or still open. */
 void kaq_free_node_buffer(void);
+/* Releases the spans that a record still holds: code that the engine ran outside any request, such
+ * as a preloaded script or a session handler that runs after request end, leaves some. */
+void kaq_release_spans(zend_kaq_globals *g);
 /* The buffered spans by key (node_buffer_len entries, an entry without a span is null), each with
  * a span id. The caller frees the array, not the spans. Null when memory is short. */
 kaq_node **kaq_validate_nodes(void);

@@ -8,23 +8,12 @@
  */
 #pragma once
 
-#include "spans/kaq_util.h"
+#include "state/span_types.h"
 
 #include <emmintrin.h>
 
-#define KAQ_SLAB_RECORDS 64
 /* Slabs that a thread keeps from one request to the next. */
 #define KAQ_SLABS_KEPT 16
-
-typedef struct kaq_slab {
-	struct kaq_slab *next;
-	kaq_node records[KAQ_SLAB_RECORDS];
-} kaq_slab;
-
-typedef struct {
-	kaq_node *free_list;
-	kaq_slab *slabs;
-} kaq_node_pool;
 
 /* A zeroed record, or null when memory is short. */
 kaq_node *kaq_pool_take_slow(kaq_node_pool *pool);

@@ -12,9 +12,7 @@
  */
 #pragma once
 
-#include "util/engine_compat.h"
-#include "spans/kaq_util.h"
-#include "spans/node_pool.h"
+#include "state/span_types.h"
 
 #include <stdint.h>
 
@@ -129,7 +127,6 @@ ZEND_END_MODULE_GLOBALS(kaq)
 // clang-format on
 
 ZEND_EXTERN_MODULE_GLOBALS(kaq)
-extern zend_module_entry kaq_module_entry;
 
 /* The calling thread's record. REQUIRES: the thread has been bound (kaq_bind_thread). */
 static inline zend_kaq_globals *kaq_get_globals(void) {

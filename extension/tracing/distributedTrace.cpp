@@ -2,8 +2,9 @@
 
 #include "state/php_kaq.h"
 #include "tracing/account_id.h"
-#include "util/header_line.h"
 #include "tracing/trace_context.h"
+#include "util/engine_access.h"
+#include "util/header_line.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
 

@@ -1,6 +1,5 @@
 #include "tracing/kaq_headers.h"
 
-#include "curl/curl_stores.h"
 #include "util/header_line.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
@@ -8,15 +7,6 @@
 #include <ctype.h>
 #include <stdlib.h>
 #include <strings.h>
-
-void kaq_add_header_line(zval *map, const char *line) {
-	char name[KAQ_HEADER_NAME_SIZE] = "";
-	char value[KAQ_HEADER_VALUE_SIZE] = "";
-	kaq_header_to_keyvalue(line, name, sizeof(name), value, sizeof(value));
-	if (name[0]) {
-		add_assoc_string(map, name, value);
-	}
-}
 
 static const sapi_header_struct *kaq_first_header(zend_llist_position *position) {
 	return (const sapi_header_struct *)zend_llist_get_first_ex(&SG(sapi_headers).headers, position);
@@ -73,27 +63,4 @@ int kaq_add_response_header(const char *name, const char *value) {
 	int status = sapi_header_op(SAPI_HEADER_REPLACE, &line);
 	free(text);
 	return status != FAILURE;
-}
-
-/* A callback that the site has disabled would fail the transfer. */
-void kaq_curl_response_headers_callback(zval *handle) {
-	static const char name[] = "kaq_store_curl_response_headers";
-	zval *option = php_get_constant("CURLOPT_HEADERFUNCTION");
-	if (!option || !php_is_zval_valid_curl_handle(handle) ||
-		!kaq_find_callable_function(name, strlen(name))) {
-		return;
-	}
-	zval callback;
-	ZVAL_STRING(&callback, name);
-	php_zval_free(php_call_unnoticed("curl_setopt", handle, option, &callback));
-	zval_ptr_dtor(&callback);
-}
-
-int kaq_save_curl_response_headers(const zval *handle, const zval *line) {
-	if (!php_is_zval_non_empty_string(line) || !php_is_zval_valid_curl_handle(handle)) {
-		return 0;
-	}
-	kaq_curl_follow(handle);
-	kaq_insert_curl_res_headers(kaq_zval_resource_id(handle), Z_STRVAL_P(line));
-	return 1;
 }

@@ -3,7 +3,8 @@
  * safe; what a later engine does otherwise is turned back into that shape here. Capabilities are
  * named, never versions; blocks stand in order of age, oldest first.
  *
- * Every other file includes this header for the engine's own headers too.
+ * Every other file includes this header for the engine's own headers too. What needs no adapting
+ * stands in util/engine_access.h.
  */
 #pragma once
 
@@ -95,25 +96,12 @@ bool kaq_passes_variable(const zend_op *send);
 bool kaq_passes_element(const zend_op *send);
 bool kaq_is_rewritable(const zend_string *text);
 
-/* Declared properties as they stand in the object: neither script code runs nor the engine reports
- * anything. A text is a new reference, "" for what has none; a number is 0 for what is none. */
-zend_string *kaq_property_text(zend_object *object, const char *name);
-zend_long kaq_property_number(zend_object *object, const char *name);
 typedef void (*kaq_error_cb_t)(KAQ_ERROR_CB_PARAMS);
 typedef void (*kaq_throw_hook_t)(kaq_thrown *exception);
 
 /* A property of an object, read quietly. Null when the value is no object; a missing property
  * reads as the engine's null value. The result belongs to the object or to *rv. */
 zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval *rv);
-
-/* The internal function of that name if scripts could call it: null when it is missing, is not
- * internal or has been disabled. */
-zend_function *kaq_find_callable_function(const char *name, size_t length);
-
-/* Calls an internal function with copies of the arguments. The result is undefined if it threw. The
- * engine's own way to call would deal with pending interrupts, and refuse while a script unwinds.
- * REQUIRES: no exception is pending. */
-void kaq_call_internal(zend_function *function, uint32_t count, zval *args, zval *result);
 
 /* Handles of some extensions (curl, pgsql) are resources, in later engines objects. */
 #if PHP_VERSION_ID < 80000
@@ -141,9 +129,6 @@ int kaq_find_curl_handle(zend_long id, zval *handle);
 typedef void (*kaq_clone_notice)(zval *handle, zval *clone);
 void kaq_follow_clones(zval *handle, kaq_clone_notice notice);
 
-/* Whether an object can be turned into a text. */
-int kaq_is_stringable(const zval *object);
-
 /* The number of a resource is never given out again within a request, that of an object is. A watch
  * is a table of the objects that live: when one goes away its entry is destroyed, and `forget` is
  * called with the entry; it may release other handles. Engines with resources: nothing happens.
@@ -161,6 +146,15 @@ void kaq_set_interrupt(void);
 
 /* Frees the texts of the engine's last error, which dangle then. */
 void kaq_free_last_error(void);
+
+/* Pushes the frame of a call that has no caller's code. */
+#if PHP_VERSION_ID < 70400
+#define KAQ_PUSH_CALL(function, count) \
+	zend_vm_stack_push_call_frame(ZEND_CALL_TOP_FUNCTION, function, count, nullptr, nullptr)
+#else
+#define KAQ_PUSH_CALL(function, count) \
+	zend_vm_stack_push_call_frame(ZEND_CALL_TOP_FUNCTION, function, count, nullptr)
+#endif
 
 /* A parse of arguments that fails warns, in later engines it throws. */
 #if PHP_VERSION_ID < 80000
@@ -183,11 +177,6 @@ void kaq_free_last_error(void);
 #define KAQ_TRAILING_TEXT_FITS 0
 #endif
 
-/* Whether the code that called the running internal function declares strict types. */
-static inline int kaq_caller_is_strict(void) {
-	return ZEND_ARG_USES_STRICT_TYPES();
-}
-
 /* Whether the site has disabled the internal function. */
 int kaq_is_disabled_function(const zend_function *function);
 
@@ -201,10 +190,6 @@ void kaq_watch_fibers(kaq_fiber_notice_t notice);
 void kaq_block_fibers(void);
 void kaq_unblock_fibers(void);
 
-/* Whether stdClass can be instantiated: a site may have disabled it, and older engines then warn.
- */
-int kaq_has_plain_objects(void);
-
 /* Between these two the engine's allocator has no limit, so that work of ours at a moment when the
  * script has used up its memory cannot end in a fatal error of the script. */
 void kaq_memory_limit_lift(void);
@@ -213,7 +198,3 @@ void kaq_memory_limit_restore(void);
 /* Whether so many bytes can be had from the engine's allocator below the script's limit, however
  * its free memory is cut up. */
 bool kaq_memory_has_room(size_t size);
-
-/* The running request's call frames as the engine's debug backtrace, without arguments, at most
- * `limit` frames (0: all). An empty array when nothing runs. */
-void kaq_fetch_backtrace(zval *frames, int limit);

@@ -1,6 +1,8 @@
 #include "util/kaq_util_functions.h"
 
 #include "state/php_kaq.h"
+#include "util/engine_access.h"
+#include "util/header_line.h"
 #include "util/kaq_aside.h"
 #include "util/kaq_strings.h"
 
@@ -140,4 +142,13 @@ char *kaq_get_header_value(const zval *headers, const char *name) {
 	}
 	zval *value = zend_hash_str_find(Z_ARRVAL_P(headers), name, strlen(name));
 	return value && Z_TYPE_P(value) == IS_STRING ? kaq_strdup(Z_STRVAL_P(value)) : nullptr;
+}
+
+void kaq_add_header_line(zval *map, const char *line) {
+	char name[KAQ_HEADER_NAME_SIZE] = "";
+	char value[KAQ_HEADER_VALUE_SIZE] = "";
+	kaq_header_to_keyvalue(line, name, sizeof(name), value, sizeof(value));
+	if (name[0]) {
+		add_assoc_string(map, name, value);
+	}
 }

@@ -53,3 +53,10 @@ zval *kaq_backtrace(int limit);
 /* An exact, case-sensitive look-up in an array of header name to value. A new heap string, or null
  * when `headers` is no array, the key is absent or its value is no string. */
 char *kaq_get_header_value(const zval *headers, const char *name);
+
+/* Names and values of header lines are cut to these sizes, their NUL included. */
+#define KAQ_HEADER_NAME_SIZE 128
+#define KAQ_HEADER_VALUE_SIZE 256
+
+/* Adds a header line to an array of name to value; a line without a name is dropped. */
+void kaq_add_header_line(zval *map, const char *line);

@@ -1,10 +1,12 @@
 #include "wire/handshake.h"
 
 #include "json/kaq_json.h"
-#include "wire/transport.h"
 #include "state/php_kaq.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
+#include "wire/client.h"
+#include "wire/receiver.h"
+#include "wire/transport.h"
 
 #include <stdlib.h>
 
@@ -151,6 +153,21 @@ void process_instance_info(const char *reply) {
 	}
 	php_zval_free(decoded);
 	kaq_memory_limit_restore();
+}
+
+char *get_instance_data(void) {
+	const zend_kaq_globals *g = kaq_get_globals();
+	smart_str request = {nullptr, 0};
+	char *reply;
+	if (form_instanceinfo_request(&request) != 0) {
+		reply = (char *)calloc(1, 1);
+	} else {
+		char address[KAQ_ADDRESS_SIZE];
+		kaq_collector_address(g->remote_exporter_ip, g->remote_exporter_hostname, address);
+		reply = kaq_exchange(address, g->tcp_status_port, ZSTR_VAL(request.s), ZSTR_LEN(request.s));
+	}
+	kaq_buf_free(&request);
+	return reply;
 }
 
 void get_instance_info(void) {

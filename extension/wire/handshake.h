@@ -6,12 +6,16 @@
  */
 #pragma once
 
-#include "wire/port_filter.h"
 #include "util/engine_compat.h"
+#include "wire/port_filter.h"
 
 /* Sets control_signal, instance_id, normalised_txn_name, app_id, sql_trace_threshold and
  * rum_snippet of the calling thread. REQUIRES: the request context is known. */
 void get_instance_info(void);
+
+/* The status exchange. The collector's answer as a new heap string (caller frees), empty when there
+ * is none or the port filter disabled the request; null when memory is short. */
+char *get_instance_data(void);
 
 /* Writes the request into an empty buffer and returns 0; or returns 1, with the buffer untouched
  * and a notice sent, when the port filter takes this request out. */

@@ -1,12 +1,12 @@
 #include "wire/payload.h"
 
-#include "wire/kaq_base64.h"
 #include "json/kaq_json.h"
-#include "wire/request_context.h"
-#include "wire/transport.h"
-#include "wire/request_values.h"
 #include "state/php_kaq.h"
 #include "tracing/kaq_headers.h"
+#include "wire/kaq_base64.h"
+#include "wire/request_context.h"
+#include "wire/request_values.h"
+#include "wire/transport.h"
 
 #include <stdlib.h>
 #include <sys/syscall.h>

@@ -1,8 +1,7 @@
 #include "json/json_escape.h"
 #include "json/kaq_json.h"
-#include "wire/payload.h"
 #include "state/php_kaq.h"
-#include "spans/node_path.h"
+#include "wire/payload.h"
 
 static void kaq_append_raw(smart_str *out, const char *json) {
 	kaq_buf_append(out, json, strlen(json));

@@ -7,8 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "wire/client.h"
 #include "util/kaq_clock.h"
+#include "wire/client.h"
 
 static const size_t READ_SIZE = 4096;
 static const size_t GROWTH = 1024;

@@ -1,11 +1,8 @@
 #include "wire/request_context.h"
 
-#include "json/kaq_json.h"
 #include "state/php_kaq.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
-
-#include <stdio.h>
 
 static void kaq_copy_server_global(char *buffer, size_t capacity, const char *name) {
 	kaq_copy_bounded(buffer, capacity, kaq_get_server_global(name));
@@ -52,30 +49,4 @@ void kaq_request_uri(void) {
 	} else {
 		kaq_background_uri(g);
 	}
-}
-
-char *kaq_get_cli_args(void) {
-	zval *server = &PG(http_globals)[TRACK_VARS_SERVER];
-	if (Z_TYPE_P(server) != IS_ARRAY) {
-		return nullptr;
-	}
-	zval *argv = zend_hash_str_find(Z_ARRVAL_P(server), "argv", strlen("argv"));
-	if (!argv || Z_TYPE_P(argv) != IS_ARRAY) {
-		return nullptr;
-	}
-	zval args;
-	array_init(&args);
-	int count = 0;
-	zval *element;
-	ZEND_HASH_FOREACH_VAL(Z_ARRVAL_P(argv), element) {
-		if (php_is_zval_non_empty_string(element)) {
-			char key[32];
-			snprintf(key, sizeof(key), "$argv[%d]", count++);
-			add_assoc_str(&args, key, zend_string_copy(Z_STR_P(element)));
-		}
-	}
-	ZEND_HASH_FOREACH_END();
-	char *text = kaq_encode_zval_to_json(&args);
-	zval_ptr_dtor(&args);
-	return text;
 }

@@ -9,7 +9,3 @@
  * An empty request_uri afterwards means that the request is not to be monitored.
  * REQUIRES: the five buffers are zeroed and the engine has built its server variables. */
 void kaq_request_uri(void);
-
-/* The script's arguments as JSON text, a new heap string ("[]" when there are none of any
- * length); null when the server variables hold no argument list. */
-char *kaq_get_cli_args(void);

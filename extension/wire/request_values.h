@@ -16,6 +16,10 @@ char *kaq_get_response_headers(void);
 /* The _REQUEST entry of the global symbol table, whatever the script made of it. */
 char *kaq_get_request_parameters(void);
 
+/* The script's arguments as JSON text, a new heap string ("[]" when there are none of any
+ * length); null when the server variables hold no argument list. */
+char *kaq_get_cli_args(void);
+
 /* What the script attached to the transaction. */
 char *kaq_get_custom_parameters(void);
 char *kaq_get_appparam_sum(void);

@@ -5,11 +5,11 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "wire/kaq_base64.h"
-#include "wire/payload.h"
 #include "spans/kaq_execute.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
+#include "wire/kaq_base64.h"
+#include "wire/payload.h"
 
 static size_t count_of(const std::string &needle, const std::string &text) {
 	size_t count = 0;

@@ -1,6 +1,6 @@
 /* What is remembered of curl handles during a request. */
 #include "curl_engine.h"
-#include "tracing/kaq_headers.h"
+#include "curl/curl_headers.h"
 
 static const zend_long IDS[] = {
 	0, 1, 7, -1, -5, INT64_C(4294967303), -4294967303, ZEND_LONG_MAX, ZEND_LONG_MIN};

@@ -1,7 +1,7 @@
 /* Handles whose numbers come again: what is stored under a number goes with its handle. */
 #include "curl_engine.h"
+#include "curl/curl_headers.h"
 #include "curl/curl_options.h"
-#include "tracing/kaq_headers.h"
 
 #if KAQ_HANDLES_ARE_OBJECTS
 

@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "core/lifecycle.h"
+#include "spans/kaq_util.h"
+#include "spans/node_pool.h"
 #include "json/kaq_json.h"
 #include "fake_collector.h"
 #include "stand_ins.h"

@@ -4,11 +4,11 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "wire/handshake.h"
-#include "wire/request_values.h"
 #include "tracing/kaq_headers.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
+#include "wire/handshake.h"
+#include "wire/request_values.h"
 
 class EngineAccess : public EngineTest {
 protected:

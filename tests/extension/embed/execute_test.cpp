@@ -3,9 +3,9 @@
 
 #include <string.h>
 
-#include "wire/payload.h"
 #include "spans/kaq_execute.h"
 #include "util/kaq_strings.h"
+#include "wire/payload.h"
 
 /* A frame as the engine hands it to the hook. */
 struct Frame {

@@ -4,8 +4,8 @@
 
 #include <string.h>
 
-#include "json/kaq_json.h"
 #include "diagnostics/stacktrace.h"
+#include "json/kaq_json.h"
 
 class FailureRecords : public SpanTest {
 protected:

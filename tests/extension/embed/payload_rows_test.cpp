@@ -6,9 +6,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "wire/payload.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
+#include "wire/payload.h"
 
 #define SPANS                                                                            \
 	",\"method_info\":{\"span_info\":[{\"st\":1000000,\"et\":1000000,\"mo\":0,\"pr\":1," \

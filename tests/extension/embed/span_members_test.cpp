@@ -3,8 +3,8 @@
 
 #include <string.h>
 
-#include "wire/payload.h"
 #include "util/kaq_strings.h"
+#include "wire/payload.h"
 
 class SpanMembers : public SpanTest {
 protected:

@@ -3,10 +3,10 @@
 
 #include <stdlib.h>
 
+#include "curl/curl_headers.h"
 #include "curl/curl_transfer.h"
 #include "tracing/account_id.h"
 #include "tracing/distributedTrace.h"
-#include "tracing/kaq_headers.h"
 #include "util/kaq_strings.h"
 
 /* The engine without one of its constants: for as long as this lives the entry's hash is another,

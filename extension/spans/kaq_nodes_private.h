@@ -1,29 +1,22 @@
 /*
- * The path that every user call takes through the spans, inline: opening, naming, closing and
- * dropping a span. The functions of kaq_util.h are these with the thread's record looked up.
+ * Private to this room. The path that every user call takes through the spans, inline: opening,
+ * naming, closing and dropping a span. The functions of kaq_util.h are these with the thread's
+ * record looked up.
  */
 #pragma once
 
-#include "state/php_kaq.h"
+#include "spans/kaq_util.h"
+#include "spans/node_pool.h"
 #include "util/kaq_assert.h"
 #include "util/kaq_clock.h"
 
 #include <string.h>
 
-/* Moves a closed span into the node buffer. A leaf has no descendant in the buffer. */
-void kaq_buffer_node(zend_kaq_globals *g, kaq_node *node, bool is_leaf);
+/* Moves a closed span into the node buffer. */
+void kaq_buffer_node(kaq_node *node);
 
 /* Frees the texts that a span owns; its fields then point nowhere. */
 void kaq_release_texts(kaq_node *node);
-
-static inline bool kaq_is_php_component(const kaq_function *fi) {
-	return memcmp(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT)) == 0;
-}
-
-/* A null name counts as stored: there is nothing to free. */
-static inline bool kaq_is_stored_name(const kaq_node *node, const char *name) {
-	return !name || (name >= node->name_store && name < node->name_store + KAQ_NAME_STORE_SIZE);
-}
 
 /* Whether anything in the span has to be freed. */
 static inline bool kaq_owns_texts(const kaq_node *node) {
@@ -103,9 +96,7 @@ static inline void kaq_close_in(zend_kaq_globals *g, kaq_node *node) {
 	int64_t duration = (int64_t)(data->end_time - data->start_time);
 	data->is_necessary = duration >= g->method_threshold || (fi->isFault | fi->isError) ||
 						 fi->priority || !kaq_is_php_component(fi);
-	/* No descendant is left when the newest key in use is this span's own. */
-	bool is_leaf = g->node_buffer_len == data->key + 1;
-	if (is_leaf && !data->is_necessary && data->key != 0) {
+	if (kaq_is_leaf(g, node) && !data->is_necessary && data->key != 0) {
 		if (UNEXPECTED(kaq_owns_texts(node))) {
 			kaq_release_texts(node);
 		}
@@ -113,5 +104,5 @@ static inline void kaq_close_in(zend_kaq_globals *g, kaq_node *node) {
 		g->node_buffer_len--;
 		return;
 	}
-	kaq_buffer_node(g, node, is_leaf);
+	kaq_buffer_node(node);
 }

@@ -1,0 +1,3 @@
+#include "state/php_kaq.h"
+
+ZEND_DECLARE_MODULE_GLOBALS(kaq)
