@@ -3,6 +3,7 @@
 #include "json/kaq_json.h"
 #include "state/php_kaq.h"
 #include "util/engine_access.h"
+#include "util/kaq_aside.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_util_functions.h"
 
@@ -112,7 +113,7 @@ static void kaq_record_error(kaq_function *fi, kaq_severity severity, const char
 /* What a call of ours meets is not the script's failure unless it ends the request. */
 static bool kaq_looks_at_error(const zend_kaq_globals *g, int type) {
 	return (int)kaq_severity_of(type) >= g->track_errors && g->error_count < KAQ_MAX_ERRORS &&
-		   !g->is_recording_failure && (!g->in_unnoticed_call || (type & KAQ_ENDS_REQUEST));
+		   !g->is_recording_failure && (!kaq_in_unnoticed_call() || (type & KAQ_ENDS_REQUEST));
 }
 
 void kaq_error_cb(KAQ_ERROR_CB_PARAMS) {
@@ -177,7 +178,7 @@ static void kaq_take_exception(zend_kaq_globals *g, zend_object *exception) {
 void kaq_throw_exception_hook(kaq_thrown *exception) {
 	zend_kaq_globals *g = kaq_get_globals();
 	if (exception && g->exception_count < KAQ_EXCEPTION_SLOTS && g->in_request &&
-		!g->is_recording_failure && !g->in_unnoticed_call &&
+		!g->is_recording_failure && !kaq_in_unnoticed_call() &&
 		!kaq_is_exit(kaq_thrown_object(exception))) {
 		kaq_take_exception(g, kaq_thrown_object(exception));
 	}

@@ -37,7 +37,6 @@ typedef struct kaq_exception_info {
 // clang-format off
 ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	int in_request;       /* from request start to request end */
-	int in_unnoticed_call; /* in php_call_unnoticed */
 	int control_signal;   /* 1: the collector monitors this request */
 	int node_buffer_len;  /* span keys handed out, and so the next key */
 	int method_threshold; /* ms */

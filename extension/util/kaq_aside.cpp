@@ -7,6 +7,8 @@
 /* As an error handler: whatever it is given, it does nothing and does not say false. */
 #define KAQ_SILENT_HANDLER "kaq_agent_version"
 
+__thread int kaq_asides __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
 /* First of all, since the memory limit may end it. */
 static void kaq_put_handlers_aside(kaq_aside *aside) {
 	bool is_set = Z_TYPE(EG(user_error_handler)) != IS_UNDEF;
@@ -55,6 +57,8 @@ void kaq_aside_begin(kaq_aside *aside) {
 	aside->last_error_file = PG(last_error_file);
 	PG(last_error_message) = nullptr;
 	PG(last_error_file) = nullptr;
+	kaq_asides++;
+	kaq_block_fibers();
 }
 
 template <typename Text> static void kaq_put_text_back(Text **slot, void *text) {
@@ -78,6 +82,8 @@ static void kaq_put_exception_back(kaq_aside *aside) {
 }
 
 void kaq_aside_end(kaq_aside *aside) {
+	kaq_unblock_fibers();
+	kaq_asides--;
 	if (aside->has_interrupt) {
 		kaq_set_interrupt();
 	}

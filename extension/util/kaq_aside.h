@@ -23,3 +23,11 @@ void kaq_aside_begin(kaq_aside *aside);
 /* Puts it back, and drops what has come up in between: handlers, and an exception unless it is an
  * exit. */
 void kaq_aside_end(kaq_aside *aside);
+
+/* How many of them the thread is in. Private to the function below and to kaq_aside.cpp. */
+extern __thread int kaq_asides __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
+/* Whether the thread is between the two: what happens now is not the script's doing. */
+static inline bool kaq_in_unnoticed_call(void) {
+	return kaq_asides > 0;
+}

@@ -1,6 +1,5 @@
 #include "util/kaq_util_functions.h"
 
-#include "state/php_kaq.h"
 #include "util/engine_access.h"
 #include "util/header_line.h"
 #include "util/kaq_aside.h"
@@ -62,12 +61,8 @@ zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 	zval *volatile result = nullptr;
 	volatile int caught = 0;
-	zend_kaq_globals *g = kaq_get_globals();
-	int outer = g->in_unnoticed_call;
 	kaq_aside aside;
 	kaq_aside_begin(&aside);
-	g->in_unnoticed_call = 1;
-	kaq_block_fibers(); /* or the script would go on with all that put aside */
 	zend_try {
 		result = php_call(name, arg1, arg2, arg3);
 	}
@@ -75,8 +70,6 @@ zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 		caught = 1;
 	}
 	zend_end_try();
-	kaq_unblock_fibers();
-	g->in_unnoticed_call = outer;
 	kaq_aside_end(&aside);
 	if (caught) {
 		zend_bailout();

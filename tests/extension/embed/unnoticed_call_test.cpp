@@ -2,7 +2,9 @@
 #include "curl_engine.h"
 
 #include <functional>
+#include <thread>
 
+#include "util/kaq_aside.h"
 #include "util/kaq_util_functions.h"
 
 static std::string outcome;
@@ -151,7 +153,7 @@ TEST_F(UnnoticedCall, ErrorThatAHandlerWouldHaveTakenDoesNotEndTheRequest) {
 	EXPECT_EQ("[1]", iterate("trigger_error('x', E_USER_ERROR);"));
 	EXPECT_EQ("[1]", iterate("try { $text = (string)new ArrayObject; } catch (Error $e) {}"));
 	EXPECT_EQ("[]", seen());
-	EXPECT_EQ(0, g->in_unnoticed_call);
+	EXPECT_FALSE(kaq_in_unnoticed_call());
 	EXPECT_TRUE(run_php("trigger_error('own', E_USER_ERROR);"));
 	EXPECT_EQ("[\"own\"]", seen());
 }
@@ -229,7 +231,20 @@ TEST_F(UnnoticedCall, CallWithinACallEndsOnlyItself) {
 	iterate("probe(); try { throw new Exception; } catch (Exception $e) {}");
 	EXPECT_EQ("1", outcome);
 	EXPECT_EQ(0, g->exception_count);
-	EXPECT_EQ(0, g->in_unnoticed_call);
+	EXPECT_FALSE(kaq_in_unnoticed_call());
+}
+
+TEST_F(UnnoticedCall, ThreadKnowsThatItIsInOneAndNoOtherDoes) {
+	probe = [] {
+		call_and_note();
+		bool is_elsewhere = true;
+		std::thread([&] { is_elsewhere = kaq_in_unnoticed_call(); }).join();
+		outcome = kaq_in_unnoticed_call() && !is_elsewhere ? "in one" : "not";
+	};
+	EXPECT_FALSE(kaq_in_unnoticed_call());
+	iterate("probe();");
+	EXPECT_EQ("in one", outcome);
+	EXPECT_FALSE(kaq_in_unnoticed_call());
 }
 
 TEST_F(UnnoticedCall, CallsLeaveNothingBehind) {
@@ -306,7 +321,7 @@ static zval bad_object(void) {
 	return object;
 }
 
-/* After a bailout no frame is running, which PHP 7.0's own zend_clear_exception does not survive. */
+/* PHP 7.0's zend_clear_exception needs a running frame; after a bailout there is none. */
 static void drop_exception(void) {
 	zend_object *pending = EG(exception);
 	EG(exception) = nullptr;
