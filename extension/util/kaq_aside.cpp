@@ -6,43 +6,142 @@
 #define KAQ_TAKEN_BY_HANDLERS (E_USER_ERROR | E_RECOVERABLE_ERROR)
 /* As an error handler: whatever it is given, it does nothing and does not say false. */
 #define KAQ_SILENT_HANDLER "kaq_agent_version"
+/* So many of the script's error handlers below the one in force are stood in for. */
+#define KAQ_MAX_STAND_INS STACK_BLOCK_SIZE
+/* What goes may leave something behind that has to go, too, and may do so for ever. */
+#define KAQ_MAX_DROPS 100
 
 __thread int kaq_asides __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
-/* First of all, since the memory limit may end it. */
-static void kaq_put_handlers_aside(kaq_aside *aside) {
-	bool is_set = Z_TYPE(EG(user_error_handler)) != IS_UNDEF;
-	zend_string *silent =
-		is_set ? zend_string_init(KAQ_SILENT_HANDLER, strlen(KAQ_SILENT_HANDLER), 0) : nullptr;
-	ZVAL_COPY_VALUE(&aside->error_handler, &EG(user_error_handler));
-	aside->handler_level = EG(user_error_handler_error_reporting);
-	aside->handlers_below = zend_stack_count(&EG(user_error_handlers));
-	ZVAL_UNDEF(&EG(user_error_handler));
-	if (is_set) {
-		ZVAL_NEW_STR(&EG(user_error_handler), silent);
-	}
-	EG(user_error_handler_error_reporting) &= KAQ_TAKEN_BY_HANDLERS;
+static void kaq_read_handlers(kaq_handlers *handlers) {
+	ZVAL_COPY_VALUE(&handlers->error_handler, &EG(user_error_handler));
+	ZVAL_COPY_VALUE(&handlers->exception_handler, &EG(user_exception_handler));
+	handlers->error_level = EG(user_error_handler_error_reporting);
+	handlers->error_handlers = EG(user_error_handlers);
+	handlers->error_levels = EG(user_error_handlers_error_reporting);
+	handlers->exception_handlers = EG(user_exception_handlers);
 }
 
-static void kaq_put_handlers_back(kaq_aside *aside) {
-	while (zend_stack_count(&EG(user_error_handlers)) > aside->handlers_below) {
-		zval pushed;
-		ZVAL_COPY_VALUE(&pushed, (zval *)zend_stack_top(&EG(user_error_handlers)));
-		zend_stack_del_top(&EG(user_error_handlers));
-		zend_stack_del_top(&EG(user_error_handlers_error_reporting));
-		zval_ptr_dtor(&pushed);
+static void kaq_write_handlers(const kaq_handlers *handlers) {
+	ZVAL_COPY_VALUE(&EG(user_error_handler), &handlers->error_handler);
+	ZVAL_COPY_VALUE(&EG(user_exception_handler), &handlers->exception_handler);
+	EG(user_error_handler_error_reporting) = handlers->error_level;
+	EG(user_error_handlers) = handlers->error_handlers;
+	EG(user_error_handlers_error_reporting) = handlers->error_levels;
+	EG(user_exception_handlers) = handlers->exception_handlers;
+}
+
+static void kaq_make_stand_in(zval *made, const zval *handler) {
+	ZVAL_UNDEF(made);
+	if (Z_TYPE_P(handler) != IS_UNDEF) {
+		ZVAL_STRING(made, KAQ_SILENT_HANDLER);
 	}
-	zval set_meanwhile;
-	ZVAL_COPY_VALUE(&set_meanwhile, &EG(user_error_handler));
-	ZVAL_COPY_VALUE(&EG(user_error_handler), &aside->error_handler);
-	EG(user_error_handler_error_reporting) = aside->handler_level;
-	if (Z_TYPE(set_meanwhile) != IS_UNDEF) {
-		zval_ptr_dtor(&set_meanwhile);
+}
+
+/* Error handlers that take in silence what the script's might have taken, also once the code inside
+ * has restored some. Exception handlers are not called before all code has returned, so they need
+ * no stand-ins. */
+static void kaq_make_stand_ins(kaq_handlers *made, const kaq_handlers *own) {
+	const zval *handlers = (const zval *)zend_stack_base(&own->error_handlers);
+	const int *levels = (const int *)zend_stack_base(&own->error_levels);
+	int count = zend_stack_count(&own->error_handlers);
+	zend_stack_init(&made->error_handlers, sizeof(zval));
+	zend_stack_init(&made->error_levels, sizeof(int));
+	zend_stack_init(&made->exception_handlers, sizeof(zval));
+	for (int i = count > KAQ_MAX_STAND_INS ? count - KAQ_MAX_STAND_INS : 0; i < count; i++) {
+		zval handler;
+		int level = levels[i] & KAQ_TAKEN_BY_HANDLERS;
+		kaq_make_stand_in(&handler, &handlers[i]);
+		zend_stack_push(&made->error_handlers, &handler);
+		zend_stack_push(&made->error_levels, &level);
 	}
+	kaq_make_stand_in(&made->error_handler, &own->error_handler);
+	made->error_level = own->error_level & KAQ_TAKEN_BY_HANDLERS;
+	ZVAL_UNDEF(&made->exception_handler);
+}
+
+/* Whether script code may run when it goes. */
+static bool kaq_is_live(const zval *handler) {
+	return Z_TYPE_P(handler) != IS_UNDEF && Z_TYPE_P(handler) != IS_STRING;
+}
+
+static bool kaq_has_live(const zend_stack *handlers) {
+	const zval *handler = (const zval *)zend_stack_base(handlers);
+	for (int i = 0; i < zend_stack_count(handlers); i++) {
+		if (kaq_is_live(&handler[i])) {
+			return true;
+		}
+	}
+	return false;
+}
+
+static void kaq_release_handler(zval *handler, bool live_too) {
+	if (live_too || !kaq_is_live(handler)) {
+		zval_ptr_dtor(handler);
+	}
+}
+
+static void kaq_release_stack(zend_stack *handlers, bool live_too) {
+	zval *handler = (zval *)zend_stack_base(handlers);
+	for (int i = 0; i < zend_stack_count(handlers); i++) {
+		kaq_release_handler(&handler[i], live_too);
+	}
+	zend_stack_destroy(handlers);
+}
+
+static void kaq_release_handlers(kaq_handlers *handlers, bool live_too) {
+	kaq_release_handler(&handlers->error_handler, live_too);
+	kaq_release_handler(&handlers->exception_handler, live_too);
+	kaq_release_stack(&handlers->error_handlers, live_too);
+	kaq_release_stack(&handlers->exception_handlers, live_too);
+	zend_stack_destroy(&handlers->error_levels);
+}
+
+/* Returns whether script code may have run. */
+static bool kaq_drop_handlers(const kaq_aside *aside) {
+	kaq_handlers left;
+	kaq_handlers stand_ins;
+	kaq_read_handlers(&left);
+	if (!kaq_is_live(&left.error_handler) && !kaq_is_live(&left.exception_handler) &&
+		!kaq_has_live(&left.error_handlers) && !kaq_has_live(&left.exception_handlers)) {
+		return false;
+	}
+	kaq_make_stand_ins(&stand_ins, &aside->handlers);
+	kaq_write_handlers(&stand_ins);
+	kaq_release_handlers(&left, true);
+	return true;
+}
+
+/* The same. The first exit is kept. */
+static bool kaq_drop_exception(zend_object **exit) {
+	zend_object *raised = EG(exception);
+	if (!raised) {
+		return false;
+	}
+	EG(exception) = nullptr;
+	if (kaq_is_exit(raised) && !*exit) {
+		*exit = raised;
+		return false;
+	}
+	OBJ_RELEASE(raised);
+	return true;
+}
+
+void kaq_aside_drop(const kaq_aside *aside) {
+	zend_object *exit = nullptr;
+	bool has_run = true;
+	for (int i = 0; has_run && i < KAQ_MAX_DROPS; i++) {
+		has_run = kaq_drop_exception(&exit);
+		has_run |= kaq_drop_handlers(aside);
+	}
+	EG(exception) = exit;
 }
 
 void kaq_aside_begin(kaq_aside *aside) {
-	kaq_put_handlers_aside(aside);
+	kaq_handlers stand_ins;
+	kaq_read_handlers(&aside->handlers);
+	kaq_make_stand_ins(&stand_ins, &aside->handlers); /* the memory limit may end it here */
+	kaq_write_handlers(&stand_ins);
 	aside->has_interrupt = kaq_take_interrupt();
 	aside->exception = EG(exception);
 	aside->previous_exception = EG(prev_exception);
@@ -65,6 +164,13 @@ template <typename Text> static void kaq_put_text_back(Text **slot, void *text) 
 	*slot = (Text *)text;
 }
 
+static void kaq_put_handlers_back(kaq_aside *aside) {
+	kaq_handlers left;
+	kaq_read_handlers(&left);
+	kaq_write_handlers(&aside->handlers);
+	kaq_release_handlers(&left, false);
+}
+
 static void kaq_put_exception_back(kaq_aside *aside) {
 	zend_object *raised = EG(exception);
 	if (raised && kaq_is_exit(raised)) {
@@ -72,10 +178,6 @@ static void kaq_put_exception_back(kaq_aside *aside) {
 			OBJ_RELEASE(aside->exception);
 		}
 		return;
-	}
-	EG(exception) = nullptr;
-	if (raised) {
-		OBJ_RELEASE(raised);
 	}
 	EG(prev_exception) = aside->previous_exception;
 	EG(exception) = aside->exception;

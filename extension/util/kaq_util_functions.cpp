@@ -65,6 +65,7 @@ zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3) {
 	kaq_aside_begin(&aside);
 	zend_try {
 		result = php_call(name, arg1, arg2, arg3);
+		kaq_aside_drop(&aside);
 	}
 	zend_catch {
 		caught = 1;

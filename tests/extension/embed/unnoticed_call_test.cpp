@@ -1,5 +1,5 @@
 /* Calls of PHP functions that the script must not notice. */
-#include "curl_engine.h"
+#include "unnoticed_call.h"
 
 #include <functional>
 #include <thread>
@@ -25,38 +25,13 @@ static void call_and_note(void) {
 	outcome = call_now();
 }
 
-class UnnoticedCall : public EngineTest {
+class UnnoticedCall : public UnnoticedCallTest {
 protected:
 	void SetUp() override {
-		EngineTest::SetUp();
-		start_request();
-		ASSERT_EQ(0, g->control_signal);
-		ASSERT_TRUE(run_php(
-			"error_reporting(E_ALL); $seen = [];"
-			"set_error_handler(function ($type, $text) use (&$seen) { $seen[] = $text; });"
-			"class Bad implements IteratorAggregate {"
-			"  public $how;"
-			"  function __construct($how) { $this->how = $how; }"
-			"  #[ReturnTypeWillChange]\n"
-			"  function getIterator() { $how = $this->how; $how(); return new ArrayIterator([1]); }"
-			"}"));
+		UnnoticedCallTest::SetUp();
 		outcome = "not called";
 		called = "strlen";
 		probe = call_and_note;
-	}
-
-	/* iterator_to_array of an object whose iteration runs this code. */
-	std::string iterate(const std::string &code) {
-		zval object = php_value(("new Bad(function () { " + code + " })").c_str());
-		zval *result = php_call_unnoticed("iterator_to_array", &object, nullptr, nullptr);
-		zval_ptr_dtor(&object);
-		std::string json = result ? take_text(kaq_encode_zval_to_json(result)) : "none";
-		php_zval_free(result);
-		return json;
-	}
-
-	static std::string seen() {
-		return php_json("$seen");
 	}
 };
 
@@ -156,44 +131,6 @@ TEST_F(UnnoticedCall, ErrorThatAHandlerWouldHaveTakenDoesNotEndTheRequest) {
 	EXPECT_FALSE(kaq_in_unnoticed_call());
 	EXPECT_TRUE(run_php("trigger_error('own', E_USER_ERROR);"));
 	EXPECT_EQ("[\"own\"]", seen());
-}
-
-TEST_F(UnnoticedCall, HandlersThatAreSetMeanwhileAreGoneAfterwards) {
-	for (const char *code : {"set_error_handler(function () {});",
-							 "set_error_handler(function () {}); set_error_handler('var_dump');",
-							 "set_error_handler(function () {}); restore_error_handler();"}) {
-		EXPECT_EQ("[1]", iterate(code));
-		EXPECT_TRUE(run_php("$seen = []; echo $undefined['x'];"));
-		EXPECT_NE("[]", seen()) << code;
-		EXPECT_TRUE(run_php("restore_error_handler(); $before = set_error_handler(null);"));
-		EXPECT_EQ("null", php_json("$before")) << code;
-		EXPECT_TRUE(run_php("set_error_handler(function ($type, $text) use (&$seen) {"
-							"$seen[] = $text; });"));
-	}
-}
-
-TEST_F(UnnoticedCall, HandlersThatAreSetMeanwhileAreReleased) {
-	EXPECT_TRUE(run_php("$gone = 0; class Counted { function handle() {}"
-						"  function __destruct() { $GLOBALS['gone']++; } }"));
-	iterate("for ($i = 0; $i < 3; $i++) { set_error_handler([new Counted, 'handle']); }");
-	EXPECT_EQ("3", php_json("$gone"));
-}
-
-TEST_F(UnnoticedCall, HandlersBelowStayWithTheirLevels) {
-	EXPECT_TRUE(run_php("set_error_handler(function () {}, E_USER_WARNING);"));
-	iterate("set_error_handler('trim', E_USER_NOTICE); set_error_handler('trim');");
-	EXPECT_TRUE(run_php("restore_error_handler(); trigger_error('x', E_USER_WARNING);"));
-	EXPECT_EQ("[\"x\"]", seen());
-}
-
-TEST_F(UnnoticedCall, HandlersThatSetOthersWhenTheyGoAreDroppedOnce) {
-	EXPECT_TRUE(run_php("$gone = 0; class Last { function handle() {} function __destruct() {"
-						"  if (++$GLOBALS['gone'] == 1) { set_error_handler('strlen'); } } }"));
-	EXPECT_EQ("[1]", iterate("set_error_handler([new Last, 'handle']);"
-							 "set_error_handler([new Last, 'handle']);"));
-	EXPECT_EQ("2", php_json("$gone"));
-	EXPECT_TRUE(run_php("echo $undefined['x'];"));
-	EXPECT_NE("[]", seen());
 }
 
 TEST_F(UnnoticedCall, FiberCannotBeLeftWithin) {
@@ -314,40 +251,12 @@ static std::string state_after_bailout(const std::function<void()> &call) {
 	return state + (level == EG(error_reporting) ? "" : ", other level");
 }
 
-/* $bad, which the script holds for long enough: a bailout jumps over the release of a value. */
-static zval bad_object(void) {
-	zval object = php_value("$bad");
-	zval_ptr_dtor(&object);
-	return object;
-}
-
-/* PHP 7.0's zend_clear_exception needs a running frame; after a bailout there is none. */
-static void drop_exception(void) {
-	zend_object *pending = EG(exception);
-	EG(exception) = nullptr;
-	if (pending) {
-		OBJ_RELEASE(pending);
-	}
-}
-
 static void die_within(void) {
 	zval object = bad_object();
 	outcome = state_after_bailout(
 		[&] { php_zval_free(php_call_unnoticed("iterator_to_array", &object, nullptr, nullptr)); });
 	zend_bailout();
 }
-
-/* The frames that a bailout unwinds over hold the object for ever. */
-static void make_bad(const char *code) {
-	leak_check_off();
-	EXPECT_TRUE(run_php((std::string("$bad = new Bad(function () { ") + code + " });").c_str()));
-	leak_check_on();
-}
-
-static const char DYING[] = "eval('class Twice { function f() {} function f() {} }');";
-
-static const char DYING_LATER[] =
-	"for ($i = 0; $i < 2; $i++) { eval('if ($i < 2) { function kaq_twice() {} }'); }";
 
 TEST_F(UnnoticedCall, FatalErrorPassesOnWithEverythingPutBackAndIsAFailure) {
 	int failures = 0;

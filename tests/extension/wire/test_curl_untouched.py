@@ -328,6 +328,22 @@ def test_error_that_ends_the_request_in_our_reading_of_the_list_is_told_which_is
     assert run.result.status == 255 and b"Fatal error: deadly" in run.result.stdout, run.result
 
 
+@pytest.mark.parametrize("count", [1, 2, 3])
+def test_handlers_stay_however_many_an_element_restores_while_we_read_it(curl, count):
+    curl.same(PRELUDE + """
+        class Line { public $n = 0; function __toString() {
+            for ($i = 0; $this->n > 0 && $i < %d; $i++) {
+                restore_error_handler(); restore_exception_handler(); }
+            $this->n++; return 'A: 1'; } }
+        set_error_handler(function ($level, $text) { echo "[upper $level $text]\n"; });
+        set_exception_handler(function ($e) { echo '[lower ', $e->getMessage(), ']'; });
+        set_exception_handler(function ($e) { echo '[upper ', $e->getMessage(), ']'; });
+        curl_setopt($ch, CURLOPT_HTTPHEADER, [new Line]); $show($ch); $show($ch);
+        trigger_error('1'); restore_error_handler(); trigger_error('2'); restore_error_handler();
+        trigger_error('3'); restore_exception_handler(); throw new Exception('4');
+    """ % count, *EVERYTHING)
+
+
 def test_iterator_whose_keys_repeat_leaves_the_last_line_of_each_which_is_meant(curl, engine):
     if engine.handles_are_objects:
         pytest.skip("curl refuses one here")
