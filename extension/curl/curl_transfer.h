@@ -5,9 +5,11 @@
 
 #include "spans/kaq_util.h"
 
-/* The value of an engine constant, kept for the thread. `slot` is one of the curlinfo_ fields of
- * the thread's record and points at the value from then on, until request end. Null, and tried
- * again next time, while nothing defines the constant. */
+/* The value of the integer constant `name`, looked up once per thread and kept for its later
+ * requests. `slot` is one of the curlinfo_ fields of the calling thread's record, always the same
+ * one for a name, and holds the result from then on. The value belongs to the record: do not free
+ * or change it, and ask again in each request. Null, and looked up again next time, while no such
+ * constant is defined. */
 zval *kaq_get_cached_constant(zval **slot, const char *name);
 
 /* URL, status, failure and, if they are captured, headers of a curl_exec. */

@@ -45,21 +45,44 @@ kaq_node **kaq_validate_nodes(void);
  * open. */
 void kaq_prune_intermediate_nodes(void);
 
-/* The setters take the function_info of a span. REQUIRES: fi is the one inside a kaq_node.
- * Names are copied; a null name stays null; a component is cut to 15 characters. */
+/*
+ * The setters: what a span tells of its call. In any order, from kaq_create_new_node on for as long
+ * as the span lives. They run no script code.
+ *
+ * REQUIRES: fi is the function_info inside a kaq_node of the calling thread.
+ *
+ * Texts are copied; the copy belongs to the span. A second call replaces what the first has stored,
+ * and frees it. Where memory is short, a field is null, as if nothing had been stored.
+ */
+
+/* Null for a name stores null; a null component leaves the span's as it is, a longer one is cut to
+ * 15 characters. is_external is a METHOD_TYPE. */
 void kaq_copy_function_info(kaq_function *fi, const char *class_name, const char *function_name,
 							const char *component, int is_external);
-/* Null fi is ignored. */
+/* The function's name alone; null stores null. */
+void kaq_update_method_name(kaq_function *fi, const char *name);
+/* One of PRIORITY. A null fi is ignored. */
 void kaq_set_function_priority(kaq_function *fi, int priority);
+
+/* These set the span's ARG_TYPE, the last one called its final one, and touch no text of another
+ * kind. Null leaves a text as it is, but for the host, where null and "" stand for "localhost".
+ * Port 0: not known. */
 void kaq_set_method_dbconnect(kaq_function *fi, const char *host, long port);
 void kaq_set_method_dbname(kaq_function *fi, const char *name);
 void kaq_set_method_dbquery(kaq_function *fi, const char *query);
 void kaq_set_method_url(kaq_function *fi, const char *url);
 void kaq_set_method_none(kaq_function *fi);
+
+/* Marks the span with one of FAIL_TYPE; it may bear both marks and loses none. Other values are
+ * ignored. */
 void kaq_mark_component_failed(kaq_function *fi, int fail_type);
-void kaq_update_method_name(kaq_function *fi, const char *name);
+
+/* The HTTP status of an outgoing call; 0: none. */
 void kaq_set_external_call_status(kaq_function *fi, int code);
-/* An array of header lines; anything else leaves the span untouched. */
+/* Stores header lines, the texts of an array, as a JSON object of name to value, without those that
+ * identify the account. Null or no array leaves the span untouched. The array stays the caller's.
+ * Works on the request allocator, so it may bail out at the memory limit. */
 void kaq_set_external_call_req_headers(kaq_function *fi, zval *header_lines);
-/* A map of name to value; null is ignored. */
+/* Stores a map of name to value as JSON. Null leaves the span untouched. The map stays the
+ * caller's. */
 void kaq_set_external_call_res_headers(kaq_function *fi, zval *headers);

@@ -1,7 +1,7 @@
 /*
- * What a script could see of calls that it did not make, put aside for as long as they take: a
- * pending exception or interrupt, all its error and exception handlers, the error level and the
- * last error.
+ * Keeps from a script what it could see of calls that it did not make. Put aside for as long as
+ * they take are: a pending exception or interrupt, all its error and exception handlers, the error
+ * level and the last error.
  *
  *     kaq_aside aside;
  *     kaq_aside_begin(&aside);
@@ -12,12 +12,14 @@
  *     zend_catch ... zend_end_try();
  *     kaq_aside_end(&aside);
  *
- * The record is the caller's, on its stack, and owns what has been put aside until it ends. Records
- * nest: the one begun last ends first, on the same thread. Between begin and end no fiber can be
- * switched, as its code would go on with all that put aside.
+ * In between, an error that the script's handlers might have taken is taken in silence, and others
+ * go unreported unless they end the request. Script code that the calls run may set and restore
+ * handlers and throw as it likes. It cannot switch fibers: another one would go on with all that
+ * put aside.
  *
- * An error that the script's handlers might have taken is taken in silence; one that ends the
- * request is reported and ends it. The calls may set, restore and throw what they like.
+ * Ownership: the record lives on the caller's stack and from begin to end owns what was put aside;
+ * nothing has to be freed. Threads: a record belongs to the thread that began it. Records nest, and
+ * the one begun last ends first.
  */
 #pragma once
 
@@ -40,26 +42,27 @@ typedef struct {
 	void *last_error_message, *last_error_file;
 } kaq_aside;
 
-/* Puts all that aside. May bail out of memory, and has changed nothing then. Must be followed by
- * kaq_aside_end, also after a bailout. */
+/* Puts all that aside. If it bails out, which it may at the memory limit, it has changed nothing;
+ * otherwise kaq_aside_end has to follow, also after a bailout of the calls. */
 void kaq_aside_begin(kaq_aside *aside);
 
-/* Releases what the calls have left: handlers, and the pending exception unless it is an exit.
- * Destructors may run, and whatever they leave is released in the same way, so it may bail out:
- * call it where the calls' own bailouts are caught. Needed only if the calls returned. */
+/* Releases what the calls have left: handlers that they set, and a pending exception unless it is
+ * an exit. That may run destructors, whose own leavings are released in the same way, and may bail
+ * out. Call it once the calls have returned, where their bailouts are caught, and from within a
+ * call of the script's: outside any, the engine ends the request at a destructor's exception. */
 void kaq_aside_drop(const kaq_aside *aside);
 
-/* Puts everything back as it was. An exit that the calls have begun stays pending, and an exception
- * that was put aside is released for it. What kaq_aside_drop has not released, because of a
- * bailout, is left to the end of the request. */
+/* Puts everything back as it was. Only an exit that the calls have begun stays pending; the
+ * exception that was put aside is released then. What a bailout has kept kaq_aside_drop from
+ * releasing is left to the end of the request. */
 void kaq_aside_end(kaq_aside *aside);
 
 /* How many records the thread has begun and not ended. Private to the function below and to
  * kaq_aside.cpp. */
 extern __thread int kaq_asides __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
-/* Whether the calling thread is between a begin and its end, and so what happens is not the
- * script's doing. */
+/* Whether the calling thread is between a begin and its end: what happens now, the script has not
+ * asked for. */
 static inline bool kaq_in_unnoticed_call(void) {
 	return kaq_asides > 0;
 }

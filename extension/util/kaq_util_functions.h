@@ -2,7 +2,11 @@
  * Access to the engine's values and functions, shared by all rooms.
  *
  * A zval pointer that a function here returns as new is a container on the request allocator; the
- * caller gives it back with php_zval_free(), which releases the value too.
+ * caller gives it back with php_zval_free(), which releases the value too, before the request ends.
+ *
+ * Threads: everything here works on the calling thread's engine. REQUIRES: the thread has been
+ * bound (kaq_bind_thread) and serves a request. What allocates may bail out at the script's memory
+ * limit.
  */
 #pragma once
 
@@ -10,24 +14,47 @@
 
 #define KAQ_MAX_CALL_ARGS 3
 
+/* A new container that holds the value null; never a null pointer. */
 zval *php_zval_alloc(void);
+/* A new empty array. */
 zval *kaq_new_array(void);
-/* Null is ignored. */
+/* Releases the value and frees its container. A destructor may run if it holds the last reference
+ * to an object. Null is ignored. */
 void php_zval_free(zval *value);
-/* Frees *slot if set, and nulls it. */
+/* php_zval_free of *slot, which is null before the value is released. */
 void kaq_zval_release(zval **slot);
 
-/* Calls the PHP function `name` with up to KAQ_MAX_CALL_ARGS arguments. A new value, or null when
- * no such function can be called or the call failed. No warning reaches the script for a missing
- * or disabled function. */
-zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3);
+/*
+ * Calls the PHP function `name`, given in lower case, with `count` arguments, and returns its
+ * result as a new value. Only an internal function is found that scripts could call themselves: for
+ * one that is missing, disabled or a script's own the result is null and nobody is told.
+ *
+ * The arguments stay the caller's; the function gets copies, so it must not want references.
+ *
+ * The script notices the call as if it had made it: what the function runs of its code (callbacks,
+ * __toString, iterators) runs, errors go to its handlers, and an exception stays pending, with null
+ * as the result. While an exception is pending nothing is called and the result is null. A bailout
+ * in the function passes through here.
+ */
 zval *php_call_user_func(const char *name, uint32_t count, zval *args);
 
-/* php_call of which the script notices nothing: no warning, no error handler, no exception, also
- * while one is pending. A bailout on the way goes on once everything is back in place. */
+/* The same with up to KAQ_MAX_CALL_ARGS arguments; the first null ends them. */
+zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3);
+
+/*
+ * php_call of which the script notices nothing but what its own code does meanwhile: whatever could
+ * show is put aside, as util/kaq_aside.h says, and put back. So it also works while an exception is
+ * pending, which is still the one pending afterwards. What the call throws is dropped, and the
+ * result is null then.
+ *
+ * What ends the request is not held up: a bailout passes through here once everything is back in
+ * place, and an exit is pending afterwards where exits are exceptions.
+ */
 zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3);
 
-/* The value of an engine constant, or null when nothing defines it. Belongs to the engine. */
+/* The value of the constant of that name, which may have any type: a script can define one that no
+ * extension does. Null when nothing defines it. Belongs to the engine and is valid until request
+ * end. Runs no script code. */
 zval *php_get_constant(const char *name);
 
 /* Null-safe. A string, an array or a curl handle is valid when it is one; a value is true as the
