@@ -68,24 +68,8 @@ bool kaq_is_call(const zend_op *op) {
 		   op->opcode == ZEND_DO_FCALL_BY_NAME;
 }
 
-bool kaq_passes_variable(const zend_op *send) {
-	return kaq_is_send(send) && send->op1_type == IS_CV;
-}
-
-bool kaq_passes_element(const zend_op *send) {
-	const zend_op *fetch = send - 1;
-	return kaq_is_send(send) && fetch->op1_type == IS_CV && send->op1.var == fetch->result.var &&
-		   send->op1_type == fetch->result_type &&
-		   (fetch->opcode == ZEND_FETCH_DIM_R || fetch->opcode == ZEND_FETCH_DIM_FUNC_ARG);
-}
-
-bool kaq_is_rewritable(const zend_string *text) {
-#if PHP_VERSION_ID < 70300
-	uint32_t flags = GC_FLAGS(text);
-	return !ZSTR_IS_INTERNED(text) && !(flags & IS_STR_PERSISTENT);
-#else
-	return !ZSTR_IS_INTERNED(text) && !(GC_FLAGS(text) & (IS_STR_PERSISTENT | GC_IMMUTABLE));
-#endif
+bool kaq_passes_variable(const zend_op *op) {
+	return kaq_is_send(op) && op->op1_type == IS_CV;
 }
 
 /* Later engines take a disabled function out of the table. */

@@ -88,13 +88,9 @@ zend_object *kaq_thrown_object(kaq_thrown *exception);
  * exceptions. Such an object has nothing to read. */
 bool kaq_is_exit(const zend_object *exception);
 
-/* Whether an instruction calls a function; whether one passes a compiled variable by value, or what
- * the one before it has read from an array in such a variable; and whether a text may be changed in
- * place as far as its memory goes. */
+/* Whether an instruction calls a function; whether one passes a compiled variable by value. */
 bool kaq_is_call(const zend_op *op);
-bool kaq_passes_variable(const zend_op *send);
-bool kaq_passes_element(const zend_op *send);
-bool kaq_is_rewritable(const zend_string *text);
+bool kaq_passes_variable(const zend_op *op);
 
 typedef void (*kaq_error_cb_t)(KAQ_ERROR_CB_PARAMS);
 typedef void (*kaq_throw_hook_t)(kaq_thrown *exception);
