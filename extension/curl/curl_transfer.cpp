@@ -8,43 +8,37 @@
 
 #define KAQ_LAST_GOOD_STATUS 399
 
-static zval *kaq_known_constant(zend_kaq_globals *g, zval **slot) {
-	zval **slots[KAQ_CURLINFO_CONSTANTS] = {&g->curlinfo_effective_url, &g->curlinfo_http_code,
-											&g->curlinfo_total_time};
-	int index = 0;
-	while (slots[index] != slot) {
-		index++;
-	}
-	return &g->curlinfo_known[index];
-}
-
 zval *kaq_get_cached_constant(zval **slot, const char *name) {
 	if (*slot) {
 		return *slot;
 	}
-	zval *known = kaq_known_constant(kaq_get_globals(), slot);
-	if (Z_TYPE_P(known) == IS_UNDEF) {
-		const zval *constant = php_get_constant(name);
-		if (!php_is_zval_valid_integer(constant)) {
-			return nullptr;
-		}
-		ZVAL_COPY_VALUE(known, constant);
+	const zval *constant = php_get_constant(name);
+	if (!php_is_zval_valid_integer(constant)) {
+		return nullptr;
 	}
 	*slot = php_zval_alloc();
-	ZVAL_COPY_VALUE(*slot, known);
+	ZVAL_COPY_VALUE(*slot, constant);
 	return *slot;
 }
 
-static zval *kaq_effective_url_constant(zend_kaq_globals *g) {
-	return kaq_get_cached_constant(&g->curlinfo_effective_url, "CURLINFO_EFFECTIVE_URL");
-}
-
-static zval *kaq_http_code_constant(zend_kaq_globals *g) {
-	return kaq_get_cached_constant(&g->curlinfo_http_code, "CURLINFO_HTTP_CODE");
-}
-
-static zval *kaq_total_time_constant(zend_kaq_globals *g) {
-	return kaq_get_cached_constant(&g->curlinfo_total_time, "CURLINFO_TOTAL_TIME");
+zval *kaq_get_curlinfo_constant(kaq_curlinfo info) {
+	static const struct {
+		zval *zend_kaq_globals::*slot;
+		const char *name;
+	} constants[KAQ_CURLINFO_CONSTANTS] = {
+		{&zend_kaq_globals::curlinfo_effective_url, "CURLINFO_EFFECTIVE_URL"},
+		{&zend_kaq_globals::curlinfo_http_code, "CURLINFO_HTTP_CODE"},
+		{&zend_kaq_globals::curlinfo_total_time, "CURLINFO_TOTAL_TIME"}};
+	zend_kaq_globals *g = kaq_get_globals();
+	zval **slot = &(g->*constants[info].slot);
+	zval *known = &g->curlinfo_known[info];
+	if (!*slot && Z_TYPE_P(known) != IS_UNDEF) {
+		*slot = php_zval_alloc();
+		ZVAL_COPY_VALUE(*slot, known);
+	} else if (kaq_get_cached_constant(slot, constants[info].name)) {
+		ZVAL_COPY_VALUE(known, *slot);
+	}
+	return *slot;
 }
 
 /* Asks curl; false if it cannot be asked, as of a handle that has been closed. The function neither
@@ -66,7 +60,7 @@ static bool kaq_ask(zval *handle, const zval *info, zval *answer) {
 
 static void kaq_describe_url(kaq_function *fi, zval *handle) {
 	zval url;
-	if (kaq_ask(handle, kaq_effective_url_constant(kaq_get_globals()), &url)) {
+	if (kaq_ask(handle, kaq_get_curlinfo_constant(KAQ_CURLINFO_EFFECTIVE_URL), &url)) {
 		if (php_is_zval_non_empty_string(&url)) {
 			kaq_set_method_url(fi, Z_STRVAL(url));
 		}
@@ -94,7 +88,7 @@ static void kaq_describe_headers(kaq_function *fi, const zval *handle, zval *req
 void kaq_describe_blocking_transfer(kaq_function *fi, zval *handle, zval *request_headers) {
 	kaq_describe_headers(fi, handle, request_headers);
 	kaq_describe_url(fi, handle);
-	zval *info = kaq_http_code_constant(kaq_get_globals());
+	zval *info = kaq_get_curlinfo_constant(KAQ_CURLINFO_HTTP_CODE);
 	if (!info) {
 		return;
 	}
@@ -119,7 +113,7 @@ static zend_long kaq_transfer_status(zval *easy, const zval *info) {
 
 static uint64_t kaq_transfer_start(zval *easy, uint64_t now_ms) {
 	zval seconds = {};
-	kaq_ask(easy, kaq_total_time_constant(kaq_get_globals()), &seconds);
+	kaq_ask(easy, kaq_get_curlinfo_constant(KAQ_CURLINFO_TOTAL_TIME), &seconds);
 	uint64_t start = now_ms;
 	if (Z_TYPE(seconds) == IS_DOUBLE) {
 		uint64_t duration = (uint64_t)(Z_DVAL(seconds) * 1000.0);
@@ -160,7 +154,7 @@ static void kaq_report_transfer(kaq_node *parent, zval *easy, zend_long status, 
 void kaq_report_transfers(kaq_node *parent, zend_long multi_id) {
 	zend_kaq_globals *g = kaq_get_globals();
 	zval *children = kaq_curl_multi_get_children(multi_id);
-	zval *info = kaq_http_code_constant(g);
+	zval *info = kaq_get_curlinfo_constant(KAQ_CURLINFO_HTTP_CODE);
 	if (!php_is_zval_valid_array(children) || !info) {
 		return;
 	}

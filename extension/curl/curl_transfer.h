@@ -4,13 +4,16 @@
 #pragma once
 
 #include "spans/kaq_util.h"
+#include "state/php_kaq.h"
 
-/* The value of the integer constant `name`, looked up once per thread and kept for its later
- * requests. `slot` is one of the curlinfo_ fields of the calling thread's record, always the same
- * one for a name, and holds the result from then on. The value belongs to the record: do not free
- * or change it, and ask again in each request. Null, and looked up again next time, while no such
- * constant is defined. */
+/* The value of the integer constant `name`. `slot` points at it from then on and owns it: do not
+ * free or change what is returned. Null, and looked up again next time, while no such constant is
+ * defined. */
 zval *kaq_get_cached_constant(zval **slot, const char *name);
+
+/* One of curl's in its field of the thread's record, until request end; looked up once per
+ * thread. */
+zval *kaq_get_curlinfo_constant(kaq_curlinfo info);
 
 /* URL, status, failure and, if they are captured, headers of a curl_exec. */
 void kaq_describe_blocking_transfer(kaq_function *fi, zval *handle, zval *request_headers);

@@ -24,9 +24,16 @@
 #define KAQ_QUERY_BUFFER_SIZE 12800
 #define KAQ_TRACE_ID_LENGTH 32
 #define KAQ_EXCEPTION_SLOTS 10
-#define KAQ_CURLINFO_CONSTANTS 3
 
 enum TRANSACTION_TYPE { BCKGRND = 0, WEB = 1 };
+
+/* The constants by which curl is asked about a transfer. */
+enum kaq_curlinfo {
+	KAQ_CURLINFO_EFFECTIVE_URL,
+	KAQ_CURLINFO_HTTP_CODE,
+	KAQ_CURLINFO_TOTAL_TIME,
+	KAQ_CURLINFO_CONSTANTS
+};
 
 /* An exception class and how often it was thrown; the name belongs to the engine's class. */
 typedef struct kaq_exception_info {
@@ -108,7 +115,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	zval *curl_multi_reported_store;
 	zval *curl_multi_spanid_store;
 	zval *curlinfo_effective_url, *curlinfo_http_code, *curlinfo_total_time;
-	zval curlinfo_known[KAQ_CURLINFO_CONSTANTS]; /* the same, once found by this thread */
+	zval curlinfo_known[KAQ_CURLINFO_CONSTANTS]; /* their values, once found by this thread */
 	HashTable live_curl_handles;                 /* a watch on the handles in the stores */
 	zval *app_param_avg_zv, *app_param_sum_zv, *custom_params_zv;
 	kaq_node *current_node;     /* innermost open span */

@@ -302,13 +302,15 @@ TEST_F(TraceHeaders, NameIsNeverPresentInWhatIsNoText) {
 class CurlConstants : public TraceHeaders {
 protected:
 	struct Slot {
+		kaq_curlinfo info;
 		zval *zend_kaq_globals::*field;
 		const char *name;
 	};
 	const std::vector<Slot> slots = {
-		{&zend_kaq_globals::curlinfo_effective_url, "CURLINFO_EFFECTIVE_URL"},
-		{&zend_kaq_globals::curlinfo_http_code, "CURLINFO_HTTP_CODE"},
-		{&zend_kaq_globals::curlinfo_total_time, "CURLINFO_TOTAL_TIME"}};
+		{KAQ_CURLINFO_EFFECTIVE_URL, &zend_kaq_globals::curlinfo_effective_url,
+		 "CURLINFO_EFFECTIVE_URL"},
+		{KAQ_CURLINFO_HTTP_CODE, &zend_kaq_globals::curlinfo_http_code, "CURLINFO_HTTP_CODE"},
+		{KAQ_CURLINFO_TOTAL_TIME, &zend_kaq_globals::curlinfo_total_time, "CURLINFO_TOTAL_TIME"}};
 
 	/* As on a thread that has not yet looked anything up. */
 	void SetUp() override {
@@ -331,11 +333,11 @@ TEST_F(CurlConstants, MissingOneIsNullAndTriedAgain) {
 		{
 			WithoutConstant missing(slot.name);
 			for (int i = 0; i < 2; i++) {
-				EXPECT_EQ(nullptr, kaq_get_cached_constant(kept, slot.name)) << slot.name;
+				EXPECT_EQ(nullptr, kaq_get_curlinfo_constant(slot.info)) << slot.name;
 				EXPECT_EQ(nullptr, *kept);
 			}
 		}
-		zval *value = kaq_get_cached_constant(kept, slot.name);
+		zval *value = kaq_get_curlinfo_constant(slot.info);
 		ASSERT_NE(nullptr, value) << slot.name;
 		EXPECT_EQ(value, *kept);
 		Value expected(slot.name);
@@ -345,9 +347,10 @@ TEST_F(CurlConstants, MissingOneIsNullAndTriedAgain) {
 
 TEST_F(CurlConstants, IsLookedUpOncePerThread) {
 	for (const Slot &slot : slots) {
-		zval *first = kaq_get_cached_constant(&(g->*slot.field), slot.name);
+		zval *first = kaq_get_curlinfo_constant(slot.info);
 		WithoutConstant missing(slot.name);
-		EXPECT_EQ(first, kaq_get_cached_constant(&(g->*slot.field), slot.name));
+		EXPECT_EQ(first, g->*slot.field);
+		EXPECT_EQ(first, kaq_get_curlinfo_constant(slot.info));
 		EXPECT_NE(nullptr, first);
 	}
 	std::vector<std::string> values;
@@ -359,8 +362,7 @@ TEST_F(CurlConstants, IsLookedUpOncePerThread) {
 	for (size_t i = 0; i < slots.size(); i++) {
 		EXPECT_EQ(nullptr, g->*slots[i].field) << slots[i].name;
 		WithoutConstant missing(slots[i].name);
-		EXPECT_EQ(values[i],
-				  json_of(kaq_get_cached_constant(&(g->*slots[i].field), slots[i].name)));
+		EXPECT_EQ(values[i], json_of(kaq_get_curlinfo_constant(slots[i].info)));
 	}
 }
 
@@ -368,7 +370,20 @@ TEST_F(CurlConstants, OneThatIsNoIntegerCountsAsMissing) {
 	ASSERT_TRUE(run_php("define('KAQ_TEST_TEXT', 'text');"));
 	EXPECT_EQ(nullptr, kaq_get_cached_constant(&g->curlinfo_http_code, "KAQ_TEST_TEXT"));
 	EXPECT_EQ(nullptr, g->curlinfo_http_code);
-	EXPECT_EQ(IS_UNDEF, Z_TYPE(g->curlinfo_known[1]));
+	WithoutConstant missing("CURLINFO_HTTP_CODE");
+	EXPECT_EQ(nullptr, kaq_get_curlinfo_constant(KAQ_CURLINFO_HTTP_CODE));
+}
+
+TEST_F(CurlConstants, AnySlotKeepsTheConstantItWasFirstAskedFor) {
+	for (const char *name : {"PHP_INT_SIZE", "PHP_VERSION_ID"}) {
+		zval *slot = nullptr;
+		zval *value = kaq_get_cached_constant(&slot, name);
+		EXPECT_EQ(slot, value);
+		Value expected(name);
+		EXPECT_EQ(json_of(expected), json_of(value));
+		EXPECT_EQ(value, kaq_get_cached_constant(&slot, "PHP_INT_MAX"));
+		php_zval_free(slot);
+	}
 }
 
 TEST_F(CurlConstants, RequestsThatUseThemLeaveNothingBehind) {
@@ -376,7 +391,7 @@ TEST_F(CurlConstants, RequestsThatUseThemLeaveNothingBehind) {
 	node = nullptr;
 	EXPECT_FALSE(leaks([this] {
 		for (const Slot &slot : slots) {
-			kaq_get_cached_constant(&(g->*slot.field), slot.name);
+			kaq_get_curlinfo_constant(slot.info);
 		}
 		start_again();
 	}));
