@@ -25,20 +25,7 @@ static void kaq_append_text(smart_str *out, const char (&key)[size], const char 
 	}
 }
 
-/* Names longer than this together are appended piece by piece. */
-#define KAQ_USUAL_NAME_LENGTH 1024
-
-static void kaq_append_long_name(smart_str *out, const kaq_function *fi) {
-	kaq_buf_literal(out, ",\"fn\":\"");
-	kaq_append_as_json_compatible_string(out, fi->class_name);
-	if (fi->class_name) {
-		kaq_buf_literal(out, "::");
-	}
-	kaq_append_as_json_compatible_string(out, fi->function_name);
-	kaq_buf_literal(out, "\"");
-}
-
-/* Names that stand in the span's record, and so may be read in blocks. */
+/* Names that stand in the span's record, as short ones do, may be read in blocks. */
 static void kaq_append_stored_name(smart_str *out, const kaq_function *fi) {
 	char *end = kaq_buf_reserve(out, 32 + KAQ_JSON_ESCAPE_MAX(KAQ_NAME_STORE_SIZE));
 	end = kaq_put_literal(end, ",\"fn\":\"");
@@ -51,6 +38,16 @@ static void kaq_append_stored_name(smart_str *out, const kaq_function *fi) {
 	kaq_buf_commit(out, end);
 }
 
+static void kaq_append_unstored_name(smart_str *out, const kaq_function *fi) {
+	kaq_buf_literal(out, ",\"fn\":\"");
+	if (fi->class_name) {
+		kaq_append_as_json_compatible_string(out, fi->class_name);
+		kaq_buf_literal(out, "::");
+	}
+	kaq_append_as_json_compatible_string(out, fi->function_name);
+	kaq_buf_literal(out, "\"");
+}
+
 static void kaq_append_function_name(smart_str *out, const kaq_node *node) {
 	const kaq_function *fi = &node->data.function_info;
 	if (!fi->function_name) {
@@ -58,23 +55,9 @@ static void kaq_append_function_name(smart_str *out, const kaq_node *node) {
 	}
 	if (kaq_is_stored_name(node, fi->function_name) && kaq_is_stored_name(node, fi->class_name)) {
 		kaq_append_stored_name(out, fi);
-		return;
+	} else {
+		kaq_append_unstored_name(out, fi);
 	}
-	size_t class_length = fi->class_name ? strlen(fi->class_name) : 0;
-	size_t length = strlen(fi->function_name);
-	if (class_length + length > KAQ_USUAL_NAME_LENGTH) {
-		kaq_append_long_name(out, fi);
-		return;
-	}
-	char *end = kaq_buf_reserve(out, 16 + KAQ_JSON_ESCAPE_MAX(class_length + length));
-	end = kaq_put_literal(end, ",\"fn\":\"");
-	if (fi->class_name) {
-		end += kaq_json_escape(end, fi->class_name, class_length);
-		end = kaq_put_literal(end, "::");
-	}
-	end += kaq_json_escape(end, fi->function_name, length);
-	*end++ = '"';
-	kaq_buf_commit(out, end);
 }
 
 static void kaq_append_arg_data(smart_str *out, const struct _arg_data *arg) {

@@ -91,6 +91,17 @@ TEST_F(SpanMembers, EmptyFunctionNameIsWritten) {
 	EXPECT_EQ(",\"fn\":\"\"", rest());
 }
 
+TEST_F(SpanMembers, LongNamesAreWrittenAsShortOnesAre) {
+	for (size_t length : {30u, 36u, 37u, 70u, 1100u, 9000u}) {
+		const std::string text = std::string(length, 'n') + "\"" + std::string(length, 'm');
+		const std::string escaped = std::string(length, 'n') + "\\\"" + std::string(length, 'm');
+		kaq_copy_function_info(fi, nullptr, text.c_str(), nullptr, 0);
+		EXPECT_EQ(",\"fn\":\"" + escaped + "\"", rest());
+		kaq_copy_function_info(fi, text.c_str(), "\"", nullptr, 0);
+		EXPECT_EQ(",\"fn\":\"" + escaped + "::\\\"\"", rest());
+	}
+}
+
 TEST_F(SpanMembers, ComponentStandsWhenNotEmpty) {
 	kaq_copy_function_info(fi, nullptr, nullptr, "My/SQL", 0);
 	EXPECT_EQ(",\"cn\":\"My\\/SQL\"", rest());
