@@ -1,12 +1,13 @@
 #include "calls/arguments.h"
 
 #include "util/engine_access.h"
+#include "util/kaq_assert.h"
 
 #include <string.h>
 
-#define KAQ_MAX_LETTERS 32
-/* An argument takes up to three output pointers. */
-#define KAQ_MAX_OUTPUTS 24
+/* A letter of a layout takes up to two outputs, and may get a mark. */
+#define KAQ_MAX_OUTPUTS (2 * KAQ_LAYOUT_LENGTH)
+#define KAQ_MAX_LETTERS (2 * KAQ_LAYOUT_LENGTH + 1)
 
 /* A layout as the engine's parser takes it, and where its outputs go. */
 typedef struct {
@@ -14,8 +15,8 @@ typedef struct {
 	void *output[KAQ_MAX_OUTPUTS];
 	int outputs;
 	int texts, numbers, values;
-	bool is_handle[KAQ_MAX_ARGUMENTS];
-	zval *number[KAQ_MAX_ARGUMENTS];
+	bool is_handle[KAQ_LAYOUT_LENGTH];
+	zval *number[KAQ_LAYOUT_LENGTH];
 	bool by_engine; /* numbers are read by the engine's parser, with its messages */
 	zend_bool flag; /* boolean arguments and "is null" marks, which nobody reads */
 	int ignored_count;
@@ -43,9 +44,9 @@ static char kaq_add_number(kaq_reading *reading, kaq_arguments *arguments) {
 	return 'z';
 }
 
-/* Adds one letter of a layout; returns what the parser is to be given for it. A handle is read as a
- * value and checked afterwards, since later engines have objects where earlier ones had
- * resources. */
+/* Adds one letter of a layout; returns what the parser is to be given for it, and a NUL for a
+ * letter that is not known. A handle is read as a value and checked afterwards, since later engines
+ * have objects where earlier ones had resources. */
 static char kaq_add_letter(kaq_reading *reading, kaq_arguments *arguments, char letter) {
 	switch (letter) {
 	case 's':
@@ -70,8 +71,12 @@ static char kaq_add_letter(kaq_reading *reading, kaq_arguments *arguments, char 
 	case 'o':
 	case 'z':
 		return kaq_add_value(reading, arguments, letter);
-	default:
+	case '|':
+	case '!':
+	case '/':
 		return letter;
+	default:
+		return '\0';
 	}
 }
 
@@ -92,16 +97,26 @@ static bool kaq_add_null_mark(kaq_reading *reading, char letter, char next) {
 	return true;
 }
 
-static void kaq_read_layout(kaq_reading *reading, kaq_arguments *arguments, const char *layout,
-							size_t length) {
+static bool kaq_read_layout(kaq_reading *reading, kaq_arguments *arguments,
+							const kaq_layout *layout) {
+	if (layout->length > KAQ_LAYOUT_LENGTH) {
+		return false;
+	}
 	char *out = reading->letters;
-	for (size_t i = 0; i < length; i++) {
-		*out++ = kaq_add_letter(reading, arguments, layout[i]);
-		if (kaq_add_null_mark(reading, layout[i], i + 1 < length ? layout[i + 1] : '\0')) {
+	for (size_t i = 0; i < layout->length; i++) {
+		char next = layout->letters[i + 1];
+		KAQ_REQUIRES(kaq_may_stand_before(layout->letters[i], next));
+		char letter = kaq_add_letter(reading, arguments, layout->letters[i]);
+		if (!letter) {
+			return false;
+		}
+		*out++ = letter;
+		if (kaq_add_null_mark(reading, letter, next)) {
 			*out++ = '!';
 		}
 	}
 	*out = '\0';
+	return true;
 }
 
 static bool kaq_handles_fit(const kaq_reading *reading, const kaq_arguments *arguments) {
@@ -193,45 +208,37 @@ static void kaq_fill_null_texts(const kaq_reading *reading, kaq_arguments *argum
 	}
 }
 
-/* One of several layouts: its letters, and how many arguments it is given. */
-typedef struct {
-	const char *letters;
-	size_t length;
-	uint32_t count;
-	bool applies;
-} kaq_choice;
-
-static bool kaq_try_layout(const kaq_choice *choice, int flags, kaq_arguments *arguments) {
+static bool kaq_try_layout(const kaq_layout *layout, uint32_t count, int flags,
+						   kaq_arguments *arguments) {
 	kaq_reading reading;
 	memset(&reading, 0, sizeof(reading));
 	memset(arguments, 0, sizeof(*arguments));
 	reading.by_engine = flags != ZEND_PARSE_PARAMS_QUIET;
-	kaq_read_layout(&reading, arguments, choice->letters, choice->length);
+	if (!kaq_read_layout(&reading, arguments, layout)) {
+		return false;
+	}
 	void **o = reading.output;
-	int status = zend_parse_parameters_ex(flags, (int)choice->count, reading.letters, o[0], o[1],
-										  o[2], o[3], o[4], o[5], o[6], o[7], o[8], o[9], o[10],
-										  o[11], o[12], o[13], o[14], o[15], o[16], o[17], o[18],
-										  o[19], o[20], o[21], o[22], o[23]);
+	static_assert(KAQ_MAX_OUTPUTS == 22, "the call below passes every output");
+	int status = zend_parse_parameters_ex(
+		flags, (int)count, reading.letters, o[0], o[1], o[2], o[3], o[4], o[5], o[6], o[7], o[8],
+		o[9], o[10], o[11], o[12], o[13], o[14], o[15], o[16], o[17], o[18], o[19], o[20], o[21]);
 	if (status != SUCCESS || !kaq_handles_fit(&reading, arguments) ||
 		!kaq_read_numbers(&reading, arguments)) {
 		return false;
 	}
-	kaq_fill_null_texts(&reading, arguments, choice->count);
+	kaq_fill_null_texts(&reading, arguments, count);
 	return true;
 }
 
-/* Takes the next layout off the list. */
-static kaq_choice kaq_next_layout(const char **layouts, uint32_t passed) {
-	size_t length = strcspn(*layouts, ";");
-	kaq_choice choice = {*layouts, length, passed, true};
-	if (length >= 2 && strchr(":!", choice.letters[1])) {
-		choice.count = (uint32_t)(choice.letters[0] - '0');
-		choice.applies = choice.letters[1] == ':' ? passed == choice.count : passed >= choice.count;
-		choice.letters += 2;
-		choice.length -= 2;
-	}
-	*layouts += length + ((*layouts)[length] == ';');
-	return choice;
+/* Whether a layout is meant for a call with so many arguments. */
+static bool kaq_applies(const kaq_layout *layout, uint32_t passed) {
+	return layout->condition == '\0' || passed == layout->count ||
+		   (layout->condition == '!' && passed > layout->count);
+}
+
+/* How many arguments the layout is given. */
+static uint32_t kaq_given(const kaq_layout *layout, uint32_t passed) {
+	return layout->condition ? layout->count : passed;
 }
 
 int kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, int warn,
@@ -239,14 +246,15 @@ int kaq_parse_arguments(const zend_execute_data *execute_data, const char *layou
 	uint32_t passed = ZEND_CALL_NUM_ARGS(execute_data);
 	const char *rest = layouts;
 	while (*rest) {
-		kaq_choice choice = kaq_next_layout(&rest, passed);
-		if (choice.applies && kaq_try_layout(&choice, ZEND_PARSE_PARAMS_QUIET, arguments)) {
+		const kaq_layout layout = kaq_take_layout(&rest);
+		if (kaq_applies(&layout, passed) && kaq_try_layout(&layout, kaq_given(&layout, passed),
+														   ZEND_PARSE_PARAMS_QUIET, arguments)) {
 			return 1;
 		}
 	}
 	if (warn && !KAQ_PARSE_FAILURES_THROW && !kaq_caller_is_strict()) {
-		kaq_choice first = kaq_next_layout(&layouts, passed);
-		kaq_try_layout(&first, 0, arguments);
+		const kaq_layout first = kaq_take_layout(&layouts);
+		kaq_try_layout(&first, kaq_given(&first, passed), 0, arguments);
 	}
 	memset(arguments, 0, sizeof(*arguments));
 	return 0;

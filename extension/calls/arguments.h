@@ -9,20 +9,85 @@
 
 #include "util/engine_compat.h"
 
-#define KAQ_MAX_ARGUMENTS 9
+/* A layout, without the condition before it, is no longer. Every letter of it takes at most one
+ * place of a kind below and two outputs of the parser. */
+#define KAQ_LAYOUT_LENGTH 11
 
 /* What a layout found, by kind and in order. Strings that were not passed are null, numbers 0. The
  * texts belong to the call's arguments. */
 typedef struct {
-	char *text[KAQ_MAX_ARGUMENTS];
-	size_t text_length[KAQ_MAX_ARGUMENTS];
-	zend_long number[KAQ_MAX_ARGUMENTS];
-	zval *value[KAQ_MAX_ARGUMENTS];
+	char *text[KAQ_LAYOUT_LENGTH];
+	size_t text_length[KAQ_LAYOUT_LENGTH];
+	zend_long number[KAQ_LAYOUT_LENGTH];
+	zval *value[KAQ_LAYOUT_LENGTH];
 } kaq_arguments;
 
-/* Tries the layouts in order. With `warn` the engine reports, once, what does not
- * fit the first of them, where such a report is a warning and not an exception. Returns 1 when one
- * fitted; otherwise everything reads as not passed. REQUIRES: the wrapped function is the running
- * frame. */
+/* One layout of a list. */
+typedef struct {
+	const char *letters;
+	size_t length;
+	char condition; /* ':' exactly `count` arguments, '!' at least so many, '\0' none */
+	uint32_t count;
+} kaq_layout;
+
+/* Whether a text begins with a condition, as "2:" and "1!" are. */
+constexpr bool kaq_is_condition(const char *text) {
+	return text[0] >= '0' && text[0] <= '9' && (text[1] == ':' || text[1] == '!');
+}
+
+/* Takes the first layout off a list. */
+constexpr kaq_layout kaq_take_layout(const char **layouts) {
+	kaq_layout layout = {*layouts, 0, '\0', 0};
+	if (kaq_is_condition(layout.letters)) {
+		layout.count = (uint32_t)(layout.letters[0] - '0');
+		layout.condition = layout.letters[1];
+		layout.letters += 2;
+	}
+	while (layout.letters[layout.length] && layout.letters[layout.length] != ';') {
+		layout.length++;
+	}
+	*layouts = layout.letters + layout.length + (layout.letters[layout.length] == ';');
+	return layout;
+}
+
+/* "l!" and "b!" would give the parser an output that nobody keeps. */
+constexpr bool kaq_may_stand_before(char letter, char next) {
+	return next != '!' || (letter != 'l' && letter != 'b');
+}
+
+constexpr bool kaq_is_known_letter(char letter) {
+	for (const char *known = "slbOraoz+|!/"; *known; known++) {
+		if (*known == letter) {
+			return true;
+		}
+	}
+	return false;
+}
+
+constexpr bool kaq_is_readable(const kaq_layout *layout) {
+	for (size_t i = 0; i < layout->length; i++) {
+		if (!kaq_is_known_letter(layout->letters[i]) ||
+			!kaq_may_stand_before(layout->letters[i], layout->letters[i + 1])) {
+			return false;
+		}
+	}
+	return layout->length <= KAQ_LAYOUT_LENGTH;
+}
+
+/* Whether every layout of a list can be read: for the compiler. */
+constexpr bool kaq_are_readable(const char *layouts) {
+	while (*layouts) {
+		const kaq_layout layout = kaq_take_layout(&layouts);
+		if (!kaq_is_readable(&layout)) {
+			return false;
+		}
+	}
+	return true;
+}
+
+/* Tries the layouts in order. One that is too long or has an unknown letter fits nothing. With
+ * `warn` the engine reports, once, what does not fit the first of them, where such a report is a
+ * warning and not an exception. Returns 1 when one fitted; otherwise everything reads as not
+ * passed. REQUIRES: the wrapped function is the running frame; the layouts can be read. */
 int kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, int warn,
 						kaq_arguments *arguments);

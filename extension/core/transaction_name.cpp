@@ -37,8 +37,8 @@ void kaq_store_transaction_name(const zend_string *name) {
 }
 
 /* The variable of the caller's that was passed as the only argument; null if anything else was. The
- * caller stands at its call instruction. The instruction before it passed the last argument: if that
- * is argument 1 there is no other. */
+ * caller stands at its call instruction. The instruction before it passed the last argument: if
+ * that is argument 1 there is no other. */
 static zval *kaq_passed_variable(const zend_execute_data *caller) {
 	if (!caller || !caller->func || !ZEND_USER_CODE(caller->func->type)) {
 		return nullptr;

@@ -1,12 +1,35 @@
 #include "instrumentation/wrappers.h"
 
+#include "calls/arguments.h"
 #include "instrumentation/recipes.h"
 #include "instrumentation/wrapped_functions.h"
 #include "state/php_kaq.h"
 
+/* Whether the layouts of a recipe can be read. */
+template <typename recipe> static constexpr bool kaq_has_readable_layouts(recipe) {
+	return true;
+}
+
+static constexpr bool kaq_has_readable_layouts(kaq_query recipe) {
+	return kaq_are_readable(recipe.layouts) && recipe.text < KAQ_LAYOUT_LENGTH;
+}
+
+static constexpr bool kaq_has_readable_layouts(kaq_connect recipe) {
+	return kaq_are_readable(recipe.layouts);
+}
+
+static constexpr bool kaq_has_readable_layouts(kaq_dbname recipe) {
+	return kaq_are_readable(recipe.layouts);
+}
+
+static constexpr bool kaq_has_readable_layouts(kaq_cql recipe) {
+	return kaq_are_readable(recipe.layouts);
+}
+
 /* Per row: the slot of its record, the inner wrapper (what is recorded) and the outer wrapper (what
  * the engine calls). */
 #define KAQ_DEFINE_WRAPPERS(id, key, group, component, class_name, name, external, ...)         \
+	static_assert(kaq_has_readable_layouts(__VA_ARGS__), "layouts of " #id);                    \
 	static kaq_internalfn_t *_kaq_outer_wrapper_global_##id;                                    \
 	static void _kaq_inner_wrapper_function_##id(zend_execute_data *execute_data,               \
 												 zval *return_value, kaq_internalfn_t *wraprec, \
