@@ -33,5 +33,5 @@ void catchit(int signal_number, siginfo_t *info, void *context);
 void kaq_release_signal_stack(void);
 
 /* Prints where in the module's sources an address lies, for diagnosis by hand. Returns the status
- * of system(). */
+ * of system(). Interface: kept for callers outside. */
 int addr2line(const void *address);

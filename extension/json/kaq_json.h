@@ -70,7 +70,7 @@ void kaq_append_as_json_compatible_string_withquotes(smart_str *buffer, const ch
 void kaq_append_unsigned_long_long(smart_str *buffer, uint64_t value);
 void kaq_append_signed(smart_str *buffer, int64_t value);
 
-/* Reserved; does nothing. */
+/* Reserved; does nothing. Interface: kept for callers outside. */
 void kaq_append_as_json_key_value(smart_str *buffer, const char *key, const char *value, int a,
 								  int b);
 

@@ -16,7 +16,7 @@ extern void (*old_execute_ex)(zend_execute_data *execute_data);
 void kaq_execute_ex(zend_execute_data *execute_data);
 
 /* A new span that names the frame's function, or null for a frame without a named function: the
- * main script, an included file, eval'd code. */
+ * main script, an included file, eval'd code. Interface: kept for callers outside. */
 kaq_node *kaq_populate_function(const zend_execute_data *execute_data);
 
 /* A fiber is left and another one, or the main code, goes on: each has a current span of its own. A
@@ -31,5 +31,6 @@ void kaq_create_main_method(void);
 int kaq_cpu_usage_start(void);
 int kaq_cpu_usage_end(void);
 
-/* 1 when the span's function name contains "kaq_start" or "kaq_end". */
+/* 1 when the span's function name contains "kaq_start" or "kaq_end". Interface: kept
+ * for callers outside. */
 int kaq_is_profiling_function(const kaq_node *node);

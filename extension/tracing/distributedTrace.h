@@ -18,5 +18,6 @@ int curl_exec_pre_req_header(zval *handle, zval *user_headers, kaq_node *node, i
 /* Whether a header line contains a name, in any case, anywhere. False for other values. */
 bool php_curl_header_is_present(const zval *line, const char *name);
 
-/* Whether a method of a class named after Guzzle is among the innermost calls. */
+/* Whether a method of a class named after Guzzle is among the innermost calls. Interface: kept
+ * for callers outside. */
 int guzzle_in_call_stack(void);

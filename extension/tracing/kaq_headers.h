@@ -20,5 +20,5 @@ long kaq_get_response_content_length(void);
 int kaq_get_response_code(void);
 
 /* Sets a header of the response, replacing one of that name. Returns 1 unless the engine refuses.
- */
+ * Interface: kept for callers outside. */
 int kaq_add_response_header(const char *name, const char *value);

@@ -24,5 +24,7 @@ char *header_format_name_value(const char *name, const char *value, int crlf);
  * the run of characters that an encoded value may consist of as a new heap string: letters, digits,
  * blanks and + / = _ - . , : ; % ~ ! * ' ( ) { } " [ ]. Null when the key is absent or null, or the
  * run is empty. The caller frees.
+ *
+ * Interface: kept for callers outside.
  */
 char *header_extract_encoded_value(const char *key, const char *text);

@@ -11,6 +11,7 @@
 /*
  * Index of the first occurrence of `needle` in `text` regardless of case, or -1.
  * An empty needle is found at 0, also in an empty text. A null argument gives -1.
+ * Interface: kept for callers outside.
  */
 int strcaseidx(const char *text, const char *needle);
 
@@ -27,6 +28,7 @@ int strncaseidx(const char *text, const char *needle, size_t length);
  * New heap copy of the characters `start` up to but not including `end`, shorter where the text
  * ends before (a start behind the text's end gives an empty text). Null when start or end is
  * negative, end lies before start, text is null, or memory is short. The caller frees.
+ * Interface: kept for callers outside.
  */
 char *substr(const char *text, int start, int end);
 

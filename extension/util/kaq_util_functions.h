@@ -66,7 +66,8 @@ int php_is_zval_valid_integer(const zval *value);
 int php_is_zval_valid_curl_handle(const zval *value);
 int php_is_zval_true(zval *value);
 
-/* Stores a value under a string key of an array, sharing it. */
+/* Stores a value under a string key of an array, sharing it. Interface: kept for callers outside.
+ */
 void kaq_add_assoc_zval(zval *array, const char *key, zval *value);
 void kaq_add_assoc_zval_ex(zval *array, const char *key, size_t key_length, zval *value);
 

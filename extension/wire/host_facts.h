@@ -22,6 +22,7 @@ int kaq_check_azure_webapp(void); /* WEBSITE_SITE_NAME */
  * 1 when the control groups of process 1 show a container, else 0. `name` receives the path
  * component behind the first one that is exactly "docker", without a final line feed; it stays
  * empty when nothing follows. A name that is not empty beforehand ends the search at once: 0.
+ * Interface: kept for callers outside; we call the `_in` form, which takes the file's path.
  */
 int kaq_check_docker_v1(char name[KAQ_HOST_NAME_SIZE]);
 int kaq_check_docker_v1_in(const char *path, char name[KAQ_HOST_NAME_SIZE]);
@@ -30,6 +31,7 @@ int kaq_check_docker_v1_in(const char *path, char name[KAQ_HOST_NAME_SIZE]);
  * 1 when a mount of process 1 names both "/containers/" and "/hostname", else 0. `name` receives
  * what follows the first "/containers/" up to a blank, at most 64 characters; the last such line
  * wins.
+ * Interface: kept for callers outside; we call the `_in` form, which takes the file's path.
  */
 int kaq_check_docker_v2(char name[KAQ_HOST_NAME_SIZE]);
 int kaq_check_docker_v2_in(const char *path, char name[KAQ_HOST_NAME_SIZE]);

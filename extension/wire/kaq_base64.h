@@ -12,6 +12,8 @@
  * terminator of the data port, and a NUL. No input gives just the line feed.
  * Null when memory is short or the size of the result is beyond size_t.
  *
+ * Interface: kept for callers outside.
+ *
  * REQUIRES: `src` has `len` readable bytes; it may be null when len is 0.
  */
 char *kaq_base64_encode_with_newline(const char *src, size_t len);
@@ -30,6 +32,8 @@ char *kaq_base64_encode_line(char **line, size_t *room, const char *src, size_t 
  * result is not NUL-terminated and its length is not told.
  * Null when there are no valid characters ("=" counts as one) or their number is no multiple of
  * four, when the first padded group has more than two "=", or when memory is short.
+ *
+ * Interface: kept for callers outside.
  */
 unsigned char *kaq_base64_decode(const unsigned char *src, size_t len);
 

@@ -23,7 +23,9 @@ void kaq_form_payload(smart_str *out, kaq_node **nodes);
  * left out. */
 void kaq_form_spans(smart_str *out, kaq_node **nodes, int count);
 
-/* Appends the members of one span object, without the braces. */
+/* Appends the members of one span object, without the braces. Interface: kept for callers outside.
+ */
 void kaq_form_method_info(const kaq_node *node, smart_str *out);
-/* The same for the root span, with the caller's span id when there is one. */
+/* The same for the root span, with the caller's span id when there is one. Interface: kept for
+ * callers outside. */
 void kaq_form_root_method_info(const kaq_node *node, smart_str *out);

@@ -41,6 +41,20 @@ TEST_F(EngineAccess, ReleaseNullsTheField) {
 	EXPECT_EQ(nullptr, value);
 }
 
+TEST_F(EngineAccess, ValueUnderAKeyIsShared) {
+	zval array = php_value("[str_repeat('k', mt_rand(2, 2)) => 'old']");
+	zval value = php_value("[str_repeat('v', mt_rand(2, 2))]");
+	kaq_add_assoc_zval(&array, "kk", &value);
+	kaq_add_assoc_zval_ex(&array, "7\0x", 3, &value);
+	EXPECT_EQ(3u, Z_REFCOUNT(value));
+	EXPECT_EQ(Z_ARRVAL(value), Z_ARRVAL_P(zend_hash_str_find(Z_ARRVAL(array), "kk", 2)));
+	EXPECT_EQ(Z_ARRVAL(value), Z_ARRVAL_P(zend_hash_str_find(Z_ARRVAL(array), "7\0x", 3)));
+	EXPECT_EQ(2u, zend_hash_num_elements(Z_ARRVAL(array)));
+	zval_ptr_dtor(&array);
+	EXPECT_EQ(1u, Z_REFCOUNT(value));
+	zval_ptr_dtor(&value);
+}
+
 TEST_F(EngineAccess, CallPassesUpToThreeArguments) {
 	zval args[3] = {php_value("'b'"), php_value("'x'"), php_value("'abcb'")};
 	EXPECT_EQ("\"axcx\"", take(php_call("str_replace", &args[0], &args[1], &args[2])));
