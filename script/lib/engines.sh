@@ -4,6 +4,8 @@
 
 KAQ_ENGINES="$KAQ_CACHE/engines"
 KAQ_DEBIAN_PHP_CONFIG=/usr/bin/php-config8.2
+# Those that the tests run on by themselves. Any other has to be named.
+KAQ_TESTED_ENGINES=(7.0-zts 7.4-zts 8.2-debian)
 
 # kaq_engine_configs [PHP_CONFIG...]: the given ones if any; else all known,
 # one a line: the oldest below the cache first, Debian's last. Builds under a
@@ -120,13 +122,17 @@ kaq_engine_run_tests() {
 
 # kaq_list_engines [PHP_CONFIG...]: a table for a person.
 kaq_list_engines() {
-	local config kind
+	local config key kind note
 	while read -r config; do
+		key=$(kaq_engine_key "$config")
 		kind=nts
 		if kaq_engine_is_zts "$config"; then
 			kind=zts
 		fi
-		printf '%-16s %-10s %-4s %s\n' "$(kaq_engine_key "$config")" "$("$config" --version)" \
-			"$kind" "$config"
+		note='  (tested when named)'
+		if [[ " ${KAQ_TESTED_ENGINES[*]} " == *" $key "* ]]; then
+			note=
+		fi
+		printf '%-16s %-10s %-4s %s%s\n' "$key" "$("$config" --version)" "$kind" "$config" "$note"
 	done < <(kaq_engine_configs "$@")
 }

@@ -14,7 +14,8 @@ mkdir -p "$KAQ_CACHE" 2>/dev/null || {
 	exit 1
 }
 KAQ_LOGS="$KAQ_CACHE/logs"
-export KAQ_ROOT KAQ_CACHE KAQ_LOGS
+KAQ_BEGAN=${KAQ_BEGAN:-$EPOCHSECONDS}
+export KAQ_ROOT KAQ_CACHE KAQ_LOGS KAQ_BEGAN
 
 # kaq_elapsed SECONDS: prints "1m05s" or "7s".
 kaq_elapsed() {
@@ -26,9 +27,10 @@ kaq_elapsed() {
 	fi
 }
 
-# kaq_log TEXT...: one progress line, with the time since the script began.
+# kaq_log TEXT...: one progress line, with the time since the script began, or the
+# one that started it.
 kaq_log() {
-	printf '[%6s] %s\n' "$(kaq_elapsed "$SECONDS")" "$*" >&2
+	printf '[%6s] %s\n' "$(kaq_elapsed $((EPOCHSECONDS - KAQ_BEGAN)))" "$*" >&2
 }
 
 # kaq_die TEXT...: says why and ends the script.

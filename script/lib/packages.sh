@@ -37,6 +37,10 @@ kaq_need_packages() {
 		kaq_die "needs root or password-less sudo to install: ${missing[*]}"
 	fi
 	mkdir -p "$KAQ_LOGS"
+	# One at a time: apt waits for others when it installs, but not when it fetches.
+	# A service that a package starts must not have the lock.
+	exec 8>"$KAQ_CACHE/packages.lock"
+	flock 8
 	if [[ -z ${KAQ_PACKAGES_UPDATED:-} ]]; then
 		kaq_log "packages: fetching the lists"
 		: >"$log"
@@ -45,8 +49,9 @@ kaq_need_packages() {
 		export KAQ_PACKAGES_UPDATED=1
 	fi
 	kaq_log "packages: installing ${missing[*]}"
-	kaq_run "$log" kaq_apt install --no-install-recommends "${missing[@]}" ||
+	kaq_run "$log" kaq_apt install --no-install-recommends "${missing[@]}" 8>&- ||
 		kaq_die "could not install ${missing[*]} (full log: $log)"
+	exec 8>&-
 	kaq_log "packages: done"
 }
 

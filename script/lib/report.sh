@@ -1,18 +1,13 @@
 # shellcheck shell=bash
-# One tidy line per suite and the sum of all. Source log.sh first. A suite's
-# line goes to standard output, what explains a failure below it.
-
-KAQ_PASSED=0
-KAQ_FAILED=0
-KAQ_SKIPPED=0
+# One tidy line per suite and the sum of all. Source log.sh first, and set KAQ_RUN
+# to a directory of this run's own, where the counts are gathered. A suite's line
+# goes to standard output, what explains a failure below it.
 
 # kaq_report_line STATE NAME PASSED FAILED SKIPPED SECONDS [NOTE]
 kaq_report_line() {
 	printf '%-5s %-22s %5d passed %4d failed %4d skipped %8s%s\n' \
 		"$1" "$2" "$3" "$4" "$5" "$(kaq_elapsed "$6")" "${7:+  $7}"
-	KAQ_PASSED=$((KAQ_PASSED + $3))
-	KAQ_FAILED=$((KAQ_FAILED + $4))
-	KAQ_SKIPPED=$((KAQ_SKIPPED + $5))
+	printf '%d %d %d\n' "$3" "$4" "$5" >>"$KAQ_RUN/counts"
 }
 
 # kaq_report_tail LOG: the end of a log, indented.
@@ -65,6 +60,12 @@ kaq_report() {
 
 # kaq_report_sum: the last line of a run; false if anything failed.
 kaq_report_sum() {
-	printf '%d passed, %d failed, %d skipped\n' "$KAQ_PASSED" "$KAQ_FAILED" "$KAQ_SKIPPED"
-	((KAQ_FAILED == 0 && KAQ_PASSED > 0))
+	local passed failed skipped all_passed=0 all_failed=0 all_skipped=0
+	while read -r passed failed skipped; do
+		all_passed=$((all_passed + passed))
+		all_failed=$((all_failed + failed))
+		all_skipped=$((all_skipped + skipped))
+	done < <(cat "$KAQ_RUN/counts" 2>/dev/null)
+	printf '%d passed, %d failed, %d skipped\n' "$all_passed" "$all_failed" "$all_skipped"
+	((all_failed == 0 && all_passed > 0))
 }

@@ -22,10 +22,31 @@ kaq_bounded() {
 
 kaq_suite_check() {
 	local log="$KAQ_LOGS/check.log" begin=$SECONDS status=0
-	kaq_log 'check: style, names, clang, clang-tidy'
 	kaq_bounded 1200 "$KAQ_ROOT/script/check" >"$KAQ_RUN/check" 2>"$log" </dev/null || status=$?
 	cat "$KAQ_RUN/check" >>"$log"
 	kaq_report check $((SECONDS - begin)) "$log" "$status" check "$KAQ_RUN/check"
+}
+
+# kaq_build_for_suites CONFIG KEY SO: the engine, if it is one that we build, and
+# the extension without a warning, copied to SO: a build at the same time must
+# not change what the suites have loaded. False if that fails.
+kaq_build_for_suites() {
+	local config=$1 key=$2 so=$3 begin=$SECONDS built
+	case $key in
+	7.4-zts | 7.4-zts-asan)
+		if ! "$KAQ_ROOT/script/engine" "$key" </dev/null; then
+			kaq_report_broken "engine $key" $((SECONDS - begin)) "$KAQ_LOGS/engine-$key.log" 'could not be built'
+			return 1
+		fi
+		;;
+	esac
+	begin=$SECONDS
+	if ! built=$(KAQ_WERROR=1 kaq_bounded 900 "$KAQ_ROOT/script/build" --php-config "$config" </dev/null); then
+		kaq_report_broken "build $key" $((SECONDS - begin)) "$KAQ_LOGS/build-$key-werror.log" 'does not build'
+		return 1
+	fi
+	mkdir -p "$(dirname "$so")"
+	cp "$built" "$so" && kaq_report_line ok "build $key" 1 0 0 $((SECONDS - begin))
 }
 
 # kaq_forget_other_checkout BUILD: the cache serves every checkout, but CMake
@@ -64,7 +85,6 @@ kaq_ctest() {
 # clang++, for its warnings.
 kaq_suite_unit() {
 	local build="$KAQ_CACHE/build/unit" log="$KAQ_LOGS/unit.log" begin=$SECONDS
-	kaq_log 'unit: g++ with ASan and UBSan'
 	: >"$log"
 	if ! kaq_cmake "$KAQ_ROOT" "$build-gcc" "$log" -DCMAKE_CXX_COMPILER=g++; then
 		kaq_report_broken unit $((SECONDS - begin)) "$log" 'does not compile with g++'
@@ -73,7 +93,6 @@ kaq_suite_unit() {
 	kaq_ctest unit "$build-gcc" "$log" 600 "$begin"
 	begin=$SECONDS
 	log="$KAQ_LOGS/unit-clang.log"
-	kaq_log 'unit: clang++ compiles the same without a warning'
 	: >"$log"
 	if kaq_cmake "$KAQ_ROOT" "$build-clang" "$log" -DCMAKE_CXX_COMPILER=clang++; then
 		kaq_report_line ok unit-clang 1 0 0 $((SECONDS - begin))
@@ -87,7 +106,6 @@ kaq_suite_fuzz() {
 	local build="$KAQ_CACHE/build/fuzz" log="$KAQ_LOGS/fuzz.log" begin=$SECONDS
 	local fuzzer name passed=0
 	local -a failed=()
-	kaq_log 'fuzz: each fuzzer for a few seconds'
 	: >"$log"
 	if ! kaq_cmake "$KAQ_ROOT" "$build" "$log" -DCMAKE_CXX_COMPILER=clang++ -DKAQ_FUZZ=ON -DKAQ_UNIT=OFF; then
 		kaq_report_broken fuzz $((SECONDS - begin)) "$log" 'the fuzzers do not compile'
@@ -147,7 +165,6 @@ kaq_suite_embed() {
 		kaq_report_skip "embed $key" 'this engine has no embed library'
 		return 0
 	fi
-	kaq_log "embed $key"
 	: >"$log"
 	if ! kaq_cmake "$KAQ_ROOT/tests/extension/embed" "$build" "$log" -DCMAKE_CXX_COMPILER=g++ \
 		-DPHP_CONFIG="$config" -DPHP_EMBED_LIBRARY="$library"; then
@@ -176,7 +193,6 @@ kaq_suite_phpt() {
 		kaq_report_broken "$name" 0 "$log" "this engine has no command line or no run-tests.php"
 		return 0
 	fi
-	kaq_log "$name"
 	mkdir -p "$copy/tests"
 	if [[ -d $KAQ_ROOT/tests/extension/phpt ]]; then
 		cp -R "$KAQ_ROOT/tests/extension/phpt" "$copy/tests/"
@@ -215,7 +231,6 @@ kaq_pytest() {
 	local suite=$1 config=$2 key=$3 so=$4 begin=$SECONDS status=0
 	local log="$KAQ_LOGS/$1-$3.log" results="$KAQ_RUN/$1-$3.xml"
 	shift 4
-	kaq_log "$suite $key"
 	(
 		cd "$KAQ_ROOT" &&
 			KAQ_PHP_CONFIG=$config KAQ_SO=$so \
@@ -271,7 +286,6 @@ kaq_suite_threads() {
 kaq_suite_engine_suite() {
 	local config=$1 key=$2 so=$3 part=${4:-all} begin=$SECONDS status=0
 	local log="$KAQ_LOGS/engine-suite-$2.log"
-	kaq_log "engine-suite $key: $part"
 	kaq_bounded 3600 "$KAQ_ROOT/script/engine-suite" --php-config "$config" --so "$so" \
 		--part "$part" >"$KAQ_RUN/engine-suite-$key" 2>"$log" </dev/null || status=$?
 	cat "$KAQ_RUN/engine-suite-$key" >>"$log"
