@@ -5,7 +5,7 @@ from harness import BARE, DROPPED, UNMONITORED, BenchError
 VARIANTS = (BARE, UNMONITORED, DROPPED)
 COUNT = 10000
 
-# What fails, and whether the collector passes on all but the first ten.
+# What fails, and whether only the first ten are recorded.
 KINDS = {
     "errors": ("errors, ten are recorded", True),
     "classes": ("exceptions of ten classes, ten are recorded", True),

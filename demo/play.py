@@ -33,7 +33,7 @@ APPLICATION = "Demo shop"
 # The services that the traced page asks: their script, by the name of the application. Each asks
 # only those before it.
 SERVICES = {"Demo stock": "stock", "Demo prices": "prices"}
-# Callers know each other by the key that their collectors are configured with.
+# Callers know each other by the key that their extensions are configured with.
 ACCOUNT_KEY = "demo-account-1"
 JOB_ARGUMENTS = ["nightly", "--orders=2"]
 PROBE_SECONDS = 30

@@ -11,8 +11,8 @@ done
 ])
 
 PHP_ARG_ENABLE([kaq],
-  [whether to enable the kaq application performance collector],
-  [AS_HELP_STRING([--enable-kaq], [Enable the kaq application performance collector])],
+  [whether to enable the kaq application performance monitor],
+  [AS_HELP_STRING([--enable-kaq], [Enable the kaq application performance monitor])],
   [yes])
 
 PHP_ARG_ENABLE([kaq-werror],

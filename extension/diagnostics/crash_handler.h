@@ -11,7 +11,7 @@
 /* With the process id. The directory is not created: where it is missing no log is written. */
 #define KAQ_CRASH_LOG "/opt/kaq/logs/crash/kaqcrash-%d.log"
 #define KAQ_CRASH_FRAMES 25
-/* The collector's own module, for addr2line(). */
+/* The extension's own module, for addr2line(). */
 #define KAQ_MODULE_FILE "/opt/kaq/lib/kaq20170718.so"
 
 /* Puts the handler in place: at module start, and again at every request start, since another

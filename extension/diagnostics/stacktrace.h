@@ -12,7 +12,7 @@ extern kaq_error_cb_t old_error_cb;
 void kaq_throw_exception_hook(kaq_thrown *exception);
 void kaq_error_cb(KAQ_ERROR_CB_PARAMS);
 
-/* Frames never exceed this number, whatever kaq.stack_depth says. */
+/* A higher kaq.stack_depth counts as this one; 0 or less asks for the whole stack. */
 #define KAQ_MAX_STACK_DEPTH 30
 /* At most so many errors of a request are looked at. */
 #define KAQ_MAX_ERRORS 10

@@ -76,7 +76,7 @@ size_t kaq_base64_encode_scalar(char *out, const unsigned char *src, size_t len)
 }
 
 /* One 6-bit value per byte for the 12 input bytes at the start of each 128-bit lane. */
-__attribute__((target("avx2"))) static inline __m256i split_sextets(__m256i in) {
+__attribute__((target("avx2"))) static inline __m256i kaq_split_sextets(__m256i in) {
 	const __m256i spread = _mm256_broadcastsi128_si256(
 		_mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10));
 	in = _mm256_shuffle_epi8(in, spread);
@@ -89,7 +89,7 @@ __attribute__((target("avx2"))) static inline __m256i split_sextets(__m256i in) 
 
 /* Adds to each value the distance to its character, looked up by the run of the alphabet it is in.
  */
-__attribute__((target("avx2"))) static inline __m256i sextets_to_chars(__m256i values) {
+__attribute__((target("avx2"))) static inline __m256i kaq_sextets_to_chars(__m256i values) {
 	const __m256i distance = _mm256_broadcastsi128_si256(
 		_mm_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
 					  '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0));
@@ -107,7 +107,7 @@ __attribute__((target("avx2"))) size_t kaq_base64_encode_avx2(char *out, const u
 		__m256i in =
 			_mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128((const __m128i *)src)),
 									_mm_loadu_si128((const __m128i *)(src + 12)), 1);
-		_mm256_storeu_si256((__m256i *)out, sextets_to_chars(split_sextets(in)));
+		_mm256_storeu_si256((__m256i *)out, kaq_sextets_to_chars(kaq_split_sextets(in)));
 	}
 	return (size_t)(out - start) + kaq_base64_encode_scalar(out, src, len);
 }

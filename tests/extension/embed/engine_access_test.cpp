@@ -187,7 +187,7 @@ TEST_F(EngineAccess, DecodeOfGarbageGivesTheEnginesNullValue) {
 	zval_ptr_dtor(&text);
 }
 
-/* The collector's reply, without an collector. */
+/* The collector's reply, without a collector. */
 class Reply : public EngineAccess {};
 
 TEST_F(Reply, WithoutJsonDecodeNothingChanges) {

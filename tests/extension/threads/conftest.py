@@ -1,4 +1,4 @@
-"""Fixtures: an collector that is quick, and `site`, an Apache whose threads it watches."""
+"""Fixtures: a collector that is quick, and `site`, an Apache whose threads it watches."""
 import os
 import pathlib
 import subprocess

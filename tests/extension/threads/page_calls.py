@@ -34,7 +34,7 @@ $told[] = get_class($object);
 echo json_encode([$number, $told]);
 """ % {"port": CLOSED_PORT}
 
-# What the collector itself calls to see the response headers of a new handle.
+# What the extension itself calls to see the response headers of a new handle.
 HEADERS_WANTED = "curl_setopt (20079)"
 
 WHO = "<?php header('X-Process: ' . getmypid());\n"

@@ -42,13 +42,13 @@ Run = collections.namedtuple("Run", "result requests")
 
 
 def trace_lines(request):
-    """The header lines that are the collector's, by name."""
+    """The header lines that are the extension's, by name."""
     return [line for line in request.headers
             if line.partition(":")[0].lower() in [name.lower() for name in TRACE_NAMES]]
 
 
 def without_trace(request):
-    """The request's bytes but for the collector's header lines."""
+    """The request's bytes but for the extension's header lines."""
     kept = [line for line in request.headers if line not in trace_lines(request)]
     return "\r\n".join([request.line, *kept, "", ""]).encode("latin-1") + request.body
 

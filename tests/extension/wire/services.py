@@ -1,4 +1,4 @@
-"""Monitored services: each an engine process with an collector, an application and an account key of
+"""Monitored services: each an engine process with a collector, an application and an account key of
 its own, and an `Echo` that tells what headers a call brought."""
 import functools
 import json

@@ -93,7 +93,7 @@ def test_caller_is_compared_with_the_same_characters(wire, collector, key, ident
     assert collector.payload.transaction["origin"].get("flow") == ("a1;" if identifier else None)
 
 
-def test_caller_that_sends_nothing_is_not_taken_for_the_account_of_an_collector_without_one(
+def test_caller_that_sends_nothing_is_not_taken_for_the_account_of_an_extension_without_one(
         wire, collector):
     wire.cgi("", HTTP_X_SKELVOR_ID="", HTTP_X_SKELVOR_ORIGIN=ORIGIN)
     assert "flow" not in collector.payload.transaction["origin"]

@@ -244,7 +244,7 @@ def test_object_that_is_a_trace_header_as_a_text_is_kept_which_is_meant(curl):
     assert http.values_of(run.requests[0], "traceparent")[1] == "own"
 
 
-def test_collector_s_lists_do_not_reach_the_script_s_variables(curl):
+def test_extension_s_lists_do_not_reach_the_script_s_variables(curl):
     curl.same(OPEN + """
         $list = ['A: 1', 'B: 2']; $copy = $list; $options = [CURLOPT_HTTPHEADER => $list];
         curl_setopt($ch, CURLOPT_HTTPHEADER, $list); curl_exec($ch);

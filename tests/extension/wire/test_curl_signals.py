@@ -109,7 +109,7 @@ def _waiting(pipe):
 @pytest.mark.parametrize("run", list(BEFORE))
 def test_signal_that_waits_when_a_call_begins_is_not_handled_in_a_call_of_ours(
         curl, run, handler, mode):
-    """Header lines that are objects run code of the script when the collector passes them on."""
+    """Header lines that are objects run code of the script when the extension passes them on."""
     source = SCRIPT % (HANDLERS[handler],
                        "curl_setopt($ch, CURLOPT_URL, \"$url/a\"); " + BEFORE[run])
     bare, loaded = (run_with_a_signal_while_it_writes(curl, source, mode, on)

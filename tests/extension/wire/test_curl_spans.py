@@ -67,7 +67,7 @@ def test_members_stand_in_their_order(curl):
 
 
 @pytest.mark.parametrize("mode", list(MODES))
-def test_collector_s_own_curl_setopt_is_a_span_below_the_call_that_needs_it(curl, mode):
+def test_extension_s_own_curl_setopt_is_a_span_below_the_call_that_needs_it(curl, mode):
     payload = curl.payload(OPEN + "curl_exec($ch); $multi = curl_multi_init();"
                            "curl_multi_add_handle($multi, $ch);", mode)
     children = {name: [child[0] for child in below] for name, below in payload.tree()[1]}

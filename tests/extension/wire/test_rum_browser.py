@@ -38,7 +38,7 @@ def browser():
 
 def rendered(browser, directory, url, *options):
     """The document as it stands when all its scripts have run."""
-    # The engine gives up an collector that does not answer in a second: both go before the browser.
+    # The extension gives up a collector that takes over a second: both go before the browser.
     command = ["nice", "-n", "10", browser, "--headless", "--no-sandbox", "--disable-gpu",
                "--no-first-run", "--disable-background-networking", "--disable-component-update",
                "--disable-dev-shm-usage", "--host-resolver-rules=MAP * ~NOTFOUND, "

@@ -437,7 +437,7 @@ def test_functions_work_in_a_request_that_is_not_monitored(wire, collector):
     assert collector.notices == [DISABLED_NOTICE] * 3 and not collector.payloads
 
 
-def test_functions_work_in_a_skipped_request_and_without_an_collector(wire, collector):
+def test_functions_work_in_a_skipped_request_and_without_a_collector(wire, collector):
     out = lines(wire.cli(EVERY_CALL, settings={"kaq.capture_clirequest": 0}))
     assert out[:-1] == EVERY_RESULT and not collector.payloads
     out = lines(wire.cli(EVERY_CALL, settings={"kaq.status_port": 1, "kaq.data_port": 1}))

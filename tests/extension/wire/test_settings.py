@@ -57,7 +57,7 @@ def test_each_setting_may_be_set_at_run_time_and_restored(wire, name):
 
 
 def free_loopback_collector():
-    """An collector on the two default ports at a loopback address where they are free."""
+    """A collector on the two default ports at a loopback address where they are free."""
     for last in range(2, 250):
         try:
             return FakeCollector("127.91.7.%d" % last, 20021, 20022)

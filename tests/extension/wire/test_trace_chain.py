@@ -1,4 +1,4 @@
-"""One trace through several services: real processes that call each other, an collector for each."""
+"""One trace through several services: real processes that call each other, a collector for each."""
 import json
 
 import engines

@@ -30,7 +30,7 @@ def assert_unmonitored(collector):
 
 @pytest.fixture
 def elsewhere():
-    """An collector at a loopback address that is not the default one."""
+    """A collector at a loopback address that is not the default one."""
     listening = FakeCollector("127.77.3.1")
     yield listening
     listening.close()

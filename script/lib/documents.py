@@ -1,0 +1,108 @@
+"""Whether the documents name files and headings that are there.
+
+    documents.py ROOT DOCUMENT...
+
+What looks like a file of the project must be one: the target of a link, and in code each word with
+a slash whose first folder is one of the project's or of the extension's, each single word that ends
+in a slash, and each name of a source file. "*" stands for anything, "{h,cpp}" for each of the two. The heading that a link ends in must be
+there too. Prints what is not there; status 1 if there is something.
+"""
+
+import itertools
+import pathlib
+import re
+import subprocess
+import sys
+
+LINK = re.compile(r"\[[^\]]*\]\(([^()\s]+)\)")
+CODE = re.compile(r"```.*?```|`[^`\n]+`|(?<=\n\n)(?:    [^\n]*\n|\n)+", re.DOTALL)
+# Neither below a folder that starts a path of the system's nor part of an address.
+WORD = re.compile(r"(?<![\w./~$*<>:-])[\w.][\w./*{},-]*")
+SOURCE = re.compile(r"[\w-]+\.(?:c|h|cpp|m4|py|sh|md|phpt|frag|svg)")
+HEADING = re.compile(r"^#+ +(.*?)\s*$", re.MULTILINE)
+FENCED = re.compile(r"^```.*?^```", re.MULTILINE | re.DOTALL)
+
+
+def variants(word):
+    """A word with braces, spelt out."""
+    parts = re.split(r"\{([^{}]*)\}", word)
+    choices = [part.split(",") if at % 2 else [part] for at, part in enumerate(parts)]
+    return ["".join(choice) for choice in itertools.product(*choices)]
+
+
+def anchors(text):
+    """The anchors that a page of that text has."""
+    headings = HEADING.findall(FENCED.sub("", text))
+    return {re.sub(r"[^\w -]", "", re.sub(r"[`*]", "", heading)).lower().replace(" ", "-")
+            for heading in headings}
+
+
+def bad_links(root, document, text):
+    for target in LINK.findall(text):
+        if re.match(r"[a-z]+:", target):
+            continue
+        path, _, anchor = target.partition("#")
+        file = (document.parent / path).resolve() if path else document
+        if root not in file.parents or not file.exists():
+            yield f"links to {path}, which is not there"
+        elif anchor and anchor not in anchors(file.read_text(encoding="utf-8")):
+            yield f"links to {target}, which has no such heading"
+
+
+class Project:
+    """The files that git knows or would take in."""
+
+    def __init__(self, root):
+        listed = subprocess.run(
+            ["git", "-c", "safe.directory=*", "-C", str(root), "ls-files", "-co",
+             "--exclude-standard"], check=True, capture_output=True, text=True).stdout
+        self._files = {name for name in listed.splitlines() if (root / name).is_file()}
+        self._paths = set(self._files)
+        for name in self._files:
+            self._paths.update(str(parent) for parent in pathlib.PurePath(name).parents)
+        self._names = {pathlib.PurePath(name).name for name in self._files}
+        self._top = {name.partition("/")[0] for name in self._files if "/" in name}
+        self._rooms = {name.split("/")[1] for name in self._files
+                       if name.startswith("extension/") and name.count("/") > 1}
+
+    def misses(self, word):
+        """Whether the word looks like a file of the project and is none."""
+        folder, slash, rest = word.partition("/")
+        if not slash:
+            return bool(SOURCE.fullmatch(word)) and word not in self._names
+        if folder in self._top:
+            return not self._is_there(word)
+        # A room with nothing behind it is followed by a slash.
+        if folder in self._rooms and (not rest or SOURCE.search(rest)):
+            return not self._is_there("extension/" + word)
+        return not rest
+
+    def _is_there(self, word):
+        word = word.rstrip("/")
+        if "*" not in word:
+            return word in self._paths
+        return any(pathlib.PurePath(name).match(word) for name in self._files)
+
+
+def bad_words(project, text):
+    for code in CODE.findall(text):
+        for word in WORD.findall(code):
+            for one in variants(word.rstrip(".,")):
+                if project.misses(one):
+                    yield f"names {one}, which is not there"
+
+
+def main(root, documents):
+    root = root.resolve()
+    project = Project(root)
+    found = []
+    for document in documents:
+        text = (root / document).read_text(encoding="utf-8")
+        bad = [*bad_links(root, root / document, text), *bad_words(project, text)]
+        found += [f"{document}: {line}" for line in dict.fromkeys(bad)]
+    print("".join(line + "\n" for line in found), end="")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(pathlib.Path(sys.argv[1]), sys.argv[2:]))

@@ -1,0 +1,86 @@
+"""Whether composer.json says of the extension what its sources say.
+
+    metadata.py ROOT
+
+Prints what does not agree; status 1 if something does not. The keys are those that PHP's extension
+installer documents.
+"""
+
+import json
+import pathlib
+import re
+import sys
+
+KEYS = {"extension-name", "priority", "support-zts", "support-nts", "build-path",
+        "download-url-method", "os-families", "os-families-exclude", "configure-options"}
+OPTION_KEYS = {"name", "description", "needs-value"}
+# PHP_ARG_WITH options take a value, PHP_ARG_ENABLE options do not.
+OPTION = re.compile(r"PHP_ARG_(ENABLE|WITH)\(\[([\w-]+)\]")
+
+
+def first(pattern, text):
+    """What the pattern's group finds first, or None."""
+    found = re.search(pattern, text, re.MULTILINE)
+    return found[1] if found else None
+
+
+def options_of(config):
+    """The options of configure but for the one that switches the extension itself on: name to
+    whether it needs a value."""
+    name = first(r"PHP_NEW_EXTENSION\((\w+)", config)
+    return {kind.lower() + "-" + option: kind == "WITH" for kind, option in OPTION.findall(config)
+            if option != name}
+
+
+def disagreements(package, config, header, changes):
+    """What the package's description, config.m4, the version's header and the change log do not
+    agree on."""
+    extension = package.get("php-ext", {})
+    unknown = sorted(set(extension) - KEYS)
+    if unknown:
+        yield f"php-ext has keys that nobody reads: {', '.join(unknown)}"
+    version = first(r'#define KAQ_VERSION "([^"]+)"', header)
+    info = first(r'#define KAQ_VERSION_INFO "([^"]+)"', header)
+    for what, told, found in (
+            ("type", package.get("type"), "php-ext"),
+            ("extension-name", extension.get("extension-name"),
+             first(r"PHP_NEW_EXTENSION\((\w+)", config)),
+            ("version", package.get("version"), version),
+            ("os-families", extension.get("os-families"), ["linux"]),
+            ("support-zts", extension.get("support-zts"), True),
+            ("support-nts", extension.get("support-nts"), True)):
+        if told is None or told != found:
+            yield f"{what} is {told!r}, not {found!r}"
+    told = {}
+    for option in extension.get("configure-options", []):
+        if not set(option) <= OPTION_KEYS or not option.get("description"):
+            yield f"configure-options: {option} has a key that nobody reads, or no description"
+        told[option.get("name")] = option.get("needs-value", False)
+    if told != options_of(config):
+        yield f"configure-options are {told}, those of config.m4 {options_of(config)}"
+    if not info or not info.startswith(f"{version}."):
+        yield f"KAQ_VERSION_INFO {info!r} is no version of KAQ_VERSION {version!r}"
+    if first(r"^## \[(\d[^\]]*)\]", changes) != version:
+        yield f"CHANGELOG.md: its newest version is not {version!r}"
+
+
+def main(root):
+    try:
+        package = json.loads((root / "composer.json").read_text(encoding="utf-8"))
+    except ValueError as error:
+        print(f"composer.json: {error}")
+        return 1
+    house = root / package.get("php-ext", {}).get("build-path", "")
+    if not (house / "config.m4").is_file():
+        print(f"build-path: there is no {house.relative_to(root)}/config.m4")
+        return 1
+    found = list(disagreements(
+        package, (house / "config.m4").read_text(encoding="utf-8"),
+        (house / "state" / "php_kaq.h").read_text(encoding="utf-8"),
+        (root / "CHANGELOG.md").read_text(encoding="utf-8")))
+    print("".join(f"composer.json: {line}\n" for line in found), end="")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(pathlib.Path(sys.argv[1])))
