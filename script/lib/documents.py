@@ -17,7 +17,7 @@ import sys
 LINK = re.compile(r"\[[^\]]*\]\(([^()\s]+)\)")
 CODE = re.compile(r"```.*?```|`[^`\n]+`|(?<=\n\n)(?:    [^\n]*\n|\n)+", re.DOTALL)
 # Neither below a folder that starts a path of the system's nor part of an address.
-WORD = re.compile(r"(?<![\w./~$*<>:-])[\w.][\w./*{},-]*")
+WORD = re.compile(r"(?<![\w./~$*<>@:-])[\w.][\w./*{},-]*")
 SOURCE = re.compile(r"[\w-]+\.(?:c|h|cpp|m4|py|sh|md|phpt|frag|svg)")
 HEADING = re.compile(r"^#+ +(.*?)\s*$", re.MULTILINE)
 FENCED = re.compile(r"^```.*?^```", re.MULTILINE | re.DOTALL)

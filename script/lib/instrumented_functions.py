@@ -38,7 +38,7 @@ Calls of these functions stand in the payload as spans. This page is made from
 `extension/instrumentation/wrapped_functions.h` by `script/check --fix functions`; do not edit it.
 
 A call is recorded if its group's setting was on in `php.ini` when the process started, if the
-request is monitored, and if `kaq.span_limit` has not been reached. "External" marks calls to
+request is recorded, and if `kaq.span_limit` has not been reached. "External" marks calls to
 another system. Keys, values and bound parameters are never recorded.
 
 """
