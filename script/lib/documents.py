@@ -4,8 +4,9 @@
 
 What looks like a file of the project must be one: the target of a link, and in code each word with
 a slash whose first folder is one of the project's or of the extension's, each single word that ends
-in a slash, and each name of a source file. "*" stands for anything, "{h,cpp}" for each of the two. The heading that a link ends in must be
-there too. Prints what is not there; status 1 if there is something.
+in a slash, and each name of a source file. "*" stands for anything, "{h,cpp}" for each of the two.
+The heading that a link ends in must be there too. Prints what is not there; status 1 if there is
+something.
 """
 
 import itertools

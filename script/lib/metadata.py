@@ -33,12 +33,11 @@ def options_of(config):
 
 
 def disagreements(package, config, header, changes):
-    """What the package's description, config.m4, the version's header and the change log do not
-    agree on."""
+    """What composer.json, config.m4, php_kaq.h and CHANGELOG.md do not agree on."""
     extension = package.get("php-ext", {})
     unknown = sorted(set(extension) - KEYS)
     if unknown:
-        yield f"php-ext has keys that nobody reads: {', '.join(unknown)}"
+        yield f"composer.json: php-ext has keys that nobody reads: {', '.join(unknown)}"
     version = first(r'#define KAQ_VERSION "([^"]+)"', header)
     info = first(r'#define KAQ_VERSION_INFO "([^"]+)"', header)
     for what, told, found in (
@@ -50,16 +49,16 @@ def disagreements(package, config, header, changes):
             ("support-zts", extension.get("support-zts"), True),
             ("support-nts", extension.get("support-nts"), True)):
         if told is None or told != found:
-            yield f"{what} is {told!r}, not {found!r}"
+            yield f"composer.json: {what} is {told!r}, not {found!r}"
     told = {}
     for option in extension.get("configure-options", []):
         if not set(option) <= OPTION_KEYS or not option.get("description"):
-            yield f"configure-options: {option} has a key that nobody reads, or no description"
+            yield f"composer.json: {option} has a key that nobody reads, or no description"
         told[option.get("name")] = option.get("needs-value", False)
     if told != options_of(config):
-        yield f"configure-options are {told}, those of config.m4 {options_of(config)}"
+        yield f"composer.json: options are {told}, those of config.m4 {options_of(config)}"
     if not info or not info.startswith(f"{version}."):
-        yield f"KAQ_VERSION_INFO {info!r} is no version of KAQ_VERSION {version!r}"
+        yield f"php_kaq.h: KAQ_VERSION_INFO {info!r} is no version of KAQ_VERSION {version!r}"
     if first(r"^## \[(\d[^\]]*)\]", changes) != version:
         yield f"CHANGELOG.md: its newest version is not {version!r}"
 
@@ -72,13 +71,13 @@ def main(root):
         return 1
     house = root / package.get("php-ext", {}).get("build-path", "")
     if not (house / "config.m4").is_file():
-        print(f"build-path: there is no {house.relative_to(root)}/config.m4")
+        print(f"composer.json: there is no {house.relative_to(root)}/config.m4")
         return 1
     found = list(disagreements(
         package, (house / "config.m4").read_text(encoding="utf-8"),
         (house / "state" / "php_kaq.h").read_text(encoding="utf-8"),
         (root / "CHANGELOG.md").read_text(encoding="utf-8")))
-    print("".join(f"composer.json: {line}\n" for line in found), end="")
+    print("".join(line + "\n" for line in found), end="")
     return 1 if found else 0
 
 

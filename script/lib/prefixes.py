@@ -19,7 +19,7 @@ ATTRIBUTE = re.compile(r"__attribute__\s*\(\(.*?\)\)", re.DOTALL)
 # A macro may stand before a function without a line's end that the reader could see.
 MACRO_LINE = re.compile(r"^[A-Z][A-Z0-9_]+(\([^()]*\))?$", re.MULTILINE)
 
-# These keep the names under which they have been known from the beginning.
+# Interface: callers outside of the extension know these by their names.
 EXCEPTIONS = set("""
     free_globals
     catchit setHandler wrap_sethandler addr2line
