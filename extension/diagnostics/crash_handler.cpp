@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <ucontext.h>
 #include <unistd.h>
 
@@ -115,10 +116,24 @@ static bool kaq_comes_again(int signal_number, const siginfo_t *info) {
 	return info->si_code > 0 && signal_number != SIGSYS;
 }
 
-void catchit(int signal_number, siginfo_t *info, void *context) {
+/* A file of one name and no link: through a link the log would go into somebody else's file.
+ * Nothing is waited for: a pipe that nobody reads must not keep the process from dying. -1 for no
+ * log. */
+static int kaq_open_log(void) {
 	char path[KAQ_CRASH_PATH_SIZE];
 	snprintf(path, sizeof(path), KAQ_CRASH_LOG, (int)getpid());
-	int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+	int fd = open(
+		path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0666);
+	struct stat found;
+	if (fd >= 0 && (fstat(fd, &found) != 0 || !S_ISREG(found.st_mode) || found.st_nlink > 1)) {
+		close(fd);
+		return -1;
+	}
+	return fd;
+}
+
+void catchit(int signal_number, siginfo_t *info, void *context) {
+	int fd = kaq_open_log();
 	if (fd >= 0) {
 		kaq_write_log(fd, signal_number, info, context);
 		close(fd);

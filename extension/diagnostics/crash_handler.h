@@ -8,7 +8,8 @@
 
 #include <signal.h>
 
-/* With the process id. The directory is not created: where it is missing no log is written. */
+/* With the process id. The directory is not created: where it is missing no log is written, and
+ * none into anything but a regular file that has no other name. */
 #define KAQ_CRASH_LOG "/opt/kaq/logs/crash/kaqcrash-%d.log"
 #define KAQ_CRASH_FRAMES 25
 /* The extension's own module, for addr2line(). */

@@ -214,6 +214,30 @@ def test_directory_of_the_logs_name(room, faults):
     assert not room.log_paths
 
 
+THEIRS = b"not ours\n"
+
+
+@pytest.mark.parametrize("linking", ["ln -s", "ln"])
+def test_link_of_the_logs_name_leads_to_no_log_in_the_other_file(room, faults, linking):
+    theirs = room.opt / "theirs"
+    theirs.write_bytes(THEIRS)
+    room.enclose(linking + ' /opt/theirs /opt/kaq/logs/crash/kaqcrash-$$.log')
+    assert_dies_without_a_word(room, faults)
+    assert theirs.read_bytes() == THEIRS
+
+
+def test_symbolic_link_to_nothing_makes_no_file(room):
+    room.enclose('ln -s /opt/theirs /opt/kaq/logs/crash/kaqcrash-$$.log')
+    death = room.run("kaq_debug_crash();")
+    assert (death.status, death.output) == (-signal.SIGSEGV, b"")
+    assert not (room.opt / "theirs").exists()
+
+
+def test_pipe_of_the_logs_name_does_not_keep_the_process_from_dying(room, faults):
+    room.enclose('mkfifo /opt/kaq/logs/crash/kaqcrash-$$.log')
+    assert_dies_without_a_word(room, faults)
+
+
 def test_full_disk(room, faults):
     room.enclose('mount -t tmpfs -o size=4k tmpfs /opt/kaq/logs/crash && '
                  '{ head -c 4096 /dev/zero >/opt/kaq/logs/crash/full; true; }')
