@@ -1,7 +1,7 @@
 #include "json/kaq_json.h"
 
+#include "json/json_bounds.h"
 #include "json/json_escape.h"
-#include "state/php_kaq.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
 
@@ -194,8 +194,8 @@ char *kaq_encode_zval_to_json(const zval *value) {
 	return text;
 }
 
-zval *kaq_json_decode(zval *text) {
-	if (!text || !kaq_get_globals()->json_decode_function_exists) {
+zval *kaq_json_decode(zval *text, bool has_json_decode) {
+	if (!text || !has_json_decode) {
 		return nullptr;
 	}
 	return php_call("json_decode", text, nullptr, nullptr);
@@ -205,14 +205,18 @@ zval *kaq_json_decode(zval *text) {
 static void kaq_clear_decoder_error(void) {
 	zval text;
 	ZVAL_STRING(&text, "0");
-	php_zval_free(kaq_json_decode(&text));
+	php_zval_free(kaq_json_decode(&text, true));
 	zval_ptr_dtor(&text);
 }
 
-zval *kaq_decode_json_object(const char *json) {
+zval *kaq_decode_json_object(const char *json, bool has_json_decode) {
+	size_t length = strlen(json);
+	if (!has_json_decode || !kaq_json_is_within(json, length, &KAQ_DECODE_BOUNDS)) {
+		return nullptr;
+	}
 	zval text;
-	ZVAL_STRING(&text, json);
-	zval *decoded = kaq_json_decode(&text);
+	ZVAL_STRINGL(&text, json, length);
+	zval *decoded = kaq_json_decode(&text, true);
 	zval_ptr_dtor(&text);
 	if (decoded && Z_TYPE_P(decoded) != IS_OBJECT) {
 		kaq_clear_decoder_error();

@@ -80,9 +80,9 @@ void kaq_encode_zval_to_json_internal(const zval *value, smart_str *buffer, int 
 char *kaq_encode_zval_to_json(const zval *value);
 
 /* Decodes JSON text with the engine's json_decode. A new value (php_zval_free), or null when the
- * argument is null or the engine has no json_decode. */
-zval *kaq_json_decode(zval *text);
+ * argument is null or the caller has found the engine without json_decode. */
+zval *kaq_json_decode(zval *text, bool has_json_decode);
 
-/* The same for a document that must be an object, else null. A script's json_last_error() shows
- * nothing of it. */
-zval *kaq_decode_json_object(const char *json);
+/* The same for a text that others have sent: null unless it is within KAQ_DECODE_BOUNDS and an
+ * object. A script's json_last_error() shows nothing of it. */
+zval *kaq_decode_json_object(const char *json, bool has_json_decode);

@@ -69,7 +69,7 @@ void kaq_get_origin(void) {
 	if (!value) {
 		return;
 	}
-	zval *origin = kaq_decode_json_object(value);
+	zval *origin = kaq_decode_json_object(value, g->json_decode_function_exists);
 	free(value);
 	if (origin) {
 		kaq_take_origin(g, origin);

@@ -142,7 +142,7 @@ void process_instance_info(const char *reply) {
 		return;
 	}
 	kaq_memory_limit_lift();
-	zval *decoded = kaq_decode_json_object(reply);
+	zval *decoded = kaq_decode_json_object(reply, g->json_decode_function_exists);
 	if (decoded) {
 		kaq_take_reply_string(decoded, "instance.id", &g->instance_id);
 		kaq_take_reply_string(decoded, "normalised.txn.name", &g->normalised_txn_name);

@@ -1,10 +1,12 @@
 /* One question to the status port of the collector, and its answer. */
 #pragma once
 
+#include "json/json_bounds.h"
+
 #include <stddef.h>
 
-/* An answer that is longer than this many bytes counts as empty. */
-#define KAQ_ANSWER_MAX ((size_t)16 * 1024 * 1024)
+/* An answer that is longer than this many bytes counts as empty: it would not be decoded. */
+#define KAQ_ANSWER_MAX KAQ_DECODE_MAX_LENGTH
 
 /* Signature of realloc. */
 typedef void *(*kaq_grow_fn)(void *block, size_t size);

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "json/json_bounds.h"
 #include "tracing/kaq_headers.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
@@ -159,7 +160,7 @@ TEST_F(EngineAccess, BacktraceHasAtMostTheFramesAskedForAndNoArguments) {
 /* json_decode. */
 TEST_F(EngineAccess, DecodeGivesAnObject) {
 	zval text = php_value("'{\"a\":[1,2]}'");
-	zval *decoded = kaq_json_decode(&text);
+	zval *decoded = kaq_json_decode(&text, true);
 	ASSERT_NE(nullptr, decoded);
 	EXPECT_EQ(IS_OBJECT, Z_TYPE_P(decoded));
 	php_zval_free(decoded);
@@ -167,24 +168,43 @@ TEST_F(EngineAccess, DecodeGivesAnObject) {
 }
 
 TEST_F(EngineAccess, DecodeWithoutTheFunctionGivesNullAndLeavesTheInput) {
-	g->json_decode_function_exists = 0;
 	zval text = php_value("str_repeat('[]', 1)");
-	EXPECT_EQ(nullptr, kaq_json_decode(&text));
+	EXPECT_EQ(nullptr, kaq_json_decode(&text, false));
 	EXPECT_STREQ("[]", Z_STRVAL(text));
 	zval_ptr_dtor(&text);
 }
 
 TEST_F(EngineAccess, DecodeOfNullGivesNull) {
-	EXPECT_EQ(nullptr, kaq_json_decode(nullptr));
+	EXPECT_EQ(nullptr, kaq_json_decode(nullptr, true));
 }
 
 TEST_F(EngineAccess, DecodeOfGarbageGivesTheEnginesNullValue) {
 	zval text = php_value("'{broken'");
-	zval *decoded = kaq_json_decode(&text);
+	zval *decoded = kaq_json_decode(&text, true);
 	ASSERT_NE(nullptr, decoded);
 	EXPECT_EQ(IS_NULL, Z_TYPE_P(decoded));
 	php_zval_free(decoded);
 	zval_ptr_dtor(&text);
+}
+
+/* The text of an object with one more member, which is a list of that many levels. */
+static std::string object_with_list(int levels) {
+	return "{\"a\":" + std::string((size_t)levels, '[') + std::string((size_t)levels, ']') + "}";
+}
+
+TEST_F(EngineAccess, DecodedObjectIsWithinTheBounds) {
+	zval *decoded =
+		kaq_decode_json_object(object_with_list(KAQ_DECODE_MAX_DEPTH - 1).c_str(), true);
+	ASSERT_NE(nullptr, decoded);
+	EXPECT_EQ(IS_OBJECT, Z_TYPE_P(decoded));
+	php_zval_free(decoded);
+	EXPECT_EQ(nullptr,
+			  kaq_decode_json_object(object_with_list(KAQ_DECODE_MAX_DEPTH).c_str(), true));
+	EXPECT_EQ("0", php_json("json_last_error()"));
+}
+
+TEST_F(EngineAccess, ObjectIsNotDecodedWithoutTheFunction) {
+	EXPECT_EQ(nullptr, kaq_decode_json_object("{}", false));
 }
 
 /* The collector's reply, without a collector. */
@@ -207,6 +227,19 @@ TEST_F(Reply, NullEmptyAndWhatIsNoObjectChangeNothing) {
 		EXPECT_STREQ("i1", g->instance_id) << reply;
 		EXPECT_EQ(1.5f, g->sql_trace_threshold) << reply;
 	}
+}
+
+TEST_F(Reply, WhatIsDearToDecodeChangesNothing) {
+	std::string many = "{\"instance.id\":\"i2\",\"instance.status\":920,\"a\":[1";
+	for (int i = 0; i < KAQ_DECODE_MAX_VALUES; i++) {
+		many += ",1";
+	}
+	process_instance_info((many + "]}").c_str());
+	EXPECT_EQ(0, g->control_signal);
+	process_instance_info(MONITORED_REPLY);
+	process_instance_info((many + "]}").c_str());
+	EXPECT_EQ(1, g->control_signal);
+	EXPECT_STREQ("i1", g->instance_id);
 }
 
 TEST_F(Reply, SecondReplyReplacesTheTextsOfTheFirst) {

@@ -77,6 +77,52 @@ def test_reply_that_is_no_json_object_counts_as_empty_and_is_not_noticed_by_the_
     assert not is_monitored(collector)
 
 
+def enabling_with(member):
+    """A reply that enables, with one more member as its text."""
+    return json.dumps(ENABLED).encode()[:-1] + b"," + member + b"}"
+
+
+def members(count):
+    return b",".join(b'"member%d":1' % i for i in range(count))
+
+
+def text_member(content):
+    return b'"webtransaction.rum.snippet":"' + content + b'"'
+
+
+@pytest.mark.parametrize("member", [
+    b'"more":' + b"[" * 31 + b"]" * 31, b'"more":' + b'{"a":' * 31 + b"1" + b"}" * 31,
+    b'"more":[' + b"1," * 1000 + b"1]", members(500), b'"' + b"k" * 32000 + b'":1',
+    b'"more":' + b"7" * 32000, b" " * 32000 + b'"more":1', text_member(b"x" * 5000000),
+    text_member(b"caf\xc3\xa9 " * 700000), text_member(b"\\n" * 190000),
+    text_member(b'var a = \\"x\\"; // a line of a script\\n' * 60000),
+], ids=lambda member: repr(member[:40]))
+def test_reply_that_is_long_or_a_little_nested_is_taken(wire, collector, member):
+    collector.reply = enabling_with(member)
+    wire.cli()
+    assert is_monitored(collector)
+
+
+@pytest.mark.parametrize("member", [
+    b'"more":' + b"[" * 32 + b"]" * 32, b'"more":' + b'{"a":' * 32 + b"1" + b"}" * 32,
+    b'"more":[' + b"1," * 1100 + b"1]", members(600), b'"a":1,' * 600 + b'"a":1',
+    b'"more":[' + b"[]," * 1000000 + b"1]", b'"' + b"k" * 33000 + b'":1',
+    b'"more":' + b"7" * 33000, b" " * 33000 + b'"more":1', text_member(b"\\n" * 200000),
+], ids=lambda member: repr(member[:40]))
+def test_reply_that_is_dear_to_decode_counts_as_empty_and_is_not_noticed_by_the_script(
+        wire, collector, member):
+    collector.reply = enabling_with(member)
+    wire.same_as_bare(
+        wire.cli, source="echo json_last_error(); var_dump(error_get_last(), new stdClass);")
+    assert not is_monitored(collector)
+
+
+def test_memory_for_a_reply_is_in_proportion_to_its_length(wire, collector):
+    for member in (b'"more":[' + b"[1]," * 1000000 + b"1]", text_member(b"x" * 4000000)):
+        collector.reply = enabling_with(member)
+        assert int(wire.cli("echo memory_get_peak_usage(true);").stdout) < 20 << 20
+
+
 def test_reply_ends_at_its_first_nul_byte(wire, collector):
     collector.reply = json.dumps(ENABLED).encode() + b"\0" + b"{broken"
     wire.cli()

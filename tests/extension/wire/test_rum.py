@@ -137,6 +137,12 @@ def test_snippet_is_the_one_that_the_collector_gave_for_this_request(site):
         site.injected(HTML + SHOW, snippet.encode())
 
 
+def test_snippet_of_several_megabytes_arrives(site):
+    snippet = ("<script>/* \u00e4\u20ac \"quoted\" " + "x" * 60 + " */</script>\n") * 30000
+    site.collector.reply = dict(GIVEN, **{"webtransaction.rum.snippet": snippet})
+    site.injected(HTML + SHOW, snippet.encode())
+
+
 def test_closing_head_tag_in_the_snippet_is_no_place_for_it(site):
     snippet = "</head><head>"
     site.collector.reply = dict(GIVEN, **{"webtransaction.rum.snippet": snippet})

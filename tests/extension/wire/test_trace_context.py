@@ -208,6 +208,8 @@ def test_account_and_origin_are_known_by_one_exact_name_each(engine, tmp_path, a
     ('{"flow":"no separator"}', "no separator", False),
     ('{"flow":"\\u0061\\u00e9\\/;"}', "a\u00e9/;", False),
     ('{"flow":"%s"}' % ("a1;" * 1000), "a1;" * 1000, False),
+    ('{"flow":"a1;","more":%s1%s}' % ("[" * 31, "]" * 31), "a1;", False),
+    ('{"flow":"a1;","more":[%s1]}' % ("1," * 1000), "a1;", False),
     ('{}', None, False)], ids=lambda value: str(value)[:40])
 def test_flow_and_async_are_read_from_the_object(entry, value, flow, asynchronous):
     payload, body = entry.ask(headers=[SAME_ACCOUNT, ("X-Skelvor-Origin", value)])
@@ -220,10 +222,12 @@ def test_flow_and_async_are_read_from_the_object(entry, value, flow, asynchronou
     '{"flow":"a1;"} {}', '{"flow":"a1;",}', '{"flow":"a1;","async":True}', '{"flow":"\\x41;"}',
     '{"flow":"\\ud800;"}', '{"\\u0000x":1,"flow":"a1;"}',
     '{"flow":"a1;","deep":%s%s}' % ("[" * 600, "]" * 600),
+    '{"flow":"a1;","deep":%s%s}' % ("[" * 32, "]" * 32),
+    '{"flow":"a1;","many":[%s1]}' % ("1," * 1100),
     "[]", '["flow","a1;"]', '[{"flow":"a1;","async":true}]', '"flow"',
     '"{\\"flow\\":\\"a1;\\"}"', "7", "-1.5", "true", "false", "null"],
     ids=lambda value: value[:40])
-def test_origin_that_is_no_object_changes_nothing_and_is_not_reported(entry, value):
+def test_origin_that_is_no_object_or_dear_to_decode_changes_nothing_and_is_not_reported(entry, value):
     payload, body = entry.ask(headers=[
         SAME_ACCOUNT, ("X-Skelvor-Origin", value), ("Traceparent", TRACEPARENT)])
     assert flow_of(payload) == (None, False)

@@ -8,6 +8,7 @@ import pytest
 from fake_collector import DISABLED, DISABLED_NOTICE, ENABLED, FakeCollector
 
 ANSWER = json.dumps(ENABLED).encode()
+LONGEST_ANSWER = 5 << 20
 
 # Ends with a status of its own, ten calls deep, and shows what an extension might disturb.
 SCRIPT = """
@@ -134,12 +135,19 @@ def test_no_collector_at_the_address(wire, collector, settings):
 # Answers -----------------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("size", [
-    100, 1023, 1024, 4094, 4095, 4096, 4097, 5119, 5120, 5121, 8191, 8192, 8193, 65536, 5000000])
+    100, 1023, 1024, 4094, 4095, 4096, 4097, 5119, 5120, 5121, 8191, 8192, 8193, 65536, 5000000,
+    LONGEST_ANSWER])
 def test_answer_of_any_size_is_kept_whole(wire, collector, size):
     collector.reply = padded(size)
     assert len(collector.reply) == size
     wire.same_as_bare(wire.cli, source=SCRIPT)
     assert collector.payload.application["instance_id"] == "i-1"
+
+
+def test_answer_that_is_too_long_counts_as_empty(wire, collector):
+    collector.reply = padded(LONGEST_ANSWER + 1)
+    wire.same_as_bare(wire.cli, source=SCRIPT)
+    assert_unmonitored(collector)
 
 
 @pytest.mark.parametrize("size,piece", [(46, 1), (4097, 1), (9000, 1000), (20000, 4095)])
