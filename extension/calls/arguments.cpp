@@ -10,7 +10,7 @@
 #define KAQ_MAX_LETTERS (2 * KAQ_LAYOUT_LENGTH + 1)
 
 /* A layout as the engine's parser takes it, and where its outputs go. */
-typedef struct {
+struct kaq_reading {
 	char letters[KAQ_MAX_LETTERS];
 	void *output[KAQ_MAX_OUTPUTS];
 	int outputs;
@@ -20,7 +20,7 @@ typedef struct {
 	bool by_engine; /* numbers are read by the engine's parser, with its messages */
 	zend_bool flag; /* boolean arguments and "is null" marks, which nobody reads */
 	int ignored_count;
-} kaq_reading;
+};
 
 static void kaq_add_output(kaq_reading *reading, void *output) {
 	reading->output[reading->outputs++] = output;
@@ -241,15 +241,15 @@ static uint32_t kaq_given(const kaq_layout *layout, uint32_t passed) {
 	return layout->condition ? layout->count : passed;
 }
 
-int kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, int warn,
-						kaq_arguments *arguments) {
+bool kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, bool warn,
+						 kaq_arguments *arguments) {
 	uint32_t passed = ZEND_CALL_NUM_ARGS(execute_data);
 	const char *rest = layouts;
 	while (*rest) {
 		const kaq_layout layout = kaq_take_layout(&rest);
 		if (kaq_applies(&layout, passed) && kaq_try_layout(&layout, kaq_given(&layout, passed),
 														   ZEND_PARSE_PARAMS_QUIET, arguments)) {
-			return 1;
+			return true;
 		}
 	}
 	if (warn && !KAQ_PARSE_FAILURES_THROW && !kaq_caller_is_strict()) {
@@ -257,5 +257,5 @@ int kaq_parse_arguments(const zend_execute_data *execute_data, const char *layou
 		kaq_try_layout(&first, kaq_given(&first, passed), 0, arguments);
 	}
 	memset(arguments, 0, sizeof(*arguments));
-	return 0;
+	return false;
 }

@@ -15,20 +15,20 @@
 
 /* What a layout found, by kind and in order. Strings that were not passed are null, numbers 0. The
  * texts belong to the call's arguments. */
-typedef struct {
+struct kaq_arguments {
 	char *text[KAQ_LAYOUT_LENGTH];
 	size_t text_length[KAQ_LAYOUT_LENGTH];
 	zend_long number[KAQ_LAYOUT_LENGTH];
 	zval *value[KAQ_LAYOUT_LENGTH];
-} kaq_arguments;
+};
 
 /* One layout of a list. */
-typedef struct {
+struct kaq_layout {
 	const char *letters;
 	size_t length;
 	char condition; /* ':' exactly `count` arguments, '!' at least so many, '\0' none */
 	uint32_t count;
-} kaq_layout;
+};
 
 /* Whether a text begins with a condition, as "2:" and "1!" are. */
 constexpr bool kaq_is_condition(const char *text) {
@@ -87,7 +87,7 @@ constexpr bool kaq_are_readable(const char *layouts) {
 
 /* Tries the layouts in order. One that is too long or has an unknown letter fits nothing. With
  * `warn` the engine reports, once, what does not fit the first of them, where such a report is a
- * warning and not an exception. Returns 1 when one fitted; otherwise everything reads as not
+ * warning and not an exception. Returns whether one fitted; otherwise everything reads as not
  * passed. REQUIRES: the wrapped function is the running frame; the layouts can be read. */
-int kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, int warn,
-						kaq_arguments *arguments);
+bool kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, bool warn,
+						 kaq_arguments *arguments);

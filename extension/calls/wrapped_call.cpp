@@ -18,10 +18,10 @@ int kaq_zend_call_old_handler(kaq_phpfn_t oldhandler, zend_execute_data *execute
 	return caught;
 }
 
-kaq_fit kaq_read_arguments(const kaq_call *call, const char *layouts, int warn,
+kaq_fit kaq_read_arguments(const kaq_call *call, const char *layouts, bool warn,
 						   kaq_arguments *arguments) {
 	const zend_object *pending = EG(exception);
-	int fitted = kaq_parse_arguments(call->execute_data, layouts, warn, arguments);
+	bool fitted = kaq_parse_arguments(call->execute_data, layouts, warn, arguments);
 	if (EG(exception) != pending) {
 		return KAQ_THROWN;
 	}

@@ -25,19 +25,19 @@ struct kaq_internalfn {
 	int is_wrapped;
 };
 
-typedef struct {
+struct kaq_call {
 	zend_execute_data *execute_data;
 	zval *return_value;
 	kaq_phpfn_t oldhandler;
 	kaq_node *node;   /* the open span */
 	kaq_function *fi; /* of that span; names and priority are set */
-} kaq_call;
+};
 
 /* What kaq_read_arguments found. THROWN: script code that ran on the way (a __toString, an error
  * handler) threw, and the call must not happen. */
 enum kaq_fit { KAQ_FITTED = 1, KAQ_UNFIT = 0, KAQ_THROWN = -1 };
 
-kaq_fit kaq_read_arguments(const kaq_call *call, const char *layouts, int warn,
+kaq_fit kaq_read_arguments(const kaq_call *call, const char *layouts, bool warn,
 						   kaq_arguments *arguments);
 
 /* For a call whose arguments do not fit and that is recorded by its names alone. */

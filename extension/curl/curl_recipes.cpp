@@ -21,7 +21,7 @@ static bool kaq_keeps_headers(void) {
 /* The layouts here start with one or two handles. */
 static kaq_fit kaq_read_curl_arguments(const kaq_call *call, const char *layout,
 									   kaq_arguments *arguments) {
-	kaq_fit fit = kaq_read_arguments(call, layout, 0, arguments);
+	kaq_fit fit = kaq_read_arguments(call, layout, false, arguments);
 	for (const char *letter = layout; *letter == 'r' && fit == KAQ_FITTED; letter++) {
 		if (!kaq_may_be_curl(arguments->value[letter - layout])) {
 			fit = KAQ_UNFIT;
@@ -59,7 +59,7 @@ static bool kaq_is_taken(bool option_is_number, const zval *value) {
 
 void kaq_record(const kaq_call *call, kaq_curl_setopt) {
 	kaq_arguments arguments;
-	kaq_fit fit = kaq_read_arguments(call, "zzz", 0, &arguments);
+	kaq_fit fit = kaq_read_arguments(call, "zzz", false, &arguments);
 	const zval *option = arguments.value[1];
 	if (php_is_zval_valid_integer(option)) {
 		char name[KAQ_SETOPT_NAME_SIZE];
@@ -80,7 +80,7 @@ void kaq_record(const kaq_call *call, kaq_curl_setopt) {
 
 void kaq_record(const kaq_call *call, kaq_curl_setopt_array) {
 	kaq_arguments arguments;
-	kaq_fit fit = kaq_read_arguments(call, "za", 0, &arguments);
+	kaq_fit fit = kaq_read_arguments(call, "za", false, &arguments);
 	if (fit != KAQ_FITTED) {
 		kaq_finish_unread(call, fit);
 		return;

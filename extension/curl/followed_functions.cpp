@@ -31,7 +31,7 @@ static void kaq_follow(kaq_internalfn_t *record, zend_execute_data *execute_data
 					   zval *return_value, void (*after)(zval *handle, zval *result)) {
 	record->oldhandler(execute_data, return_value);
 	kaq_arguments arguments;
-	if (kaq_parse_arguments(execute_data, "r", 0, &arguments)) {
+	if (kaq_parse_arguments(execute_data, "r", false, &arguments)) {
 		after(arguments.value[0], return_value);
 	}
 }

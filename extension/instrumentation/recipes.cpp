@@ -18,7 +18,7 @@ void kaq_record(const kaq_call *call, kaq_names) {
 /* The text is copied before the call, which may release its own arguments. */
 void kaq_record(const kaq_call *call, kaq_query recipe) {
 	kaq_arguments arguments;
-	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, false, &arguments);
 	if (fit == KAQ_THROWN || (fit == KAQ_UNFIT && kaq_needs_fit(call, recipe.failure))) {
 		kaq_finish_unread(call, fit);
 		return;
@@ -53,7 +53,7 @@ void kaq_record(const kaq_call *call, kaq_connect recipe) {
 
 void kaq_record(const kaq_call *call, kaq_dbname recipe) {
 	kaq_arguments arguments;
-	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, false, &arguments);
 	if (fit != KAQ_FITTED) {
 		kaq_finish_unread(call, fit);
 		return;
@@ -67,7 +67,7 @@ void kaq_record(const kaq_call *call, kaq_dbname recipe) {
 
 void kaq_record(const kaq_call *call, kaq_cql recipe) {
 	kaq_arguments arguments;
-	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, 0, &arguments);
+	kaq_fit fit = kaq_read_arguments(call, recipe.layouts, false, &arguments);
 	if (fit != KAQ_FITTED) {
 		kaq_finish_unread(call, fit);
 		return;
@@ -80,7 +80,7 @@ void kaq_record(const kaq_call *call, kaq_cql recipe) {
 
 void kaq_record(const kaq_call *call, kaq_contact_points) {
 	kaq_arguments arguments;
-	kaq_fit fit = kaq_read_arguments(call, "+", 0, &arguments);
+	kaq_fit fit = kaq_read_arguments(call, "+", false, &arguments);
 	if (fit != KAQ_FITTED) {
 		kaq_finish_unread(call, fit);
 		return;

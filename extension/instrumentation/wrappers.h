@@ -10,14 +10,14 @@
 /* Value of `capture` for a function whose wrapper is never installed. */
 #define KAQ_NEVER ((size_t)-1)
 
-typedef struct {
+struct kaq_wrapper {
 	const char *full_name;
 	size_t capture; /* offset of the group's capture setting in the thread's record */
 	kaq_internalfn_t **outer_wrapper_global;
 	kaq_phpfn_t outer_wrapper;
 	void (*inner_wrapper)(zend_execute_data *execute_data, zval *return_value,
 						  kaq_internalfn_t *wraprec, kaq_node *node);
-} kaq_wrapper;
+};
 
 /* In the order of the table. */
 extern const kaq_wrapper kaq_wrappers[];

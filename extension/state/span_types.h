@@ -84,9 +84,9 @@ static inline bool kaq_is_stored_name(const kaq_node *node, const char *name) {
 	return !name || (name >= node->name_store && name < node->name_store + KAQ_NAME_STORE_SIZE);
 }
 
-typedef struct {
+struct kaq_node_list {
 	kaq_node *head;
-} kaq_node_list;
+};
 
 /* CPU time of the process, in ms. */
 typedef struct kaq_cpu_info {
@@ -96,12 +96,12 @@ typedef struct kaq_cpu_info {
 /* Records come in slabs and go back to a free list; spans/node_pool.h. */
 #define KAQ_SLAB_RECORDS 64
 
-typedef struct kaq_slab {
-	struct kaq_slab *next;
+struct kaq_slab {
+	kaq_slab *next;
 	kaq_node records[KAQ_SLAB_RECORDS];
-} kaq_slab;
+};
 
-typedef struct {
+struct kaq_node_pool {
 	kaq_node *free_list;
 	kaq_slab *slabs;
-} kaq_node_pool;
+};

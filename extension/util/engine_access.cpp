@@ -56,7 +56,7 @@ void kaq_call_internal(zend_function *function, uint32_t count, zval *args, zval
 	}
 }
 
-int kaq_has_plain_objects(void) {
+bool kaq_has_plain_objects(void) {
 	return zend_standard_class_def->create_object == nullptr;
 }
 
@@ -69,7 +69,7 @@ void kaq_fetch_backtrace(zval *frames, int limit) {
 }
 
 /* The standard cast needs the method; a class with a cast of its own may do without. */
-int kaq_is_stringable(const zval *object) {
+bool kaq_is_stringable(const zval *object) {
 	return Z_OBJCE_P(object)->__tostring ||
 		   Z_OBJ_HT_P(object)->cast_object != zend_get_std_object_handlers()->cast_object;
 }

@@ -20,16 +20,16 @@ zend_function *kaq_find_callable_function(const char *name, size_t length);
 void kaq_call_internal(zend_function *function, uint32_t count, zval *args, zval *result);
 
 /* Whether an object can be turned into a text. */
-int kaq_is_stringable(const zval *object);
+bool kaq_is_stringable(const zval *object);
 
 /* Whether the code that called the running internal function declares strict types. */
-static inline int kaq_caller_is_strict(void) {
+static inline bool kaq_caller_is_strict(void) {
 	return ZEND_ARG_USES_STRICT_TYPES();
 }
 
 /* Whether stdClass can be instantiated: a site may have disabled it, and older engines then warn.
  */
-int kaq_has_plain_objects(void);
+bool kaq_has_plain_objects(void);
 
 /* The running request's call frames as the engine's debug backtrace, without arguments, at most
  * `limit` frames (0: all). An empty array when nothing runs. */

@@ -73,12 +73,12 @@ bool kaq_passes_variable(const zend_op *op) {
 }
 
 /* Later engines take a disabled function out of the table. */
-int kaq_is_disabled_function(const zend_function *function) {
+bool kaq_is_disabled_function(const zend_function *function) {
 #if PHP_VERSION_ID < 80000
 	return function->internal_function.handler == ZEND_FN(display_disabled_function);
 #else
 	(void)function;
-	return 0;
+	return false;
 #endif
 }
 
@@ -152,23 +152,23 @@ zend_long kaq_zval_resource_id(const zval *handle) {
 	return Z_RES_HANDLE_P(handle);
 }
 
-int kaq_is_curl_handle(const zval *value) {
+bool kaq_is_curl_handle(const zval *value) {
 	if (!value || Z_TYPE_P(value) != IS_RESOURCE) {
-		return 0;
+		return false;
 	}
 	const char *type = zend_rsrc_list_get_rsrc_type(Z_RES_P(value));
 	return type && strcmp(type, "curl") == 0;
 }
 
-int kaq_may_be_curl(const zval *) {
-	return 1;
+bool kaq_may_be_curl(const zval *) {
+	return true;
 }
 
-int kaq_find_curl_handle(zend_long id, zval *handle) {
+bool kaq_find_curl_handle(zend_long id, zval *handle) {
 	zend_resource *resource =
 		(zend_resource *)zend_hash_index_find_ptr(&EG(regular_list), (zend_ulong)id);
 	if (!resource) {
-		return 0;
+		return false;
 	}
 	ZVAL_RES(handle, resource);
 	return kaq_is_curl_handle(handle);
@@ -197,21 +197,21 @@ zend_long kaq_zval_resource_id(const zval *handle) {
 										 : (zend_long)Z_RES_HANDLE_P(handle);
 }
 
-int kaq_is_curl_handle(const zval *value) {
+bool kaq_is_curl_handle(const zval *value) {
 	return value && Z_TYPE_P(value) == IS_OBJECT &&
 		   zend_string_equals_literal(Z_OBJCE_P(value)->name, "CurlHandle");
 }
 
-int kaq_may_be_curl(const zval *value) {
+bool kaq_may_be_curl(const zval *value) {
 	return Z_TYPE_P(value) == IS_OBJECT &&
 		   (kaq_is_curl_handle(value) ||
 			zend_string_equals_literal(Z_OBJCE_P(value)->name, "CurlMultiHandle"));
 }
 
-int kaq_find_curl_handle(zend_long id, zval *handle) {
+bool kaq_find_curl_handle(zend_long id, zval *handle) {
 	if (id <= 0 || id >= (zend_long)EG(objects_store).top ||
 		!IS_OBJ_VALID(EG(objects_store).object_buckets[id])) {
-		return 0;
+		return false;
 	}
 	ZVAL_OBJ(handle, EG(objects_store).object_buckets[id]);
 	return kaq_is_curl_handle(handle);

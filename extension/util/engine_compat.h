@@ -52,10 +52,10 @@ void kaq_bind_thread(void);
 /* Exception hook and error callback: the parameter lists follow the engine, the bodies pass them
  * on untouched with KAQ_ERROR_CB_ARGS. Within the callback KAQ_ERROR_FILE is the file's name and
  * KAQ_ERROR_MESSAGE fills a kaq_message, which may borrow from the arguments. */
-typedef struct {
+struct kaq_message {
 	const char *text;
 	char *owned;
-} kaq_message;
+};
 void kaq_message_free(kaq_message *message);
 #if PHP_VERSION_ID < 80000
 typedef zval kaq_thrown;
@@ -110,15 +110,15 @@ zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval
 zend_long kaq_zval_resource_id(const zval *handle);
 
 /* Whether the value is a handle that curl_init made and that is not closed. */
-int kaq_is_curl_handle(const zval *value);
+bool kaq_is_curl_handle(const zval *value);
 
 /* Whether a value that fits the letter "r" may be a curl handle of some kind: where handles are
  * resources the function itself finds out. */
-int kaq_may_be_curl(const zval *value);
+bool kaq_may_be_curl(const zval *value);
 
-/* The open curl handle of that number, without a reference of its own. Returns 0 when there is
+/* The open curl handle of that number, without a reference of its own. False when there is
  * none. */
-int kaq_find_curl_handle(zend_long id, zval *handle);
+bool kaq_find_curl_handle(zend_long id, zval *handle);
 
 /* Where a handle can be cloned: from now on `notice` is told of every clone of this one. The first
  * notice ever given counts for all. */
@@ -174,7 +174,7 @@ void kaq_free_last_error(void);
 #endif
 
 /* Whether the site has disabled the internal function. */
-int kaq_is_disabled_function(const zend_function *function);
+bool kaq_is_disabled_function(const zend_function *function);
 
 /* Engines with fibers: from now on `notice` is told of every switch, before it happens, with a slot
  * of each fiber that is null at first. Once per module start; the engine forgets it at its end.

@@ -26,21 +26,21 @@
 #include "util/engine_compat.h"
 
 /* All handlers of a script: the ones in force, and the stacks of those below. */
-typedef struct {
+struct kaq_handlers {
 	zval error_handler, exception_handler;
 	int error_level;
 	zend_stack error_handlers, error_levels, exception_handlers;
-} kaq_handlers;
+};
 
 /* Private to kaq_aside.cpp. */
-typedef struct {
+struct kaq_aside {
 	zend_object *exception, *previous_exception;
 	kaq_handlers handlers;
 	bool has_interrupt;
 	int error_reporting;
 	int last_error_type, last_error_line;
 	void *last_error_message, *last_error_file;
-} kaq_aside;
+};
 
 /* Puts all that aside. If it bails out, which it may at the memory limit, it has changed nothing;
  * otherwise kaq_aside_end has to follow, also after a bailout of the calls. */

@@ -10,7 +10,7 @@ static kaq_arguments found;
 
 static void read_arguments(void) {
 	memset(&found, 1, sizeof(found));
-	fitted = kaq_parse_arguments(EG(current_execute_data), layouts, 0, &found);
+	fitted = kaq_parse_arguments(EG(current_execute_data), layouts, false, &found);
 }
 
 class Arguments : public EngineTest {

@@ -360,23 +360,23 @@ TEST_F(CurlStores, HandleIsFoundByItsNumberWhileItIsOpen) {
 	Value other("fopen('php://memory', 'r')");
 	Value object("new stdClass");
 	zval found;
-	ASSERT_EQ(1, kaq_find_curl_handle(easy.id(), &found));
+	ASSERT_TRUE(kaq_find_curl_handle(easy.id(), &found));
 	EXPECT_EQ(Z_PTR_P((zval *)easy), Z_PTR(found));
 	EXPECT_EQ(1u, easy.refcount());
 	zend_long id = easy.id();
 	easy.release();
-	EXPECT_EQ(0, kaq_find_curl_handle(id, &found));
-	EXPECT_EQ(0, kaq_find_curl_handle(multi.id(), &found));
+	EXPECT_FALSE(kaq_find_curl_handle(id, &found));
+	EXPECT_FALSE(kaq_find_curl_handle(multi.id(), &found));
 #if KAQ_HANDLES_ARE_OBJECTS
-	EXPECT_EQ(0, kaq_find_curl_handle(object.id(), &found));
-	EXPECT_EQ(0, kaq_find_curl_handle(EG(objects_store).top, &found));
+	EXPECT_FALSE(kaq_find_curl_handle(object.id(), &found));
+	EXPECT_FALSE(kaq_find_curl_handle(EG(objects_store).top, &found));
 #else
-	EXPECT_EQ(0, kaq_find_curl_handle(other.id(), &found));
+	EXPECT_FALSE(kaq_find_curl_handle(other.id(), &found));
 #endif
 	const zend_long absent_ones[] = {
 		0, -1, 1000000, id + (INT64_C(1) << 32), ZEND_LONG_MAX, ZEND_LONG_MIN};
 	for (zend_long absent : absent_ones) {
-		EXPECT_EQ(0, kaq_find_curl_handle(absent, &found)) << absent;
+		EXPECT_FALSE(kaq_find_curl_handle(absent, &found)) << absent;
 	}
 }
 
@@ -386,7 +386,7 @@ TEST_F(CurlStores, ClosedHandleIsNoneAndIsRemovedAllTheSame) {
 	kaq_curl_multi_add_child(7, easy);
 	Value closed(php_call("curl_close", easy, nullptr, nullptr));
 	zval found;
-	EXPECT_EQ(0, kaq_find_curl_handle(easy.id(), &found));
+	EXPECT_FALSE(kaq_find_curl_handle(easy.id(), &found));
 	Value list("['A: 1']");
 	EXPECT_EQ(0, kaq_curl_save_req_headers(easy, list));
 	kaq_curl_multi_remove_child(7, easy.id());
