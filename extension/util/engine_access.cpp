@@ -68,7 +68,7 @@ void kaq_fetch_backtrace(zval *frames, int limit) {
 	zend_fetch_debug_backtrace(frames, 0, DEBUG_BACKTRACE_IGNORE_ARGS, limit);
 }
 
-/* The standard cast needs the method; a class with a cast of its own may do without. */
+/* The standard cast needs __toString(); a class with its own cast handler may do without it. */
 bool kaq_is_stringable(const zval *object) {
 	return Z_OBJCE_P(object)->__tostring ||
 		   Z_OBJ_HT_P(object)->cast_object != zend_get_std_object_handlers()->cast_object;

@@ -4,9 +4,9 @@
 #include <stddef.h>
 
 /*
- * Splits `line` at its first colon. `name` receives what stands before it, `value` what follows
- * after leading white space, up to the end of the line with all trailing characters, a final CR LF
- * included. Each is cut to its buffer's size - 1 bytes and terminated.
+ * Splits `line` at its first colon. `name` receives what comes before it, `value` the rest without
+ * its leading white space but with everything at its end, even a final CR LF. Each is cut to its
+ * buffer's size - 1 bytes and terminated.
  *
  * Does nothing when a pointer is null, a size is 0 or the line is empty. A line without a colon
  * leaves both buffers as they are, so the caller empties `name` first and drops the line if it is
@@ -20,10 +20,10 @@ void kaq_header_to_keyvalue(const char *line, char *name, size_t name_size, char
 char *header_format_name_value(const char *name, const char *value, int crlf);
 
 /*
- * Finds `key` in `text` whatever its case, passes over the colons and blanks behind it and returns
- * the run of characters that an encoded value may consist of as a new heap string: letters, digits,
- * blanks and + / = _ - . , : ; % ~ ! * ' ( ) { } " [ ]. Null when the key is absent or null, or the
- * run is empty. The caller frees.
+ * Finds `key` in `text` in any case, skips the colons and blanks after it and returns the run of
+ * characters that an encoded value may consist of as a new heap string: letters, digits, blanks and
+ * + / = _ - . , : ; % ~ ! * ' ( ) { } " [ ]. Null when the key is absent or null, or the run is
+ * empty. The caller frees.
  *
  * Interface: kept for callers outside.
  */

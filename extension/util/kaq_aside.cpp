@@ -2,13 +2,15 @@
 
 #include <string.h>
 
-/* Types at which the engine ends the request unless a handler takes them. */
+/* Types of errors that end the request unless a handler takes them. */
 #define KAQ_TAKEN_BY_HANDLERS (E_USER_ERROR | E_RECOVERABLE_ERROR)
-/* As an error handler: whatever it is given, it does nothing and does not say false. */
+/* A function that serves as an error handler: it ignores its arguments, has no effect, and does not
+ * return false, which would pass the error on to the engine. */
 #define KAQ_SILENT_HANDLER "kaq_agent_version"
-/* So many of the script's error handlers below the one in force are stood in for. */
+/* At most this many of the script's error handlers, below the one in force, get a stand-in. */
 #define KAQ_MAX_STAND_INS STACK_BLOCK_SIZE
-/* What goes may leave something behind that has to go, too, and may do so for ever. */
+/* A destructor may leave behind something that has to be released too, and so on without end: give
+ * up after this many rounds. */
 #define KAQ_MAX_DROPS 100
 
 __thread int kaq_asides __attribute__((tls_model("initial-exec"), visibility("hidden")));
@@ -38,9 +40,9 @@ static void kaq_make_stand_in(zval *made, const zval *handler) {
 	}
 }
 
-/* Error handlers that take in silence what the script's might have taken, also once the code inside
- * has restored some. Exception handlers are not called before all code has returned, so they need
- * no stand-ins. */
+/* A silent error handler for each of the script's, so that errors are swallowed even after the
+ * called code has restored earlier handlers. Exception handlers are called only once all code has
+ * returned, so they need no stand-ins. */
 static void kaq_make_stand_ins(kaq_handlers *made, const kaq_handlers *own) {
 	const zval *handlers = (const zval *)zend_stack_base(&own->error_handlers);
 	const int *levels = (const int *)zend_stack_base(&own->error_levels);
@@ -60,7 +62,7 @@ static void kaq_make_stand_ins(kaq_handlers *made, const kaq_handlers *own) {
 	ZVAL_UNDEF(&made->exception_handler);
 }
 
-/* Whether script code may run when it goes. */
+/* Whether releasing the handler may run script code. */
 static bool kaq_is_live(const zval *handler) {
 	return Z_TYPE_P(handler) != IS_UNDEF && Z_TYPE_P(handler) != IS_STRING;
 }
@@ -112,7 +114,7 @@ static bool kaq_drop_handlers(const kaq_aside *aside) {
 	return true;
 }
 
-/* The same. The first exit is kept. */
+/* Returns whether script code may have run. The first exit is kept in *exit. */
 static bool kaq_drop_exception(zend_object **exit) {
 	zend_object *raised = EG(exception);
 	if (!raised) {
@@ -140,7 +142,7 @@ void kaq_aside_drop(const kaq_aside *aside) {
 void kaq_aside_begin(kaq_aside *aside) {
 	kaq_handlers stand_ins;
 	kaq_read_handlers(&aside->handlers);
-	kaq_make_stand_ins(&stand_ins, &aside->handlers); /* the memory limit may end it here */
+	kaq_make_stand_ins(&stand_ins, &aside->handlers); /* may bail out at the memory limit */
 	kaq_write_handlers(&stand_ins);
 	aside->has_interrupt = kaq_take_interrupt();
 	aside->exception = EG(exception);

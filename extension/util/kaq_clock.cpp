@@ -15,13 +15,14 @@ static const uint64_t DEADLINE_RESERVE_NS = 1000;
 
 static const uint64_t MEASURE_MIN_NS = 5 * NS_PER_MS;
 
-/* Beyond this a machine may have slept in between, which the two clocks do not see alike. */
+/* Over a longer time the machine may have been suspended, which the clock and the counter count
+ * differently. */
 static const uint64_t MEASURE_MAX_NS = 1000 * NS_PER_MS;
 
 __thread kaq_clock_thread_state kaq_clock_thread
 	__attribute__((tls_model("initial-exec"), visibility("hidden")));
 
-/* Each value stands for itself, so relaxed order is enough: no other data hangs on them. */
+/* Each value stands for itself, so relaxed order is enough: no other data depends on them. */
 static std::atomic<uint64_t> cycles_per_ms{0};
 static std::atomic<int> counter_trusted{0};
 static std::atomic<int> gate_on{1};
@@ -31,8 +32,7 @@ static int kaq_counter_is_invariant(void) {
 	return __get_cpuid(0x80000007, &eax, &ebx, &ecx, &edx) != 0 && (edx & (1u << 8)) != 0;
 }
 
-/* The kernel resorts to these clocks where it has found the counters of the processors to differ.
- */
+/* The kernel falls back on these clocks when it finds that the processors' counters differ. */
 static int kaq_kernel_distrusts_counter(void) {
 	char name[32];
 	int fd = open("/sys/devices/system/clocksource/clocksource0/current_clocksource",

@@ -3,9 +3,9 @@
  * of a user function.
  *
  * Each thread keeps the last millisecond that it read, together with a number of cycles of the
- * processor's time-stamp counter that is certain to pass before this millisecond ends. Until then
- * kaq_now_ms answers from the record; afterwards it reads the clock again. The gate works only
- * where the counter runs at a constant rate, and only after its rate has been measured; the
+ * processor's time-stamp counter for which this millisecond is certain to last. Until they have
+ * passed kaq_now_ms answers from the record; afterwards it reads the clock again. This gate works
+ * only where the counter runs at a constant rate, and only after its rate has been measured; the
  * measurement costs no waiting, it compares two clock readings that are needed anyway and lie at
  * least 5 ms apart. Before that, and where the counter cannot be trusted, every call reads the
  * clock. A step of the system clock is seen at the end of the millisecond in which it happens.
@@ -57,7 +57,7 @@ void kaq_wall_clock(uint64_t *sec, uint64_t *usec);
 /* sec * 1000 + usec / 1000, each truncated. */
 uint64_t kaq_ms_of(uint64_t sec, uint64_t usec);
 
-/* Milliseconds of a clock that no one sets, from an unspecified start: for time-outs. */
+/* Milliseconds of the monotonic clock, from an unspecified start: for time-outs. */
 uint64_t kaq_monotonic_ms(void);
 
 /*
@@ -70,9 +70,9 @@ uint64_t kaq_clock_deadline_cycles(uint64_t ns_in_ms, uint64_t rate_per_ms);
 /*
  * Lower bound of the counter's cycles per millisecond, from two points `elapsed_ns` apart. Each
  * point has the counter read before and after its clock reading, so a thread that lost the
- * processor in between makes the bound smaller, never too large.
- * 0 when the points do not serve: less than 5 ms or more than 1 s apart, a counter that ran
- * backwards, or readings so slow that the bound would be more than 2 % short.
+ * processor in between makes the bound smaller, never too large. 0 when the points cannot be used:
+ * less than 5 ms or more than 1 s apart, a counter that ran backwards, or readings so slow that the
+ * bound would be more than 2 % short.
  */
 uint64_t kaq_clock_rate(uint64_t elapsed_ns, uint64_t first_before, uint64_t first_after,
 						uint64_t second_before, uint64_t second_after);

@@ -45,7 +45,7 @@ static int kaq_read_device(const char *device, unsigned char *bytes, size_t n) {
 	if (file == nullptr) {
 		return 0;
 	}
-	/* A buffer of its own would fetch some thousand bytes for an identifier of eight. */
+	/* Buffered, it would read thousands of bytes for an identifier of eight. */
 	setvbuf(file, nullptr, _IONBF, 0);
 	size_t got = fread(bytes, 1, n, file);
 	fclose(file);

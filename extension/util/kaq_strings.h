@@ -1,17 +1,16 @@
 /*
  * Text helpers without engine types.
  *
- * All texts are NUL-terminated bytes without a declared encoding. Case is folded for the letters
- * A to Z only, whatever the locale of the process is. Any thread may call any of these at any time.
+ * All texts are NUL-terminated bytes without a declared encoding. Case is folded for the letters A
+ * to Z only, whatever the locale of the process. Any thread may call any of these at any time.
  */
 #pragma once
 
 #include <stddef.h>
 
 /*
- * Index of the first occurrence of `needle` in `text` regardless of case, or -1.
- * An empty needle is found at 0, also in an empty text. A null argument gives -1.
- * Interface: kept for callers outside.
+ * Index of the first occurrence of `needle` in `text` regardless of case, or -1. An empty needle is
+ * found at 0, even in an empty text. A null argument gives -1. Interface: kept for callers outside.
  */
 int strcaseidx(const char *text, const char *needle);
 
@@ -25,10 +24,10 @@ int strcaseidx(const char *text, const char *needle);
 int strncaseidx(const char *text, const char *needle, size_t length);
 
 /*
- * New heap copy of the characters `start` up to but not including `end`, shorter where the text
- * ends before (a start behind the text's end gives an empty text). Null when start or end is
- * negative, end lies before start, text is null, or memory is short. The caller frees.
- * Interface: kept for callers outside.
+ * New heap copy of the characters `start` up to but not including `end`, shorter if the text ends
+ * earlier (a start beyond its end gives an empty text). Null when start or end is negative, end
+ * lies before start, text is null, or memory is short. The caller frees. Interface: kept for
+ * callers outside.
  */
 char *substr(const char *text, int start, int end);
 

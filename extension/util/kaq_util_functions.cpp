@@ -20,7 +20,8 @@ void php_zval_free(zval *value) {
 	}
 }
 
-/* Complete or not there: the memory limit may end either step, and shutdown functions go on. */
+/* The caller gets a complete array or, after a bailout at the memory limit, none: shutdown
+ * functions, which run after it, must not find half of one. */
 zval *kaq_new_array(void) {
 	zval *value = php_zval_alloc();
 	array_init(value);

@@ -21,20 +21,20 @@ zval *kaq_new_array(void);
 /* Releases the value and frees its container. A destructor may run if it holds the last reference
  * to an object. Null is ignored. */
 void php_zval_free(zval *value);
-/* php_zval_free of *slot, which is null before the value is released. */
+/* php_zval_free(*slot), with *slot set to null first, so that a destructor cannot see it. */
 void kaq_zval_release(zval **slot);
 
 /*
  * Calls the PHP function `name`, given in lower case, with `count` arguments, and returns its
- * result as a new value. Only an internal function is found that scripts could call themselves: for
- * one that is missing, disabled or a script's own the result is null and nobody is told.
+ * result as a new value. Only internal functions that scripts could call themselves are found: for
+ * one that is missing, disabled or defined by a script the result is null, and no error is raised.
  *
- * The arguments stay the caller's; the function gets copies, so it must not want references.
+ * The caller keeps its arguments; the function gets copies, so it must not take any by reference.
  *
- * The script notices the call as if it had made it: what the function runs of its code (callbacks,
- * __toString, iterators) runs, errors go to its handlers, and an exception stays pending, with null
- * as the result. While an exception is pending nothing is called and the result is null. A bailout
- * in the function passes through here.
+ * To the script it is as if it had made the call itself: its code that the function calls runs
+ * (callbacks, __toString, iterators), errors go to its handlers, and an exception stays pending,
+ * with null as the result. While an exception is pending nothing is called and the result is null.
+ * A bailout in the function passes through here.
  */
 zval *php_call_user_func(const char *name, uint32_t count, zval *args);
 
@@ -42,23 +42,22 @@ zval *php_call_user_func(const char *name, uint32_t count, zval *args);
 zval *php_call(const char *name, zval *arg1, zval *arg2, zval *arg3);
 
 /*
- * php_call of which the script notices nothing but what its own code does meanwhile: whatever could
- * show is put aside, as util/kaq_aside.h says, and put back. So it also works while an exception is
- * pending, which is still the one pending afterwards. What the call throws is dropped, and the
- * result is null then.
+ * A php_call that the script cannot notice, except through what its own code does meanwhile: all
+ * traces are put aside, as util/kaq_aside.h describes, and put back. So it also works while an
+ * exception is pending, which stays pending. An exception that the call throws is dropped, and the
+ * result is then null.
  *
- * What ends the request is not held up: a bailout passes through here once everything is back in
- * place, and an exit is pending afterwards where exits are exceptions.
+ * What ends the request still does: a bailout passes through here once everything is back in place,
+ * and an exit is left pending in engines where exits are exceptions.
  */
 zval *php_call_unnoticed(const char *name, zval *arg1, zval *arg2, zval *arg3);
 
-/* The value of the constant of that name, which may have any type: a script can define one that no
+/* The value of the constant of that name, which may have any type: a script can define it if no
  * extension does. Null when nothing defines it. Belongs to the engine and is valid until request
  * end. Runs no script code. */
 zval *php_get_constant(const char *name);
 
-/* Null-safe. A string, an array or a curl handle is valid when it is one; a value is true as the
- * language has it. */
+/* Null-safe. A value is valid when it has the type named; it is true when PHP takes it for true. */
 int php_is_zval_valid_string(const zval *value);
 int php_is_zval_non_empty_string(const zval *value);
 int php_is_zval_valid_array(const zval *value);
@@ -66,8 +65,8 @@ int php_is_zval_valid_integer(const zval *value);
 int php_is_zval_valid_curl_handle(const zval *value);
 int php_is_zval_true(zval *value);
 
-/* Stores a value under a string key of an array, sharing it. Interface: kept for callers outside.
- */
+/* Stores a value under a string key of an array, which shares it with the caller. Interface: kept
+ * for callers outside. */
 void kaq_add_assoc_zval(zval *array, const char *key, zval *value);
 void kaq_add_assoc_zval_ex(zval *array, const char *key, size_t key_length, zval *value);
 
