@@ -1,7 +1,7 @@
 #include "json/json_bounds.h"
 
-/* Where the string whose content begins at `at` has its closing quote, or `length`. One step for
- * each byte, and one branch, taken at the end alone: escapes take no longer than other text. */
+/* The index of the closing quote of the string whose content begins at `at`, or `length`. The loop
+ * branches only at the end of the string, so escapes take no longer than other text. */
 static size_t kaq_string_end(const char *text, size_t at, size_t length, size_t *escapes) {
 	size_t found = 0;
 	unsigned is_escaped = 0;

@@ -87,7 +87,7 @@ size_t kaq_json_escape(char *out, const char *text, size_t len) {
 		if (mask == 0) {
 			continue;
 		}
-		/* The next byte is to be escaped, and often the one behind it too. */
+		/* The next byte has to be escaped, and often the one after it too. */
 		do {
 			const escape *found = &ESCAPES.entry[(unsigned char)*text];
 			if (found->length == 0) {

@@ -1,6 +1,6 @@
 /*
  * The inner loops of all JSON that goes to the collector: string content and decimal numbers,
- * written into room that the caller has made sure of. No allocation, no state; any thread.
+ * written into room that the caller has reserved. No allocation, no state; any thread.
  */
 #pragma once
 
@@ -13,20 +13,20 @@
 
 /*
  * Writes the escaped form of the `len` bytes at `text`, without quotes and without a NUL, and
- * returns the number of bytes written, at most 6 * len. Bytes behind them, up to the room
- * asked for, are overwritten with anything.
+ * returns the number of bytes written, at most 6 * len. The bytes after them, up to the room
+ * required, may be overwritten with anything.
  *
  * Control characters, the double quote, the backslash and the solidus are escaped (\b \t \n \f \r,
- * \u00xx in lowercase for the other ones). All other bytes, 0x7F and above 0x7F too, are copied as
- * they are: what is no valid UTF-8 stays so.
+ * \u00xx in lowercase for the others). All other bytes, including 0x7F and above, are copied as
+ * they are: invalid UTF-8 stays invalid.
  *
  * REQUIRES: `out` has KAQ_JSON_ESCAPE_MAX(len) bytes and does not overlap `text`; `text` is
- * readable for len bytes (it may be null when len is 0) and is free of NUL bytes. A NUL byte is
- * written as \u0000.
+ * readable for len bytes (it may be null when len is 0) and has no NUL bytes (one would be written
+ * as \u0000).
  */
 size_t kaq_json_escape(char *out, const char *text, size_t len);
 
-/* A bit per byte of the block that has to be escaped; a NUL counts. */
+/* One bit for each byte of the block; it is set if the byte is a NUL or has to be escaped. */
 static inline unsigned kaq_json_escape_mask(__m128i block) {
 	/* The minimum leaves a byte as it is exactly when it is below 0x20, unsigned. */
 	__m128i control = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8(0x1f)), block);

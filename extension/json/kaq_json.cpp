@@ -201,7 +201,7 @@ zval *kaq_json_decode(zval *text, bool has_json_decode) {
 	return php_call("json_decode", text, nullptr, nullptr);
 }
 
-/* A text that could not be decoded must not be what the script's json_last_error() reports. */
+/* The script's json_last_error() must not report that our text could not be decoded. */
 static void kaq_clear_decoder_error(void) {
 	zval text;
 	ZVAL_STRING(&text, "0");

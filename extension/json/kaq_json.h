@@ -1,5 +1,5 @@
 /*
- * JSON text as the collector takes it. Every text that the extension sends is written with these
+ * JSON text as the collector expects it. Every text that the extension sends is written with these
  * functions, straight into a growable buffer.
  *
  * Differs from a general JSON writer on purpose: bytes above 0x7E pass raw and unchecked, the
@@ -37,7 +37,7 @@ static inline char *kaq_buf_reserve(smart_str *buffer, size_t extra) {
 	return ZSTR_VAL(buffer->s) + ZSTR_LEN(buffer->s);
 }
 
-/* What stands before `end` in the room that was reserved now belongs to the text. */
+/* Makes what was written into the reserved room, up to `end`, part of the text. */
 static inline void kaq_buf_commit(smart_str *buffer, const char *end) {
 	ZSTR_LEN(buffer->s) = (size_t)(end - ZSTR_VAL(buffer->s));
 }
@@ -59,7 +59,7 @@ template <size_t size> static inline char *kaq_put_literal(char *out, const char
 }
 
 void kaq_buf_terminate(smart_str *buffer);
-/* Forgets the text and keeps the room, or gives back room of more than `most` bytes. */
+/* Empties the buffer. Its memory is kept for the next text unless it is more than `most` bytes. */
 void kaq_buf_reset(smart_str *buffer, size_t most);
 void kaq_buf_free(smart_str *buffer);
 
@@ -76,13 +76,14 @@ void kaq_append_as_json_key_value(smart_str *buffer, const char *key, const char
 
 /* Appends the JSON text of a value; depth is 0 at the top. */
 void kaq_encode_zval_to_json_internal(const zval *value, smart_str *buffer, int depth);
-/* The JSON text of a value as a new heap string (release with free), or null for a null value. */
+/* The JSON text of a value as a new heap string (release with free). Null for a null pointer and
+ * for a text longer than KAQ_JSON_MAX_TEXT. */
 char *kaq_encode_zval_to_json(const zval *value);
 
-/* Decodes JSON text with the engine's json_decode. A new value (php_zval_free), or null when the
- * argument is null or the caller has found the engine without json_decode. */
+/* Decodes JSON text with the engine's json_decode. A new value (php_zval_free), or null when `text`
+ * is null or `has_json_decode` is false. */
 zval *kaq_json_decode(zval *text, bool has_json_decode);
 
-/* The same for a text that others have sent: null unless it is within KAQ_DECODE_BOUNDS and an
- * object. A script's json_last_error() shows nothing of it. */
+/* The same for a text that others have sent: null unless it is within KAQ_DECODE_BOUNDS and decodes
+ * to an object. The script's json_last_error() shows no trace of it. */
 zval *kaq_decode_json_object(const char *json, bool has_json_decode);
