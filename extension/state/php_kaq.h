@@ -83,7 +83,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	float sql_trace_threshold;     /* seconds */
 	uint64_t start_time, end_time; /* ms since the epoch */
 	int64_t memory_usage;          /* reserved, stays 0 */
-	/* A setting's last non-empty text (thread), and its copy for the request. */
+	/* In pairs: a setting's last non-empty text, kept by the thread, and its copy for the request. */
 	char *applicationname;
 	char *application_name;
 	char *remoteexporterhostname;
@@ -124,7 +124,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	kaq_exception **exceptionslist;
 	kaq_node_list node_list; /* what node_buffer points at */
 	kaq_node_pool node_pool; /* every span record of this thread */
-	int work_done;           /* this thread has its wrappers */
+	int work_done;           /* this thread's functions are wrapped */
 	/* The payload's text and its line, kept while they are of a usual size. */
 	smart_str payload_text;
 	char *payload_line;

@@ -1,9 +1,9 @@
 /*
- * The records that hold one request's spans. What is done with them stands in spans/kaq_util.h.
+ * The records that hold one request's spans. The operations on them are in spans/kaq_util.h.
  *
- * Ownership: text in a span is a heap copy that the span owns, but for short names, which live in
- * the record itself. A record belongs to the pool of the thread that created the span. Times are
- * wall clock milliseconds since the epoch.
+ * Ownership: text in a span is a heap copy that the span owns, except for short names, which are
+ * stored in the record itself. The setters copy, kaq_free_node() frees. A record belongs to the
+ * pool of the thread that created the span. Times are wall clock milliseconds since the epoch.
  */
 #pragma once
 
@@ -56,7 +56,7 @@ typedef struct kaq_node_info kaq_node;
 struct kaq_node_data {
 	int key;         /* index of the span in its request; 0 is the root */
 	int state;       /* kaq_node_state */
-	int child_count; /* spans ever opened below this one */
+	int child_count; /* children ever opened */
 	kaq_node *parent;
 	kaq_function function_info;
 	uint64_t start_time, end_time;
@@ -70,7 +70,7 @@ struct kaq_node_info {
 	/* Short names live here, so that recording a call needs no allocation. Not cleared. Engine
 	 * strings are copied in steps of 8 bytes, so the size is a multiple of 8. */
 	char name_store[KAQ_NAME_STORE_SIZE];
-	/* Names may be read in blocks of this size. */
+	/* Lets a name in the store be read in blocks of this size, past its end. */
 	char name_padding[KAQ_NAME_STORE_PADDING];
 };
 
@@ -79,7 +79,8 @@ static inline bool kaq_is_php_component(const kaq_function *fi) {
 	return memcmp(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT)) == 0;
 }
 
-/* Whether a name stands in its span's record. A null name does: there is nothing to free. */
+/* Whether a name is stored in its span's record, so that it need not be freed. True for a null
+ * name. */
 static inline bool kaq_is_stored_name(const kaq_node *node, const char *name) {
 	return !name || (name >= node->name_store && name < node->name_store + KAQ_NAME_STORE_SIZE);
 }
@@ -93,7 +94,7 @@ typedef struct kaq_cpu_info {
 	uint64_t user_start_time, user_end_time, sys_start_time, sys_end_time, total_time;
 } kaq_cpu;
 
-/* Records come in slabs and go back to a free list; spans/node_pool.h. */
+/* Records come from slabs and go back to a free list; see spans/node_pool.h. */
 #define KAQ_SLAB_RECORDS 64
 
 struct kaq_slab {
