@@ -28,8 +28,8 @@ kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
 	return kaq_populate_in(kaq_get_globals(), execute_data);
 }
 
-/* What the hook needs after kaq_enter_call, in two registers: were the frame pointer kept across
- * that call, the hook would save one register more, and deep recursion pays for every one. */
+/* What the hook needs after kaq_enter_call, in two registers: if the frame pointer were kept across
+ * that call, the hook would save one more register, and each costs stack in deep recursion. */
 struct kaq_entered_call {
 	kaq_node *node;
 	zend_execute_data *execute_data;
@@ -63,9 +63,9 @@ void kaq_execute_ex(zend_execute_data *execute_data) {
 	}
 }
 
-/* A fiber's slot holds its current span and, in the upper bits, how often the span's record had
- * been reused then: the span may have belonged to the code that resumed the fiber, and be gone. A
- * slot of NO_SPAN says that there was none, an empty one that the fiber is new. */
+/* A fiber's slot holds its current span and, in the upper bits, the reuse count of the span's
+ * record at that time, which shows whether the span is gone: it may have belonged to the code that
+ * resumed the fiber. NO_SPAN means that there was no span, an empty slot that the fiber is new. */
 #define KAQ_REUSE_SHIFT 48
 static const uintptr_t NO_SPAN = 1;
 

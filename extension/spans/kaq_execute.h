@@ -1,8 +1,8 @@
 /*
  * Capture of user code: the engine's execute hook, the root span, and the request's CPU time.
  *
- * The hook puts every PHP call on the C stack once more, so its frame is kept to one saved
- * register: what happens before and after the chained call stands in functions of its own.
+ * The hook adds a frame to the C stack for every PHP call, so this frame is kept to one saved
+ * register: what happens before and after the chained call is in functions of its own.
  */
 #pragma once
 
@@ -11,23 +11,24 @@
 /* The hook found at module start; null when ours is not installed. */
 extern void (*old_execute_ex)(zend_execute_data *execute_data);
 
-/* Opens a span for a named user function or method, chains, and closes the span. A bailout leaves
- * the span open; request end closes it. REQUIRES: old_execute_ex is set. */
+/* Opens a span for a named user function or method, calls old_execute_ex, and closes the span. A
+ * bailout leaves the span open; request end closes it. REQUIRES: old_execute_ex is set. */
 void kaq_execute_ex(zend_execute_data *execute_data);
 
 /* A new span that names the frame's function, or null for a frame without a named function: the
  * main script, an included file, eval'd code. Interface: kept for callers outside. */
 kaq_node *kaq_populate_function(const zend_execute_data *execute_data);
 
-/* A fiber is left and another one, or the main code, goes on: each has a current span of its own. A
- * fiber that starts, or whose span is gone, takes over the one of the code that it goes on from. */
+/* Called when `from` is left and `to` goes on, each of them the slot of a fiber or of the main
+ * code: each has a current span of its own. A fiber that starts, or whose span is gone, keeps the
+ * current span of the code that resumed it. */
 void kaq_switch_fiber(void **from, void **to);
 
 /* Opens the root span "main". REQUIRES: no span of this request has been opened. */
 void kaq_create_main_method(void);
 
-/* CPU time of the whole process in ms since the start call, into the thread's cpu_time. Both
- * return 0, or -1 when the operating system refuses. */
+/* Store the CPU time of the whole process, in ms since the start call, in the thread's cpu_time.
+ * Both return 0, or -1 when the operating system refuses. */
 int kaq_cpu_usage_start(void);
 int kaq_cpu_usage_end(void);
 

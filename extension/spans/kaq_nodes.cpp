@@ -81,8 +81,8 @@ static void kaq_close_orphan(kaq_node_pool *, kaq_node *node) {
 	kaq_close_node(node);
 }
 
-/* A bailout that somebody caught on the way leaves open spans that no longer lead up from the
- * current one; the pool still knows them. */
+/* A bailout that was caught on its way leaves open spans that are no longer ancestors of the
+ * current one; the pool still finds them. */
 void kaq_close_open_nodes(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	while (g->current_node && g->current_node->data.state == KAQ_NODE_OPEN) {
@@ -122,7 +122,7 @@ kaq_node **kaq_validate_nodes(void) {
 		without_id += node->data.function_info.span_id[0] == '\0';
 		by_key[node->data.key] = node;
 	}
-	/* One generator call serves all spans: a call opens the random device. */
+	/* One generator call serves all spans, since each opens the random device. */
 	char *ids = (char *)malloc((size_t)without_id * KAQ_SPAN_ID_LENGTH + 1);
 	if (!ids) {
 		free(by_key);

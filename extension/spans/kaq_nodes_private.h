@@ -1,7 +1,7 @@
 /*
  * Private to this room. The path that every user call takes through the spans, inline: opening,
- * naming, closing and dropping a span. The functions of kaq_util.h are these with the thread's
- * record looked up.
+ * naming, closing and dropping a span. The functions of kaq_util.h look up the thread's record and
+ * call these.
  */
 #pragma once
 
@@ -15,7 +15,7 @@
 /* Moves a closed span into the node buffer. */
 void kaq_buffer_node(kaq_node *node);
 
-/* Frees the texts that a span owns; its fields then point nowhere. */
+/* Frees the texts that a span owns; the pointers to them are left dangling. */
 void kaq_release_texts(kaq_node *node);
 
 /* Whether anything in the span has to be freed. */
@@ -30,8 +30,8 @@ static inline bool kaq_owns_texts(const kaq_node *node) {
 		   !kaq_is_stored_name(node, fi->function_name);
 }
 
-/* Engine strings are allocated in steps of 8 bytes from their characters on, so whole steps can be
- * copied. */
+/* The engine allocates the characters of a string in multiples of 8 bytes, so 8 bytes at a time can
+ * be copied. */
 static inline size_t kaq_padded_size(const zend_string *text) {
 	return ZEND_MM_ALIGNED_SIZE_EX(ZSTR_LEN(text) + 1, 8);
 }
@@ -44,7 +44,7 @@ static inline char *kaq_copy_padded(char *store, const zend_string *text) {
 	return store + size;
 }
 
-/* Names a span of user code after the engine's strings. */
+/* Names a span of user code; copies the engine's strings. */
 static inline void kaq_name_user_call(kaq_node *node, const zend_string *class_name,
 									  const zend_string *function_name) {
 	kaq_function *fi = &node->data.function_info;
@@ -77,8 +77,7 @@ static inline void kaq_open_in(zend_kaq_globals *g, kaq_node *node) {
 	g->current_node = node;
 }
 
-/* The span that goes on when `node` ends. Where fibers take turns a parent may have ended before.
- */
+/* The span that is current once `node` has ended. With fibers a parent may end before its child. */
 static inline kaq_node *kaq_open_ancestor(const kaq_node *node) {
 	kaq_node *parent = node->data.parent;
 	while (UNEXPECTED(parent && parent->data.state != KAQ_NODE_OPEN)) {

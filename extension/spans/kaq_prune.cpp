@@ -26,8 +26,8 @@ static void kaq_choose_kept(kaq_node **nodes, int *keep, int count) {
 	}
 }
 
-/* A parent has a lower key than its children, so the walk of an earlier span has shortened the way:
- * however long the chains are, all walks together are linear. */
+/* A parent has a lower key than its children, so earlier walks have already shortened the path:
+ * however long the chains are, all walks together take linear time. */
 static void kaq_reparent(kaq_node **nodes, const int *keep, int count) {
 	for (int i = 1; i < count; i++) {
 		if (nodes[i]) {

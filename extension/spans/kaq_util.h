@@ -2,12 +2,12 @@
  * Spans: the records of one request's calls, and every operation on them.
  *
  * A span is created, opened (it becomes the current span and the child of the one before), and
- * closed. Closing either drops it at once, when it is short and nothing of interest hangs on it,
- * or moves it into the node buffer, where it stays until request end. Instrumentation describes
- * the span it is filling through the setters.
+ * closed. Closing either drops it at once, when it is short and nothing worth keeping was recorded
+ * on it, or moves it into the node buffer, where it stays until request end. Instrumentation
+ * describes the span it is filling through the setters.
  *
  * Threads: a span belongs to the thread that created it. Times are wall clock milliseconds since
- * the epoch. Text in a span is a heap copy that the span owns.
+ * the epoch. Text in a span is a copy that the span owns.
  */
 #pragma once
 
@@ -17,45 +17,45 @@
 kaq_node *kaq_create_new_node(void);
 /* Starts the clock and makes the span the current one. REQUIRES: state KAQ_NODE_CREATED. */
 void kaq_open_node(kaq_node *node);
-/* The two in one. */
+/* Both in one; null when memory is short. */
 kaq_node *kaq_start_node(void);
 /* Ends the span: it is dropped (the pointer is dead then) or buffered. REQUIRES: it is open. */
 void kaq_close_node(kaq_node *node);
-/* Whether a span that is open, or was the last to be closed, has no descendant left: the newest key
- * in use is its own. */
+/* Whether a span has no descendant left: the newest key in use is its own. REQUIRES: it is open or
+ * was the last to be closed. */
 static inline bool kaq_is_leaf(const zend_kaq_globals *g, const kaq_node *node) {
 	return g->node_buffer_len == node->data.key + 1;
 }
 /* Puts a finished span into the node buffer. Callers that build spans themselves fill key, state,
  * parent and times first. */
 void kaq_insert_node(kaq_node *node);
-/* Null is ignored. */
+/* Releases a span with its texts. Null is ignored. */
 void kaq_free_node(kaq_node *node);
 /* Request end: closes every span that is still open, innermost first. */
 void kaq_close_open_nodes(void);
 /* Request end: releases every span of the thread, buffered or still open. */
 void kaq_free_node_buffer(void);
-/* Releases the spans that a record still holds: code that the engine ran outside any request, such
- * as a preloaded script or a session handler that runs after request end, leaves some. */
+/* Releases the spans that a thread's record still holds: code that the engine runs outside any
+ * request, such as a preloaded script or a session handler after request end, leaves some. */
 void kaq_release_spans(zend_kaq_globals *g);
 /* The buffered spans by key (node_buffer_len entries, an entry without a span is null), each with
  * a span id. The caller frees the array, not the spans. Null when memory is short. */
 kaq_node **kaq_validate_nodes(void);
-/* Drops unnecessary links of chains and numbers the remaining keys densely. REQUIRES: no span is
- * open. */
+/* Drops unnecessary spans that are their parent's only child, and numbers the rest without gaps.
+ * REQUIRES: no span is open. */
 void kaq_prune_intermediate_nodes(void);
 
 /*
- * The setters: what a span tells of its call. In any order, from kaq_create_new_node on for as long
- * as the span lives. They run no script code.
+ * The setters: what a span records about its call. Call them in any order while the span exists,
+ * even before it is opened. They run no script code.
  *
  * REQUIRES: fi is the function_info inside a kaq_node of the calling thread.
  *
- * Texts are copied; the copy belongs to the span. A second call replaces what the first has stored,
+ * Texts are copied; the copy belongs to the span. A second call replaces what the first one stored,
  * and frees it. Where memory is short, a field is null, as if nothing had been stored.
  */
 
-/* Null for a name stores null; a null component leaves the span's as it is, a longer one is cut to
+/* A null name is stored as null; a null component leaves the span's as it is, a long one is cut to
  * 15 characters. is_external is a METHOD_TYPE. */
 void kaq_copy_function_info(kaq_function *fi, const char *class_name, const char *function_name,
 							const char *component, int is_external);
@@ -65,23 +65,23 @@ void kaq_update_method_name(kaq_function *fi, const char *name);
 void kaq_set_function_priority(kaq_function *fi, int priority);
 
 /* These set the span's ARG_TYPE, the last one called its final one, and touch no text of another
- * kind. Null leaves a text as it is, but for the host, where null and "" stand for "localhost".
- * Port 0: not known. */
+ * kind. Null leaves a text as it is, except for the host, where null and "" stand for "localhost".
+ * Port 0 means unknown. */
 void kaq_set_method_dbconnect(kaq_function *fi, const char *host, long port);
 void kaq_set_method_dbname(kaq_function *fi, const char *name);
 void kaq_set_method_dbquery(kaq_function *fi, const char *query);
 void kaq_set_method_url(kaq_function *fi, const char *url);
 void kaq_set_method_none(kaq_function *fi);
 
-/* Marks the span with one of FAIL_TYPE; it may bear both marks and loses none. Other values are
- * ignored. */
+/* Marks the span with one of FAIL_TYPE; it may carry both marks and never loses one. Other values
+ * are ignored. */
 void kaq_mark_component_failed(kaq_function *fi, int fail_type);
 
-/* The HTTP status of an outgoing call; 0: none. */
+/* The HTTP status of an outgoing call; 0 for none. */
 void kaq_set_external_call_status(kaq_function *fi, int code);
-/* Stores header lines, the texts of an array, as a JSON object of name to value, without those that
- * identify the account. Null or no array leaves the span untouched. The array stays the caller's.
- * Works on the request allocator, so it may bail out at the memory limit. */
+/* Stores an array of header lines as a JSON object of name to value, without the one that
+ * identifies the account (X-Skelvor-Id). Null or no array leaves the span untouched. The array
+ * stays the caller's. Works on the request allocator, so it may bail out at the memory limit. */
 void kaq_set_external_call_req_headers(kaq_function *fi, zval *header_lines);
 /* Stores a map of name to value as JSON. Null leaves the span untouched. The map stays the
  * caller's. */

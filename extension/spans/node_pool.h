@@ -1,7 +1,7 @@
 /*
  * The span records of one thread: carved from slabs, recycled through a free list, so that a
- * recorded call costs no allocation. A record in the free list is all zero but for its link and
- * its name store.
+ * recorded call costs no allocation. A record in the free list is all zero except for its link, its
+ * reuse count and its name store.
  *
  * The pool owns the records' memory only; the texts that a span owns are freed by kaq_free_node()
  * before the record comes back.
@@ -28,7 +28,8 @@ static inline kaq_node *kaq_pool_take(kaq_node_pool *pool) {
 	return node;
 }
 
-/* Spelt out: for this size the compiler would choose a string instruction that is slow to start. */
+/* Not memset: for this size the compiler would choose a string instruction, which is slow to
+ * start. */
 static inline void kaq_clear_node_data(struct kaq_node_data *data) {
 	static_assert(sizeof(*data) % 8 == 0, "the last store covers half a block");
 	const __m128i zero = _mm_setzero_si128();
@@ -42,6 +43,7 @@ static inline void kaq_clear_node_data(struct kaq_node_data *data) {
 	}
 }
 
+/* Makes the record available again. REQUIRES: the texts that its span owned are freed. */
 static inline void kaq_pool_give_back(kaq_node_pool *pool, kaq_node *node) {
 	kaq_clear_node_data(&node->data);
 	node->reuse++;
