@@ -16,8 +16,8 @@
 
 static const char *const trace_header_names[] = {"X-Skelvor-Id", "traceparent", "X-Skelvor-Origin"};
 
-/* Much of what the headers carry comes from outside: a line end in it would begin a header of its
- * own. */
+/* Much of what the headers carry comes from outside: a line break in it would start another
+ * header. */
 static bool kaq_is_fit_for_header(const char *text) {
 	for (const unsigned char *c = (const unsigned char *)text; *c; c++) {
 		if (*c < 0x20 || *c == 0x7f) {
@@ -27,7 +27,7 @@ static bool kaq_is_fit_for_header(const char *text) {
 	return true;
 }
 
-/* A value that cannot stand in a header is left out. */
+/* A value that is not allowed in a header is left out. False only when memory is short. */
 static bool kaq_append_header(zval *list, const char *name, const char *value) {
 	if (!kaq_is_fit_for_header(value)) {
 		return true;
@@ -90,7 +90,8 @@ static bool kaq_is_trace_header(const zval *line) {
 	return false;
 }
 
-/* An object without a text form was refused, or sent as nothing, when the script set its list. */
+/* An object that cannot be converted to a string was refused, or sent as nothing, when the script
+ * set its list. */
 static bool kaq_has_text_form(const zval *element) {
 	return Z_TYPE_P(element) != IS_OBJECT || kaq_is_stringable(element);
 }

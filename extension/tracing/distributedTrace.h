@@ -8,10 +8,11 @@
 
 /*
  * Sets the header list of an easy handle before its transfer: first the trace headers that name
- * `node` as the caller, then those lines of `user_headers` (an array; else none) that name no trace
- * header. Gives the span its id. With `is_async` the call counts as made through a multi handle.
+ * `node` as the caller, then those lines of `user_headers` (ignored if it is not an array) that
+ * name no trace header. Gives the span its id. With `is_async` the call counts as made through a
+ * multi handle.
  *
- * Returns 0, without having done anything if the handle is not valid or curl is missing.
+ * Always returns 0. Does nothing if the handle is not valid or curl is missing.
  */
 int curl_exec_pre_req_header(zval *handle, zval *user_headers, kaq_node *node, int is_async);
 

@@ -9,14 +9,14 @@
  * repeated names the last line stays. */
 zval *kaq_response_headers_zv(void);
 
-/* The value of the first header line that begins with `prefix`, whatever its case, and is longer:
- * leading white space dropped, a new heap string. Null when there is none. */
+/* What follows `prefix` in the first header line that begins with it, in any case, and is longer: a
+ * new heap string without leading white space. Null when there is no such line. */
 char *kaq_search_response_header(const char *prefix);
 
-/* 0 without a Content-Length line. */
+/* The value of the Content-Length line; 0 without one. */
 long kaq_get_response_content_length(void);
 
-/* 200 while no status has been set. */
+/* The response's status; 200 while none has been set. */
 int kaq_get_response_code(void);
 
 /* Sets a header of the response, replacing one of that name. Returns 1 unless the engine refuses.

@@ -59,7 +59,7 @@ static void kaq_take_origin(zend_kaq_globals *g, zval *origin) {
 	}
 }
 
-/* Only the flow of a caller of the same account is taken over. */
+/* What another account sends is ignored. */
 void kaq_get_origin(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	if (!g->is_caller_same_user) {

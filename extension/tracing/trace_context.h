@@ -6,7 +6,8 @@
 
 #include "spans/kaq_util.h"
 
-/* Web requests, after request_headers_zv is set, in this order. */
+/* Web requests, in this order: they set is_caller_same_user, then trace_id and root_parentspanid,
+ * then app_flow and is_async_call. REQUIRES: request_headers_zv is set. */
 void kaq_is_caller_same_user(void);
 void kaq_get_traceparent(void);
 void kaq_get_origin(void);
