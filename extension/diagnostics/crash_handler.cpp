@@ -18,7 +18,7 @@
 #define KAQ_SIGNAL_STACK_SIZE ((size_t)128 * 1024)
 #define KAQ_COMMAND_SIZE 256
 
-/* In the order in which the handler is installed and given up. `before` is what the first
+/* In the order in which the handler is installed and removed. `before` is what the first
  * installation found. */
 static struct {
 	int number;
@@ -33,7 +33,7 @@ static bool is_installed;
 
 static __thread void *signal_stack;
 
-/* A short write is not repeated: nobody could do anything about it. */
+/* A short write is not continued: nothing could be done about it. */
 static void kaq_put_text(int fd, const char *text, size_t length) {
 	ssize_t written = write(fd, text, length);
 	(void)written;
@@ -81,7 +81,7 @@ static void kaq_put_symbol(int fd, const Dl_info *info, const struct link_map *m
 	kaq_put_name(fd, ") ");
 }
 
-/* The texts of backtrace_symbols, which would take memory from the process heap. */
+/* Writes what backtrace_symbols would return, which takes memory from the process heap. */
 static void kaq_put_frame(int fd, const void *frame) {
 	Dl_info info;
 	struct link_map *map = nullptr;
@@ -111,14 +111,14 @@ static void kaq_write_log(int fd, int signal_number, const siginfo_t *info, cons
 	kaq_put_frames(fd);
 }
 
-/* A fault comes again when the instruction is run again. What somebody sent does not. */
+/* A fault recurs when its instruction runs again. A signal that was sent does not. */
 static bool kaq_comes_again(int signal_number, const siginfo_t *info) {
 	return info->si_code > 0 && signal_number != SIGSYS;
 }
 
-/* A file of one name and no link: through a link the log would go into somebody else's file.
- * Nothing is waited for: a pipe that nobody reads must not keep the process from dying. -1 for no
- * log. */
+/* Opens a regular file that has one name and is not a link: through a link the log would go into
+ * another file. Does not block: a pipe that nobody reads must not keep the process from dying.
+ * Returns -1 if there is to be no log. */
 static int kaq_open_log(void) {
 	char path[KAQ_CRASH_PATH_SIZE];
 	snprintf(path, sizeof(path), KAQ_CRASH_LOG, (int)getpid());
@@ -160,7 +160,7 @@ void setHandler(void (*handler)(int, siginfo_t *, void *)) {
 	}
 }
 
-/* A stack that somebody else has given the thread is left to it. */
+/* A signal stack that the thread already has is left in place. */
 static void kaq_provide_signal_stack(void) {
 	stack_t current;
 	if (signal_stack || sigaltstack(nullptr, &current) != 0 || !(current.ss_flags & SS_DISABLE)) {
@@ -197,7 +197,7 @@ void kaq_release_signal_stack(void) {
 	signal_stack = nullptr;
 }
 
-/* The first call of backtrace loads a library, for which a crash would be no time. */
+/* The first call of backtrace loads a library, which must not happen during a crash. */
 static void kaq_prepare_backtrace(void) {
 	static bool is_prepared;
 	if (!is_prepared) {

@@ -1,6 +1,6 @@
 /*
  * The log of a crash: on a fatal signal the process writes what hit it and its native call stack
- * into a file of its own, and then dies as it would have died without us.
+ * into a file of its own, and then dies as it would have died without the extension.
  *
  * The handler uses no memory of the process heap and no stdio: either may be what broke.
  */
@@ -8,8 +8,8 @@
 
 #include <signal.h>
 
-/* With the process id. The directory is not created: where it is missing no log is written, and
- * none into anything but a regular file that has no other name. */
+/* Completed by the process id. Without the directory, which is not created, no log is written; nor
+ * is one into anything but a regular file that has no other name. */
 #define KAQ_CRASH_LOG "/opt/kaq/logs/crash/kaqcrash-%d.log"
 #define KAQ_CRASH_FRAMES 25
 /* The extension's own module, for addr2line(). */
@@ -23,11 +23,11 @@ void wrap_sethandler(void);
 /* Installs a handler for the fatal signals. Ends the process when that fails. */
 void setHandler(void (*handler)(int, siginfo_t *, void *));
 
-/* Gives the fatal signals that still have our handler back to whom they belonged at module start.
- * At module end: a signal must not run code that is about to be unloaded. */
+/* Restores the handlers found at module start for those fatal signals that still have ours. At
+ * module end: a signal must not run code that is about to be unloaded. */
 void kaq_remove_crash_handler(void);
 
-/* The handler. */
+/* The handler: writes the log, then lets the process die of the signal. */
 void catchit(int signal_number, siginfo_t *info, void *context);
 
 /* Releases the calling thread's signal stack. At thread end. */

@@ -84,14 +84,15 @@ void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t
 	}
 }
 
-/* A request that is not monitored has spans, too, but nobody to read them. */
+/* The current span, if there is an open one. Null in an unmonitored request: it has spans, too, but
+ * they are not sent. */
 static kaq_function *kaq_open_function(const zend_kaq_globals *g) {
 	kaq_node *node = g->control_signal ? g->current_node : nullptr;
 	return node && node->data.state == KAQ_NODE_OPEN ? &node->data.function_info : nullptr;
 }
 
-/* Recording allocates; what a script near its limit has left must not end in a fatal error of ours.
- */
+/* Recording allocates, and must not drive a script that is near its memory limit into a fatal
+ * error. */
 static void kaq_record_begin(zend_kaq_globals *g) {
 	g->is_recording_failure = 1;
 	kaq_memory_limit_lift();
@@ -110,7 +111,7 @@ static void kaq_record_error(kaq_function *fi, kaq_severity severity, const char
 				   message ? message : "", fi);
 }
 
-/* What a call of ours meets is not the script's failure unless it ends the request. */
+/* An error in a call that the extension makes is not the script's, unless it ends the request. */
 static bool kaq_looks_at_error(const zend_kaq_globals *g, int type) {
 	return (int)kaq_severity_of(type) >= g->track_errors && g->error_count < KAQ_MAX_ERRORS &&
 		   !g->is_recording_failure && (!kaq_in_unnoticed_call() || (type & KAQ_ENDS_REQUEST));
@@ -135,9 +136,9 @@ void kaq_error_cb(KAQ_ERROR_CB_PARAMS) {
 	old_error_cb(KAQ_ERROR_CB_ARGS);
 }
 
-/* Returns whether the class has its counter already. The names are the engine's: a class lives
- * until its request has ended, and so does its name, while the counters are written and forgotten
- * before that. */
+/* Counts the exception if its class has a counter, and returns whether it has. The names belong to
+ * the engine: a class lives until its request has ended, and so does its name; the counters are
+ * written and dropped before that. */
 static bool kaq_count_again(zend_kaq_globals *g, const char *name) {
 	for (int i = 0; i < g->exception_count; i++) {
 		if (strcmp(g->exceptionslist[i]->name, name) == 0) {

@@ -42,9 +42,9 @@ static kaq_page_lines kaq_look_at_headers(void) {
 	return lines;
 }
 
-/* Whether the page is HTML in its plain text whose length nobody has announced. Handlers around
- * ours that compress say so only after our first chunk: an encoding told before it has come from
- * within. */
+/* Whether the page is HTML, not encoded, and its length has not been announced. Handlers around
+ * ours that compress add their header only after our first chunk, so an encoding that is announced
+ * earlier was applied before the page came to us. */
 static bool kaq_may_grow(zend_kaq_globals *g) {
 	kaq_page_lines lines = kaq_look_at_headers();
 	if (g->rum_page == KAQ_PAGE_UNSEEN) {
@@ -53,7 +53,7 @@ static bool kaq_may_grow(zend_kaq_globals *g) {
 	return g->rum_page == KAQ_PAGE_PLAIN && lines.is_html && !lines.has_length;
 }
 
-/* What a script has compressed itself may hold its text as it is. */
+/* Output that a script has compressed itself may still contain the head tag in plain text. */
 static bool kaq_is_compressed(const char *output, size_t length) {
 	return length >= strlen(KAQ_GZIP_MAGIC) &&
 		   memcmp(output, KAQ_GZIP_MAGIC, strlen(KAQ_GZIP_MAGIC)) == 0;
