@@ -5,11 +5,11 @@
 
 #include <string.h>
 
-/* A letter of a layout takes up to two outputs, and may get a mark. */
+/* A letter of a layout takes up to two outputs, and may have a "!" added to it. */
 #define KAQ_MAX_OUTPUTS (2 * KAQ_LAYOUT_LENGTH)
 #define KAQ_MAX_LETTERS (2 * KAQ_LAYOUT_LENGTH + 1)
 
-/* A layout as the engine's parser takes it, and where its outputs go. */
+/* A layout in the form that the engine's parser takes, and where its outputs go. */
 struct kaq_reading {
 	char letters[KAQ_MAX_LETTERS];
 	void *output[KAQ_MAX_OUTPUTS];
@@ -32,8 +32,8 @@ static char kaq_add_value(kaq_reading *reading, kaq_arguments *arguments, char l
 	return letter == 'r' ? 'z' : letter;
 }
 
-/* The parser has something to say about "12a". The wrapped function will say it: here a number is
- * read as a value and converted in silence. */
+/* The parser would report "12a", which the wrapped function is going to report itself. So a number
+ * is read as a value and converted silently. */
 static char kaq_add_number(kaq_reading *reading, kaq_arguments *arguments) {
 	int index = reading->numbers++;
 	if (reading->by_engine) {
@@ -44,9 +44,9 @@ static char kaq_add_number(kaq_reading *reading, kaq_arguments *arguments) {
 	return 'z';
 }
 
-/* Adds one letter of a layout; returns what the parser is to be given for it, and a NUL for a
- * letter that is not known. A handle is read as a value and checked afterwards, since later engines
- * have objects where earlier ones had resources. */
+/* Adds one letter of a layout; returns the letter that the parser gets in its place, or NUL if it
+ * is unknown. A handle is read as a value and checked afterwards, since later engines have objects
+ * where earlier ones had resources. */
 static char kaq_add_letter(kaq_reading *reading, kaq_arguments *arguments, char letter) {
 	switch (letter) {
 	case 's':
@@ -80,9 +80,9 @@ static char kaq_add_letter(kaq_reading *reading, kaq_arguments *arguments, char 
 	}
 }
 
-/* Where null for a scalar is deprecated the parser would say so before the wrapped function does,
- * or although that function takes null: there null is allowed and read as the empty value. For a
- * strict caller it fits nowhere. */
+/* Where null for a scalar is deprecated, the parser would report it before the wrapped function
+ * does, or even though that function accepts null. There null is allowed and read as the empty
+ * value, except for a strict caller, for whom it never fits. */
 static bool kaq_reads_nulls(void) {
 	return KAQ_NULL_SCALARS_DEPRECATED && !kaq_caller_is_strict();
 }
@@ -151,7 +151,7 @@ static bool kaq_read_numeric_text(const zval *value, zend_long *number) {
 	}
 }
 
-/* What the engine's parser takes for an integer. */
+/* Accepts what the engine's parser accepts as an integer. */
 static bool kaq_read_number(const zval *value, zend_long *number) {
 	if (Z_TYPE_P(value) == IS_LONG) {
 		*number = Z_LVAL_P(value);
@@ -189,7 +189,7 @@ static bool kaq_read_numbers(const kaq_reading *reading, kaq_arguments *argument
 
 static char kaq_empty_text[] = "";
 
-/* A null that was allowed for a string reads as "". */
+/* A null that kaq_reads_nulls() has allowed for a string reads as "". */
 static void kaq_fill_null_texts(const kaq_reading *reading, kaq_arguments *arguments,
 								uint32_t count) {
 	if (!kaq_reads_nulls()) {
@@ -230,13 +230,13 @@ static bool kaq_try_layout(const kaq_layout *layout, uint32_t count, int flags,
 	return true;
 }
 
-/* Whether a layout is meant for a call with so many arguments. */
+/* Whether a layout is meant for a call with that many arguments. */
 static bool kaq_applies(const kaq_layout *layout, uint32_t passed) {
 	return layout->condition == '\0' || passed == layout->count ||
 		   (layout->condition == '!' && passed > layout->count);
 }
 
-/* How many arguments the layout is given. */
+/* How many of the arguments the layout reads. */
 static uint32_t kaq_given(const kaq_layout *layout, uint32_t passed) {
 	return layout->condition ? layout->count : passed;
 }

@@ -9,12 +9,12 @@
 
 #include "util/engine_compat.h"
 
-/* A layout, without the condition before it, is no longer. Every letter of it takes at most one
- * place of a kind below and two outputs of the parser. */
+/* The longest layout, its condition not counted. Each letter takes at most one place in each array
+ * below and two outputs of the parser. */
 #define KAQ_LAYOUT_LENGTH 11
 
-/* What a layout found, by kind and in order. Strings that were not passed are null, numbers 0. The
- * texts belong to the call's arguments. */
+/* What a layout has read, by kind and in order. Strings and values that were not passed are null,
+ * numbers 0. The texts and values belong to the call's arguments. */
 struct kaq_arguments {
 	char *text[KAQ_LAYOUT_LENGTH];
 	size_t text_length[KAQ_LAYOUT_LENGTH];
@@ -26,7 +26,7 @@ struct kaq_arguments {
 struct kaq_layout {
 	const char *letters;
 	size_t length;
-	char condition; /* ':' exactly `count` arguments, '!' at least so many, '\0' none */
+	char condition; /* ':' exactly `count` arguments, '!' at least that many, '\0' none */
 	uint32_t count;
 };
 
@@ -50,7 +50,8 @@ constexpr kaq_layout kaq_take_layout(const char **layouts) {
 	return layout;
 }
 
-/* "l!" and "b!" would give the parser an output that nobody keeps. */
+/* Whether `next` may follow `letter`: not in "l!" and "b!", which need a parser output that has no
+ * place here. */
 constexpr bool kaq_may_stand_before(char letter, char next) {
 	return next != '!' || (letter != 'l' && letter != 'b');
 }
@@ -74,7 +75,7 @@ constexpr bool kaq_is_readable(const kaq_layout *layout) {
 	return layout->length <= KAQ_LAYOUT_LENGTH;
 }
 
-/* Whether every layout of a list can be read: for the compiler. */
+/* Whether every layout of a list can be read; for static_assert. */
 constexpr bool kaq_are_readable(const char *layouts) {
 	while (*layouts) {
 		const kaq_layout layout = kaq_take_layout(&layouts);
@@ -85,9 +86,9 @@ constexpr bool kaq_are_readable(const char *layouts) {
 	return true;
 }
 
-/* Tries the layouts in order. One that is too long or has an unknown letter fits nothing. With
- * `warn` the engine reports, once, what does not fit the first of them, where such a report is a
- * warning and not an exception. Returns whether one fitted; otherwise everything reads as not
- * passed. REQUIRES: the wrapped function is the running frame; the layouts can be read. */
+/* Tries the layouts in order. One that is too long or has an unknown letter never fits. If none
+ * fits and `warn` is set, the engine reports once why the first one does not, provided that such a
+ * report is a warning and not an exception. Returns whether one fitted; if not, everything reads as
+ * not passed. REQUIRES: the wrapped function is the running frame; the layouts can be read. */
 bool kaq_parse_arguments(const zend_execute_data *execute_data, const char *layouts, bool warn,
 						 kaq_arguments *arguments);
