@@ -4,7 +4,7 @@
 #include "util/engine_access.h"
 #include "util/kaq_util_functions.h"
 
-/* A callback that the site has disabled would fail the transfer. */
+/* A callback that php.ini disables would make the transfer fail. */
 void kaq_curl_response_headers_callback(zval *handle) {
 	static const char name[] = "kaq_store_curl_response_headers";
 	zval *option = php_get_constant("CURLOPT_HEADERFUNCTION");

@@ -6,9 +6,10 @@
 
 #include "util/engine_compat.h"
 
-/* Has the response header lines of a new curl handle brought to kaq_store_curl_response_headers().
- * A value that is no handle is ignored. */
+/* Makes curl pass the response header lines of a new handle to the script function
+ * kaq_store_curl_response_headers(). A value that is not a handle is ignored. */
 void kaq_curl_response_headers_callback(zval *handle);
 
-/* One line that curl received on a handle. Returns 1 if it was a text for a valid handle. */
+/* Stores a line that curl received on a handle. Returns 1 if it was a non-empty string for a valid
+ * handle, else 0. */
 int kaq_save_curl_response_headers(const zval *handle, const zval *line);

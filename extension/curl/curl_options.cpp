@@ -3,7 +3,7 @@
 #include "curl/curl_stores.h"
 #include "util/kaq_util_functions.h"
 
-/* curl_setopt takes "10023" and "1.0023e4" for 10023. */
+/* curl_setopt accepts "10023" and "1.0023e4" as 10023. */
 bool kaq_is_header_option(const zval *option) {
 	zval *constant = php_get_constant("CURLOPT_HTTPHEADER");
 	if (!constant || Z_TYPE_P(option) > IS_STRING) {

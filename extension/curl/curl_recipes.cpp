@@ -30,7 +30,8 @@ static kaq_fit kaq_read_curl_arguments(const kaq_call *call, const char *layout,
 	return fit;
 }
 
-/* For the functions that have no URL; unread arguments make no difference to their span. */
+/* For functions whose spans have no URL, even if the arguments cannot be read. Returns false in
+ * that case; kaq_finish_unread() has then finished the call. */
 static bool kaq_read_handles(const kaq_call *call, const char *layout, kaq_arguments *arguments) {
 	kaq_fit fit = kaq_read_curl_arguments(call, layout, arguments);
 	if (fit != KAQ_FITTED) {
@@ -49,9 +50,9 @@ void kaq_record(const kaq_call *call, kaq_curl_init) {
 	kaq_pass_on(caught);
 }
 
-/* When curl throws, it may have been at another option or at an element of the list, and has set an
- * array all the same. An object is what it refuses, and so it may be an option that is no number.
- */
+/* Whether curl has set the list. When it throws, the reason may be another option or an element of
+ * the list, and an array has been set nevertheless. An object may be the very thing that it
+ * refuses, and so may an option that is not a number. */
 static bool kaq_is_taken(bool option_is_number, const zval *value) {
 	ZVAL_DEREF(value);
 	return !EG(exception) || (option_is_number && Z_TYPE_P(value) == IS_ARRAY);
@@ -115,7 +116,7 @@ void kaq_record(const kaq_call *call, kaq_curl_exec) {
 		curl_exec_pre_req_header(handle, &headers, call->node, 0);
 	}
 	int caught = kaq_call_protected(call);
-	/* The limit may be what ended the call. */
+	/* The memory limit may be what ended the call. */
 	kaq_memory_limit_lift();
 	kaq_describe_blocking_transfer(call->fi, handle, &headers);
 	zval_ptr_dtor(&headers);
@@ -139,7 +140,8 @@ static void kaq_announce_transfer(zval *easy) {
 	kaq_free_node(temp_node);
 }
 
-/* A handle that is refused may be under way elsewhere, with the span id that it was given there. */
+/* A handle that is refused may be in use by another multi handle, with the span id that it got
+ * there. */
 static bool kaq_is_refusal(const zval *result) {
 	return EG(exception) || (Z_TYPE_P(result) == IS_LONG && Z_LVAL_P(result) != 0);
 }

@@ -1,7 +1,7 @@
 /*
- * What a wrapper records of a call of curl's: one recipe for each function. kaq_record() reads the
- * arguments, runs the saved handler, describes the span and passes a bailout on, as all recipes do
- * (instrumentation/recipes.h).
+ * What a wrapper records about a call of a curl function: one recipe for each function.
+ * kaq_record() reads the arguments, runs the saved handler, describes the span and passes a bailout
+ * on, as all recipes do (instrumentation/recipes.h).
  */
 #pragma once
 

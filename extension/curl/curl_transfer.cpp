@@ -41,8 +41,8 @@ zval *kaq_get_curlinfo_constant(kaq_curlinfo info) {
 	return *slot;
 }
 
-/* Asks curl; false if it cannot be asked, as of a handle that has been closed. The function neither
- * fails nor runs script code, so that an exception that is on its way is all that has to wait. */
+/* Calls curl_getinfo; false if that is impossible, as for a closed handle. It neither fails nor
+ * runs script code, so a pending exception is all that has to be put aside. */
 static bool kaq_ask(zval *handle, const zval *info, zval *answer) {
 	zend_function *getinfo = kaq_find_callable_function("curl_getinfo", strlen("curl_getinfo"));
 	if (!info || !getinfo || !php_is_zval_valid_curl_handle(handle)) {

@@ -1,5 +1,5 @@
 /*
- * What a span tells of a curl transfer, asked of curl once the call has returned.
+ * What a span records about a curl transfer. Curl is asked for it once the call has returned.
  */
 #pragma once
 
@@ -11,13 +11,13 @@
  * defined. */
 zval *kaq_get_cached_constant(zval **slot, const char *name);
 
-/* One of curl's in its field of the thread's record, until request end; looked up once per
- * thread. */
+/* The same for one of curl's constants, whose slot is a field of the thread's record until request
+ * end. Its value is looked up once per thread. */
 zval *kaq_get_curlinfo_constant(kaq_curlinfo info);
 
-/* URL, status, failure and, if they are captured, headers of a curl_exec. */
+/* Records URL, status, failure and, if they are captured, headers of a curl_exec. */
 void kaq_describe_blocking_transfer(kaq_function *fi, zval *handle, zval *request_headers);
 
-/* Makes a child span of `parent`, a curl_multi_exec call, of every transfer of the multi handle
- * that has a status and is not yet reported. */
+/* Adds to `parent`, the span of a curl_multi_exec, a child span for every transfer of the multi
+ * handle that has a status and is not yet reported. */
 void kaq_report_transfers(kaq_node *parent, zend_long multi_id);

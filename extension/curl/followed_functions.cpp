@@ -20,7 +20,7 @@ static void kaq_after_copy(zval *handle, zval *copy) {
 	}
 }
 
-/* A reset handle sends none. */
+/* A reset handle no longer sends the header lines that were set before. */
 static void kaq_after_reset(zval *handle, zval *) {
 	if (php_is_zval_valid_curl_handle(handle)) {
 		kaq_free_curl_req_headers(kaq_zval_resource_id(handle));

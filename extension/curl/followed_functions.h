@@ -1,5 +1,6 @@
 /*
- * Functions whose calls leave no span, but change what is remembered of a curl handle.
+ * Functions of curl whose calls are not recorded as spans, but change what is remembered about a
+ * handle.
  */
 #pragma once
 
