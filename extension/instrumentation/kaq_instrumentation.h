@@ -2,9 +2,9 @@
  * The instrumented internal functions: one wrap record each, built at module start, installed when
  * a thread serves its first request, released at module end.
  *
- * Installing a record replaces the function's handler in the engine's table by the record's outer
- * wrapper. A thread-safe engine gives every thread its own copy of every function, while classes
- * are shared: functions are wrapped in the table of each thread, methods once per process.
+ * Installing a record puts its outer wrapper in place of the function's handler in the engine's
+ * table. A thread-safe engine gives every thread its own copy of every function, while classes are
+ * shared: functions are wrapped in the table of each thread, methods once per process.
  *
  * The records, and the slots through which the wrappers find them, are written at module start, at
  * installation under a lock, and at module end; requests only read them.
@@ -28,8 +28,8 @@ kaq_internalfn_t *kaq_get_wraprec(void);
 void kaq_late_initialization(void);
 void kaq_add_internal_instrumentation(void);
 
-/* Installs one record: not when its function or class is missing, is no internal one, or has been
- * disabled by the site. */
+/* Installs one record, unless its function or class is missing, not internal, or disabled by
+ * php.ini. */
 void kaq_wrap_internal_function(kaq_internalfn_t *wraprec);
 
 /* Releases the records and empties their slots. Wrappers that stay in the engine's tables then do
@@ -37,8 +37,8 @@ void kaq_wrap_internal_function(kaq_internalfn_t *wraprec);
 void kaq_destroy_internal_wrap_records(void);
 void kaq_internal_wraprec_destroy(kaq_internalfn_t **wraprec);
 
-/* The parts of a full name as new heap strings: what follows the first "::" or all of it; what
- * stands before the first ":", or null. */
+/* The parts of a full name as new heap strings. Function: what follows the first "::", or all of
+ * it. Class: what comes before the first ":", or null without one. */
 char *kaq_function_name_from_full_name(const char *full_name);
 char *kaq_class_name_from_full_name(const char *full_name);
 
@@ -48,7 +48,7 @@ zend_class_entry *kaq_find_class(const char *name);
 zend_function *kaq_find_class_method(zend_class_entry *ce, const char *name);
 
 /* What every outer wrapper does: records a span around the call if this request records any, else
- * just runs the saved handler. A null record, or one that is not installed: nothing happens, the
- * function is not even called. */
+ * just runs the saved handler. With a null record, or one that is not installed, it does nothing
+ * and does not even call the function. */
 void kaq_instrument_delegate(kaq_internalfn_t *wraprec, zend_execute_data *execute_data,
 							 zval *return_value);

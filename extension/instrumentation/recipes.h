@@ -1,7 +1,7 @@
 /*
- * What a wrapper records of a call: a handful of recipes that the rows of the table share. Each
- * overload of kaq_record() reads the arguments, runs the saved handler, describes the span and
- * passes a bailout on.
+ * What a wrapper records about a call: a handful of recipes that the rows of wrapped_functions.h
+ * share. Each overload of kaq_record() reads the arguments, runs the saved handler, describes the
+ * span and passes a bailout on.
  */
 #pragma once
 
@@ -12,14 +12,14 @@
 enum kaq_parse_failure {
 	KAQ_DIRECT,          /* the saved handler runs unprotected; the span keeps its names only */
 	KAQ_EMPTY,           /* the text counts as "" */
-	KAQ_EMPTY_IF_PASSED, /* the same, but without any argument as KAQ_DIRECT */
+	KAQ_EMPTY_IF_PASSED, /* as KAQ_EMPTY, but as KAQ_DIRECT for a call without arguments */
 	KAQ_IGNORED,         /* the text stays unset */
 };
 
 /* Nothing but the names. */
 struct kaq_names {};
 
-/* An SQL text: the string number `text` of the layout. Stored after the call. */
+/* An SQL text: string number `text` of the layout, from 0. Stored in the span after the call. */
 struct kaq_query {
 	const char *layouts;
 	int text;
@@ -27,7 +27,8 @@ struct kaq_query {
 };
 
 /* A connection: string 0 is the host, number 0 the port if `has_port`, string 3 the database if
- * `has_dbname`. Stored before the call. With `warns` the engine reports unfit arguments. */
+ * `has_dbname`. Stored before the call. With `warns` the engine reports arguments that do not
+ * fit. */
 struct kaq_connect {
 	const char *layouts;
 	bool has_port;

@@ -80,8 +80,9 @@ static zend_function *kaq_find_wrapped(const char *full_name) {
 	return function;
 }
 
-/* A thread's table may be a copy of one in which the wrapper stands already. There is one saved
- * handler for all of them: where another one stands, somebody else's, it stays, unrecorded. */
+/* A thread's table may be a copy of one that already has the wrapper. All tables share one saved
+ * handler: where somebody else has put in another one, it is left alone, and calls are not
+ * recorded. */
 void kaq_wrap_internal_function(kaq_internalfn_t *wraprec) {
 	zend_function *function = kaq_find_wrapped(wraprec->full_name);
 	if (!function || function->type != ZEND_INTERNAL_FUNCTION ||
@@ -103,7 +104,7 @@ void kaq_wrap_internal_function(kaq_internalfn_t *wraprec) {
 	__atomic_store_n(&internal->handler, wraprec->outer_wrapper, __ATOMIC_RELEASE);
 }
 
-/* Methods stand in tables that all threads share: once wrapped, wrapped for all. */
+/* Methods are in tables that all threads share, so they are wrapped once for all. */
 static bool kaq_is_shared(const kaq_internalfn_t *wraprec) {
 	return !KAQ_THREAD_SAFE || strchr(wraprec->full_name, ':');
 }

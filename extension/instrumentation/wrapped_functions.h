@@ -1,10 +1,10 @@
 /*
  * The table of instrumented functions: one row each, in the order in which their records are made.
- * A row expands to the function's wrappers, slot and record (wrappers.cpp); how to add one is told
- * in docs/adding-a-function.md.
+ * A row expands to the function's wrappers, slot and record (wrappers.cpp);
+ * docs/adding-a-function.md explains how to add one.
  *
- * ROW(identifier, look-up key, capture group, component, class written, function written,
- *     METHOD_TYPE, recipe)
+ * ROW(identifier, look-up key, capture group, component, class name and function name in the
+ * payload, METHOD_TYPE, recipe)
  *
  * The key of withContactPoints lacks its last letter on purpose: with a driver that has only the
  * plural method this wrapper is not installed.
