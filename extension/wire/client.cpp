@@ -67,7 +67,7 @@ int kaq_open_socket(void) {
 	return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
 }
 
-/* Bounds the next connect or send; the system carries what is left of it within one call. */
+/* Limits the time of the next connect or send; the system keeps count of it within one call. */
 static int kaq_bound_next_call(int fd, int timeout_ms) {
 	struct timeval timeout = {timeout_ms / 1000, (suseconds_t)(timeout_ms % 1000) * 1000};
 	return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
@@ -78,7 +78,7 @@ static int kaq_remaining_ms(uint64_t deadline) {
 	return now >= deadline ? 0 : (int)(deadline - now);
 }
 
-/* A signal that interrupts a connect leaves it going on in the background. */
+/* A connect that a signal interrupts goes on in the background. */
 static int kaq_await_connected(int fd, uint64_t deadline) {
 	struct pollfd waiting = {fd, POLLOUT, 0};
 	int ready;
@@ -98,7 +98,7 @@ int kaq_connect(int fd, const char *address, int port) {
 	memset(&collector, 0, sizeof collector);
 	collector.sin_family = AF_INET;
 	collector.sin_port = htons((uint16_t)port);
-	/* What cannot be parsed leaves 0.0.0.0 in place. */
+	/* An address that cannot be parsed leaves 0.0.0.0 in place. */
 	inet_pton(AF_INET, address, &collector.sin_addr);
 	uint64_t deadline = kaq_monotonic_ms() + KAQ_CONNECT_TIMEOUT_MS;
 	if (kaq_bound_next_call(fd, KAQ_CONNECT_TIMEOUT_MS) != 0) {

@@ -20,7 +20,7 @@ struct addrinfo;
 /* Bytes of an address text with its NUL. */
 #define KAQ_ADDRESS_SIZE 128
 
-/* Reporting points of the status exchange and of the data send. Both discard the message. */
+/* Called when the status exchange or the data send fails. Both discard the message. */
 void client_error(const char *message);
 void sender_error(const char *message);
 
@@ -32,8 +32,8 @@ void sender_error(const char *message);
 int hostname_to_ip(const char *name, char dest[KAQ_ADDRESS_SIZE]);
 
 /*
- * The choice within a resolver's list: writes the last IPv4 address and returns 0, or returns 1
- * and leaves `dest` as it is when there is none. A null list has none.
+ * The same choice from a given resolver list: writes the last IPv4 address and returns 0, or
+ * returns 1 and leaves `dest` as it is when there is none. A null list has none.
  */
 int kaq_last_ipv4(const struct addrinfo *list, char dest[KAQ_ADDRESS_SIZE]);
 
@@ -57,6 +57,6 @@ int kaq_connect(int fd, const char *address, int port);
 
 /*
  * Writes `text` with one send that takes at most KAQ_WRITE_TIMEOUT_MS. Returns the number of bytes
- * that the system took, which may be short and is not continued, or -1 when it took none.
+ * that the system took (a short write is not continued), or -1 when it took none.
  */
 ssize_t kaq_write_once(int fd, const char *text, size_t len);

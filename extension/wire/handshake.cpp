@@ -51,7 +51,7 @@ static void kaq_append_agent_info(smart_str *out, const zend_kaq_globals *g, con
 	kaq_append_as_json_compatible_string_withquotes(out, g->fqdn);
 	kaq_buf_literal(out, ",\"hostname\":");
 	kaq_append_as_json_compatible_string_withquotes(out, g->hostname);
-	/* A bare number: a static port that is none makes the document invalid, unchecked. */
+	/* A bare number, not checked: a static port that is not a number makes the document invalid. */
 	kaq_buf_literal(out, ",\"port\":");
 	kaq_append_as_json_compatible_string(out, port);
 	kaq_buf_literal(out, ",\"host.type\":");

@@ -12,7 +12,7 @@
 
 #include "util/kaq_strings.h"
 
-/* Lines are read in pieces of at most one character less. */
+/* Lines are read in pieces of up to this many characters less one. */
 static const int LINE_SIZE = 1024;
 
 static const char CONTAINERS[] = "/containers/";

@@ -146,7 +146,7 @@ char *kaq_base64_encode_with_newline(const char *src, size_t len) {
 	return kaq_base64_encode_line(&line, &room, src, len);
 }
 
-/* Writes what the padding leaves of a group; 0 when there is too much of it. */
+/* Writes the bytes of a group that its padding leaves; returns 0 when there is too much padding. */
 static int kaq_put_decoded(unsigned char *out, uint32_t bits, int pads) {
 	if (pads > 2) {
 		return 0;

@@ -26,12 +26,12 @@ char *kaq_base64_encode_with_newline(const char *src, size_t len);
 char *kaq_base64_encode_line(char **line, size_t *room, const char *src, size_t len);
 
 /*
- * Decodes `len` characters. Bytes outside the alphabet are skipped. The block holds three bytes
- * per four valid characters; a group with one "=" lacks its last byte, with two its last two, and
- * nothing behind such a group is decoded. Bytes of the block that were not decoded are zero. The
- * result is not NUL-terminated and its length is not told.
- * Null when there are no valid characters ("=" counts as one) or their number is no multiple of
- * four, when the first padded group has more than two "=", or when memory is short.
+ * Decodes `len` characters. Bytes outside the alphabet are skipped. The block holds three bytes per
+ * four valid characters; a group with one "=" lacks its last byte, with two its last two, and
+ * nothing after such a group is decoded. Bytes of the block that were not decoded are zero. The
+ * result is not NUL-terminated and its length is not returned. Null when there are no valid
+ * characters ("=" counts as one) or their number is no multiple of four, when the first padded
+ * group has more than two "=", or when memory is short.
  *
  * Interface: kept for callers outside.
  */

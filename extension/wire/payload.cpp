@@ -32,8 +32,8 @@ static void kaq_append_number_member(smart_str *out, const char (&key)[size], in
 	kaq_append_signed(out, value);
 }
 
-/* Appends key and JSON text and frees the text; null, and "[]" where it counts as empty, are left
- * out. */
+/* Appends key and JSON text and frees the text. Null is left out, and so is "[]" where it counts as
+ * empty. */
 template <size_t size>
 static void kaq_append_json_member(smart_str *out, const char (&key)[size], char *json,
 								   bool omit_empty) {

@@ -7,7 +7,7 @@ static void kaq_append_raw(smart_str *out, const char *json) {
 	kaq_buf_append(out, json, strlen(json));
 }
 
-/* A number member that stands only when the number is not 0; `key` begins with a comma. */
+/* A number member that is written only when the number is not 0; `key` begins with a comma. */
 template <size_t size>
 static void kaq_append_nonzero(smart_str *out, const char (&key)[size], int64_t value) {
 	if (value != 0) {
@@ -16,7 +16,7 @@ static void kaq_append_nonzero(smart_str *out, const char (&key)[size], int64_t 
 	}
 }
 
-/* A text member that stands only when the text is set. */
+/* A text member that is written only when the text is set. */
 template <size_t size>
 static void kaq_append_text(smart_str *out, const char (&key)[size], const char *text) {
 	if (text) {
@@ -25,7 +25,7 @@ static void kaq_append_text(smart_str *out, const char (&key)[size], const char 
 	}
 }
 
-/* Names that stand in the span's record, as short ones do, may be read in blocks. */
+/* Short names, which are stored in the span's record, may be read in blocks. */
 static void kaq_append_stored_name(smart_str *out, const kaq_function *fi) {
 	char *end = kaq_buf_reserve(out, 32 + KAQ_JSON_ESCAPE_MAX(KAQ_NAME_STORE_SIZE));
 	end = kaq_put_literal(end, ",\"fn\":\"");
@@ -86,7 +86,7 @@ static void kaq_append_arg_data(smart_str *out, const struct _arg_data *arg) {
 	}
 }
 
-/* Room for the members of fixed size that stand before, and behind, the function's name. */
+/* Room for the members of fixed size before and after the function's name. */
 #define KAQ_SPAN_HEAD_ROOM 128
 #define KAQ_SPAN_IDS_ROOM 80
 

@@ -22,7 +22,7 @@ void kaq_first_port_text(char port[KAQ_PORT_TEXT_SIZE], const char *first, const
 
 /*
  * Writes the first of `static_port`, `forwarded` and `server` that has 1 to 9 characters, or "0".
- * Null and empty texts count as absent. What the characters are is not looked at.
+ * Null and empty texts count as absent. The characters are not checked.
  */
 void kaq_choose_port_text(char port[KAQ_PORT_TEXT_SIZE], const char *static_port,
 						  const char *forwarded, const char *server);

@@ -21,8 +21,8 @@ char *kaq_exchange(const char *address, int port, const char *request, size_t re
 
 /*
  * The reading part: everything that comes from the socket `fd` until its peer closes it, with the
- * results described above for answers of up to `limit` bytes. `grow` enlarges the block, which the
- * process heap made; when it returns null the block is freed and the result is null. Does not close
- * `fd`.
+ * results described above for answers of up to `limit` bytes. `grow` enlarges the block, which is
+ * on the process heap; when it returns null the block is freed and the result is null. Does not
+ * close `fd`.
  */
 char *kaq_read_answer(int fd, size_t limit, kaq_grow_fn grow);

@@ -8,8 +8,8 @@ static void kaq_copy_server_global(char *buffer, size_t capacity, const char *na
 	kaq_copy_bounded(buffer, capacity, kaq_get_server_global(name));
 }
 
-/* Code given on the command line or on standard input has no script to name the run after. Older
- * engines call it "-". */
+/* Code given on the command line or on standard input has no script after which to name the run.
+ * Older engines call it "-". */
 static bool kaq_is_nameless_script(const char *php_self) {
 	return strcmp(php_self, "Standard input code") == 0 || strcmp(php_self, "-") == 0;
 }

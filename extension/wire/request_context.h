@@ -1,7 +1,7 @@
 /*
- * What is asked for in this request: URI, host, script, method, query, web or background. All of
- * it goes into fixed buffers of the thread's record; a longer value is cut to the buffer's
- * capacity less one.
+ * What this request asks for: URI, host, script, method, query, web or background. All of it goes
+ * into fixed buffers of the thread's record; a longer value is cut to the buffer's capacity less
+ * one.
  */
 #pragma once
 

@@ -10,10 +10,11 @@
  * function. */
 zval *kaq_capture_request_headers(void);
 
+/* The request headers, without X-Skelvor-Id if it names our own account. */
 char *kaq_get_request_headers(void);
 /* The response headers as they stand now. */
 char *kaq_get_response_headers(void);
-/* The _REQUEST entry of the global symbol table, whatever the script made of it. */
+/* The _REQUEST entry of the global symbol table, as the script has left it. */
 char *kaq_get_request_parameters(void);
 
 /* The script's arguments as JSON text, a new heap string ("[]" when there are none of any
