@@ -1,8 +1,8 @@
 dnl The extension is built as usual, in this directory: phpize && ./configure && make && make test
 
-dnl PHP 7.0's configure tries "cc -c -o" and then removes everything named "core", our directory
-dnl too. An answer that stands already keeps it from trying. This has to run before the body of
-dnl configure, hence the diversion.
+dnl PHP 7.0's configure tests "cc -c -o" and then removes everything named "core", our directory
+dnl too. A cached answer keeps it from testing. This has to run before the body of configure, hence
+dnl the diversion.
 m4_divert_text([INIT_PREPARE], [
 for kaq_cc in cc gcc clang "$CC"; do
   kaq_cc=`echo "$kaq_cc" | sed 's/ .*//;s/@<:@^a-zA-Z0-9_@:>@/_/g;s/^@<:@0-9@:>@/_/'`

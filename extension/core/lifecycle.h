@@ -1,6 +1,6 @@
 /*
- * The spine: construction of the per-thread record, and what happens at module start and end and
- * at request start and end. The module entry calls these and nothing else does.
+ * The life cycle of the extension: construction of the per-thread record, module start and end,
+ * request start and end. Only the module entry (kaq.cpp) calls these.
  *
  * Call order: kaq_construct_globals (each thread) -> kaq_module_start -> { kaq_request_start ->
  * kaq_request_end }* -> kaq_module_end -> free_globals (each thread). No function fails: whatever
@@ -26,5 +26,6 @@ void kaq_start(void);
 void kaq_module_end(int type, int module_number);
 void kaq_end(void);
 
+/* Their numbered steps are explained in docs/architecture.md. */
 void kaq_request_start(void);
 void kaq_request_end(void);

@@ -16,14 +16,15 @@ static kaq_error_cb_t *kaq_error_cb_slot(void) {
 	return (kaq_error_cb_t *)&zend_error_cb;
 }
 
-/* The settings under which kaq_start moved the hooks. */
+/* The settings by which kaq_start has installed hooks. */
 static struct {
 	int execute;
 	int exceptions;
 	int errors;
 } moved_under;
 
-/* Follows php.ini only: what is set per directory or at run time never moves a hook. */
+/* Follows php.ini only: a setting changed per directory or at run time neither installs nor removes
+ * a hook. */
 void kaq_start(void) {
 	const zend_kaq_globals *g = kaq_get_globals();
 	moved_under = {g->track_zend_execute, g->track_exceptions, g->track_errors};
@@ -57,8 +58,8 @@ void kaq_end(void) {
 	}
 }
 
-/* A script may have changed the settings, and an empty value of php.ini does not bring them back:
- * a hook would stay that points into the unloaded module. */
+/* A script may have changed the settings, and an empty value in php.ini does not restore them: a
+ * hook that was left installed would point into the unloaded module. */
 static void kaq_recall_settings_of_hooks(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	g->track_zend_execute = moved_under.execute;

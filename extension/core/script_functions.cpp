@@ -32,7 +32,8 @@ ZEND_END_ARG_INFO()
 	static void zif_##name([[maybe_unused]] zend_execute_data *execute_data, \
 						   [[maybe_unused]] zval *return_value)
 
-/* Adds a value to the list under a name, in an array that is made at its first use. */
+/* Appends a value, which it takes over, to the list of that name. The array of lists is created on
+ * first use. */
 static void kaq_append_to_list(zval **array, const zend_string *name, zval *value) {
 	if (!kaq_get_globals()->in_request) {
 		zval_ptr_dtor(value);
@@ -131,7 +132,7 @@ KAQ_FUNCTION(kaq_trace_id) {
 KAQ_FUNCTION(kaq_span_id) {
 }
 
-/* An id that fills the buffer has no NUL in it; the byte behind the buffer is one. */
+/* An id that fills the buffer is not terminated in it: the byte after the buffer is the NUL. */
 KAQ_FUNCTION(kaq_set_session_id) {
 	zend_kaq_globals *g = kaq_get_globals();
 	zend_string *id;
@@ -146,14 +147,14 @@ KAQ_FUNCTION(kaq_set_session_id) {
 	}
 }
 
-/* Ends the process on purpose, to see the crash log come up. */
+/* Crashes the process on purpose, to try out the crash log. */
 KAQ_FUNCTION(kaq_debug_crash) {
 	volatile uintptr_t nowhere = 0;
-	/* NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the crash is what it is for. */
+	/* NOLINTNEXTLINE(clang-analyzer-core.NullDereference): crashing is the purpose. */
 	*(volatile int *)nowhere = 42;
 }
 
-/* A callback of curl: what it returns tells curl that the line was consumed. */
+/* Called by curl; returns the length of the line to say that it was consumed. */
 KAQ_FUNCTION(kaq_store_curl_response_headers) {
 	zval *handle = nullptr;
 	zval *line = nullptr;

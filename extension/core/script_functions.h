@@ -1,7 +1,6 @@
 /*
- * The functions that scripts may call. What they write lives in the thread's record until request
- * end, and what they are given after it is dropped. None of them asks whether the request is
- * monitored.
+ * The functions that scripts may call. What they store stays in the thread's record until request
+ * end; after that they store nothing. None of them checks whether the request is monitored.
  */
 #pragma once
 

@@ -48,8 +48,8 @@ static void kaq_store_integer(int *field, const zend_string *value) {
 	}
 }
 
-/* The engine releases a run-time value when it restores the php.ini one, and a restore to an empty
- * text is ignored: only a copy of our own keeps the field valid. */
+/* The engine releases a run-time value when it restores the one of php.ini, and an empty one is
+ * ignored here: only a copy of our own keeps the field valid. */
 static void kaq_store_text(char **field, const zend_string *value) {
 	if (value && ZSTR_LEN(value) > 0) {
 		char *copy = kaq_strdup(ZSTR_VAL(value));

@@ -36,9 +36,9 @@ void kaq_store_transaction_name(const zend_string *name) {
 	kaq_sanitise_name(g->request_uri_custom_name + 1, length);
 }
 
-/* The variable of the caller's that was passed as the only argument; null if anything else was. The
- * caller stands at its call instruction. The instruction before it passed the last argument: if
- * that is argument 1 there is no other. */
+/* The variable of the calling code that was passed as the only argument; null if something else was
+ * passed. The caller is at its call instruction, and the instruction before it has passed the last
+ * argument: if that is argument 1, it is the only one. */
 static zval *kaq_passed_variable(const zend_execute_data *caller) {
 	if (!caller || !caller->func || !ZEND_USER_CODE(caller->func->type)) {
 		return nullptr;
@@ -56,7 +56,7 @@ static zval *kaq_passed_variable(const zend_execute_data *caller) {
 	return variable;
 }
 
-/* The variable gets a text of its own, whoever else holds the old one. */
+/* The variable gets a new string, since others may share the old one. */
 void kaq_rename_in_caller(const zend_execute_data *execute_data, const zend_string *name) {
 	zval *variable = kaq_passed_variable(execute_data->prev_execute_data);
 	if (!variable || Z_TYPE_P(variable) != IS_STRING || Z_STR_P(variable) != name) {
