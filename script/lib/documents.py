@@ -1,12 +1,11 @@
-"""Whether the documents name files and headings that are there.
+"""Checks that the files and headings that the documents name exist.
 
     documents.py ROOT DOCUMENT...
 
-What looks like a file of the project must be one: the target of a link, and in code each word with
-a slash whose first folder is one of the project's or of the extension's, each single word that ends
-in a slash, and each name of a source file. "*" stands for anything, "{h,cpp}" for each of the two.
-The heading that a link ends in must be there too. Prints what is not there; status 1 if there is
-something.
+Checked are the targets of links, with their headings, and whatever looks like a file in code: words
+with a slash whose first folder is one of the project or of the extension, single words that end in
+a slash, and names of source files. "*" stands for anything, "{h,cpp}" for each of the two. Prints
+what does not exist; status 1 if there is anything.
 """
 
 import itertools
@@ -17,7 +16,7 @@ import sys
 
 LINK = re.compile(r"\[[^\]]*\]\(([^()\s]+)\)")
 CODE = re.compile(r"```.*?```|`[^`\n]+`|(?<=\n\n)(?:    [^\n]*\n|\n)+", re.DOTALL)
-# Neither below a folder that starts a path of the system's nor part of an address.
+# Not in a path outside the project, and not part of an address.
 WORD = re.compile(r"(?<![\w./~$*<>@:-])[\w.][\w./*{},-]*")
 SOURCE = re.compile(r"[\w-]+\.(?:c|h|cpp|m4|py|sh|md|phpt|frag|svg)")
 HEADING = re.compile(r"^#+ +(.*?)\s*$", re.MULTILINE)
@@ -45,7 +44,7 @@ def bad_links(root, document, text):
         path, _, anchor = target.partition("#")
         file = (document.parent / path).resolve() if path else document
         if root not in file.parents or not file.exists():
-            yield f"links to {path}, which is not there"
+            yield f"links to {path}, which does not exist"
         elif anchor and anchor not in anchors(file.read_text(encoding="utf-8")):
             yield f"links to {target}, which has no such heading"
 
@@ -67,13 +66,13 @@ class Project:
                        if name.startswith("extension/") and name.count("/") > 1}
 
     def misses(self, word):
-        """Whether the word looks like a file of the project and is none."""
+        """Whether the word looks like a file of the project but is not one."""
         folder, slash, rest = word.partition("/")
         if not slash:
             return bool(SOURCE.fullmatch(word)) and word not in self._names
         if folder in self._top:
             return not self._is_there(word)
-        # A room with nothing behind it is followed by a slash.
+        # A room on its own is written with a slash at its end.
         if folder in self._rooms and (not rest or SOURCE.search(rest)):
             return not self._is_there("extension/" + word)
         return not rest
@@ -90,7 +89,7 @@ def bad_words(project, text):
         for word in WORD.findall(code):
             for one in variants(word.rstrip(".,")):
                 if project.misses(one):
-                    yield f"names {one}, which is not there"
+                    yield f"names {one}, which does not exist"
 
 
 def main(root, documents):

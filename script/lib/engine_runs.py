@@ -30,22 +30,22 @@ PARTS = {
     "pdo_sqlite": "ext/pdo_sqlite/tests",
     "curl": "ext/curl/tests",
 }
-# What tests of these parts use of others.
+# Directories of other parts that these tests use.
 COMPANIONS = ["ext/pdo/tests", "sapi/cli/tests", "sapi/cgi/tests"]
-# What tests need and an engine may have as files, in the order in which they depend on each other.
+# Extensions that tests need and that may be files of their own, each after those it depends on.
 SHARED = ["ctype", "tokenizer", "posix", "iconv", "mbstring", "sockets", "xml", "dom", "simplexml",
           "phar", "fileinfo", "gettext", "sysvmsg", "sysvsem", "sysvshm", "shmop", "pdo",
           "pdo_sqlite", "sqlite3", "curl", "zend_test"]
-# How a runner shows a result, and how one that lists results writes it.
+# How a runner prints a result, and how a newer one writes it into its list of results.
 SHOWN = {"PASS": "PASSED", "FAIL": "FAILED", "XFAIL": "XFAILED", "SKIP": "SKIPPED",
          "BORK": "BORKED", "WARN": "WARNED", "LEAK": "LEAKED"}
 TEST_SECONDS = 120
 PROGRESS_SECONDS = 30
 IFF_UP = 1
 
-# What the runner starts instead of the engine: it notes how a test's own script ended. What else
-# is started, the tests' children too, is the engine itself.
-DOOR = """#!/bin/sh
+# What the runner starts instead of the engine: it records the exit status of a test's own script.
+# Whatever else is started, also by the tests, is the engine itself.
+LAUNCHER = """#!/bin/sh
 {preface}case " $* " in
 *" -f $SCRIPT_FILENAME "*) ;;
 *) exec "{binary}" "$@" ;;
@@ -62,7 +62,7 @@ Run = collections.namedtuple("Run", "outcomes seen garbage")
 
 
 class RunFailed(Exception):
-    """The runner itself did not get through."""
+    """The runner itself failed."""
 
 
 def raise_loopback():
@@ -75,7 +75,7 @@ def raise_loopback():
 
 
 class Monitor:
-    """The collector of a run: says yes to all, and notes which scripts told their transaction."""
+    """The collector of a run: monitors all requests, and records which scripts sent theirs."""
 
     def __init__(self):
         self.names, self.garbage = set(), []
@@ -87,7 +87,7 @@ class Monitor:
     def settings(self):
         return ["kaq.status_port=%d" % self._collector.status_port,
                 "kaq.data_port=%d" % self._collector.data_port,
-                # Every span is kept, so that every span's way is gone.
+                # Every span is kept, so that each passes through all of the code.
                 "kaq.method_threshold=0"]
 
     def stop(self):
@@ -156,22 +156,22 @@ class Suite:
             if os.path.isdir(source):
                 shutil.copytree(source, os.path.join(self.tree, directory), symlinks=True)
         shutil.copy(os.path.join(self.source, "run-tests.php"), self.tree)
-        self.door = self._write_door("php", self.php)
+        self.launcher = self._write_launcher("php", self.php)
         # The runner's CGI requests have no URI, and a request without one is not monitored.
-        self.cgi_door = self.cgi and self._write_door(
+        self.cgi_launcher = self.cgi and self._write_launcher(
             "php-cgi", self.cgi, "export REQUEST_URI=${REQUEST_URI:-$SCRIPT_FILENAME}\n")
 
-    def _write_door(self, name, binary, preface=""):
+    def _write_launcher(self, name, binary, preface=""):
         path = os.path.join(self.home, name)
         with open(path, "w", encoding="utf-8") as script:
-            script.write(DOOR.format(preface=preface, binary=binary, php=self.php,
+            script.write(LAUNCHER.format(preface=preface, binary=binary, php=self.php,
                                      statuses=os.path.join(self.home, "statuses")))
         os.chmod(path, os.stat(path).st_mode | stat.S_IXUSR)
         return path
 
     def _run_tests(self, name, settings, tests, stack):
         command = [self.php, "-n", os.path.join(self.tree, "run-tests.php"), "-q", "-n",
-                   "-p", self.door, "-w", os.path.join(self.home, "failed"), "-g"]
+                   "-p", self.launcher, "-w", os.path.join(self.home, "failed"), "-g"]
         if self.lists:
             command += ["FAIL,BORK,WARN,LEAK", "-W", os.path.join(self.home, "results")]
         else:
@@ -206,11 +206,11 @@ class Suite:
         kept = {key: os.environ[key] for key in ("PATH", "HOME", "USER", "ASAN_OPTIONS")
                 if key in os.environ}
         kept.update(NO_INTERACTION="1", REPORT_EXIT_STATUS="1", SKIP_ONLINE_TESTS="1",
-                    TEST_TIMEOUT=str(TEST_SECONDS), TEST_PHP_EXECUTABLE=self.door,
+                    TEST_TIMEOUT=str(TEST_SECONDS), TEST_PHP_EXECUTABLE=self.launcher,
                     USE_ZEND_ALLOC=os.environ.get("USE_ZEND_ALLOC", "1"),
                     TMPDIR=os.path.join(self.home, "tmp"))
-        if self.cgi_door:
-            kept["TEST_PHP_CGI_EXECUTABLE"] = self.cgi_door
+        if self.cgi_launcher:
+            kept["TEST_PHP_CGI_EXECUTABLE"] = self.cgi_launcher
         return kept
 
     def _await(self, process, name, count):
@@ -231,11 +231,11 @@ class Suite:
             os.path.join(self.tree, PARTS[self.part])) for file in files)
 
     def _result_lines(self):
-        """(result, index) of each test that is through, as the runner names them."""
+        """(result, index) of each finished test, as the runner names them."""
         if self.lists:
             lines = read_text(os.path.join(self.home, "results")).splitlines()
             return [line.split("\t", 1) for line in lines if "\t" in line]
-        # A title may go over several lines.
+        # A title may span several lines.
         shown = "|".join(SHOWN)
         found = re.findall(r"^((?:%s)(?:&(?:%s))*) (?:.|\n(?!%s))*? ?\[(\S+\.phpt)\]" % (
             (shown,) * 3), read_text(self.shown), re.MULTILINE)
@@ -243,8 +243,8 @@ class Suite:
                 for result, path in found]
 
     def _read_results(self):
-        """Outcomes by the test's path below the source; "via " before one that another file, which
-        runs a whole directory, brought."""
+        """Outcomes by the test's path below the source; "via " before one that was run by another
+        file, one that runs a whole directory."""
         outcomes, statuses = {}, self._read_statuses()
         for result, index in self._result_lines():
             path = os.path.relpath(re.sub(r"^# .*?: ", "", index), self.tree)
@@ -269,7 +269,7 @@ class Suite:
         return os.path.relpath(name, self.tree) + "t" if name.startswith(self.tree) else name
 
     def file_to_rerun(self, test):
-        """The file that runs a test; that of a brought one is the one that brings it."""
+        """The file that runs a test: itself, or for one with "via " the file that ran it."""
         if not test.startswith("via "):
             return test
         directory = os.path.join(self.source, PARTS[self.part])
@@ -277,7 +277,7 @@ class Suite:
             if file.endswith(".phpt") and "--REDIRECTTEST--" in read_text(
                     os.path.join(directory, file)):
                 return os.path.join(PARTS[self.part], file)
-        raise RunFailed("nothing brings " + test)
+        raise RunFailed("no file runs " + test)
 
 
 def read_text(path):

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares the engine's own tests, bare and monitored. script/engine-suite is its front."""
+"""Compares the engine's own tests, bare and monitored. Called by script/engine-suite."""
 
 import argparse
 import difflib
@@ -15,7 +15,7 @@ import engine_runs
 
 EXPECTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests",
                         "extension", "engine-suite", "expected-differences.txt")
-# Of the tests that run, so many at least must have told their transaction.
+# At least this share of the tests that run must have sent a transaction.
 MONITORED_SHARE = 0.9
 ROUNDS_ALONE = 2
 # For tests that are listed as using up the C stack.
@@ -43,7 +43,7 @@ def read_expected(path, version):
                 continue
             match = re.fullmatch(r"(output|stack) ([0-9]+\.[0-9]+) (\S+\.phpt) (.+)\n?", line)
             if not match or match.group(3) in expected:
-                sys.exit("%s:%d: no entry, or a test twice: %s" % (path, number, line.rstrip()))
+                sys.exit("%s:%d: not an entry, or a test listed twice: %s" % (path, number, line.rstrip()))
             kind, since, test, reason = match.groups()
             if version_of(version) >= version_of(since):
                 expected[test] = (kind, reason)
@@ -89,8 +89,8 @@ def compare_alone(suite, suspects, rounds, stack=None):
 
 
 def avoidable(suite, expected, differing):
-    """Of the tests that differ, those that may not: the ones that are not listed, that crash, or
-    that are said to use up the C stack and differ on a deep one too."""
+    """Of the tests that differ, those that must not: the ones that are not listed, that crash, or
+    that are listed as using up the C stack but differ on a deep one too."""
     listed = {test: expected.get(test, ("none", ""))[0] for test in differing}
     stack = sorted(test for test in differing if listed[test] == "stack")
     deep = compare_alone(suite, stack, 1, DEEP_STACK) if stack else {}
@@ -103,11 +103,11 @@ def avoidable(suite, expected, differing):
 
 
 def check_monitored(suite, run, counts, report):
-    """The comparison says nothing if the extension slept, and no payload may be garbage."""
+    """Without recorded requests the comparison means nothing; and no payload may be garbage."""
     ran = {test for test, outcome in run.outcomes.items()
            if outcome.result != "SKIPPED" and not test.startswith("via ")}
     silent = sorted(ran - run.seen)
-    say("%s: %d of %d tests that ran told their transaction" % (
+    say("%s: %d of %d tests that ran sent a transaction" % (
         suite.part, len(ran) - len(silent), len(ran)))
     report.write("".join("-- not monitored: %s\n" % test for test in silent))
     if len(silent) > (1 - MONITORED_SHARE) * len(ran):
@@ -116,12 +116,12 @@ def check_monitored(suite, run, counts, report):
             suite.part, len(ran) - len(silent), len(ran)))
     for text in run.garbage:
         counts["failed"] += 1
-        print("%s: FAIL  what came to the collector is no record: %s" % (suite.part, text))
+        print("%s: FAIL  the collector received what is no record: %s" % (suite.part, text))
 
 
 def run_both(suite, expected, counts, report):
     """Runs a part's tests and compares. Returns all tests with their bare outcome, the flaky ones,
-    those that differ, and of these the ones that may not."""
+    those that differ, and those of them that must not."""
     say("%s: bare" % suite.part)
     bare = suite.run(False).outcomes
     say("%s: monitored" % suite.part)
@@ -180,7 +180,7 @@ def parse_arguments():
 
 def main():
     options = parse_arguments()
-    # What runs is in a session of its own; an exception on the way out ends it.
+    # The runner has a session of its own, which this exception ends on its way out.
     signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))
     sys.stdout.reconfigure(errors="backslashreplace", line_buffering=True)
     expected = read_expected(EXPECTED, options.engine_version)
@@ -190,7 +190,7 @@ def main():
     counts = {"passed": 0, "failed": 0, "skipped": 0}
     with open(os.path.join(options.work, options.key + ".lock"), "w", encoding="utf-8") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        # A build that goes on meanwhile must not change it between two runs.
+        # A build at the same time must not change it between two runs.
         options.so = shutil.copy(options.so, os.path.join(options.work, options.key + ".so"))
         for part in options.parts:
             try:

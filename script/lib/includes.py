@@ -1,10 +1,10 @@
-"""Which room includes which.
+"""Checks which room includes which.
 
     includes.py ROOT ROOM...
 
 The rooms are folders below ROOT, lowest first. A file may include headers of its own room and of
 those before it, and a header whose name ends in _private.h only within its room. Prints each
-include that does not keep to that; status 1 if there is one.
+include that breaks this rule; status 1 if there is one.
 """
 
 import pathlib
@@ -32,7 +32,7 @@ def complaints(root, rooms):
             continue
         name = path.relative_to(root)
         if len(name.parts) != 2 or name.parts[0] not in rooms:
-            yield f"{path}: stands in no room"
+            yield f"{path}: is in no room"
             continue
         for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
             found = INCLUDE.match(line)

@@ -34,7 +34,7 @@ RECORDS = {
 INTRODUCTION = """\
 # Instrumented functions
 
-Calls of these functions stand in the payload as spans. This page is made from
+Calls of these functions appear in the payload as spans. This page is generated from
 `extension/instrumentation/wrapped_functions.h` by `script/check --fix functions`; do not edit it.
 
 A call is recorded if its group's setting was on in `php.ini` when the process started, if the

@@ -3,9 +3,9 @@
 
     lengths.py FILE...
 
-A file that is a table bears the comment "table" in its first ten lines; a
-function that is one, on its first line or the one before. Prints a line for
-each that is too long and ends with status 1 if there was any.
+A file that is a table has the comment "table" in its first ten lines; a function
+that is one, on its first line or the one before. Prints a line for each that is
+too long; status 1 if there is any.
 """
 
 import re
@@ -28,7 +28,7 @@ def blank(match):
 
 def functions(text):
     """Yields (name, first line, last line), counted from 1, of each function
-    body that stands at namespace level."""
+    body at namespace level."""
     code = NOT_CODE.sub(blank, text)
     code = re.sub(r"^[ \t]*#(?:[^\n\\]|\\.|\\\n)*", blank, code, flags=re.MULTILINE | re.DOTALL)
     depth = 0

@@ -1,8 +1,8 @@
-"""Whether composer.json says of the extension what its sources say.
+"""Checks that composer.json agrees with the sources of the extension.
 
     metadata.py ROOT
 
-Prints what does not agree; status 1 if something does not. The keys are those that PHP's extension
+Prints what does not agree; status 1 if there is anything. The keys are those that PHP's extension
 installer documents.
 """
 
@@ -19,14 +19,14 @@ OPTION = re.compile(r"PHP_ARG_(ENABLE|WITH)\(\[([\w-]+)\]")
 
 
 def first(pattern, text):
-    """What the pattern's group finds first, or None."""
+    """The first match of the pattern's group, or None."""
     found = re.search(pattern, text, re.MULTILINE)
     return found[1] if found else None
 
 
 def options_of(config):
-    """The options of configure but for the one that switches the extension itself on: name to
-    whether it needs a value."""
+    """The options of configure, except the one that enables the extension itself: {name: whether
+    it needs a value}."""
     name = first(r"PHP_NEW_EXTENSION\((\w+)", config)
     return {kind.lower() + "-" + option: kind == "WITH" for kind, option in OPTION.findall(config)
             if option != name}

@@ -1,4 +1,4 @@
-"""Null pointers that are not written nullptr.
+"""Finds null pointers that are not written nullptr.
 
     nulls.py FILE...
 

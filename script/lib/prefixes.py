@@ -1,11 +1,11 @@
-"""Functions of the extension that bear no prefix of ours.
+"""Finds functions of the extension that lack our prefix.
 
     prefixes.py FILE...
 
 A function is named kaq_something or, as a wrapper of the engine's API, php_something, whether it is
 static or not. What the engine's macros define (PHP_MINIT_FUNCTION, KAQ_INI_HANDLER) has its name
-from them. Prints each function that is named otherwise, and each exception below that no file needs
-any more; status 1 if there is one.
+from them. Prints each function that is named otherwise, and each exception below that is no longer
+needed; status 1 if there is one.
 """
 
 import re
@@ -16,7 +16,7 @@ from lengths import functions
 PREFIX = re.compile(r"(kaq|php)_")
 MACRO = re.compile(r"[A-Z][A-Z0-9_]+")
 ATTRIBUTE = re.compile(r"__attribute__\s*\(\(.*?\)\)", re.DOTALL)
-# A macro may stand before a function without a line's end that the reader could see.
+# A macro on a line of its own before a function has no semicolon that would end its statement.
 MACRO_LINE = re.compile(r"^[A-Z][A-Z0-9_]+(\([^()]*\))?$", re.MULTILINE)
 
 # Interface: callers outside of the extension know these by their names.
@@ -32,7 +32,7 @@ EXCEPTIONS = set("""
 
 
 def unprefixed(text):
-    """Name and line of each function whose name does not say that it is ours."""
+    """Name and line of each function without our prefix."""
     text = ATTRIBUTE.sub(lambda found: "\n" * found[0].count("\n"), text)
     text = MACRO_LINE.sub("", text)
     for name, line, _ in functions(text):
@@ -47,7 +47,7 @@ def main(paths):
             for name, line in unprefixed(source.read()):
                 needed.add(name)
                 if name not in EXCEPTIONS:
-                    found.append(f"{path}:{line}: {name} bears neither kaq_ nor php_")
+                    found.append(f"{path}:{line}: {name} begins with neither kaq_ nor php_")
     found += [f"prefixes: no function is named {name} any more" for name in EXCEPTIONS - needed]
     print("".join(line + "\n" for line in sorted(found)), end="")
     return 1 if found else 0

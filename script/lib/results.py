@@ -4,8 +4,8 @@
     results.py junit FILE      a JUnit file (ctest, pytest)
     results.py runtests FILE   what the engine's run-tests.php prints
     results.py check FILE      the lines of script/check: ok, FAIL or skip and a name
-    results.py sum FILE        a last line "N passed, N failed, N skipped" of another
-                               script here, failures named after "FAIL"
+    results.py sum FILE        what another script here prints, which ends in "N passed, N failed,
+                               N skipped" and names failures after "FAIL"
 
 Prints "PASSED FAILED SKIPPED" and below it the name of each failed test.
 Ends with status 1 when the file cannot be read: the suite did not run.
@@ -30,7 +30,7 @@ def junit_outcome(case):
         return "failed"
     if case.find("skipped") is not None or case.get("status") == "disabled":
         return "skipped"
-    # ctest names what it could not start so.
+    # These are ctest's words for what failed or could not be started.
     if case.get("status") in ("fail", "notrun"):
         return "failed"
     return "passed"
@@ -45,9 +45,9 @@ def read_junit(path):
 
 
 def read_runtests(path):
-    """Result lines share a line with the progress of before, and one test may
-    have several words, joined by "&". Older engines can write no list of all
-    results, so this reads what they all print."""
+    """A result shares its line with the progress printed before it, and may
+    consist of several words, joined by "&". Older engines cannot write a list
+    of all results, so this reads what all engines print."""
     with open(path, encoding="utf-8", errors="replace", newline="\n") as output:
         for line in COLOURS.sub("", output.read()).split("\n"):
             match = RUNTESTS_LINE.search(line)

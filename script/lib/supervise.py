@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """supervise.py SECONDS COMMAND...: runs a command and ends all that it started.
 
-Whatever the command leaves behind ends with it, daemons and processes of other sessions, too. If
-it takes longer than SECONDS, or this program is told to end (or its parent dies), all of them are
-ended at once: told so first, killed if they are still there KAQ_GRACE seconds later (20). The
+Whatever the command leaves behind ends with it, including daemons and processes in other sessions.
+If it takes longer than SECONDS, or this program gets a signal to end (or its parent dies), all of
+them are ended at once: by SIGTERM, and by SIGKILL after KAQ_GRACE more seconds (default: 20). The
 status is the command's, 124 if it took too long, or 128 and the number of the signal that ended
 the command or this program."""
 
@@ -26,7 +26,7 @@ def descendants():
     for entry in filter(str.isdigit, os.listdir("/proc")):
         try:
             with open("/proc/%s/stat" % entry, encoding="utf-8", errors="replace") as stat:
-                # The name before it may hold anything, brackets and blanks included.
+                # The name before these fields may hold anything, brackets and blanks included.
                 state, parent = stat.read().rpartition(")")[2].split()[:2]
         except OSError:
             continue
@@ -41,7 +41,7 @@ def descendants():
 
 
 def reap():
-    """Takes leave of the children that have ended: {process id: exit status as of subprocess}."""
+    """Reaps the children that have ended: {process id: exit status as subprocess has it}."""
     ended = {}
     try:
         while True:
@@ -54,7 +54,7 @@ def reap():
 
 
 def end_descendants(grace):
-    """Returns when none is left."""
+    """Ends all descendants; returns when none is left."""
     told = set()
     deadline = time.monotonic() + grace
     while True:
@@ -79,13 +79,14 @@ def start(command, mask):
             signal.signal(number, signal.SIG_DFL)
         signal.pthread_sigmask(signal.SIG_SETMASK, mask)
 
-    # Not in the terminal's foreground, whose Ctrl-C is for us to pass on.
+    # In a session of its own, so that Ctrl-C in the terminal reaches only us; we pass it on.
     return subprocess.Popen(command, stdin=subprocess.DEVNULL, start_new_session=True,
                             preexec_fn=as_we_were_started)
 
 
 def run(command, limit, mask):
-    """The command's status as a shell has it. The signals that may come meanwhile are blocked."""
+    """Returns the command's status as a shell reports it. REQUIRES: the signals awaited here are
+    blocked."""
     deadline = time.monotonic() + limit
     process = start(command, mask)
     while True:
