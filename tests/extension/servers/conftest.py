@@ -10,10 +10,10 @@ HERE = pathlib.Path(__file__).resolve().parent
 for directory in (HERE.parent / "wire", HERE):
     sys.path.insert(0, str(directory))
 
-import doors  # noqa: E402
 import drivers  # noqa: E402
 import engines  # noqa: E402
 import expected  # noqa: E402
+import server_interfaces  # noqa: E402
 import server_processes  # noqa: E402
 from fake_collector import FakeCollector  # noqa: E402
 from payloads import HEX16  # noqa: E402
@@ -148,7 +148,7 @@ class Watch:
 
     def server(self, source, settings=None):
         """The engine's own web server, which answers every request with the script."""
-        started = doors.BuiltinServer(
+        started = server_interfaces.BuiltinServer(
             self.engine, self.options(True, settings), self.script(source, name="router.php"))
         self._servers.append(started)
         return started

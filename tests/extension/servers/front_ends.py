@@ -1,6 +1,6 @@
-"""Web servers as doors of a service (see services.py): nginx in front of a FastCGI server, and
-Apache with the engine's module. On loopback, on free ports, in temporary directories, apart from
-any service of the machine."""
+"""Web servers as the server interfaces of a service (see services.py): nginx in front of a FastCGI
+server, and Apache with the engine's module. On loopback, on free ports, in temporary directories,
+apart from any service of the machine."""
 import collections
 import json
 import os
@@ -8,8 +8,8 @@ import pathlib
 import shutil
 import socket
 
-import doors
 import engines
+import server_interfaces
 import services
 from server_processes import SEARCH, Unavailable, free_port
 
@@ -88,11 +88,11 @@ ASK_BY_HTTP2 = """
 """
 
 
-class _WebServer(doors.BuiltinServer):
+class _WebServer(server_interfaces.BuiltinServer):
     """Asked as the engine's own web server is, `port` and all."""
 
     def __init__(self):
-        super(doors.BuiltinServer, self).__init__()
+        super(server_interfaces.BuiltinServer, self).__init__()
 
     def _serve(self, configuration, command, environment=None):
         """`configuration` lacks only the port. A free one may be taken by somebody else before the
@@ -124,7 +124,7 @@ class _Nginx(_WebServer):
     def __init__(self, environment, engine, options, page):
         super().__init__()
         program = _program("nginx")
-        self._behind = services.DOORS[self.behind](environment, engine, options, page)
+        self._behind = services.SERVER_INTERFACES[self.behind](environment, engine, options, page)
         try:
             self._serve(
                 NGINX.format(directory=self.directory, socket=self._behind.socket, page=page,

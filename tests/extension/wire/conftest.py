@@ -8,8 +8,8 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-import doors  # noqa: E402
 import engines  # noqa: E402
+import server_interfaces  # noqa: E402
 import standins  # noqa: E402
 from fake_collector import ENABLED, FakeCollector  # noqa: E402
 
@@ -76,21 +76,22 @@ class Wire:
             **variables):
         self.need(self.engine.cgi, "php-cgi")
         path = source if isinstance(source, pathlib.Path) else self.script(source, name)
-        return doors.run_cgi(
+        return server_interfaces.run_cgi(
             self.engine, path, self.options(settings, loaded, ini), variables, body)
 
     def fpm(self, settings=None, loaded=True):
         self.need(self.engine.fpm, "php-fpm")
-        return self._keep(doors.FpmServer(self.engine, self.options(settings, loaded)))
+        return self._keep(server_interfaces.FpmServer(self.engine, self.options(settings, loaded)))
 
     def cgi_server(self, settings=None, loaded=True, ini=None):
         self.need(self.engine.cgi, "php-cgi")
-        return self._keep(doors.CgiServer(self.engine, self.options(settings, loaded, ini)))
+        return self._keep(
+            server_interfaces.CgiServer(self.engine, self.options(settings, loaded, ini)))
 
     def builtin_server(self, source="", settings=None, loaded=True):
         router = source if isinstance(source, pathlib.Path) else self.script(source, "router.php")
         return self._keep(
-            doors.BuiltinServer(self.engine, self.options(settings, loaded), router))
+            server_interfaces.BuiltinServer(self.engine, self.options(settings, loaded), router))
 
     def same_as_bare(self, run, **arguments):
         """Runs it with and without the extension and checks that nobody could tell which is which.
@@ -130,7 +131,7 @@ def other_collector():
     listening.close()
 
 
-class Door:
+class Worker:
     """One long-lived process that answers every request with the same script."""
 
     def __init__(self, wire, kind):
@@ -157,8 +158,8 @@ class Door:
 
 
 @pytest.fixture(params=["builtin", "cgi", "fpm"])
-def door(request, wire):
-    return Door(wire, request.param)
+def worker(request, wire):
+    return Worker(wire, request.param)
 
 
 @pytest.fixture(scope="session")

@@ -2,9 +2,9 @@
 import collections
 import subprocess
 
-import doors
 import engines
 import pytest
+import server_interfaces
 from fake_collector import DISABLED, ENABLED
 from http_server import HttpServer, path_of, values_of
 
@@ -115,7 +115,7 @@ class CurlRuns:
         self.server.forget()
         if key is not None:
             variables["KAQ_ACCOUNT_KEY"] = key
-        result = doors.run_cgi(
+        result = server_interfaces.run_cgi(
             self.engine, path, self.options(mode, settings, loaded), variables)
         return Run(result, self.server.forget())
 

@@ -3,8 +3,8 @@ import gzip
 import itertools
 import re
 
-import doors
 import engines
+import server_interfaces
 
 SNIPPET = b"<script>/* rum */</script>"
 HTML = "header('Content-Type: text/html; charset=utf-8'); "
@@ -46,7 +46,7 @@ class Answer:
 class Site:
     """One kind of server. `collector` answers the loaded ones."""
 
-    _starts = {"cgi": doors.CgiServer, "fpm": doors.FpmServer}
+    _starts = {"cgi": server_interfaces.CgiServer, "fpm": server_interfaces.FpmServer}
 
     def __init__(self, engine, collector, kind, directory):
         self.engine, self.collector, self.kind, self.directory = engine, collector, kind, directory
@@ -114,4 +114,4 @@ class Site:
         router = self.directory / "router.php"
         router.write_text("<?php include '%s' . strtok($_SERVER['REQUEST_URI'], '?');"
                           % self.directory)
-        return doors.BuiltinServer(self.engine, options, router)
+        return server_interfaces.BuiltinServer(self.engine, options, router)

@@ -5,9 +5,9 @@ import json
 import pathlib
 import urllib.parse
 
-import doors
 import engines
 import payloads
+import server_interfaces
 from fake_collector import ENABLED, FakeCollector
 
 KEY = "the-key-of-the-account-of-the-tests-K7d9Qw3xZ1Lm"
@@ -87,7 +87,7 @@ class Payload(payloads.Payload):
 
 
 class Placed:
-    """A door whose process has more in its environment. Put before the door's class."""
+    """An interface whose process has more in its environment. Put before the interface's class."""
 
     def __init__(self, environment, *arguments):
         self._environment = environment
@@ -97,30 +97,30 @@ class Placed:
         super()._start(command, {**(env or {}), **self._environment})
 
 
-class Builtin(Placed, doors.BuiltinServer):
+class Builtin(Placed, server_interfaces.BuiltinServer):
     pass
 
 
-class Cgi(Placed, doors.CgiServer):
+class Cgi(Placed, server_interfaces.CgiServer):
     pass
 
 
-class Fpm(Placed, doors.FpmServer):
+class Fpm(Placed, server_interfaces.FpmServer):
     pass
 
 
-DOORS = {
+SERVER_INTERFACES = {
     "builtin": Builtin,
     "cgi": lambda environment, engine, options, page: Cgi(environment, engine, options),
     "fpm": lambda environment, engine, options, page: Fpm(environment, engine, options)}
 
 
 @functools.lru_cache(maxsize=None)
-def doors_that_hand_headers_over():
-    """The names of DOORS whose process lets the engine under test know a request's headers."""
+def interfaces_with_request_headers():
+    """The names of the interfaces that pass a request's headers to the engine under test."""
     engine = engines.find_engine()
     has = {"builtin": True, "cgi": engine.cgi, "fpm": engine.fpm and engine.fpm_has_getallheaders}
-    return [name for name in DOORS if has[name]]
+    return [name for name in SERVER_INTERFACES if has[name]]
 
 
 class Collector(FakeCollector):
@@ -134,11 +134,11 @@ class Collector(FakeCollector):
 
 
 class Service:
-    """`door` starts the process: a name of DOORS, where cgi is php-cgi as a FastCGI server, or
-    something that can be called as they are. `key` and `app_id` may be None. Without `monitored`
-    the extension is not even loaded, and there is no collector."""
+    """`interface` starts the process: a name of SERVER_INTERFACES, where cgi is php-cgi as a FastCGI
+    server, or something that can be called as they are. `key` and `app_id` may be None. Without
+    `monitored` the extension is not even loaded, and there is no collector."""
 
-    def __init__(self, engine, directory, door, source, app_id=None, key=None, settings=None,
+    def __init__(self, engine, directory, interface, source, app_id=None, key=None, settings=None,
                  monitored=True):
         self.collector = None
         self.path = pathlib.Path(directory) / "page.php"
@@ -156,7 +156,8 @@ class Service:
                 "kaq.capture_distributed_trace": 1, **(settings or {})})]
         environment = {} if key is None else {"KAQ_ACCOUNT_KEY": key}
         try:
-            self.server = DOORS.get(door, door)(environment, engine, options, self.path)
+            start = SERVER_INTERFACES.get(interface, interface)
+            self.server = start(environment, engine, options, self.path)
         except BaseException:
             self._close_collector()
             raise

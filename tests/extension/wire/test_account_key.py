@@ -205,7 +205,7 @@ def test_key_stands_in_phpinfo_only_where_the_engine_itself_shows_its_environmen
         options = [*wire.options(loaded=loaded), "-d", "display_errors=0"]
         variables = {"KAQ_ACCOUNT_KEY": KEY}
         if html:
-            variables.update(services.doors.cgi_variables(script))
+            variables.update(services.server_interfaces.cgi_variables(script))
         arguments = [] if html else [str(script)]
         result = engines.run([binary, *options, *arguments], env=variables)
         shown.append(result.stdout.decode("utf-8", "replace"))

@@ -145,8 +145,8 @@ def test_script_that_dies_of_its_memory_limit_with_many_spans(wire, collector):
     assert collector.payload.names == ["f"] * 9000 + ["deep"] * 11
 
 
-def test_later_requests_are_not_affected_by_one_that_died(wire, collector, door):
-    door.open("""
+def test_later_requests_are_not_affected_by_one_that_died(wire, collector, worker):
+    worker.open("""
         function f($n) {
             if ($n) { return f($n - 1); }
             if ($_GET['q'] == 'memory') { ini_set('memory_limit', '4M'); str_repeat('x', 9000000); }
@@ -157,8 +157,8 @@ def test_later_requests_are_not_affected_by_one_that_died(wire, collector, door)
         echo f(10);
     """, dict(KEEP_ALL, display_errors=0))
     for query in ("memory", "exit", "throw"):
-        door.get("/died?q=" + query)
-        assert door.get("/fine?q=") == b"fine"
+        worker.get("/died?q=" + query)
+        assert worker.get("/fine?q=") == b"fine"
     seen = collector.payloads
     assert [payload.transaction["t_name"] for payload in seen] == ["/died", "/fine"] * 3
     assert [len(payload.spans) for payload in seen] == [12] * 6

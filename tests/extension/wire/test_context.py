@@ -188,12 +188,12 @@ def test_script_name_is_truncated_to_its_buffer(wire, collector, length):
     assert collector.payload.transaction["t_name"] == "/" + "s" * (min(length, 8191) - 1)
 
 
-def test_long_facts_of_one_request_leave_nothing_in_the_next(wire, collector, door):
-    door.open("echo 1;")
-    door.get("/" + "u" * 9000)
-    door.get("/v?" + "q" * 14000)
-    door.get("/w", {"Host": "h" * 9000})
-    door.get("/x?r", {"Host": "i"})
+def test_long_facts_of_one_request_leave_nothing_in_the_next(wire, collector, worker):
+    worker.open("echo 1;")
+    worker.get("/" + "u" * 9000)
+    worker.get("/v?" + "q" * 14000)
+    worker.get("/w", {"Host": "h" * 9000})
+    worker.get("/x?r", {"Host": "i"})
     uri, query, host, short = (payload.transaction for payload in collector.payloads)
     assert (len(uri["t_name"]), len(query["http_query_str"]), len(host["http_host"])) == (
         8191, 12799, 8191)

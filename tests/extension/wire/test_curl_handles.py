@@ -199,10 +199,10 @@ def test_memory_does_not_grow_with_handles_that_are_gone(curl, engine):
     assert int(run.result.stdout) < 100000, run.result
 
 
-def test_another_request_of_the_process_knows_nothing(curl, door, collector):
-    door.wire.options = _like(curl, door.wire.options)
+def test_another_request_of_the_process_knows_nothing(curl, worker, collector):
+    worker.wire.options = _like(curl, worker.wire.options)
     collector.reply = curl.reply
-    door.open(curl.prelude + """
+    worker.open(curl.prelude + """
         $ch = curl_init("$url/a"); curl_setopt($ch, CURLOPT_RETURNTRANSFER, 1);
         $multi = curl_multi_init();
         if ($_GET['q'] === 'first') {
@@ -212,10 +212,10 @@ def test_another_request_of_the_process_knows_nothing(curl, door, collector):
         curl_exec($ch); curl_multi_add_handle($multi, $ch); %s
     """ % (FINISH, FINISH))
     for _ in range(2):
-        door.get("/?q=first")
+        worker.get("/?q=first")
         curl.server.forget()
         collector.forget()
-        door.get("/?q=second")
+        worker.get("/?q=second")
         assert len(curl.server.requests) == 2
         for request in curl.server.forget():
             assert "Old: 1" not in request.headers

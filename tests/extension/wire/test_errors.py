@@ -240,10 +240,10 @@ def test_exceptions_do_not_count_as_errors(wire, collector):
     assert texts(payload.root) == ["e"] * 20 + ["n"] * 10
 
 
-def test_count_begins_anew_with_each_request(collector, door):
-    door.open("for ($n = 0; $n < 15; $n++) @trigger_error(\"$n\"); echo 'page';", DROP_SHORT)
+def test_count_begins_anew_with_each_request(collector, worker):
+    worker.open("for ($n = 0; $n < 15; $n++) @trigger_error(\"$n\"); echo 'page';", DROP_SHORT)
     for _ in range(3):
-        assert door.get("/page") == b"page"
+        assert worker.get("/page") == b"page"
     assert [texts(payload.root) for payload in collector.payloads] == [
         [str(n) for n in range(10)]] * 3
 

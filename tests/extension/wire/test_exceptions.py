@@ -327,10 +327,10 @@ def test_errors_do_not_count_as_exceptions(wire, collector):
     assert recorded(payload) == [-1] * 10 + list(range(10))
 
 
-def test_list_of_classes_begins_anew_with_each_request(collector, door):
-    door.open(throws(*range(12)) + "echo 'page';", DROP_SHORT)
+def test_list_of_classes_begins_anew_with_each_request(collector, worker):
+    worker.open(throws(*range(12)) + "echo 'page';", DROP_SHORT)
     for _ in range(3):
-        assert door.get("/page") == b"page"
+        assert worker.get("/page") == b"page"
     assert [recorded(payload) for payload in collector.payloads] == [list(range(10))] * 3
 
 

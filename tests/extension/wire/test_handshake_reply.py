@@ -181,9 +181,9 @@ def test_missing_json_decode_means_unmonitored_and_nothing_shown(wire, collector
     assert collector.events == ["status", "data"]
 
 
-def test_every_request_asks_again(wire, collector, door):
-    door.open("echo 1;")
+def test_every_request_asks_again(wire, collector, worker):
+    worker.open("echo 1;")
     for _ in range(4):
-        door.get()
+        worker.get()
     collector.settle()
     assert len(collector.status_requests) == 4 and collector.status_connections == 4

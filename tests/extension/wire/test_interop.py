@@ -133,7 +133,7 @@ def test_the_parser_that_accepts_ours_refuses_what_is_none(propagator):
 
 def pytest_generate_tests(metafunc):
     if "through" in metafunc.fixturenames:
-        metafunc.parametrize("through", services.doors_that_hand_headers_over())
+        metafunc.parametrize("through", services.interfaces_with_request_headers())
 
 
 @pytest.mark.parametrize("flags", [SAMPLED, 0], ids=["sampled", "not sampled"])

@@ -100,8 +100,8 @@ def test_destructors_shutdown_functions_and_output_callbacks_still_belong_to_the
         "main", [("late", []), ("D::__destruct", []), ("buffer", [])])
 
 
-def test_user_code_that_runs_after_request_end_stays_out_of_every_payload(wire, collector, door):
-    door.open("""
+def test_user_code_that_runs_after_request_end_stays_out_of_every_payload(wire, collector, worker):
+    worker.open("""
         class Tail {
             public $context;
             function stream_open($p, $m, $o, &$opened) { return true; }
@@ -114,30 +114,30 @@ def test_user_code_that_runs_after_request_end_stays_out_of_every_payload(wire, 
         $GLOBALS['kept'] = fopen('tail://x', 'w');
         echo getmypid();
     """, KEEP_ALL)
-    pids = {door.get() for _ in range(4)}
+    pids = {worker.get() for _ in range(4)}
     assert len(pids) == 1 and len(collector.payloads) == 4
     for payload in collector.payloads:
         assert [name for name in payload.names if "stream_close" in name or name == "helper"] == []
 
 
-def test_monitoring_is_decided_anew_for_each_request_of_a_process(wire, collector, door):
-    door.open("echo getmypid();")
+def test_monitoring_is_decided_anew_for_each_request_of_a_process(wire, collector, worker):
+    worker.open("echo getmypid();")
     collector.replies.extend([ENABLED, DISABLED, ENABLED, b"", {"instance.status": 911}, ENABLED])
-    pids = {door.get("/r%d" % number) for number in range(6)}
+    pids = {worker.get("/r%d" % number) for number in range(6)}
     assert len(pids) == 1
     assert [payload.transaction["t_name"] for payload in collector.payloads] == ["/r0", "/r2", "/r5"]
     assert collector.notices == [DISABLED_NOTICE] * 3
 
 
-def test_nothing_the_collector_said_is_carried_over_to_the_next_request(wire, collector, door):
-    door.open("echo 1;")
+def test_nothing_the_collector_said_is_carried_over_to_the_next_request(wire, collector, worker):
+    worker.open("echo 1;")
     collector.replies.extend([
         {"instance.id": "first", "normalised.txn.name": "shop page", "instance.status": 920},
         {"instance.id": "second", "instance.status": 920},
         {"instance.status": 920},
     ])
     for _ in range(3):
-        door.get()
+        worker.get()
     first, second = collector.payloads
     assert first.application["instance_id"] == "first"
     assert first.transaction["normalised_tname"] == "shop page"
@@ -146,15 +146,15 @@ def test_nothing_the_collector_said_is_carried_over_to_the_next_request(wire, co
     assert collector.notices == [DISABLED_NOTICE]
 
 
-def test_spans_of_an_unmonitored_request_are_not_carried_over(wire, collector, door):
-    door.open("""
+def test_spans_of_an_unmonitored_request_are_not_carried_over(wire, collector, worker):
+    worker.open("""
         function deep($n) { if ($n) { deep($n - 1); } elseif ($_GET['q'] == 'off') { exit; } }
         function other() {}
         deep(20); other();
     """, KEEP_ALL)
     collector.replies.extend([DISABLED, ENABLED])
-    door.get("/?q=off")
-    door.get("/?q=on")
+    worker.get("/?q=off")
+    worker.get("/?q=on")
     (payload,) = collector.payloads
     assert payload.names == ["deep"] * 21 + ["other"]
     assert [span["mo"] for span in payload.spans] == list(range(23))
@@ -187,10 +187,10 @@ def test_request_facts_are_not_carried_over_to_a_background_run_of_the_same_proc
     assert "psi" not in background.root
 
 
-def test_identifiers_are_fresh_in_each_request_of_a_process(wire, collector, door):
-    door.open("function f() {} f();", KEEP_ALL)
+def test_identifiers_are_fresh_in_each_request_of_a_process(wire, collector, worker):
+    worker.open("function f() {} f();", KEEP_ALL)
     for _ in range(5):
-        door.get()
+        worker.get()
     payloads = collector.payloads
     assert len({payload.transaction["trace_id"] for payload in payloads}) == 5
     assert len({span["si"] for payload in payloads for span in payload.spans}) == 10
@@ -200,10 +200,10 @@ LONG = "long text " * 500
 
 
 @pytest.mark.parametrize("status", [920, 0], ids=["monitored", "unmonitored"])
-def test_memory_and_descriptors_stay_level_over_many_requests(wire, collector, door, status):
+def test_memory_and_descriptors_stay_level_over_many_requests(wire, collector, worker, status):
     collector.reply = {"instance.id": LONG, "normalised.txn.name": LONG, "app.id": LONG,
                    "instance.status": status}
-    door.open("""
+    worker.open("""
         class Closer {
             public $context;
             function stream_open($p, $m, $o, &$opened) { return true; }
@@ -220,13 +220,13 @@ def test_memory_and_descriptors_stay_level_over_many_requests(wire, collector, d
                            "kaq.remote_exporter_hostname": LONG,
                            "kaq.remote_exporter_ip": "127.0.0.1"}))
     for _ in range(60):
-        assert door.get("/page?a=b", {"X-Sent": "yes"}) == b"bye"
-    files, memory = door.server.open_files(), door.server.resident_kib()
+        assert worker.get("/page?a=b", {"X-Sent": "yes"}) == b"bye"
+    files, memory = worker.server.open_files(), worker.server.resident_kib()
     for _ in range(400):
-        door.get("/page?a=b", {"X-Sent": "yes"})
-    assert door.server.open_files() <= files + 1
-    if not door.server.keeps_freed_memory:
-        assert door.server.resident_kib() - memory < 1024
+        worker.get("/page?a=b", {"X-Sent": "yes"})
+    assert worker.server.open_files() <= files + 1
+    if not worker.server.keeps_freed_memory:
+        assert worker.server.resident_kib() - memory < 1024
     collector.settle()
     assert len(collector.data_records) == 460
 
@@ -249,8 +249,8 @@ def test_module_names_itself_with_its_versions(wire, collector):
     assert wire.cli("echo phpversion('kaq');").stdout == b"4.9"
 
 
-def test_thread_id_is_the_operating_system_id_of_the_thread(wire, collector, door):
-    door.open("echo getmypid();")
-    pid = int(door.get())
+def test_thread_id_is_the_operating_system_id_of_the_thread(wire, collector, worker):
+    worker.open("echo getmypid();")
+    pid = int(worker.get())
     seen = collector.payload.transaction["thread_id"]
     assert os.path.isdir("/proc/%d/task/%d" % (pid, seen))

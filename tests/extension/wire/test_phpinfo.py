@@ -53,11 +53,11 @@ def test_html(wire, collector):
     check(html_section(body), defaults(collector))
 
 
-@pytest.mark.parametrize("door", ["cli", "cgi"])
-def test_value_that_a_script_set_stands_beside_the_one_of_the_process(wire, collector, door):
+@pytest.mark.parametrize("interface", ["cli", "cgi"])
+def test_value_that_a_script_set_stands_beside_the_one_of_the_process(wire, collector, interface):
     source = "ini_set('kaq.application_name', 'a<b&c'); phpinfo(INFO_MODULES);"
     settings = {"kaq.application_name": "from-ini", "kaq.stack_depth": 3}
-    if door == "cli":
+    if interface == "cli":
         sections = text_section(wire.cli(source, settings=settings).stdout.decode())
     else:
         body = wire.cgi(source, settings=settings).response.body.decode()

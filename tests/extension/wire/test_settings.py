@@ -168,43 +168,46 @@ def test_application_name_set_by_the_script_does_not_change_the_running_request(
 
 # Scope ---------------------------------------------------------------------------------------
 
-def test_integer_set_by_the_script_lasts_for_its_request_only(wire, collector, door):
-    door.open("if ($_GET['q'] == 'set') ini_set('kaq.method_threshold', '0'); " + SHORT_CALLS)
+def test_integer_set_by_the_script_lasts_for_its_request_only(wire, collector, worker):
+    worker.open("if ($_GET['q'] == 'set') ini_set('kaq.method_threshold', '0'); " + SHORT_CALLS)
     for query in ("plain", "set", "plain"):
-        door.get("/?q=" + query)
+        worker.get("/?q=" + query)
     assert [payload.names for payload in collector.payloads] == [[], ["f", "f"], []]
 
 
-def test_data_port_set_by_the_script_receives_this_payload_only(wire, collector, other_collector, door):
-    door.open("if ($_GET['q'] == 'set') ini_set('kaq.data_port', '%d');" % other_collector.data_port)
+def test_data_port_set_by_the_script_receives_this_payload_only(
+        wire, collector, other_collector, worker):
+    worker.open("if ($_GET['q'] == 'set') ini_set('kaq.data_port', '%d');"
+                % other_collector.data_port)
     for query in ("a", "set", "b"):
-        door.get("/%s?q=%s" % (query, query))
+        worker.get("/%s?q=%s" % (query, query))
     assert [payload.transaction["t_name"] for payload in collector.payloads] == ["/a", "/b"]
     assert other_collector.payload.transaction["t_name"] == "/set"
 
 
-def test_application_name_set_by_the_script_does_not_reach_later_requests(wire, collector, door):
-    door.open("ini_set('kaq.application_name', 'Mine' . str_repeat('x', 500));")
+def test_application_name_set_by_the_script_does_not_reach_later_requests(wire, collector, worker):
+    worker.open("ini_set('kaq.application_name', 'Mine' . str_repeat('x', 500));")
     for _ in range(3):
-        door.get()
+        worker.get()
     assert {payload.application["application_name"] for payload in collector.payloads} == {
         "PHP-Application"}
 
 
-def test_string_that_is_empty_in_php_ini_keeps_its_last_text_which_is_meant(wire, collector, door):
-    door.open("if ($_GET['q'] == 'set') ini_set('kaq.application_group', 'Kept');"
-              "$fill = str_repeat('y', 1 << 16);")
+def test_string_that_is_empty_in_php_ini_keeps_its_last_text_which_is_meant(
+        wire, collector, worker):
+    worker.open("if ($_GET['q'] == 'set') ini_set('kaq.application_group', 'Kept');"
+                "$fill = str_repeat('y', 1 << 16);")
     for query in ("plain", "set", "plain", "plain"):
-        door.get("/?q=" + query)
+        worker.get("/?q=" + query)
     assert [payload.application["application_group"] for payload in collector.payloads] == [
         "", "", "Kept", "Kept"]
 
 
-def test_empty_value_set_by_the_script_changes_nothing(wire, collector, door):
-    door.open("ini_set('kaq.application_name', ''); ini_set('kaq.method_threshold', ''); "
-              + SHORT_CALLS)
+def test_empty_value_set_by_the_script_changes_nothing(wire, collector, worker):
+    worker.open("ini_set('kaq.application_name', ''); ini_set('kaq.method_threshold', ''); "
+                + SHORT_CALLS)
     for _ in range(2):
-        door.get()
+        worker.get()
     assert [(payload.names, payload.application["application_name"])
             for payload in collector.payloads] == [([], "PHP-Application")] * 2
 

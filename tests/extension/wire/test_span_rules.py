@@ -121,10 +121,10 @@ def test_default_limit_is_ten_thousand_spans(wire, collector):
                  method_threshold=0) == ["f"] * 10000
 
 
-def test_limit_counts_anew_in_each_request(wire, collector, door):
-    door.open("function f() {} f(); f(); f(); f();", {"kaq.span_limit": 3, THRESHOLD: 0})
+def test_limit_counts_anew_in_each_request(wire, collector, worker):
+    worker.open("function f() {} f(); f(); f(); f();", {"kaq.span_limit": 3, THRESHOLD: 0})
     for _ in range(3):
-        door.get()
+        worker.get()
     assert [payload.names for payload in collector.payloads] == [["f", "f", "f"]] * 3
 
 
@@ -211,11 +211,11 @@ def test_pruning_of_long_chains_and_wide_trees(wire, collector):
                              "a(3000);" % DROP) == ("main", [("leaf", [])])
 
 
-def test_pruning_set_by_the_script_holds_for_its_request(wire, collector, door):
-    door.open("function leaf() { %s } function a() { leaf(); %s }"
-              "if ($_GET['q'] == 'on') ini_set('kaq.prune_intermediate_spans', '1'); a();" % (
+def test_pruning_set_by_the_script_holds_for_its_request(wire, collector, worker):
+    worker.open("function leaf() { %s } function a() { leaf(); %s }"
+                "if ($_GET['q'] == 'on') ini_set('kaq.prune_intermediate_spans', '1'); a();" % (
                   KEEP, DROP))
     for query in ("off", "on", "off"):
-        door.get("/?q=" + query)
+        worker.get("/?q=" + query)
     assert [payload.names for payload in collector.payloads] == [
         ["a", "leaf"], ["leaf"], ["a", "leaf"]]

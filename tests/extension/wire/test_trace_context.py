@@ -1,4 +1,4 @@
-"""The trace context that a web request brings along, at every door that hands headers over."""
+"""The trace context that a web request brings along, at every interface that passes headers on."""
 import json
 
 import pytest
@@ -42,7 +42,7 @@ def entered(engine, directory, kind):
 
 def pytest_generate_tests(metafunc):
     if "entry" in metafunc.fixturenames:
-        metafunc.parametrize("entry", services.doors_that_hand_headers_over(), indirect=True,
+        metafunc.parametrize("entry", services.interfaces_with_request_headers(), indirect=True,
                              scope="module")
 
 

@@ -202,21 +202,21 @@ def test_answer_just_in_time_is_taken(wire, collector):
     assert any(is_taken() for _ in range(5))
 
 
-def test_next_request_is_not_affected_by_any_fault_before_it(wire, collector, door):
-    door.open("function f() {} f(); echo 'out';", {"kaq.method_threshold": 0})
+def test_next_request_is_not_affected_by_any_fault_before_it(wire, collector, worker):
+    worker.open("function f() {} f(); echo 'out';", {"kaq.method_threshold": 0})
     for fault in (behaviours.closes_at_once, behaviours.resets, b"garbage", b"", padded(5000000),
                   behaviours.never_answers, b"[920]", DISABLED, b"\xff\x00"):
         collector.replies.append(fault)
-        assert door.get("/faulty") == b"out"
-        assert door.get("/after") == b"out"
+        assert worker.get("/faulty") == b"out"
+        assert worker.get("/after") == b"out"
     seen = [payload for payload in collector.payloads if payload.transaction["t_name"] == "/after"]
     assert len(seen) == 9
     assert all(payload.names == ["f"] for payload in seen)
     assert all(payload.application["instance_id"] == "i-1" for payload in seen)
 
 
-def test_faults_leak_no_descriptors_and_no_memory(wire, collector, door):
-    door.open("function f() {} f(); echo 'out';", {"kaq.method_threshold": 0})
+def test_faults_leak_no_descriptors_and_no_memory(wire, collector, worker):
+    worker.open("function f() {} f(); echo 'out';", {"kaq.method_threshold": 0})
     faults = [behaviours.closes_at_once, behaviours.resets, b"garbage", ANSWER, padded(20000),
               behaviours.answers_in_pieces(ANSWER), DISABLED, padded(4097)]
 
@@ -224,14 +224,14 @@ def test_faults_leak_no_descriptors_and_no_memory(wire, collector, door):
         for _ in range(times):
             collector.replies.extend(faults)
             for _ in faults:
-                assert door.get() == b"out"
+                assert worker.get() == b"out"
 
     suffer(4)
-    files, memory = door.server.open_files(), door.server.resident_kib()
+    files, memory = worker.server.open_files(), worker.server.resident_kib()
     suffer(25)
-    assert door.server.open_files() <= files + 1
-    if not door.server.keeps_freed_memory:
-        assert door.server.resident_kib() - memory < 1024
+    assert worker.server.open_files() <= files + 1
+    if not worker.server.keeps_freed_memory:
+        assert worker.server.resident_kib() - memory < 1024
 
 
 # Data port ---------------------------------------------------------------------------------------

@@ -169,21 +169,22 @@ def test_hundred_swallowed_bailouts_in_one_request(drivers, collector):
     assert result.stdout == b"done"
 
 
-def test_requests_after_one_with_a_swallowed_bailout_are_fine(drivers, collector, door, standins_so):
-    door.wire.options = _with_module(door.wire.options, standins_so)
+def test_requests_after_one_with_a_swallowed_bailout_are_fine(
+        drivers, collector, worker, standins_so):
+    worker.wire.options = _with_module(worker.wire.options, standins_so)
     collector.reply = DISABLED
-    door.open("""
+    worker.open("""
         kaq_standin_plan('mysql_query', function () { if ($_GET['q'] == 'die') {
             trigger_error('dies', E_USER_ERROR); } return 'fine'; });
         function f() { return mysql_query('select'); } echo f(), ' on';
     """, {"display_errors": 0, "kaq.method_threshold": 0})
     for _ in range(3):
-        assert door.get("/die?q=die") == b" on"
-        assert door.get("/fine?q=") == b"fine on"
+        assert worker.get("/die?q=die") == b" on"
+        assert worker.get("/fine?q=") == b"fine on"
     collector.forget()
     collector.reply = {"instance.id": "i-1", "instance.status": 920,
                    "transaction.trace.sql.stacktrace.threshold": 1000}
-    assert door.get("/fine?q=") == b"fine on"
+    assert worker.get("/fine?q=") == b"fine on"
     assert collector.payload.span("mysql_query")["qs"] == "select"
     assert collector.payload.parent_of(collector.payload.span("mysql_query"))["fn"] == "f"
 

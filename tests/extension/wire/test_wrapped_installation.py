@@ -21,13 +21,13 @@ def wrapped(drivers, settings=None, **arguments):
 
 
 @pytest.fixture
-def page(drivers, door, standins_so):
+def page(drivers, worker, standins_so):
     """Opens a page that has the stand-ins loaded."""
-    plain = door.wire.options
-    door.wire.options = lambda settings=None, *arguments, **more: plain(
+    plain = worker.wire.options
+    worker.wire.options = lambda settings=None, *arguments, **more: plain(
         dict({"kaq.method_threshold": 0, "kaq_standins.take_over": 1}, **(settings or {})),
         *arguments, **more) + ["-d", "extension=" + standins_so]
-    return door
+    return worker
 
 
 # At the first request of the process -------------------------------------------------------------

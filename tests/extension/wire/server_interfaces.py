@@ -1,4 +1,4 @@
-"""The doors a web request comes through: CGI, FastCGI (php-cgi and FPM) and the built-in server."""
+"""The server interfaces that serve web requests: CGI, FastCGI (php-cgi and FPM), built-in server."""
 import http.client
 import os
 import pathlib
