@@ -7,6 +7,7 @@
  *
  * The first line is the document's size. Ends with status 1 when the two texts differ.
  */
+#include "core/lifecycle.h"
 #include "json/kaq_json.h"
 #include "wire/payload.h"
 #include "state/php_kaq.h"
