@@ -13,6 +13,7 @@ for directory in (HERE.parent / "wire", HERE):
 import drivers  # noqa: E402
 import engines  # noqa: E402
 import expected  # noqa: E402
+import loopback  # noqa: E402
 import server_interfaces  # noqa: E402
 import server_processes  # noqa: E402
 from fake_collector import FakeCollector  # noqa: E402
@@ -37,7 +38,7 @@ def _session_server(kind):
     def server():
         try:
             started = kind()
-        except server_processes.Unavailable as reason:
+        except loopback.Unavailable as reason:
             pytest.fail(str(reason))
         yield started
         started.close()
@@ -62,7 +63,7 @@ def known_drivers(engine):
 
 @pytest.fixture
 def closed_port():
-    return server_processes.free_port()
+    return loopback.free_port()
 
 
 @pytest.fixture

@@ -9,9 +9,9 @@ import shutil
 import socket
 
 import engines
+import loopback
 import server_interfaces
 import services
-from server_processes import SEARCH, Unavailable, free_port
 
 NGINX = """
 daemon off;
@@ -47,32 +47,13 @@ http {{
 }}
 """
 
-MODULES = pathlib.Path("/usr/lib/apache2/modules")
 # A process serves one request at a time here: a thread-safe engine is as good for that as another.
 APACHE = """
-ServerRoot "{directory}"
-ServerName 127.0.0.1
-Listen 127.0.0.1:{port}
-PidFile "{directory}/pid"
-DefaultRuntimeDir "{directory}"
-Mutex pthread
-User nobody
-Group nogroup
-LoadModule mpm_prefork_module "{modules}/mod_mpm_prefork.so"
-LoadModule authz_core_module "{modules}/mod_authz_core.so"
 LoadModule alias_module "{modules}/mod_alias.so"
-LoadModule {name} "{engine}"
-PHPIniDir "{directory}"
-DocumentRoot "{directory}/pages"
 AliasMatch "^/" "{directory}/pages/page.php"
-SetHandler application/x-httpd-php
-ErrorLog "{directory}/server.log"
-StartServers 1
 MinSpareServers 1
 MaxSpareServers 1
 MaxRequestWorkers 4
-KeepAlive Off
-Timeout 30
 """
 HTTP2 = """
 LoadModule http2_module "{modules}/mod_http2.so"
@@ -99,7 +80,7 @@ class _WebServer(server_interfaces.BuiltinServer):
         server has it: tried again."""
         path = os.path.join(self.directory, "configuration")
         for _ in range(3):
-            self.port = free_port()
+            self.port = loopback.free_port()
             with open(path, "w", encoding="utf-8") as file:
                 file.write(configuration.replace("{port}", str(self.port)))
             self._start([*command, path], environment)
@@ -113,17 +94,10 @@ class _WebServer(server_interfaces.BuiltinServer):
         return answer
 
 
-def _program(name):
-    found = shutil.which(name, path=SEARCH)
-    if not found:
-        raise Unavailable("%s is not installed" % name)
-    return found
-
-
 class _Nginx(_WebServer):
     def __init__(self, environment, engine, options, page):
         super().__init__()
-        program = _program("nginx")
+        program = loopback.program("nginx")
         self._behind = services.SERVER_INTERFACES[self.behind](environment, engine, options, page)
         try:
             self._serve(
@@ -147,26 +121,13 @@ class NginxCgi(_Nginx):
     behind = "cgi"
 
 
-def _apache_module(engine):
-    """(name, path) of the engine's module."""
-    prefix = pathlib.Path(engine.php_config).resolve().parents[1]
-    major, minor = engine.version_id // 10000, engine.version_id // 100 % 100
-    name = "php7_module" if major == 7 else "php_module"
-    for path in (prefix / "modules" / ("libphp%d.so" % major),
-                 MODULES / ("libphp%d.%d.so" % (major, minor))):
-        if path.exists() and (prefix == pathlib.Path("/usr")) == (path.parent == MODULES):
-            return name, path
-    raise Unavailable("there is no Apache module of this engine")
-
-
 class Apache(_WebServer):
     more = ""
 
     def __init__(self, environment, engine, options, page):
         super().__init__()
         try:
-            program = _program("apache2")
-            name, module = _apache_module(engine)
+            program = loopback.program("apache2")
             os.chmod(self.directory, 0o755)
             pages = pathlib.Path(self.directory, "pages")
             pages.mkdir()
@@ -176,10 +137,11 @@ class Apache(_WebServer):
                 "\n".join(settings) + "\n", encoding="ascii")
             # When it ends it ends its process group, which must not be that of the tests.
             self._serve(
-                (APACHE + self.more).format(directory=self.directory, modules=MODULES, name=name,
-                                            engine=module, port="{port}"),
+                loopback.apache_configuration(engine, "prefork", self.directory, "{port}")
+                + (APACHE + self.more).format(directory=self.directory,
+                                              modules=loopback.APACHE_MODULES),
                 ["setsid", program, "-DFOREGROUND", "-d", self.directory, "-f"],
-                {"PATH": SEARCH, **environment})
+                {"PATH": loopback.SEARCH, **environment})
         except BaseException:
             self.close()
             raise

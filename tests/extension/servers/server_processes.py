@@ -1,7 +1,5 @@
 """MariaDB, PostgreSQL, Redis and memcached of the tests' own: on loopback, on a free port, in a
 temporary directory, never as root and apart from any service of the machine."""
-import ctypes
-import glob
 import os
 import shutil
 import signal
@@ -10,36 +8,12 @@ import subprocess
 import tempfile
 import time
 
+from loopback import SEARCH, ends_with_parent, free_port, program
+
 START_DEADLINE = 60.0
 STOP_DEADLINE = 20.0
-# Debian keeps servers and their tools where an unprivileged PATH does not look.
-SEARCH = "/usr/sbin:/usr/bin:/sbin:/bin"
-PR_SET_PDEATHSIG = 1
-# Loaded here: between fork and exec nothing may take a lock.
-LIBC = ctypes.CDLL(None)
 
 DATABASE, USER, PASSWORD = "shop", "clerk", "secret"
-
-
-class Unavailable(Exception):
-    """The server's program is not installed."""
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-def _program(name):
-    found = shutil.which(name, path=SEARCH)
-    if not found:
-        versions = sorted(glob.glob("/usr/lib/postgresql/*/bin/" + name),
-                          key=lambda path: float(path.split("/")[4]))
-        found = versions[-1] if versions else None
-    if not found:
-        raise Unavailable("%s is not installed" % name)
-    return found
 
 
 def _identity():
@@ -93,8 +67,8 @@ class Server:
             with open(self.log_path, "ab") as log:
                 self.process = subprocess.Popen(
                     self.command(), cwd=self.directory, env=self._environment(), stdout=log,
-                    stderr=log, stdin=subprocess.DEVNULL, preexec_fn=self._die_with_parent,
-                    **_identity())
+                    stderr=log, stdin=subprocess.DEVNULL,
+                    preexec_fn=ends_with_parent(self.stop_signal), **_identity())
             deadline = time.monotonic() + START_DEADLINE
             while self.process.poll() is None and time.monotonic() < deadline:
                 if self.is_ready():
@@ -103,9 +77,6 @@ class Server:
             self._stop()
         with open(self.log_path, encoding="utf-8", errors="replace") as log:
             raise AssertionError("%s did not start: %s" % (self.command()[0], log.read()[-3000:]))
-
-    def _die_with_parent(self):
-        LIBC.prctl(PR_SET_PDEATHSIG, int(self.stop_signal), 0, 0, 0)
 
     def _stop(self):
         if self.process and self.process.poll() is None:
@@ -142,9 +113,9 @@ class Server:
 
 class MariaDb(Server):
     def prepare(self):
-        server = _program("mariadbd")
+        server = program("mariadbd")
         self.socket = self.path("server.sock")
-        self.run(_program("mariadb-install-db"), "--no-defaults", "--datadir=" + self.path("data"),
+        self.run(program("mariadb-install-db"), "--no-defaults", "--datadir=" + self.path("data"),
                  "--auth-root-authentication-method=normal", "--skip-test-db",
                  "--skip-name-resolve", "--innodb-log-file-size=4M")
         with open(self.path("init.sql"), "w", encoding="ascii") as file:
@@ -178,8 +149,8 @@ class PostgreSql(Server):
     stop_signal = signal.SIGINT
 
     def prepare(self):
-        self._server, self._asks = _program("postgres"), _program("pg_isready")
-        self.run(_program("initdb"), "-D", self.path("data"), "-U", USER, "-A", "trust",
+        self._server, self._asks = program("postgres"), program("pg_isready")
+        self.run(program("initdb"), "-D", self.path("data"), "-U", USER, "-A", "trust",
                  "-E", "UTF8", "--no-sync")
         self.socket = self.directory
 
@@ -196,7 +167,7 @@ class PostgreSql(Server):
 
 class Redis(Server):
     def prepare(self):
-        self._server = _program("redis-server")
+        self._server = program("redis-server")
         self.socket = self.path("server.sock")
 
     def command(self):
@@ -210,7 +181,7 @@ class Redis(Server):
 
 class Memcached(Server):
     def prepare(self):
-        self._server = _program("memcached")
+        self._server = program("memcached")
 
     def command(self):
         return [self._server, "-l", "127.0.0.1", "-p", str(self.port), "-U", "0", "-m", "16",

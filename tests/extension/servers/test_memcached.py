@@ -70,14 +70,12 @@ def test_compare_and_swap(client):
 
 def test_a_callback_s_calls_are_children_of_the_call_that_missed(client):
     payload = client.payload(OPEN + """
-        echo $m->get('missing', function ($m, $key, &$value) {
-            $value = $m->get('other') ?: 'made';
-            return true;
-        }), $m->get('missing');
+        function make($m, $key, &$value) { $value = $m->get('other') ?: 'made'; return true; }
+        echo $m->get('missing', 'make'), $m->get('missing');
         """, settings={"kaq.method_threshold": 0}, output="mademade")
     assert payload.tree() == ("main", [
         ("memcached::addServer", []),
-        ("memcached::get", [("{closure}", [("memcached::get", [])])]),
+        ("memcached::get", [("make", [("memcached::get", [])])]),
         ("memcached::get", [])])
 
 

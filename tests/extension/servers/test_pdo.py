@@ -221,14 +221,13 @@ def test_calls_within_a_callback_of_the_driver_are_children_of_its_call(sqlite):
     payload = sqlite.payload("""
         $p = new PDO($dsn);
         $q = new PDO($dsn);
-        $p->sqliteCreateFunction('doubled', function ($x) use ($q) {
-            return $q->query("SELECT $x * 2")->fetchColumn();
-        });
+        function doubled($x) { return $GLOBALS['q']->query("SELECT $x * 2")->fetchColumn(); }
+        $p->sqliteCreateFunction('doubled', 'doubled');
         echo $p->query('SELECT doubled(4)')->fetchColumn();
         """, settings={"kaq.method_threshold": 0}, output="8")
     assert payload.tree() == ("main", [
         ("PDO::__construct", []), ("PDO::__construct", []),
-        ("PDO::query", [("{closure}", [("PDO::query", [])])])])
+        ("PDO::query", [("doubled", [("PDO::query", [])])])])
 
 
 def test_an_exception_of_a_callback_passes_through_the_driver(sqlite):

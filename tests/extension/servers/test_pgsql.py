@@ -46,7 +46,7 @@ def test_queries_with_parameters(pgsql):
 def test_prepared_statements(pgsql):
     pgsql.calls(OPEN + """
         pg_prepare($c, 'sum', 'SELECT $1::int + $2::int');
-        echo pg_fetch_result(pg_execute($c, 'sum', [2, 3]), 0);
+        echo pg_fetch_result(pg_execute($c, 'sum', [2, 3]), 0, 0);
         """,
         pgsql.connected, call("pg_prepare", qs="SELECT $1::int + $2::int"), call("pg_execute"),
         output="5")
@@ -55,10 +55,10 @@ def test_prepared_statements(pgsql):
 def test_the_default_link(pgsql):
     """Reading it is deprecated from PHP 8.1 on, and said once."""
     pgsql.calls(OPEN + """
-        echo pg_fetch_result(pg_query('SELECT 1'), 0);
-        echo pg_fetch_result(pg_query_params('SELECT $1::int', [2]), 0);
+        echo pg_fetch_result(pg_query('SELECT 1'), 0, 0);
+        echo pg_fetch_result(pg_query_params('SELECT $1::int', [2]), 0, 0);
         pg_prepare('three', 'SELECT 3');
-        echo pg_fetch_result(pg_execute('three', []), 0);
+        echo pg_fetch_result(pg_execute('three', []), 0, 0);
         """,
         pgsql.connected, call("pg_query", qs="SELECT 1"),
         call("pg_query_params", qs="SELECT $1::int"), call("pg_prepare", qs="SELECT 3"),
@@ -68,7 +68,7 @@ def test_the_default_link(pgsql):
 def test_queries_that_are_not_waited_for(pgsql):
     pgsql.calls(OPEN + """
         var_dump((bool) pg_send_query($c, 'SELECT 21; SELECT 22'));
-        while ($r = pg_get_result($c)) echo pg_fetch_result($r, 0), "\\n";
+        while ($r = pg_get_result($c)) echo pg_fetch_result($r, 0, 0), "\\n";
         """,
         pgsql.connected, call("pg_send_query", qs="SELECT 21; SELECT 22"),
         output="bool(true)\n21\n22\n")
@@ -77,7 +77,7 @@ def test_queries_that_are_not_waited_for(pgsql):
 def test_a_persistent_connection(pgsql):
     pgsql.calls("""
         $c = pg_pconnect($target, PGSQL_CONNECT_FORCE_NEW);
-        echo pg_fetch_result(pg_query($c, 'SELECT 31'), 0);
+        echo pg_fetch_result(pg_query($c, 'SELECT 31'), 0, 0);
         """,
         call("pg_pconnect", hn=pgsql.target), call("pg_query", qs="SELECT 31"), output="31")
 

@@ -2,6 +2,7 @@
 import json
 
 import front_ends
+import loopback
 import pytest
 import services
 from payloads import HEX32
@@ -28,12 +29,12 @@ def keeps_spelling(kind):
 
 
 def started(engine, directory, kind, source, name="A"):
-    if not {"nginx-fpm": engine.fpm, "nginx-cgi": engine.cgi}.get(kind, True):
-        pytest.skip("this engine has no program for " + kind)
+    if not {"nginx-fpm": engine.fpm, "nginx-cgi": engine.cgi}.get(kind, engine.apache_module):
+        pytest.skip("this engine has no program or module for " + kind)
     try:
         return services.Service(engine, directory, front_ends.KINDS[kind], source, app_id=name,
                                 key=KEY)
-    except front_ends.Unavailable as reason:
+    except loopback.Unavailable as reason:
         pytest.fail(str(reason))
 
 

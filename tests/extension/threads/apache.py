@@ -1,46 +1,26 @@
 """Apache of the tests' own, with the event model and the thread-safe engine's module: on loopback,
 on a free port, in a temporary directory, apart from any service of the machine."""
-import ctypes
 import http.client
 import os
 import pathlib
 import re
-import shutil
 import signal
-import socket
 import subprocess
 import time
 
 import engines
+import loopback
 
 THREADS = 16
 # A generation that ends stands beside the next ones for a while.
 GENERATIONS = 16
 START_DEADLINE = 30.0
 STOP_DEADLINE = 30.0
-SEARCH = "/usr/sbin:/usr/bin:/sbin:/bin"
-PR_SET_PDEATHSIG = 1
 
 CONFIG = """
-ServerRoot "{directory}"
-ServerName 127.0.0.1
-Listen 127.0.0.1:{port}
-PidFile "{directory}/pid"
-DefaultRuntimeDir "{directory}"
-Mutex pthread
-User nobody
-Group nogroup
-LoadModule mpm_event_module "{modules}/mod_mpm_event.so"
-LoadModule authz_core_module "{modules}/mod_authz_core.so"
-LoadModule php7_module "{engine}"
-PHPIniDir "{directory}"
-DocumentRoot "{directory}/pages"
-SetHandler application/x-httpd-php
-ErrorLog "{directory}/error.log"
 LogLevel notice
 LogFormat "%{{pid}}P %{{tid}}P %>s %q" calls
 CustomLog "{directory}/access.log" calls
-StartServers 1
 ServerLimit {generations}
 ThreadLimit {threads}
 ThreadsPerChild {threads}
@@ -48,30 +28,8 @@ MinSpareThreads {threads}
 MaxSpareThreads {threads}
 MaxRequestWorkers {threads}
 MaxConnectionsPerChild 0
-KeepAlive Off
-Timeout 30
 CoreDumpDirectory "{directory}"
 """
-
-MODULES = pathlib.Path("/usr/lib/apache2/modules")
-
-
-class Unavailable(Exception):
-    """There is no Apache, or the engine has no module for it."""
-
-
-def module_of(engine):
-    prefix = pathlib.Path(engine.php_config).resolve().parents[1]
-    module = prefix / "modules" / "libphp7.so"
-    if not module.exists():
-        raise Unavailable("no Apache module of this engine at %s" % module)
-    return module
-
-
-def _free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 class Answer:
@@ -84,12 +42,9 @@ class Apache:
     load first, or None."""
 
     def __init__(self, engine, directory, pages, ini, preload=None):
-        self.program = shutil.which("apache2", path=SEARCH)
-        if not self.program:
-            raise Unavailable("apache2 is not installed")
-        self.module = module_of(engine)
+        self.engine, self.program = engine, loopback.program("apache2")
         self.directory = pathlib.Path(directory)
-        self.environment = engines.environment({"PATH": SEARCH})
+        self.environment = engines.environment({"PATH": loopback.SEARCH})
         if preload:
             self.environment["LD_PRELOAD"] = str(preload)
         self.process = None
@@ -102,17 +57,18 @@ class Apache:
     def start(self):
         """A free port may be taken by somebody else before Apache has it: tried again."""
         for _ in range(3):
-            self.port = _free_port()
-            (self.directory / "apache.conf").write_text(CONFIG.format(
-                directory=self.directory, port=self.port, modules=MODULES, engine=self.module,
-                threads=THREADS, generations=GENERATIONS), encoding="ascii")
+            self.port = loopback.free_port()
+            (self.directory / "apache.conf").write_text(
+                loopback.apache_configuration(self.engine, "event", self.directory, self.port)
+                + CONFIG.format(directory=self.directory, threads=THREADS,
+                                generations=GENERATIONS), encoding="ascii")
             with open(self.directory / "output", "ab") as output:
                 self.process = subprocess.Popen(
                     [self.program, "-d", str(self.directory),
                      "-f", str(self.directory / "apache.conf"), "-DFOREGROUND"],
                     env=self.environment, cwd=self.directory,
                     stdin=subprocess.DEVNULL, stdout=output, stderr=output,
-                    preexec_fn=_die_with_parent)
+                    preexec_fn=loopback.ends_with_parent(signal.SIGTERM))
             if self._becomes_ready():
                 return self
             self.stop()
@@ -128,7 +84,7 @@ class Apache:
         return False
 
     def _told(self):
-        parts = [self.directory / "output", self.directory / "error.log"]
+        parts = [self.directory / "output", self.directory / "server.log"]
         return "".join(part.read_text(encoding="utf-8", errors="replace")
                        for part in parts if part.exists())
 
@@ -204,7 +160,3 @@ def _has_ended(process):
     except (FileNotFoundError, ProcessLookupError):
         return True
     return state.split()[0] in "ZX"
-
-
-def _die_with_parent():
-    ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, int(signal.SIGTERM), 0, 0, 0)

@@ -12,6 +12,7 @@ PAGE = """<?php
 header('X-Process: ' . getmypid());
 $number = (int)$_GET['number'];
 error_reporting(0);
+mysqli_report(MYSQLI_REPORT_OFF);
 $link = mysqli_init();
 $told[] = mysqli_options($link, MYSQLI_OPT_CONNECT_TIMEOUT, 1);
 $told[] = pg_connect("host=127.0.0.1 port=%(port)d dbname=d$number");

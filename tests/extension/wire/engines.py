@@ -5,6 +5,8 @@ import re
 import subprocess
 import time
 
+import loopback
+
 REPOSITORY = pathlib.Path(__file__).resolve().parents[3]
 RUN_DEADLINE = 60.0
 
@@ -24,6 +26,18 @@ class Engine:
         self.version_id, self.is_zts = int(asked[0]), asked[1] == "1"
         self.has_hard_memory_limit = asked[2] == "1"
         self.extension_dir = asked[3] if len(asked) > 3 else ""
+
+    @property
+    def apache_module(self):
+        """(name, path) of what Apache loads to have this engine; None if there is no such module."""
+        prefix = pathlib.Path(_told(self.php_config, "--prefix"))
+        version = "%d.%d" % divmod(self.version_id // 100, 100)
+        name = "php7_module" if version[0] == "7" else "php_module"
+        if prefix == pathlib.Path("/usr"):
+            paths = [loopback.APACHE_MODULES / ("libphp%s.so" % version)]
+        else:
+            paths = [prefix / "modules" / ("libphp%s.so" % suffix) for suffix in (version[0], "")]
+        return next(((name, path) for path in paths if path.exists()), None)
 
     @property
     def has_zend_signals(self):
@@ -81,6 +95,11 @@ def environment(extra=None):
     return env
 
 
+def _told(php_config, option):
+    return subprocess.run([php_config, option], stdin=subprocess.DEVNULL, capture_output=True,
+                          timeout=RUN_DEADLINE, check=True, text=True).stdout.strip()
+
+
 def _binary(variable, *candidates):
     named = os.environ.get(variable)
     if named:
@@ -98,8 +117,7 @@ def _built_extension(php_config):
 
 def find_engine():
     php_config = os.environ.get("KAQ_PHP_CONFIG", "/usr/bin/php-config8.2")
-    told = subprocess.run([php_config, "--prefix"], capture_output=True, check=True, text=True)
-    prefix = pathlib.Path(told.stdout.strip())
+    prefix = pathlib.Path(_told(php_config, "--prefix"))
     so = os.environ.get("KAQ_SO") or _built_extension(php_config)
     assert os.path.exists(so), "no extension at " + so
     suffix = re.search(r"(\d\.\d)?$", php_config).group(0)

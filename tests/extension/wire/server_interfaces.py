@@ -12,6 +12,7 @@ import time
 
 import engines
 import fastcgi
+import loopback
 
 START_DEADLINE = 30.0
 KILL_DEADLINE = 30.0
@@ -148,9 +149,7 @@ class BuiltinServer(_Server):
     def __init__(self, engine, options, router):
         super().__init__()
         for _ in range(5):
-            with socket.socket() as probe:
-                probe.bind(("127.0.0.1", 0))
-                self.port = probe.getsockname()[1]
+            self.port = loopback.free_port()
             self._start([engine.php, *options, "-S", "127.0.0.1:%d" % self.port,
                          "-t", self.directory, str(router)])
             if self._await(socket.AF_INET, ("127.0.0.1", self.port)):

@@ -90,7 +90,7 @@ static void run_threads(void) {
 /* The threads run as soon as the modules have started: the embed library's own request comes after
  * this, so the first request of the process is one of theirs. */
 static int start_and_run(sapi_module_struct *sapi) {
-	free((void *)sapi->ini_entries);
+	/* What stands there is on the heap in some engines only: it is left alone. */
 	sapi->ini_entries = strdup(settings);
 	if (KAQ_STARTUP_MODULE(sapi, &kaq_module_entry) == FAILURE) {
 		return FAILURE;
