@@ -11,6 +11,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -158,6 +159,68 @@ static inline void expect_duration(long least, long limit, const std::function<l
 	}
 	EXPECT_LT(taken, limit);
 }
+
+/* Runs `use` with a port that nothing listens on: it does not wait for anything. */
+static inline void expect_no_wait(const std::function<void(int)> &use) {
+	expect_duration(0, 200, [&use] {
+		int port = closed_port();
+		Stopwatch watch;
+		use(port);
+		return watch.ms();
+	});
+}
+
+/* While it lives this process can open no more descriptors than it has. */
+struct NoFreeDescriptor {
+	rlimit old;
+
+	NoFreeDescriptor() {
+		int lowest = dup(STDIN_FILENO);
+		EXPECT_GE(lowest, 0);
+		::close(lowest);
+		EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
+		rlimit none = {(rlim_t)lowest, old.rlim_max};
+		EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+	}
+	~NoFreeDescriptor() {
+		setrlimit(RLIMIT_NOFILE, &old);
+	}
+};
+
+/* Two connected sockets. */
+struct SocketPair {
+	int ours = -1;
+	int theirs = -1;
+
+	explicit SocketPair(int type = SOCK_STREAM) {
+		int pair[2];
+		EXPECT_EQ(0, socketpair(AF_UNIX, type, 0, pair));
+		ours = pair[0];
+		theirs = pair[1];
+	}
+	~SocketPair() {
+		close_ours();
+		close_theirs();
+	}
+	void close_ours() {
+		if (ours >= 0) {
+			::close(ours);
+		}
+		ours = -1;
+	}
+	void close_theirs() {
+		if (theirs >= 0) {
+			::close(theirs);
+		}
+		theirs = -1;
+	}
+	/* Writes until nothing more fits; from then on a write waits until something is read. */
+	void fill() {
+		char filler[4096] = {};
+		while (send(ours, filler, sizeof filler, MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
+		}
+	}
+};
 
 /* Text without NUL bytes in which every position can be told from its neighbours. */
 static inline std::string pattern(size_t length) {

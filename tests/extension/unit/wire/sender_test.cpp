@@ -2,46 +2,62 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/resource.h>
 
 #include "wire/client.h"
 #include "loopback.h"
 
-static long sent_in_ms(const Peer &peer, const std::string &text) {
+namespace {
+
+/* What a peer does with its connection; sending is done once `done` is set. */
+using Serve = std::function<void(int fd, const std::atomic<bool> &done)>;
+
+/* How many milliseconds sending takes. The peer has ended then. */
+long sent_in_ms(const std::string &text, const Serve &serve) {
+	std::atomic<bool> done{false};
+	Peer peer([&](int fd) { serve(fd, done); });
 	Stopwatch watch;
 	kaq_send_text("127.0.0.1", peer.port(), text.c_str());
-	return watch.ms();
+	long taken = watch.ms();
+	done = true;
+	return taken;
 }
 
-TEST(SendText, ArrivesWholeAndWithoutTheNul) {
-	std::string got;
-	{
-		Peer peer([&got](int fd) { got = read_to_end(fd); });
-		kaq_send_text("127.0.0.1", peer.port(), "message:\tNo request URI Found\n");
+void pause_until(int, const std::atomic<bool> &done) {
+	while (!done) {
+		std::this_thread::sleep_for(std::chrono::milliseconds(5));
 	}
-	EXPECT_EQ("message:\tNo request URI Found\n", got);
+}
+
+void expect_a_second(const std::function<long()> &run) {
+	expect_duration(KAQ_WRITE_TIMEOUT_MS - 50, KAQ_WRITE_TIMEOUT_MS + 600, run);
+}
+
+/* What a peer that reads to the end gets. */
+std::string received(const std::string &text) {
+	std::string got;
+	sent_in_ms(text, [&got](int fd, const std::atomic<bool> &) { got = read_to_end(fd); });
+	return got;
+}
+
+} // namespace
+
+TEST(SendText, ArrivesWholeAndWithoutTheNul) {
+	std::string text = "message:\tNo request URI Found\n";
+	EXPECT_EQ(text, received(text));
 }
 
 TEST(SendText, LongTextArrivesWhole) {
 	std::string text = pattern(5000000);
-	std::string got;
-	{
-		Peer peer([&got](int fd) { got = read_to_end(fd); });
-		kaq_send_text("127.0.0.1", peer.port(), text.c_str());
-	}
-	EXPECT_TRUE(got == text);
+	EXPECT_TRUE(received(text) == text);
 }
 
 TEST(SendText, EmptyTextConnectsAndWritesNothing) {
 	int connections = 0;
 	std::string got = "unset";
-	{
-		Peer peer([&](int fd) {
-			connections++;
-			got = read_to_end(fd);
-		});
-		kaq_send_text("127.0.0.1", peer.port(), "");
-	}
+	sent_in_ms("", [&](int fd, const std::atomic<bool> &) {
+		connections++;
+		got = read_to_end(fd);
+	});
 	EXPECT_EQ(1, connections);
 	EXPECT_EQ("", got);
 }
@@ -56,75 +72,50 @@ TEST(SendText, NullTextOpensNoConnection) {
 
 TEST(SendText, AnswerIsIgnored) {
 	std::string got;
-	{
-		Peer peer([&got](int fd) {
-			got = read_line(fd);
-			write_all(fd, "an answer that nobody reads");
-		});
-		kaq_send_text("127.0.0.1", peer.port(), "line\n");
-	}
+	sent_in_ms("line\n", [&got](int fd, const std::atomic<bool> &) {
+		got = read_line(fd);
+		write_all(fd, "an answer that nobody reads");
+	});
 	EXPECT_EQ("line\n", got);
 }
 
 TEST(SendText, NoListenerIsSilent) {
-	expect_duration(0, 200, [] {
-		int port = closed_port();
-		Stopwatch watch;
-		kaq_send_text("127.0.0.1", port, "line\n");
-		return watch.ms();
-	});
+	expect_no_wait([](int port) { kaq_send_text("127.0.0.1", port, "line\n"); });
 }
 
 TEST(SendText, PeerThatClosesAtOnceIsSilent) {
 	signal(SIGPIPE, SIG_DFL);
 	std::string text(50000000, 'x');
-	expect_duration(0, 1600, [&text] {
-		Peer peer([](int) {});
-		return sent_in_ms(peer, text);
-	});
+	expect_duration(0, 1600,
+					[&text] { return sent_in_ms(text, [](int, const std::atomic<bool> &) {}); });
 }
 
 TEST(SendText, PeerThatResetsWhileWritingIsSilent) {
 	signal(SIGPIPE, SIG_DFL);
 	std::string text(50000000, 'x');
 	expect_duration(0, 900, [&text] {
-		Peer peer([](int fd) {
+		return sent_in_ms(text, [](int fd, const std::atomic<bool> &) {
 			char piece[1000];
 			EXPECT_GT(recv(fd, piece, sizeof piece, 0), 0);
 			reset_on_close(fd);
 		});
-		return sent_in_ms(peer, text);
 	});
 }
 
 TEST(SendText, ReaderThatNeverReadsCostsOneSecond) {
 	std::string text(50000000, 'x');
-	expect_duration(KAQ_WRITE_TIMEOUT_MS - 50, KAQ_WRITE_TIMEOUT_MS + 600, [&text] {
-		std::atomic<bool> done{false};
-		Peer peer([&done](int) {
-			while (!done) {
-				std::this_thread::sleep_for(std::chrono::milliseconds(5));
-			}
-		});
-		long elapsed = sent_in_ms(peer, text);
-		done = true;
-		return elapsed;
-	});
+	expect_a_second([&text] { return sent_in_ms(text, pause_until); });
 }
 
 TEST(SendText, SlowReaderCostsOneSecondInAll) {
 	std::string text(50000000, 'x');
-	expect_duration(KAQ_WRITE_TIMEOUT_MS - 50, KAQ_WRITE_TIMEOUT_MS + 600, [&text] {
-		std::atomic<bool> done{false};
-		Peer peer([&done](int fd) {
+	expect_a_second([&text] {
+		return sent_in_ms(text, [](int fd, const std::atomic<bool> &done) {
 			std::string piece(65536, ' ');
 			while (!done && recv(fd, &piece[0], piece.size(), 0) > 0) {
 				std::this_thread::sleep_for(std::chrono::milliseconds(20));
 			}
 		});
-		long elapsed = sent_in_ms(peer, text);
-		done = true;
-		return elapsed;
 	});
 }
 
@@ -132,17 +123,10 @@ TEST(SendText, ShortWriteIsNotContinuedIsMeant) {
 	/* The peer reads on after the time-out, and still gets only what one send had taken. */
 	std::string text = pattern(50000000);
 	std::string got;
-	std::atomic<bool> done{false};
-	{
-		Peer peer([&](int fd) {
-			while (!done) {
-				std::this_thread::sleep_for(std::chrono::milliseconds(5));
-			}
-			got = read_to_end(fd);
-		});
-		kaq_send_text("127.0.0.1", peer.port(), text.c_str());
-		done = true;
-	}
+	sent_in_ms(text, [&got](int fd, const std::atomic<bool> &done) {
+		pause_until(fd, done);
+		got = read_to_end(fd);
+	});
 	EXPECT_GT(got.size(), 0u);
 	EXPECT_LT(got.size(), text.size());
 	EXPECT_TRUE(text.compare(0, got.size(), got) == 0);
@@ -160,17 +144,12 @@ TEST(SendText, LeavesNoDescriptorOpen) {
 }
 
 TEST(SendText, WithoutAFreeDescriptorIsSilent) {
-	rlimit old;
-	ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
 	Listener listener;
-	int lowest = dup(listener.fd);
-	close(lowest);
-	rlimit none = {(rlim_t)lowest, old.rlim_max};
-	ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-	int fd = kaq_open_socket();
-	kaq_send_text("127.0.0.1", listener.port, "line\n");
-	setrlimit(RLIMIT_NOFILE, &old);
-	EXPECT_EQ(-1, fd);
+	{
+		NoFreeDescriptor none;
+		EXPECT_EQ(-1, kaq_open_socket());
+		kaq_send_text("127.0.0.1", listener.port, "line\n");
+	}
 	fcntl(listener.fd, F_SETFL, O_NONBLOCK);
 	EXPECT_EQ(-1, accept(listener.fd, nullptr, nullptr));
 }
