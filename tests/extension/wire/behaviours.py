@@ -27,6 +27,7 @@ def answers_after(seconds, raw):
     @behaviour()
     def answer_late(connection, collector, request):
         collector.stopping.wait(seconds)
+        request.answered_at = time.time_ns() // 1000000
         connection.sendall(raw)
         connection.close()
     return answer_late

@@ -9,6 +9,7 @@ import pytest
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import engines  # noqa: E402
+import preloads  # noqa: E402
 import server_interfaces  # noqa: E402
 import standins  # noqa: E402
 from fake_collector import ENABLED, FakeCollector  # noqa: E402
@@ -160,6 +161,12 @@ class Worker:
 @pytest.fixture(params=["builtin", "cgi", "fpm"])
 def worker(request, wire):
     return Worker(wire, request.param)
+
+
+@pytest.fixture(scope="session")
+def still_clock(engine, tmp_path_factory):
+    """The environment in which no time passes but in usleep(): see still_clock.cpp."""
+    return preloads.built(engine, "still_clock.cpp", tmp_path_factory.mktemp("still_clock"))
 
 
 @pytest.fixture(scope="session")

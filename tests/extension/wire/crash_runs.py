@@ -170,14 +170,5 @@ def may_enclose():
     return tried.returncode == 0
 
 
-def built_library(source, directory):
-    """The library to preload, from a source of this directory."""
-    library = directory / (source + ".so")
-    subprocess.run(["g++", "-std=gnu++17", "-O0", "-Wall", "-Wextra", "-fPIC", "-shared",
-                    str(pathlib.Path(__file__).with_name(source)), "-o", str(library)],
-                   check=True, timeout=DEADLINE)
-    return str(library)
-
-
 def signal_name(number):
     return signal.Signals(number).name

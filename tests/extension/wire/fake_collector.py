@@ -31,13 +31,21 @@ def _go_first():
         os.setpriority(os.PRIO_PROCESS, threading.get_native_id(), -10)
 
 
-class StatusRequest:
-    """One request of the status port: the bytes up to and including the first line feed."""
+def now_ms():
+    """The wall clock in whole milliseconds."""
+    return time.time_ns() // 1000000
 
-    def __init__(self, raw, received_at):
+
+class StatusRequest:
+    """One request of the status port: the bytes up to and including the first line feed.
+
+    `answered_at` is set by behaviours that wait before they answer, `rest` by one that reads on.
+    """
+
+    def __init__(self, raw):
         self.raw = raw
-        self.received_at = received_at
-        self.rest = None
+        self.received_at = now_ms()
+        self.answered_at = self.rest = None
 
     @property
     def text(self):
@@ -51,9 +59,8 @@ class StatusRequest:
 class DataRecord:
     """Everything one data connection carried until the sender closed it."""
 
-    def __init__(self, raw, received_at):
+    def __init__(self, raw):
         self.raw = raw
-        self.received_at = received_at
 
     @property
     def is_notice(self):
@@ -163,7 +170,7 @@ class FakeCollector:
         behaviour = self._next_behaviour()
         request = None
         if behaviour.reads_request:
-            request = StatusRequest(self._read_line(connection), time.time())
+            request = StatusRequest(self._read_line(connection))
             self._note("status", request, self.status_requests)
         behaviour(connection, self, request)
 
@@ -188,7 +195,7 @@ class FakeCollector:
                 chunks.append(chunk)
         finally:
             connection.close()
-            self._note("data", DataRecord(b"".join(chunks), time.time()), self.data_records)
+            self._note("data", DataRecord(b"".join(chunks)), self.data_records)
 
     def wait_until(self, condition, seconds=READ_DEADLINE):
         """Waits for condition(), which is tried again after every record."""

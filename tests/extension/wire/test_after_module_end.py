@@ -1,8 +1,7 @@
 """What is left in the process once the extension is unloaded: nothing that leads into it."""
-import pathlib
 import signal
 
-import crash_runs
+import preloads
 import pytest
 
 HOOKS = ("track_zend_execute", "track_exceptions", "track_errors")
@@ -11,16 +10,14 @@ CLEAN = (0, b"done", b"", "looked\n")
 
 @pytest.fixture(scope="module")
 def late_look(engine, tmp_path_factory):
-    if "libasan" in pathlib.Path(engine.php).read_bytes().decode("latin-1"):
-        pytest.skip("nothing may be loaded before a sanitizer")
-    return crash_runs.built_library("late_look.cpp", tmp_path_factory.mktemp("late_look"))
+    return preloads.built(engine, "late_look.cpp", tmp_path_factory.mktemp("late_look"))
 
 
 @pytest.fixture
 def look(wire, late_look, tmp_path):
     def run(source="echo 'done';", number=0, **how):
         report = tmp_path / "report"
-        done = wire.cli(source, env={"LD_PRELOAD": late_look, "LATE_LOOK": str(report),
+        done = wire.cli(source, env={**late_look, "LATE_LOOK": str(report),
                                      "LATE_SIGNAL": str(int(number))}, **how)
         return done.status, done.stdout, done.stderr, report.read_text()
     return run

@@ -1,6 +1,5 @@
 """The log of a crash, and that the process dies as it would have died without us."""
 import os
-import pathlib
 import platform
 import resource
 import signal
@@ -8,6 +7,7 @@ import time
 
 import crash_runs
 import fastcgi
+import preloads
 import pytest
 from crash_runs import OUTPUT_LINE
 
@@ -44,10 +44,7 @@ def faults(engine, tmp_path_factory):
     """The environment in which usleep() is a fault."""
     if platform.machine() != "x86_64":
         pytest.skip("the faults are those of x86-64")
-    if "libasan" in pathlib.Path(engine.php).read_bytes().decode("latin-1"):
-        pytest.skip("nothing may be loaded before a sanitizer")
-    library = crash_runs.built_library("faults.cpp", tmp_path_factory.mktemp("faults"))
-    return {"LD_PRELOAD": library}
+    return preloads.built(engine, "faults.cpp", tmp_path_factory.mktemp("faults"))
 
 
 def fault(name):

@@ -298,7 +298,7 @@ def test_transfer_starts_its_total_time_before_it_is_seen(curl):
     seen_by, = calls(payload, "curl_multi_exec")
     spans = transfers(payload)
     assert [span["et"] - span["st"] for span in spans] == [int(one) for one in told]
-    assert all(span["et"] - span["st"] >= 199 for span in spans)
+    assert all(span["et"] > span["st"] for span in spans)
     assert all(seen_by["st"] <= span["et"] <= seen_by["et"] for span in spans)
 
 
@@ -313,16 +313,19 @@ def test_status_counts_even_while_the_body_still_comes_which_is_meant(curl):
         $deadline = microtime(true) + 10;
         do { curl_multi_exec($multi, $running); curl_multi_select($multi, 0.02); }
         while (!curl_getinfo($chs[0], CURLINFO_HTTP_CODE) && microtime(true) < $deadline);
+        $told = curl_getinfo($chs[0], CURLINFO_TOTAL_TIME);
         usleep(50000); curl_exec(curl_init("$url/seen"));
     """ + FINISH + """
         echo curl_multi_getcontent($chs[0]);
-        file_put_contents(__DIR__ . '/told', curl_getinfo($chs[0], CURLINFO_TOTAL_TIME) * 1000);
+        file_put_contents(__DIR__ . '/told',
+                          $told * 1000 . ' ' . curl_getinfo($chs[0], CURLINFO_TOTAL_TIME) * 1000);
     """, "both", output=b"abcd")
-    told = float((curl.wire.directory / "told").read_text(encoding="utf-8"))
+    text = (curl.wire.directory / "told").read_text(encoding="utf-8")
+    when_seen, in_all = (float(one) for one in text.split())
     span, = transfers(payload)
     execs = [one["si"] for one in calls(payload, "curl_multi_exec")]
     assert execs.index(span["psi"]) < len(execs) - 1
-    assert span["et"] - span["st"] <= told - 50
+    assert span["et"] - span["st"] <= when_seen < in_all - 1
 
 
 def test_transfer_without_a_status_is_never_told(curl):

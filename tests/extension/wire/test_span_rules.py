@@ -7,43 +7,27 @@ KEEP = "ini_set('kaq.method_threshold', '0');"
 DROP = "ini_set('kaq.method_threshold', '99999');"
 
 
-def names(wire, collector, source, **settings):
+def names(wire, collector, source, env=None, **settings):
     given = {"kaq." + name: value for name, value in settings.items()}
-    wire.cli(source, settings=given)
+    wire.cli(source, settings=given, env=env)
     return collector.payload.names
 
 
 # Threshold and keys ------------------------------------------------------------------------------
 
-def test_span_shorter_than_the_threshold_is_dropped_and_a_longer_one_kept(wire, collector):
-    assert names(wire, collector, "function s() {} function l() { usleep(400000); } s(); l(); s();",
-                 method_threshold=300) == ["l"]
+# A function for each duration from 1 to 20 ms, called in turn.
+EACH_DURATION = r"""
+    for ($n = 1; $n <= 20; $n++) { eval("function f$n() { usleep($n * 1000); } f$n();"); }
+"""
 
 
-def test_default_threshold_is_ten_milliseconds(wire, collector):
-    """Each function tells how long it ran, so that a busy machine does not matter."""
-    out = wire.cli(r"""
-        for ($n = 1; $n <= 20; $n++) {
-            eval("function f$n() { \$t = microtime(true); usleep($n * 1000);
-                                   return microtime(true) - \$t; }");
-            $from = microtime(true); $inside = ('f' . $n)(); $around = microtime(true) - $from;
-            echo $n, ' ', $inside * 1000, ' ', $around * 1000, "\n";
-        }
-    """).stdout.decode()
-    kept, dropped = set(collector.payload.names), 0
-    for line in out.splitlines():
-        number, inside, around = (float(field) for field in line.split())
-        if inside >= 11:
-            assert "f%d" % number in kept
-        if around <= 9:
-            assert "f%d" % number not in kept
-            dropped += 1
-    assert dropped and "f20" in kept
-
-
-def test_span_just_as_long_as_the_threshold_is_kept(wire, collector):
-    assert names(wire, collector, "function l() { usleep(20000); } for ($i = 0; $i < 20; $i++) l();",
-                 method_threshold=20) == ["l"] * 20
+@pytest.mark.parametrize("settings, threshold", [
+    ({}, 10), ({"method_threshold": 7}, 7), ({"method_threshold": 20}, 20)],
+    ids=["default", "shorter", "longer"])
+def test_span_that_lasts_as_long_as_the_threshold_or_longer_is_kept(
+        wire, collector, still_clock, settings, threshold):
+    assert names(wire, collector, EACH_DURATION, still_clock, **settings) == [
+        "f%d" % duration for duration in range(threshold, 21)]
 
 
 def test_key_of_a_dropped_span_is_handed_out_again(wire, collector):
