@@ -1,5 +1,12 @@
 """What a span of each instrumented function says, told by hand."""
 
+LOOPBACK = "127.0.0.1"
+# Statements that every SQL server takes.
+CREATE = "CREATE TEMPORARY TABLE t (id INT, name VARCHAR(20))"
+INSERT = "INSERT INTO t VALUES (1, 'one'), (2, 'two')"
+WRAPPED_ONLY = {"kaq.track_zend_execute": 0}
+ERRORS = ("if", "ie", "ei")  # what error tracking adds is not looked at here
+
 # table
 # (component, whether the time counts as spent elsewhere): class, or "" for plain functions, and
 # names, all as they are written into the span.

@@ -1,10 +1,6 @@
 """The Memcache driver against a memcached server, as functions and as methods."""
 import pytest
-from expected import call
-
-LOOPBACK = "127.0.0.1"
-WRAPPED_ONLY = {"kaq.track_zend_execute": 0}
-ERRORS = ("if", "ie", "ei")  # what error tracking adds is not looked at here
+from expected import ERRORS, LOOPBACK, WRAPPED_ONLY, call
 
 
 @pytest.fixture

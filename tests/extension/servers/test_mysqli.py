@@ -1,14 +1,9 @@
 """mysqli against a MariaDB server, as functions and as methods."""
 import pytest
-from expected import call
+from expected import CREATE, ERRORS, INSERT, LOOPBACK, WRAPPED_ONLY, call
 from server_processes import DATABASE, PASSWORD, USER
 
-CREATE = "CREATE TEMPORARY TABLE t (id INT, name VARCHAR(20))"
-INSERT = "INSERT INTO t VALUES (1, 'one'), (2, 'two')"
 SELECT = "SELECT name FROM t WHERE id = ?"
-LOOPBACK = "127.0.0.1"
-WRAPPED_ONLY = {"kaq.track_zend_execute": 0}
-ERRORS = ("if", "ie", "ei")  # what error tracking adds is not looked at here
 
 
 @pytest.fixture

@@ -1,14 +1,10 @@
 """PDO with its three drivers: the same calls give the same spans."""
 import pytest
-from expected import call
+from expected import CREATE, ERRORS, INSERT, WRAPPED_ONLY, call
 from server_processes import DATABASE, PASSWORD, USER
 
-CREATE = "CREATE TEMPORARY TABLE t (id INT, name VARCHAR(20))"
-INSERT = "INSERT INTO t VALUES (1, 'one'), (2, 'two')"
 SELECT = "SELECT id, name FROM t ORDER BY id"
 ONE = "SELECT name FROM t WHERE id = ?"
-WRAPPED_ONLY = {"kaq.track_zend_execute": 0}
-ERRORS = ("if", "ie", "ei")  # what error tracking adds is not looked at here
 
 
 def _dsn(driver, port):

@@ -1,13 +1,8 @@
 """The pgsql functions against a PostgreSQL server. Links are resources in PHP 7 and objects
 later; the spans are the same."""
 import pytest
-from expected import call
+from expected import CREATE, ERRORS, INSERT, WRAPPED_ONLY, call
 from server_processes import USER
-
-CREATE = "CREATE TEMPORARY TABLE t (id INT, name VARCHAR(20))"
-INSERT = "INSERT INTO t VALUES (1, 'one'), (2, 'two')"
-WRAPPED_ONLY = {"kaq.track_zend_execute": 0}
-ERRORS = ("if", "ie", "ei")  # what error tracking adds is not looked at here
 
 
 @pytest.fixture

@@ -1,10 +1,7 @@
 """phpredis against a Redis server. No key and no value is ever recorded."""
 import pytest
-from expected import call
+from expected import ERRORS, LOOPBACK, WRAPPED_ONLY, call
 
-LOOPBACK = "127.0.0.1"
-WRAPPED_ONLY = {"kaq.track_zend_execute": 0}
-ERRORS = ("if", "ie", "ei")  # what error tracking adds is not looked at here
 OPEN = "$r = new Redis; $r->connect($host, $port);"
 
 

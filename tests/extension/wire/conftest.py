@@ -11,6 +11,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import engines  # noqa: E402
 import preloads  # noqa: E402
 import server_interfaces  # noqa: E402
+import services  # noqa: E402
 import standins  # noqa: E402
 from fake_collector import ENABLED, FakeCollector  # noqa: E402
 
@@ -161,6 +162,21 @@ class Worker:
 @pytest.fixture(params=["builtin", "cgi", "fpm"])
 def worker(request, wire):
     return Worker(wire, request.param)
+
+
+@pytest.fixture(scope="module")
+def echo(engine, tmp_path_factory):
+    started = services.Echo(engine, tmp_path_factory.mktemp("echo"))
+    yield started
+    started.close()
+
+
+@pytest.fixture
+def limit_holds(request, engine):
+    """Skips a test whose parameter `end` is one by the memory limit where there is no limit."""
+    end = request.node.callspec.params.get("end", "") if hasattr(request.node, "callspec") else ""
+    if end.startswith("memory") and not engine.keeps_memory_limit:
+        pytest.skip("there is no memory limit here")
 
 
 @pytest.fixture(scope="session")

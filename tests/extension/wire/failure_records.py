@@ -8,6 +8,13 @@ DROP_SHORT = {"kaq.method_threshold": 99999}
 MEMBERS = ["err_clz", "filename", "linenumber", "time", "level", "str"]
 
 
+def payload_of(wire, collector, source, **settings):
+    """The payload of a command-line run that drops every span that did not fail."""
+    given = dict(DROP_SHORT, **{"kaq." + name: value for name, value in settings.items()})
+    wire.cli(source, settings=given)
+    return collector.payload
+
+
 def texts(span):
     """The messages of a span's records, in their order; [] without any."""
     return [record["str"] for record in span.get("ei", [])]
@@ -44,6 +51,15 @@ def assert_written(payload, span):
     for record in span["ei"]:
         assert list(record) == MEMBERS
     assert '"ei":[%s]' % ",".join(as_written(record) for record in span["ei"]) in payload.text
+
+
+def assert_only_record(payload, span, **members):
+    """The span has one record, of these members and a time within the request."""
+    assert_written(payload, span)
+    record, = span["ei"]
+    time = record.pop("time")
+    assert record == members
+    assert payload.transaction["s_time"] <= time <= payload.transaction["e_time"]
 
 
 def stack(*frames):

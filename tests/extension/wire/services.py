@@ -13,25 +13,24 @@ from fake_collector import ENABLED, FakeCollector
 
 KEY = "the-key-of-the-account-of-the-tests-K7d9Qw3xZ1Lm"
 
-# Follows its route: a list of hops, of which the first is taken here and the rest is passed on.
-# A hop is a pair of "exec" or "multi" and the URLs to call.
-ROUTED_PAGE = """
-function open_call($url, $rest) {
-    $call = curl_init($url . '?route=' . urlencode(json_encode($rest)));
+# Functions of pages that call other services.
+CALLS = """
+function open_call($url) {
+    $call = curl_init($url);
     curl_setopt($call, CURLOPT_RETURNTRANSFER, true);
     curl_setopt($call, CURLOPT_TIMEOUT, 20);
     return $call;
 }
-function call_one_by_one($urls, $rest) {
+function call_one_by_one($urls) {
     foreach ($urls as $url) {
-        echo curl_exec(open_call($url, $rest));
+        echo curl_exec(open_call($url));
     }
 }
-function call_at_once($urls, $rest) {
+function call_at_once($urls) {
     $multi = curl_multi_init();
     $calls = [];
     foreach ($urls as $url) {
-        $calls[] = $call = open_call($url, $rest);
+        $calls[] = $call = open_call($url);
         curl_multi_add_handle($multi, $call);
     }
     do {
@@ -46,11 +45,20 @@ function call_at_once($urls, $rest) {
     }
     curl_multi_close($multi);
 }
+"""
+
+# Follows its route: a list of hops, of which the first is taken here and the rest is passed on.
+# A hop is a pair of "exec" or "multi" and the URLs to call.
+ROUTED_PAGE = CALLS + """
 $given = isset($_GET['route']) ? $_GET['route'] : (isset($argv[1]) ? $argv[1] : '[]');
 $route = json_decode($given, true);
 if ($route) {
     list($how, $urls) = array_shift($route);
-    $how === 'multi' ? call_at_once($urls, $route) : call_one_by_one($urls, $route);
+    foreach ($urls as &$url) {
+        $url .= '?route=' . urlencode(json_encode($route));
+    }
+    unset($url);
+    $how === 'multi' ? call_at_once($urls) : call_one_by_one($urls);
 }
 """
 
@@ -114,6 +122,8 @@ class Fpm(Placed, server_interfaces.FpmServer):
     pass
 
 
+# What a process of its own can be, and which program of the engine it needs.
+PROGRAMS = {"builtin": "php", "cgi": "cgi", "fpm": "fpm"}
 SERVER_INTERFACES = {
     "builtin": Builtin,
     "cgi": lambda environment, engine, options, page: Cgi(environment, engine, options),
@@ -139,12 +149,14 @@ class Collector(FakeCollector):
 
 
 class Service:
-    """`interface` starts the process: a name of SERVER_INTERFACES, where cgi is php-cgi as a FastCGI
-    server, or something that can be called as they are. `key` and `app_id` may be None. Without
-    `monitored` the extension is not even loaded, and there is no collector."""
+    """`worker` starts the process: a name of SERVER_INTERFACES, where cgi is php-cgi as a FastCGI server, or
+    something that can be called as they are. A test is skipped if the engine lacks it. `key` and `app_id` may be None. Without `monitored`
+    the extension is not even loaded, and there is no collector."""
 
     def __init__(self, engine, directory, interface, source, app_id=None, key=None, settings=None,
                  monitored=True):
+        if door in PROGRAMS and not getattr(engine, PROGRAMS[door]):
+            pytest.skip("this engine has no program for " + door)
         self.collector = None
         self.path = pathlib.Path(directory) / "page.php"
         self.path.parent.mkdir(parents=True, exist_ok=True)

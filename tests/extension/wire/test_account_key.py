@@ -21,13 +21,6 @@ PRIVATE = ('mount -t tmpfs tmpfs /opt && mkdir -p /opt/kaq/conf && cat >/opt/kaq
            'exec "$@" </dev/null')
 
 
-@pytest.fixture(scope="module")
-def echo(engine, tmp_path_factory):
-    started = services.Echo(engine, tmp_path_factory.mktemp("echo"))
-    yield started
-    started.close()
-
-
 @pytest.fixture
 def calling(wire, engine):
     """Options of a run that loads curl and the extension and adds trace headers."""

@@ -5,6 +5,7 @@ from curl_runs import (FINISH, MODES, UNRECORDED, caller_of, calls, curl, member
 import http_server as http
 
 __all__ = ["curl", "server"]
+pytestmark = pytest.mark.usefixtures("limit_holds")
 
 OPEN = """
     $ch = curl_init("$url/a");
@@ -164,13 +165,6 @@ UNTIL_CALLED = """
     do { curl_multi_exec($multi, $r); if (!$called) { curl_multi_select($multi, 0.02); } }
     while (!$called && microtime(true) < $deadline);
 """
-
-
-@pytest.fixture(autouse=True)
-def limit_holds(request, engine):
-    end = request.node.callspec.params.get("end", "") if hasattr(request.node, "callspec") else ""
-    if end.startswith("memory") and not engine.keeps_memory_limit:
-        pytest.skip("there is no memory limit here")
 
 
 def with_callback(where, end):

@@ -4,8 +4,9 @@ import re
 
 import pytest
 from engines import REPOSITORY
-from failure_records import (DROP_SHORT, FAILED_BY_ERROR, KEEP_ALL, assert_written, flags,
-                             is_failed, json_text, stack, texts, told)
+from failure_records import (DROP_SHORT, FAILED_BY_ERROR, KEEP_ALL, assert_only_record,
+                             assert_written, flags, is_failed, json_text, payload_of, stack, texts,
+                             told)
 from fake_collector import DISABLED
 from payloads import escape
 
@@ -27,12 +28,6 @@ LEVELS = {1: "Notice", 2: "Warning", 3: "Error"}
 OLD = "class Old { function run() {} }"
 
 
-def payload_of(wire, collector, source, **settings):
-    given = dict(DROP_SHORT, **{"kaq." + name: value for name, value in settings.items()})
-    wire.cli(source, settings=given)
-    return collector.payload
-
-
 # The record --------------------------------------------------------------------------------------
 
 def test_record_of_an_error_on_the_wire(wire, collector):
@@ -40,12 +35,8 @@ def test_record_of_an_error_on_the_wire(wire, collector):
     wire.cli(path, settings=DROP_SHORT)
     payload = collector.payload
     span = payload.span("f")
-    assert_written(payload, span)
-    record = span["ei"][0]
-    assert record.pop("time") in range(payload.transaction["s_time"],
-                                       payload.transaction["e_time"] + 1)
-    assert record == {"err_clz": "ERROR", "filename": str(path), "linenumber": 3,
-                      "level": "Warning", "str": "broke"}
+    assert_only_record(payload, span, err_clz="ERROR", filename=str(path), linenumber=3,
+                       level="Warning", str="broke")
     assert stack(("", "trigger_error", str(path), 3), ("", "f", str(path), 5)) in payload.text
 
 

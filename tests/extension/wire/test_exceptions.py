@@ -1,14 +1,9 @@
 """Exceptions: which throws are recorded, on which span, and what a record says."""
 import pytest
 from failure_records import (DROP_SHORT, FAILED_BY_BOTH, FAILED_BY_ERROR, FAILED_BY_EXCEPTION,
-                             KEEP_ALL, assert_written, flags, is_failed, stack, texts, told)
+                             KEEP_ALL, assert_only_record, assert_written, flags, is_failed,
+                             payload_of, stack, texts, told)
 from fake_collector import DISABLED
-
-
-def payload_of(wire, collector, source, **settings):
-    given = dict(DROP_SHORT, **{"kaq." + name: value for name, value in settings.items()})
-    wire.cli(source, settings=given)
-    return collector.payload
 
 
 def caught(code):
@@ -23,12 +18,8 @@ def test_record_of_an_exception_on_the_wire(wire, collector):
     wire.cli(path, settings=DROP_SHORT)
     payload = collector.payload
     span = payload.span("f")
-    assert_written(payload, span)
-    record = span["ei"][0]
-    assert record.pop("time") in range(payload.transaction["s_time"],
-                                       payload.transaction["e_time"] + 1)
-    assert record == {"err_clz": "LogicException", "filename": str(path), "linenumber": 3,
-                      "level": "Warning", "str": "broke"}
+    assert_only_record(payload, span, err_clz="LogicException", filename=str(path), linenumber=3,
+                       level="Warning", str="broke")
     assert stack(("", "f", str(path), 5)) in payload.text
     assert flags(span) == FAILED_BY_EXCEPTION and not is_failed(payload.root)
 

@@ -23,23 +23,8 @@ UNREACHABLE = ("ENOTFOUND", "EAI_AGAIN", "ECONNREFUSED", "ECONNRESET", "ETIMEDOU
                "CERT_UNTRUSTED")
 SAMPLED = 1
 
-PAGE = """
-$call = curl_init($_GET['call']);
-curl_setopt($call, CURLOPT_RETURNTRANSFER, true);
-curl_setopt($call, CURLOPT_TIMEOUT, 20);
-if ($_GET['how'] === 'exec') {
-    echo curl_exec($call);
-} else {
-    $multi = curl_multi_init();
-    curl_multi_add_handle($multi, $call);
-    do {
-        curl_multi_exec($multi, $running);
-        if ($running && curl_multi_select($multi, 0.2) < 0) {
-            usleep(1000);
-        }
-    } while ($running);
-    echo curl_multi_getcontent($call);
-}
+PAGE = services.CALLS + """
+$_GET['how'] === 'exec' ? call_one_by_one([$_GET['call']]) : call_at_once([$_GET['call']]);
 """
 
 
@@ -98,13 +83,6 @@ def front(engine, tmp_path):
     service = services.Service(engine, tmp_path / "front", "builtin", PAGE, app_id="A")
     yield service
     service.close()
-
-
-@pytest.fixture
-def echo(engine, tmp_path):
-    started = services.Echo(engine, tmp_path / "echo")
-    yield started
-    started.close()
 
 
 @pytest.mark.parametrize("how,span", [("exec", "curl_exec"), ("multi", "curl_multi_exec")])

@@ -27,13 +27,6 @@ def sections():
 EXAMPLES = list(sections())
 
 
-@pytest.fixture(scope="module")
-def echo(engine, tmp_path_factory):
-    started = services.Echo(engine, tmp_path_factory.mktemp("echo"))
-    yield started
-    started.close()
-
-
 def run(wire, echo, code):
     script = wire.script(code.replace(SERVER, echo.url))
     options = [*wire.options(), *services.curl_options(wire.engine)]

@@ -12,31 +12,16 @@ SAME_ACCOUNT = ("X-Skelvor-Id", KEY[-12:])
 OWN_APPLICATION = "shop-1"
 
 # Tells what the script finds, and what a call of its own carries.
-PAGE = """
+PAGE = services.CALLS + """
 $error = json_last_error();
-$sent = null;
-if (isset($_GET['call'])) {
-    $call = curl_init($_GET['call']);
-    curl_setopt($call, CURLOPT_RETURNTRANSFER, true);
-    curl_setopt($call, CURLOPT_TIMEOUT, 20);
-    $sent = json_decode(curl_exec($call), true);
-}
+$sent = isset($_GET['call']) ? json_decode(curl_exec(open_call($_GET['call'])), true) : null;
 echo json_encode([
     'error' => $error, 'heard' => function_exists('getallheaders') ? getallheaders() : [],
     'sent' => $sent]);
 """
 
 
-@pytest.fixture(scope="module")
-def echo(engine, tmp_path_factory):
-    started = services.Echo(engine, tmp_path_factory.mktemp("echo"))
-    yield started
-    started.close()
-
-
 def entered(engine, directory, kind):
-    if not {"builtin": engine.php, "cgi": engine.cgi, "fpm": engine.fpm}[kind]:
-        pytest.skip("this engine has no " + kind)
     return services.Service(engine, directory, kind, PAGE, app_id=OWN_APPLICATION, key=KEY)
 
 

@@ -2,6 +2,8 @@
 import pytest
 from fake_collector import DISABLED
 
+pytestmark = pytest.mark.usefixtures("limit_holds")
+
 ENDS = {
     "fatal error": "fatal", "memory limit": "memory", "bailout": "bailout",
     "fatal error in a callback": "function () { trigger_error('dies', E_USER_ERROR); }",
@@ -11,13 +13,6 @@ ENDS = {
     "exit with text in a callback": "function () { exit('bye'); }",
 }
 LIMIT = {"memory_limit": "32M"}
-
-
-@pytest.fixture(autouse=True)
-def limit_holds(request, engine):
-    end = request.node.callspec.params.get("end", "") if hasattr(request.node, "callspec") else ""
-    if end.startswith("memory") and not engine.keeps_memory_limit:
-        pytest.skip("there is no memory limit here")
 
 
 def plan(name, what):
