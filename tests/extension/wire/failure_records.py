@@ -1,10 +1,9 @@
 """Error records and call stacks of spans, and what the checks on them share."""
 import json
 
+from engines import DROP_SHORT
 from payloads import escape
 
-KEEP_ALL = {"kaq.method_threshold": 0}
-DROP_SHORT = {"kaq.method_threshold": 99999}
 MEMBERS = ["err_clz", "filename", "linenumber", "time", "level", "str"]
 
 

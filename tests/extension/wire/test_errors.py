@@ -3,10 +3,9 @@ import json
 import re
 
 import pytest
-from engines import REPOSITORY
-from failure_records import (DROP_SHORT, FAILED_BY_ERROR, KEEP_ALL, assert_only_record,
-                             assert_written, flags, is_failed, json_text, payload_of, stack, texts,
-                             told)
+from engines import DROP_SHORT, KEEP_ALL, REPOSITORY
+from failure_records import (FAILED_BY_ERROR, assert_only_record, assert_written, flags, is_failed,
+                             json_text, payload_of, stack, texts, told)
 from fake_collector import DISABLED
 from payloads import escape
 

@@ -1,8 +1,9 @@
 """Exceptions: which throws are recorded, on which span, and what a record says."""
 import pytest
-from failure_records import (DROP_SHORT, FAILED_BY_BOTH, FAILED_BY_ERROR, FAILED_BY_EXCEPTION,
-                             KEEP_ALL, assert_only_record, assert_written, flags, is_failed,
-                             payload_of, stack, texts, told)
+from engines import DROP_SHORT, KEEP_ALL
+from failure_records import (FAILED_BY_BOTH, FAILED_BY_ERROR, FAILED_BY_EXCEPTION,
+                             assert_only_record, assert_written, flags, is_failed, payload_of,
+                             stack, texts, told)
 from fake_collector import DISABLED
 
 

@@ -4,9 +4,8 @@ import os
 
 import behaviours
 import pytest
+from engines import KEEP_ALL
 from fake_collector import DISABLED, DISABLED_NOTICE, ENABLED, NO_URI_NOTICE, now_ms
-
-KEEP_ALL = {"kaq.method_threshold": 0}
 
 
 def test_monitored_request_asks_once_and_then_sends_one_record(wire, collector):

@@ -2,6 +2,7 @@
 import json
 
 import pytest
+from engines import DROP_SHORT, KEEP_ALL
 from fake_collector import DISABLED_NOTICE, NO_URI_NOTICE, FakeCollector
 
 # name: default, in the order of registration
@@ -21,7 +22,6 @@ DEFAULTS = {
 }
 
 SHORT_CALLS = "function f() {} f(); f();"
-KEEP_ALL = {"kaq.method_threshold": 0}
 
 assert len(DEFAULTS) == 30
 
@@ -169,7 +169,8 @@ def test_application_name_set_by_the_script_does_not_change_the_running_request(
 # Scope ---------------------------------------------------------------------------------------
 
 def test_integer_set_by_the_script_lasts_for_its_request_only(wire, collector, worker):
-    worker.open("if ($_GET['q'] == 'set') ini_set('kaq.method_threshold', '0'); " + SHORT_CALLS)
+    worker.open("if ($_GET['q'] == 'set') ini_set('kaq.method_threshold', '0'); " + SHORT_CALLS,
+              DROP_SHORT)
     for query in ("plain", "set", "plain"):
         worker.get("/?q=" + query)
     assert [payload.names for payload in collector.payloads] == [[], ["f", "f"], []]
@@ -205,7 +206,7 @@ def test_string_that_is_empty_in_php_ini_keeps_its_last_text_which_is_meant(
 
 def test_empty_value_set_by_the_script_changes_nothing(wire, collector, worker):
     worker.open("ini_set('kaq.application_name', ''); ini_set('kaq.method_threshold', ''); "
-                + SHORT_CALLS)
+              + SHORT_CALLS, DROP_SHORT)
     for _ in range(2):
         worker.get()
     assert [(payload.names, payload.application["application_name"])
@@ -213,7 +214,7 @@ def test_empty_value_set_by_the_script_changes_nothing(wire, collector, worker):
 
 
 def test_values_of_a_directory_hold_from_request_start_and_only_there(wire, collector):
-    server = wire.cgi_server()
+    server = wire.cgi_server(DROP_SHORT)
     inside = wire.script(SHORT_CALLS, "inside/page.php")
     outside = wire.script(SHORT_CALLS, "outside/page.php")
     (inside.parent / ".user.ini").write_text(

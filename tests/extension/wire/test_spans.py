@@ -2,9 +2,8 @@
 import os
 
 import pytest
+from engines import KEEP_ALL
 from payloads import HEX16, escape
-
-KEEP_ALL = {"kaq.method_threshold": 0}
 
 
 def spans_of(wire, collector, source, settings=None, **arguments):

@@ -2,7 +2,8 @@
 import json
 
 import pytest
-from failure_records import DROP_SHORT, KEEP_ALL, json_text, stack
+from engines import DROP_SHORT, KEEP_ALL
+from failure_records import json_text, stack
 from fake_collector import ENABLED
 
 # Catches what `run` throws and tells the frames that the engine itself has put into the exception.

@@ -2,6 +2,7 @@
 import base64
 
 import pytest
+from engines import DROP_SHORT
 from fake_collector import DISABLED
 import wrapped_calls
 
@@ -240,7 +241,7 @@ def test_process_keeps_its_size_over_many_requests(drivers, collector, wire, sta
             (new Redis)->connect($text, 1); mysqli_query($object, $text . $i); }
         kaq_standin_plan('mysql_query', function () { exit('end'); }); mysql_query($text);
     """, "page.php")
-    server = wire.cgi_server({"kaq_standins.take_over": 1})
+    server = wire.cgi_server({"kaq_standins.take_over": 1, **DROP_SHORT})
     for _ in range(30):
         assert server.request(page).body == b"end"
     memory = server.resident_kib()
