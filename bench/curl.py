@@ -6,8 +6,8 @@ from harness import BARE, KEPT, UNMONITORED, BenchError
 OFF, TRACE, HEADERS, BOTH = "off", "trace", "headers", "both"
 CAPTURES = {OFF: (0, 0), TRACE: (1, 0), HEADERS: (0, 1), BOTH: (1, 1)}
 VARIANTS = (BARE, UNMONITORED, OFF, TRACE, HEADERS, BOTH)
-TITLES = {OFF: "kaq, both captures off", TRACE: "kaq, trace headers", HEADERS: "kaq, header capture",
-          BOTH: "kaq, both captures"}
+TITLES = {OFF: "kaq, both captures off", TRACE: "kaq, trace headers",
+          HEADERS: "kaq, header capture", BOTH: "kaq, both captures"}
 TITLES.update((variant, harness.TITLES[variant]) for variant in (BARE, UNMONITORED))
 
 # What is run: a title, the script's kind and size, and the runs of a block.
@@ -45,7 +45,7 @@ def _command(setup, server, variant, words, modules):
 
 
 def _check(setup, server, modules):
-    """The server sees a traceparent where it should, the collector the spans and captured headers."""
+    """The server sees a traceparent where it should, the collector spans and captured headers."""
     sizes = {}
     for variant in VARIANTS:
         requests, traced = server.counts()

@@ -307,8 +307,8 @@ def watch(collector, options):
         seen += event[0] == "transaction"
     if options.once is None or seen >= options.once:
         return 0
-    print("collector: %d of %d transactions came in %g seconds" % (seen, options.once, options.wait),
-          file=sys.stderr)
+    print("collector: %d of %d transactions came in %g seconds"
+          % (seen, options.once, options.wait), file=sys.stderr)
     return 1
 
 

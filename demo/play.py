@@ -86,7 +86,7 @@ def run(command, seconds, **how):
 
 
 def start_collector(free_ports):
-    """The collector on its usual ports, or on free ones when they are taken or `free_ports` is set."""
+    """The collector on its usual ports; on free ones if those are taken or `free_ports` is set."""
     if free_ports:
         return demo_collector.Collector(0, 0).start()
     try:

@@ -156,7 +156,7 @@ class Apache:
 def _has_ended(process):
     """Also when Apache has not asked for its status yet."""
     try:
-        state = pathlib.Path("/proc", process, "stat").read_text(encoding="ascii").rpartition(")")[2]
+        stat = pathlib.Path("/proc", process, "stat").read_text(encoding="ascii")
     except (FileNotFoundError, ProcessLookupError):
         return True
-    return state.split()[0] in "ZX"
+    return stat.rpartition(")")[2].split()[0] in "ZX"

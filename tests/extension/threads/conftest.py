@@ -31,7 +31,7 @@ def engine():
 
 
 class RacePrograms:
-    """What tests/extension/threads/race builds, in `directory`; `launcher` and `environment` to run it."""
+    """What race/CMakeLists.txt builds, in `directory`; `launcher` and `environment` to run it."""
 
     def __init__(self, engine, directory):
         self.directory = pathlib.Path(directory)

@@ -1,8 +1,8 @@
 """No data race: the extension, watched by a sanitizer, in many threads of the embed library.
 
-With ThreadSanitizer what the engine itself does is not watched, but for its locks: a report is about
-memory that the extension touches. An engine built with AddressSanitizer has the extension watched by
-that instead.
+With ThreadSanitizer what the engine itself does is not watched, but for its locks: a report is
+about memory that the extension touches. An engine built with AddressSanitizer has the extension
+watched by that instead.
 """
 import subprocess
 

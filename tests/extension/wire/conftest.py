@@ -54,8 +54,8 @@ class Wire:
             path = self.directory / ("php-%d.ini" % next(self._inis))
             path.write_bytes(ini if isinstance(ini, bytes) else ini.encode())
             options = ["-c", str(path)]
-        given = {"kaq.status_port": self.collector.status_port, "kaq.data_port": self.collector.data_port}
-        given.update(settings or {})
+        given = {"kaq.status_port": self.collector.status_port,
+                 "kaq.data_port": self.collector.data_port, **(settings or {})}
         if not loaded:
             given = {name: value for name, value in given.items() if not name.startswith("kaq.")}
         else:

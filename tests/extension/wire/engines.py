@@ -33,7 +33,7 @@ class Engine:
 
     @property
     def apache_module(self):
-        """(name, path) of what Apache loads to have this engine; None if there is no such module."""
+        """(name, path) of the module by which Apache has this engine, or None."""
         prefix = pathlib.Path(_told(self.php_config, "--prefix"))
         version = "%d.%d" % divmod(self.version_id // 100, 100)
         name = "php7_module" if version[0] == "7" else "php_module"

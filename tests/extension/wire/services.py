@@ -1,5 +1,5 @@
-"""Monitored services: each an engine process with a collector, an application and an account key of
-its own, and an `Echo` that tells what headers a call brought."""
+"""Monitored services: each an engine process with a collector, an application and an account key
+of its own, and an `Echo` that tells what headers a call brought."""
 import functools
 import json
 import pathlib
@@ -150,8 +150,9 @@ class Collector(FakeCollector):
 
 class Service:
     """`worker` starts the process: a name of SERVER_INTERFACES, where cgi is php-cgi as a FastCGI server, or
-    something that can be called as they are. A test is skipped if the engine lacks it. `key` and `app_id` may be None. Without `monitored`
-    the extension is not even loaded, and there is no collector."""
+    something that can be called as they are. A test is skipped if the engine lacks its program.
+    `key` and `app_id` may be None. Without `monitored` the extension is not even loaded, and there
+    is no collector."""
 
     def __init__(self, engine, directory, interface, source, app_id=None, key=None, settings=None,
                  monitored=True):

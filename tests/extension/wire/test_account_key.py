@@ -17,7 +17,8 @@ curl_setopt($call, CURLOPT_TIMEOUT, 20);
 echo curl_exec($call);
 """
 # A file at the key's place that only the process sees: a file system of its own over /opt.
-PRIVATE = ('mount -t tmpfs tmpfs /opt && mkdir -p /opt/kaq/conf && cat >/opt/kaq/conf/account_key && '
+PRIVATE = ('mount -t tmpfs tmpfs /opt && mkdir -p /opt/kaq/conf &&'
+           ' cat >/opt/kaq/conf/account_key && '
            'exec "$@" </dev/null')
 
 
@@ -161,7 +162,8 @@ def texts_of(collector):
     collector.settle()
     assert collector.status_requests and collector.data_records
     return [request.raw for request in collector.status_requests] + [
-        record.raw if record.is_notice else record.payload.bytes for record in collector.data_records]
+        record.raw if record.is_notice else record.payload.bytes
+        for record in collector.data_records]
 
 
 def test_key_reaches_neither_the_collector_nor_the_log(wire, collector, engine, echo, calling):

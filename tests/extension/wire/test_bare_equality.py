@@ -42,7 +42,8 @@ SCRIPTS = {
     "shutdown order": "register_shutdown_function(function () { echo 'late'; exit(3); });"
                       "echo 'early'; exit(2);",
     "exit in a destructor": "class D { function __destruct() { exit(6); } } $d = new D; echo 1;",
-    "exit in an output callback": "ob_start(function ($t) { return $t . '!'; }); echo 'x'; exit(1);",
+    "exit in an output callback":
+        "ob_start(function ($t) { return $t . '!'; }); echo 'x'; exit(1);",
     "exception in a destructor": "class D { function __destruct() { throw new Exception('d'); } }"
                                  "$d = new D;",
     "serialize": "class S { function __sleep() { return []; } } echo serialize(new S);",
@@ -82,7 +83,7 @@ def test_web_page(wire, collector, name):
 
 
 @pytest.mark.parametrize("name", list(SCRIPTS))
-def test_script_without_any_collector(wire, name):
+def test_script_while_no_collector_listens(wire, name):
     wire.same_as_bare(wire.cli, source=SCRIPTS[name], settings=dict(
         KEEP_ALL, **{"kaq.status_port": 0, "kaq.data_port": 0}))
 

@@ -245,8 +245,11 @@ def test_unrecorded_call_whose_callback_ends_the_request(curl, engine, where, en
     unwinds = engine.exit_is_a_bailout if end.startswith("exit") else (
         engine.memory_limit_is_a_bailout or not end.startswith("memory"))
     source = with_callback(where, "$GLOBALS['called'] = true; " + ENDS[end]) \
-        + RUNS[run].replace(FINISH, UNTIL_CALLED) + "echo ' goes on'; unset($ch); $ch = curl_init(\"$url/b\"); curl_setopt($ch," \
-          "CURLOPT_RETURNTRANSFER, 1); echo curl_exec($ch);"
+        + RUNS[run].replace(FINISH, UNTIL_CALLED) + """
+            echo ' goes on'; unset($ch);
+            $ch = curl_init("$url/b"); curl_setopt($ch, CURLOPT_RETURNTRANSFER, 1);
+            echo curl_exec($ch);
+        """
     bare = curl.run(source, settings=LIMIT, loaded=False)
     assert b" goes on" not in bare.result.stdout
     for how in ("unmonitored", "limit 0", "internal calls not tracked"):

@@ -20,6 +20,7 @@ sys.path.insert(0, DEMO)
 import collector as demo_collector  # noqa: E402
 import waterfall  # noqa: E402
 
+PROGRAM = demo_collector.__file__
 START = 1700000000000
 SECONDS = 30
 
@@ -403,7 +404,7 @@ def test_many_connections_at_once_are_all_served(collector):
 def test_records_sent_one_after_the_other_are_told_in_that_order(collector, monkeypatch):
     monkeypatch.setattr(demo_collector, "ORDER_SECONDS", SECONDS)
     for number in range(300):
-        with socket.create_connection(("127.0.0.1", collector.data_port), timeout=SECONDS) as sender:
+        with socket.create_connection(("127.0.0.1", collector.data_port), SECONDS) as sender:
             sender.sendall(b"message:\tn%d\n" % number)
     came = [collector.next_event(SECONDS)[1] for _ in range(300)]
     assert came == ["n%d" % number for number in range(300)]
@@ -429,7 +430,7 @@ def start_program(tmp_path, *arguments):
     ports = tmp_path / "ports"
     environment = dict(os.environ, NO_COLOR="1", COLUMNS="80", PYTHONIOENCODING="utf-8")
     program = subprocess.Popen(
-        [sys.executable, os.path.join(DEMO, "collector.py"), "--status-port", "0", "--data-port", "0",
+        [sys.executable, PROGRAM, "--status-port", "0", "--data-port", "0",
          "--port-file", str(ports)] + list(arguments),
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment)
     deadline = time.monotonic() + SECONDS
@@ -482,7 +483,7 @@ def test_program_ends_cleanly_when_told_to(tmp_path, number):
 
 def test_program_says_that_a_port_is_taken(collector):
     program = subprocess.Popen(
-        [sys.executable, os.path.join(DEMO, "collector.py"), "--status-port", str(collector.status_port),
+        [sys.executable, PROGRAM, "--status-port", str(collector.status_port),
          "--data-port", "0"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
         stderr=subprocess.PIPE)
     status, output, errors = ended(program)

@@ -69,7 +69,7 @@ def test_lowest_severity_that_is_recorded(wire, collector, lowest):
 
 def test_without_error_tracking_nothing_is_recorded(wire, collector):
     payload = payload_of(wire, collector, "function f() { hex2bin('a'); } f(); hex2bin('b');"
-                                      "trigger_error('dead', E_USER_ERROR);", track_errors=0)
+                                          "trigger_error('dead', E_USER_ERROR);", track_errors=0)
     assert payload.names == [] and not is_failed(payload.root)
 
 
@@ -191,7 +191,7 @@ def test_message_that_carries_a_stack_needs_none(wire, collector, message, has_s
 
 def test_later_error_still_gives_the_stack_that_the_first_did_not(wire, collector):
     payload = payload_of(wire, collector, "function f() { trigger_error('Stack trace:');\n"
-                                      "trigger_error('b'); } f();")
+                                          "trigger_error('b'); } f();")
     assert texts(payload.span("f")) == ["Stack trace:", "b"]
     assert payload.span("f")["mst"][0][3] == 3
 
@@ -242,7 +242,7 @@ def test_count_begins_anew_with_each_request(collector, worker):
 
 def test_suppressed_errors_are_recorded(wire, collector):
     payload = payload_of(wire, collector, "@trigger_error('at'); error_reporting(0);"
-                                      "trigger_error('off'); ini_set('display_errors', 0);")
+                                          "trigger_error('off'); ini_set('display_errors', 0);")
     assert texts(payload.root) == ["at", "off"]
 
 
@@ -252,10 +252,10 @@ def test_suppressed_errors_are_recorded(wire, collector):
     ("set_error_handler(function () { return false; });", ["n", "w"]),
     ("set_error_handler(function () { return true; }, E_USER_NOTICE);", ["w"]),
     ("set_error_handler(function () { return true; }); restore_error_handler();", ["n", "w"])])
-def test_error_that_a_handler_takes_never_reaches_the_collector(wire, collector, handler, recorded):
+def test_error_that_a_handler_takes_never_reaches_the_extension(wire, collector, handler, recorded):
     """The engine asks the script's handler first."""
     payload = payload_of(wire, collector, handler + "trigger_error('n');"
-                                                "trigger_error('w', E_USER_WARNING);")
+                                                    "trigger_error('w', E_USER_WARNING);")
     assert texts(payload.root) == recorded
 
 
@@ -282,7 +282,7 @@ def test_error_in_a_shutdown_function_and_in_a_destructor(wire, collector):
 
 def test_fatal_error_in_a_call(wire, collector):
     payload = payload_of(wire, collector, "function a() { b(); } function b() {"
-                                      "trigger_error('dead', E_USER_ERROR); } a();")
+                                          "trigger_error('dead', E_USER_ERROR); } a();")
     assert told(payload.span("b")) == [("ERROR", "Error", "dead")]
     assert flags(payload.span("b")) == FAILED_BY_ERROR
     assert payload.tree() == ("main", [("a", [("b", [])])])

@@ -169,7 +169,7 @@ def test_second_exception_of_a_span_adds_a_record_and_leaves_the_stack(wire, col
 
 def test_span_with_an_error_and_an_exception_has_both_flags(wire, collector):
     payload = payload_of(wire, collector, "function f() { trigger_error('e', E_USER_WARNING);"
-                                      "throw new Exception('x'); }" + caught("f();"))
+                                          "throw new Exception('x'); }" + caught("f();"))
     assert told(payload.span("f")) == [("ERROR", "Warning", "e"), ("Exception", "Warning", "x")]
     assert flags(payload.span("f")) == FAILED_BY_BOTH
 
@@ -210,7 +210,7 @@ def test_where_an_exception_may_come_from(wire, collector, source, expected):
 
 def test_exception_in_a_shutdown_function(wire, collector):
     payload = payload_of(wire, collector, "register_shutdown_function(function () {"
-                                      "throw new Exception('late'); });")
+                                          "throw new Exception('late'); });")
     assert told(payload.span("{closure}")) == [("Exception", "Warning", "late")]
 
 
@@ -248,7 +248,7 @@ def test_uncaught_exception_of_the_script_itself(wire, collector):
 
 def test_exception_handler_takes_the_error_away(wire, collector):
     payload = payload_of(wire, collector, "set_exception_handler(function ($e) {});"
-                                      "function f() { throw new Exception('out'); } f();")
+                                          "function f() { throw new Exception('out'); } f();")
     assert texts(payload.span("f")) == ["out"] and not is_failed(payload.root)
 
 

@@ -36,7 +36,8 @@ SCRIPTS = {
             hex2bin('a'); echo $undefined; });
         trigger_error('outer'); var_dump(error_get_last()['type']);
     """,
-    "handler that exits": "set_error_handler(function () { exit(7); }); trigger_error('a'); echo 1;",
+    "handler that exits":
+        "set_error_handler(function () { exit(7); }); trigger_error('a'); echo 1;",
     "handler that restores itself away": """
         set_error_handler(function ($n, $t) { restore_error_handler(); echo "[$t]"; });
         trigger_error('a'); trigger_error('b');

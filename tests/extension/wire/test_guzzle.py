@@ -15,7 +15,8 @@ START = """
     set_include_path('%s'); require '%s';
     $client = new GuzzleHttp\\Client(['base_uri' => $url, 'timeout' => 5]);
     $tell = function ($answer) {
-        echo $answer->getStatusCode(), json_encode($answer->getHeaders()), $answer->getBody(), "\\n";
+        echo $answer->getStatusCode(), json_encode($answer->getHeaders()), $answer->getBody();
+        echo "\\n";
     };
 """ % (PACKAGES, LIBRARY)
 
@@ -33,7 +34,8 @@ def pages(server):
         "/a": http.answers(200, ["A: 1", "Set-Cookie: k=v"], b"body of a"),
         "/missing": http.answers(404, ["B: 2"], b"none"),
         "/moved": http.redirects("/a", 302), "/slow": http.slow(0.1, http.answers(200, ["S: 1"])),
-        "/broken": http.resets(), "/never": http.never_answers(), "/chunks": http.answers_in_chunks(b"one ", b"two"),
+        "/broken": http.resets(), "/never": http.never_answers(),
+        "/chunks": http.answers_in_chunks(b"one ", b"two"),
     })
 
 
@@ -60,7 +62,8 @@ GUZZLE = {
     "callback that throws": "try { $client->get('/a', ['on_headers' => function () {"
                             "throw new Exception('mine'); }]); } catch (Exception $e) {"
                             "echo get_class($e), get_class($e->getPrevious()); }",
-    "stream": "$answer = $client->get('/chunks', ['sink' => fopen('php://temp', 'w+')]); $tell($answer);",
+    "stream": "$answer = $client->get('/chunks', ['sink' => fopen('php://temp', 'w+')]);"
+              "$tell($answer);",
     "promises": "$all = []; foreach (['/a', '/slow', '/missing', '/a', '/moved'] as $path) {"
                 "$all[$path . count($all)] = $client->getAsync($path, ['http_errors' => false]); }"
                 "foreach (GuzzleHttp\\Promise\\Utils::unwrap($all) as $p => $answer) {"

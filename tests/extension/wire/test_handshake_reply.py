@@ -146,7 +146,8 @@ def test_instance_id_goes_back_escaped_in_the_payload(wire, collector, identifie
 def test_normalised_name_is_a_member_right_after_t_name(wire, collector):
     collector.reply = dict(ENABLED, **{"normalised.txn.name": "GET /cart/{id}"})
     wire.cli()
-    assert list(collector.payload.transaction)[:3] == ["t_name", "normalised_tname", "http_query_str"]
+    assert list(collector.payload.transaction)[:3] == [
+        "t_name", "normalised_tname", "http_query_str"]
     assert '"normalised_tname":"GET \\/cart\\/{id}",' in collector.payload.text
 
 

@@ -1,5 +1,5 @@
-"""Our traceparent and that of an independent implementation of W3C Trace Context are understood by
-each other. The implementation is installed from its package into the cache, outside the checkout."""
+"""The extension and an independent implementation of W3C Trace Context understand each other's
+traceparent. The latter is installed from its package into the cache, outside the checkout."""
 import fcntl
 import hashlib
 import json

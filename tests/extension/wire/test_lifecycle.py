@@ -123,7 +123,8 @@ def test_monitoring_is_decided_anew_for_each_request_of_a_process(wire, collecto
     collector.replies.extend([ENABLED, DISABLED, ENABLED, b"", {"instance.status": 911}, ENABLED])
     pids = {worker.get("/r%d" % number) for number in range(6)}
     assert len(pids) == 1
-    assert [payload.transaction["t_name"] for payload in collector.payloads] == ["/r0", "/r2", "/r5"]
+    assert [payload.transaction["t_name"] for payload in collector.payloads] == [
+        "/r0", "/r2", "/r5"]
     assert collector.notices == [DISABLED_NOTICE] * 3
 
 
@@ -168,7 +169,8 @@ def test_spans_of_a_skipped_request_are_not_carried_over(wire, collector):
     assert collector.notices == [NO_URI_NOTICE, DISABLED_NOTICE]
 
 
-def test_request_facts_are_not_carried_over_to_a_background_run_of_the_same_process(wire, collector):
+def test_request_facts_are_not_carried_over_to_a_background_run_of_the_same_process(
+        wire, collector):
     server = wire.cgi_server()
     script = wire.script("echo 1;")
     parent = "00-0af7651916cd43dd8448eb211c80319c-b7ad6b7169203331-01"
@@ -200,7 +202,7 @@ LONG = "long text " * 500
 @pytest.mark.parametrize("status", [920, 0], ids=["monitored", "unmonitored"])
 def test_memory_and_descriptors_stay_level_over_many_requests(wire, collector, worker, status):
     collector.reply = {"instance.id": LONG, "normalised.txn.name": LONG, "app.id": LONG,
-                   "instance.status": status}
+                       "instance.status": status}
     worker.open("""
         class Closer {
             public $context;

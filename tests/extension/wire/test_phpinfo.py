@@ -19,7 +19,8 @@ DEFAULTS = {
 
 
 def defaults(collector):
-    given = dict(DEFAULTS, data_port=str(collector.data_port), status_port=str(collector.status_port))
+    given = dict(DEFAULTS, data_port=str(collector.data_port),
+                 status_port=str(collector.status_port))
     return [("kaq." + name, value, value) for name, value in given.items()]
 
 

@@ -1,4 +1,4 @@
-"""Random call trees against a model of the span rules. A failing seed is part of the test's name."""
+"""Random call trees against a model of the span rules. The seed is part of the test's name."""
 import os
 import random
 

@@ -99,8 +99,8 @@ def test_threshold_text_that_strtol_and_an_int_make_large_drops_short_spans(wire
 
 
 def test_empty_threshold_changes_nothing(wire, collector, still_clock):
-    wire.cli("function short() { usleep(9000); } function long() { usleep(10000); } short(); long();",
-             settings={"kaq.method_threshold": ""}, env=still_clock)
+    wire.cli("function short() { usleep(9000); } function long() { usleep(10000); }"
+             "short(); long();", settings={"kaq.method_threshold": ""}, env=still_clock)
     assert collector.payload.names == ["long"]
 
 
@@ -137,7 +137,8 @@ def test_hook_on_user_code_follows_the_start_up_value(wire, collector, value, ho
 
 
 @pytest.mark.parametrize("at_start,later,spans", [("0", "1", []), ("1", "0", ["f", "f"])])
-def test_run_time_value_neither_installs_nor_removes_the_hook(wire, collector, at_start, later, spans):
+def test_run_time_value_neither_installs_nor_removes_the_hook(
+        wire, collector, at_start, later, spans):
     wire.cli("ini_set('kaq.track_zend_execute', '%s'); %s" % (later, SHORT_CALLS),
              settings=dict(KEEP_ALL, **{"kaq.track_zend_execute": at_start}))
     assert collector.payload.names == spans
@@ -179,7 +180,7 @@ def test_integer_set_by_the_script_lasts_for_its_request_only(wire, collector, w
 def test_data_port_set_by_the_script_receives_this_payload_only(
         wire, collector, other_collector, worker):
     worker.open("if ($_GET['q'] == 'set') ini_set('kaq.data_port', '%d');"
-                % other_collector.data_port)
+              % other_collector.data_port)
     for query in ("a", "set", "b"):
         worker.get("/%s?q=%s" % (query, query))
     assert [payload.transaction["t_name"] for payload in collector.payloads] == ["/a", "/b"]

@@ -52,7 +52,8 @@ def test_short_parent_of_a_kept_span_is_kept(wire, collector):
 def test_short_span_after_a_kept_sibling_is_dropped_and_its_key_reused(wire, collector):
     wire.cli("function k() {} function d() {} " + KEEP + " k(); " + DROP + " d(); d(); "
              + KEEP + " k();")
-    assert [(span["mo"], span["fn"]) for span in collector.payload.spans[1:]] == [(1, "k"), (2, "k")]
+    assert [(span["mo"], span["fn"]) for span in collector.payload.spans[1:]] == [
+        (1, "k"), (2, "k")]
 
 
 def test_root_is_kept_however_short_it_is(wire, collector):
@@ -96,7 +97,7 @@ def test_calls_open_when_the_limit_is_reached_are_still_kept(wire, collector):
 
 def test_dropped_spans_do_not_count_towards_the_limit(wire, collector):
     assert names(wire, collector, "function s() {} function l() {}"
-                              "for ($i = 0; $i < 500; $i++) s(); " + KEEP + " l(); l(); l();",
+                                  "for ($i = 0; $i < 500; $i++) s(); " + KEEP + " l(); l(); l();",
                  span_limit=2, method_threshold=99999) == ["l", "l"]
 
 
@@ -148,23 +149,25 @@ def test_pruning_is_on_for_every_value_but_zero(wire, collector, value):
 
 def test_pruning_keeps_a_necessary_span_in_the_middle(wire, collector):
     assert tree(wire, collector, "function a() { b(); %s } function b() { c(); %s }"
-                             "function c() { leaf(); %s } a();" % (DROP, KEEP, DROP)) == (
+                                 "function c() { leaf(); %s } a();" % (DROP, KEEP, DROP)) == (
         "main", [("b", [("leaf", [])])])
 
 
 def test_pruning_keeps_unnecessary_spans_that_are_not_their_parent_s_only_child(wire, collector):
-    assert tree(wire, collector, "function a() { b(); b(); } function b() { leaf(); %s } a();" % DROP
-                ) == ("main", [("b", [("leaf", [])]), ("b", [("leaf", [])])])
+    assert tree(wire, collector, "function a() { b(); b(); } function b() { leaf(); %s }"
+                                 "a();" % DROP) == (
+        "main", [("b", [("leaf", [])]), ("b", [("leaf", [])])])
 
 
 def test_pruning_counts_children_that_were_dropped_too_which_is_meant(wire, collector):
     assert tree(wire, collector, "function a() { other(); b(); } function b() { leaf(); %s }"
-                             "%s a();" % (DROP, DROP)) == ("main", [("b", [("leaf", [])])])
+                                 "%s a();" % (DROP, DROP)) == ("main", [("b", [("leaf", [])])])
 
 
 def test_pruning_keeps_a_chain_below_a_root_with_several_children(wire, collector):
-    assert tree(wire, collector, "function a() { b(); } function b() { leaf(); %s } a(); a();" % DROP
-                ) == ("main", [("a", [("leaf", [])]), ("a", [("leaf", [])])])
+    assert tree(wire, collector, "function a() { b(); } function b() { leaf(); %s }"
+                                 "a(); a();" % DROP) == (
+        "main", [("a", [("leaf", [])]), ("a", [("leaf", [])])])
 
 
 def test_pruning_keeps_relative_order_and_numbers_densely(wire, collector):
@@ -186,13 +189,13 @@ def test_pruning_a_request_of_necessary_spans_changes_nothing(wire, collector):
 
 
 def test_pruning_after_exit_deep_in_a_chain(wire, collector):
-    assert tree(wire, collector, "function a() { b(); } function b() { leaf(); %s exit; } a();" % DROP
-                ) == ("main", [("leaf", [])])
+    assert tree(wire, collector, "function a() { b(); } function b() { leaf(); %s exit; }"
+                                 "a();" % DROP) == ("main", [("leaf", [])])
 
 
 def test_pruning_of_long_chains_and_wide_trees(wire, collector):
     assert tree(wire, collector, "function a($n) { if ($n) a($n - 1); else leaf(); %s }"
-                             "a(3000);" % DROP) == ("main", [("leaf", [])])
+                                 "a(3000);" % DROP) == ("main", [("leaf", [])])
 
 
 def test_pruning_set_by_the_script_holds_for_its_request(wire, collector, worker):

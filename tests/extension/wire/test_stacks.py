@@ -133,8 +133,8 @@ def slow(drivers, collector, seconds, source):
 def test_slow_query_carries_the_stack_that_issued_it(drivers, collector):
     path = drivers.wire.directory / "job.php"
     payload = slow(drivers, collector, 0.02, "\nfunction report() {\n mysql_query(60000); }\n\n"
-                                         "class Page { function show() { report(); } }\n"
-                                         "(new Page)->show();")
+                                             "class Page { function show() { report(); } }\n"
+                                             "(new Page)->show();")
     span = payload.span("mysql_query")
     assert [frame[:3] for frame in span["mst"]] == [
         ["", "mysql_query", str(path)], ["", "report", str(path)], ["Page", "show", str(path)]]

@@ -153,7 +153,8 @@ def test_background_run_begins_a_chain_without_being_in_its_flow(
     result = engines.run([engine.php, *options, *services.curl_options(engine), str(script), route],
                          env={"KAQ_ACCOUNT_KEY": KEY})
     assert result.status == 0, result
-    job, seen_b, seen_c = services.Payload(collector.payload.raw), b.collector.payload, c.collector.payload
+    job = services.Payload(collector.payload.raw)
+    seen_b, seen_c = b.collector.payload, c.collector.payload
     check_one_trace(job, seen_b, seen_c)
     assert job.transaction["transaction_type"] == 0
     assert [seen_b.parent] == caller(job, how)

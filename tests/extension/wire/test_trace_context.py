@@ -298,7 +298,8 @@ def test_caller_with_control_characters_is_reported_but_not_passed_on_which_is_m
 
 
 @pytest.mark.parametrize("escaped", [
-    "A\\r\\nEvil: 1", "A\\nEvil: 1", "A\\rEvil: 1", "\\r\\nEvil: 1\\r\\n", "A;\\u000d\\u000aEvil: 1",
+    "A\\r\\nEvil: 1", "A\\nEvil: 1", "A\\rEvil: 1", "\\r\\nEvil: 1\\r\\n",
+    "A;\\u000d\\u000aEvil: 1",
     "A\\r\\n\\r\\nGET /evil HTTP/1.1\\r\\nEvil: 1\\r\\n\\r\\n", "A\\tB", "A\\u0001B", "A\\u007fB",
     "A\\u001f"])
 def test_flow_with_control_characters_makes_no_header_line_of_its_own(entry, echo, escaped):

@@ -60,7 +60,8 @@ def test_address_setting_wins_over_host_name_and_local_host(wire, elsewhere, set
 @pytest.mark.parametrize("settings", [
     {"hostname": "localhost"}, {"hostname": "127.0.0.1"}, {"ip": "", "hostname": ""},
     {"hostname": "no..such..name"}, {"hostname": "x" * 300}], ids=lambda s: str(s)[:40])
-def test_host_name_that_is_local_empty_or_unknown_leads_to_the_local_host(wire, collector, settings):
+def test_host_name_that_is_local_empty_or_unknown_leads_to_the_local_host(
+        wire, collector, settings):
     run_at(wire, collector, **settings)
     assert collector.payload.spans
 
@@ -80,7 +81,7 @@ LIST_ADDRESSES = ("import socket; print(*(entry[4][0] for entry in socket.getadd
 
 def test_last_ipv4_address_of_a_host_name_wins_which_is_meant(wire, tmp_path):
     table = tmp_path / "hosts"
-    table.write_text("127.77.3.8 collector.test\n127.77.3.1 collector.test\n127.77.3.5 collector.test\n")
+    table.write_text("".join("127.77.3.%d collector.test\n" % last for last in (8, 1, 5)))
     with_hosts = ["unshare", "--mount", "sh", "-c", PRIVATE_HOSTS, str(table)]
     listed = engines.run([*with_hosts, sys.executable, "-c", LIST_ADDRESSES])
     if listed.status != 0:
@@ -249,7 +250,8 @@ def test_data_connection_that_breaks_leaves_the_script_alone(wire, collector, fa
     assert collector.data_connections == 1 and result.seconds < 8
 
 
-def test_collector_that_never_reads_the_data_holds_the_process_for_a_second_at_most(wire, collector):
+def test_collector_that_never_reads_the_data_holds_the_process_for_a_second_at_most(
+        wire, collector):
     collector.data_behaviour = behaviours.never_answers
     name = "g" * 2000
     result = wire.cli("function %s() {} for ($i = 0; $i < 9999; $i++) %s(); echo 'out'; exit(3);"

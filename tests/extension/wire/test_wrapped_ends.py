@@ -178,7 +178,7 @@ def test_requests_after_one_with_a_swallowed_bailout_are_fine(
         assert worker.get("/fine?q=") == b"fine on"
     collector.forget()
     collector.reply = {"instance.id": "i-1", "instance.status": 920,
-                   "transaction.trace.sql.stacktrace.threshold": 1000}
+                       "transaction.trace.sql.stacktrace.threshold": 1000}
     assert worker.get("/fine?q=") == b"fine on"
     assert collector.payload.span("mysql_query")["qs"] == "select"
     assert collector.payload.parent_of(collector.payload.span("mysql_query"))["fn"] == "f"
