@@ -70,7 +70,7 @@ ASK_BY_HTTP2 = """
 
 
 class _WebServer(server_interfaces.BuiltinServer):
-    """Asked as the engine's own web server is, `port` and all."""
+    """Takes requests as server_interfaces.BuiltinServer does, at `port`; only the process is another."""
 
     def __init__(self):
         super(server_interfaces.BuiltinServer, self).__init__()

@@ -17,7 +17,7 @@ DATABASE, USER, PASSWORD = "shop", "clerk", "secret"
 
 
 def _identity():
-    """Servers refuse to run as root, or should."""
+    """Whom a server runs as: some refuse to run as root."""
     if os.geteuid() != 0:
         return {}
     return {"user": "nobody", "group": "nogroup", "extra_groups": []}
@@ -145,7 +145,7 @@ class MariaDb(Server):
 
 
 class PostgreSql(Server):
-    # Waits for no client.
+    # The shutdown that waits for no client.
     stop_signal = signal.SIGINT
 
     def prepare(self):

@@ -24,7 +24,8 @@ def hands_headers_over(engine, kind):
 
 
 def keeps_spelling(kind):
-    """Behind CGI's variables, which have capitals alone, a name is capital letter by word."""
+    """CGI's variables have capitals alone: what the engine makes of them begins each word with one
+    and goes on in small letters."""
     return kind == "apache"
 
 

@@ -12,7 +12,7 @@ import engines
 import loopback
 
 THREADS = 16
-# A generation that ends stands beside the next ones for a while.
+# So many may be there at once: one that ends overlaps with the next ones.
 GENERATIONS = 16
 START_DEADLINE = 30.0
 STOP_DEADLINE = 30.0

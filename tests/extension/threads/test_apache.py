@@ -8,7 +8,7 @@ import page_calls
 REQUESTS = 3000
 RESTARTS = 10
 PER_GENERATION = 100
-# As many as the threads that a new generation has.
+# After the last restart: enough for every thread of the new generation to be given some.
 AFTERWARDS = 20 * THREADS
 ATTEMPTS = 5
 # What the C library says before it ends a process whose heap is corrupt.

@@ -105,7 +105,7 @@ def test_snippet_comes_before_the_first_closing_head_tag(site, name):
     assert answer.body.count(SNIPPET) == 1
 
 
-# What a script can do only as long as its output is in a buffer, as it is in ours.
+# What a script can do only as long as its output is in a buffer, as it is in the extension's.
 LATE = {
     "type": SHOW + HTML,
     "exception": HTML + SHOW + "throw new Exception;",

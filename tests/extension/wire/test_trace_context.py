@@ -80,13 +80,13 @@ def test_request_without_the_header_starts_a_new_trace_each_time(entry):
 
 
 def both_spellings(entry, lower, capital):
-    """The payload of a request that brings both; a FastCGI server is free in its names."""
+    """The payload of a request that brings both. Over FastCGI a variable may have any name."""
     headers = [("Traceparent", capital)]
     if entry.speaks_http:
         payload, body = entry.ask(headers=headers + [("traceparent", lower)])
     else:
         payload, body = entry.ask(headers=headers, HTTP_traceparent=lower)
-    # The server of some engines merges the two and may lose its hold on the text.
+    # The web server of some engines merges the two, and what it hands over may be freed by then.
     heard = json.loads(body)["heard"] if body.startswith(b"{") else {}
     if (heard.get("traceparent"), heard.get("Traceparent")) != (lower, capital):
         assert entry.speaks_http, heard

@@ -4,7 +4,8 @@ import collections
 from wrapped_rows import (BY_KEY, DIRECT, DIRECT_IF_NOTHING_PASSED, EMPTY, IGNORED, LOCALHOST,
                           NONE, ROWS)
 
-# `source` is what a script writes, `value` what the call must be handed, as standins.php tells it.
+# `source` is what a script writes, `value` what the call must be handed, as tell() of
+# standins.PRELUDE puts it.
 Value = collections.namedtuple("Value", "kind source value")
 
 NULL = Value("null", "null", None)
