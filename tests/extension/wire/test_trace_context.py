@@ -212,7 +212,8 @@ def test_flow_and_async_are_read_from_the_object(entry, value, flow, asynchronou
     "[]", '["flow","a1;"]', '[{"flow":"a1;","async":true}]', '"flow"',
     '"{\\"flow\\":\\"a1;\\"}"', "7", "-1.5", "true", "false", "null"],
     ids=lambda value: value[:40])
-def test_origin_that_is_no_object_or_dear_to_decode_changes_nothing_and_is_not_reported(entry, value):
+def test_origin_that_is_no_object_or_dear_to_decode_changes_nothing_and_is_not_reported(
+        entry, value):
     payload, body = entry.ask(headers=[
         SAME_ACCOUNT, ("X-Skelvor-Origin", value), ("Traceparent", TRACEPARENT)])
     assert flow_of(payload) == (None, False)
