@@ -8,6 +8,9 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
+# So that a failed assertion of theirs tells what was compared.
+pytest.register_assert_rewrite("standins", "curl_runs", "crash_runs")
+
 import engines  # noqa: E402
 import preloads  # noqa: E402
 import server_interfaces  # noqa: E402

@@ -149,15 +149,16 @@ class Collector(FakeCollector):
 
 
 class Service:
-    """`worker` starts the process: a name of SERVER_INTERFACES, where cgi is php-cgi as a FastCGI server, or
-    something that can be called as they are. A test is skipped if the engine lacks its program.
+    """`interface` starts the process: a name of SERVER_INTERFACES, where cgi is php-cgi as a FastCGI
+    server, or something that can be called as they are. A test is skipped if the engine lacks its
+    program.
     `key` and `app_id` may be None. Without `monitored` the extension is not even loaded, and there
     is no collector."""
 
     def __init__(self, engine, directory, interface, source, app_id=None, key=None, settings=None,
                  monitored=True):
-        if door in PROGRAMS and not getattr(engine, PROGRAMS[door]):
-            pytest.skip("this engine has no program for " + door)
+        if interface in PROGRAMS and not getattr(engine, PROGRAMS[interface]):
+            pytest.skip("this engine has no program for " + interface)
         self.collector = None
         self.path = pathlib.Path(directory) / "page.php"
         self.path.parent.mkdir(parents=True, exist_ok=True)
