@@ -11,6 +11,7 @@
 #include "util/engine_access.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_util_functions.h"
+#include "util/memory_limit.h"
 #include "wire/handshake.h"
 #include "wire/payload.h"
 #include "wire/request_context.h"
@@ -76,6 +77,7 @@ void kaq_request_start(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	uint64_t sec;
 	uint64_t usec;
+	kaq_memory_limit_unwind(0);
 	g->in_request = 1;
 	kaq_wall_clock(&sec, &usec);      /*  1 */
 	kaq_set_request_global_strings(); /*  2 */
@@ -167,6 +169,6 @@ void kaq_request_end(void) {
 	kaq_free_node_buffer();        /* 3 */
 	kaq_release_request_texts(g);  /* 4 */
 	kaq_release_request_values(g); /* 5 */
-	kaq_memory_limit_restore();
+	kaq_memory_limit_unwind(0);
 	kaq_leave_request(g);
 }

@@ -8,6 +8,7 @@
 #include "tracing/distributedTrace.h"
 #include "tracing/trace_context.h"
 #include "util/kaq_util_functions.h"
+#include "util/memory_limit.h"
 
 #include <stdio.h>
 

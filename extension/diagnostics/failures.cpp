@@ -6,6 +6,7 @@
 #include "util/kaq_aside.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_util_functions.h"
+#include "util/memory_limit.h"
 
 #include <string.h>
 

@@ -1,6 +1,7 @@
 #include "diagnostics/kaq_rum.h"
 
 #include "state/php_kaq.h"
+#include "util/memory_limit.h"
 
 #include <string.h>
 #include <strings.h>

@@ -4,6 +4,7 @@
 #include "state/php_kaq.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
+#include "util/memory_limit.h"
 
 static const char *kaq_frame_text(HashTable *frame, const char *key, const char *fallback) {
 	const zval *value = zend_hash_str_find(frame, key, strlen(key));

@@ -122,31 +122,6 @@ void kaq_unblock_fibers(void) {
 }
 #endif
 
-void kaq_memory_limit_lift(void) {
-	zend_set_memory_limit((size_t)-1 >> 1);
-}
-
-/* Later engines refuse a limit below what is in use: what we have freed may have to be given back
- * first, and if that is not enough at least nothing more is to be had. */
-void kaq_memory_limit_restore(void) {
-	if (zend_set_memory_limit((size_t)PG(memory_limit)) == SUCCESS) {
-		return;
-	}
-	zend_mm_gc(zend_mm_get_heap());
-	if (zend_set_memory_limit((size_t)PG(memory_limit)) != SUCCESS) {
-		zend_set_memory_limit(zend_memory_usage(1));
-	}
-}
-
-bool kaq_memory_has_room(size_t size) {
-	const size_t chunk = (size_t)2 * 1024 * 1024;
-	const size_t page = 4096;
-	size_t needed = size < chunk - page ? chunk : size + page;
-	size_t limit = (size_t)PG(memory_limit);
-	size_t used = zend_memory_usage(1);
-	return needed > size && used < limit && limit - used >= needed;
-}
-
 #if PHP_VERSION_ID < 80000
 zend_long kaq_zval_resource_id(const zval *handle) {
 	return Z_RES_HANDLE_P(handle);

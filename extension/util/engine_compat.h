@@ -185,12 +185,3 @@ void kaq_watch_fibers(kaq_fiber_notice_t notice);
 /* Between these two, which nest, no fiber can be switched: code that tries gets an exception. */
 void kaq_block_fibers(void);
 void kaq_unblock_fibers(void);
-
-/* Between these two the engine's allocator has no limit, so that work of ours at a moment when the
- * script has used up its memory cannot end in a fatal error of the script. */
-void kaq_memory_limit_lift(void);
-void kaq_memory_limit_restore(void);
-
-/* Whether so many bytes can be had from the engine's allocator below the script's limit, however
- * its free memory is cut up. */
-bool kaq_memory_has_room(size_t size);

@@ -4,6 +4,7 @@
 #include "state/php_kaq.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
+#include "util/memory_limit.h"
 #include "wire/client.h"
 #include "wire/receiver.h"
 #include "wire/transport.h"
