@@ -20,6 +20,42 @@
 
 #include <stdlib.h>
 
+static void kaq_release_request_texts(zend_kaq_globals *g) {
+	char **texts[] = {&g->request_uri_custom_name,
+					  &g->application_name,
+					  &g->instance_id,
+					  &g->normalised_txn_name,
+					  &g->rum_snippet,
+					  &g->session_id,
+					  &g->remote_exporter_hostname,
+					  &g->remote_exporter_ip,
+					  &g->application_group,
+					  &g->app_id,
+					  &g->app_flow};
+	for (char **text : texts) {
+		free(*text);
+		*text = nullptr;
+	}
+}
+
+/* Values of one request, beside the stores of curl handles. */
+static zval *zend_kaq_globals::*const request_values[] = {
+	&zend_kaq_globals::request_headers_zv, &zend_kaq_globals::curlinfo_effective_url,
+	&zend_kaq_globals::curlinfo_http_code, &zend_kaq_globals::curlinfo_total_time,
+	&zend_kaq_globals::custom_params_zv,   &zend_kaq_globals::app_param_avg_zv,
+	&zend_kaq_globals::app_param_sum_zv};
+
+/* An extension that bails out at request end keeps the engine from calling ours. The memory that
+ * such a request's values were in is gone by now. */
+static void kaq_forget_unended_request(zend_kaq_globals *g) {
+	kaq_memory_limit_unwind(0);
+	kaq_release_request_texts(g);
+	kaq_forget_curl_stores();
+	for (zval *zend_kaq_globals::*value : request_values) {
+		g->*value = nullptr;
+	}
+}
+
 static void kaq_build_auto_globals(void) {
 	zend_is_auto_global_str((char *)"_SERVER", strlen("_SERVER"));
 	zend_is_auto_global_str((char *)"_REQUEST", strlen("_REQUEST"));
@@ -77,7 +113,7 @@ void kaq_request_start(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	uint64_t sec;
 	uint64_t usec;
-	kaq_memory_limit_unwind(0);
+	kaq_forget_unended_request(g);
 	g->in_request = 1;
 	kaq_wall_clock(&sec, &usec);      /*  1 */
 	kaq_set_request_global_strings(); /*  2 */
@@ -118,31 +154,10 @@ static void kaq_finish_transaction(const zend_kaq_globals *g) {
 	kaq_request_data_dump_ex();
 }
 
-static void kaq_release_request_texts(zend_kaq_globals *g) {
-	char **texts[] = {&g->request_uri_custom_name,
-					  &g->application_name,
-					  &g->instance_id,
-					  &g->normalised_txn_name,
-					  &g->rum_snippet,
-					  &g->session_id,
-					  &g->remote_exporter_hostname,
-					  &g->remote_exporter_ip,
-					  &g->application_group,
-					  &g->app_id,
-					  &g->app_flow};
-	for (char **text : texts) {
-		free(*text);
-		*text = nullptr;
-	}
-}
-
 static void kaq_release_request_values(zend_kaq_globals *g) {
-	kaq_zval_release(&g->request_headers_zv);
 	kaq_release_curl_stores();
-	zval **values[] = {&g->curlinfo_effective_url, &g->curlinfo_http_code, &g->curlinfo_total_time,
-					   &g->custom_params_zv,       &g->app_param_avg_zv,   &g->app_param_sum_zv};
-	for (zval **value : values) {
-		kaq_zval_release(value);
+	for (zval *zend_kaq_globals::*value : request_values) {
+		kaq_zval_release(&(g->*value));
 	}
 }
 

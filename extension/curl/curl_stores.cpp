@@ -100,11 +100,18 @@ void kaq_release_curl_stores(void) {
 	kaq_zval_release(&g->curl_multi_spanid_store);
 }
 
-void kaq_curl_follow(const zval *handle) {
+void kaq_forget_curl_stores(void) {
 	zend_kaq_globals *g = kaq_get_globals();
-	if (g->curl_req_headers_store) {
-		kaq_watch_handle(&g->live_curl_handles, handle);
-	}
+	memset(&g->live_curl_handles, 0, sizeof(g->live_curl_handles));
+	g->curl_req_headers_store = nullptr;
+	g->curl_res_headers_store = nullptr;
+	g->curl_multi_handle_store = nullptr;
+	g->curl_multi_reported_store = nullptr;
+	g->curl_multi_spanid_store = nullptr;
+}
+
+void kaq_curl_follow(const zval *handle) {
+	kaq_watch_handle(&kaq_get_globals()->live_curl_handles, handle);
 }
 
 static bool kaq_holds_references(zval *list) {

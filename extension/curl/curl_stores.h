@@ -11,9 +11,13 @@
 
 #include "util/engine_compat.h"
 
-/* Creates the stores, releases them. */
+/* Creates the stores, releases them. Without stores nothing is remembered and nothing found, and
+ * releasing does nothing. */
 void kaq_create_curl_stores(void);
 void kaq_release_curl_stores(void);
+
+/* Drops stores of a request that was not ended: the memory that they are in is gone. */
+void kaq_forget_curl_stores(void);
 
 /* Any handle under whose number something is going to be stored. */
 void kaq_curl_follow(const zval *handle);

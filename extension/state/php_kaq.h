@@ -116,7 +116,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	zval *curl_multi_spanid_store;
 	zval *curlinfo_effective_url, *curlinfo_http_code, *curlinfo_total_time;
 	zval curlinfo_known[KAQ_CURLINFO_CONSTANTS]; /* their values, once found by this thread */
-	HashTable live_curl_handles;                 /* a watch on the handles in the stores */
+	HashTable live_curl_handles; /* a watch on the handles in the stores; without them all zero */
 	zval *app_param_avg_zv, *app_param_sum_zv, *custom_params_zv;
 	kaq_node *current_node;     /* innermost open span */
 	kaq_node_list *node_buffer; /* closed spans, newest first */

@@ -233,8 +233,13 @@ void kaq_watch_handles_start(HashTable *watch, kaq_handle_notice forget) {
 	zend_hash_init(watch, 0, nullptr, forget, 0);
 }
 
+/* What tells a watch from the all-zero record of none. */
+static bool kaq_is_live_watch(const HashTable *watch) {
+	return watch->pDestructor != nullptr;
+}
+
 void kaq_watch_handle(HashTable *watch, const zval *handle) {
-	if (Z_TYPE_P(handle) == IS_OBJECT) {
+	if (kaq_is_live_watch(watch) && Z_TYPE_P(handle) == IS_OBJECT) {
 		zval entry;
 		ZVAL_PTR(&entry, Z_OBJ_P(handle));
 		zend_weakrefs_hash_add(watch, Z_OBJ_P(handle), &entry);
@@ -246,6 +251,9 @@ zend_long kaq_watched_id(const zval *entry) {
 }
 
 void kaq_watch_handles_end(HashTable *watch) {
+	if (!kaq_is_live_watch(watch)) {
+		return;
+	}
 	void *object;
 	watch->pDestructor = nullptr;
 	ZEND_HASH_FOREACH_PTR(watch, object) {
@@ -253,6 +261,7 @@ void kaq_watch_handles_end(HashTable *watch) {
 	}
 	ZEND_HASH_FOREACH_END();
 	zend_hash_destroy(watch);
+	memset(watch, 0, sizeof(*watch));
 }
 #endif
 

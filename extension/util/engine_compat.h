@@ -127,8 +127,9 @@ void kaq_follow_clones(zval *handle, kaq_clone_notice notice);
 
 /* The number of a resource is never given out again within a request, that of an object is. A watch
  * is a table of the objects that live: when one goes away its entry is destroyed, and `forget` is
- * called with the entry; it may release other handles. Engines with resources: nothing happens.
- * Start before and end after all else; the end does not call `forget`. */
+ * called with the entry; it may release other handles. The end does not call `forget`. A watch that
+ * has not been started, or has been ended, is all zero: nothing is added to it, and ending it does
+ * nothing. Engines with resources: nothing ever happens. */
 typedef void (*kaq_handle_notice)(zval *entry);
 void kaq_watch_handles_start(HashTable *watch, kaq_handle_notice forget);
 void kaq_watch_handle(HashTable *watch, const zval *handle);

@@ -199,6 +199,52 @@ TEST_F(CurlWatch, HandlesThatLiveUntilRequestEndAreNoTroubleToIt) {
 	}));
 }
 
+static bool is_all_zero(const HashTable &table) {
+	static const HashTable none = {};
+	return memcmp(&table, &none, sizeof(table)) == 0;
+}
+
+TEST_F(CurlWatch, IsNoneOnceTheStoresAreReleased) {
+	Value easy("curl_init()");
+	store_all(easy);
+	kaq_release_curl_stores();
+	EXPECT_TRUE(is_all_zero(g->live_curl_handles));
+	kaq_curl_follow(easy);
+	kaq_release_curl_stores();
+	EXPECT_TRUE(is_all_zero(g->live_curl_handles));
+	EXPECT_FALSE(OBJ_FLAGS(Z_OBJ(easy.value)) & IS_OBJ_WEAKLY_REFERENCED);
+	kaq_create_curl_stores();
+}
+
+TEST_F(CurlWatch, IsNoneAfterARequestStartThatBailedOut) {
+	Value easy("curl_init()");
+	store_all(easy);
+	easy.release();
+	end_request();
+	start_request_in_vain();
+	EXPECT_TRUE(is_all_zero(g->live_curl_handles));
+	kaq_request_end();
+	EXPECT_TRUE(is_all_zero(g->live_curl_handles));
+}
+
+TEST_F(CurlWatch, IsNoneAfterARequestThatWasNotEndedAndAStartThatBailedOut) {
+	ASSERT_TRUE(run_php("$easy = curl_init();"));
+	{
+		Value easy("$easy");
+		store_all(easy);
+	}
+	skip_request_end();
+	start_request_in_vain();
+	EXPECT_TRUE(is_all_zero(g->live_curl_handles));
+	EXPECT_EQ(nullptr, g->curl_req_headers_store);
+	kaq_request_end();
+	end_request();
+	start_request();
+	Value easy("curl_init()");
+	store_all(easy);
+	EXPECT_EQ(4, stored(easy.id()));
+}
+
 static int notices;
 static zend_long last_noticed;
 

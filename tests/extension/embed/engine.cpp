@@ -13,6 +13,7 @@ typedef std::vector<std::pair<std::string, std::string>> Pairs;
 void (*probe)(void);
 
 static bool is_running;
+static bool variables_bail_out;
 static std::string extra_ini;
 static zend_kaq_globals startup_globals;
 static Pairs server_variables;
@@ -40,6 +41,9 @@ static const zend_function_entry additional_functions[] = {
 	ZEND_FE(getallheaders, arginfo_none) ZEND_FE(probe, arginfo_none) PHP_FE_END};
 
 static void register_server_variables(zval *array) {
+	if (variables_bail_out) {
+		zend_bailout();
+	}
 	for (const auto &variable : server_variables) {
 		add_assoc_stringl(array, variable.first.c_str(), (char *)variable.second.data(),
 						  variable.second.size());
@@ -211,6 +215,32 @@ void EngineTest::end_request() {
 	ASSERT_TRUE(request_is_open_);
 	request_is_open_ = false;
 	php_request_shutdown(nullptr);
+}
+
+void EngineTest::start_request_in_vain() {
+	ASSERT_FALSE(request_is_open_);
+	variables_bail_out = true;
+	leak_check_off();
+	EXPECT_EQ(FAILURE, php_request_startup());
+	leak_check_on();
+	variables_bail_out = false;
+	request_is_open_ = true;
+}
+
+template <typename Result> static Result bail_out_at_request_end(int, int) {
+	zend_bailout();
+	return static_cast<Result>(FAILURE);
+}
+
+void EngineTest::skip_request_end() {
+	zend_module_entry *module =
+		(zend_module_entry *)zend_hash_str_find_ptr(&module_registry, "kaq", strlen("kaq"));
+	auto request_end = module->request_shutdown_func;
+	module->request_shutdown_func = bail_out_at_request_end;
+	leak_check_off();
+	end_request();
+	leak_check_on();
+	module->request_shutdown_func = request_end;
 }
 
 void SpanTest::SetUp() {

@@ -62,6 +62,10 @@ protected:
 	void server_variable(const std::string &name, const std::string &value);
 	void start_request();
 	void end_request();
+	/* A request start that bails out when it asks for the server variables. */
+	void start_request_in_vain();
+	/* A request end that the engine does not come to, for another extension bails out before. */
+	void skip_request_end();
 	bool request_is_open() const {
 		return request_is_open_;
 	}

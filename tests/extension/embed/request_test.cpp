@@ -282,6 +282,38 @@ TEST_F(RequestEnd, SkippedRequestReleasesTheSame) {
 	expect_all_released();
 }
 
+TEST_F(RequestEnd, OneThatWasSkippedLeavesTheNextRequestNothing) {
+	monitored_web_request();
+	fill_everything();
+	skip_request_end();
+	EXPECT_NE(nullptr, g->request_headers_zv);
+	start_request_in_vain();
+	const void *fields[] = {g->request_uri_custom_name,
+							g->instance_id,
+							g->normalised_txn_name,
+							g->rum_snippet,
+							g->session_id,
+							g->app_id,
+							g->app_flow,
+							g->request_headers_zv,
+							g->curl_req_headers_store,
+							g->curl_res_headers_store,
+							g->curl_multi_handle_store,
+							g->curl_multi_reported_store,
+							g->curl_multi_spanid_store,
+							g->curlinfo_effective_url,
+							g->curlinfo_http_code,
+							g->curlinfo_total_time,
+							g->custom_params_zv,
+							g->app_param_avg_zv,
+							g->app_param_sum_zv};
+	for (size_t i = 0; i < sizeof(fields) / sizeof(fields[0]); i++) {
+		EXPECT_EQ(nullptr, fields[i]) << i;
+	}
+	kaq_request_end();
+	expect_all_released();
+}
+
 TEST_F(RequestEnd, BuffersOfTheThreadStay) {
 	monitored_web_request();
 	end_request();
