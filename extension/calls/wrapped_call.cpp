@@ -1,7 +1,7 @@
 #include "calls/wrapped_call.h"
 
-/* Of what a bailout jumps over only the engine's jump target and running frame are put back: the
- * rest the engine tidies at request end. */
+/* After a bailout only the engine's jump target and running frame are put back. That is enough to
+ * pass it on; util/swallowed_bailout.h has the rest for whoever does not. */
 int kaq_zend_call_old_handler(kaq_phpfn_t oldhandler, zend_execute_data *execute_data,
 							  zval *return_value) {
 	JMP_BUF *outer = EG(bailout);

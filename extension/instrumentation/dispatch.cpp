@@ -1,5 +1,6 @@
 #include "diagnostics/stacktrace.h"
 #include "instrumentation/kaq_instrumentation.h"
+#include "util/swallowed_bailout.h"
 
 static bool kaq_records_calls(const zend_kaq_globals *g) {
 	return g->control_signal && g->track_zend_execute_internal &&
@@ -21,6 +22,16 @@ static void kaq_explain_slow_query(const zend_kaq_globals *g, kaq_node *node) {
 	}
 }
 
+/* A bailout ends here, and the script goes on as if the call had returned. */
+static void kaq_call_unrecorded(kaq_phpfn_t oldhandler, zend_execute_data *execute_data,
+								zval *return_value) {
+	kaq_engine_state state;
+	kaq_note_engine_state(&state);
+	if (kaq_zend_call_old_handler(oldhandler, execute_data, return_value)) {
+		kaq_return_from_bailout(&state);
+	}
+}
+
 void kaq_instrument_delegate(kaq_internalfn_t *wraprec, zend_execute_data *execute_data,
 							 zval *return_value) {
 	if (!wraprec || !wraprec->oldhandler || !wraprec->inner_wrapper) {
@@ -28,8 +39,7 @@ void kaq_instrument_delegate(kaq_internalfn_t *wraprec, zend_execute_data *execu
 	}
 	zend_kaq_globals *g = kaq_get_globals();
 	if (!kaq_records_calls(g)) {
-		/* A bailout ends here, and the script goes on as if the call had returned. */
-		kaq_zend_call_old_handler(wraprec->oldhandler, execute_data, return_value);
+		kaq_call_unrecorded(wraprec->oldhandler, execute_data, return_value);
 		return;
 	}
 	kaq_node *node = kaq_start_node();

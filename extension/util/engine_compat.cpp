@@ -123,6 +123,27 @@ void kaq_unblock_fibers(void) {
 #endif
 
 #if PHP_VERSION_ID < 80000
+void kaq_end_observed_calls(zend_execute_data *) {
+}
+#elif PHP_VERSION_ID < 80400
+#include "zend_observer.h"
+
+void kaq_end_observed_calls(zend_execute_data *) {
+	zend_observer_fcall_end_all();
+}
+#else
+void kaq_end_observed_calls(zend_execute_data *outer) {
+	zend_execute_data *running = EG(current_execute_data);
+	while (EG(current_observed_frame) && EG(current_observed_frame) != outer) {
+		EG(current_execute_data) = EG(current_observed_frame);
+		zend_observer_fcall_end_prechecked(EG(current_observed_frame), nullptr);
+	}
+	EG(current_observed_frame) = outer;
+	EG(current_execute_data) = running;
+}
+#endif
+
+#if PHP_VERSION_ID < 80000
 zend_long kaq_zval_resource_id(const zval *handle) {
 	return Z_RES_HANDLE_P(handle);
 }

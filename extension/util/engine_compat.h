@@ -186,3 +186,51 @@ void kaq_watch_fibers(kaq_fiber_notice_t notice);
 /* Between these two, which nest, no fiber can be switched: code that tries gets an exception. */
 void kaq_block_fibers(void);
 void kaq_unblock_fibers(void);
+
+/* The class whose private members the engine lets code reach at the moment; in later engines only
+ * while it is another than that of the running function. */
+#if PHP_VERSION_ID < 70100
+#define KAQ_SCOPE EG(scope)
+#else
+#define KAQ_SCOPE EG(fake_scope)
+#endif
+
+/* Whether a frame that runs a script has its variables in a table by name, too. */
+static inline bool kaq_has_symbol_table(const zend_execute_data *frame) {
+#if PHP_VERSION_ID < 70100
+	return frame->symbol_table != nullptr;
+#else
+	return ZEND_CALL_INFO(frame) & ZEND_CALL_HAS_SYMBOL_TABLE;
+#endif
+}
+
+/* Engines that compile while they run: the number of the compiled code that runs. */
+static inline uint32_t kaq_running_trace(void) {
+#if PHP_VERSION_ID < 80000
+	return 0;
+#else
+	return EG(jit_trace_num);
+#endif
+}
+
+static inline void kaq_set_running_trace(uint32_t trace) {
+#if PHP_VERSION_ID < 80000
+	(void)trace;
+#else
+	EG(jit_trace_num) = trace;
+#endif
+}
+
+/* Engines with observers of calls: the innermost observed call; null where the engine tells nobody.
+ */
+static inline zend_execute_data *kaq_observed_call(void) {
+#if PHP_VERSION_ID < 80400
+	return nullptr;
+#else
+	return EG(current_observed_frame);
+#endif
+}
+
+/* Tells the observers that the calls inside of that one have ended: all of them, where the engine
+ * does not tell which it observes. The frames must still stand. */
+void kaq_end_observed_calls(zend_execute_data *outer);

@@ -158,6 +158,13 @@ static PHP_FUNCTION(kaq_standin_resource) {
 	RETURN_RES(zend_register_resource(nullptr, resource_type));
 }
 
+/* int kaq_standin_observed(): how many calls of user functions are under way; -1 if nobody counts.
+ */
+static PHP_FUNCTION(kaq_standin_observed) {
+	(void)execute_data;
+	RETURN_LONG(standin_observed());
+}
+
 /* array kaq_standin_list(): see standin_list(). */
 static PHP_FUNCTION(kaq_standin_list) {
 	(void)execute_data;
@@ -177,8 +184,9 @@ ZEND_END_ARG_INFO()
 
 static const zend_function_entry own_functions[] = {
 	PHP_FE(kaq_standin_calls, arginfo_none) PHP_FE(kaq_standin_plan, arginfo_plan)
-		PHP_FE(kaq_standin_recording, arginfo_recording) PHP_FE(kaq_standin_resource, arginfo_none)
-			PHP_FE(kaq_standin_list, arginfo_none) PHP_FE_END};
+		PHP_FE(kaq_standin_observed, arginfo_none) PHP_FE(kaq_standin_recording, arginfo_recording)
+			PHP_FE(kaq_standin_resource, arginfo_none) PHP_FE(kaq_standin_list, arginfo_none)
+				PHP_FE_END};
 
 static PHP_GINIT_FUNCTION(kaq_standins) {
 	memset(kaq_standins_globals, 0, sizeof(*kaq_standins_globals));
@@ -188,6 +196,7 @@ static PHP_MINIT_FUNCTION(kaq_standins) {
 	(void)type;
 	resource_type = zend_register_list_destructors_ex(nullptr, nullptr, "stand-in", module_number);
 	standin_register_all();
+	standin_observe();
 	return SUCCESS;
 }
 

@@ -157,13 +157,17 @@ void standin_register_all(void) {
 	register_classes();
 }
 
+/* Not where threads share the functions of their tables: the engine frees them itself, before it
+ * unloads a module. */
 void standin_unregister_all(void) {
+#if PHP_VERSION_ID < 80400
 	for (size_t i = 0; i < function_count; i++) {
 		if (registered[i]) {
 			zend_unregister_functions(&functions[i], 1, nullptr);
 			registered[i] = false;
 		}
 	}
+#endif
 }
 
 static void list_one(zval *array, const char *name, const zend_function *function) {

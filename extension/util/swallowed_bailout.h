@@ -1,0 +1,37 @@
+/*
+ * A bailout that ends at a call, after which the script goes on as if the call had returned. The
+ * engine bails out to end the request and expects nobody to go on; what a return would have left as
+ * the call found it has to be put back.
+ *
+ * Put back are: the stack of frames with its pages and the variables that frames on it had taken
+ * over, the observers of calls, the scope, the running trace, the error level and how errors are
+ * reported, the running output handler, and the memory limit. Not put back, for the engine cannot
+ * tell what the calls that were cut off were at: that the request counts as unclean, without which
+ * generators that were cut off would be cleaned up in the middle of a call, and that cycles are no
+ * longer collected. A pending exception is the call's. Values that the frames held stay with the
+ * engine's allocator until request end.
+ *
+ * Order: kaq_note_engine_state, the call, and if it bailed out kaq_return_from_bailout, both in the
+ * fiber and the frame that made the call.
+ */
+#pragma once
+
+#include "util/engine_compat.h"
+
+typedef struct {
+	int memory_sections;
+	zend_vm_stack page;
+	zval *top, *end;
+	zend_execute_data *observed_call;
+	zend_class_entry *scope, *exception_class;
+	zend_error_handling_t error_handling;
+	int error_reporting;
+	uint32_t running_trace;
+	php_output_handler *running_output;
+} kaq_engine_state;
+
+void kaq_note_engine_state(kaq_engine_state *state);
+
+/* REQUIRES: jump target and running frame are those of the moment of noting. Observers of the calls
+ * that were cut off are told of their end, and may bail out. */
+void kaq_return_from_bailout(const kaq_engine_state *state);
