@@ -35,10 +35,9 @@ struct kaq_entered_call {
 	zend_execute_data *execute_data;
 };
 
-/* The span limit counts spans in the buffer, not open ones, and holds in unmonitored requests
- * too. */
-static __attribute__((noinline)) kaq_entered_call kaq_enter_call(zend_execute_data *execute_data) {
-	zend_kaq_globals *g = kaq_get_globals();
+/* The span limit counts spans in the buffer, not open ones. */
+static __attribute__((noinline)) kaq_entered_call kaq_enter_call(zend_kaq_globals *g,
+																 zend_execute_data *execute_data) {
 	kaq_node *node = nullptr;
 	if (g->stored_node_count < g->span_limit) {
 		node = kaq_populate_in(g, execute_data);
@@ -55,11 +54,24 @@ static __attribute__((noinline)) void kaq_leave_call(kaq_node *node) {
 	}
 }
 
-void kaq_execute_ex(zend_execute_data *execute_data) {
-	kaq_entered_call call = kaq_enter_call(execute_data);
+static __attribute__((noinline)) void kaq_execute_recorded(zend_kaq_globals *g,
+														   zend_execute_data *execute_data) {
+	kaq_entered_call call = kaq_enter_call(g, execute_data);
 	old_execute_ex(call.execute_data);
 	if (call.node) {
 		kaq_leave_call(call.node);
+	}
+}
+
+/* Both branches end in a jump instead of a call: a request that is not monitored pays for reading
+ * one switch and uses no stack, and in a monitored one the hook's only frame is that of
+ * kaq_execute_recorded. */
+void kaq_execute_ex(zend_execute_data *execute_data) {
+	zend_kaq_globals *g = kaq_get_globals();
+	if (g->control_signal) {
+		kaq_execute_recorded(g, execute_data);
+	} else {
+		old_execute_ex(execute_data);
 	}
 }
 

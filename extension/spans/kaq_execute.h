@@ -11,8 +11,10 @@
 /* The hook found at module start; null when ours is not installed. */
 extern void (*old_execute_ex)(zend_execute_data *execute_data);
 
-/* Opens a span for a named user function or method, calls old_execute_ex, and closes the span. A
- * bailout leaves the span open; request end closes it. REQUIRES: old_execute_ex is set. */
+/* In a monitored request: opens a span for a named user function or method, calls the previous
+ * hook, and closes the span. A bailout leaves the span open; request end closes it. In any other
+ * request, and outside of one, it only calls the previous hook: nobody would ever see the spans.
+ * REQUIRES: old_execute_ex is set. */
 void kaq_execute_ex(zend_execute_data *execute_data);
 
 /* A new span that names the frame's function, or null for a frame without a named function: the

@@ -44,9 +44,11 @@ protected:
 		now_ = this;
 		saved_ = old_execute_ex;
 		old_execute_ex = [](zend_execute_data *frame) { now_->chained(frame); };
+		g->control_signal = 1;
 	}
 
 	void TearDown() override {
+		g->control_signal = 0;
 		old_execute_ex = saved_;
 		SpanTest::TearDown();
 	}
@@ -147,10 +149,13 @@ TEST_F(Execute, CallWithoutANameIsChainedAndGivesNoSpan) {
 	EXPECT_EQ(0, g->node_buffer_len);
 }
 
-TEST_F(Execute, RequestThatIsNotMonitoredIsRecordedToo) {
-	ASSERT_EQ(0, g->control_signal);
+TEST_F(Execute, CallInARequestThatIsNotMonitoredIsChainedAndOpensNoSpan) {
+	g->control_signal = 0;
 	call();
-	EXPECT_EQ(1, g->stored_node_count);
+	EXPECT_EQ(1, calls_);
+	EXPECT_EQ(nullptr, current_within_);
+	EXPECT_EQ(0, g->node_buffer_len);
+	EXPECT_EQ(0, g->stored_node_count);
 }
 
 TEST_F(Execute, LimitCountsSpansInTheBuffer) {
@@ -231,7 +236,18 @@ TEST_F(Execute, NoMemoryForASpanStillChains) {
 }
 
 /* What a script's calls look like. */
-class ExecuteScript : public SpanTest {};
+class ExecuteScript : public SpanTest {
+protected:
+	void SetUp() override {
+		SpanTest::SetUp();
+		g->control_signal = 1;
+	}
+
+	void TearDown() override {
+		g->control_signal = 0;
+		SpanTest::TearDown();
+	}
+};
 
 TEST_F(ExecuteScript, EveryNamedCallIsASpanAndTopLevelCodeIsNot) {
 	g->method_threshold = 0;
