@@ -6,11 +6,9 @@
 
 void (*old_execute_ex)(zend_execute_data *execute_data);
 
+/* REQUIRES: a frame that runs a function, as every frame that the engine gives the hook does. */
 static inline kaq_node *kaq_populate_in(zend_kaq_globals *g,
 										const zend_execute_data *execute_data) {
-	if (!execute_data || !execute_data->func) {
-		return nullptr;
-	}
 	const zend_function *function = execute_data->func;
 	const zend_string *name = function->common.function_name;
 	if (!name) {
@@ -25,6 +23,9 @@ static inline kaq_node *kaq_populate_in(zend_kaq_globals *g,
 }
 
 kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
+	if (!execute_data || !execute_data->func) {
+		return nullptr;
+	}
 	return kaq_populate_in(kaq_get_globals(), execute_data);
 }
 
