@@ -30,6 +30,7 @@ static void kaq_call_unrecorded(kaq_phpfn_t oldhandler, zend_execute_data *execu
 	if (kaq_zend_call_old_handler(oldhandler, execute_data, return_value)) {
 		kaq_return_from_bailout(&state);
 	}
+	kaq_forget_engine_state(&state);
 }
 
 void kaq_instrument_delegate(kaq_internalfn_t *wraprec, zend_execute_data *execute_data,

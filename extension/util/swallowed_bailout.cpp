@@ -75,13 +75,32 @@ static void kaq_free_pages_above(zend_vm_stack kept) {
 	}
 }
 
+/* An error handler is off while it runs. It is not missing if the script has set or restored
+ * handlers meanwhile. */
+static void kaq_put_error_handler_back(const kaq_engine_state *state) {
+	if (Z_TYPE(EG(user_error_handler)) == IS_UNDEF &&
+		EG(user_error_handlers).top == state->handlers_below) {
+		ZVAL_COPY(&EG(user_error_handler), &state->error_handler);
+	}
+}
+
 /* Every call that is not recorded comes by here. At one go: were each value stored by itself, the
  * engine's record would have to be found again after each. */
 void kaq_note_engine_state(kaq_engine_state *state) {
-	*state = {
-		kaq_memory_limit_sections(), EG(vm_stack),        EG(vm_stack_top),    EG(vm_stack_end),
-		kaq_observed_call(),         KAQ_SCOPE,           EG(exception_class), EG(error_handling),
-		EG(error_reporting),         kaq_running_trace(), OG(running)};
+	*state = {kaq_memory_limit_sections(),
+			  EG(vm_stack),
+			  EG(vm_stack_top),
+			  EG(vm_stack_end),
+			  kaq_observed_call(),
+			  KAQ_SCOPE,
+			  EG(exception_class),
+			  EG(error_handling),
+			  EG(error_reporting),
+			  kaq_running_trace(),
+			  OG(running),
+			  EG(user_error_handlers).top,
+			  EG(user_error_handler)};
+	Z_TRY_ADDREF(state->error_handler);
 }
 
 /* Observers first, who look at the frames. */
@@ -96,7 +115,12 @@ void kaq_return_from_bailout(const kaq_engine_state *state) {
 	EG(exception_class) = state->exception_class;
 	EG(error_handling) = state->error_handling;
 	EG(error_reporting) = state->error_reporting;
+	kaq_put_error_handler_back(state);
 	kaq_set_running_trace(state->running_trace);
 	OG(running) = state->running_output;
 	kaq_memory_limit_unwind(state->memory_sections);
+}
+
+void kaq_forget_engine_state(kaq_engine_state *state) {
+	zval_ptr_dtor(&state->error_handler);
 }

@@ -4,15 +4,15 @@
  * the call found it has to be put back.
  *
  * Put back are: the stack of frames with its pages and the variables that frames on it had taken
- * over, the observers of calls, the scope, the running trace, the error level and how errors are
- * reported, the running output handler, and the memory limit. Not put back, for the engine cannot
- * tell what the calls that were cut off were at: that the request counts as unclean, without which
- * generators that were cut off would be cleaned up in the middle of a call, and that cycles are no
- * longer collected. A pending exception is the call's. Values that the frames held stay with the
- * engine's allocator until request end.
+ * over, the observers of calls, the scope, the running trace, the error level, the script's error
+ * handler if it was cut off, how errors are reported, the running output handler, and the memory
+ * limit. Not put back, for the engine cannot tell what the calls that were cut off were at: that
+ * the request counts as unclean, without which generators that were cut off would be cleaned up in
+ * the middle of a call, and that cycles are no longer collected. A pending exception is the call's.
+ * Values that the frames held stay with the engine's allocator until request end.
  *
- * Order: kaq_note_engine_state, the call, and if it bailed out kaq_return_from_bailout, both in the
- * fiber and the frame that made the call.
+ * Order: kaq_note_engine_state -> the call -> kaq_return_from_bailout if it bailed out ->
+ * kaq_forget_engine_state, all in the fiber and the frame that made the call.
  */
 #pragma once
 
@@ -28,6 +28,8 @@ typedef struct {
 	int error_reporting;
 	uint32_t running_trace;
 	php_output_handler *running_output;
+	int handlers_below; /* error handlers that the current one has replaced */
+	zval error_handler; /* a reference of its own */
 } kaq_engine_state;
 
 void kaq_note_engine_state(kaq_engine_state *state);
@@ -35,3 +37,5 @@ void kaq_note_engine_state(kaq_engine_state *state);
 /* REQUIRES: jump target and running frame are those of the moment of noting. Observers of the calls
  * that were cut off are told of their end, and may bail out. */
 void kaq_return_from_bailout(const kaq_engine_state *state);
+
+void kaq_forget_engine_state(kaq_engine_state *state);

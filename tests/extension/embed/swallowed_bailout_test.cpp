@@ -15,6 +15,7 @@ protected:
 
 	void TearDown() override {
 		kaq_return_from_bailout(&before_);
+		kaq_forget_engine_state(&before_);
 		EngineTest::TearDown();
 	}
 
@@ -64,6 +65,7 @@ TEST_F(SwallowedBailout, StateOfTheEngineIsThatOfBefore) {
 	EXPECT_EQ(zend_ce_exception, KAQ_SCOPE);
 	EXPECT_EQ(trace, kaq_running_trace());
 	EXPECT_EQ(1, kaq_memory_limit_sections());
+	kaq_forget_engine_state(&state);
 }
 
 TEST_F(SwallowedBailout, PagesThatLeadToTheOneOfBeforeAreFreed) {

@@ -100,6 +100,33 @@ def test_warnings_stay_warnings(go_on):
     """) == b"bool(false)\n"
 
 
+def test_error_handler_that_was_cut_off_is_the_scripts_again(go_on):
+    assert go_on("function () { trigger_error('first', E_USER_WARNING); }", """
+        set_error_handler(function () {
+            static $calls = 0; echo 'handled '; $calls++ || deep(3);
+        });
+        mysql_query('q');
+        trigger_error('second', E_USER_WARNING);
+        restore_error_handler();
+        echo set_error_handler('strlen') === null ? 'none below' : 'one below';
+    """) == b"handled handled none below"
+
+
+@pytest.mark.parametrize("change,left", [
+    ("set_error_handler(null)", b"none"), ("restore_error_handler()", b"below"),
+    ("set_error_handler('other')", b"other"),
+    ("restore_error_handler(); restore_error_handler()", b"none")])
+def test_error_handler_that_the_call_has_changed_stays_changed(go_on, change, left):
+    # An error that no handler is asked about.
+    assert go_on("function () { %s; eval('function deep() {}'); }" % change, """
+        function below() {}
+        function other() {}
+        set_error_handler('below'); set_error_handler(function () {});
+        mysql_query('q'); again(100);
+        echo set_error_handler('strlen') ?: 'none';
+    """) == left
+
+
 def test_output_handler_that_was_cut_off_does_not_keep_the_script_from_writing(go_on):
     assert go_on("function () { ob_start('handle'); echo 'one '; ob_flush(); }", """
         function handle($text) { static $calls = 0; return $calls++ ? $text : deep(3); }
