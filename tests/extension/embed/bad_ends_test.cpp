@@ -126,28 +126,6 @@ TEST_F(BadEnds, MemoryUsedUpAtRequestEndStillGivesAPayload) {
 	expect_each_key_once(document, 1);
 }
 
-/* Request end takes the stack of a slow query, and then needs memory for the headers. */
-TEST_F(BadEnds, SlowQueryThatUsedUpTheMemoryStillGivesAPayload) {
-	if (!has_memory_limit()) {
-		GTEST_SKIP() << "the engine's allocator is off";
-	}
-	EXPECT_TRUE(run_php("ini_set('memory_limit', '16M');"
-						"for ($i = 0; $i < 20000; $i++) { header(\"X-$i: v\", false); }"));
-	g->sql_trace_threshold = 0.0f;
-	kaq_node *node = kaq_create_new_node();
-	kaq_copy_function_info(&node->data.function_info, "PDO", "query", "PDO", EXTERNAL);
-	kaq_open_node(node);
-	kaq_set_method_dbquery(&node->data.function_info, "select 1");
-	clock_advances(50);
-	for (size_t size : {1048576, 65536, 4096, 320, 56}) {
-		use_up(size);
-	}
-	std::string document = end_and_take_document();
-	EXPECT_EQ(1u, count_of("\"qs\":\"select 1\"", document));
-	EXPECT_EQ(1u, count_of("\"X-19999\":\"v", document));
-	expect_each_key_once(document, 2);
-}
-
 TEST_F(BadEnds, MemoryLimitHoldsAgainInTheNextRequest) {
 	if (!has_memory_limit()) {
 		GTEST_SKIP() << "the engine's allocator is off";
