@@ -3,7 +3,8 @@
 #include "util/engine_compat.h"
 #include "util/kaq_assert.h"
 
-static __thread int open_sections __attribute__((tls_model("initial-exec")));
+__thread int kaq_open_memory_sections
+	__attribute__((tls_model("initial-exec"), visibility("hidden")));
 
 /* Newer engines refuse a limit below what is in use: what we have freed may have to be given back
  * first, and if that is not enough at least nothing more is to be had. */
@@ -19,24 +20,20 @@ static void kaq_put_limit_in_force(void) {
 
 /* Every time: a fatal error that left a section open has put the limit in force. */
 void kaq_memory_limit_lift(void) {
-	open_sections++;
+	kaq_open_memory_sections++;
 	zend_set_memory_limit((size_t)-1 >> 1);
 }
 
 void kaq_memory_limit_restore(void) {
-	KAQ_REQUIRES(open_sections > 0);
-	kaq_memory_limit_unwind(open_sections - 1);
-}
-
-int kaq_memory_limit_sections(void) {
-	return open_sections;
+	KAQ_REQUIRES(kaq_open_memory_sections > 0);
+	kaq_memory_limit_unwind(kaq_open_memory_sections - 1);
 }
 
 void kaq_memory_limit_unwind(int sections) {
-	if (open_sections <= sections) {
+	if (kaq_open_memory_sections <= sections) {
 		return;
 	}
-	open_sections = sections;
+	kaq_open_memory_sections = sections;
 	if (sections == 0) {
 		kaq_put_limit_in_force();
 	}

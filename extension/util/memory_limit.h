@@ -25,8 +25,14 @@ void kaq_memory_limit_lift(void);
  * script has set, or if more is in use and the engine refuses that, what is in use. */
 void kaq_memory_limit_restore(void);
 
+/* Private to the function below and to memory_limit.cpp. */
+extern __thread int kaq_open_memory_sections
+	__attribute__((tls_model("initial-exec"), visibility("hidden")));
+
 /* How many sections of this thread are open. */
-int kaq_memory_limit_sections(void);
+static inline int kaq_memory_limit_sections(void) {
+	return kaq_open_memory_sections;
+}
 
 /* Ends all open sections but the first `sections`. */
 void kaq_memory_limit_unwind(int sections);

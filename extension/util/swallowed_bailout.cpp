@@ -1,7 +1,5 @@
 #include "util/swallowed_bailout.h"
 
-#include "util/memory_limit.h"
-
 static bool kaq_runs_script(const zend_execute_data *frame) {
 	return frame->func && ZEND_USER_CODE(frame->func->type);
 }
@@ -84,25 +82,6 @@ static void kaq_put_error_handler_back(const kaq_engine_state *state) {
 	}
 }
 
-/* Every call that is not recorded comes by here. At one go: were each value stored by itself, the
- * engine's record would have to be found again after each. */
-void kaq_note_engine_state(kaq_engine_state *state) {
-	*state = {kaq_memory_limit_sections(),
-			  EG(vm_stack),
-			  EG(vm_stack_top),
-			  EG(vm_stack_end),
-			  kaq_observed_call(),
-			  KAQ_SCOPE,
-			  EG(exception_class),
-			  EG(error_handling),
-			  EG(error_reporting),
-			  kaq_running_trace(),
-			  OG(running),
-			  EG(user_error_handlers).top,
-			  EG(user_error_handler)};
-	Z_TRY_ADDREF(state->error_handler);
-}
-
 /* Observers first, who look at the frames. */
 void kaq_return_from_bailout(const kaq_engine_state *state) {
 	kaq_end_observed_calls(state->observed_call);
@@ -119,8 +98,4 @@ void kaq_return_from_bailout(const kaq_engine_state *state) {
 	kaq_set_running_trace(state->running_trace);
 	OG(running) = state->running_output;
 	kaq_memory_limit_unwind(state->memory_sections);
-}
-
-void kaq_forget_engine_state(kaq_engine_state *state) {
-	zval_ptr_dtor(&state->error_handler);
 }

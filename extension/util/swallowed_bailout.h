@@ -17,6 +17,7 @@
 #pragma once
 
 #include "util/engine_compat.h"
+#include "util/memory_limit.h"
 
 typedef struct {
 	int memory_sections;
@@ -32,10 +33,31 @@ typedef struct {
 	zval error_handler; /* a reference of its own */
 } kaq_engine_state;
 
-void kaq_note_engine_state(kaq_engine_state *state);
+/* Every call that is not recorded comes by here. At one go: were each value stored by itself, the
+ * engine's record would have to be found again after each. */
+static inline void kaq_note_engine_state(kaq_engine_state *state) {
+	*state = {kaq_memory_limit_sections(),
+			  EG(vm_stack),
+			  EG(vm_stack_top),
+			  EG(vm_stack_end),
+			  kaq_observed_call(),
+			  KAQ_SCOPE,
+			  EG(exception_class),
+			  EG(error_handling),
+			  EG(error_reporting),
+			  kaq_running_trace(),
+			  OG(running),
+			  EG(user_error_handlers).top,
+			  EG(user_error_handler)};
+	Z_TRY_ADDREF(state->error_handler);
+}
 
 /* REQUIRES: jump target and running frame are those of the moment of noting. Observers of the calls
  * that were cut off are told of their end, and may bail out. */
 void kaq_return_from_bailout(const kaq_engine_state *state);
 
-void kaq_forget_engine_state(kaq_engine_state *state);
+static inline void kaq_forget_engine_state(kaq_engine_state *state) {
+	if (Z_REFCOUNTED(state->error_handler)) {
+		zval_ptr_dtor(&state->error_handler);
+	}
+}
