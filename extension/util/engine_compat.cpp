@@ -91,6 +91,9 @@ void kaq_block_fibers(void) {
 
 void kaq_unblock_fibers(void) {
 }
+
+void kaq_set_running_fiber(void *, bool) {
+}
 #else
 #include "zend_extensions.h"
 #include "zend_fibers.h"
@@ -119,6 +122,18 @@ void kaq_block_fibers(void) {
 
 void kaq_unblock_fibers(void) {
 	zend_fiber_switch_unblock();
+}
+
+bool kaq_fibers_blocked(void) {
+	return zend_fiber_switch_blocked();
+}
+
+/* The engine counts who blocks them, and tells only whether it is somebody. */
+void kaq_set_running_fiber(void *fiber, bool blocked) {
+	EG(active_fiber) = (zend_fiber *)fiber;
+	while (!blocked && zend_fiber_switch_blocked()) {
+		zend_fiber_switch_unblock();
+	}
 }
 #endif
 

@@ -187,6 +187,28 @@ void kaq_watch_fibers(kaq_fiber_notice_t notice);
 void kaq_block_fibers(void);
 void kaq_unblock_fibers(void);
 
+/* The fiber that runs, without a reference; null outside of fibers. */
+static inline void *kaq_running_fiber(void) {
+#if PHP_VERSION_ID < 80100
+	return nullptr;
+#else
+	return EG(active_fiber);
+#endif
+}
+
+/* Whether fibers cannot be switched. The engine blocks them around destructors, too. */
+#if PHP_VERSION_ID < 80100
+static inline bool kaq_fibers_blocked(void) {
+	return false;
+}
+#else
+bool kaq_fibers_blocked(void);
+#endif
+
+/* After calls were cut off, with what the two above said before: that fiber runs again, and fibers
+ * can be switched if they could. */
+void kaq_set_running_fiber(void *fiber, bool blocked);
+
 /* The class whose private members the engine lets code reach at the moment; in later engines only
  * while it is another than that of the running function. */
 #if PHP_VERSION_ID < 70100

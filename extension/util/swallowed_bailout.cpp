@@ -96,6 +96,7 @@ void kaq_return_from_bailout(const kaq_engine_state *state) {
 	EG(error_reporting) = state->error_reporting;
 	kaq_put_error_handler_back(state);
 	kaq_set_running_trace(state->running_trace);
+	kaq_set_running_fiber(state->running_fiber, state->fibers_blocked);
 	OG(running) = state->running_output;
 	kaq_memory_limit_unwind(state->memory_sections);
 }

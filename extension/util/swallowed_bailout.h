@@ -4,12 +4,13 @@
  * the call found it has to be put back.
  *
  * Put back are: the stack of frames with its pages and the variables that frames on it had taken
- * over, the observers of calls, the scope, the running trace, the error level, the script's error
- * handler if it was cut off, how errors are reported, the running output handler, and the memory
- * limit. Not put back, for the engine cannot tell what the calls that were cut off were at: that
- * the request counts as unclean, without which generators that were cut off would be cleaned up in
- * the middle of a call, and that cycles are no longer collected. A pending exception is the call's.
- * Values that the frames held stay with the engine's allocator until request end.
+ * over, the observers of calls, the scope, the running trace, the running fiber and that fibers can
+ * be switched, the error level, the script's error handler if it was cut off, how errors are
+ * reported, the running output handler, and the memory limit. Not put back, for the engine cannot
+ * tell what the calls that were cut off were at: that the request counts as unclean, without which
+ * generators that were cut off would be cleaned up in the middle of a call, and that cycles are no
+ * longer collected. A pending exception is the call's. Values that the frames held stay with the
+ * engine's allocator until request end.
  *
  * Order: kaq_note_engine_state -> the call -> kaq_return_from_bailout if it bailed out ->
  * kaq_forget_engine_state, all in the fiber and the frame that made the call.
@@ -28,6 +29,8 @@ typedef struct {
 	zend_error_handling_t error_handling;
 	int error_reporting;
 	uint32_t running_trace;
+	void *running_fiber;
+	bool fibers_blocked;
 	php_output_handler *running_output;
 	int handlers_below; /* error handlers that the current one has replaced */
 	zval error_handler; /* a reference of its own */
@@ -46,6 +49,8 @@ static inline void kaq_note_engine_state(kaq_engine_state *state) {
 			  EG(error_handling),
 			  EG(error_reporting),
 			  kaq_running_trace(),
+			  kaq_running_fiber(),
+			  kaq_fibers_blocked(),
 			  OG(running),
 			  EG(user_error_handlers).top,
 			  EG(user_error_handler)};

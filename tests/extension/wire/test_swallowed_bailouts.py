@@ -171,7 +171,22 @@ FIBERS = "if (!class_exists('Fiber')) { echo 'no fibers'; exit; }"
         $fiber->start(); echo again(5000), ' '; $fiber->resume();
         echo $fiber->getReturn(), ' ', again(5000), ' ';
     """),
-], ids=["cut off", "makes the calls", "suspended in the call"])
+    ("function () { (new Fiber(function () { deep(5000); }))->start(); }", """
+        $fiber = new Fiber(function () {
+            for ($i = 0; $i < 3; $i++) { mysql_query('q'); Fiber::suspend(again(5000)); }
+        });
+        for ($row = $fiber->start(); $row; $row = $fiber->resume()) { echo $row, ' '; }
+    """),
+    ("function () { new Dies; }", """
+        class Dies { function __destruct() { deep(5000); } }
+        for ($i = 0; $i < 3; $i++) {
+            mysql_query('q');
+            $fiber = new Fiber(function () { Fiber::suspend(again(5000)); });
+            echo $fiber->start(), ' ';
+        }
+    """),
+], ids=["cut off", "makes the calls", "suspended in the call", "cut off in another fiber",
+        "cut off in a destructor"])
 def test_fiber(go_on, plan, source):
     told = go_on(plan, FIBERS + source)
     if told == b"no fibers":
