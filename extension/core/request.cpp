@@ -185,5 +185,5 @@ void kaq_request_end(void) {
 	kaq_release_request_texts(g);  /* 4 */
 	kaq_release_request_values(g); /* 5 */
 	kaq_memory_limit_unwind(0);
-	kaq_leave_request(g);
+	kaq_leave_request(g); /* 6 */
 }
