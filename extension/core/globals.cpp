@@ -105,5 +105,6 @@ void free_globals(zend_kaq_globals *g) {
 	g->payload_line = nullptr;
 	g->payload_line_room = 0;
 	kaq_release_spans(g);
+	kaq_free_open_spans(g);
 	kaq_pool_destroy(&g->node_pool);
 }

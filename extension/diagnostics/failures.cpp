@@ -1,7 +1,7 @@
 #include "diagnostics/stacktrace.h"
 
 #include "json/kaq_json.h"
-#include "state/php_kaq.h"
+#include "spans/kaq_util.h"
 #include "util/engine_access.h"
 #include "util/kaq_aside.h"
 #include "util/kaq_clock.h"
@@ -85,10 +85,9 @@ void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t
 	}
 }
 
-/* The current span, if there is an open one. Null in an unmonitored request: it has spans, too, but
- * they are not sent. */
-static kaq_function *kaq_open_function(const zend_kaq_globals *g) {
-	kaq_node *node = g->control_signal ? g->current_node : nullptr;
+/* The current span, if there is an open one. Null in an unmonitored request. */
+static kaq_function *kaq_open_function(zend_kaq_globals *g) {
+	kaq_node *node = g->control_signal ? kaq_current_node(g) : nullptr;
 	return node && node->data.state == KAQ_NODE_OPEN ? &node->data.function_info : nullptr;
 }
 

@@ -6,73 +6,79 @@
 
 void (*old_execute_ex)(zend_execute_data *execute_data);
 
-/* REQUIRES: a frame that runs a function, as every frame that the engine gives the hook does. */
-static inline kaq_node *kaq_populate_in(zend_kaq_globals *g,
-										const zend_execute_data *execute_data) {
-	const zend_function *function = execute_data->func;
-	const zend_string *name = function->common.function_name;
-	if (!name) {
+kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
+	if (!execute_data || !execute_data->func || !execute_data->func->common.function_name) {
 		return nullptr;
 	}
-	kaq_node *node = kaq_pool_take(&g->node_pool);
+	kaq_node *node = kaq_create_new_node();
 	if (node) {
-		const zend_class_entry *scope = function->common.scope;
-		kaq_name_user_call(node, scope ? scope->name : nullptr, name);
+		const zend_class_entry *scope = execute_data->func->common.scope;
+		kaq_name_user_call(node, scope ? scope->name : nullptr,
+						   execute_data->func->common.function_name);
 	}
 	return node;
 }
 
-kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
-	if (!execute_data || !execute_data->func) {
-		return nullptr;
-	}
-	return kaq_populate_in(kaq_get_globals(), execute_data);
-}
-
-/* What the hook needs after kaq_enter_call, in two registers: if the frame pointer were kept across
- * that call, the hook would save one more register, and each costs stack in deep recursion. */
-struct kaq_entered_call {
-	kaq_node *node;
-	zend_execute_data *execute_data;
-};
-
-/* The span limit counts spans in the buffer, not open ones. */
-static __attribute__((noinline)) kaq_entered_call kaq_enter_call(zend_kaq_globals *g,
-																 zend_execute_data *execute_data) {
-	kaq_node *node = nullptr;
-	if (g->stored_node_count < g->span_limit) {
-		node = kaq_populate_in(g, execute_data);
-		if (node) {
-			kaq_open_in(g, node);
+/* The only function of ours that is on the C stack during a call, with one saved register: what a
+ * deep recursion pays. */
+static __attribute__((noinline)) void kaq_execute_entered(zend_execute_data *execute_data,
+														  uintptr_t call) {
+	old_execute_ex(execute_data);
+	zend_kaq_globals *g = kaq_get_globals();
+	kaq_open_spans *spans = &g->open_spans;
+	uint64_t now_ms;
+	if (EXPECTED(spans->top == call && kaq_now_ms_known(&now_ms))) {
+		const kaq_open_span *span = kaq_span_at(g, call);
+		int64_t duration = (int64_t)(now_ms - span->start_time);
+		if (EXPECTED(span->span == 0 && duration < g->method_threshold)) {
+			spans->top = call - KAQ_OPEN_SPAN_SIZE;
+			return;
 		}
 	}
-	return {node, execute_data};
+	kaq_leave_call(g, call);
 }
 
-static __attribute__((noinline)) void kaq_leave_call(kaq_node *node) {
-	if (node->data.state == KAQ_NODE_OPEN) {
-		kaq_close_in(kaq_get_globals(), node);
+struct kaq_entered_call {
+	zend_execute_data *execute_data;
+	uintptr_t call;
+};
+
+/* Hands the frame through, so that its caller need not save it. */
+static __attribute__((noinline)) kaq_entered_call
+kaq_enter_rarely(zend_kaq_globals *g, zend_execute_data *execute_data) {
+	const zend_function *function = execute_data->func;
+	uintptr_t call = function->common.function_name ? kaq_enter_call(g, function) : 0;
+	return {execute_data, call};
+}
+
+static __attribute__((noinline)) void kaq_execute_rarely(zend_kaq_globals *g,
+														 zend_execute_data *execute_data) {
+	kaq_entered_call entered = kaq_enter_rarely(g, execute_data);
+	if (entered.call) {
+		kaq_execute_entered(entered.execute_data, entered.call);
+	} else {
+		old_execute_ex(entered.execute_data);
 	}
 }
 
-static __attribute__((noinline)) void kaq_execute_recorded(zend_kaq_globals *g,
-														   zend_execute_data *execute_data) {
-	kaq_entered_call call = kaq_enter_call(g, execute_data);
-	old_execute_ex(call.execute_data);
-	if (call.node) {
-		kaq_leave_call(call.node);
-	}
-}
-
-/* Both branches end in a jump instead of a call: a request that is not monitored pays for reading
- * one switch and uses no stack, and in a monitored one the hook's only frame is that of
- * kaq_execute_recorded. */
+/* Each branch ends in a jump instead of a call, so that this function uses no stack, and a request
+ * that is not monitored pays for reading one switch. The span limit counts spans in the buffer, not
+ * open ones. */
 void kaq_execute_ex(zend_execute_data *execute_data) {
 	zend_kaq_globals *g = kaq_get_globals();
-	if (g->control_signal) {
-		kaq_execute_recorded(g, execute_data);
-	} else {
+	if (!g->control_signal || g->stored_node_count >= g->span_limit) {
 		old_execute_ex(execute_data);
+		return;
+	}
+	const zend_function *function = execute_data->func;
+	size_t position = g->open_spans.top + KAQ_OPEN_SPAN_SIZE;
+	uint64_t now_ms;
+	if (EXPECTED(function->common.function_name && position <= g->open_spans.last &&
+				 !(function->common.fn_flags & KAQ_FUNCTION_MAY_GO) && kaq_now_ms_known(&now_ms))) {
+		kaq_push_call(g, position, function, now_ms);
+		kaq_execute_entered(execute_data, position);
+	} else {
+		kaq_execute_rarely(g, execute_data);
 	}
 }
 
@@ -98,6 +104,9 @@ static bool kaq_recall_span(uintptr_t slot, kaq_node **node) {
 void kaq_switch_fiber(void **from, void **to) {
 	zend_kaq_globals *g = kaq_get_globals();
 	kaq_node *node;
+	if (!g->open_spans.is_plain) {
+		kaq_record_plainly(g);
+	}
 	*from = (void *)kaq_remember_span(g->current_node);
 	if (kaq_recall_span((uintptr_t)*to, &node)) {
 		g->current_node = node;

@@ -85,17 +85,20 @@ static void kaq_close_orphan(kaq_node_pool *, kaq_node *node) {
  * current one; the pool still finds them. */
 void kaq_close_open_nodes(void) {
 	zend_kaq_globals *g = kaq_get_globals();
+	kaq_record_plainly(g);
 	while (g->current_node && g->current_node->data.state == KAQ_NODE_OPEN) {
 		kaq_close_node(g->current_node);
 	}
 	kaq_pool_for_each_open(&g->node_pool, kaq_close_orphan);
 	g->current_node = nullptr;
+	kaq_forget_open_spans(g);
 }
 
 void kaq_release_spans(zend_kaq_globals *g) {
 	kaq_node *node = g->node_list.head;
 	g->node_list.head = nullptr;
 	g->current_node = nullptr;
+	kaq_forget_open_spans(g);
 	while (node) {
 		kaq_node *next = node->next;
 		kaq_release_node(&g->node_pool, node);
@@ -108,6 +111,7 @@ void kaq_free_node_buffer(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	kaq_release_spans(g);
 	kaq_pool_trim(&g->node_pool);
+	kaq_trim_open_spans(g);
 }
 
 kaq_node **kaq_validate_nodes(void) {

@@ -1,12 +1,12 @@
 /*
- * Private to this room. The path that every user call takes through the spans, inline: opening,
- * naming, closing and dropping a span. The functions of kaq_util.h look up the thread's record and
- * call these.
+ * Private to this room. Opening, naming, closing and dropping a node, inline. The functions of
+ * kaq_util.h look up the thread's record and call these.
  */
 #pragma once
 
 #include "spans/kaq_util.h"
 #include "spans/node_pool.h"
+#include "spans/open_spans_private.h"
 #include "util/kaq_assert.h"
 #include "util/kaq_clock.h"
 
@@ -64,17 +64,23 @@ static inline void kaq_name_user_call(kaq_node *node, const zend_string *class_n
 	memcpy(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT));
 }
 
-static inline void kaq_open_in(zend_kaq_globals *g, kaq_node *node) {
-	kaq_node *parent = g->current_node;
+/* Opens a node whose parent has counted it already. */
+static inline void kaq_link_open(zend_kaq_globals *g, kaq_node *node, uint64_t start_ms) {
 	KAQ_REQUIRES(node->data.state == KAQ_NODE_CREATED);
-	node->data.start_time = kaq_now_ms();
+	node->data.start_time = start_ms;
 	node->data.state = KAQ_NODE_OPEN;
-	node->data.parent = parent;
+	node->data.parent = g->current_node;
+	node->data.key = g->node_buffer_len++;
+	g->current_node = node;
+}
+
+static inline void kaq_open_in(zend_kaq_globals *g, kaq_node *node) {
+	kaq_node *parent = kaq_current_node(g);
 	if (parent) {
 		parent->data.child_count++;
 	}
-	node->data.key = g->node_buffer_len++;
-	g->current_node = node;
+	kaq_link_open(g, node, kaq_now_ms());
+	kaq_push_node(g, node);
 }
 
 /* The span that is current once `node` has ended. With fibers a parent may end before its child. */
@@ -86,12 +92,13 @@ static inline kaq_node *kaq_open_ancestor(const kaq_node *node) {
 	return parent;
 }
 
-static inline void kaq_close_in(zend_kaq_globals *g, kaq_node *node) {
+/* Ends a node that has no entry in the stack of open spans, or whose entry is being taken away. */
+static inline void kaq_end_in(zend_kaq_globals *g, kaq_node *node, uint64_t end_ms) {
 	struct kaq_node_data *data = &node->data;
 	const kaq_function *fi = &data->function_info;
 	KAQ_REQUIRES(data->state == KAQ_NODE_OPEN);
 	g->current_node = kaq_open_ancestor(node);
-	data->end_time = kaq_now_ms();
+	data->end_time = end_ms;
 	int64_t duration = (int64_t)(data->end_time - data->start_time);
 	data->is_necessary = duration >= g->method_threshold || (fi->isFault | fi->isError) ||
 						 fi->priority || !kaq_is_php_component(fi);
@@ -104,4 +111,9 @@ static inline void kaq_close_in(zend_kaq_globals *g, kaq_node *node) {
 		return;
 	}
 	kaq_buffer_node(node);
+}
+
+static inline void kaq_close_in(zend_kaq_globals *g, kaq_node *node) {
+	kaq_pop_node(g, node);
+	kaq_end_in(g, node, kaq_now_ms());
 }

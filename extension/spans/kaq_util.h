@@ -26,6 +26,9 @@ void kaq_close_node(kaq_node *node);
 static inline bool kaq_is_leaf(const zend_kaq_globals *g, const kaq_node *node) {
 	return g->node_buffer_len == node->data.key + 1;
 }
+/* The innermost open span, or null. Calls of user code that are open get nodes of their own, so ask
+ * only for a span that is to be kept. */
+kaq_node *kaq_current_node(zend_kaq_globals *g);
 /* Puts a finished span into the node buffer. Callers that build spans themselves fill key, state,
  * parent and times first. */
 void kaq_insert_node(kaq_node *node);
@@ -35,9 +38,12 @@ void kaq_free_node(kaq_node *node);
 void kaq_close_open_nodes(void);
 /* Request end: releases every span of the thread, buffered or still open. */
 void kaq_free_node_buffer(void);
-/* Releases the spans that a thread's record still holds: code that the engine runs outside any
- * request, such as a preloaded script or a session handler after request end, leaves some. */
+/* Releases the spans that a thread's record still holds, and forgets the open calls: code that the
+ * engine runs outside any request, such as a preloaded script or a session handler after request
+ * end, leaves some. */
 void kaq_release_spans(zend_kaq_globals *g);
+/* Thread end: frees the stack of open spans. REQUIRES: the thread's spans are released. */
+void kaq_free_open_spans(zend_kaq_globals *g);
 /* The buffered spans by key (node_buffer_len entries, an entry without a span is null), each with
  * a span id. The caller frees the array, not the spans. Null when memory is short. */
 kaq_node **kaq_validate_nodes(void);

@@ -43,10 +43,15 @@ typedef struct kaq_exception_info {
 
 // clang-format off
 ZEND_BEGIN_MODULE_GLOBALS(kaq)
-	int in_request;       /* from request start to request end */
-	int control_signal;   /* 1: the collector monitors this request */
-	int node_buffer_len;  /* span keys handed out, and so the next key */
-	int method_threshold; /* ms */
+	/* What every call of a user function looks at, together. */
+	int in_request;        /* from request start to request end */
+	int control_signal;    /* 1: the collector monitors this request */
+	int span_limit;
+	int stored_node_count; /* spans placed in the node buffer */
+	int node_buffer_len;   /* span keys handed out, and so the next key */
+	int method_threshold;  /* ms */
+	kaq_open_spans open_spans;
+	kaq_node *current_node; /* innermost open span that has a node; see kaq_current_node */
 	int capture_clirequest;
 	int max_stack_depth;
 	int transaction_type;
@@ -71,9 +76,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	int track_zend_execute;
 	int track_zend_execute_internal;
 	int json_decode_function_exists;
-	int span_limit;
 	int prune_intermediate_spans;
-	int stored_node_count; /* spans placed in the node buffer */
 	int rum_injected;
 	int rum_page; /* kaq_page_encoding, known once a chunk has come */
 	size_t failure_bytes;     /* of error records and stacks in this request */
@@ -118,7 +121,6 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	zval curlinfo_known[KAQ_CURLINFO_CONSTANTS]; /* their values, once found by this thread */
 	HashTable live_curl_handles; /* a watch on the handles in the stores; without them all zero */
 	zval *app_param_avg_zv, *app_param_sum_zv, *custom_params_zv;
-	kaq_node *current_node;     /* innermost open span */
 	kaq_node_list *node_buffer; /* closed spans, newest first */
 	kaq_cpu *cpu_time;
 	kaq_exception **exceptionslist;
@@ -133,6 +135,10 @@ ZEND_END_MODULE_GLOBALS(kaq)
 // clang-format on
 
 ZEND_EXTERN_MODULE_GLOBALS(kaq)
+
+static inline void kaq_bind_thread(void) {
+	kaq_bind_module_globals(KAQ_MODULE_GLOBALS_KEY(kaq));
+}
 
 /* The calling thread's record. REQUIRES: the thread has been bound (kaq_bind_thread). */
 static inline zend_kaq_globals *kaq_get_globals(void) {

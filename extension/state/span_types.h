@@ -89,6 +89,27 @@ struct kaq_node_list {
 	kaq_node *head;
 };
 
+/* An open span. A call of user code has no node until it turns out that it stays: see
+ * spans/open_spans_private.h. */
+struct kaq_open_span {
+	const void *callee;  /* where `span` is 0 the zend_function, with KAQ_SPAN_NAMED its class */
+	uint64_t start_time; /* ms since the epoch */
+	uintptr_t span;
+	uint32_t child_count; /* children opened that are not in the node's child_count yet */
+	uint32_t padding;
+};
+
+/* The open spans of a thread, outermost first, one after the other. Positions are in bytes from
+ * `base`, since the memory moves when it grows; position 0 is no span, it takes the count of the
+ * outermost one's parent. */
+struct kaq_open_spans {
+	char *base;
+	size_t top;       /* position of the innermost one */
+	size_t last;      /* the highest position there is room for; 0: none */
+	size_t allocated; /* bytes */
+	bool is_plain;    /* every call of the request gets a node of its own at once */
+};
+
 /* CPU time of the process, in ms. */
 typedef struct kaq_cpu_info {
 	uint64_t user_start_time, user_end_time, sys_start_time, sys_end_time, total_time;

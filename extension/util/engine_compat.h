@@ -26,16 +26,23 @@
 /* Few bytes in the static block of every thread, and no call to find them. */
 #define KAQ_THREAD_LOCAL_MODEL __attribute__((tls_model("initial-exec"), visibility("hidden")))
 extern TSRM_TLS void *TSRMLS_CACHE KAQ_THREAD_LOCAL_MODEL;
-#define KAQ_MODULE_GLOBALS_POINTER(module) \
-	TSRMG_BULK_STATIC(module##_globals_id, zend_##module##_globals *)
+/* The thread's module globals, so that they are one load away instead of four. */
+extern TSRM_TLS void *kaq_thread_globals KAQ_THREAD_LOCAL_MODEL;
+#define KAQ_MODULE_GLOBALS_POINTER(module) ((zend_##module##_globals *)kaq_thread_globals)
+#define KAQ_MODULE_GLOBALS_KEY(module) module##_globals_id
 #else
 #define KAQ_THREAD_SAFE 0
 #define KAQ_MODULE_GLOBALS_POINTER(module) (&module##_globals)
+#define KAQ_MODULE_GLOBALS_KEY(module) 0
 #endif
 
-/* Makes the engine's per-thread storage reachable from this module. Call it on a thread before
- * anything else, and again at each request start: a thread may have been given new storage. */
-void kaq_bind_thread(void);
+/* Makes the engine's per-thread storage reachable from this module, and in it the module globals
+ * of that key. Call it (through kaq_bind_thread) on a thread before anything else, and again at
+ * each request start: a thread may have been given new storage. */
+void kaq_bind_module_globals(int key);
+
+/* Functions whose record, and name, may be gone before their call has ended. */
+#define KAQ_FUNCTION_MAY_GO (ZEND_ACC_CLOSURE | ZEND_ACC_CALL_VIA_TRAMPOLINE)
 
 /* An update handler of a setting. Ours look at the new value only. */
 #define KAQ_INI_HANDLER(name) PHP_INI_MH(name)

@@ -35,14 +35,19 @@ extern __thread kaq_clock_thread_state kaq_clock_thread
 /* Reads the clock and renews the thread's record. Private to kaq_now_ms. */
 uint64_t kaq_now_ms_slow(void);
 
-/* Milliseconds since the Unix epoch, now. */
-static inline uint64_t kaq_now_ms(void) {
+/* Whether the last reading still holds; then it is stored. For callers that keep what calls a
+ * function out of their usual path. */
+static inline bool kaq_now_ms_known(uint64_t *ms) {
 	/* A counter that seems to have run backwards wraps to a huge difference: the slow way. */
 	const kaq_clock_thread_state *state = &kaq_clock_thread;
-	if (__builtin_expect(__builtin_ia32_rdtsc() - state->cycles < state->valid, 1)) {
-		return state->ms;
-	}
-	return kaq_now_ms_slow();
+	*ms = state->ms;
+	return __builtin_expect(__builtin_ia32_rdtsc() - state->cycles < state->valid, 1);
+}
+
+/* Milliseconds since the Unix epoch, now. */
+static inline uint64_t kaq_now_ms(void) {
+	uint64_t ms;
+	return kaq_now_ms_known(&ms) ? ms : kaq_now_ms_slow();
 }
 
 /*

@@ -37,10 +37,13 @@ struct Frame {
 	}
 };
 
-class Execute : public SpanTest {
+/* With the millisecond known to last, which is a path of its own, and with the clock to be read. */
+class Execute : public SpanTest, public ::testing::WithParamInterface<bool> {
 protected:
 	void SetUp() override {
 		SpanTest::SetUp();
+		clock_is_read_each_time(GetParam());
+		clock_advances(0);
 		now_ = this;
 		saved_ = old_execute_ex;
 		old_execute_ex = [](zend_execute_data *frame) { now_->chained(frame); };
@@ -64,6 +67,7 @@ protected:
 	int calls_ = 0;
 	kaq_node *current_within_ = nullptr;
 	int state_within_ = -1;
+	bool asks_within_ = true;
 	bool closes_within_ = false;
 	bool bails_out_ = false;
 	zend_execute_data *expected_ = nullptr;
@@ -72,11 +76,13 @@ private:
 	void chained(zend_execute_data *frame) {
 		calls_++;
 		EXPECT_EQ(expected_, frame);
-		current_within_ = g->current_node;
-		state_within_ = g->current_node ? g->current_node->data.state : -1;
+		if (asks_within_) {
+			current_within_ = kaq_current_node(g);
+			state_within_ = current_within_ ? current_within_->data.state : -1;
+		}
 		clock_advances(duration_);
 		if (closes_within_) {
-			kaq_close_node(g->current_node);
+			kaq_close_node(current_within_);
 		}
 		if (bails_out_) {
 			zend_bailout();
@@ -89,7 +95,7 @@ private:
 
 Execute *Execute::now_;
 
-TEST_F(Execute, NoFrameOrNoFunctionOrNoNameGivesNoSpan) {
+TEST_P(Execute, NoFrameOrNoFunctionOrNoNameGivesNoSpan) {
 	EXPECT_EQ(nullptr, kaq_populate_function(nullptr));
 	Frame nameless(nullptr, nullptr);
 	EXPECT_EQ(nullptr, kaq_populate_function(&nameless.data));
@@ -99,7 +105,7 @@ TEST_F(Execute, NoFrameOrNoFunctionOrNoNameGivesNoSpan) {
 	EXPECT_EQ(nullptr, kaq_populate_function(&nameless.data));
 }
 
-TEST_F(Execute, FunctionGivesItsNameAndNoClass) {
+TEST_P(Execute, FunctionGivesItsNameAndNoClass) {
 	Frame frame(nullptr, "calc");
 	kaq_node *node = kaq_populate_function(&frame.data);
 	const kaq_function &fi = node->data.function_info;
@@ -112,7 +118,7 @@ TEST_F(Execute, FunctionGivesItsNameAndNoClass) {
 	kaq_free_node(node);
 }
 
-TEST_F(Execute, MethodGivesTheClassOfItsScope) {
+TEST_P(Execute, MethodGivesTheClassOfItsScope) {
 	Frame frame("A\\B", "b");
 	kaq_node *node = kaq_populate_function(&frame.data);
 	EXPECT_STREQ("A\\B", node->data.function_info.class_name);
@@ -120,7 +126,7 @@ TEST_F(Execute, MethodGivesTheClassOfItsScope) {
 	kaq_free_node(node);
 }
 
-TEST_F(Execute, NamesAreCopies) {
+TEST_P(Execute, NamesAreCopies) {
 	kaq_node *node;
 	{
 		Frame frame("Gone", "gone");
@@ -131,7 +137,7 @@ TEST_F(Execute, NamesAreCopies) {
 	kaq_free_node(node);
 }
 
-TEST_F(Execute, SpanIsOpenDuringTheCallAndBufferedAfterwards) {
+TEST_P(Execute, SpanIsOpenDuringTheCallAndBufferedAfterwards) {
 	call();
 	EXPECT_EQ(1, calls_);
 	ASSERT_NE(nullptr, current_within_);
@@ -142,14 +148,14 @@ TEST_F(Execute, SpanIsOpenDuringTheCallAndBufferedAfterwards) {
 	EXPECT_EQ(50u, data.end_time - data.start_time);
 }
 
-TEST_F(Execute, CallWithoutANameIsChainedAndGivesNoSpan) {
+TEST_P(Execute, CallWithoutANameIsChainedAndGivesNoSpan) {
 	call(nullptr);
 	EXPECT_EQ(1, calls_);
 	EXPECT_EQ(nullptr, current_within_);
 	EXPECT_EQ(0, g->node_buffer_len);
 }
 
-TEST_F(Execute, CallInARequestThatIsNotMonitoredIsChainedAndOpensNoSpan) {
+TEST_P(Execute, CallInARequestThatIsNotMonitoredIsChainedAndOpensNoSpan) {
 	g->control_signal = 0;
 	call();
 	EXPECT_EQ(1, calls_);
@@ -158,7 +164,7 @@ TEST_F(Execute, CallInARequestThatIsNotMonitoredIsChainedAndOpensNoSpan) {
 	EXPECT_EQ(0, g->stored_node_count);
 }
 
-TEST_F(Execute, LimitCountsSpansInTheBuffer) {
+TEST_P(Execute, LimitCountsSpansInTheBuffer) {
 	g->span_limit = 2;
 	for (int i = 0; i < 5; i++) {
 		call();
@@ -168,7 +174,7 @@ TEST_F(Execute, LimitCountsSpansInTheBuffer) {
 	EXPECT_EQ(nullptr, current_within_) << "the last calls ran unrecorded";
 }
 
-TEST_F(Execute, LimitZeroAndBelowRecordsNothingAndStillChains) {
+TEST_P(Execute, LimitZeroAndBelowRecordsNothingAndStillChains) {
 	for (int limit : {0, -1}) {
 		g->span_limit = limit;
 		call();
@@ -178,7 +184,7 @@ TEST_F(Execute, LimitZeroAndBelowRecordsNothingAndStillChains) {
 	EXPECT_EQ(2, calls_);
 }
 
-TEST_F(Execute, DroppedSpansDoNotCountTowardsTheLimit) {
+TEST_P(Execute, DroppedSpansDoNotCountTowardsTheLimit) {
 	g->span_limit = 1;
 	open_span("root");
 	duration_ = 0;
@@ -191,7 +197,7 @@ TEST_F(Execute, DroppedSpansDoNotCountTowardsTheLimit) {
 	EXPECT_EQ(1, g->stored_node_count);
 }
 
-TEST_F(Execute, OpenSpansDoNotCountAndAreStillBufferedBeyondTheLimit) {
+TEST_P(Execute, OpenSpansDoNotCountAndAreStillBufferedBeyondTheLimit) {
 	g->span_limit = 1;
 	open_span("outer", 50);
 	open_span("inner", 50);
@@ -201,14 +207,14 @@ TEST_F(Execute, OpenSpansDoNotCountAndAreStillBufferedBeyondTheLimit) {
 	EXPECT_EQ(3, g->stored_node_count);
 }
 
-TEST_F(Execute, SpanThatWasClosedDuringTheCallIsNotClosedAgain) {
+TEST_P(Execute, SpanThatWasClosedDuringTheCallIsNotClosedAgain) {
 	closes_within_ = true;
 	call();
 	EXPECT_EQ(1, g->stored_node_count);
 	EXPECT_EQ((std::vector<std::string>{"f"}), buffered());
 }
 
-TEST_F(Execute, BailoutLeavesTheSpanOpen) {
+TEST_P(Execute, BailoutLeavesTheSpanOpen) {
 	bails_out_ = true;
 	Frame frame(nullptr, "f");
 	expected_ = &frame.data;
@@ -225,15 +231,43 @@ TEST_F(Execute, BailoutLeavesTheSpanOpen) {
 	EXPECT_EQ(0, g->stored_node_count);
 }
 
-TEST_F(Execute, NoMemoryForASpanStillChains) {
+TEST_P(Execute, NoMemoryForASpanStillChains) {
+	call("warms the stack up");
 	kaq_node *kept = g->node_pool.free_list;
 	g->node_pool.free_list = nullptr;
 	allocation_fails(1);
 	call();
 	g->node_pool.free_list = kept;
-	EXPECT_EQ(1, calls_);
-	EXPECT_EQ(0, g->stored_node_count);
+	EXPECT_EQ(2, calls_);
+	EXPECT_EQ(nullptr, current_within_);
+	EXPECT_EQ(1, g->stored_node_count);
 }
+
+TEST_P(Execute, LongCallIsBufferedThoughNobodyAskedForItsSpan) {
+	asks_within_ = false;
+	call();
+	EXPECT_EQ((std::vector<std::string>{"f"}), buffered());
+	const struct kaq_node_data &data = g->node_buffer->head->data;
+	EXPECT_EQ(1000000u, data.start_time);
+	EXPECT_EQ(1000050u, data.end_time);
+	EXPECT_EQ(0, data.key);
+}
+
+TEST_P(Execute, ShortCallTakesNoRecord) {
+	asks_within_ = false;
+	duration_ = 9;
+	open_span("root");
+	const kaq_node *next = g->node_pool.free_list;
+	call();
+	EXPECT_EQ(1, calls_);
+	EXPECT_EQ(next, g->node_pool.free_list);
+	EXPECT_EQ(1, g->node_buffer_len);
+	duration_ = 10;
+	call();
+	EXPECT_EQ((std::vector<std::string>{"f"}), buffered()) << "the threshold itself is long";
+}
+
+INSTANTIATE_TEST_SUITE_P(Clock, Execute, ::testing::Bool());
 
 /* What a script's calls look like. */
 class ExecuteScript : public SpanTest {

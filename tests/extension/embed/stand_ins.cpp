@@ -8,6 +8,7 @@
 #include "util/kaq_clock.h"
 
 static uint64_t fixed_ms;
+static bool gate_is_shut;
 static int failing_allocation;
 static int failing_header_line;
 static bool cpu_is_fixed;
@@ -18,6 +19,7 @@ static int64_t characters_of_generator;
 
 extern "C" {
 void *__real_malloc(size_t size);
+void *__real_realloc(void *block, size_t size);
 void *__real_calloc(size_t count, size_t size);
 int __real_getrusage(int who, struct rusage *usage);
 uint64_t __real__Z15kaq_now_ms_slowv(void);
@@ -26,6 +28,7 @@ void __real__Z14kaq_random_hexlPc(int64_t length, char *buffer);
 char *__real__Z24header_format_name_valuePKcS0_i(const char *name, const char *value, int crlf);
 
 void *__wrap_malloc(size_t size);
+void *__wrap_realloc(void *block, size_t size);
 void *__wrap_calloc(size_t count, size_t size);
 int __wrap_getrusage(int who, struct rusage *usage);
 uint64_t __wrap__Z15kaq_now_ms_slowv(void);
@@ -36,6 +39,7 @@ char *__wrap__Z24header_format_name_valuePKcS0_i(const char *name, const char *v
 
 void stand_ins_reset(void) {
 	fixed_ms = 0;
+	gate_is_shut = false;
 	failing_allocation = 0;
 	failing_header_line = 0;
 	cpu_is_fixed = false;
@@ -47,8 +51,14 @@ void stand_ins_reset(void) {
 
 void clock_stands_at(uint64_t ms) {
 	fixed_ms = ms;
-	/* The gate in the header would answer from its own record. */
-	kaq_clock_thread.valid = 0;
+	/* The gate in the header answers from its own record. */
+	kaq_clock_thread.cycles = 0;
+	kaq_clock_thread.valid = gate_is_shut ? 0 : UINT64_MAX;
+	kaq_clock_thread.ms = ms;
+}
+
+void clock_is_read_each_time(bool is_read) {
+	gate_is_shut = is_read;
 }
 
 void clock_advances(uint64_t ms) {
@@ -119,6 +129,10 @@ static bool allocation_is_refused(void) {
 
 void *__wrap_malloc(size_t size) {
 	return allocation_is_refused() ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_realloc(void *block, size_t size) {
+	return allocation_is_refused() ? nullptr : __real_realloc(block, size);
 }
 
 void *__wrap_calloc(size_t count, size_t size) {

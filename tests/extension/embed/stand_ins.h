@@ -13,8 +13,10 @@ void stand_ins_reset(void);
 /* All clocks stand at this millisecond since the epoch until they are set again. */
 void clock_stands_at(uint64_t ms);
 void clock_advances(uint64_t ms);
+/* Whether it says that its millisecond may have ended; from its next stand on. */
+void clock_is_read_each_time(bool is_read);
 
-/* The n-th malloc or calloc of the extension from now on gives null (1: the next one). */
+/* The n-th malloc, realloc or calloc of the extension from now on gives null (1: the next one). */
 void allocation_fails(int n);
 
 /* The n-th header line that is to be put together from now on cannot be (1: the next one). */

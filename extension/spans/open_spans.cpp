@@ -1,0 +1,213 @@
+#include "spans/open_spans_private.h"
+
+#include "spans/kaq_nodes_private.h"
+
+#include <stdlib.h>
+
+/* What a stack begins with, and what a thread keeps of it from one request to the next. */
+static const size_t USUAL_BYTES = 512 * KAQ_OPEN_SPAN_SIZE;
+
+static void kaq_clear_stack(kaq_open_spans *spans) {
+	spans->top = 0;
+	spans->is_plain = false;
+	spans->last = spans->allocated ? spans->allocated - KAQ_OPEN_SPAN_SIZE : 0;
+}
+
+/* Makes room for one entry more. */
+static bool kaq_grow_stack(kaq_open_spans *spans) {
+	size_t size = spans->allocated ? spans->allocated * 2 : USUAL_BYTES;
+	char *base = (char *)realloc(spans->base, size);
+	if (!base) {
+		return false;
+	}
+	if (!spans->allocated) {
+		memset(base, 0, KAQ_OPEN_SPAN_SIZE);
+	}
+	spans->base = base;
+	spans->allocated = size;
+	spans->last = size - KAQ_OPEN_SPAN_SIZE;
+	return true;
+}
+
+/* Children that were opened while their parent's entry was the topmost are counted there. */
+static void kaq_count_children(kaq_open_span *span, kaq_node *parent) {
+	if (parent) {
+		parent->data.child_count += (int)span->child_count;
+	}
+	span->child_count = 0;
+}
+
+/* The name of an entry's function; the caller releases it if it is counted. */
+static void kaq_name_of_span(const kaq_open_span *span, const zend_string **class_name,
+							 zend_string **name) {
+	const zend_class_entry *scope;
+	if (span->span & KAQ_SPAN_NAMED) {
+		scope = (const zend_class_entry *)span->callee;
+		*name = (zend_string *)(span->span - KAQ_SPAN_NAMED);
+	} else {
+		const zend_function *function = (const zend_function *)span->callee;
+		scope = function->common.scope;
+		*name = function->common.function_name;
+	}
+	*class_name = scope ? scope->name : nullptr;
+}
+
+static void kaq_release_held_name(const kaq_open_span *span) {
+	if (span->span & KAQ_SPAN_NAMED) {
+		zend_string_release((zend_string *)(span->span - KAQ_SPAN_NAMED));
+	}
+}
+
+static void kaq_settle_span(zend_kaq_globals *g, kaq_open_span *span) {
+	kaq_node *node = kaq_pool_take(&g->node_pool);
+	if (node) {
+		const zend_string *class_name;
+		zend_string *name;
+		kaq_name_of_span(span, &class_name, &name);
+		kaq_name_user_call(node, class_name, name);
+		kaq_link_open(g, node, span->start_time);
+	}
+	kaq_release_held_name(span);
+	span->span = node ? (uintptr_t)node : KAQ_SPAN_LOST;
+	kaq_count_children(span, g->current_node);
+}
+
+/* A node's parent has counted it by its entry, or as the node was linked; never both. */
+static void kaq_settle(zend_kaq_globals *g) {
+	size_t position = g->open_spans.top;
+	while (position > 0 && !kaq_is_settled(kaq_span_at(g, position))) {
+		position -= KAQ_OPEN_SPAN_SIZE;
+	}
+	if (position == g->open_spans.top) {
+		return;
+	}
+	kaq_open_span *span = kaq_span_at(g, position);
+	kaq_node *node = kaq_node_of_span(span);
+	kaq_count_children(span, node ? node : g->current_node);
+	while (position < g->open_spans.top) {
+		position += KAQ_OPEN_SPAN_SIZE;
+		kaq_settle_span(g, kaq_span_at(g, position));
+	}
+}
+
+kaq_node *kaq_current_node(zend_kaq_globals *g) {
+	kaq_settle(g);
+	return g->current_node;
+}
+
+void kaq_record_plainly(zend_kaq_globals *g) {
+	kaq_settle(g);
+	for (size_t at = 0; g->open_spans.base && at <= g->open_spans.top; at += KAQ_OPEN_SPAN_SIZE) {
+		kaq_open_span *span = kaq_span_at(g, at);
+		kaq_count_children(span, kaq_node_of_span(span));
+	}
+	g->open_spans.is_plain = true;
+	g->open_spans.last = 0;
+}
+
+static uintptr_t kaq_enter_plainly(zend_kaq_globals *g, const zend_function *function) {
+	kaq_node *node = kaq_pool_take(&g->node_pool);
+	if (!node) {
+		return 0;
+	}
+	const zend_class_entry *scope = function->common.scope;
+	kaq_name_user_call(node, scope ? scope->name : nullptr, function->common.function_name);
+	kaq_open_in(g, node);
+	return (uintptr_t)node | KAQ_CALL_NODE;
+}
+
+/* Whether the stack is in use and there is room for one entry more. */
+static bool kaq_has_room(zend_kaq_globals *g, size_t position) {
+	if (position <= g->open_spans.last) {
+		return true;
+	}
+	if (!g->open_spans.is_plain && !kaq_grow_stack(&g->open_spans)) {
+		kaq_record_plainly(g);
+	}
+	return !g->open_spans.is_plain;
+}
+
+uintptr_t kaq_enter_call(zend_kaq_globals *g, const zend_function *function) {
+	size_t position = g->open_spans.top + KAQ_OPEN_SPAN_SIZE;
+	if (!kaq_has_room(g, position)) {
+		return kaq_enter_plainly(g, function);
+	}
+	kaq_push_call(g, position, function, kaq_now_ms());
+	if (function->common.fn_flags & KAQ_FUNCTION_MAY_GO) {
+		kaq_open_span *span = kaq_span_at(g, position);
+		span->callee = function->common.scope;
+		span->span = (uintptr_t)zend_string_copy(function->common.function_name) | KAQ_SPAN_NAMED;
+	}
+	return position;
+}
+
+static void kaq_leave_node(zend_kaq_globals *g, kaq_node *node, uint64_t now_ms) {
+	if (node && node->data.state == KAQ_NODE_OPEN) {
+		kaq_end_in(g, node, now_ms);
+	}
+}
+
+/* A position above the top belongs to a call whose span was ended before it. */
+void kaq_leave_call(zend_kaq_globals *g, uintptr_t call) {
+	uint64_t now_ms = kaq_now_ms();
+	if (call & KAQ_CALL_NODE) {
+		kaq_leave_node(g, (kaq_node *)(call - KAQ_CALL_NODE), now_ms);
+		return;
+	}
+	kaq_open_span *span = kaq_span_at(g, call);
+	if (g->open_spans.is_plain) {
+		kaq_leave_node(g, kaq_node_of_span(span), now_ms);
+		return;
+	}
+	if (call > g->open_spans.top) {
+		return;
+	}
+	bool is_short = (int64_t)(now_ms - span->start_time) < g->method_threshold;
+	if (call == g->open_spans.top && is_short && !kaq_is_settled(span)) {
+		kaq_release_held_name(span);
+	} else {
+		kaq_settle(g);
+		kaq_node *node = kaq_node_of_span(span);
+		kaq_count_children(span, node ? node : g->current_node);
+		kaq_leave_node(g, node, now_ms);
+	}
+	g->open_spans.top = call - KAQ_OPEN_SPAN_SIZE;
+}
+
+void kaq_push_node(zend_kaq_globals *g, kaq_node *node) {
+	size_t position = g->open_spans.top + KAQ_OPEN_SPAN_SIZE;
+	if (kaq_has_room(g, position)) {
+		*kaq_span_at(g, position) = {nullptr, 0, (uintptr_t)node, 0, 0};
+		g->open_spans.top = position;
+	}
+}
+
+void kaq_pop_node(zend_kaq_globals *g, kaq_node *node) {
+	if (g->open_spans.is_plain) {
+		return;
+	}
+	kaq_settle(g);
+	for (size_t position = g->open_spans.top; position > 0; position -= KAQ_OPEN_SPAN_SIZE) {
+		kaq_open_span *span = kaq_span_at(g, position);
+		if (span->span == (uintptr_t)node) {
+			kaq_count_children(span, node);
+			g->open_spans.top = position - KAQ_OPEN_SPAN_SIZE;
+			return;
+		}
+	}
+}
+
+void kaq_forget_open_spans(zend_kaq_globals *g) {
+	kaq_clear_stack(&g->open_spans);
+}
+
+void kaq_trim_open_spans(zend_kaq_globals *g) {
+	if (g->open_spans.allocated > USUAL_BYTES) {
+		kaq_free_open_spans(g);
+	}
+}
+
+void kaq_free_open_spans(zend_kaq_globals *g) {
+	free(g->open_spans.base);
+	g->open_spans = {};
+}
