@@ -1,4 +1,5 @@
 """What every measurement needs: the programs, the variants, the collector, the arithmetic."""
+import math
 import os
 import resource
 import statistics
@@ -10,19 +11,22 @@ CHILD_SECONDS = 300
 STACK_BYTES = 8 * 1024 * 1024
 KEEP_ALL = ("-d", "kaq.method_threshold=0", "-d", "kaq.span_limit=2000000000")
 
-BARE, CHAIN, CLOCK = "bare", "chain", "clock"
+BARE, CHAIN, CLOCK, GATED, COUNT = "bare", "chain", "clock", "gated", "count"
 UNMONITORED, DROPPED, KEPT = "unmonitored", "dropped", "kept"
 LIMIT = "limit"
+HOOK_OFF = "hook off"
 TITLES = {
     BARE: "bare engine",
     CHAIN: "hook that only chains",
     CLOCK: "hook with two clock reads",
+    GATED: "hook with two gated reads",
+    HOOK_OFF: "kaq, track_zend_execute=0",
     UNMONITORED: "kaq, request not monitored",
     DROPPED: "kaq, short calls dropped",
     KEPT: "kaq, every span kept",
     LIMIT: "kaq, span limit reached",
 }
-VARIANTS = (BARE, CHAIN, CLOCK, UNMONITORED, DROPPED, KEPT)
+VARIANTS = (BARE, CHAIN, CLOCK, GATED, UNMONITORED, DROPPED, KEPT)
 
 
 class BenchError(Exception):
@@ -90,6 +94,8 @@ class Setup:
         self.drivers = options.drivers
         self.redis_server = options.redis_server
         self.quick = options.quick
+        self.extension_dir = options.extension_dir
+        self.packages = options.packages
         self.collector = collector
         self.scratch = scratch
         self._kaq = options.kaq
@@ -99,13 +105,15 @@ class Setup:
         base = ["-n", "-d", "memory_limit=-1", "-d", "display_errors=stderr"]
         if variant == BARE:
             return base
-        if variant in (CHAIN, CLOCK):
+        if variant in (CHAIN, CLOCK, GATED, COUNT):
             return base + ["-d", "extension=" + self._probe, "-d", "probe.mode=" + variant]
         port = self.collector.unmonitored if variant == UNMONITORED else self.collector.monitored
         options = base + ["-d", "extension=" + self._kaq, "-d", "kaq.status_port=%d" % port,
                           "-d", "kaq.data_port=%d" % self.collector.data]
         if variant == LIMIT:
             return options + ["-d", "kaq.span_limit=1"]
+        if variant == HOOK_OFF:
+            return options + ["-d", "kaq.track_zend_execute=0"]
         return options + list(KEEP_ALL) if variant == KEPT else options
 
     def wrapped_arguments(self, variant, modules=()):
@@ -126,16 +134,16 @@ def _usual_stack():
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
-def child(command, seconds=CHILD_SECONDS):
+def child(command, seconds=CHILD_SECONDS, environment=None):
     """Runs a program under a stack of 8 MB; its completed process, whatever its status."""
     return subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, text=True, errors="replace", timeout=seconds,
-                          preexec_fn=_usual_stack)
+                          env=environment, preexec_fn=_usual_stack)
 
 
-def output(command, seconds=CHILD_SECONDS):
+def output(command, seconds=CHILD_SECONDS, environment=None):
     """The standard output of a program that has to succeed."""
-    done = child(command, seconds)
+    done = child(command, seconds, environment)
     if done.returncode != 0:
         raise BenchError("%s ended with %d: %s" % (" ".join(command), done.returncode,
                                                    (done.stderr or done.stdout)[-400:]))
@@ -164,3 +172,20 @@ def rotated(items, turn):
 def ratios(over, under):
     """Median of the rounds' ratios, and the ratio of the two minima."""
     return (statistics.median(a / b for a, b in zip(over, under)), min(over) / min(under))
+
+
+def difference(over, under):
+    """Median of the rounds' differences, and the bounds of an interval that holds the true median
+    with at least 95 %; None for both bounds where there are fewer than six rounds.
+
+    The bounds are two of the differences themselves, by rank: how many of them lie below the true
+    median is binomial, whatever their distribution is."""
+    sorted_ones = sorted(a - b for a, b in zip(over, under))
+    count = len(sorted_ones)
+    outside = 0
+    rank = 0
+    while outside + math.comb(count, rank) <= 0.025 * 2 ** count:
+        outside += math.comb(count, rank)
+        rank += 1
+    bounds = (sorted_ones[rank - 1], sorted_ones[count - rank]) if rank else (None, None)
+    return (statistics.median(sorted_ones), *bounds)

@@ -16,7 +16,7 @@ ENCODING_TARGET = 3.0
 DEPTH_TARGET = 0.8
 
 
-def _heading(text):
+def heading(text):
     print("\n" + text)
     print("-" * len(text))
 
@@ -40,7 +40,7 @@ def _compare(times, unit):
 
 def print_calls(times, targets):
     for workload, title in calls.WORKLOADS.items():
-        _heading("Cost per user call: %s (ns)" % title)
+        heading("Cost per user call: %s (ns)" % title)
         _compare(times[workload], "ns")
     print()
     for workload, title in calls.WORKLOADS.items():
@@ -50,7 +50,7 @@ def print_calls(times, targets):
 
 
 def print_instructions(counts):
-    _heading("Instructions per user call (callgrind)")
+    heading("Instructions per user call (callgrind)")
     print("  %-28s %9s %9s" % ("", *counts))
     for variant in VARIANTS:
         print("  %-28s %9.1f %9.1f"
@@ -67,7 +67,7 @@ def _added(pairs):
 
 def print_wrapped_calls(times, targets):
     for kind, (title, *_) in wrapped.KINDS.items():
-        _heading("Cost per wrapped call: %s (ns)" % title)
+        heading("Cost per wrapped call: %s (ns)" % title)
         print("  %-28s %9s %9s  %15s" % ("", "same call", "wrapped", "added"))
         print("  %-28s %9s %9s  %15s" % ("", "unwrapped", "best", "median   best"))
         for variant, pairs in times[kind].items():
@@ -84,7 +84,7 @@ def print_wrapped_calls(times, targets):
 
 def print_wrapped_loops(loops):
     for name, times in loops.items():
-        _heading("Cost per turn of a loop: %s (us)" % wrapped.LOOPS[name])
+        heading("Cost per turn of a loop: %s (us)" % wrapped.LOOPS[name])
         if isinstance(times, str):
             print("  left out: %s" % times)
             continue
@@ -98,7 +98,7 @@ def print_wrapped_loops(loops):
 
 
 def print_wrapped_instructions(counts):
-    _heading("Instructions per wrapped call, and per turn of the SQLite loop (callgrind)")
+    heading("Instructions per wrapped call, and per turn of the SQLite loop (callgrind)")
     print("  %-28s %s" % ("", " ".join("%9s" % kind for kind in counts)))
     for variant in wrapped.VARIANTS:
         print("  %-28s %s" % (harness.TITLES[variant],
@@ -111,12 +111,12 @@ def _median_added(rounds, bare, column):
 
 def print_transfers(times, targets):
     if isinstance(times, str):
-        _heading("Cost per transfer with curl")
+        heading("Cost per transfer with curl")
         print("  left out: %s" % times)
         return
     for kind, (title, *_) in curl.KINDS.items():
         per = "handle and curl_multi_exec call" if kind.startswith("poll") else "transfer"
-        _heading("Cost per %s: %s (us)" % (per, title))
+        heading("Cost per %s: %s (us)" % (per, title))
         print("  %-28s %19s  %19s  %8s %6s" % ("", "wall clock", "processor", "to bare", "calls"))
         print("  %-28s %9s %9s  %9s %9s  %8s %6s"
               % ("", "best", "added", "best", "added", "median", "median"))
@@ -150,7 +150,7 @@ def _print_growth(times, targets):
 def print_transfer_instructions(counts):
     if not counts:
         return
-    _heading("Instructions per transfer, and per handle without an answer and curl_multi_exec call")
+    heading("Instructions per transfer, and per handle without an answer and curl_multi_exec call")
     print("  %-28s %s" % ("", " ".join("%9s %9s" % (kind, "added") for kind in counts)))
     for variant in curl.VARIANTS:
         print("  %-28s %s" % (curl.TITLES[variant],
@@ -161,7 +161,7 @@ def print_transfer_instructions(counts):
 
 def print_failures(times):
     for kind, (title, is_capped) in failures.KINDS.items():
-        _heading("Cost per failure of %d in a request: %s (ns)" % (failures.COUNT, title))
+        heading("Cost per failure of %d in a request: %s (ns)" % (failures.COUNT, title))
         rest = "each that is passed on" if is_capped else "each further one"
         print("  %-28s %19s  %28s" % ("", "each of the first ten", rest))
         print("  %-28s %9s %9s  %9s %9s  %8s" % ("", "best", "added", "best", "added", "to bare"))
@@ -177,12 +177,12 @@ def print_failures(times):
 
 def print_requests(times):
     for query, title in web.PAGES.items():
-        _heading("Cost per web request: %s (us, FastCGI)" % title)
+        heading("Cost per web request: %s (us, FastCGI)" % title)
         _compare(times[query], "us")
 
 
 def print_encoding(times, counts, targets):
-    _heading("Encoding: payload and Base64 against json_encode and base64_encode")
+    heading("Encoding: payload and Base64 against json_encode and base64_encode")
     print("  %8s %10s %12s %12s %12s  %15s"
           % ("spans", "bytes", "kaq us", "engine us", "kaq ns/span", "median   best"))
     for spans, (size, own, engine) in times.items():
@@ -200,7 +200,7 @@ def print_encoding(times, counts, targets):
 
 
 def print_depths(depths, targets):
-    _heading("Recursion depth under an 8 MB stack")
+    heading("Recursion depth under an 8 MB stack")
     print("  %-28s %10s %10s" % ("", *depths))
     for variant in depths["function"]:
         row = [depths[kind][variant] for kind in depths]

@@ -7,17 +7,19 @@ import subprocess
 import sys
 import tempfile
 
+import application
 import calls
 import curl
 import encoding
 import failures
 import harness
+import library_report
 import report
 import web
 import wrapped
 
-SECTIONS = ("calls", "wrapped", "curl", "failures", "instructions", "requests", "encoding",
-            "depth")
+SECTIONS = ("calls", "wrapped", "curl", "failures", "application", "instructions", "requests",
+            "encoding", "depth")
 
 
 def parse():
@@ -28,6 +30,8 @@ def parse():
     parser.add_argument("--encode", default="")
     parser.add_argument("--drivers", default="", help="where drivers may stand")
     parser.add_argument("--redis-server", default="")
+    parser.add_argument("--extension-dir", default="", help="where the engine's modules stand")
+    parser.add_argument("--packages", default="", help="where unpacked packages stand")
     parser.add_argument("--json", default="")
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--section", action="append", choices=SECTIONS)
@@ -44,6 +48,24 @@ def run_curl(setup, program, figures, targets):
             report.print_transfer_instructions(figures["curl_instructions"])
     finally:
         server.stop()
+
+
+def run_application(setup, figures, count):
+    if not setup.packages:
+        print("\n  application: left out, the packages of its libraries cannot be fetched")
+        return
+
+    def named(by_key):
+        return {"%s, opcache %s" % (kind, "on" if opcache else "off"): figure
+                for (kind, opcache), figure in by_key.items()}
+
+    times = application.time_libraries(setup, 3 if setup.quick else 20)
+    library_report.print_times(times)
+    figures["application_us"] = named(times)
+    if count:
+        counts = application.count_instructions(setup)
+        library_report.print_instructions(counts)
+        figures["application_instructions"] = named(counts)
 
 
 def run_sections(setup, options, wanted, targets):
@@ -63,6 +85,9 @@ def run_sections(setup, options, wanted, targets):
     if "failures" in wanted:
         figures["failures_ns"] = failures.time_failures(setup, 3 if quick else 15)
         report.print_failures(figures["failures_ns"])
+    if "application" in wanted:
+        run_application(setup, figures, "instructions" in wanted)
+    # An application's instructions take long and are counted only beside its times.
     if "instructions" in wanted:
         figures["instructions"] = calls.count_instructions(setup)
         report.print_instructions(figures["instructions"])

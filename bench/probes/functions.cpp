@@ -18,6 +18,11 @@ static PHP_FUNCTION(probe_query) {
 	}
 }
 
+static PHP_FUNCTION(probe_calls) {
+	(void)execute_data;
+	RETVAL_LONG(probe_count);
+}
+
 /* Ends the process here, so that what happens at request end is not counted. */
 static PHP_FUNCTION(probe_end) {
 	(void)execute_data;
@@ -39,6 +44,7 @@ const zend_function_entry probe_functions[] = {
 	ZEND_NAMED_FE(oci_execute, ZEND_FN(probe_call), no_arguments)
 	ZEND_NAMED_FE(probe_query, ZEND_FN(probe_query), query_arguments)
 	ZEND_NAMED_FE(mysql_query, ZEND_FN(probe_query), query_arguments)
+	ZEND_NAMED_FE(probe_calls, ZEND_FN(probe_calls), no_arguments)
 	ZEND_NAMED_FE(probe_end, ZEND_FN(probe_end), no_arguments)
 	ZEND_FE_END
 };

@@ -6,4 +6,7 @@
 
 #include "php.h"
 
+/* User calls that the hook of the mode "count" has seen. */
+extern zend_long probe_count;
+
 extern const zend_function_entry probe_functions[];

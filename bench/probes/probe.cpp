@@ -1,11 +1,13 @@
 /*
  * Execute hooks to hold the extension against, chosen by the setting "probe.mode" at start:
- * "chain" only calls the hook before it, "clock" also reads the wall clock before and after.
- * The clock reads stand in the hook itself, as one would write it first. Any other mode: no hook,
- * the functions alone.
+ * "chain" only calls the hook before it, "clock" also reads the wall clock before and after,
+ * "gated" does so with the extension's own cheap clock, "count" counts the calls. The clock reads
+ * stand in the hook itself, as one would write it first. Any other mode: no hook, the functions
+ * alone.
  */
 #include "functions.h"
 #include "php_ini.h"
+#include "util/kaq_clock.h"
 
 #include <string.h>
 #include <sys/time.h>
@@ -14,6 +16,8 @@ static void (*probe_previous)(zend_execute_data *execute_data);
 
 /* Keeps the clock reads from being optimised away. */
 static volatile long probe_elapsed;
+
+zend_long probe_count;
 
 static void probe_chain_hook(zend_execute_data *execute_data) {
 	probe_previous(execute_data);
@@ -30,6 +34,17 @@ static void probe_clock_hook(zend_execute_data *execute_data) {
 	probe_elapsed = (end.tv_sec - start.tv_sec) * 1000000 + end.tv_usec - start.tv_usec;
 }
 
+static void probe_gated_hook(zend_execute_data *execute_data) {
+	uint64_t start = kaq_now_ms();
+	probe_previous(execute_data);
+	probe_elapsed = (long)(kaq_now_ms() - start);
+}
+
+static void probe_count_hook(zend_execute_data *execute_data) {
+	probe_count++;
+	probe_previous(execute_data);
+}
+
 PHP_INI_BEGIN()
 PHP_INI_ENTRY("probe.mode", "chain", PHP_INI_SYSTEM, nullptr)
 PHP_INI_END()
@@ -40,6 +55,11 @@ static PHP_MINIT_FUNCTION(probe) {
 	probe_previous = zend_execute_ex;
 	if (strcmp(mode, "clock") == 0) {
 		zend_execute_ex = probe_clock_hook;
+	} else if (strcmp(mode, "gated") == 0) {
+		kaq_clock_startup();
+		zend_execute_ex = probe_gated_hook;
+	} else if (strcmp(mode, "count") == 0) {
+		zend_execute_ex = probe_count_hook;
 	} else if (strcmp(mode, "chain") == 0) {
 		zend_execute_ex = probe_chain_hook;
 	}

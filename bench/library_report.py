@@ -1,0 +1,68 @@
+"""The figures of the libraries as tables."""
+import statistics
+
+import application
+import harness
+import report
+from application import KINDS, TITLES
+from harness import BARE, CHAIN, DROPPED, GATED, UNMONITORED
+
+PAIRS = ((UNMONITORED, CHAIN), (DROPPED, CHAIN), (DROPPED, GATED))
+
+
+def _title(key):
+    kind, opcache = key
+    return "%s, opcache %s" % (KINDS[kind][0], "on" if opcache else "off")
+
+
+def _interval(values):
+    median, low, high = values
+    if low is None:
+        return "%9.2f %20s" % (median, "")
+    return "%9.2f %20s" % (median, "[%.2f, %.2f]" % (low, high))
+
+
+def _table(figure):
+    """Milliseconds per iteration, and ns per call above the hook that only chains."""
+    calls = figure["calls"]
+    user = {variant: [pair[0] / 1e3 for pair in rounds]
+            for variant, rounds in figure["times"].items()}
+    print("  %-28s %8s %8s %8s %8s  %9s %20s"
+          % ("", "best", "median", "system", "to bare", "ns/call", ""))
+    print("  %-28s %8s %8s %8s %8s  %9s %20s"
+          % ("", "user ms", "user ms", "median", "median", "to chain", "95 % interval"))
+    for variant, rounds in user.items():
+        above = harness.difference(rounds, user[CHAIN])
+        per_call = [value and value * 1e6 / calls for value in above]
+        system = statistics.median(pair[1] / 1e3 for pair in figure["times"][variant])
+        print("  %-28s %8.2f %8.2f %8.2f %8.3f  %s"
+              % (TITLES[variant], min(rounds), statistics.median(rounds), system,
+                 harness.ratios(rounds, user[BARE])[0], _interval(per_call)))
+    for over, under in PAIRS:
+        low_to_high = _interval(harness.difference(user[over], user[under]))
+        print("  %-57s ms %s" % ("%s - %s" % (TITLES[over], TITLES[under]), low_to_high))
+
+
+def print_times(figures):
+    for key, figure in figures.items():
+        report.heading("A library without a server: %s (%d user calls per iteration)"
+                       % (_title(key), figure["calls"]))
+        _table(figure)
+    print("  User: processor time in user mode per iteration, which getrusage tells in the script;"
+          "\n  the first iteration of each process does not count. Differences: median of the"
+          "\n  rounds' differences. Interval: distribution-free, from their ranks; none below six"
+          "\n  rounds. What is kept for every call costs system time, too, and the sending later.")
+
+
+def print_instructions(counts):
+    report.heading("Instructions per user call of a library (callgrind)")
+    print("  %-28s %s" % ("", " ".join("%15s" % kind for kind, _ in counts)))
+    print("  %-28s %s" % ("", " ".join("%15s" % ("opcache on" if opcache else "opcache off")
+                                       for _, opcache in counts)))
+    for variant in application.COUNTED:
+        print("  %-28s %s" % (TITLES[variant],
+                              " ".join("%15.1f" % count[variant] for count in counts.values())))
+        if variant != BARE and variant != CHAIN:
+            print("  %-28s %s" % ("  above the hook that chains",
+                                  " ".join("%15.1f" % (count[variant] - count[CHAIN])
+                                           for count in counts.values())))
