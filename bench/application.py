@@ -1,7 +1,7 @@
 """Cost of a library at work without a server: a parser and a template engine, in one process each.
 
-What is compared is the processor time that the script itself used in user mode, all variants by
-turns, round by round."""
+What is compared is the processor time that the script itself used, all variants by turns, round
+by round."""
 import glob
 import os
 import re
@@ -15,6 +15,7 @@ TITLES = dict(harness.TITLES)
 TITLES[BARE_AGAIN] = "bare engine, again"
 TITLES.update((name, name) for name in PROFILERS)
 TITLES["xdebug"] = "xdebug, mode profile"
+TITLES["excimer"] = "excimer, a sample each 10 ms"
 VARIANTS = (BARE, BARE_AGAIN, CHAIN, GATED, HOOK_OFF, UNMONITORED, DROPPED, KEPT)
 COUNTED = (BARE, CHAIN, GATED, UNMONITORED, DROPPED)
 
@@ -23,7 +24,7 @@ KINDS = {
     "parser": ("PHP-Parser reads and prints its sources", 100000, 15000),
     "templates": ("Smarty renders pages of a shop", 40, 3),
 }
-ITERATIONS = 8
+ITERATIONS = 12
 # What keeps or writes something for every call.
 HEAVY_ITERATIONS = 2
 
@@ -86,16 +87,17 @@ class Library:
                           str(iterations), compiled]
 
     def run(self, variant, kind, opcache, size, iterations):
-        """Calls, user us and system us of an iteration, and the checksum of what it gave."""
+        """Calls of an iteration, its us of processor time (median, user and system on average), and
+        the checksum of what it gave."""
         environment = dict(os.environ, BENCH_PROFILER=variant)
         text = harness.output(self.command(variant, kind, opcache, size, iterations),
                               environment=environment)
-        found = re.fullmatch(r"(\d+) (\S+) (\S+) ([0-9a-f]{32})\n", text)
+        found = re.fullmatch(r"(\d+) (\S+) (\S+) (\S+) ([0-9a-f]{32})\n", text)
         if not found:
             raise BenchError("%s, %s: %r" % (kind, variant, text[-200:]))
         for path in glob.glob(os.path.join(self._setup.scratch, "cachegrind.out.*")):
             os.remove(path)
-        return int(found[1]), float(found[2]), float(found[3]), found[4]
+        return int(found[1]), tuple(float(found[at]) for at in (2, 3, 4)), found[5]
 
 
 def _check(setup, library, kind, opcache):
@@ -116,8 +118,8 @@ def _check(setup, library, kind, opcache):
 
 
 def time_libraries(setup, rounds):
-    """{(kind, opcache): {"calls": calls of an iteration, "times": {variant: [(user us, system us)
-    of an iteration, one per round]}}}."""
+    """{(kind, opcache): {"calls": calls of an iteration, "times": {variant: [(us of the median
+    iteration, user us, system us), one per round]}}}."""
     library = Library(setup)
     variants = VARIANTS + tuple(library.profilers())
     figures = {(kind, opcache): {"calls": _check(setup, library, kind, opcache),
@@ -129,11 +131,11 @@ def time_libraries(setup, rounds):
         for (kind, opcache), figure in figures.items():
             for variant in harness.rotated(variants, turn):
                 iterations = HEAVY_ITERATIONS if variant in (KEPT, "xdebug") else ITERATIONS
-                _, user, system, text = library.run(variant, kind, opcache, KINDS[kind][1],
+                _, times, text = library.run(variant, kind, opcache, KINDS[kind][1],
                                                     iterations)
                 if sums.setdefault(kind, text) != text:
                     raise BenchError("%s, %s: gave something else" % (kind, variant))
-                figure["times"][variant].append((user, system))
+                figure["times"][variant].append(times)
     return figures
 
 

@@ -25,33 +25,33 @@ def _interval(values):
 def _table(figure):
     """Milliseconds per iteration, and ns per call above the hook that only chains."""
     calls = figure["calls"]
-    user = {variant: [pair[0] / 1e3 for pair in rounds]
-            for variant, rounds in figure["times"].items()}
+    times = {variant: [values[0] / 1e3 for values in rounds]
+             for variant, rounds in figure["times"].items()}
     print("  %-28s %8s %8s %8s %8s  %9s %20s"
-          % ("", "best", "median", "system", "to bare", "ns/call", ""))
+          % ("", "best ms", "median", "user", "to bare", "ns/call", ""))
     print("  %-28s %8s %8s %8s %8s  %9s %20s"
-          % ("", "user ms", "user ms", "median", "median", "to chain", "95 % interval"))
-    for variant, rounds in user.items():
-        above = harness.difference(rounds, user[CHAIN])
+          % ("", "", "ms", "ms", "median", "to chain", "95 % interval"))
+    for variant, rounds in times.items():
+        above = harness.difference(rounds, times[CHAIN])
         per_call = [value and value * 1e6 / calls for value in above]
-        system = statistics.median(pair[1] / 1e3 for pair in figure["times"][variant])
         print("  %-28s %8.2f %8.2f %8.2f %8.3f  %s"
-              % (TITLES[variant], min(rounds), statistics.median(rounds), system,
-                 harness.ratios(rounds, user[BARE])[0], _interval(per_call)))
+              % (TITLES[variant], min(rounds), statistics.median(rounds),
+                 statistics.median(values[1] / 1e3 for values in figure["times"][variant]),
+                 harness.ratios(rounds, times[BARE])[0], _interval(per_call)))
     for over, under in PAIRS:
-        low_to_high = _interval(harness.difference(user[over], user[under]))
-        print("  %-57s ms %s" % ("%s - %s" % (TITLES[over], TITLES[under]), low_to_high))
+        low_to_high = _interval(harness.difference(times[over], times[under]))
+        print("  %-64s ms %s" % ("%s - %s" % (TITLES[over], TITLES[under]), low_to_high))
 
 
 def print_times(figures):
     for key, figure in figures.items():
-        report.heading("A library without a server: %s (%d user calls per iteration)"
+        report.heading("A library without a server: %s (%d user calls)"
                        % (_title(key), figure["calls"]))
         _table(figure)
-    print("  User: processor time in user mode per iteration, which getrusage tells in the script;"
-          "\n  the first iteration of each process does not count. Differences: median of the"
-          "\n  rounds' differences. Interval: distribution-free, from their ranks; none below six"
-          "\n  rounds. What is kept for every call costs system time, too, and the sending later.")
+    print("  Processor time of an iteration, user and system, of which the kernel tells the user's"
+          "\n  share by samples. Each process gives its median iteration; the first does not count."
+          "\n  To chain, and below: median of the rounds' differences. Interval: distribution-free,"
+          "\n  from the ranks of these differences; there is none below six rounds.")
 
 
 def print_instructions(counts):
