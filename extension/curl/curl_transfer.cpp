@@ -137,7 +137,7 @@ static void kaq_report_transfer(kaq_node *parent, zval *easy, zend_long status, 
 	parent->data.child_count++;
 	node->data.end_time = now_ms;
 	node->data.start_time = kaq_transfer_start(easy, now_ms);
-	kaq_copy_function_info(fi, nullptr, "curl_multi_exec", "HTTP", EXTERNAL);
+	kaq_name_wrapped_call(fi, nullptr, "curl_multi_exec", "HTTP", EXTERNAL);
 	kaq_set_function_priority(fi, PRIORITY_1);
 	fi->isAsync = 1;
 	kaq_describe_url(fi, easy);

@@ -53,9 +53,10 @@ static void kaq_append_text_field(smart_str *out, const char *key, const char *t
 
 void kaq_make_einfo(const char *name, const char *file, zend_long line, uint64_t time,
 					const char *level, const char *message, kaq_function *fi) {
-	smart_str *out = &fi->arg_data.einfo;
+	_arg_data *arg = kaq_arguments_of(fi);
 	size_t *total = &kaq_get_globals()->failure_bytes;
-	if (*total < KAQ_MAX_FAILURE_BYTES) {
+	if (arg && *total < KAQ_MAX_FAILURE_BYTES) {
+		smart_str *out = &arg->einfo;
 		size_t before = kaq_buf_length(out);
 		if (out->s) {
 			kaq_buf_literal(out, ",");

@@ -43,7 +43,8 @@ void kaq_append_backtrace(smart_str *out) {
 
 void kaq_make_stacktrace(kaq_function *fi) {
 	size_t *total = &kaq_get_globals()->failure_bytes;
-	if (fi->arg_data.stacktrace || *total >= KAQ_MAX_FAILURE_BYTES) {
+	_arg_data *arg = kaq_arguments_of(fi);
+	if (!arg || arg->stacktrace || *total >= KAQ_MAX_FAILURE_BYTES) {
 		return;
 	}
 	smart_str text = {nullptr, 0};
@@ -52,7 +53,7 @@ void kaq_make_stacktrace(kaq_function *fi) {
 	kaq_memory_limit_restore();
 	if (text.s) {
 		kaq_buf_terminate(&text);
-		fi->arg_data.stacktrace = kaq_strdup(ZSTR_VAL(text.s));
+		arg->stacktrace = kaq_strdup(ZSTR_VAL(text.s));
 		*total += kaq_buf_length(&text);
 	}
 	kaq_buf_free(&text);

@@ -32,7 +32,7 @@ void kaq_record(const kaq_call *call, kaq_query recipe) {
 	char *kept = kaq_strdup(text);
 	int caught = kaq_call_protected(call);
 	kaq_set_method_dbquery(call->fi, nullptr);
-	call->fi->arg_data.query = kept;
+	kaq_take_text(call->fi, &_arg_data::query, kept);
 	kaq_pass_on(caught);
 }
 
@@ -61,7 +61,7 @@ void kaq_record(const kaq_call *call, kaq_dbname recipe) {
 	char *kept = kaq_strdup(arguments.text[0]);
 	int caught = kaq_call_protected(call);
 	kaq_set_method_dbname(call->fi, nullptr);
-	call->fi->arg_data.dbname = kept;
+	kaq_take_text(call->fi, &_arg_data::dbname, kept);
 	kaq_pass_on(caught);
 }
 

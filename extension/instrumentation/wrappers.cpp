@@ -36,7 +36,7 @@ static constexpr bool kaq_has_readable_layouts(kaq_cql recipe) {
 												 kaq_node *node) {                              \
 		const kaq_call call = {execute_data, return_value, wraprec->oldhandler, node,           \
 							   &node->data.function_info};                                      \
-		kaq_copy_function_info(call.fi, class_name, name, component, external);                 \
+		kaq_name_wrapped_call(call.fi, class_name, name, component, external);                  \
 		kaq_set_function_priority(call.fi, PRIORITY_1);                                         \
 		kaq_record(&call, __VA_ARGS__);                                                         \
 	}                                                                                           \

@@ -102,6 +102,12 @@ size_t kaq_json_escape(char *out, const char *text, size_t len) {
 	return (size_t)(out - start);
 }
 
+char *kaq_json_put_escape(char *out, char byte) {
+	const escape *found = &ESCAPES.entry[(unsigned char)byte];
+	memcpy(out, found, sizeof *found);
+	return out + found->length;
+}
+
 static const uint32_t EIGHT_DIGITS = 100000000;
 
 /*

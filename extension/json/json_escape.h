@@ -7,6 +7,7 @@
 #include <emmintrin.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 /* Room that kaq_json_escape needs for `len` bytes; whole 16-byte blocks are stored at a time. */
 #define KAQ_JSON_ESCAPE_MAX(len) (6 * (size_t)(len) + 16)
@@ -36,35 +37,38 @@ static inline unsigned kaq_json_escape_mask(__m128i block) {
 	return (unsigned)_mm_movemask_epi8(_mm_or_si128(control, marks));
 }
 
+/* Writes the escaped form of one byte that has to be escaped and returns the end. */
+char *kaq_json_put_escape(char *out, char byte);
+
 /*
- * The same for a NUL-terminated text, whose length need not be known. Returns the end of what it
- * wrote.
+ * The same for a NUL-terminated text whose length need not be known, as the engine stores its
+ * strings. Returns the end of what it wrote.
  *
- * REQUIRES: `out` as above; 16 bytes are readable from every byte of the text and from its NUL.
+ * REQUIRES: `out` has KAQ_JSON_ESCAPE_MAX bytes for the text; the text is readable in whole steps
+ * of 8 bytes, up to the step that has its NUL.
  */
-static inline char *kaq_json_escape_padded(char *out, const char *text) {
-	for (;;) {
-		__m128i block = _mm_loadu_si128((const __m128i *)text);
-		unsigned mask = kaq_json_escape_mask(block);
-		_mm_storeu_si128((__m128i *)out, block);
-		if (mask == 0) {
-			text += 16;
-			out += 16;
-			continue;
+static inline char *kaq_json_escape_words(char *out, const char *text) {
+	for (;; text += 8) {
+		__m128i word = _mm_loadl_epi64((const __m128i *)text);
+		unsigned mask = kaq_json_escape_mask(word) & 0xff;
+		uint64_t bytes = (uint64_t)_mm_cvtsi128_si64(word);
+		unsigned left = 8;
+		memcpy(out, &bytes, 8);
+		while (mask != 0) {
+			unsigned run = (unsigned)__builtin_ctz(mask);
+			char found = (char)(bytes >> (8 * run));
+			out += run;
+			if (found == '\0') {
+				return out;
+			}
+			out = kaq_json_put_escape(out, found);
+			left -= run + 1;
+			mask >>= run + 1;
+			/* In two steps: a shift by 64 is undefined. */
+			bytes = bytes >> (8 * run) >> 8;
+			memcpy(out, &bytes, 8);
 		}
-		unsigned run = (unsigned)__builtin_ctz(mask);
-		text += run;
-		out += run;
-		char found = *text++;
-		if (found == '\0') {
-			return out;
-		}
-		if ((unsigned char)found < 0x20) {
-			out += kaq_json_escape(out, &found, 1);
-		} else {
-			*out++ = '\\';
-			*out++ = found;
-		}
+		out += left;
 	}
 }
 

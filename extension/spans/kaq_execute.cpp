@@ -13,8 +13,9 @@ kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
 	kaq_node *node = kaq_create_new_node();
 	if (node) {
 		const zend_class_entry *scope = execute_data->func->common.scope;
-		kaq_name_user_call(node, scope ? scope->name : nullptr,
-						   execute_data->func->common.function_name);
+		kaq_copy_function_info(&node->data.function_info, scope ? ZSTR_VAL(scope->name) : nullptr,
+							   ZSTR_VAL(execute_data->func->common.function_name),
+							   KAQ_PHP_COMPONENT, INTERNAL);
 	}
 	return node;
 }
@@ -119,7 +120,7 @@ void kaq_create_main_method(void) {
 	if (!node) {
 		return;
 	}
-	kaq_copy_function_info(&node->data.function_info, nullptr, "main", KAQ_PHP_COMPONENT, INTERNAL);
+	kaq_name_wrapped_call(&node->data.function_info, nullptr, "main", KAQ_PHP_COMPONENT, INTERNAL);
 	kaq_set_function_priority(&node->data.function_info, PRIORITY_1);
 	kaq_open_node(node);
 }

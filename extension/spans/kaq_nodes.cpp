@@ -1,6 +1,7 @@
 #include "spans/kaq_nodes_private.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_random.h"
+#include "util/kaq_strings.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -38,36 +39,56 @@ void kaq_insert_node(kaq_node *node) {
 	g->stored_node_count++;
 }
 
-static kaq_node *kaq_node_of(kaq_function *fi) {
-	return (kaq_node *)((char *)fi - offsetof(kaq_node, data.function_info));
-}
-
-static void kaq_release_name(kaq_node *node, char **name) {
-	char *text = *name;
-	*name = nullptr;
-	if (!kaq_is_stored_name(node, text)) {
-		free(text);
+static void kaq_release_name(kaq_function *fi, char **name, uint8_t owns) {
+	if (fi->names & owns) {
+		free(*name);
 	}
+	*name = nullptr;
+	fi->names &= (uint8_t)~owns;
 }
 
-void kaq_release_texts(kaq_node *node) {
-	kaq_function *fi = &node->data.function_info;
-	struct _arg_data *arg = &fi->arg_data;
+static void kaq_release_names(kaq_function *fi) {
+	if (fi->names & KAQ_HOLDS_FUNCTION_NAME) {
+		zend_string_release(kaq_engine_string(fi->function_name));
+	}
+	kaq_release_name(fi, &fi->class_name, KAQ_OWNS_CLASS_NAME);
+	kaq_release_name(fi, &fi->function_name, KAQ_OWNS_FUNCTION_NAME);
+	fi->names = 0;
+}
+
+_arg_data *kaq_arguments_of(kaq_function *fi) {
+	if (!fi->arg_data) {
+		fi->arg_data = (_arg_data *)calloc(1, sizeof(_arg_data));
+	}
+	return fi->arg_data;
+}
+
+static void kaq_release_arguments(_arg_data *arg) {
+	if (!arg) {
+		return;
+	}
 	char *texts[] = {arg->query,     arg->dbconnectHost,      arg->url,
 					 arg->dbname,    arg->externalReqHeaders, arg->externalResHeaders,
 					 arg->stacktrace};
-	kaq_release_name(node, &fi->class_name);
-	kaq_release_name(node, &fi->function_name);
 	for (char *text : texts) {
 		free(text);
 	}
 	if (arg->einfo.s) {
 		zend_string_release(arg->einfo.s);
 	}
+	free(arg);
+}
+
+void kaq_release_texts(kaq_node *node) {
+	kaq_function *fi = &node->data.function_info;
+	kaq_release_names(fi);
+	kaq_release_arguments(fi->arg_data);
 }
 
 static void kaq_release_node(kaq_node_pool *pool, kaq_node *node) {
-	kaq_release_texts(node);
+	if (kaq_owns_texts(node)) {
+		kaq_release_texts(node);
+	}
 	kaq_pool_give_back(pool, node);
 }
 
@@ -94,22 +115,32 @@ void kaq_close_open_nodes(void) {
 	kaq_forget_open_spans(g);
 }
 
-void kaq_release_spans(zend_kaq_globals *g) {
+static void kaq_release_nodes(zend_kaq_globals *g, void (*release)(kaq_node_pool *, kaq_node *)) {
 	kaq_node *node = g->node_list.head;
 	g->node_list.head = nullptr;
 	g->current_node = nullptr;
 	kaq_forget_open_spans(g);
 	while (node) {
 		kaq_node *next = node->next;
-		kaq_release_node(&g->node_pool, node);
+		release(&g->node_pool, node);
 		node = next;
 	}
-	kaq_pool_for_each_open(&g->node_pool, kaq_release_node);
+	kaq_pool_for_each_open(&g->node_pool, release);
+}
+
+/* A name that was held went with the memory of its request. */
+static void kaq_release_leftover(kaq_node_pool *pool, kaq_node *node) {
+	node->data.function_info.names &= (uint8_t)~KAQ_HOLDS_FUNCTION_NAME;
+	kaq_release_node(pool, node);
+}
+
+void kaq_release_spans(zend_kaq_globals *g) {
+	kaq_release_nodes(g, kaq_release_leftover);
 }
 
 void kaq_free_node_buffer(void) {
 	zend_kaq_globals *g = kaq_get_globals();
-	kaq_release_spans(g);
+	kaq_release_nodes(g, kaq_release_node);
 	kaq_pool_trim(&g->node_pool);
 	kaq_trim_open_spans(g);
 }
@@ -146,41 +177,32 @@ kaq_node **kaq_validate_nodes(void) {
 	return by_key;
 }
 
-static char *kaq_store_name(const char *text, char **store, size_t *room) {
-	if (!text) {
-		return nullptr;
-	}
-	size_t size = strlen(text) + 1;
-	char *copy;
-	if (size <= *room) {
-		copy = *store;
-		*store += size;
-		*room -= size;
-	} else {
-		copy = (char *)malloc(size);
-	}
-	return copy ? (char *)memcpy(copy, text, size) : nullptr;
-}
-
-void kaq_copy_function_info(kaq_function *fi, const char *class_name, const char *function_name,
-							const char *component, int is_external) {
-	kaq_node *node = kaq_node_of(fi);
-	kaq_release_name(node, &fi->class_name);
-	kaq_release_name(node, &fi->function_name);
-	char *store = node->name_store;
-	size_t room = KAQ_NAME_STORE_SIZE;
-	fi->class_name = kaq_store_name(class_name, &store, &room);
-	fi->function_name = kaq_store_name(function_name, &store, &room);
+static void kaq_set_component(kaq_function *fi, const char *component) {
 	if (component) {
 		size_t length = strnlen(component, KAQ_COMPONENT_SIZE - 1);
 		memcpy(fi->component_name, component, length);
 		fi->component_name[length] = '\0';
 	}
-	fi->isExternal = is_external;
+}
+
+void kaq_copy_function_info(kaq_function *fi, const char *class_name, const char *function_name,
+							const char *component, int is_external) {
+	char *class_copy = kaq_strdup(class_name);
+	char *function_copy = kaq_strdup(function_name);
+	kaq_release_names(fi);
+	fi->class_name = class_copy;
+	fi->function_name = function_copy;
+	fi->names = KAQ_OWNS_CLASS_NAME | KAQ_OWNS_FUNCTION_NAME;
+	kaq_set_component(fi, component);
+	fi->isExternal = (uint8_t)is_external;
 }
 
 void kaq_update_method_name(kaq_function *fi, const char *name) {
-	char *copy = name ? strdup(name) : nullptr;
-	kaq_release_name(kaq_node_of(fi), &fi->function_name);
+	char *copy = kaq_strdup(name);
+	if (fi->names & KAQ_HOLDS_FUNCTION_NAME) {
+		zend_string_release(kaq_engine_string(fi->function_name));
+	}
+	kaq_release_name(fi, &fi->function_name, KAQ_OWNS_FUNCTION_NAME);
 	fi->function_name = copy;
+	fi->names = (uint8_t)((fi->names & KAQ_OWNS_CLASS_NAME) | KAQ_OWNS_FUNCTION_NAME);
 }

@@ -21,47 +21,26 @@ void kaq_release_texts(kaq_node *node);
 /* Whether anything in the span has to be freed. */
 static inline bool kaq_owns_texts(const kaq_node *node) {
 	const kaq_function *fi = &node->data.function_info;
-	const struct _arg_data *arg = &fi->arg_data;
-	uintptr_t texts = (uintptr_t)arg->query | (uintptr_t)arg->dbconnectHost | (uintptr_t)arg->url |
-					  (uintptr_t)arg->dbname | (uintptr_t)arg->externalReqHeaders |
-					  (uintptr_t)arg->externalResHeaders | (uintptr_t)arg->stacktrace |
-					  (uintptr_t)arg->einfo.s;
-	return texts || !kaq_is_stored_name(node, fi->class_name) ||
-		   !kaq_is_stored_name(node, fi->function_name);
+	return fi->arg_data || (fi->names & ~KAQ_ENGINE_NAMES);
 }
 
-/* The engine allocates the characters of a string in multiples of 8 bytes, so 8 bytes at a time can
- * be copied. */
-static inline size_t kaq_padded_size(const zend_string *text) {
-	return ZEND_MM_ALIGNED_SIZE_EX(ZSTR_LEN(text) + 1, 8);
-}
-
-static inline char *kaq_copy_padded(char *store, const zend_string *text) {
-	size_t size = kaq_padded_size(text);
-	for (size_t i = 0; i < size; i += 8) {
-		memcpy(store + i, ZSTR_VAL(text) + i, 8);
-	}
-	return store + size;
-}
-
-/* Names a span of user code; copies the engine's strings. */
-static inline void kaq_name_user_call(kaq_node *node, const zend_string *class_name,
-									  const zend_string *function_name) {
+/* Names a span of user code. The names stay the engine's; the function's is counted if `is_held`.
+ * REQUIRES: the span has no names. */
+static inline void kaq_name_user_call(kaq_node *node, const zend_class_entry *scope,
+									  zend_string *name, bool is_held) {
 	kaq_function *fi = &node->data.function_info;
-	size_t class_size = class_name ? kaq_padded_size(class_name) : 0;
-	if (UNEXPECTED(class_size + kaq_padded_size(function_name) > KAQ_NAME_STORE_SIZE)) {
-		kaq_copy_function_info(fi, class_name ? ZSTR_VAL(class_name) : nullptr,
-							   ZSTR_VAL(function_name), KAQ_PHP_COMPONENT, INTERNAL);
-		return;
-	}
-	char *store = node->name_store;
-	fi->function_name = store;
-	store = kaq_copy_padded(store, function_name);
-	if (class_name) {
-		fi->class_name = store;
-		kaq_copy_padded(store, class_name);
-	}
+	fi->class_name = scope ? ZSTR_VAL(scope->name) : nullptr;
+	fi->function_name = ZSTR_VAL(name);
+	fi->names = (uint8_t)(is_held ? KAQ_ENGINE_NAMES | KAQ_HOLDS_FUNCTION_NAME : KAQ_ENGINE_NAMES);
 	memcpy(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT));
+}
+
+/* The same for a function that is being called. */
+static inline void kaq_name_function(kaq_node *node, const zend_function *function) {
+	bool may_go = function->common.fn_flags & KAQ_FUNCTION_MAY_GO;
+	zend_string *name = function->common.function_name;
+	kaq_name_user_call(node, function->common.scope, may_go ? zend_string_copy(name) : name,
+					   may_go);
 }
 
 /* Opens a node whose parent has counted it already. */

@@ -38,9 +38,9 @@ void kaq_free_node(kaq_node *node);
 void kaq_close_open_nodes(void);
 /* Request end: releases every span of the thread, buffered or still open. */
 void kaq_free_node_buffer(void);
-/* Releases the spans that a thread's record still holds, and forgets the open calls: code that the
- * engine runs outside any request, such as a preloaded script or a session handler after request
- * end, leaves some. */
+/* Releases the spans that a thread's record still holds from before, and forgets the open calls:
+ * code that the engine runs outside any request, such as a preloaded script or a session handler
+ * after request end, leaves some. */
 void kaq_release_spans(zend_kaq_globals *g);
 /* Thread end: frees the stack of open spans. REQUIRES: the thread's spans are released. */
 void kaq_free_open_spans(zend_kaq_globals *g);
@@ -65,8 +65,25 @@ void kaq_prune_intermediate_nodes(void);
  * 15 characters. is_external is a METHOD_TYPE. */
 void kaq_copy_function_info(kaq_function *fi, const char *class_name, const char *function_name,
 							const char *component, int is_external);
+/* The same without a copy, for names that outlive the request, and a short literal as component.
+ * REQUIRES: the span has no names yet. */
+template <size_t size>
+static inline void kaq_name_wrapped_call(kaq_function *fi, const char *class_name,
+										 const char *function_name, const char (&component)[size],
+										 int is_external) {
+	static_assert(size <= KAQ_COMPONENT_SIZE, "components are short");
+	fi->class_name = (char *)class_name;
+	fi->function_name = (char *)function_name;
+	memcpy(fi->component_name, component, size);
+	fi->isExternal = (uint8_t)is_external;
+}
 /* The function's name alone; null stores null. */
 void kaq_update_method_name(kaq_function *fi, const char *name);
+/* The block of what a span records beside its names, made when it is first asked for; null when
+ * memory is short. For readers it is fi->arg_data, or null. */
+_arg_data *kaq_arguments_of(kaq_function *fi);
+/* Stores a heap text in one of the fields of that block; from here on it is the span's. */
+void kaq_take_text(kaq_function *fi, char *_arg_data::*field, char *text);
 /* One of PRIORITY. A null fi is ignored. */
 void kaq_set_function_priority(kaq_function *fi, int priority);
 

@@ -1,7 +1,7 @@
 /*
  * The span records of one thread: carved from slabs, recycled through a free list, so that a
- * recorded call costs no allocation. A record in the free list is all zero except for its link, its
- * reuse count and its name store.
+ * recorded call costs no allocation. A record in the free list is all zero except for its link and
+ * its reuse count.
  *
  * The pool owns the records' memory only; the texts that a span owns are freed by kaq_free_node()
  * before the record comes back.
@@ -13,7 +13,7 @@
 #include <emmintrin.h>
 
 /* Slabs that a thread keeps from one request to the next. */
-#define KAQ_SLABS_KEPT 16
+#define KAQ_SLABS_KEPT 48
 
 /* A zeroed record, or null when memory is short. */
 kaq_node *kaq_pool_take_slow(kaq_node_pool *pool);

@@ -37,38 +37,28 @@ static void kaq_count_children(kaq_open_span *span, kaq_node *parent) {
 	span->child_count = 0;
 }
 
-/* The name of an entry's function; the caller releases it if it is counted. */
-static void kaq_name_of_span(const kaq_open_span *span, const zend_string **class_name,
-							 zend_string **name) {
-	const zend_class_entry *scope;
-	if (span->span & KAQ_SPAN_NAMED) {
-		scope = (const zend_class_entry *)span->callee;
-		*name = (zend_string *)(span->span - KAQ_SPAN_NAMED);
-	} else {
-		const zend_function *function = (const zend_function *)span->callee;
-		scope = function->common.scope;
-		*name = function->common.function_name;
-	}
-	*class_name = scope ? scope->name : nullptr;
-}
-
 static void kaq_release_held_name(const kaq_open_span *span) {
 	if (span->span & KAQ_SPAN_NAMED) {
 		zend_string_release((zend_string *)(span->span - KAQ_SPAN_NAMED));
 	}
 }
 
+/* What an entry holds of its function's name becomes the node's. */
 static void kaq_settle_span(zend_kaq_globals *g, kaq_open_span *span) {
 	kaq_node *node = kaq_pool_take(&g->node_pool);
-	if (node) {
-		const zend_string *class_name;
-		zend_string *name;
-		kaq_name_of_span(span, &class_name, &name);
-		kaq_name_user_call(node, class_name, name);
+	if (!node) {
+		kaq_release_held_name(span);
+		span->span = KAQ_SPAN_LOST;
+	} else {
+		if (span->span & KAQ_SPAN_NAMED) {
+			kaq_name_user_call(node, (const zend_class_entry *)span->callee,
+							   (zend_string *)(span->span - KAQ_SPAN_NAMED), true);
+		} else {
+			kaq_name_function(node, (const zend_function *)span->callee);
+		}
 		kaq_link_open(g, node, span->start_time);
+		span->span = (uintptr_t)node;
 	}
-	kaq_release_held_name(span);
-	span->span = node ? (uintptr_t)node : KAQ_SPAN_LOST;
 	kaq_count_children(span, g->current_node);
 }
 
@@ -110,8 +100,7 @@ static uintptr_t kaq_enter_plainly(zend_kaq_globals *g, const zend_function *fun
 	if (!node) {
 		return 0;
 	}
-	const zend_class_entry *scope = function->common.scope;
-	kaq_name_user_call(node, scope ? scope->name : nullptr, function->common.function_name);
+	kaq_name_function(node, function);
 	kaq_open_in(g, node);
 	return (uintptr_t)node | KAQ_CALL_NODE;
 }

@@ -1,14 +1,18 @@
 /*
  * The records that hold one request's spans. The operations on them are in spans/kaq_util.h.
  *
- * Ownership: text in a span is a heap copy that the span owns, except for short names, which are
- * stored in the record itself. The setters copy, kaq_free_node() frees. A record belongs to the
- * pool of the thread that created the span. Times are wall clock milliseconds since the epoch.
+ * Ownership: text in a span is a heap copy that the span owns, except for names that live on by
+ * themselves (KAQ_NAMES). The setters copy, kaq_free_node() frees. A record belongs to the pool of
+ * the thread that created the span. Times are wall clock milliseconds since the epoch.
+ *
+ * A request may keep thousands of spans, most of them calls of user code: a record holds what such
+ * a call has, and the rest is a block of its own.
  */
 #pragma once
 
 #include "util/engine_compat.h"
 
+#include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -16,12 +20,19 @@ enum ARG_TYPE { NONE = 0, DBQUERY = 1, URL = 2, DBCONNECT = 3 };
 enum FAIL_TYPE { FAIL_TYPE_ERROR = 0, FAIL_TYPE_EXCEPTION = 1 };
 enum METHOD_TYPE { INTERNAL = 0, EXTERNAL = 1 };
 enum PRIORITY { PRIORITY_0 = 0, PRIORITY_1 = 1 };
+/* Which of a span's names are heap copies of its own; and that both are the characters of the
+ * engine's strings, which live until the request has ended, the function's perhaps only because the
+ * span holds it. */
+enum KAQ_NAMES {
+	KAQ_OWNS_CLASS_NAME = 1,
+	KAQ_OWNS_FUNCTION_NAME = 2,
+	KAQ_ENGINE_NAMES = 4,
+	KAQ_HOLDS_FUNCTION_NAME = 8
+};
 enum kaq_node_state { KAQ_NODE_CREATED = 0, KAQ_NODE_OPEN = 1, KAQ_NODE_BUFFERED = 2 };
 
 #define KAQ_COMPONENT_SIZE 16
 #define KAQ_SPAN_ID_LENGTH 16
-#define KAQ_NAME_STORE_SIZE 80
-#define KAQ_NAME_STORE_PADDING 16
 #define KAQ_PHP_COMPONENT "PHP"
 
 struct _arg_data {
@@ -40,38 +51,34 @@ struct _arg_data {
 typedef struct kaq_function_info {
 	char *class_name; /* null for a plain function */
 	char *function_name;
+	struct _arg_data *arg_data; /* null until something is stored there */
 	char component_name[KAQ_COMPONENT_SIZE];
 	char span_id[KAQ_SPAN_ID_LENGTH + 1]; /* empty until assigned */
-	int type;                             /* ARG_TYPE */
-	int isFault;                          /* an exception hit this span */
-	int isError;                          /* an error hit this span */
-	int isExternal;
-	int isAsync;
-	int priority; /* PRIORITY */
-	struct _arg_data arg_data;
+	uint8_t names;                        /* bits of KAQ_NAMES */
+	uint8_t type;                         /* ARG_TYPE */
+	uint8_t isFault;                      /* an exception hit this span */
+	uint8_t isError;                      /* an error hit this span */
+	uint8_t isExternal;
+	uint8_t isAsync;
+	uint8_t priority; /* PRIORITY */
 } kaq_function;
 
 typedef struct kaq_node_info kaq_node;
 
 struct kaq_node_data {
 	int key;         /* index of the span in its request; 0 is the root */
-	int state;       /* kaq_node_state */
 	int child_count; /* children ever opened */
 	kaq_node *parent;
-	kaq_function function_info;
 	uint64_t start_time, end_time;
-	int is_necessary; /* decided at close: the span must be kept */
+	kaq_function function_info;
+	uint8_t state;        /* kaq_node_state */
+	uint8_t is_necessary; /* decided at close: the span must be kept */
 };
 
 struct kaq_node_info {
 	struct kaq_node_data data;
-	kaq_node *next;
 	uint16_t reuse; /* how often the record has been given back, modulo 65536 */
-	/* Short names live here, so that recording a call needs no allocation. Not cleared. Engine
-	 * strings are copied in steps of 8 bytes, so the size is a multiple of 8. */
-	char name_store[KAQ_NAME_STORE_SIZE];
-	/* Lets a name in the store be read in blocks of this size, past its end. */
-	char name_padding[KAQ_NAME_STORE_PADDING];
+	kaq_node *next;
 };
 
 /* Whether the span is a call of user code. */
@@ -79,10 +86,9 @@ static inline bool kaq_is_php_component(const kaq_function *fi) {
 	return memcmp(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT)) == 0;
 }
 
-/* Whether a name is stored in its span's record, so that it need not be freed. True for a null
- * name. */
-static inline bool kaq_is_stored_name(const kaq_node *node, const char *name) {
-	return !name || (name >= node->name_store && name < node->name_store + KAQ_NAME_STORE_SIZE);
+/* The engine's string that a span's name is the characters of. REQUIRES: KAQ_ENGINE_NAMES. */
+static inline zend_string *kaq_engine_string(const char *name) {
+	return (zend_string *)(name - offsetof(zend_string, val));
 }
 
 struct kaq_node_list {

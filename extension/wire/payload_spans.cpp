@@ -25,20 +25,10 @@ static void kaq_append_text(smart_str *out, const char (&key)[size], const char 
 	}
 }
 
-/* Short names, which are stored in the span's record, may be read in blocks. */
-static void kaq_append_stored_name(smart_str *out, const kaq_function *fi) {
-	char *end = kaq_buf_reserve(out, 32 + KAQ_JSON_ESCAPE_MAX(KAQ_NAME_STORE_SIZE));
-	end = kaq_put_literal(end, ",\"fn\":\"");
-	if (fi->class_name) {
-		end = kaq_json_escape_padded(end, fi->class_name);
-		end = kaq_put_literal(end, "::");
+static void kaq_append_function_name(smart_str *out, const kaq_function *fi) {
+	if (!fi->function_name) {
+		return;
 	}
-	end = kaq_json_escape_padded(end, fi->function_name);
-	*end++ = '"';
-	kaq_buf_commit(out, end);
-}
-
-static void kaq_append_unstored_name(smart_str *out, const kaq_function *fi) {
 	kaq_buf_literal(out, ",\"fn\":\"");
 	if (fi->class_name) {
 		kaq_append_as_json_compatible_string(out, fi->class_name);
@@ -48,19 +38,10 @@ static void kaq_append_unstored_name(smart_str *out, const kaq_function *fi) {
 	kaq_buf_literal(out, "\"");
 }
 
-static void kaq_append_function_name(smart_str *out, const kaq_node *node) {
-	const kaq_function *fi = &node->data.function_info;
-	if (!fi->function_name) {
+static void kaq_append_arg_data(smart_str *out, const struct _arg_data *arg) {
+	if (!arg) {
 		return;
 	}
-	if (kaq_is_stored_name(node, fi->function_name) && kaq_is_stored_name(node, fi->class_name)) {
-		kaq_append_stored_name(out, fi);
-	} else {
-		kaq_append_unstored_name(out, fi);
-	}
-}
-
-static void kaq_append_arg_data(smart_str *out, const struct _arg_data *arg) {
 	kaq_append_text(out, ",\"qs\":", arg->query);
 	kaq_append_nonzero(out, ",\"esc\":", arg->externalStatusCode);
 	kaq_append_text(out, ",\"hn\":", arg->dbconnectHost ? arg->dbconnectHost : arg->url);
@@ -111,16 +92,14 @@ static inline char *kaq_put_time(char *end, kaq_time_text *last, uint64_t ms) {
 	return end + last->length;
 }
 
-static void kaq_append_span_head(smart_str *out, const struct kaq_node_data *data,
-								 kaq_span_times *times) {
-	char *end = kaq_buf_reserve(out, KAQ_SPAN_HEAD_ROOM);
+static inline char *kaq_put_span_head(char *end, const struct kaq_node_data *data,
+									  kaq_span_times *times) {
 	end = kaq_put_literal(end, "\"st\":");
 	end = kaq_put_time(end, &times->start, data->start_time);
 	end = kaq_put_literal(end, ",\"et\":");
 	end = kaq_put_time(end, &times->end, data->end_time);
 	end = kaq_put_literal(end, ",\"mo\":");
-	end += kaq_format_i64(end, data->key);
-	kaq_buf_commit(out, end);
+	return end + kaq_format_i64(end, data->key);
 }
 
 static void kaq_append_component(smart_str *out, const kaq_function *fi) {
@@ -136,28 +115,61 @@ template <size_t size>
 static char *kaq_put_span_id(char *end, const char (&key)[size], const char *span_id) {
 	end = kaq_put_literal(end, key);
 	memcpy(end, span_id, KAQ_SPAN_ID_LENGTH);
-	end += strnlen(span_id, KAQ_SPAN_ID_LENGTH);
+	end += span_id[KAQ_SPAN_ID_LENGTH - 1] ? KAQ_SPAN_ID_LENGTH : strlen(span_id);
 	*end++ = '"';
 	return end;
 }
 
-static void kaq_append_span_ids(smart_str *out, const kaq_function *fi, const kaq_node *parent) {
-	char *end = kaq_buf_reserve(out, KAQ_SPAN_IDS_ROOM);
+static inline char *kaq_put_span_ids(char *end, const kaq_function *fi, const kaq_node *parent) {
 	if (fi->span_id[0]) {
 		end = kaq_put_span_id(end, ",\"si\":\"", fi->span_id);
 	}
 	if (parent && parent->data.function_info.span_id[0]) {
 		end = kaq_put_span_id(end, ",\"psi\":\"", parent->data.function_info.span_id);
 	}
+	return end;
+}
+
+/* Whether a span is a call of user code with nothing else to tell, as most are. */
+static inline bool kaq_is_plain(const kaq_function *fi) {
+	return (fi->names & KAQ_ENGINE_NAMES) && !fi->arg_data &&
+		   !(fi->priority | fi->isExternal | fi->isAsync | fi->isFault | fi->isError) &&
+		   kaq_is_php_component(fi);
+}
+
+/* The same members as below, all at once. */
+static void kaq_append_plain_span(const kaq_node *node, smart_str *out, kaq_span_times *times) {
+	const struct kaq_node_data *data = &node->data;
+	const kaq_function *fi = &data->function_info;
+	size_t length = ZSTR_LEN(kaq_engine_string(fi->function_name));
+	if (fi->class_name) {
+		length += ZSTR_LEN(kaq_engine_string(fi->class_name));
+	}
+	char *end = kaq_buf_reserve(out, KAQ_SPAN_HEAD_ROOM + KAQ_SPAN_IDS_ROOM +
+										 2 * KAQ_JSON_ESCAPE_MAX(0) + KAQ_JSON_ESCAPE_MAX(length));
+	end = kaq_put_span_head(end, data, times);
+	end = kaq_put_literal(end, ",\"fn\":\"");
+	if (fi->class_name) {
+		end = kaq_json_escape_words(end, fi->class_name);
+		end = kaq_put_literal(end, "::");
+	}
+	end = kaq_json_escape_words(end, fi->function_name);
+	end = kaq_put_literal(end, "\",\"cn\":\"" KAQ_PHP_COMPONENT "\"");
+	end = kaq_put_span_ids(end, fi, data->parent);
 	kaq_buf_commit(out, end);
 }
 
 static void kaq_append_span(const kaq_node *node, smart_str *out, kaq_span_times *times) {
 	const struct kaq_node_data *data = &node->data;
 	const kaq_function *fi = &data->function_info;
-	kaq_append_span_head(out, data, times);
+	if (kaq_is_plain(fi)) {
+		kaq_append_plain_span(node, out, times);
+		return;
+	}
+	char *end = kaq_buf_reserve(out, KAQ_SPAN_HEAD_ROOM);
+	kaq_buf_commit(out, kaq_put_span_head(end, data, times));
 	kaq_append_nonzero(out, ",\"pr\":", fi->priority);
-	kaq_append_function_name(out, node);
+	kaq_append_function_name(out, fi);
 	kaq_append_component(out, fi);
 	kaq_append_nonzero(out, ",\"ex\":", fi->isExternal);
 	if (fi->isAsync) {
@@ -165,8 +177,9 @@ static void kaq_append_span(const kaq_node *node, smart_str *out, kaq_span_times
 	}
 	kaq_append_nonzero(out, ",\"if\":", fi->isFault);
 	kaq_append_nonzero(out, ",\"ie\":", fi->isError);
-	kaq_append_span_ids(out, fi, data->parent);
-	kaq_append_arg_data(out, &fi->arg_data);
+	end = kaq_buf_reserve(out, KAQ_SPAN_IDS_ROOM);
+	kaq_buf_commit(out, kaq_put_span_ids(end, fi, data->parent));
+	kaq_append_arg_data(out, fi->arg_data);
 }
 
 static void kaq_append_root_span(const kaq_node *node, smart_str *out, kaq_span_times *times) {

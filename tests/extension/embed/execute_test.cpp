@@ -1,6 +1,7 @@
 /* The execute hook, the capture of a function's names, the root span and the CPU time. */
 #include "engine.h"
 
+#include <memory>
 #include <string.h>
 
 #include "spans/kaq_execute.h"
@@ -53,14 +54,16 @@ protected:
 	void TearDown() override {
 		g->control_signal = 0;
 		old_execute_ex = saved_;
+		kaq_free_node_buffer();
+		frames_.clear();
 		SpanTest::TearDown();
 	}
 
 	/* One call that lasts `duration_` ms. */
 	void call(const char *name = "f") {
-		Frame frame(nullptr, name);
-		expected_ = &frame.data;
-		kaq_execute_ex(&frame.data);
+		frames_.emplace_back(new Frame(nullptr, name));
+		expected_ = &frames_.back()->data;
+		kaq_execute_ex(expected_);
 	}
 
 	uint64_t duration_ = 50;
@@ -90,6 +93,7 @@ private:
 	}
 
 	static Execute *now_;
+	std::vector<std::unique_ptr<Frame>> frames_; /* functions live until their request has ended */
 	void (*saved_)(zend_execute_data *) = nullptr;
 };
 
@@ -216,11 +220,9 @@ TEST_P(Execute, SpanThatWasClosedDuringTheCallIsNotClosedAgain) {
 
 TEST_P(Execute, BailoutLeavesTheSpanOpen) {
 	bails_out_ = true;
-	Frame frame(nullptr, "f");
-	expected_ = &frame.data;
 	volatile bool caught = true;
 	zend_try {
-		kaq_execute_ex(&frame.data);
+		call();
 		caught = false;
 	}
 	zend_end_try();

@@ -15,7 +15,7 @@ protected:
 	}
 
 	std::string records() const {
-		const smart_str *text = &fi->arg_data.einfo;
+		const smart_str *text = &kaq_arguments_of(fi)->einfo;
 		return text->s ? std::string(ZSTR_VAL(text->s), ZSTR_LEN(text->s)) : "(none)";
 	}
 
@@ -63,17 +63,17 @@ TEST_F(FailureRecords, LineIsSignedAndTimeIsNot) {
 
 TEST_F(FailureRecords, RecordsEndAtSixteenMegabytes) {
 	g->failure_bytes = KAQ_MAX_FAILURE_BYTES - 1;
-	fi->arg_data.stacktrace = strdup("[1]");
+	kaq_arguments_of(fi)->stacktrace = strdup("[1]");
 	kaq_make_einfo(nullptr, nullptr, 0, 0, "Error", nullptr, fi);
-	size_t full = kaq_buf_length(&fi->arg_data.einfo);
+	size_t full = kaq_buf_length(&kaq_arguments_of(fi)->einfo);
 	EXPECT_LT(0u, full) << "the record that passes the mark is whole";
 	EXPECT_EQ(KAQ_MAX_FAILURE_BYTES - 1 + full, g->failure_bytes) << "the mark is the request's";
 	kaq_make_einfo(nullptr, nullptr, 0, 0, "Error", nullptr, fi);
-	EXPECT_EQ(full, kaq_buf_length(&fi->arg_data.einfo));
+	EXPECT_EQ(full, kaq_buf_length(&kaq_arguments_of(fi)->einfo));
 }
 
 TEST_F(FailureRecords, MessageThatIsLongerThanWhatIsLeftIsLeftOut) {
-	fi->arg_data.stacktrace = strdup("[1]");
+	kaq_arguments_of(fi)->stacktrace = strdup("[1]");
 	g->failure_bytes = KAQ_MAX_FAILURE_BYTES - 200;
 	std::string fits(100, 'm');
 	kaq_make_einfo(nullptr, nullptr, 1, 2, "Error", fits.c_str(), fi);
@@ -102,7 +102,7 @@ protected:
 		probe = record_one;
 		EXPECT_TRUE(run_php("if (!function_exists('caller')) { function caller() { probe(); } }"
 							"caller();"));
-		return fi->arg_data.stacktrace ? fi->arg_data.stacktrace : "";
+		return kaq_arguments_of(fi)->stacktrace ? kaq_arguments_of(fi)->stacktrace : "";
 	}
 };
 
@@ -124,7 +124,7 @@ TEST_F(Stacks, MessageThatCarriesAStackBringsNone) {
 }
 
 TEST_F(Stacks, StackOfTheSpanIsNotReplaced) {
-	fi->arg_data.stacktrace = strdup("[\"A\",\"b\",\"c\",1]");
+	kaq_arguments_of(fi)->stacktrace = strdup("[\"A\",\"b\",\"c\",1]");
 	EXPECT_EQ("[\"A\",\"b\",\"c\",1]", stack_after("broke"));
 }
 
@@ -133,10 +133,10 @@ TEST_F(Stacks, CountTowardsTheSixteenMegabytesAndEndThere) {
 	kaq_make_einfo(nullptr, nullptr, 0, 0, "Error", nullptr, fi);
 	EXPECT_EQ("", stack_after("broke")) << "the record was the last";
 	g->failure_bytes = 0;
-	size_t records_before = kaq_buf_length(&fi->arg_data.einfo);
+	size_t records_before = kaq_buf_length(&kaq_arguments_of(fi)->einfo);
 	std::string stack = stack_after("broke");
 	EXPECT_NE("", stack);
-	EXPECT_EQ(stack.size() + kaq_buf_length(&fi->arg_data.einfo) - records_before,
+	EXPECT_EQ(stack.size() + kaq_buf_length(&kaq_arguments_of(fi)->einfo) - records_before,
 			  g->failure_bytes);
 }
 
@@ -148,7 +148,7 @@ TEST_F(Stacks, AtTheMarkThereIsNeitherARecordNorAStack) {
 
 TEST_F(Stacks, OutsideOfAllCodeThereIsNone) {
 	kaq_make_stacktrace(fi);
-	EXPECT_EQ(nullptr, fi->arg_data.stacktrace);
+	EXPECT_EQ(nullptr, kaq_arguments_of(fi)->stacktrace);
 }
 
 static smart_str appended;

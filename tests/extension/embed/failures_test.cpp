@@ -79,7 +79,7 @@ protected:
 	}
 
 	std::string records() const {
-		const smart_str *text = &fi->arg_data.einfo;
+		const smart_str *text = &kaq_arguments_of(fi)->einfo;
 		return text->s ? std::string(ZSTR_VAL(text->s), ZSTR_LEN(text->s)) : "(none)";
 	}
 
@@ -134,12 +134,12 @@ static const Severity severities[] = {{E_NOTICE, 1, "Notice"},
 TEST_F(Failures, EachTypeHasItsSeverityAndLevel) {
 	for (const Severity &severity : severities) {
 		for (int track = -1; track <= 4; track++) {
-			kaq_buf_free(&fi->arg_data.einfo);
+			kaq_buf_free(&kaq_arguments_of(fi)->einfo);
 			fi->isError = fi->priority = g->error_count = 0;
 			g->track_errors = track;
 			report(severity.type);
 			bool is_recorded = track <= severity.lowest;
-			EXPECT_EQ(is_recorded, fi->arg_data.einfo.s != nullptr)
+			EXPECT_EQ(is_recorded, kaq_arguments_of(fi)->einfo.s != nullptr)
 				<< severity.type << " " << track;
 			EXPECT_EQ((int)is_recorded, fi->isError);
 			EXPECT_EQ(is_recorded ? PRIORITY_1 : PRIORITY_0, fi->priority);

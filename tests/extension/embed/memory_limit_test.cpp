@@ -67,7 +67,8 @@ TEST_F(MemoryLimit, StackTakenInASectionLeavesItOff) {
 	kaq_make_stacktrace(&fi);
 	EXPECT_TRUE(run_php(TAKE_TOO_MUCH));
 	kaq_memory_limit_restore();
-	free(fi.arg_data.stacktrace);
+	free(fi.arg_data->stacktrace);
+	free(fi.arg_data);
 }
 
 TEST_F(MemoryLimit, UnwindingEndsTheSectionsAboveAndNoOther) {

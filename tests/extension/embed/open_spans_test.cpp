@@ -150,6 +150,31 @@ TEST_F(OpenSpans, MagicCallBearsTheNameThatWasCalled) {
 	EXPECT_EQ("1 A::soMagic5", lines[1].substr(0, lines[1].find('<')));
 }
 
+TEST_F(OpenSpans, NameThatASpanHoldsIsGivenBackAtRequestEnd) {
+	ASSERT_TRUE(run_php("class A { function __call($name, $arguments) { probe(); } }"
+						"$name = str_repeat('held', 9); (new A)->$name();"));
+	kaq_close_open_nodes();
+	const kaq_node *held = g->node_buffer->head;
+	while (held && !(held->data.function_info.names & KAQ_HOLDS_FUNCTION_NAME)) {
+		held = held->next;
+	}
+	ASSERT_NE(nullptr, held);
+	zend_string *name = kaq_engine_string(held->data.function_info.function_name);
+	zend_string_addref(name);
+	uint32_t before = GC_REFCOUNT(name);
+	kaq_free_node_buffer();
+	EXPECT_EQ(before - 1, GC_REFCOUNT(name));
+	zend_string_release(name);
+}
+
+TEST_F(OpenSpans, NameThatASpanHoldsIsForgottenWithARequestThatWasNotEnded) {
+	ASSERT_TRUE(run_php("class A { function __call($name, $arguments) { probe(); } }"
+						"$name = str_repeat('held', 9); (new A)->$name();"));
+	skip_request_end();
+	start_request();
+	EXPECT_EQ(nullptr, g->node_buffer->head);
+}
+
 TEST_F(OpenSpans, FunctionOfEvaldCodeKeepsItsName) {
 	ASSERT_TRUE(run_php("eval('function in_eval() { probe(); }'); in_eval();"
 						"eval('class InEval { function b() { probe(); } } (new InEval)->b();');"));

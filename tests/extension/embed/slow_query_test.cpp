@@ -40,7 +40,7 @@ private:
 		g->control_signal = 1;
 		kaq_instrument_delegate(&record, EG(current_execute_data), &result);
 		g->control_signal = 0;
-		const char *trace = node_->data.function_info.arg_data.stacktrace;
+		const char *trace = kaq_arguments_of(&node_->data.function_info)->stacktrace;
 		trace_ = trace ? trace : "";
 	}
 
@@ -51,7 +51,7 @@ private:
 		kaq_copy_function_info(fi, nullptr, "query", component_, EXTERNAL);
 		fi->type = type_;
 		fi->priority = PRIORITY_1;
-		fi->arg_data.stacktrace = earlier_trace_ ? strdup(earlier_trace_) : nullptr;
+		kaq_arguments_of(fi)->stacktrace = earlier_trace_ ? strdup(earlier_trace_) : nullptr;
 		if (with_child_) {
 			span_of("child", 50);
 		}

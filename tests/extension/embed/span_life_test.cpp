@@ -15,10 +15,10 @@ static void fill_every_text(kaq_node *node) {
 	kaq_set_method_dbname(fi, "shop");
 	kaq_set_method_url(fi, "http://h/");
 	kaq_set_method_dbquery(fi, "SELECT 1");
-	fi->arg_data.externalReqHeaders = strdup("{}");
-	fi->arg_data.externalResHeaders = strdup("{}");
-	fi->arg_data.stacktrace = strdup("[]");
-	kaq_buf_literal(&fi->arg_data.einfo, "{}");
+	kaq_arguments_of(fi)->externalReqHeaders = strdup("{}");
+	kaq_arguments_of(fi)->externalResHeaders = strdup("{}");
+	kaq_arguments_of(fi)->stacktrace = strdup("[]");
+	kaq_buf_literal(&kaq_arguments_of(fi)->einfo, "{}");
 }
 
 TEST_F(SpanLife, NewSpanIsAllZeroWithoutParentOrLink) {

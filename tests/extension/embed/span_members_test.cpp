@@ -15,7 +15,7 @@ protected:
 		node->data.start_time = 1700000000001;
 		node->data.end_time = 1700000000051;
 		fi = &node->data.function_info;
-		arg = &fi->arg_data;
+		arg = kaq_arguments_of(fi);
 	}
 
 	void TearDown() override {

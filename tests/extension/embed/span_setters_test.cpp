@@ -7,7 +7,7 @@ protected:
 		SpanTest::SetUp();
 		node = open_span("call");
 		fi = &node->data.function_info;
-		arg = &fi->arg_data;
+		arg = kaq_arguments_of(fi);
 	}
 
 	kaq_node *node = nullptr;

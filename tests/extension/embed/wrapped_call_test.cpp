@@ -14,7 +14,8 @@ static std::string text_of(const char *text) {
 
 /* What a span tells of its call. */
 static std::string told_by(const kaq_function *fi) {
-	const struct _arg_data *data = &fi->arg_data;
+	static const struct _arg_data nothing = {};
+	const struct _arg_data *data = fi->arg_data ? fi->arg_data : &nothing;
 	return "type " + std::to_string(fi->type) + " query " + text_of(data->query) + " host " +
 		   text_of(data->dbconnectHost) + " port " + std::to_string(data->dbconnectPort) + " db " +
 		   text_of(data->dbname);

@@ -160,38 +160,39 @@ TEST(JsonEscape, LongText) {
 	EXPECT_TRUE(escaped(text) == reference(text));
 }
 
-/* 16 readable bytes from the NUL on and not one more; what follows it must not show. */
-std::string escaped_padded(const std::string &text, char behind) {
+/* Readable in steps of 8 bytes and not one byte more; what follows the NUL must not show. */
+std::string escaped_in_words(const std::string &text, char behind) {
 	size_t size = text.size();
-	std::unique_ptr<char[]> in(new char[size + 16]);
+	size_t readable = (size / 8 + 1) * 8;
+	std::unique_ptr<char[]> in(new char[readable]);
+	memset(in.get(), behind, readable);
 	memcpy(in.get(), text.data(), size);
-	memset(in.get() + size, behind, 16);
 	in[size] = '\0';
 	std::unique_ptr<char[]> out(new char[KAQ_JSON_ESCAPE_MAX(size)]);
-	return std::string(out.get(), kaq_json_escape_padded(out.get(), in.get()));
+	return std::string(out.get(), kaq_json_escape_words(out.get(), in.get()));
 }
 
-TEST(JsonEscapePadded, EveryByteAtEveryPlaceOfTwoBlocks) {
+TEST(JsonEscapeWords, EveryByteAtEveryPlaceOfFiveSteps) {
 	for (size_t size = 0; size <= 40; size++) {
-		ASSERT_EQ(std::string(size, 'a'), escaped_padded(std::string(size, 'a'), '"'));
+		ASSERT_EQ(std::string(size, 'a'), escaped_in_words(std::string(size, 'a'), '"'));
 		for (size_t place = 0; place < size; place++) {
 			for (int byte = 1; byte < 256; byte++) {
 				std::string text(size, 'a');
 				text[place] = (char)byte;
-				ASSERT_EQ(reference(text), escaped_padded(text, 'b'));
+				ASSERT_EQ(reference(text), escaped_in_words(text, 'b'));
 			}
 		}
 	}
 }
 
-TEST(JsonEscapePadded, RandomTexts) {
+TEST(JsonEscapeWords, RandomTexts) {
 	std::mt19937 random(11);
 	for (int i = 0; i < 20000; i++) {
 		std::string text(random() % 80, ' ');
 		for (char &c : text) {
 			c = (char)(random() % 2 != 0 ? 1 + random() % 255 : "\\/\"\x01x"[random() % 5]);
 		}
-		ASSERT_EQ(reference(text), escaped_padded(text, '\0'));
+		ASSERT_EQ(reference(text), escaped_in_words(text, '\0'));
 	}
 }
 
