@@ -49,6 +49,24 @@ static uint64_t now_ns(void) {
 	return (uint64_t)now.tv_sec * 1000000000 + (uint64_t)now.tv_nsec;
 }
 
+/* The characters of a string of the engine, as a function has its name. */
+static char *engine_text(const char *text) {
+	return text ? ZSTR_VAL(zend_string_init(text, strlen(text), 0)) : nullptr;
+}
+
+/* Names a span as the execute hook does. */
+static void name_user_call(kaq_function *fi, int index) {
+	static char *class_names[sizeof CALLS / sizeof CALLS[0]];
+	static char *function_names[sizeof CALLS / sizeof CALLS[0]];
+	size_t call = (size_t)index % (sizeof CALLS / sizeof CALLS[0]);
+	if (!function_names[call]) {
+		class_names[call] = engine_text(CALLS[call].class_name);
+		function_names[call] = engine_text(CALLS[call].function_name);
+	}
+	kaq_name_wrapped_call(fi, class_names[call], function_names[call], KAQ_PHP_COMPONENT, INTERNAL);
+	fi->names = KAQ_ENGINE_NAMES;
+}
+
 static kaq_node *open_span(int index) {
 	kaq_node *node = kaq_create_new_node();
 	kaq_function *fi = &node->data.function_info;
@@ -60,9 +78,7 @@ static kaq_node *open_span(int index) {
 		kaq_set_method_url(fi, "http://stock.example/api/v2/items?sku=4711&lang=en");
 		kaq_set_external_call_status(fi, 200);
 	} else {
-		const call_name *name = &CALLS[index % (int)(sizeof CALLS / sizeof CALLS[0])];
-		kaq_copy_function_info(fi, name->class_name, name->function_name, KAQ_PHP_COMPONENT,
-							   INTERNAL);
+		name_user_call(fi, index);
 	}
 	kaq_open_node(node);
 	return node;

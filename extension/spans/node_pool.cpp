@@ -4,20 +4,24 @@
 
 static void kaq_pool_add_slab(kaq_node_pool *pool, kaq_slab *slab) {
 	for (int i = KAQ_SLAB_RECORDS - 1; i >= 0; i--) {
+		slab->records[i].data.state = KAQ_NODE_CREATED;
 		slab->records[i].next = pool->free_list;
 		pool->free_list = &slab->records[i];
 	}
 }
 
-kaq_node *kaq_pool_take_slow(kaq_node_pool *pool) {
-	kaq_slab *slab = (kaq_slab *)calloc(1, sizeof(kaq_slab));
+bool kaq_pool_grow(kaq_node_pool *pool) {
+	kaq_slab *slab = (kaq_slab *)malloc(sizeof(kaq_slab));
 	if (!slab) {
-		return nullptr;
+		return false;
+	}
+	for (kaq_node &node : slab->records) {
+		node.reuse = 0;
 	}
 	slab->next = pool->slabs;
 	pool->slabs = slab;
 	kaq_pool_add_slab(pool, slab);
-	return kaq_pool_take(pool);
+	return true;
 }
 
 void kaq_pool_for_each_open(kaq_node_pool *pool, void (*visit)(kaq_node_pool *, kaq_node *)) {

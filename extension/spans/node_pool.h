@@ -1,7 +1,7 @@
 /*
  * The span records of one thread: carved from slabs, recycled through a free list, so that a
- * recorded call costs no allocation. A record in the free list is all zero except for its link and
- * its reuse count.
+ * recorded call costs no allocation. Of a record in the free list only its link, its reuse count
+ * and its state, which is not open, mean anything.
  *
  * The pool owns the records' memory only; the texts that a span owns are freed by kaq_free_node()
  * before the record comes back.
@@ -14,19 +14,6 @@
 
 /* Slabs that a thread keeps from one request to the next. */
 #define KAQ_SLABS_KEPT 48
-
-/* A zeroed record, or null when memory is short. */
-kaq_node *kaq_pool_take_slow(kaq_node_pool *pool);
-
-static inline kaq_node *kaq_pool_take(kaq_node_pool *pool) {
-	kaq_node *node = pool->free_list;
-	if (__builtin_expect(!node, 0)) {
-		return kaq_pool_take_slow(pool);
-	}
-	pool->free_list = node->next;
-	node->next = nullptr;
-	return node;
-}
 
 /* Not memset: for this size the compiler would choose a string instruction, which is slow to
  * start. */
@@ -43,9 +30,24 @@ static inline void kaq_clear_node_data(struct kaq_node_data *data) {
 	}
 }
 
+/* Adds records to the free list; false when memory is short. */
+bool kaq_pool_grow(kaq_node_pool *pool);
+
+/* A zeroed record, or null when memory is short. */
+static inline kaq_node *kaq_pool_take(kaq_node_pool *pool) {
+	if (__builtin_expect(!pool->free_list, 0) && !kaq_pool_grow(pool)) {
+		return nullptr;
+	}
+	kaq_node *node = pool->free_list;
+	pool->free_list = node->next;
+	kaq_clear_node_data(&node->data);
+	node->next = nullptr;
+	return node;
+}
+
 /* Makes the record available again. REQUIRES: the texts that its span owned are freed. */
 static inline void kaq_pool_give_back(kaq_node_pool *pool, kaq_node *node) {
-	kaq_clear_node_data(&node->data);
+	node->data.state = KAQ_NODE_CREATED;
 	node->reuse++;
 	node->next = pool->free_list;
 	pool->free_list = node;

@@ -1,0 +1,206 @@
+"""Random programs of every kind of call, with errors, exceptions and wrapped calls in between,
+against a model in which each call has its span from the start. The seed is part of the test's
+name."""
+import os
+import random
+import re
+
+import pytest
+
+KEEP, DROP = "0", "99999"
+SEEDS = [int(seed) for seed in os.environ.get("KAQ_WIRE_SEEDS", "").split()] or list(range(40))
+MOST_ERRORS = 10
+
+NOTICE, THROW, WRAPPED = "notice", "throw", "wrapped"
+STATEMENTS = {
+    NOTICE: "trigger_error('x', E_USER_NOTICE); ",
+    THROW: "try { throw new Exception('x'); } catch (Exception $e) {} ",
+    WRAPPED: "curl_multi_close(curl_multi_init()); ",
+}
+
+
+class Call:
+    """One call: what it does, in order, and the threshold that holds when it ends."""
+
+    def __init__(self, number, kind, steps, threshold):
+        self.number, self.kind, self.steps, self.threshold = number, kind, steps, threshold
+
+    def body(self):
+        steps = [step.statement() if isinstance(step, Call) else STATEMENTS[step]
+                 for step in self.steps]
+        return "{ %sini_set('kaq.method_threshold', '%s'); }" % ("".join(steps), self.threshold)
+
+    def statement(self):
+        return {
+            "function": "f%d(); ",
+            "static": "C%d::run(); ",
+            "method": "(new C%d)->run(); ",
+            "closure": "$f = closure%d(); $f(); unset($f); ",
+            "callback": "array_map('f%d', array(1)); ",
+            "evald": "eval('e%d();'); ",
+            "magic": "$name = 'run' . mt_rand(7, 7); (new C%d)->$name(); ",
+        }[self.kind] % self.number
+
+    def definition(self):
+        number, body = self.number, self.body()
+        text = {
+            "function": "function f%d() %s",
+            "static": "class C%d { static function run() %s }",
+            "method": "class C%d { function run() %s }",
+            # The function that makes it is a short call of its own.
+            "closure": "function closure%d() { return function () %s; }",
+            "callback": "function f%d() %s",
+            "magic": "class C%d { function __call($name, $arguments) %s }",
+        }
+        if self.kind == "evald":
+            source = "function e%d() %s" % (number, body)
+            return "eval('%s');" % source.replace("\\", "\\\\").replace("'", "\\'")
+        return text[self.kind] % (number, body)
+
+    def everything(self):
+        return self.definition() + "\n" + "".join(step.everything() for step in self.steps
+                                                  if isinstance(step, Call))
+
+    def name(self):
+        return {"function": "f%d", "static": "C%d::run", "method": "C%d::run",
+                "closure": "{closure}", "callback": "f%d", "evald": "e%d",
+                "magic": "C%d::__call"}[self.kind] % (
+                    () if self.kind == "closure" else (self.number,))
+
+
+KINDS = ("function", "function", "static", "method", "closure", "callback", "evald", "magic")
+
+
+def random_steps(chance, depth, numbers):
+    count = chance.choice((0, 1, 1, 2, 3, 4)) if depth else chance.randint(2, 6)
+    if depth > 10 or numbers[0] > 120:
+        count = 0
+    steps = []
+    for _ in range(count):
+        kind = chance.choice((NOTICE, THROW, WRAPPED) + ("call",) * 9)
+        if kind != "call":
+            steps.append(kind)
+            continue
+        numbers[0] += 1
+        number = numbers[0]
+        steps.append(Call(number, chance.choice(KINDS), random_steps(chance, depth + 1, numbers),
+                          chance.choice((KEEP, DROP, DROP, DROP))))
+    return steps
+
+
+class Recorded:
+    def __init__(self, name, parent, key):
+        self.name, self.parent, self.key = name, parent, key
+        self.child_count, self.marked, self.necessary = 0, False, True
+        self.fault, self.error = 0, 0
+
+
+class Model:
+    """The rules for opening, marking, closing and pruning, for calls that take no time."""
+
+    def __init__(self, limit):
+        self.limit, self.next_key, self.errors, self.stored = limit, 0, 0, []
+        self.threshold = DROP
+        self.root = self.open("main", None)
+        self.root.marked = True
+
+    def open(self, name, parent):
+        span = Recorded(name, parent, self.next_key)
+        self.next_key += 1
+        if parent:
+            parent.child_count += 1
+        return span
+
+    def close(self, span):
+        span.necessary = span.marked or self.threshold == KEEP
+        if self.next_key == span.key + 1 and not span.necessary and span.key != 0:
+            self.next_key -= 1
+            return
+        self.stored.append(span)
+
+    def call(self, name, parent, run):
+        """One span around what `run` does with it, or none when the limit is reached."""
+        span = self.open(name, parent) if len(self.stored) < self.limit else None
+        run(span or parent)
+        if span:
+            self.close(span)
+
+    def wrapped(self, parent, name):
+        def mark(span):
+            span.marked = True
+        if len(self.stored) < self.limit:
+            self.call(name, parent, mark)
+
+    def step(self, step, span):
+        if step == NOTICE:
+            if self.errors < MOST_ERRORS:
+                self.errors += 1
+                span.marked, span.error = True, 1
+        elif step == THROW:
+            span.marked, span.fault = True, 1
+        elif step == WRAPPED:
+            self.wrapped(span, "curl_multi_init")
+            self.wrapped(span, "curl_multi_close")
+        else:
+            self.run_call(step, span)
+
+    def run_call(self, call, parent):
+        def body(span):
+            for step in call.steps:
+                self.step(step, span)
+            self.threshold = call.threshold
+
+        def by_magic(span):
+            self.call(call.name(), span, body)
+
+        if call.kind == "closure":
+            self.call("closure%d" % call.number, parent, lambda span: None)
+        if call.kind == "magic":
+            self.call("C%d::run7" % call.number, parent, by_magic)
+        else:
+            self.call(call.name(), parent, body)
+
+    def prune(self):
+        kept = {id(span) for span in self.stored if span is self.root or span.necessary
+                or (span.parent is not None and span.parent.child_count >= 2)}
+        for span in self.stored:
+            if span.parent is not None:
+                while id(span.parent) not in kept:
+                    span.parent = span.parent.parent
+        self.stored = [span for span in self.stored if id(span) in kept]
+
+    def rows(self):
+        ordered = sorted(self.stored, key=lambda span: span.key)
+        positions = {id(span): position for position, span in enumerate(ordered)}
+        return [(span.name, positions.get(id(span.parent)), span.fault, span.error)
+                for span in ordered]
+
+
+def plain_name(name):
+    """Newer engines tell where a closure stands."""
+    return re.sub(r"\{closure.*\}", "{closure}", name)
+
+
+@pytest.mark.parametrize("seed", SEEDS)
+def test_random_program_is_recorded_like_the_model(wire, collector, seed):
+    chance = random.Random(seed)
+    steps = random_steps(chance, 0, [0])
+    limit = chance.choice((10000, 10000, 10000, 40, 5))
+    pruned = chance.random() < 0.6
+    model = Model(limit)
+    for step in steps:
+        model.step(step, model.root)
+    model.close(model.root)
+    if pruned:
+        model.prune()
+    main = "".join(step.statement() if isinstance(step, Call) else STATEMENTS[step]
+                   for step in steps)
+    source = "".join(step.everything() for step in steps if isinstance(step, Call)) + main
+    ran = wire.cli("error_reporting(E_ALL); ini_set('display_errors', '0'); " + source,
+                   settings={"kaq.method_threshold": DROP, "kaq.span_limit": limit,
+                             "kaq.prune_intermediate_spans": int(pruned), "kaq.track_errors": 1})
+    assert ran.status == 0, ran.stderr
+    spans = collector.payload.spans
+    positions = {span["si"]: position for position, span in enumerate(spans)}
+    assert [(plain_name(span["fn"]), positions.get(span.get("psi")), span.get("if", 0),
+             span.get("ie", 0)) for span in spans] == model.rows()
