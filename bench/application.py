@@ -22,7 +22,7 @@ COUNTED = (BARE, CHAIN, GATED, UNMONITORED, DROPPED)
 # A title, the size of an iteration where it is timed, and where its instructions are counted.
 KINDS = {
     "parser": ("PHP-Parser reads and prints its sources", 100000, 15000),
-    "templates": ("Smarty renders pages of a shop", 40, 3),
+    "templates": ("Smarty renders pages of a shop", 40, 10),
 }
 ITERATIONS = 12
 # What keeps or writes something for every call.

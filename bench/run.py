@@ -59,7 +59,7 @@ def run_application(setup, figures, count):
         return {"%s, opcache %s" % (kind, "on" if opcache else "off"): figure
                 for (kind, opcache), figure in by_key.items()}
 
-    times = application.time_libraries(setup, 3 if setup.quick else 20)
+    times = application.time_libraries(setup, 3 if setup.quick else 15)
     library_report.print_times(times)
     figures["application_us"] = named(times)
     if count:
