@@ -86,12 +86,22 @@ class Library:
         return command + [setup.script(kind + ".php"), self._paths[kind], str(size),
                           str(iterations), compiled]
 
+    @staticmethod
+    def _output(variant, command):
+        environment = dict(os.environ, BENCH_PROFILER=variant)
+        for _ in range(3 if variant in PROFILERS else 1):
+            done = harness.child(command, environment=environment)
+            if done.returncode == 0:
+                return done.stdout
+            # Some crash now and then when the process ends.
+            harness.progress("%s ended with %d" % (variant, done.returncode))
+        raise BenchError("%s ended with %d: %s" % (" ".join(command), done.returncode,
+                                                   (done.stderr or done.stdout)[-400:]))
+
     def run(self, variant, kind, opcache, size, iterations):
         """Calls of an iteration, its us of processor time (median, user and system on average), and
         the checksum of what it gave."""
-        environment = dict(os.environ, BENCH_PROFILER=variant)
-        text = harness.output(self.command(variant, kind, opcache, size, iterations),
-                              environment=environment)
+        text = self._output(variant, self.command(variant, kind, opcache, size, iterations))
         found = re.fullmatch(r"(\d+) (\S+) (\S+) (\S+) ([0-9a-f]{32})\n", text)
         if not found:
             raise BenchError("%s, %s: %r" % (kind, variant, text[-200:]))

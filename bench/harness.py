@@ -141,9 +141,9 @@ def child(command, seconds=CHILD_SECONDS, environment=None):
                           env=environment, preexec_fn=_usual_stack)
 
 
-def output(command, seconds=CHILD_SECONDS, environment=None):
+def output(command, seconds=CHILD_SECONDS):
     """The standard output of a program that has to succeed."""
-    done = child(command, seconds, environment)
+    done = child(command, seconds)
     if done.returncode != 0:
         raise BenchError("%s ended with %d: %s" % (" ".join(command), done.returncode,
                                                    (done.stderr or done.stdout)[-400:]))

@@ -56,6 +56,9 @@ function measure($iterations, $work)
             exit('an iteration gave something else');
         }
     }
+    if ($profiler) {
+        $profiler->stop();
+    }
     $calls = $counts ? (probe_calls() - $calls) / $iterations : 0;
     printf("%d %.1f %.1f %.1f %s\n", $calls, median($times), ($end[0] - $begin[0]) / $iterations,
         ($end[1] - $begin[1]) / $iterations, $sum);
