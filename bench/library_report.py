@@ -22,6 +22,11 @@ def _interval(values):
     return "%9.2f %20s" % (median, "[%.2f, %.2f]" % (low, high))
 
 
+def _per_call(values, calls):
+    """Milliseconds as ns per call."""
+    return [None if value is None else value * 1e6 / calls for value in values]
+
+
 def _table(figure):
     """Milliseconds per iteration, and ns per call above the hook that only chains."""
     calls = figure["calls"]
@@ -32,15 +37,15 @@ def _table(figure):
     print("  %-28s %8s %8s %8s %8s  %9s %20s"
           % ("", "", "ms", "ms", "median", "to chain", "95 % interval"))
     for variant, rounds in times.items():
-        above = harness.difference(rounds, times[CHAIN])
-        per_call = [value and value * 1e6 / calls for value in above]
+        above = _per_call(harness.difference(rounds, times[CHAIN]), calls)
         print("  %-28s %8.2f %8.2f %8.2f %8.3f  %s"
               % (TITLES[variant], min(rounds), statistics.median(rounds),
                  statistics.median(values[1] / 1e3 for values in figure["times"][variant]),
-                 harness.ratios(rounds, times[BARE])[0], _interval(per_call)))
+                 harness.ratios(rounds, times[BARE])[0], _interval(above)))
     for over, under in PAIRS:
-        low_to_high = _interval(harness.difference(times[over], times[under]))
-        print("  %-64s ms %s" % ("%s - %s" % (TITLES[over], TITLES[under]), low_to_high))
+        added = harness.difference(times[over], times[under])
+        print("  %-54s ms  %s" % ("%s - %s" % (TITLES[over], TITLES[under]), _interval(added)))
+        print("  %-54s ns  %s" % ("    for each call", _interval(_per_call(added, calls))))
 
 
 def print_times(figures):
