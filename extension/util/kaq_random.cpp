@@ -1,8 +1,10 @@
 #include "util/kaq_random.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/random.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -39,6 +41,20 @@ static uint64_t kaq_seed_now(void) {
 						   (uint64_t)syscall(SYS_gettid), getpid());
 }
 
+/* Returns 1 when all `n` bytes came from the system. It hands out less than it was asked for when a
+ * signal arrives. Early after boot it would wait, which the device does not. */
+static int kaq_ask_system(kaq_getrandom_fn system, unsigned char *bytes, size_t n) {
+	size_t got = 0;
+	while (got < n) {
+		ssize_t count = system(bytes + got, n - got, GRND_NONBLOCK);
+		if (count == 0 || (count < 0 && errno != EINTR)) {
+			return 0;
+		}
+		got += count < 0 ? 0 : (size_t)count;
+	}
+	return 1;
+}
+
 /* Returns 1 when all `n` bytes came from the device. */
 static int kaq_read_device(const char *device, unsigned char *bytes, size_t n) {
 	FILE *file = fopen(device, "rbe");
@@ -52,7 +68,15 @@ static int kaq_read_device(const char *device, unsigned char *bytes, size_t n) {
 	return got == n;
 }
 
-void kaq_random_hex_from(const char *device, int64_t length, char *buffer) {
+static void kaq_fill(kaq_getrandom_fn system, const char *device, unsigned char *bytes, size_t n) {
+	if ((system == nullptr || !kaq_ask_system(system, bytes, n)) &&
+		!kaq_read_device(device, bytes, n)) {
+		kaq_random_fallback(kaq_seed_now(), bytes, n);
+	}
+}
+
+void kaq_random_hex_from(kaq_getrandom_fn system, const char *device, int64_t length,
+						 char *buffer) {
 	if (buffer == nullptr || length < 1) {
 		return;
 	}
@@ -66,9 +90,7 @@ void kaq_random_hex_from(const char *device, int64_t length, char *buffer) {
 			return;
 		}
 	}
-	if (!kaq_read_device(device, bytes, n)) {
-		kaq_random_fallback(kaq_seed_now(), bytes, n);
-	}
+	kaq_fill(system, device, bytes, n);
 	for (size_t i = 0; i < chars / 2; i++) {
 		buffer[2 * i] = DIGITS[bytes[i] >> 4];
 		buffer[2 * i + 1] = DIGITS[bytes[i] & 15];
@@ -83,7 +105,7 @@ void kaq_random_hex_from(const char *device, int64_t length, char *buffer) {
 }
 
 void kaq_random_hex_logic(int64_t length, char *buffer) {
-	kaq_random_hex_from(DEVICE, length, buffer);
+	kaq_random_hex_from(getrandom, DEVICE, length, buffer);
 }
 
 void kaq_random_hex(int64_t length, char *buffer) {

@@ -1,7 +1,8 @@
 /*
  * Random lowercase hexadecimal characters: the only source of trace and span identifiers.
  *
- * The bytes come from /dev/urandom, opened anew for each call. Where it cannot be read in full, a
+ * The bytes come from the system's getrandom(); where that is missing, forbidden or not ready, from
+ * /dev/urandom, opened anew for each call. Where that cannot be read in full either, a
  * deterministic generator seeded from clock, thread and process replaces all of them, so an
  * identifier always comes out. No state between calls; any thread. A caller that needs many
  * identifiers asks once for all their characters and cuts the text into pieces.
@@ -10,6 +11,10 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
+
+/* Signature of getrandom. */
+typedef ssize_t (*kaq_getrandom_fn)(void *bytes, size_t n, unsigned flags);
 
 /*
  * Clears the length + 1 bytes at `buffer`, then fills them as kaq_random_hex_logic does.
@@ -27,8 +32,9 @@ void kaq_random_hex(int64_t length, char *buffer);
  */
 void kaq_random_hex_logic(int64_t length, char *buffer);
 
-/* kaq_random_hex_logic with the random bytes from the file `device`. */
-void kaq_random_hex_from(const char *device, int64_t length, char *buffer);
+/* kaq_random_hex_logic with the random bytes from `system`, unless it is null, or from the file
+ * `device`. */
+void kaq_random_hex_from(kaq_getrandom_fn system, const char *device, int64_t length, char *buffer);
 
 /*
  * Seed of the replacement generator: real-time clock in seconds and nanoseconds, kernel thread id

@@ -110,10 +110,10 @@ int kaq_connect(int fd, const char *address, int port) {
 	return errno == EINTR ? kaq_await_connected(fd, deadline) : -1;
 }
 
-ssize_t kaq_write_once(int fd, const char *text, size_t len) {
-	uint64_t deadline = kaq_monotonic_ms() + KAQ_WRITE_TIMEOUT_MS;
+/* Writes what the system does not take at once. */
+static ssize_t kaq_write_rest(int fd, const char *text, size_t len, uint64_t deadline) {
+	ssize_t taken = -1;
 	int left = KAQ_WRITE_TIMEOUT_MS;
-	ssize_t taken;
 	do {
 		if (kaq_bound_next_call(fd, left) != 0) {
 			return -1;
@@ -122,4 +122,19 @@ ssize_t kaq_write_once(int fd, const char *text, size_t len) {
 		left = kaq_remaining_ms(deadline);
 	} while (taken < 0 && errno == EINTR && left > 0);
 	return taken;
+}
+
+/* A usual text goes at once, which needs no time-out. */
+ssize_t kaq_write_once(int fd, const char *text, size_t len) {
+	uint64_t deadline = kaq_monotonic_ms() + KAQ_WRITE_TIMEOUT_MS;
+	ssize_t at_once = send(fd, text, len, MSG_NOSIGNAL | MSG_DONTWAIT);
+	if (at_once == (ssize_t)len || (at_once < 0 && errno != EAGAIN && errno != EINTR)) {
+		return at_once;
+	}
+	size_t taken = at_once < 0 ? 0 : (size_t)at_once;
+	ssize_t rest = kaq_write_rest(fd, text + taken, len - taken, deadline);
+	if (taken == 0) {
+		return rest;
+	}
+	return rest < 0 ? at_once : at_once + rest;
 }

@@ -56,7 +56,8 @@ int kaq_open_socket(void);
 int kaq_connect(int fd, const char *address, int port);
 
 /*
- * Writes `text` with one send that takes at most KAQ_WRITE_TIMEOUT_MS. Returns the number of bytes
- * that the system took (a short write is not continued), or -1 when it took none.
+ * Writes `text`: what the system takes at once, and the rest with one send that takes at most
+ * KAQ_WRITE_TIMEOUT_MS. Returns the number of bytes that the system took (when that send is cut
+ * short it is not continued), or -1 when it took none.
  */
 ssize_t kaq_write_once(int fd, const char *text, size_t len);

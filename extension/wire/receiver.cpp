@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "util/kaq_clock.h"
@@ -29,6 +30,20 @@ static ssize_t kaq_read_until(int fd, char *into, size_t room, uint64_t deadline
 			return -1;
 		}
 	}
+}
+
+/* Sleeps until the answer is at its end or fills the room: a usual one is read by this call. What
+ * has come when a signal or the time-out ends it counts as read. */
+static ssize_t kaq_read_first(int fd, char *into, size_t room, uint64_t deadline) {
+	struct timeval timeout = {KAQ_ANSWER_TIMEOUT_MS / 1000,
+							  (suseconds_t)(KAQ_ANSWER_TIMEOUT_MS % 1000) * 1000};
+	if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0) {
+		ssize_t count = recv(fd, into, room, MSG_WAITALL);
+		if (count >= 0 || (errno != EAGAIN && errno != EINTR)) {
+			return count;
+		}
+	}
+	return kaq_read_until(fd, into, room, deadline);
 }
 
 static char *kaq_new_buffer(void) {
@@ -72,13 +87,8 @@ char *kaq_read_answer(int fd, size_t limit, kaq_grow_fn grow) {
 	if (answer.text == nullptr) {
 		return nullptr;
 	}
-	for (;;) {
-		size_t room = answer.size - answer.used - 1;
-		ssize_t count = kaq_read_until(fd, answer.text + answer.used,
-									   room < READ_SIZE ? room : READ_SIZE, deadline);
-		if (count == 0) {
-			break;
-		}
+	ssize_t count = kaq_read_first(fd, answer.text, READ_SIZE - 1, deadline);
+	while (count != 0) {
 		if (count < 0 || answer.used + (size_t)count > limit) {
 			client_error("error read");
 			answer.used = 0;
@@ -89,6 +99,9 @@ char *kaq_read_answer(int fd, size_t limit, kaq_grow_fn grow) {
 			free(answer.text);
 			return nullptr;
 		}
+		size_t room = answer.size - answer.used - 1;
+		count = kaq_read_until(fd, answer.text + answer.used, room < READ_SIZE ? room : READ_SIZE,
+							   deadline);
 	}
 	answer.text[answer.used] = '\0';
 	return answer.text;

@@ -1,16 +1,30 @@
 #include "util/kaq_random.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <memory>
 #include <set>
 #include <stdlib.h>
 #include <string.h>
 #include <string>
+#include <sys/random.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+/* How often the system's own getrandom is called: the program is linked with --wrap for it. */
+static int getrandom_calls;
+
+extern "C" {
+ssize_t __real_getrandom(void *bytes, size_t n, unsigned flags);
+
+ssize_t __wrap_getrandom(void *bytes, size_t n, unsigned flags) {
+	getrandom_calls++;
+	return __real_getrandom(bytes, n, flags);
+}
+}
 
 namespace {
 
@@ -30,13 +44,51 @@ struct Device {
 
 const char ABSENT[] = "/tmp/kaq_random_absent/device";
 
-std::string hex_from(const char *device, int64_t length) {
+std::string hex_from(const char *device, int64_t length, kaq_getrandom_fn system = nullptr) {
 	/* Exactly the room of the contract, so that a sanitizer sees an excess. */
 	std::unique_ptr<char[]> buffer(new char[(size_t)length + 1]);
 	memset(buffer.get(), 'X', (size_t)length + 1);
-	kaq_random_hex_from(device, length, buffer.get());
+	kaq_random_hex_from(system, device, length, buffer.get());
 	EXPECT_EQ((size_t)length, strnlen(buffer.get(), (size_t)length + 1));
 	return buffer.get();
+}
+
+/* Stand-ins for getrandom: what each hands out, and how it was called. */
+struct {
+	int calls;
+	size_t asked;
+	unsigned flags;
+	int failure;
+} system_calls;
+
+ssize_t system_that_serves(void *bytes, size_t n, unsigned flags) {
+	system_calls.calls++;
+	system_calls.asked = n;
+	system_calls.flags = flags;
+	memset(bytes, 0xab, n);
+	return (ssize_t)n;
+}
+
+ssize_t system_that_fails(void *, size_t, unsigned) {
+	system_calls.calls++;
+	errno = system_calls.failure;
+	return -1;
+}
+
+ssize_t system_that_is_exhausted(void *, size_t, unsigned) {
+	system_calls.calls++;
+	return 0;
+}
+
+/* Three bytes at a time, and a signal before each third call. */
+ssize_t system_that_is_interrupted(void *bytes, size_t n, unsigned) {
+	if (++system_calls.calls % 3 == 0) {
+		errno = EINTR;
+		return -1;
+	}
+	size_t part = n < 3 ? n : 3;
+	memset(bytes, 0x10 + system_calls.calls, part);
+	return (ssize_t)part;
 }
 
 bool is_lowercase_hex(const std::string &text) {
@@ -113,6 +165,58 @@ TEST(RandomHex, TenThousandIdentifiersInOneCall) {
 	EXPECT_EQ(10000u, pieces.size());
 }
 
+TEST(RandomHex, SystemIsAskedOnceAndTheDeviceNot) {
+	for (int64_t length : {1, 16, 32, 33, 160000}) {
+		system_calls = {};
+		std::string text = hex_from(ABSENT, length, system_that_serves);
+		EXPECT_EQ(1, system_calls.calls);
+		EXPECT_EQ((size_t)(length + 1) / 2, system_calls.asked);
+		for (int64_t i = 0; i < length; i++) {
+			ASSERT_EQ("ab"[i % 2], text[(size_t)i]) << i;
+		}
+	}
+}
+
+TEST(RandomHex, IdentifiersComeFromTheSystem) {
+	char buffer[33];
+	getrandom_calls = 0;
+	kaq_random_hex(32, buffer);
+	EXPECT_EQ(1, getrandom_calls);
+	kaq_random_hex_logic(16, buffer);
+	EXPECT_EQ(2, getrandom_calls);
+}
+
+TEST(RandomHex, SystemIsNotWaitedFor) {
+	system_calls = {};
+	hex_from(ABSENT, 16, system_that_serves);
+	EXPECT_EQ((unsigned)GRND_NONBLOCK, system_calls.flags);
+}
+
+TEST(RandomHex, DeviceServesWhereTheSystemDoesNot) {
+	Device device("\x01\x23\x45\x67\x89\xab\xcd\xef");
+	for (int failure : {ENOSYS, EPERM, EAGAIN}) {
+		system_calls = {};
+		system_calls.failure = failure;
+		EXPECT_EQ("0123456789abcdef", hex_from(device.path, 16, system_that_fails));
+		EXPECT_EQ(1, system_calls.calls);
+	}
+	system_calls = {};
+	EXPECT_EQ("0123456789abcdef", hex_from(device.path, 16, system_that_is_exhausted));
+	EXPECT_EQ(1, system_calls.calls);
+}
+
+TEST(RandomHex, SystemThatIsInterruptedIsAskedForTheRest) {
+	system_calls = {};
+	EXPECT_EQ("111111121212141414151515", hex_from(ABSENT, 24, system_that_is_interrupted));
+}
+
+TEST(RandomHex, WithoutSystemAndDeviceFallsBack) {
+	system_calls = {};
+	system_calls.failure = ENOSYS;
+	EXPECT_TRUE(is_lowercase_hex(hex_from(ABSENT, 32, system_that_fails)));
+	EXPECT_NE(hex_from(ABSENT, 32, system_that_fails), hex_from(ABSENT, 32, system_that_fails));
+}
+
 TEST(RandomHex, MissingDeviceFallsBack) {
 	for (int64_t length : {1, 16, 32, 33, 160000}) {
 		EXPECT_TRUE(is_lowercase_hex(hex_from(ABSENT, length)));
@@ -160,7 +264,7 @@ TEST(RandomHex, DeviceIsClosedAgain) {
 TEST(RandomHex, NullBufferDoesNothing) {
 	kaq_random_hex(16, nullptr);
 	kaq_random_hex_logic(16, nullptr);
-	kaq_random_hex_from("/dev/urandom", 16, nullptr);
+	kaq_random_hex_from(nullptr, "/dev/urandom", 16, nullptr);
 	SUCCEED();
 }
 

@@ -4,6 +4,7 @@
 #include <netdb.h>
 #include <vector>
 
+#include "call_counts.h"
 #include "loopback.h"
 
 namespace {
@@ -211,6 +212,43 @@ TEST(WriteOnce, ReturnsWhatTheSystemTook) {
 	EXPECT_EQ(0, kaq_write_once(pair.ours, "", 0));
 	pair.close_ours();
 	EXPECT_EQ("hello", read_to_end(pair.theirs));
+}
+
+TEST(WriteOnce, UsualTextTakesOneCall) {
+	SocketPair pair;
+	count_anew();
+	EXPECT_EQ(5, kaq_write_once(pair.ours, "hello", 5));
+	EXPECT_EQ(1, counted.send);
+	EXPECT_EQ(0, counted.setsockopt);
+}
+
+TEST(WriteOnce, TextThatDoesNotFitIsWrittenByOneMoreCall) {
+	SocketPair pair;
+	std::string text = pattern(5000000);
+	std::string got;
+	count_anew();
+	std::thread drain([&] {
+		for (int i = 0; i < 500 && counted.send < 2; i++) {
+			std::this_thread::sleep_for(std::chrono::milliseconds(1));
+		}
+		got = read_to_end(pair.theirs);
+	});
+	EXPECT_EQ((ssize_t)text.size(), kaq_write_once(pair.ours, text.data(), text.size()));
+	pair.close_ours();
+	drain.join();
+	EXPECT_TRUE(got == text);
+	EXPECT_EQ(2, counted.send);
+	EXPECT_EQ(1, counted.setsockopt);
+}
+
+TEST(WriteOnce, WhatWasTakenBeforeTheTimeOutCounts) {
+	SocketPair pair;
+	std::string text = pattern(5000000);
+	ssize_t taken = kaq_write_once(pair.ours, text.data(), text.size());
+	EXPECT_GT(taken, 0);
+	EXPECT_LT(taken, (ssize_t)text.size());
+	pair.close_ours();
+	EXPECT_TRUE(read_to_end(pair.theirs) == text.substr(0, (size_t)taken));
 }
 
 TEST(WriteOnce, ToAClosedPeerFailsWithoutASignal) {

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "wire/client.h"
+#include "call_counts.h"
 #include "loopback.h"
 
 namespace {
@@ -206,6 +207,25 @@ TEST(Exchange, WithoutAFreeDescriptorTheAnswerIsEmpty) {
 	Listener listener;
 	NoFreeDescriptor none;
 	EXPECT_EQ("", exchanged(listener.port, "request\n"));
+}
+
+TEST(ReadAnswer, UsualAnswerIsReadByOneCallAndItsEndByAnother) {
+	SocketPair pair;
+	std::thread peer([&pair] {
+		for (const char *piece : {"{\"instance.id\":", "\"i1\"}"}) {
+			std::this_thread::sleep_for(std::chrono::milliseconds(50));
+			EXPECT_TRUE(write_all(pair.theirs, piece));
+		}
+		std::this_thread::sleep_for(std::chrono::milliseconds(50));
+		pair.close_theirs();
+	});
+	count_anew();
+	EXPECT_EQ("{\"instance.id\":\"i1\"}", text_of(kaq_read_answer(pair.ours, 100, realloc)));
+	int reads = counted.recv;
+	int waits = counted.poll;
+	peer.join();
+	EXPECT_EQ(2, reads);
+	EXPECT_EQ(0, waits);
 }
 
 TEST(ReadAnswer, FailedGrowthGivesNull) {
