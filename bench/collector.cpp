@@ -3,8 +3,8 @@
  *
  * Prints "monitored PORT unmonitored PORT data PORT" when ready: two status ports, one that
  * enables the instance and one that does not, and the data port. A line on standard input is
- * answered with "transactions N notices N bytes N", the sums so far; the end of standard input
- * ends it.
+ * answered with "transactions N notices N bytes N asked N", the sums so far, the last one of the
+ * bytes that came to the status ports; the end of standard input ends it.
  */
 #include "listener.h"
 
@@ -22,6 +22,7 @@ static const char NOTICE[] = "message:";
 static unsigned long long transactions;
 static unsigned long long notices;
 static unsigned long long bytes;
+static unsigned long long asked;
 
 static char buffer[1 << 20];
 
@@ -34,6 +35,7 @@ static void answer_status(int listener, const char *reply) {
 	ssize_t length;
 	do {
 		length = read(fd, buffer, sizeof buffer);
+		asked += length > 0 ? (unsigned long long)length : 0;
 	} while (length > 0 && buffer[length - 1] != '\n');
 	(void)!send(fd, reply, strlen(reply), MSG_NOSIGNAL);
 	close(fd);
@@ -88,7 +90,8 @@ int main() {
 			if (read(STDIN_FILENO, line, sizeof line) <= 0) {
 				return 0;
 			}
-			printf("transactions %llu notices %llu bytes %llu\n", transactions, notices, bytes);
+			printf("transactions %llu notices %llu bytes %llu asked %llu\n", transactions, notices,
+				   bytes, asked);
 			fflush(stdout);
 		}
 	}

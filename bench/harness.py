@@ -68,7 +68,8 @@ class Listener:
 
 
 class Collector(Listener):
-    """The collector of the benchmarks. It counts transactions, notices and bytes."""
+    """The collector of the benchmarks. It counts transactions, notices, bytes, and bytes of
+    questions."""
 
     def __init__(self, program):
         super().__init__(program, "the collector", 3)
@@ -90,6 +91,7 @@ class Setup:
     def __init__(self, options, collector, scratch):
         self.php = options.php
         self.php_cgi = options.php_cgi
+        self.conversations = options.conversations
         self.encode = options.encode
         self.drivers = options.drivers
         self.redis_server = options.redis_server

@@ -14,6 +14,7 @@ WRAPPED_TARGET_NS = 10.0
 GROWTH_TARGET = 1.5
 ENCODING_TARGET = 3.0
 DEPTH_TARGET = 0.8
+BEYOND_TARGET_US = 10.0
 
 
 def heading(text):
@@ -175,10 +176,50 @@ def print_failures(times):
                      statistics.median(a[1] / b[1] for a, b in zip(rounds, bare))))
 
 
-def print_requests(times):
+def print_requests(times, targets):
     for query, title in web.PAGES.items():
         heading("Cost per web request: %s (us, FastCGI)" % title)
         _compare(times[query], "us")
+    _print_floor(times[web.CALM], targets)
+
+
+def _print_floor(times, targets):
+    """What is left of what the extension adds once the two conversations are taken off."""
+    _heading("Beyond the two conversations with the collector: page without a call (us)")
+    print("  %-40s %9s %9s" % ("added", "median", "best"))
+    floor, (floor_median, floor_best) = _difference(times[web.TALKING], times[web.SILENT])
+    print("  %-40s %9.1f %9.1f" % ("the conversations in a bare C program", floor_median, floor_best))
+    for variant in (UNMONITORED, DROPPED):
+        added, (median, best) = _difference(times[variant], times[BARE])
+        print("  %-40s %9.1f %9.1f" % (harness.TITLES[variant], median, best))
+    beyond = statistics.median(a - b for a, b in zip(added, floor))
+    print("  Of the figures below the first is the median of the rounds, the second what the best of"
+          "\n  each variant give.\n")
+    for how, figure in (("median", beyond), ("best", best - floor_best)):
+        _target(targets, "us beyond the conversations, %s: %s" % (how, harness.TITLES[variant]),
+                figure, "<= %.0f" % BEYOND_TARGET_US, figure <= BEYOND_TARGET_US)
+
+
+def _difference(over, under):
+    """The rounds' differences; their median, and the difference of the two minima."""
+    rounds = [a - b for a, b in zip(over, under)]
+    return rounds, (statistics.median(rounds), min(over) - min(under))
+
+
+def print_system_calls(counts):
+    _heading("System calls per web request: page without a call")
+    if isinstance(counts, str):
+        print("  left out: %s" % counts)
+        return
+    for variant, title, base in (
+            (web.TALKING, "the conversations in a bare C program", web.SILENT),
+            (UNMONITORED, harness.TITLES[UNMONITORED], BARE),
+            (DROPPED, harness.TITLES[DROPPED], BARE)):
+        names = sorted(set(counts[variant]) | set(counts[base]))
+        added = {name: round(counts[variant].get(name, 0) - counts[base].get(name, 0))
+                 for name in names}
+        print("  %-40s %3d added" % (title, sum(added.values())))
+        print("      " + ", ".join("%s %d" % pair for pair in added.items() if pair[1]))
 
 
 def print_encoding(times, counts, targets):

@@ -24,7 +24,7 @@ SECTIONS = ("calls", "wrapped", "curl", "failures", "application", "instructions
 
 def parse():
     parser = argparse.ArgumentParser(description=__doc__)
-    for name in ("php", "kaq", "probe", "collector", "http-server", "engine"):
+    for name in ("php", "kaq", "probe", "collector", "conversations", "http-server", "engine"):
         parser.add_argument("--" + name, required=True)
     parser.add_argument("--php-cgi", default="")
     parser.add_argument("--encode", default="")
@@ -95,7 +95,9 @@ def run_sections(setup, options, wanted, targets):
         report.print_wrapped_instructions(figures["wrapped_instructions"])
     if "requests" in wanted and setup.php_cgi:
         figures["requests_us"] = web.time_requests(setup, 5 if quick else 40)
-        report.print_requests(figures["requests_us"])
+        report.print_requests(figures["requests_us"], targets)
+        figures["requests_system_calls"] = web.count_system_calls(setup)
+        report.print_system_calls(figures["requests_system_calls"])
     if "encoding" in wanted and setup.encode:
         counts = encoding.count_instructions(setup) if "instructions" in wanted else None
         figures["encoding_instructions"] = counts

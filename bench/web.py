@@ -1,14 +1,23 @@
-"""Cost per web request: one FastCGI process per variant, asked in turn over a kept connection."""
+"""Cost per web request: one FastCGI process per variant, asked in turn over a kept connection.
+
+Two variants are no PHP but a bare C program, which answers at once: one as it is, and one that has
+the two conversations with the collector before. Their difference is the floor of what the extension
+adds to a page without a call."""
 import os
+import shutil
 import socket
 import struct
 import subprocess
 import time
 
 import harness
-from harness import DROPPED, KEPT, UNMONITORED, VARIANTS, BenchError
+from harness import BARE, DROPPED, KEPT, UNMONITORED, VARIANTS, BenchError
 
-PAGES = {"0": "page without a call", "500": "page of 500 calls"}
+CALM, BUSY = "0", "500"
+PAGES = {CALM: "page without a call", BUSY: "page of 500 calls"}
+SILENT, TALKING = "silent", "talking"
+FLOOR = (SILENT, TALKING)
+COUNTED = (BARE, UNMONITORED, DROPPED) + FLOOR
 _BEGIN, _END, _PARAMS, _STDIN, _STDOUT = 1, 3, 4, 5, 6
 
 
@@ -29,15 +38,15 @@ def _request(script, query):
 
 
 class Server:
-    """A php-cgi process and a connection to it."""
+    """A FastCGI process and a connection to it."""
 
-    def __init__(self, setup, variant):
-        self._path = os.path.join(setup.scratch, variant + ".sock")
-        self._errors = open(os.path.join(setup.scratch, variant + ".log"), "w+b")
+    def __init__(self, setup, name, command):
+        self.path = os.path.join(setup.scratch, name + ".sock")
+        self._errors = open(os.path.join(setup.scratch, name + ".log"), "w+b")
         environment = dict(os.environ, PHP_FCGI_MAX_REQUESTS="100000000")
         self._child = subprocess.Popen(
-            [setup.php_cgi] + setup.arguments(variant) + ["-b", self._path], env=environment,
-            stdin=subprocess.DEVNULL, stdout=self._errors, stderr=self._errors)
+            command(self.path), env=environment, stdin=subprocess.DEVNULL, stdout=self._errors,
+            stderr=self._errors)
         try:
             self._connect(time.monotonic() + 20)
         except BenchError:
@@ -45,17 +54,21 @@ class Server:
             raise
         self._requests = {query: _request(setup.script("page.php"), query) for query in PAGES}
 
+    @property
+    def pid(self):
+        return self._child.pid
+
     def _connect(self, deadline):
         while True:
             self._socket = socket.socket(socket.AF_UNIX)
             self._socket.settimeout(20)
             try:
-                self._socket.connect(self._path)
+                self._socket.connect(self.path)
                 return
             except OSError:
                 self._socket.close()
                 if time.monotonic() > deadline or self._child.poll() is not None:
-                    raise BenchError("php-cgi did not start")
+                    raise BenchError("a FastCGI process did not start")
                 time.sleep(0.02)
 
     def ask(self, query):
@@ -75,7 +88,7 @@ class Server:
                 data = data[8 + size + padding:]
             more = self._socket.recv(65536)
             if not more:
-                raise BenchError("php-cgi closed the connection")
+                raise BenchError("a FastCGI process closed the connection")
             data += more
 
     def time(self, query, times):
@@ -92,34 +105,107 @@ class Server:
         self._errors.close()
 
 
+def _php(setup, variant):
+    return Server(setup, variant,
+                  lambda path: [setup.php_cgi] + setup.arguments(variant) + ["-b", path])
+
+
+def _bare_program(setup, variant, sizes):
+    words = [str(word) for word in (setup.collector.monitored, setup.collector.data) + sizes]
+    return Server(setup, variant, lambda path: [setup.conversations, path]
+                  + (words if variant == TALKING else []))
+
+
+def _sizes(setup, server):
+    """Bytes of the question and of the payload of the page without a call."""
+    transactions, _, before, asked_before = setup.collector.counts()
+    server.ask(CALM)
+    if not setup.collector.transactions_reach(transactions + 1):
+        raise BenchError("no transaction arrived")
+    _, _, after, asked_after = setup.collector.counts()
+    return asked_after - asked_before, after - before
+
+
 def _check(setup, servers):
     """Each variant gives the page, and the collector hears of the monitored ones only."""
     for variant, server in servers.items():
         before = setup.collector.counts()[0]
-        page = server.ask("500")
-        if not page.endswith(b"<p>500</p>\n"):
+        page = server.ask(BUSY)
+        if variant not in FLOOR and not page.endswith(b"<p>500</p>\n"):
             raise BenchError("%s: not the page: %r" % (variant, page[-200:]))
-        monitored = variant in (DROPPED, KEPT)
+        monitored = variant in (DROPPED, KEPT, TALKING)
         if monitored and not setup.collector.transactions_reach(before + 1):
             raise BenchError("%s: no transaction arrived" % variant)
-        if variant == UNMONITORED and setup.collector.counts()[0] != before:
+        if not monitored and setup.collector.counts()[0] != before:
             raise BenchError("%s: a transaction arrived" % variant)
+
+
+def _start(setup, variants, servers):
+    """Starts the processes of these variants, and of the bare program, into a dictionary."""
+    for variant in variants:
+        servers[variant] = _php(setup, variant)
+    sizes = _sizes(setup, servers[DROPPED])
+    for variant in FLOOR:
+        servers[variant] = _bare_program(setup, variant, sizes)
+    _check(setup, servers)
 
 
 def time_requests(setup, rounds):
     """{page: {variant: [us per request, one per round]}}."""
     times = {query: {variant: [] for variant in VARIANTS} for query in PAGES}
+    times[CALM].update({variant: [] for variant in FLOOR})
     servers = {}
     try:
-        for variant in VARIANTS:
-            servers[variant] = Server(setup, variant)
-        _check(setup, servers)
+        _start(setup, VARIANTS, servers)
         for turn in range(rounds):
             harness.progress("per request: round %d of %d" % (turn + 1, rounds))
             for query in PAGES:
-                for variant in harness.rotated(VARIANTS, turn):
+                for variant in harness.rotated(tuple(times[query]), turn):
                     times[query][variant].append(servers[variant].time(query, 40))
     finally:
         for server in servers.values():
             server.stop()
     return times
+
+
+def _system_calls(setup, server, requests=20):
+    """{system call: how often it is made per page without a call}; what strace says if it fails."""
+    summary = os.path.join(setup.scratch, "system_calls")
+    tracer = subprocess.Popen(["strace", "-f", "-c", "-o", summary, "-p", str(server.pid)],
+                              stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.PIPE, text=True)
+    try:
+        first = tracer.stderr.readline()
+        if "attached" not in first:
+            return first.strip()
+        for _ in range(requests):
+            server.ask(CALM)
+    finally:
+        tracer.terminate()
+        harness.wait_or_kill(tracer)
+        tracer.stderr.close()
+    counts = {}
+    with open(summary, encoding="utf-8") as file:
+        for line in file:
+            words = line.split()
+            if len(words) >= 5 and words[3].isdigit() and words[-1] != "total":
+                counts[words[-1]] = int(words[3]) / requests
+    return counts
+
+
+def count_system_calls(setup):
+    """{variant: {system call: how often per page without a call}}; a text says why there is none."""
+    if not shutil.which("strace"):
+        return "there is no strace"
+    counts = {}
+    servers = {}
+    try:
+        _start(setup, [variant for variant in COUNTED if variant not in FLOOR], servers)
+        for variant in COUNTED:
+            counts[variant] = _system_calls(setup, servers[variant])
+            if isinstance(counts[variant], str):
+                return counts[variant]
+    finally:
+        for server in servers.values():
+            server.stop()
+    return counts

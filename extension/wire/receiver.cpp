@@ -47,9 +47,11 @@ static ssize_t kaq_read_first(int fd, char *into, size_t room, uint64_t deadline
 }
 
 static char *kaq_new_buffer(void) {
-	char *buffer = (char *)calloc(1, READ_SIZE);
+	char *buffer = (char *)malloc(READ_SIZE);
 	if (buffer == nullptr) {
 		client_error("Memory allocation failed");
+	} else {
+		buffer[0] = '\0';
 	}
 	return buffer;
 }

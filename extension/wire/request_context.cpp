@@ -41,7 +41,6 @@ void kaq_request_uri(void) {
 	kaq_copy_server_global(g->query_string, KAQ_QUERY_BUFFER_SIZE, "QUERY_STRING");
 	kaq_copy_server_global(g->request_uri, KAQ_TEXT_BUFFER_SIZE, "HTTP_X_ORIGINAL_URL");
 	if (!g->request_uri[0]) {
-		memset(g->request_uri, 0, KAQ_TEXT_BUFFER_SIZE);
 		kaq_copy_server_global(g->request_uri, KAQ_TEXT_BUFFER_SIZE, "REQUEST_URI");
 	}
 	if (g->request_uri[0]) {

@@ -7,5 +7,5 @@
 
 /* Fills request_uri, http_host_name, php_self, request_method, query_string and transaction_type.
  * An empty request_uri afterwards means that the request is not to be monitored.
- * REQUIRES: the five buffers are zeroed and the engine has built its server variables. */
+ * REQUIRES: the five buffers hold empty texts and the engine has built its server variables. */
 void kaq_request_uri(void);

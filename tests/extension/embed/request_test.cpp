@@ -66,7 +66,7 @@ TEST_F(RequestStart, ResetsTheCountersOfASkippedRequest) {
 	}
 }
 
-TEST_F(RequestStart, ZeroesTheWholeOfTheTextBuffers) {
+TEST_F(RequestStart, EmptiesTheTextBuffers) {
 	char *buffers[] = {g->request_uri, g->http_host_name, g->php_self, g->request_method,
 					   g->query_string};
 	const size_t sizes[] = {8192, 8192, 8192, 8192, 12800};
@@ -75,7 +75,22 @@ TEST_F(RequestStart, ZeroesTheWholeOfTheTextBuffers) {
 	}
 	start_request();
 	for (int i = 0; i < 5; i++) {
-		EXPECT_EQ(std::string(sizes[i], '\0'), std::string(buffers[i], sizes[i])) << i;
+		EXPECT_STREQ("", buffers[i]) << i;
+	}
+}
+
+TEST_F(RequestStart, NothingOfAnEarlierTextIsLeftBehindAShorterOne) {
+	char *buffers[] = {g->request_uri, g->http_host_name, g->php_self, g->request_method,
+					   g->query_string};
+	const char *variables[] = {"REQUEST_URI", "HTTP_HOST", "PHP_SELF", "REQUEST_METHOD",
+							   "QUERY_STRING"};
+	for (int i = 0; i < 5; i++) {
+		memset(buffers[i], 'x', 8192);
+		server_variable(variables[i], "/a");
+	}
+	start_request();
+	for (int i = 0; i < 5; i++) {
+		EXPECT_STREQ("/a", buffers[i]) << i;
 	}
 }
 
