@@ -13,7 +13,7 @@ KEEP_ALL = ("-d", "kaq.method_threshold=0", "-d", "kaq.span_limit=2000000000")
 
 BARE, CHAIN, CLOCK, GATED, COUNT = "bare", "chain", "clock", "gated", "count"
 UNMONITORED, DROPPED, KEPT = "unmonitored", "dropped", "kept"
-LIMIT = "limit"
+LIMIT, TALK = "limit", "talk"
 HOOK_OFF = "hook off"
 TITLES = {
     BARE: "bare engine",
@@ -107,7 +107,7 @@ class Setup:
         base = ["-n", "-d", "memory_limit=-1", "-d", "display_errors=stderr"]
         if variant == BARE:
             return base
-        if variant in (CHAIN, CLOCK, GATED, COUNT):
+        if variant in (CHAIN, CLOCK, GATED, COUNT, TALK):
             return base + ["-d", "extension=" + self._probe, "-d", "probe.mode=" + variant]
         port = self.collector.unmonitored if variant == UNMONITORED else self.collector.monitored
         options = base + ["-d", "extension=" + self._kaq, "-d", "kaq.status_port=%d" % port,

@@ -2,7 +2,9 @@
 
 Two variants are no PHP but a bare C program, which answers at once: one as it is, and one that has
 the two conversations with the collector before. Their difference is the floor of what the extension
-adds to a page without a call."""
+adds to a page without a call. In one more variant the bare engine has the same conversations around
+each page: what they cost there, where they and the engine drive each other out of the processor's
+caches."""
 import os
 import shutil
 import socket
@@ -11,12 +13,13 @@ import subprocess
 import time
 
 import harness
-from harness import BARE, DROPPED, KEPT, UNMONITORED, VARIANTS, BenchError
+from harness import BARE, DROPPED, KEPT, TALK, UNMONITORED, VARIANTS, BenchError
 
 CALM, BUSY = "0", "500"
 PAGES = {CALM: "page without a call", BUSY: "page of 500 calls"}
 SILENT, TALKING = "silent", "talking"
 FLOOR = (SILENT, TALKING)
+ENGINE_TALKING = "engine-talking"
 COUNTED = (BARE, UNMONITORED, DROPPED) + FLOOR
 _BEGIN, _END, _PARAMS, _STDIN, _STDOUT = 1, 3, 4, 5, 6
 
@@ -110,10 +113,17 @@ def _php(setup, variant):
                   lambda path: [setup.php_cgi] + setup.arguments(variant) + ["-b", path])
 
 
-def _bare_program(setup, variant, sizes):
-    words = [str(word) for word in (setup.collector.monitored, setup.collector.data) + sizes]
-    return Server(setup, variant, lambda path: [setup.conversations, path]
-                  + (words if variant == TALKING else []))
+def _talking(setup, variant, sizes):
+    """A process of the bare program, or of the engine that has the bare conversations."""
+    values = (setup.collector.monitored, setup.collector.data) + sizes
+    if variant == ENGINE_TALKING:
+        names = ("status_port", "data_port", "status_bytes", "data_bytes")
+        words = [word for name, value in zip(names, values)
+                 for word in ("-d", "probe.%s=%d" % (name, value))]
+        return Server(setup, variant, lambda path: [setup.php_cgi] + setup.arguments(TALK)
+                      + words + ["-b", path])
+    words = [str(value) for value in values] if variant == TALKING else []
+    return Server(setup, variant, lambda path: [setup.conversations, path] + words)
 
 
 def _sizes(setup, server):
@@ -133,7 +143,7 @@ def _check(setup, servers):
         page = server.ask(BUSY)
         if variant not in FLOOR and not page.endswith(b"<p>500</p>\n"):
             raise BenchError("%s: not the page: %r" % (variant, page[-200:]))
-        monitored = variant in (DROPPED, KEPT, TALKING)
+        monitored = variant in (DROPPED, KEPT, TALKING, ENGINE_TALKING)
         if monitored and not setup.collector.transactions_reach(before + 1):
             raise BenchError("%s: no transaction arrived" % variant)
         if not monitored and setup.collector.counts()[0] != before:
@@ -141,19 +151,19 @@ def _check(setup, servers):
 
 
 def _start(setup, variants, servers):
-    """Starts the processes of these variants, and of the bare program, into a dictionary."""
+    """Starts the processes of these variants, and the talking ones, into a dictionary."""
     for variant in variants:
         servers[variant] = _php(setup, variant)
     sizes = _sizes(setup, servers[DROPPED])
-    for variant in FLOOR:
-        servers[variant] = _bare_program(setup, variant, sizes)
+    for variant in FLOOR + (ENGINE_TALKING,):
+        servers[variant] = _talking(setup, variant, sizes)
     _check(setup, servers)
 
 
 def time_requests(setup, rounds):
     """{page: {variant: [us per request, one per round]}}."""
     times = {query: {variant: [] for variant in VARIANTS} for query in PAGES}
-    times[CALM].update({variant: [] for variant in FLOOR})
+    times[CALM].update({variant: [] for variant in FLOOR + (ENGINE_TALKING,)})
     servers = {}
     try:
         _start(setup, VARIANTS, servers)

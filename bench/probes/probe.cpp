@@ -3,8 +3,9 @@
  * "chain" only calls the hook before it, "clock" also reads the wall clock before and after,
  * "gated" does so with the extension's own cheap clock, "count" counts the calls. The clock reads
  * stand in the hook itself, as one would write it first. Any other mode: no hook, the functions
- * alone.
+ * alone; with "talk" also the bare conversations with the collector, around each request.
  */
+#include "conversations.h"
 #include "functions.h"
 #include "php_ini.h"
 #include "util/kaq_clock.h"
@@ -47,7 +48,17 @@ static void probe_count_hook(zend_execute_data *execute_data) {
 
 PHP_INI_BEGIN()
 PHP_INI_ENTRY("probe.mode", "chain", PHP_INI_SYSTEM, nullptr)
+PHP_INI_ENTRY("probe.status_port", "0", PHP_INI_SYSTEM, nullptr)
+PHP_INI_ENTRY("probe.data_port", "0", PHP_INI_SYSTEM, nullptr)
+PHP_INI_ENTRY("probe.status_bytes", "0", PHP_INI_SYSTEM, nullptr)
+PHP_INI_ENTRY("probe.data_bytes", "0", PHP_INI_SYSTEM, nullptr)
 PHP_INI_END()
+
+static bool talks;
+
+static long probe_number(const char *name) {
+	return zend_ini_long((char *)name, strlen(name), 0);
+}
 
 static PHP_MINIT_FUNCTION(probe) {
 	REGISTER_INI_ENTRIES();
@@ -62,6 +73,27 @@ static PHP_MINIT_FUNCTION(probe) {
 		zend_execute_ex = probe_count_hook;
 	} else if (strcmp(mode, "chain") == 0) {
 		zend_execute_ex = probe_chain_hook;
+	}
+	talks = strcmp(mode, "talk") == 0;
+	return SUCCESS;
+}
+
+static PHP_RINIT_FUNCTION(probe) {
+	(void)type;
+	(void)module_number;
+	if (talks) {
+		have_handshake((int)probe_number("probe.status_port"),
+					   (size_t)probe_number("probe.status_bytes"));
+	}
+	return SUCCESS;
+}
+
+static PHP_RSHUTDOWN_FUNCTION(probe) {
+	(void)type;
+	(void)module_number;
+	if (talks) {
+		send_payload((int)probe_number("probe.data_port"),
+					 (size_t)probe_number("probe.data_bytes"));
 	}
 	return SUCCESS;
 }
@@ -78,8 +110,8 @@ static zend_module_entry probe_module_entry = {STANDARD_MODULE_HEADER,
 											   probe_functions,
 											   PHP_MINIT(probe),
 											   PHP_MSHUTDOWN(probe),
-											   nullptr,
-											   nullptr,
+											   PHP_RINIT(probe),
+											   PHP_RSHUTDOWN(probe),
 											   nullptr,
 											   "1",
 											   STANDARD_MODULE_PROPERTIES};
