@@ -11,6 +11,9 @@
 
 #include <stdlib.h>
 
+/* A usual request fits, so that its buffer does not grow. */
+#define KAQ_REQUEST_SIZE 1024
+
 #define KAQ_STATUS_ENABLED 920
 #define KAQ_STATUS_ENABLED_TOO 911
 
@@ -91,6 +94,7 @@ int form_instanceinfo_request(smart_str *buffer) {
 		kaq_send_filter_notice(g, port, verdict);
 		return 1;
 	}
+	kaq_buf_reserve(buffer, KAQ_REQUEST_SIZE);
 	kaq_buf_literal(buffer, "{\"connect_info\":{");
 	kaq_append_agent_info(buffer, g, port);
 	kaq_buf_literal(buffer, ",\"agent_specific_info\":{\"application.group.name\":");
@@ -103,13 +107,13 @@ int form_instanceinfo_request(smart_str *buffer) {
 	return 0;
 }
 
-static zval *kaq_reply_member(zval *reply, const char *name, zval *rv) {
-	return kaq_read_property(reply, name, strlen(name), rv);
+/* A decoded object has its members in one table, and nothing else. */
+static zval *kaq_reply_member(zval *reply, const char *name) {
+	return zend_hash_str_find(Z_OBJPROP_P(reply), name, strlen(name));
 }
 
 static void kaq_take_reply_string(zval *reply, const char *name, char **field) {
-	zval rv;
-	const zval *value = kaq_reply_member(reply, name, &rv);
+	const zval *value = kaq_reply_member(reply, name);
 	if (value && Z_TYPE_P(value) == IS_STRING) {
 		free(*field);
 		*field = kaq_strdup(Z_STRVAL_P(value));
@@ -117,8 +121,7 @@ static void kaq_take_reply_string(zval *reply, const char *name, char **field) {
 }
 
 static void kaq_take_status(zval *reply, zend_kaq_globals *g) {
-	zval rv;
-	const zval *value = kaq_reply_member(reply, "instance.status", &rv);
+	const zval *value = kaq_reply_member(reply, "instance.status");
 	bool enabled =
 		value && Z_TYPE_P(value) == IS_LONG &&
 		(Z_LVAL_P(value) == KAQ_STATUS_ENABLED || Z_LVAL_P(value) == KAQ_STATUS_ENABLED_TOO);
@@ -126,8 +129,7 @@ static void kaq_take_status(zval *reply, zend_kaq_globals *g) {
 }
 
 static void kaq_take_sql_threshold(zval *reply, zend_kaq_globals *g) {
-	zval rv;
-	const zval *value = kaq_reply_member(reply, "transaction.trace.sql.stacktrace.threshold", &rv);
+	const zval *value = kaq_reply_member(reply, "transaction.trace.sql.stacktrace.threshold");
 	if (value && Z_TYPE_P(value) == IS_LONG) {
 		g->sql_trace_threshold = (float)Z_LVAL_P(value);
 	} else if (value && Z_TYPE_P(value) == IS_DOUBLE) {

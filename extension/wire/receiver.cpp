@@ -14,6 +14,9 @@
 static const size_t READ_SIZE = 4096;
 static const size_t GROWTH = 1024;
 
+/* Bytes of the block at first: a usual answer leaves it as it is. */
+static const size_t FIRST_CAPACITY = 2 * READ_SIZE;
+
 /* One read that ends at the deadline: the count, 0 at the end of the answer, -1 for a failure. */
 static ssize_t kaq_read_until(int fd, char *into, size_t room, uint64_t deadline) {
 	for (;;) {
@@ -47,7 +50,7 @@ static ssize_t kaq_read_first(int fd, char *into, size_t room, uint64_t deadline
 }
 
 static char *kaq_new_buffer(void) {
-	char *buffer = (char *)malloc(READ_SIZE);
+	char *buffer = (char *)malloc(FIRST_CAPACITY);
 	if (buffer == nullptr) {
 		client_error("Memory allocation failed");
 	} else {
@@ -85,7 +88,7 @@ static int kaq_grow_buffer(answer_buffer *answer, kaq_grow_fn grow) {
 
 char *kaq_read_answer(int fd, size_t limit, kaq_grow_fn grow) {
 	uint64_t deadline = kaq_monotonic_ms() + KAQ_ANSWER_TIMEOUT_MS;
-	answer_buffer answer = {kaq_new_buffer(), 0, READ_SIZE, READ_SIZE};
+	answer_buffer answer = {kaq_new_buffer(), 0, READ_SIZE, FIRST_CAPACITY};
 	if (answer.text == nullptr) {
 		return nullptr;
 	}

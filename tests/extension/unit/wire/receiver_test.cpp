@@ -229,14 +229,21 @@ TEST(ReadAnswer, UsualAnswerIsReadByOneCallAndItsEndByAnother) {
 }
 
 TEST(ReadAnswer, FailedGrowthGivesNull) {
-	EXPECT_EQ("(null)", read_answer({pattern(5000)}, KAQ_ANSWER_MAX, failing_grow));
+	EXPECT_EQ("(null)", read_answer({pattern(9000)}, KAQ_ANSWER_MAX, failing_grow));
 }
 
 TEST(ReadAnswer, BlockDoublesSoThatLongAnswersAreLinear) {
 	std::string answer = pattern(10000);
 	grown_sizes.clear();
 	EXPECT_EQ(answer, read_answer({answer}, KAQ_ANSWER_MAX, recording_grow));
-	EXPECT_EQ((std::vector<size_t>{8192, 16384}), grown_sizes);
+	EXPECT_EQ((std::vector<size_t>{16384}), grown_sizes);
+}
+
+TEST(ReadAnswer, UsualAnswerLeavesTheBlockAsItIs) {
+	std::string answer = pattern(4000);
+	grown_sizes.clear();
+	EXPECT_EQ(answer, read_answer({answer}, KAQ_ANSWER_MAX, recording_grow));
+	EXPECT_EQ(std::vector<size_t>(), grown_sizes);
 }
 
 TEST(ReadAnswer, LongestAnswerIsKeptAndALongerOneCountsAsEmpty) {
