@@ -146,18 +146,29 @@ void catchit(int signal_number, siginfo_t *info, void *context) {
 	}
 }
 
-void setHandler(void (*handler)(int, siginfo_t *, void *)) {
+static void kaq_install(int number, const char *complaint,
+						void (*handler)(int, siginfo_t *, void *)) {
 	struct sigaction action;
 	memset(&action, 0, sizeof(action));
 	action.sa_sigaction = handler;
 	action.sa_flags = SA_SIGINFO | SA_ONSTACK;
 	sigfillset(&action.sa_mask);
-	for (const auto &fatal : fatal_signals) {
-		if (sigaction(fatal.number, &action, nullptr) != 0) {
-			perror(fatal.complaint);
-			_exit(1);
-		}
+	if (sigaction(number, &action, nullptr) != 0) {
+		perror(complaint);
+		_exit(1);
 	}
+}
+
+void setHandler(void (*handler)(int, siginfo_t *, void *)) {
+	for (const auto &fatal : fatal_signals) {
+		kaq_install(fatal.number, fatal.complaint, handler);
+	}
+}
+
+static bool kaq_is_in_place(int number) {
+	struct sigaction current;
+	return sigaction(number, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) &&
+		   current.sa_sigaction == catchit;
 }
 
 /* A signal stack that the thread already has is left in place. */
@@ -216,14 +227,16 @@ void wrap_sethandler(void) {
 		}
 		is_installed = true;
 	}
-	setHandler(catchit);
+	for (const auto &fatal : fatal_signals) {
+		if (!kaq_is_in_place(fatal.number)) {
+			kaq_install(fatal.number, fatal.complaint, catchit);
+		}
+	}
 }
 
 void kaq_remove_crash_handler(void) {
 	for (auto &fatal : fatal_signals) {
-		struct sigaction current;
-		if (is_installed && sigaction(fatal.number, nullptr, &current) == 0 &&
-			(current.sa_flags & SA_SIGINFO) && current.sa_sigaction == catchit) {
+		if (is_installed && kaq_is_in_place(fatal.number)) {
 			sigaction(fatal.number, &fatal.before, nullptr);
 		}
 	}

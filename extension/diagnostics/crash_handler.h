@@ -15,9 +15,9 @@
 /* The extension's own module, for addr2line(). */
 #define KAQ_MODULE_FILE "/opt/kaq/lib/kaq20170718.so"
 
-/* Puts the handler in place: at module start, and again at every request start, since another
- * component may have replaced it in between. A thread's first call gives it a stack of its own for
- * signals, so that a thread that has run out of stack leaves its log, too. */
+/* Puts the handler in place: at module start, and again at every request start for those signals
+ * that another component has taken in between. A thread's first call gives it a stack of its own
+ * for signals, so that a thread that has run out of stack leaves its log, too. */
 void wrap_sethandler(void);
 
 /* Installs a handler for the fatal signals. Ends the process when that fails. */

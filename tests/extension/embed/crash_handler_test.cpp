@@ -34,15 +34,6 @@ TEST_F(CrashHandler, BlocksAllSignalsWhileItRuns) {
 	}
 }
 
-TEST_F(CrashHandler, GoesInAgainAtEachCall) {
-	wrap_sethandler();
-	wrap_sethandler();
-	ASSERT_EQ(10u, installed.size());
-	EXPECT_EQ(catchit, installed[9].action.sa_sigaction);
-}
-
-/* Removal. */
-
 static void somebody_elses(int) {
 }
 
@@ -52,6 +43,40 @@ static struct sigaction action_of_somebody_else() {
 	action.sa_flags = SA_RESTART;
 	return action;
 }
+
+TEST_F(CrashHandler, StaysAsItIsWhereItIsInPlace) {
+	wrap_sethandler();
+	EXPECT_EQ(5u, installed.size());
+	wrap_sethandler();
+	EXPECT_EQ(5u, installed.size());
+}
+
+TEST_F(CrashHandler, GoesBackForTheSignalsThatSomebodyElseHasTaken) {
+	for (int number : in_order) {
+		wrap_sethandler();
+		installed.clear();
+		in_place[number] = action_of_somebody_else();
+		wrap_sethandler();
+		ASSERT_EQ(1u, installed.size()) << number;
+		EXPECT_EQ(number, installed[0].number);
+		EXPECT_EQ(catchit, installed[0].action.sa_sigaction);
+		EXPECT_EQ(SA_SIGINFO | SA_ONSTACK, installed[0].action.sa_flags);
+	}
+}
+
+TEST_F(CrashHandler, GoesBackWhereADefaultIsInPlace) {
+	wrap_sethandler();
+	installed.clear();
+	in_place.clear();
+	wrap_sethandler();
+	std::vector<int> numbers;
+	for (const installation &one : installed) {
+		numbers.push_back(one.number);
+	}
+	EXPECT_EQ(in_order, numbers);
+}
+
+/* Removal. */
 
 TEST_F(CrashHandler, GivesTheSignalsBackToWhomTheyBelonged) {
 	in_place[SIGILL] = action_of_somebody_else();
