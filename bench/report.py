@@ -185,7 +185,7 @@ def print_requests(times, targets):
 
 def _print_floor(times, targets):
     """What is left of what the extension adds once the two conversations are taken off."""
-    _heading("Beyond the two conversations with the collector: page without a call (us)")
+    heading("Beyond the two conversations with the collector: page without a call (us)")
     print("  %-40s %9s %9s  %17s" % ("", "added", "added", "beyond the floor"))
     print("  %-40s %9s %9s  %8s %8s" % ("", "median", "best", "median", "best"))
     floor, floor_best = _difference(times[web.TALKING], times[web.SILENT])
@@ -209,7 +209,7 @@ def _difference(over, under):
 
 
 def print_system_calls(counts):
-    _heading("System calls per web request: page without a call")
+    heading("System calls per web request: page without a call")
     if isinstance(counts, str):
         print("  left out: %s" % counts)
         return
