@@ -77,15 +77,20 @@ def transfers(payload):
     return [span for span in payload.spans if "ar" in span]
 
 
+def module_options(engine):
+    """What the command line needs to have curl."""
+    listed = subprocess.run(
+        [engine.php, "-n", "-m"], stdin=subprocess.DEVNULL, capture_output=True,
+        timeout=engines.RUN_DEADLINE, check=True, env=engines.environment()).stdout.split()
+    return [] if b"curl" in listed else ["-d", "extension=curl"]
+
+
 class CurlRuns:
     def __init__(self, wire, collector, server):
         self.wire, self.collector, self.server = wire, collector, server
         self.engine = wire.engine
         self.reply = dict(ENABLED, **{"app.id": "A1"})
-        listed = subprocess.run(
-            [self.engine.php, "-n", "-m"], stdin=subprocess.DEVNULL, capture_output=True,
-            timeout=engines.RUN_DEADLINE, check=True, env=engines.environment()).stdout.split()
-        self._modules = [] if b"curl" in listed else ["-d", "extension=curl"]
+        self._modules = module_options(self.engine)
 
     @property
     def prelude(self):

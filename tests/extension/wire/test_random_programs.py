@@ -5,6 +5,7 @@ import os
 import random
 import re
 
+import curl_runs
 import pytest
 
 KEEP, DROP = "0", "99999"
@@ -181,8 +182,13 @@ def plain_name(name):
     return re.sub(r"\{closure.*\}", "{closure}", name)
 
 
+@pytest.fixture(scope="module")
+def curl_options(engine):
+    return curl_runs.module_options(engine)
+
+
 @pytest.mark.parametrize("seed", SEEDS)
-def test_random_program_is_recorded_like_the_model(wire, collector, seed):
+def test_random_program_is_recorded_like_the_model(wire, collector, curl_options, seed):
     chance = random.Random(seed)
     steps = random_steps(chance, 0, [0])
     limit = chance.choice((10000, 10000, 10000, 40, 5))
@@ -196,9 +202,10 @@ def test_random_program_is_recorded_like_the_model(wire, collector, seed):
     main = "".join(step.statement() if isinstance(step, Call) else STATEMENTS[step]
                    for step in steps)
     source = "".join(step.everything() for step in steps if isinstance(step, Call)) + main
-    ran = wire.cli("error_reporting(E_ALL); ini_set('display_errors', '0'); " + source,
-                   settings={"kaq.method_threshold": DROP, "kaq.span_limit": limit,
-                             "kaq.prune_intermediate_spans": int(pruned), "kaq.track_errors": 1})
+    path = wire.script("error_reporting(E_ALL); ini_set('display_errors', '0'); " + source, "job.php")
+    ran = wire.php(*curl_options, str(path), settings={
+        "kaq.method_threshold": DROP, "kaq.span_limit": limit,
+        "kaq.prune_intermediate_spans": int(pruned), "kaq.track_errors": 1})
     assert ran.status == 0, ran.stderr
     spans = collector.payload.spans
     positions = {span["si"]: position for position, span in enumerate(spans)}
