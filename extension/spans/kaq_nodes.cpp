@@ -157,7 +157,7 @@ kaq_node **kaq_validate_nodes(void) {
 		without_id += node->data.function_info.span_id[0] == '\0';
 		by_key[node->data.key] = node;
 	}
-	/* One generator call serves all spans, since each opens the random device. */
+	/* One generator call serves all spans, since each asks the system. */
 	char *ids = (char *)malloc((size_t)without_id * KAQ_SPAN_ID_LENGTH + 1);
 	if (!ids) {
 		free(by_key);

@@ -1,6 +1,7 @@
 #include "util/kaq_random.h"
 
 #include <errno.h>
+#include <emmintrin.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -68,10 +69,52 @@ static int kaq_read_device(const char *device, unsigned char *bytes, size_t n) {
 	return got == n;
 }
 
+static inline uint64_t kaq_rotated(uint64_t value, int bits) {
+	return value << bits | value >> (64 - bits);
+}
+
+void kaq_random_expand(const uint64_t seed[4], unsigned char *bytes, size_t n) {
+	uint64_t s[4];
+	memcpy(s, seed, sizeof s);
+	/* From zeros alone it would not get away. */
+	s[0] |= !(s[0] | s[1] | s[2] | s[3]);
+	for (size_t i = 0; i < n; i += 8) {
+		uint64_t value = kaq_rotated(s[0] + s[3], 23) + s[0];
+		uint64_t shifted = s[1] << 17;
+		memcpy(bytes + i, &value, n - i < 8 ? n - i : 8);
+		s[2] ^= s[0];
+		s[3] ^= s[1];
+		s[1] ^= s[2];
+		s[0] ^= s[3];
+		s[2] ^= shifted;
+		s[3] = kaq_rotated(s[3], 45);
+	}
+}
+
 static void kaq_fill(kaq_getrandom_fn system, const char *device, unsigned char *bytes, size_t n) {
 	if ((system == nullptr || !kaq_ask_system(system, bytes, n)) &&
 		!kaq_read_device(device, bytes, n)) {
 		kaq_random_fallback(kaq_seed_now(), bytes, n);
+	}
+}
+
+/* Two digits per byte, high nibble first; eight bytes at a time, since a long request asks for many
+ * thousands. */
+static void kaq_put_hex(char *out, const unsigned char *bytes, size_t n) {
+	const __m128i nibble = _mm_set1_epi8(15);
+	size_t i = 0;
+	for (; i + 8 <= n; i += 8) {
+		__m128i eight = _mm_loadl_epi64((const __m128i *)(bytes + i));
+		__m128i high = _mm_and_si128(_mm_srli_epi16(eight, 4), nibble);
+		__m128i digits = _mm_unpacklo_epi8(high, _mm_and_si128(eight, nibble));
+		__m128i letters = _mm_cmpgt_epi8(digits, _mm_set1_epi8(9));
+		__m128i offset = _mm_and_si128(letters, _mm_set1_epi8('a' - '0' - 10));
+		digits = _mm_add_epi8(digits, _mm_add_epi8(offset, _mm_set1_epi8('0')));
+		_mm_storeu_si128((__m128i *)(out + 2 * i), digits);
+	}
+	for (; i < n; i++) {
+		out[2 * i] = DIGITS[bytes[i] >> 4];
+		out[2 * i + 1] = DIGITS[bytes[i] & 15];
 	}
 }
 
@@ -90,11 +133,14 @@ void kaq_random_hex_from(kaq_getrandom_fn system, const char *device, int64_t le
 			return;
 		}
 	}
-	kaq_fill(system, device, bytes, n);
-	for (size_t i = 0; i < chars / 2; i++) {
-		buffer[2 * i] = DIGITS[bytes[i] >> 4];
-		buffer[2 * i + 1] = DIGITS[bytes[i] & 15];
+	if (n <= KAQ_RANDOM_MOST_BYTES) {
+		kaq_fill(system, device, bytes, n);
+	} else {
+		uint64_t seed[4];
+		kaq_fill(system, device, (unsigned char *)seed, sizeof seed);
+		kaq_random_expand(seed, bytes, n);
 	}
+	kaq_put_hex(buffer, bytes, chars / 2);
 	if (chars % 2 != 0) {
 		buffer[chars - 1] = DIGITS[bytes[n - 1] >> 4];
 	}

@@ -6,12 +6,17 @@
  * deterministic generator seeded from clock, thread and process replaces all of them, so an
  * identifier always comes out. No state between calls; any thread. A caller that needs many
  * identifiers asks once for all their characters and cuts the text into pieces.
+ *
+ * Identifiers have to be unique, not secret: a call for more than KAQ_RANDOM_MOST_BYTES takes 32
+ * bytes from there and expands them, at a fraction of the cost.
  */
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
+
+#define KAQ_RANDOM_MOST_BYTES 4096
 
 /* Signature of getrandom. */
 typedef ssize_t (*kaq_getrandom_fn)(void *bytes, size_t n, unsigned flags);
@@ -41,6 +46,9 @@ void kaq_random_hex_from(kaq_getrandom_fn system, const char *device, int64_t le
  * and process id. The process id is widened as a signed value. Never 0.
  */
 uint64_t kaq_random_seed(uint64_t sec, uint64_t nsec, uint64_t tid, int pid);
+
+/* Fills `n` bytes with the xoshiro256++ sequence that starts at `seed`; of all zeros, at 1. */
+void kaq_random_expand(const uint64_t seed[4], unsigned char *bytes, size_t n);
 
 /* Fills `n` bytes with the low bytes of the splitmix64 sequence that starts at `seed`. */
 void kaq_random_fallback(uint64_t seed, unsigned char *bytes, size_t n);

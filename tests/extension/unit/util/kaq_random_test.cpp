@@ -106,6 +106,73 @@ TEST(RandomHex, DigitsAreHighNibbleThenLowNibble) {
 	EXPECT_EQ("0123456789abcdef", hex_from(device.path, 16));
 }
 
+TEST(RandomHex, EveryByteAtEveryPlaceGivesItsTwoDigits) {
+	for (int first = 0; first < 9; first++) {
+		std::string bytes;
+		std::string expected;
+		for (int i = 0; i < 256 + first; i++) {
+			char digits[3];
+			bytes += (char)(i + first);
+			snprintf(digits, sizeof digits, "%02x", (unsigned)(unsigned char)(i + first));
+			expected += digits;
+		}
+		Device device(bytes);
+		EXPECT_EQ(expected, hex_from(device.path, (int64_t)expected.size()));
+	}
+}
+
+TEST(RandomHex, LongTextIsExpandedFromThirtyTwoBytes) {
+	std::string seed;
+	for (int i = 0; i < 32; i++) {
+		seed += (char)(i + 1);
+	}
+	Device device(seed);
+	int64_t longest = 2 * KAQ_RANDOM_MOST_BYTES;
+	std::string text = hex_from(device.path, longest + 16);
+	EXPECT_TRUE(is_lowercase_hex(text));
+	/* s[0] + s[3] rotated by 23, and s[0] added; the lowest byte comes first. */
+	EXPECT_EQ("1315171113151719", text.substr(0, 16));
+	EXPECT_EQ(text, hex_from(device.path, longest + 16)) << "of nothing but these bytes";
+	std::set<std::string> ids;
+	for (size_t at = 0; at < text.size(); at += 16) {
+		ids.insert(text.substr(at, 16));
+	}
+	EXPECT_EQ(text.size() / 16, ids.size());
+}
+
+TEST(RandomExpand, SequenceOfFourSmallNumbers) {
+	const uint64_t seed[4] = {1, 2, 3, 4};
+	uint64_t values[5];
+	kaq_random_expand(seed, (unsigned char *)values, sizeof values);
+	/* Of the sequence's authors' own program. */
+	EXPECT_EQ(41943041u, values[0]);
+	EXPECT_EQ(58720359u, values[1]);
+	EXPECT_EQ(3588806011781223u, values[2]);
+	EXPECT_EQ(3591011842654386u, values[3]);
+	EXPECT_EQ(9228616714210784205u, values[4]);
+}
+
+TEST(RandomExpand, OnlyTheBytesAskedForAreWritten) {
+	const uint64_t seed[4] = {1, 2, 3, 4};
+	unsigned char whole[16];
+	kaq_random_expand(seed, whole, 16);
+	for (size_t n = 1; n <= 16; n++) {
+		std::vector<unsigned char> bytes(n);
+		kaq_random_expand(seed, bytes.data(), n);
+		EXPECT_EQ(0, memcmp(whole, bytes.data(), n));
+	}
+}
+
+TEST(RandomExpand, ZerosAreReplaced) {
+	const uint64_t zeros[4] = {};
+	const uint64_t one[4] = {1};
+	unsigned char from_zeros[64];
+	unsigned char from_one[64];
+	kaq_random_expand(zeros, from_zeros, sizeof from_zeros);
+	kaq_random_expand(one, from_one, sizeof from_one);
+	EXPECT_EQ(0, memcmp(from_one, from_zeros, sizeof from_one));
+}
+
 TEST(RandomHex, OddLengthEndsWithAHighNibble) {
 	Device device("\x9f\xe8\xff");
 	EXPECT_EQ("9", hex_from(device.path, 1));
@@ -166,7 +233,7 @@ TEST(RandomHex, TenThousandIdentifiersInOneCall) {
 }
 
 TEST(RandomHex, SystemIsAskedOnceAndTheDeviceNot) {
-	for (int64_t length : {1, 16, 32, 33, 160000}) {
+	for (int64_t length : {1, 16, 32, 33, 2 * KAQ_RANDOM_MOST_BYTES}) {
 		system_calls = {};
 		std::string text = hex_from(ABSENT, length, system_that_serves);
 		EXPECT_EQ(1, system_calls.calls);
@@ -175,6 +242,13 @@ TEST(RandomHex, SystemIsAskedOnceAndTheDeviceNot) {
 			ASSERT_EQ("ab"[i % 2], text[(size_t)i]) << i;
 		}
 	}
+}
+
+TEST(RandomHex, SystemIsAskedForASeedOnlyWhereManyAreWanted) {
+	system_calls = {};
+	hex_from(ABSENT, 2 * KAQ_RANDOM_MOST_BYTES + 1, system_that_serves);
+	EXPECT_EQ(1, system_calls.calls);
+	EXPECT_EQ(32u, system_calls.asked);
 }
 
 TEST(RandomHex, IdentifiersComeFromTheSystem) {
