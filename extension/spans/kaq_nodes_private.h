@@ -48,6 +48,7 @@ static inline void kaq_link_open(zend_kaq_globals *g, kaq_node *node, uint64_t s
 	KAQ_REQUIRES(node->data.state == KAQ_NODE_CREATED);
 	node->data.start_time = start_ms;
 	node->data.state = KAQ_NODE_OPEN;
+	g->node_pool.open_count++;
 	node->data.parent = g->current_node;
 	node->data.key = g->node_buffer_len++;
 	g->current_node = node;
@@ -76,6 +77,7 @@ static inline void kaq_end_in(zend_kaq_globals *g, kaq_node *node, uint64_t end_
 	struct kaq_node_data *data = &node->data;
 	const kaq_function *fi = &data->function_info;
 	KAQ_REQUIRES(data->state == KAQ_NODE_OPEN);
+	g->node_pool.open_count--;
 	g->current_node = kaq_open_ancestor(node);
 	data->end_time = end_ms;
 	int64_t duration = (int64_t)(data->end_time - data->start_time);
@@ -85,6 +87,7 @@ static inline void kaq_end_in(zend_kaq_globals *g, kaq_node *node, uint64_t end_
 		if (UNEXPECTED(kaq_owns_texts(node))) {
 			kaq_release_texts(node);
 		}
+		data->state = KAQ_NODE_CREATED;
 		kaq_pool_give_back(&g->node_pool, node);
 		g->node_buffer_len--;
 		return;

@@ -25,7 +25,7 @@ bool kaq_pool_grow(kaq_node_pool *pool) {
 }
 
 void kaq_pool_for_each_open(kaq_node_pool *pool, void (*visit)(kaq_node_pool *, kaq_node *)) {
-	for (kaq_slab *slab = pool->slabs; slab; slab = slab->next) {
+	for (kaq_slab *slab = pool->slabs; slab && pool->open_count > 0; slab = slab->next) {
 		for (int i = 0; i < KAQ_SLAB_RECORDS; i++) {
 			if (slab->records[i].data.state == KAQ_NODE_OPEN) {
 				visit(pool, &slab->records[i]);

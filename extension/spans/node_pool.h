@@ -45,8 +45,10 @@ static inline kaq_node *kaq_pool_take(kaq_node_pool *pool) {
 	return node;
 }
 
-/* Makes the record available again. REQUIRES: the texts that its span owned are freed. */
+/* Makes the record available again, even if its span is open. REQUIRES: the texts that its span
+ * owned are freed. */
 static inline void kaq_pool_give_back(kaq_node_pool *pool, kaq_node *node) {
+	pool->open_count -= node->data.state == KAQ_NODE_OPEN;
 	node->data.state = KAQ_NODE_CREATED;
 	node->reuse++;
 	node->next = pool->free_list;

@@ -132,4 +132,5 @@ struct kaq_slab {
 struct kaq_node_pool {
 	kaq_node *free_list;
 	kaq_slab *slabs;
+	int open_count; /* records in state KAQ_NODE_OPEN */
 };
