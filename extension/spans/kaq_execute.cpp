@@ -31,8 +31,12 @@ static __attribute__((noinline)) void kaq_execute_entered(zend_execute_data *exe
 	if (EXPECTED(spans->top == call && kaq_now_ms_known(&now_ms))) {
 		const kaq_open_span *span = kaq_span_at(g, call);
 		int64_t duration = (int64_t)(now_ms - span->start_time);
-		if (EXPECTED(span->span == 0 && duration < g->method_threshold)) {
+		uintptr_t held = span->span;
+		if (EXPECTED(duration < g->method_threshold && (held == 0 || held & KAQ_SPAN_NAMED))) {
 			spans->top = call - KAQ_OPEN_SPAN_SIZE;
+			if (UNEXPECTED(held)) {
+				kaq_release_held_name(held);
+			}
 			return;
 		}
 	}
@@ -75,7 +79,7 @@ void kaq_execute_ex(zend_execute_data *execute_data) {
 	size_t position = g->open_spans.top + KAQ_OPEN_SPAN_SIZE;
 	uint64_t now_ms;
 	if (EXPECTED(function->common.function_name && position <= g->open_spans.last &&
-				 !(function->common.fn_flags & KAQ_FUNCTION_MAY_GO) && kaq_now_ms_known(&now_ms))) {
+				 kaq_now_ms_known(&now_ms))) {
 		kaq_push_call(g, position, function, now_ms);
 		kaq_execute_entered(execute_data, position);
 	} else {

@@ -37,9 +37,9 @@ static void kaq_count_children(kaq_open_span *span, kaq_node *parent) {
 	span->child_count = 0;
 }
 
-static void kaq_release_held_name(const kaq_open_span *span) {
-	if (span->span & KAQ_SPAN_NAMED) {
-		zend_string_release((zend_string *)(span->span - KAQ_SPAN_NAMED));
+void kaq_release_held_name(uintptr_t span) {
+	if (span & KAQ_SPAN_NAMED) {
+		zend_string_release((zend_string *)(span - KAQ_SPAN_NAMED));
 	}
 }
 
@@ -47,7 +47,7 @@ static void kaq_release_held_name(const kaq_open_span *span) {
 static void kaq_settle_span(zend_kaq_globals *g, kaq_open_span *span) {
 	kaq_node *node = kaq_pool_take(&g->node_pool);
 	if (!node) {
-		kaq_release_held_name(span);
+		kaq_release_held_name(span->span);
 		span->span = KAQ_SPAN_LOST;
 	} else {
 		if (span->span & KAQ_SPAN_NAMED) {
@@ -122,11 +122,6 @@ uintptr_t kaq_enter_call(zend_kaq_globals *g, const zend_function *function) {
 		return kaq_enter_plainly(g, function);
 	}
 	kaq_push_call(g, position, function, kaq_now_ms());
-	if (function->common.fn_flags & KAQ_FUNCTION_MAY_GO) {
-		kaq_open_span *span = kaq_span_at(g, position);
-		span->callee = function->common.scope;
-		span->span = (uintptr_t)zend_string_copy(function->common.function_name) | KAQ_SPAN_NAMED;
-	}
 	return position;
 }
 
@@ -153,7 +148,7 @@ void kaq_leave_call(zend_kaq_globals *g, uintptr_t call) {
 	}
 	bool is_short = (int64_t)(now_ms - span->start_time) < g->method_threshold;
 	if (call == g->open_spans.top && is_short && !kaq_is_settled(span)) {
-		kaq_release_held_name(span);
+		kaq_release_held_name(span->span);
 	} else {
 		kaq_settle(g);
 		kaq_node *node = kaq_node_of_span(span);

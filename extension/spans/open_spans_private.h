@@ -42,8 +42,8 @@ static inline kaq_node *kaq_node_of_span(const kaq_open_span *span) {
 	return kaq_is_settled(span) && span->span != KAQ_SPAN_LOST ? (kaq_node *)span->span : nullptr;
 }
 
-/* Adds an entry for a call of a function that lives on. REQUIRES: `position` is the next one, and
- * there is room for it. */
+/* Adds an entry for a call of a named function. REQUIRES: `position` is the next one, and there is
+ * room for it. */
 static inline void kaq_push_call(zend_kaq_globals *g, size_t position,
 								 const zend_function *function, uint64_t now_ms) {
 	kaq_open_span *span = kaq_span_at(g, position);
@@ -53,9 +53,16 @@ static inline void kaq_push_call(zend_kaq_globals *g, size_t position,
 	span->span = 0;
 	span->child_count = 0;
 	g->open_spans.top = position;
+	if (UNEXPECTED(function->common.fn_flags & KAQ_FUNCTION_MAY_GO)) {
+		span->callee = function->common.scope;
+		span->span = (uintptr_t)zend_string_copy(function->common.function_name) | KAQ_SPAN_NAMED;
+	}
 }
 
-/* The same for any named function, at any time. */
+/* Gives back what an entry holds of its function's name. */
+void kaq_release_held_name(uintptr_t span);
+
+/* The same as kaq_push_call at any time. */
 uintptr_t kaq_enter_call(zend_kaq_globals *g, const zend_function *function);
 
 /* Ends a call: its span is dropped or buffered. Calls inside of it that were cut off keep open
