@@ -131,7 +131,7 @@ static void kaq_report_transfer(kaq_node *parent, zval *easy, zend_long status, 
 	zend_kaq_globals *g = kaq_get_globals();
 	kaq_function *fi = &node->data.function_info;
 	zend_long id = kaq_zval_resource_id(easy);
-	node->data.key = g->node_buffer_len++;
+	node->data.key = kaq_take_key(g);
 	node->data.state = KAQ_NODE_BUFFERED;
 	node->data.parent = parent;
 	parent->data.child_count++;

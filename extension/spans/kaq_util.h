@@ -7,7 +7,7 @@
  * describes the span it is filling through the setters.
  *
  * Threads: a span belongs to the thread that created it. Times are wall clock milliseconds since
- * the epoch. Text in a span is a copy that the span owns.
+ * the epoch. Text in a span is a copy that the span owns, but for names: see state/span_types.h.
  */
 #pragma once
 
@@ -29,6 +29,9 @@ static inline bool kaq_is_leaf(const zend_kaq_globals *g, const kaq_node *node) 
 /* The innermost open span, or null. Calls of user code that are open get nodes of their own, so ask
  * only for a span that is to be kept. */
 kaq_node *kaq_current_node(zend_kaq_globals *g);
+/* The next key, for a span that its caller builds. Calls of user code that are open take theirs
+ * first: a bailout may have cut them off just before. */
+int kaq_take_key(zend_kaq_globals *g);
 /* Puts a finished span into the node buffer. Callers that build spans themselves fill key, state,
  * parent and times first. */
 void kaq_insert_node(kaq_node *node);

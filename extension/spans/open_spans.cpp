@@ -85,6 +85,11 @@ kaq_node *kaq_current_node(zend_kaq_globals *g) {
 	return g->current_node;
 }
 
+int kaq_take_key(zend_kaq_globals *g) {
+	kaq_settle(g);
+	return g->node_buffer_len++;
+}
+
 void kaq_record_plainly(zend_kaq_globals *g) {
 	kaq_settle(g);
 	for (size_t at = 0; g->open_spans.base && at <= g->open_spans.top; at += KAQ_OPEN_SPAN_SIZE) {

@@ -287,6 +287,24 @@ def test_each_transfer_is_below_the_call_that_first_saw_its_status(curl, mode):
             number: span["si"] for number, span in found.items()}
 
 
+def test_callback_that_ends_the_script_comes_before_the_transfer_that_it_was_called_for(curl):
+    source = """
+        function written($ch, $text) { inner(); return strlen($text); }
+        function inner() { usleep(20000); trigger_error('dies', E_USER_ERROR); }
+        $multi = curl_multi_init(); $ch = curl_init("$url/a");
+        curl_setopt($ch, CURLOPT_WRITEFUNCTION, 'written'); curl_multi_add_handle($multi, $ch);
+    """ + FINISH
+    curl.run(source, "neither", {"kaq.method_threshold": 10, "kaq.prune_intermediate_spans": 0})
+    payload = curl.collector.payload
+    spans = [(span["fn"], "ar" in span) for span in payload.spans]
+    assert spans[-4:] == [("curl_multi_exec", False), ("written", False), ("inner", False),
+                          ("curl_multi_exec", True)]
+    assert [span["mo"] for span in payload.spans] == list(range(len(spans)))
+    exec_id = payload.spans[-4]["si"]
+    assert [span["psi"] for span in payload.spans[-3:]] == [
+        exec_id, payload.spans[-3]["si"], exec_id]
+
+
 def test_transfer_starts_its_total_time_before_it_is_seen(curl):
     curl.server.otherwise = http.slow(0.2, http.answers(200, body=b""))
     payload = curl.payload(handles(2) + FINISH_UNSEEN + """
