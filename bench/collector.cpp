@@ -1,5 +1,6 @@
 /*
- * The collector of the benchmarks: answers as fast as it can and keeps nothing.
+ * The collector of the benchmarks: answers as fast as it can and keeps nothing. Its argument, if
+ * there is one, is a browser snippet, which the answers bring along.
  *
  * Prints "monitored PORT unmonitored PORT data PORT" when ready: two status ports, one that
  * enables the instance and one that does not, and the data port. A line on standard input is
@@ -15,7 +16,7 @@
 #include <unistd.h>
 
 static const char MONITORED[] = "{\"instance.id\":\"bench\",\"instance.status\":920,"
-								"\"transaction.trace.sql.stacktrace.threshold\":3}";
+								"\"transaction.trace.sql.stacktrace.threshold\":3";
 static const char UNMONITORED[] = "{\"instance.id\":\"bench\",\"instance.status\":0}";
 static const char NOTICE[] = "message:";
 
@@ -25,6 +26,7 @@ static unsigned long long bytes;
 static unsigned long long asked;
 
 static char buffer[1 << 20];
+static char monitored[4096];
 
 /* The request is one line; a reply that cannot be sent is the client's loss. */
 static void answer_status(int listener, const char *reply) {
@@ -64,9 +66,21 @@ static void take_data(int listener) {
 	}
 }
 
-int main() {
+/* The snippet has nothing that JSON would have to escape. */
+static bool make_answer(const char *snippet) {
+	int length = snippet == nullptr
+					 ? snprintf(monitored, sizeof monitored, "%s}", MONITORED)
+					 : snprintf(monitored, sizeof monitored,
+								"%s,\"webtransaction.rum.snippet\":\"%s\"}", MONITORED, snippet);
+	return length > 0 && (size_t)length < sizeof monitored;
+}
+
+int main(int argc, char **argv) {
 	int ports[3];
 	struct pollfd wait[4] = {};
+	if (!make_answer(argc > 1 ? argv[1] : nullptr)) {
+		return 1;
+	}
 	for (int i = 0; i < 3; i++) {
 		wait[i].fd = open_listener(&ports[i]);
 		wait[i].events = POLLIN;
@@ -80,7 +94,7 @@ int main() {
 	fflush(stdout);
 	while (poll(wait, 4, -1) >= 0) {
 		if (wait[0].revents != 0) {
-			answer_status(wait[0].fd, MONITORED);
+			answer_status(wait[0].fd, monitored);
 		} else if (wait[1].revents != 0) {
 			answer_status(wait[1].fd, UNMONITORED);
 		} else if (wait[2].revents != 0) {

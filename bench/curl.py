@@ -31,7 +31,7 @@ class Server(harness.Listener):
     """The HTTP server of the benchmarks. It counts requests, and those that had a traceparent."""
 
     def __init__(self, program):
-        super().__init__(program, "the HTTP server", 1)
+        super().__init__([program], "the HTTP server", 1)
         self.url = "http://127.0.0.1:%d/" % self.ports[0]
 
 

@@ -49,8 +49,8 @@ class Listener:
     """A program of the benchmarks that prints "NAME PORT" for each of its ports, then answers each
     line with "NAME COUNT" for each of its counts, until its standard input ends."""
 
-    def __init__(self, program, what, ports):
-        self._child = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    def __init__(self, command, what, ports):
+        self._child = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                        text=True)
         words = self._child.stdout.readline().split()
         if len(words) != 2 * ports:
@@ -69,10 +69,10 @@ class Listener:
 
 class Collector(Listener):
     """The collector of the benchmarks. It counts transactions, notices, bytes, and bytes of
-    questions."""
+    questions, and with a snippet sends it along with each answer."""
 
-    def __init__(self, program):
-        super().__init__(program, "the collector", 3)
+    def __init__(self, program, *snippet):
+        super().__init__([program, *snippet], "the collector", 3)
         self.monitored, self.unmonitored, self.data = self.ports
 
     def transactions_reach(self, expected, seconds=10.0):

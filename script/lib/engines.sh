@@ -83,6 +83,18 @@ kaq_engine_key() {
 	esac
 }
 
+# kaq_config_of KEY: the php-config of a known engine.
+kaq_config_of() {
+	local config
+	while read -r config; do
+		if [[ "$(kaq_engine_key "$config")" == "$1" ]]; then
+			printf '%s\n' "$config"
+			return 0
+		fi
+	done < <(kaq_engine_configs)
+	kaq_die "no engine is called $1; 'script/engine list' shows those that are installed"
+}
+
 # kaq_first_existing PATH...: prints the first that is there, or nothing.
 kaq_first_existing() {
 	local path

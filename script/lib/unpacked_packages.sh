@@ -38,3 +38,25 @@ kaq_download_package() {
 	fi
 	apt-get -q "${sandbox[@]}" -o Acquire::Retries=3 download "$1"
 }
+
+# kaq_download_closure DIRECTORY PACKAGE...: the files of packages, and of those that they depend on
+# and that are not installed. What is there already is not fetched again.
+kaq_download_closure() {
+	local directory=$1 log="$KAQ_LOGS/packages.log"
+	local -a command=(apt-get -q -y -o Debug::NoLocking=true -o Acquire::Retries=3
+		-o "Dir::Cache::archives=$directory" --no-install-recommends --reinstall --download-only)
+	shift
+	if [[ $(id -u) -eq 0 ]]; then
+		command+=(-o APT::Sandbox::User=root)
+	fi
+	mkdir -p "$directory/partial" "$KAQ_LOGS"
+	kaq_log 'packages: downloading what is not there'
+	if ! "${command[@]}" install "$@" >>"$log" 2>&1 </dev/null; then
+		# A package that was replaced meanwhile is found once the lists are new.
+		kaq_apt update >>"$log" 2>&1 </dev/null || true
+		kaq_run "$log" "${command[@]}" install "$@" ||
+			kaq_die "could not download $* (full log: $log)"
+	fi
+	# Files of versions that were replaced.
+	apt-get -q -o Debug::NoLocking=true -o "Dir::Cache::archives=$directory" autoclean >>"$log" 2>&1 || true
+}
