@@ -35,12 +35,11 @@ static inline void kaq_name_user_call(kaq_node *node, const zend_class_entry *sc
 	memcpy(fi->component_name, KAQ_PHP_COMPONENT, sizeof(KAQ_PHP_COMPONENT));
 }
 
-/* The same for a function that is being called. */
+/* The same for a function that is being called. Whatever becomes of the function, the name stays.
+ */
 static inline void kaq_name_function(kaq_node *node, const zend_function *function) {
-	bool may_go = function->common.fn_flags & KAQ_FUNCTION_MAY_GO;
-	zend_string *name = function->common.function_name;
-	kaq_name_user_call(node, function->common.scope, may_go ? zend_string_copy(name) : name,
-					   may_go);
+	zend_string *name = zend_string_copy(function->common.function_name);
+	kaq_name_user_call(node, function->common.scope, name, !ZSTR_IS_INTERNED(name));
 }
 
 /* Opens a node whose parent has counted it already. */

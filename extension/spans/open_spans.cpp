@@ -136,19 +136,19 @@ static void kaq_leave_node(zend_kaq_globals *g, kaq_node *node, uint64_t now_ms)
 	}
 }
 
-/* A position above the top belongs to a call whose span was ended before it. */
 void kaq_leave_call(zend_kaq_globals *g, uintptr_t call) {
 	uint64_t now_ms = kaq_now_ms();
 	if (call & KAQ_CALL_NODE) {
 		kaq_leave_node(g, (kaq_node *)(call - KAQ_CALL_NODE), now_ms);
 		return;
 	}
+	/* Its entry has been taken away, though not by itself: another module switches C stacks. */
+	if (call > g->open_spans.top) {
+		kaq_record_plainly(g);
+	}
 	kaq_open_span *span = kaq_span_at(g, call);
 	if (g->open_spans.is_plain) {
 		kaq_leave_node(g, kaq_node_of_span(span), now_ms);
-		return;
-	}
-	if (call > g->open_spans.top) {
 		return;
 	}
 	bool is_short = (int64_t)(now_ms - span->start_time) < g->method_threshold;

@@ -10,7 +10,8 @@
  * called settling. Entries without a node always lie on top.
  *
  * An entry points at the called function, which lives until its request has ended; of one that may
- * go earlier it holds the name and the class instead.
+ * go earlier it holds the name and the class instead. (A module that takes functions out of the
+ * engine's table must not do so while they run, as the engine itself would not survive that.)
  *
  * With fibers calls do not end in the order of a stack, and where memory is short there may be no
  * entry: from then on every call of the request gets a node at once ("plain").

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "spans/kaq_execute.h"
+#include "util/swallowed_bailout.h"
 
 static zend_kaq_globals *now;
 
@@ -39,6 +40,8 @@ protected:
 	}
 
 	void TearDown() override {
+		kaq_free_node_buffer();
+		EXPECT_EQ(0, g->node_pool.open_count);
 		g->control_signal = 0;
 		SpanTest::TearDown();
 	}
@@ -167,6 +170,58 @@ TEST_F(OpenSpans, NameThatASpanHoldsIsGivenBackAtRequestEnd) {
 	zend_string_release(name);
 }
 
+/* How often the string in the script's $name is held. */
+static uint32_t holders_of_name() {
+	zval *name = zend_hash_str_find_ind(&EG(symbol_table), "name", strlen("name"));
+	return name && Z_TYPE_P(name) == IS_STRING ? GC_REFCOUNT(Z_STR_P(name)) : 0;
+}
+
+TEST_F(OpenSpans, NameThatAnEntryHoldsIsGivenBackWhetherTheSpanStaysOrNot) {
+	ASSERT_TRUE(run_php("class A { function __call($name, $arguments) { probe(); } }"
+						"$name = str_repeat('held', 9); $a = new A;"));
+	uint32_t before = holders_of_name();
+	ASSERT_EQ(1u, before);
+	struct {
+		void (*probe)();
+		bool is_short_of_memory;
+	} cases[] = {
+		{[] {}, false}, {ask_for_the_current_span, false}, {wait_long, false}, {wait_long, true}};
+	for (bool is_read : {false, true}) {
+		clock_is_read_each_time(is_read);
+		clock_advances(0);
+		for (const auto &one : cases) {
+			probe = one.probe;
+			kaq_node *kept = g->node_pool.free_list;
+			if (one.is_short_of_memory) {
+				g->node_pool.free_list = nullptr;
+				allocation_fails(1);
+			}
+			ASSERT_TRUE(run_php("$a->$name();"));
+			kaq_close_open_nodes();
+			kaq_free_node_buffer();
+			if (one.is_short_of_memory) {
+				g->node_pool.free_list = kept;
+			}
+			EXPECT_EQ(before, holders_of_name());
+		}
+	}
+}
+
+/* A module may take a function out of the engine's table between its call and request end. */
+TEST_F(OpenSpans, KeptSpanHoldsTheNameOfAnyFunction) {
+	ASSERT_TRUE(run_php("function kept_and_gone() { probe(); }"));
+	const zend_function *function = (const zend_function *)zend_hash_str_find_ptr(
+		EG(function_table), "kept_and_gone", strlen("kept_and_gone"));
+	ASSERT_NE(nullptr, function);
+	zend_string *name = function->common.function_name;
+	uint32_t before = GC_REFCOUNT(name);
+	ASSERT_TRUE(run_php("kept_and_gone();"));
+	EXPECT_EQ(ZSTR_IS_INTERNED(name) ? before : before + 1, GC_REFCOUNT(name));
+	kaq_close_open_nodes();
+	kaq_free_node_buffer();
+	EXPECT_EQ(before, GC_REFCOUNT(name));
+}
+
 TEST_F(OpenSpans, NameThatASpanHoldsIsForgottenWithARequestThatWasNotEnded) {
 	ASSERT_TRUE(run_php("class A { function __call($name, $arguments) { probe(); } }"
 						"$name = str_repeat('held', 9); (new A)->$name();"));
@@ -260,6 +315,74 @@ TEST_F(OpenSpans, CallsThatWereCutOffStayOpenUntilTheRequestEnds) {
 	ASSERT_TRUE(run_php("c(); b();"));
 	EXPECT_EQ((Tree{"0 main< (3)", "1 outer<0 (1)", "2 a<1 (1)", "3 b<2 (0)", "4 b<0 (0)"}),
 			  tree());
+}
+
+static void die_deep() {
+	zend_bailout();
+}
+
+/* What an instrumented call that is not recorded does with a bailout of the code it ran. */
+static void swallow_the_end_of_a_call() {
+	kaq_engine_state state;
+	kaq_note_engine_state(&state);
+	probe = die_deep;
+	zend_execute_data *frame = EG(current_execute_data);
+	zend_try {
+		zend_eval_string((char *)"cut();", nullptr, (char *)"test");
+	}
+	zend_end_try();
+	EG(current_execute_data) = frame;
+	kaq_return_from_bailout(&state);
+	kaq_forget_engine_state(&state);
+	CG(unclean_shutdown) = 0;
+}
+
+TEST_F(OpenSpans, ShortCallStaysWhileACallThatWasCutOffWithinItIsOpen) {
+	ASSERT_TRUE(run_php("function outer() { probe(); } function cut() { probe(); }"));
+	probe = swallow_the_end_of_a_call;
+	ASSERT_TRUE(run_php("outer();"));
+	EXPECT_EQ(3, g->node_buffer_len);
+	EXPECT_EQ((Tree{"0 main< (1)", "1 outer<0 (1)"}), tree());
+}
+
+TEST_F(OpenSpans, ChildrenOfAnInstrumentedCallAreCounted) {
+	kaq_node *call = open_span("call", 0, "HTTP");
+	ASSERT_TRUE(run_php("function callback() { inner(); } function inner() {}"
+						"callback(); callback();"));
+	kaq_close_node(call);
+	EXPECT_EQ((Tree{"0 main< (1)", "1 call<0 (2)"}), tree());
+}
+
+TEST_F(OpenSpans, EntriesOfARequestThatWasNotEndedAreForgotten) {
+	probe = die_deep;
+	zend_execute_data *frame = EG(current_execute_data);
+	ASSERT_TRUE(dies_in_php("function cut() { probe(); } cut();"));
+	EG(current_execute_data) = frame;
+	CG(unclean_shutdown) = 0;
+	EXPECT_LT(sizeof(kaq_open_span), g->open_spans.top) << "that of main is the first";
+	skip_request_end();
+	start_request();
+	EXPECT_EQ(0u, g->open_spans.top);
+	EXPECT_EQ(nullptr, g->current_node);
+}
+
+TEST_F(OpenSpans, CallThatEndsAfterItsCallerIsStillItsOwnSpan) {
+	ASSERT_TRUE(run_php("function a() { b(); } function b() { probe(); }"));
+	/* As a module does that switches C stacks: the outer call ends first. */
+	probe = [] {
+		kaq_node *b = kaq_current_node(now);
+		wait_long();
+		kaq_close_node(b->data.parent);
+		wait_long();
+	};
+	ASSERT_TRUE(run_php("a();"));
+	const kaq_node *b = g->node_buffer->head;
+	EXPECT_EQ("b", name_of(b));
+	EXPECT_EQ(1000100u, b->data.end_time);
+	EXPECT_EQ("a", name_of(b->next));
+	EXPECT_EQ(1000050u, b->next->data.end_time);
+	EXPECT_TRUE(g->open_spans.is_plain);
+	EXPECT_EQ((Tree{"0 main< (1)", "1 a<0 (1)", "2 b<1 (0)"}), tree());
 }
 
 TEST_F(OpenSpans, WithFibersEveryCallGetsItsNodeAtOnce) {
