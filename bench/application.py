@@ -27,6 +27,9 @@ KINDS = {
 ITERATIONS = 12
 # What keeps or writes something for every call.
 HEAVY_ITERATIONS = 2
+# Those that are slow, and that no target is about, run in the first of every three rounds.
+RARE = (KEPT,) + PROFILERS
+RARE_ROUNDS = slice(0, None, 3)
 
 
 class Library:
@@ -129,7 +132,7 @@ def _check(setup, library, kind, opcache):
 
 def time_libraries(setup, rounds):
     """{(kind, opcache): {"calls": calls of an iteration, "times": {variant: [(us of the median
-    iteration, user us, system us), one per round]}}}."""
+    iteration, user us, system us), one per round, of a rare one per RARE_ROUNDS]}}}."""
     library = Library(setup)
     variants = VARIANTS + tuple(library.profilers())
     figures = {(kind, opcache): {"calls": _check(setup, library, kind, opcache),
@@ -139,10 +142,11 @@ def time_libraries(setup, rounds):
     for turn in range(rounds):
         harness.progress("libraries: round %d of %d" % (turn + 1, rounds))
         for (kind, opcache), figure in figures.items():
-            for variant in harness.rotated(variants, turn):
+            rare = RARE if turn % RARE_ROUNDS.step else ()
+            for variant in harness.rotated([one for one in variants if one not in rare], turn):
                 iterations = HEAVY_ITERATIONS if variant in (KEPT, "xdebug") else ITERATIONS
                 _, times, text = library.run(variant, kind, opcache, KINDS[kind][1],
-                                                    iterations)
+                                             iterations)
                 if sums.setdefault(kind, text) != text:
                     raise BenchError("%s, %s: gave something else" % (kind, variant))
                 figure["times"][variant].append(times)

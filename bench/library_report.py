@@ -8,6 +8,9 @@ from application import KINDS, TITLES
 from harness import BARE, CHAIN, DROPPED, GATED, UNMONITORED
 
 PAIRS = ((UNMONITORED, CHAIN), (DROPPED, CHAIN), (DROPPED, GATED))
+# What a request that is not monitored may cost above the hook that chains, in percent of the bare
+# engine's time.
+UNMONITORED_TARGET = 1
 
 
 def _title(key):
@@ -27,36 +30,64 @@ def _per_call(values, calls):
     return [None if value is None else value * 1e6 / calls for value in values]
 
 
-def _table(figure):
+def _base(variant, times):
+    """The hook that only chains, in the rounds in which the variant ran."""
+    return times[CHAIN][application.RARE_ROUNDS] if variant in application.RARE else times[CHAIN]
+
+
+def _rows(figure, times):
     """Milliseconds per iteration, and ns per call above the hook that only chains."""
-    calls = figure["calls"]
-    times = {variant: [values[0] / 1e3 for values in rounds]
-             for variant, rounds in figure["times"].items()}
     print("  %-28s %8s %8s %8s %8s  %9s %20s"
           % ("", "best ms", "median", "user", "to bare", "ns/call", ""))
     print("  %-28s %8s %8s %8s %8s  %9s %20s"
-          % ("", "", "ms", "ms", "median", "to chain", "95 % interval"))
+          % ("", "", "ms", "ms", "of best", "to chain", "95 % interval"))
     for variant, rounds in times.items():
-        above = _per_call(harness.difference(rounds, times[CHAIN]), calls)
+        above = _per_call(harness.difference(rounds, _base(variant, times)), figure["calls"])
         print("  %-28s %8.2f %8.2f %8.2f %8.3f  %s"
               % (TITLES[variant], min(rounds), statistics.median(rounds),
                  statistics.median(values[1] / 1e3 for values in figure["times"][variant]),
-                 harness.ratios(rounds, times[BARE])[0], _interval(above)))
+                 min(rounds) / min(times[BARE]), _interval(above)))
+
+
+def _pairs(figure, times):
+    """{(over, under): the difference in percent of the bare engine's time, with its interval}."""
+    bare = statistics.median(times[BARE])
+    points = {}
     for over, under in PAIRS:
         added = harness.difference(times[over], times[under])
-        print("  %-54s ms  %s" % ("%s - %s" % (TITLES[over], TITLES[under]), _interval(added)))
-        print("  %-54s ns  %s" % ("    for each call", _interval(_per_call(added, calls))))
+        points[over, under] = [None if value is None else 100 * value / bare for value in added]
+        print("  %-54s %%   %s" % ("%s - %s" % (TITLES[over], TITLES[under]),
+                                  _interval(points[over, under])))
+        print("  %-54s ns  %s" % ("    for each call",
+                                  _interval(_per_call(added, figure["calls"]))))
+    return points
 
 
-def print_times(figures):
+def _print_targets(title, points, targets):
+    median, low, high = points[UNMONITORED, CHAIN]
+    if low is None:
+        return
+    report.target(targets, "not monitored - chain, end of the interval, %s" % title, high,
+                  "< %d %%" % UNMONITORED_TARGET, high < UNMONITORED_TARGET)
+    median, low, high = points[DROPPED, GATED]
+    report.target(targets, "dropped - gated, start of the interval, %s" % title, low,
+                  "<= 0 %", low <= 0)
+
+
+def print_times(figures, targets):
     for key, figure in figures.items():
         report.heading("A library without a server: %s (%d user calls)"
                        % (_title(key), figure["calls"]))
-        _table(figure)
+        times = {variant: [values[0] / 1e3 for values in rounds]
+                 for variant, rounds in figure["times"].items()}
+        _rows(figure, times)
+        points = _pairs(figure, times)
+        _print_targets("%s, opcache %s" % (key[0], "on" if key[1] else "off"), points, targets)
     print("  Processor time of an iteration, user and system, of which the kernel tells the user's"
           "\n  share by samples. Each process gives its median iteration; the first does not count."
-          "\n  To chain, and below: median of the rounds' differences. Interval: distribution-free,"
-          "\n  from the ranks of these differences; there is none below six rounds.")
+          "\n  To chain, and below: median of the rounds' differences, below in percent of the bare"
+          "\n  engine's time. Interval: distribution-free, from the ranks of these differences; there"
+          "\n  is none below six rounds.")
 
 
 def print_instructions(counts):

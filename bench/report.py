@@ -22,7 +22,7 @@ def heading(text):
     print("-" * len(text))
 
 
-def _target(targets, name, figure, text, met):
+def target(targets, name, figure, text, met):
     targets.append({"name": name, "figure": figure, "target": text, "met": met})
     print("  %-58s %7.2f   target %s: %s" % (name, figure, text, "met" if met else "missed"))
 
@@ -46,7 +46,7 @@ def print_calls(times, targets):
     print()
     for workload, title in calls.WORKLOADS.items():
         median = harness.ratios(times[workload][DROPPED], times[workload][CLOCK])[0]
-        _target(targets, "short calls dropped to two clock reads, %s" % workload, median,
+        target(targets, "short calls dropped to two clock reads, %s" % workload, median,
                 "<= %.2f" % CALL_TARGET, median <= CALL_TARGET)
 
 
@@ -79,7 +79,7 @@ def print_wrapped_calls(times, targets):
           "\n  is added there is the error of the measurement.\n")
     for variant in (UNMONITORED, LIMIT):
         median = _added(times["names"][variant])[0]
-        _target(targets, "ns added to a wrapped call: %s" % harness.TITLES[variant], median,
+        target(targets, "ns added to a wrapped call: %s" % harness.TITLES[variant], median,
                 "<= %.0f" % WRAPPED_TARGET_NS, median <= WRAPPED_TARGET_NS)
 
 
@@ -143,7 +143,7 @@ def _print_growth(times, targets):
                                           times[kind + str(size)][BARE], 1)
                             for size in (few, many))
             growth = large / small if small > 0 else float("nan")
-            _target(targets, "%s, added per handle, %d to %d, %s"
+            target(targets, "%s, added per handle, %d to %d, %s"
                     % (kind, many, few, curl.TITLES[variant]), growth,
                     "<= %.2f" % GROWTH_TARGET, growth <= GROWTH_TARGET)
 
@@ -199,7 +199,7 @@ def _print_floor(times, targets):
         print("  %-40s %9.1f %9.1f  %8.1f %8.1f"
               % (title, statistics.median(rounds), best, beyond, best - floor_best))
     print()
-    _target(targets, "us beyond the conversations, " + title, beyond,
+    target(targets, "us beyond the conversations, " + title, beyond,
             "<= %.0f" % BEYOND_TARGET_US, beyond <= BEYOND_TARGET_US)
 
 
@@ -238,7 +238,7 @@ def print_encoding(times, counts, targets):
     print()
     for spans, (_, own, engine) in times.items():
         median = harness.ratios(engine, own)[0]
-        _target(targets, "engine's time to ours, %d spans" % spans, median,
+        target(targets, "engine's time to ours, %d spans" % spans, median,
                 ">= %.1f" % ENCODING_TARGET, median >= ENCODING_TARGET)
 
 
@@ -253,5 +253,5 @@ def print_depths(depths, targets):
     print()
     for kind in depths:
         share = depths[kind][DROPPED] / depths[kind][CHAIN]
-        _target(targets, "depth to that of a hook that only chains, %s" % kind, share,
+        target(targets, "depth to that of a hook that only chains, %s" % kind, share,
                 ">= %.2f" % DEPTH_TARGET, share >= DEPTH_TARGET)

@@ -50,7 +50,7 @@ def run_curl(setup, program, figures, targets):
         server.stop()
 
 
-def run_application(setup, figures, count):
+def run_application(setup, figures, count, targets):
     if not setup.packages:
         print("\n  application: left out, the packages of its libraries cannot be fetched")
         return
@@ -59,8 +59,8 @@ def run_application(setup, figures, count):
         return {"%s, opcache %s" % (kind, "on" if opcache else "off"): figure
                 for (kind, opcache), figure in by_key.items()}
 
-    times = application.time_libraries(setup, 3 if setup.quick else 15)
-    library_report.print_times(times)
+    times = application.time_libraries(setup, 3 if setup.quick else 30)
+    library_report.print_times(times, targets)
     figures["application_us"] = named(times)
     if count:
         counts = application.count_instructions(setup)
@@ -86,7 +86,7 @@ def run_sections(setup, options, wanted, targets):
         figures["failures_ns"] = failures.time_failures(setup, 3 if quick else 15)
         report.print_failures(figures["failures_ns"])
     if "application" in wanted:
-        run_application(setup, figures, "instructions" in wanted)
+        run_application(setup, figures, "instructions" in wanted, targets)
     # An application's instructions take long and are counted only beside its times.
     if "instructions" in wanted:
         figures["instructions"] = calls.count_instructions(setup)
