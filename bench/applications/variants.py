@@ -46,6 +46,7 @@ VARIANTS = collections.OrderedDict((row.name, row) for row in (
     _row(BARE, "bare engine"),
     _row(AGAIN, "bare engine again (noise)"),
     _row("chain", "hook that only chains", "probe", settings=[("probe.mode", "chain")]),
+    _row("gated", "hook with two gated reads", "probe", settings=[("probe.mode", "gated")]),
     _row("down", "kaq, collector absent", "kaq", "down"),
     _row("monitored", "kaq, monitored", "kaq", "up"),
     _row("traced", "kaq, monitored and traced", "kaq", "up",
