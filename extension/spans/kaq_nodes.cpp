@@ -48,11 +48,12 @@ static void kaq_release_name(kaq_function *fi, char **name, uint8_t owns) {
 }
 
 static void kaq_release_names(kaq_function *fi) {
+	kaq_release_name(fi, &fi->class_name, KAQ_OWNS_CLASS_NAME);
 	if (fi->names & KAQ_HOLDS_FUNCTION_NAME) {
 		zend_string_release(kaq_engine_string(fi->function_name));
+	} else {
+		kaq_release_name(fi, &fi->function_name, KAQ_OWNS_FUNCTION_NAME);
 	}
-	kaq_release_name(fi, &fi->class_name, KAQ_OWNS_CLASS_NAME);
-	kaq_release_name(fi, &fi->function_name, KAQ_OWNS_FUNCTION_NAME);
 	fi->names = 0;
 }
 
@@ -201,8 +202,9 @@ void kaq_update_method_name(kaq_function *fi, const char *name) {
 	char *copy = kaq_strdup(name);
 	if (fi->names & KAQ_HOLDS_FUNCTION_NAME) {
 		zend_string_release(kaq_engine_string(fi->function_name));
+	} else {
+		kaq_release_name(fi, &fi->function_name, KAQ_OWNS_FUNCTION_NAME);
 	}
-	kaq_release_name(fi, &fi->function_name, KAQ_OWNS_FUNCTION_NAME);
 	fi->function_name = copy;
 	fi->names = (uint8_t)((fi->names & KAQ_OWNS_CLASS_NAME) | KAQ_OWNS_FUNCTION_NAME);
 }
