@@ -7,6 +7,7 @@ import re
 
 import curl_runs
 import pytest
+import span_model
 
 KEEP, DROP = "0", "99999"
 SEEDS = [int(seed) for seed in os.environ.get("KAQ_WIRE_SEEDS", "").split()] or list(range(40))
@@ -89,47 +90,24 @@ def random_steps(chance, depth, numbers):
     return steps
 
 
-class Recorded:
-    def __init__(self, name, parent, key):
-        self.name, self.parent, self.key = name, parent, key
-        self.child_count, self.marked, self.necessary = 0, False, True
-        self.fault, self.error = 0, 0
-
-
-class Model:
-    """The rules for opening, marking, closing and pruning, for calls that take no time."""
+class Model(span_model.Spans):
+    """Marks spans as errors do, and follows what each statement does."""
 
     def __init__(self, limit):
-        self.limit, self.next_key, self.errors, self.stored = limit, 0, 0, []
-        self.threshold = DROP
-        self.root = self.open("main", None)
-        self.root.marked = True
-
-    def open(self, name, parent):
-        span = Recorded(name, parent, self.next_key)
-        self.next_key += 1
-        if parent:
-            parent.child_count += 1
-        return span
-
-    def close(self, span):
-        span.necessary = span.marked or self.threshold == KEEP
-        if self.next_key == span.key + 1 and not span.necessary and span.key != 0:
-            self.next_key -= 1
-            return
-        self.stored.append(span)
+        super().__init__(limit)
+        self.errors, self.threshold = 0, DROP
 
     def call(self, name, parent, run):
         """One span around what `run` does with it, or none when the limit is reached."""
-        span = self.open(name, parent) if len(self.stored) < self.limit else None
+        span = self.open(name, parent) if self.has_room() else None
         run(span or parent)
         if span:
-            self.close(span)
+            self.close(span, span.marked or self.threshold == KEEP)
 
     def wrapped(self, parent, name):
         def mark(span):
             span.marked = True
-        if len(self.stored) < self.limit:
+        if self.has_room():
             self.call(name, parent, mark)
 
     def step(self, step, span):
@@ -161,21 +139,6 @@ class Model:
         else:
             self.call(call.name(), parent, body)
 
-    def prune(self):
-        kept = {id(span) for span in self.stored if span is self.root or span.necessary
-                or (span.parent is not None and span.parent.child_count >= 2)}
-        for span in self.stored:
-            if span.parent is not None:
-                while id(span.parent) not in kept:
-                    span.parent = span.parent.parent
-        self.stored = [span for span in self.stored if id(span) in kept]
-
-    def rows(self):
-        ordered = sorted(self.stored, key=lambda span: span.key)
-        positions = {id(span): position for position, span in enumerate(ordered)}
-        return [(span.name, positions.get(id(span.parent)), span.fault, span.error)
-                for span in ordered]
-
 
 def plain_name(name):
     """Newer engines tell where a closure stands."""
@@ -196,7 +159,7 @@ def test_random_program_is_recorded_like_the_model(wire, collector, curl_options
     model = Model(limit)
     for step in steps:
         model.step(step, model.root)
-    model.close(model.root)
+    model.close(model.root, True)
     if pruned:
         model.prune()
     main = "".join(step.statement() if isinstance(step, Call) else STATEMENTS[step]
@@ -208,6 +171,4 @@ def test_random_program_is_recorded_like_the_model(wire, collector, curl_options
         "kaq.prune_intermediate_spans": int(pruned), "kaq.track_errors": 1})
     assert ran.status == 0, ran.stderr
     spans = collector.payload.spans
-    positions = {span["si"]: position for position, span in enumerate(spans)}
-    assert [(plain_name(span["fn"]), positions.get(span.get("psi")), span.get("if", 0),
-             span.get("ie", 0)) for span in spans] == model.rows()
+    assert span_model.rows_of(spans, plain_name) == model.rows()

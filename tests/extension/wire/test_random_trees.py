@@ -3,6 +3,7 @@ import os
 import random
 
 import pytest
+import span_model
 
 KEEP, DROP = "0", "99999"
 SEEDS = [int(seed) for seed in os.environ.get("KAQ_WIRE_SEEDS", "").split()] or list(range(30))
@@ -33,54 +34,13 @@ def random_calls(chance, depth, names):
     return calls
 
 
-class Recorded:
-    def __init__(self, name, parent, key):
-        self.name, self.parent, self.key = name, parent, key
-        self.child_count, self.necessary = 0, True
-
-
-class Model:
-    """The rules for opening, closing and pruning, for calls that take no time."""
-
-    def __init__(self, limit):
-        self.limit, self.next_key, self.stored = limit, 0, []
-        self.root = self.open("main", None)
-
-    def open(self, name, parent):
-        span = Recorded(name, parent, self.next_key)
-        self.next_key += 1
-        if parent:
-            parent.child_count += 1
-        return span
-
-    def close(self, span, necessary):
-        span.necessary = necessary
-        if self.next_key == span.key + 1 and not necessary and span.key != 0:
-            self.next_key -= 1
-            return
-        self.stored.append(span)
-
+class Model(span_model.Spans):
     def run(self, calls, parent):
         for call in calls:
-            span = self.open(call.name, parent) if len(self.stored) < self.limit else None
+            span = self.open(call.name, parent) if self.has_room() else None
             self.run(call.children, span or parent)
             if span:
                 self.close(span, call.threshold == KEEP)
-
-    def prune(self):
-        kept = {id(span) for span in self.stored if span is self.root or span.necessary
-                or (span.parent is not None and span.parent.child_count >= 2)}
-        for span in self.stored:
-            if span.parent is not None:
-                while id(span.parent) not in kept:
-                    span.parent = span.parent.parent
-        self.stored = [span for span in self.stored if id(span) in kept]
-
-    def rows(self):
-        """(name, position of the parent) of every span in key order."""
-        ordered = sorted(self.stored, key=lambda span: span.key)
-        positions = {id(span): position for position, span in enumerate(ordered)}
-        return [(span.name, positions.get(id(span.parent))) for span in ordered]
 
 
 @pytest.mark.parametrize("seed", SEEDS)
@@ -98,6 +58,5 @@ def test_random_tree_is_recorded_like_the_model(wire, collector, seed):
     wire.cli(source, settings={"kaq.method_threshold": DROP, "kaq.span_limit": limit,
                                "kaq.prune_intermediate_spans": int(pruned)})
     spans = collector.payload.spans
-    positions = {span["si"]: position for position, span in enumerate(spans)}
-    assert [(span["fn"], positions.get(span.get("psi"))) for span in spans] == model.rows()
+    assert span_model.rows_of(spans) == model.rows()
     assert [span["mo"] for span in spans] == list(range(len(spans)))
