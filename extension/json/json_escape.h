@@ -41,7 +41,7 @@ static inline unsigned kaq_json_escape_mask(__m128i block) {
 char *kaq_json_put_escape(char *out, char byte);
 
 /*
- * The same for a NUL-terminated text whose length need not be known, as the engine stores its
+ * kaq_json_escape for a NUL-terminated text whose length need not be known, as the engine stores its
  * strings. Returns the end of what it wrote.
  *
  * REQUIRES: `out` has KAQ_JSON_ESCAPE_MAX bytes for the text; the text is readable in whole steps
