@@ -41,8 +41,8 @@ static inline unsigned kaq_json_escape_mask(__m128i block) {
 char *kaq_json_put_escape(char *out, char byte);
 
 /*
- * kaq_json_escape for a NUL-terminated text whose length need not be known, as the engine stores its
- * strings. Returns the end of what it wrote.
+ * kaq_json_escape for a NUL-terminated text whose length need not be known, as the engine stores
+ * its strings. Returns the end of what it wrote.
  *
  * REQUIRES: `out` has KAQ_JSON_ESCAPE_MAX bytes for the text; the text is readable in whole steps
  * of 8 bytes, up to the step that has its NUL.
