@@ -42,7 +42,7 @@ if test "$PHP_KAQ" != "no"; then
   kaq_sources="util/engine_access.cpp util/engine_compat.cpp util/header_line.cpp util/kaq_aside.cpp \
     util/kaq_clock.cpp util/kaq_random.cpp util/kaq_strings.cpp util/kaq_util_functions.cpp \
     util/memory_limit.cpp util/swallowed_bailout.cpp \
-    json/json_bounds.cpp json/json_escape.cpp json/kaq_json.cpp \
+    json/json_bounds.cpp json/json_escape.cpp json/json_members.cpp json/kaq_json.cpp \
     state/php_kaq.cpp \
     spans/kaq_cpu.cpp spans/kaq_execute.cpp spans/kaq_nodes.cpp spans/kaq_prune.cpp \
     spans/kaq_setters.cpp spans/node_pool.cpp spans/open_spans.cpp \

@@ -1,5 +1,6 @@
 #include "wire/handshake.h"
 
+#include "json/json_members.h"
 #include "json/kaq_json.h"
 #include "state/php_kaq.h"
 #include "util/kaq_strings.h"
@@ -107,55 +108,104 @@ int form_instanceinfo_request(smart_str *buffer) {
 	return 0;
 }
 
-/* A decoded object has its members in one table, and nothing else. */
-static zval *kaq_reply_member(zval *reply, const char *name) {
-	return zend_hash_str_find(Z_OBJPROP_P(reply), name, strlen(name));
-}
+/* What an answer may say, in the order in which it is taken. */
+enum kaq_answer_member {
+	KAQ_ANSWER_INSTANCE_ID,
+	KAQ_ANSWER_NAME,
+	KAQ_ANSWER_APP_ID,
+	KAQ_ANSWER_STATUS,
+	KAQ_ANSWER_SQL_THRESHOLD,
+	KAQ_ANSWER_SNIPPET,
+	KAQ_ANSWER_MEMBERS
+};
 
-static void kaq_take_reply_string(zval *reply, const char *name, char **field) {
-	const zval *value = kaq_reply_member(reply, name);
-	if (value && Z_TYPE_P(value) == IS_STRING) {
+static const char *const answer_names[KAQ_ANSWER_MEMBERS] = {
+	"instance.id",
+	"normalised.txn.name",
+	"app.id",
+	"instance.status",
+	"transaction.trace.sql.stacktrace.threshold",
+	"webtransaction.rum.snippet"};
+
+static void kaq_take_answer_string(const kaq_json_member *member, char **field) {
+	if (member->kind == KAQ_JSON_STRING) {
 		free(*field);
-		*field = kaq_strdup(Z_STRVAL_P(value));
+		*field = kaq_json_copy_string(member);
 	}
 }
 
-static void kaq_take_status(zval *reply, zend_kaq_globals *g) {
-	const zval *value = kaq_reply_member(reply, "instance.status");
-	bool enabled =
-		value && Z_TYPE_P(value) == IS_LONG &&
-		(Z_LVAL_P(value) == KAQ_STATUS_ENABLED || Z_LVAL_P(value) == KAQ_STATUS_ENABLED_TOO);
+static void kaq_take_status(const kaq_json_member *member, zend_kaq_globals *g) {
+	bool enabled = member->kind == KAQ_JSON_INTEGER && (member->integer == KAQ_STATUS_ENABLED ||
+														member->integer == KAQ_STATUS_ENABLED_TOO);
 	g->control_signal = enabled && g->instance_id && g->instance_id[0];
 }
 
-static void kaq_take_sql_threshold(zval *reply, zend_kaq_globals *g) {
-	const zval *value = kaq_reply_member(reply, "transaction.trace.sql.stacktrace.threshold");
-	if (value && Z_TYPE_P(value) == IS_LONG) {
-		g->sql_trace_threshold = (float)Z_LVAL_P(value);
-	} else if (value && Z_TYPE_P(value) == IS_DOUBLE) {
-		g->sql_trace_threshold = (float)Z_DVAL_P(value);
+static void kaq_take_sql_threshold(const kaq_json_member *member, zend_kaq_globals *g) {
+	if (member->kind == KAQ_JSON_INTEGER) {
+		g->sql_trace_threshold = (float)member->integer;
 	} else {
-		g->sql_trace_threshold = 0.0f;
+		g->sql_trace_threshold = member->kind == KAQ_JSON_DOUBLE ? (float)member->real : 0.0f;
 	}
 }
 
-void process_instance_info(const char *reply) {
-	zend_kaq_globals *g = kaq_get_globals();
-	if (!reply || !reply[0]) {
-		return;
+static void kaq_take_answer(const kaq_json_member *answer, zend_kaq_globals *g) {
+	kaq_take_answer_string(&answer[KAQ_ANSWER_INSTANCE_ID], &g->instance_id);
+	kaq_take_answer_string(&answer[KAQ_ANSWER_NAME], &g->normalised_txn_name);
+	kaq_take_answer_string(&answer[KAQ_ANSWER_APP_ID], &g->app_id);
+	kaq_take_status(&answer[KAQ_ANSWER_STATUS], g);
+	kaq_take_sql_threshold(&answer[KAQ_ANSWER_SQL_THRESHOLD], g);
+	kaq_take_answer_string(&answer[KAQ_ANSWER_SNIPPET], &g->rum_snippet);
+}
+
+/* A decoded object has its members in one table, and nothing else. A string ends at its first
+ * NUL. */
+static void kaq_member_of_value(zval *object, kaq_json_member *member) {
+	const zval *value = zend_hash_str_find(Z_OBJPROP_P(object), member->name, strlen(member->name));
+	member->kind = KAQ_JSON_OTHER;
+	if (value && Z_TYPE_P(value) == IS_LONG) {
+		member->kind = KAQ_JSON_INTEGER;
+		member->integer = Z_LVAL_P(value);
+	} else if (value && Z_TYPE_P(value) == IS_DOUBLE) {
+		member->kind = KAQ_JSON_DOUBLE;
+		member->real = Z_DVAL_P(value);
+	} else if (value && Z_TYPE_P(value) == IS_STRING) {
+		member->kind = KAQ_JSON_STRING;
+		member->text = Z_STRVAL_P(value);
+		member->length = strlen(member->text);
+		member->has_escapes = false;
 	}
+}
+
+static void kaq_take_decoded_answer(const char *text, kaq_json_member *answer,
+									zend_kaq_globals *g) {
 	kaq_memory_limit_lift();
-	zval *decoded = kaq_decode_json_object(reply, g->json_decode_function_exists);
+	zval *decoded = kaq_decode_json_object(text, true);
 	if (decoded) {
-		kaq_take_reply_string(decoded, "instance.id", &g->instance_id);
-		kaq_take_reply_string(decoded, "normalised.txn.name", &g->normalised_txn_name);
-		kaq_take_reply_string(decoded, "app.id", &g->app_id);
-		kaq_take_status(decoded, g);
-		kaq_take_sql_threshold(decoded, g);
-		kaq_take_reply_string(decoded, "webtransaction.rum.snippet", &g->rum_snippet);
+		for (int i = 0; i < KAQ_ANSWER_MEMBERS; i++) {
+			kaq_member_of_value(decoded, &answer[i]);
+		}
+		kaq_take_answer(answer, g);
 	}
 	php_zval_free(decoded);
 	kaq_memory_limit_restore();
+}
+
+/* An answer that the engine could not decode, for lack of the function, is none: however plain it
+ * is, a request is monitored under the same conditions. */
+void process_instance_info(const char *reply) {
+	zend_kaq_globals *g = kaq_get_globals();
+	if (!reply || !reply[0] || !g->json_decode_function_exists) {
+		return;
+	}
+	kaq_json_member answer[KAQ_ANSWER_MEMBERS];
+	for (int i = 0; i < KAQ_ANSWER_MEMBERS; i++) {
+		answer[i].name = answer_names[i];
+	}
+	if (kaq_json_read_plain(reply, answer, KAQ_ANSWER_MEMBERS)) {
+		kaq_take_answer(answer, g);
+	} else {
+		kaq_take_decoded_answer(reply, answer, g);
+	}
 }
 
 char *get_instance_data(void) {

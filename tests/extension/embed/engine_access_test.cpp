@@ -2,9 +2,12 @@
 #include "engine.h"
 
 #include <stdlib.h>
+#include <iterator>
+#include <random>
 #include <string.h>
 
 #include "json/json_bounds.h"
+#include "json/json_members.h"
 #include "tracing/kaq_headers.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
@@ -255,6 +258,83 @@ TEST_F(Reply, SecondReplyReplacesTheTextsOfTheFirst) {
 TEST_F(Reply, GarbageIsNotWhatTheScriptsLastErrorReports) {
 	process_instance_info("{broken");
 	EXPECT_EQ("0", php_json("json_last_error()"));
+}
+
+/* Everything that a reply may set, as text. */
+static std::string taken_from(const std::string &reply) {
+	zend_kaq_globals *g = kaq_get_globals();
+	for (char **text : {&g->instance_id, &g->normalised_txn_name, &g->app_id, &g->rum_snippet}) {
+		free(*text);
+		*text = nullptr;
+	}
+	g->control_signal = 0;
+	g->sql_trace_threshold = 1.5f;
+	process_instance_info(reply.c_str());
+	std::string taken =
+		std::to_string(g->control_signal) + " " + std::to_string(g->sql_trace_threshold);
+	for (const char *text : {g->instance_id, g->normalised_txn_name, g->app_id, g->rum_snippet}) {
+		taken += text ? std::string(" '") + text + "'" : " null";
+	}
+	return taken;
+}
+
+static std::string random_plain_reply(std::mt19937 &random) {
+	static const char *const names[] = {"instance.id",
+										"normalised.txn.name",
+										"app.id",
+										"instance.status",
+										"instance.status",
+										"transaction.trace.sql.stacktrace.threshold",
+										"webtransaction.rum.snippet",
+										"",
+										"other"};
+	static const char *const values[] = {"920",
+										 "911",
+										 "920",
+										 "0",
+										 "919",
+										 "999999999999999999",
+										 "true",
+										 "false",
+										 "null",
+										 "\"\"",
+										 "\"920\"",
+										 "\"some text\"",
+										 R"("<script src=\"\/a.js\">\n\t\\<\/script>")",
+										 R"("\b\f\r ~")"};
+	static const char *const blanks[] = {"", "", " ", "\n", "\t\r "};
+	auto one_of = [&random](const auto &list) { return list[random() % std::size(list)]; };
+	std::string reply = one_of(blanks);
+	size_t count = 1 + random() % 8;
+	for (size_t i = 0; i < count; i++) {
+		reply += i ? "," : "{";
+		reply += one_of(blanks) + std::string("\"") + one_of(names) + "\"" + one_of(blanks) + ":";
+		reply += one_of(blanks) + std::string(one_of(values)) + one_of(blanks);
+	}
+	return reply;
+}
+
+/* A member that only the engine's decoder reads changes nothing. */
+TEST_F(Reply, PlainObjectSaysWhatTheEnginesDecoderReadsInIt) {
+	unsigned seed = std::random_device()();
+	std::mt19937 random(seed);
+	int monitored = 0;
+	for (int i = 0; i < 2000; i++) {
+		std::string reply = random_plain_reply(random);
+		kaq_json_member none = {"none", KAQ_JSON_OTHER, 0, 0, nullptr, 0, false};
+		ASSERT_TRUE(kaq_json_read_plain((reply + "}").c_str(), &none, 1)) << reply;
+		ASSERT_FALSE(kaq_json_read_plain((reply + ",\"x\":[]}").c_str(), &none, 1)) << reply;
+		std::string taken = taken_from(reply + "}");
+		ASSERT_EQ(taken_from(reply + ",\"x\":[]}"), taken) << reply << " seed " << seed;
+		monitored += taken[0] == '1';
+	}
+	EXPECT_GT(monitored, 20);
+}
+
+TEST_F(Reply, PlainObjectDoesNotReachTheScriptsLastError) {
+	php_json("json_decode('{broken')");
+	process_instance_info("{\"instance.id\":\"i1\"}");
+	EXPECT_EQ("4", php_json("json_last_error()"));
 }
 
 TEST_F(Reply, ThresholdKeepsItsFraction) {
