@@ -16,13 +16,14 @@ TIMEOUT = 120
 class Visit:
     """One request and its answer. `cpu` and `seconds` are what it took, `log` what it brought to
     the engine's log. `is_static`: no PHP ran. `is_repeatable`: asked for again it does the same,
-    and is done with when it is answered."""
+    and is done with when it is answered. `is_clocked`: its numbers depend on how long something
+    has run."""
 
     def __init__(self, name, method, target):
         self.name, self.method, self.target = name, method, target
         self.status, self.headers, self.body, self.log = None, [], b"", ""
         self.cpu = self.seconds = 0.0
-        self.is_static = self.is_repeatable = False
+        self.is_static = self.is_repeatable = self.is_clocked = False
         self.sent = {}
 
     @property
@@ -138,7 +139,8 @@ class Browser:
             body = urllib.parse.urlencode(fields or {}, doseq=True).encode()
         return self.ask(name, "POST", target, body, given, **more)
 
-    def ask(self, name, method, target, body=None, headers=None, is_repeatable=True):
+    def ask(self, name, method, target, body=None, headers=None, is_repeatable=True,
+            is_clocked=False):
         if self._limit is not None and len(self.visits) >= self._limit:
             raise EnoughPages
         visit = Visit(name, method, target)
@@ -148,7 +150,7 @@ class Browser:
             given["Cookie"] = "; ".join("%s=%s" % pair for pair in self.cookies.items())
         if self._observer:
             given.update(self._observer.before(visit))
-        visit.sent = given
+        visit.sent, visit.is_clocked = given, is_clocked
         self._exchange(visit, given, body)
         # What the web server does not find it may answer itself.
         visit.is_static = visit.status == 404 and not visit.header("X-Powered-By")

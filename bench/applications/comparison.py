@@ -17,7 +17,10 @@ _REPLACEMENTS = [(re.compile(pattern), text) for pattern, text in (
     (r"\b\d+ (second|sec|min|minute)s? ago\b", "<today>"),
     (r"\d+\.\d+%\s+\d+\.\d+", "<share>"),
     (r"\b\d+\.\d{3,}\b", "<fraction>"),
+    # For those without an address by chance.
+    (r"\b[0-2]\.gravatar\.com\b", "<gravatar>"),
 )]
+_FIGURE = re.compile(r"\b\d[\d,.]*( ([KMG]i)?B\b| [kMG]\b)?")
 # As one writes the day, and as one does not.
 _TODAY = re.compile("|".join(re.escape(time.strftime(form, time.gmtime())) for form in (
     "%Y-%m-%d", "%Y/%m/%d", "%B %d, %Y", "%B %-d, %Y", "%d %B %Y", "%-d %B %Y", "%Y%m%d")))
@@ -25,6 +28,8 @@ _EPOCH = re.compile(r"\b1[6-9]\d{8}(\d{3})?(\.\d+)?\b")
 _DAYS = 20
 # A page that lists the engine's extensions lists this one.
 _LISTED = re.compile(r"\W*(\w+\W+)?kaq\W*\Z")
+# And not opcache, where that is off.
+_NOT_LISTED = re.compile(r"\W*(\w+\W+)?Zend OPcache\W*\Z")
 _MAIL = re.compile(r"mailto:[^<\n]*<")
 _SINGLE_WORD = re.compile(r"[\w.%+/=-]*\Z")
 _TOKENS = re.compile(r"\w+|\s+|.", re.DOTALL)
@@ -62,6 +67,8 @@ def lines_of(visit, without=None):
         text = visit.text
         if without:
             text = text.replace(without, "", 1)
+        if visit.is_clocked:
+            text = _FIGURE.sub("<figure>", text)
         # Markup that stands in one line is taken apart, so that noise stays where it is.
         lines += re.sub(r"(>)(?=<)|(,)(?=\")", r"\1\2\n", text).split("\n")
     lines += ["log: " + line for line in visit.log.splitlines()]
@@ -166,6 +173,8 @@ class Noise:
 
     def _explains(self, ours, theirs):
         if ours is None and not theirs.startswith("log:") and _LISTED.match(theirs):
+            return True
+        if theirs is None and _NOT_LISTED.match(ours):
             return True
         if ours is None or theirs is None:
             line = theirs if ours is None else ours

@@ -129,6 +129,8 @@ def _write(browser):
     form = browser.get("edit", "/doku.php?id=notes:stone1&do=edit").form("dw__editform")
     form.update(wikitext=form["wikitext"] + "\nAdded.\n", summary="more")
     browser.post("save", "/doku.php?id=notes:stone1", {**form, "do[save]": "Save"})
+    # The old text of a page is kept under the second of its change.
+    browser.wait_for_next_second()
     browser.post("save an old one", "/doku.php?id=notes:stone1",
                  {**form, "wikitext": "other", "do[save]": "Save"})
     form = browser.get("edit again", "/doku.php?id=window2&do=edit").form("dw__editform")

@@ -128,6 +128,7 @@ def _write(browser):
     browser.post("show changes", submit, {**form, "wpDiff": "1"})
     browser.post("save", submit, {**form, "wpSave": "1"})
     browser.get("saved", _page("Article_10"))
+    browser.wait_for_next_second()
     browser.post("save an old one", submit, {**form, "wpTextbox1": "other", "wpSave": "1"})
     browser.wait_for_next_second()
     form = browser.get("edit a section", _page("Article_12", "&action=edit&section=2")).form("editform")

@@ -43,7 +43,8 @@ def _log_in(browser, user, password):
 
 def _look(browser):
     for name in _SERVER:
-        browser.get("server: " + name, _route("server/" + name))
+        browser.get("server: " + name, _route("server/" + name),
+                    is_clocked=name.startswith("status"))
     for name in _DATABASE:
         browser.get("database: " + name, _route("database/" + name, db=DATABASE))
     for name in _TABLE:

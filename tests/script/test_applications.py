@@ -53,6 +53,14 @@ class Noise(unittest.TestCase):
         self.assertEqual([], beyond(bare, other))
         self.assertNotEqual([], beyond([page("1656666666")] * 2, page("1756666666")))
 
+    def test_only_on_a_clocked_page_figures_count_as_equal(self):
+        bare, other = page("<td>12.9 MiB</td>\nup 2 s"), page("<td>1,108 k</td>\nup 3 s")
+        self.assertEqual(2, len(beyond([bare] * 2, other)))
+        bare.is_clocked = other.is_clocked = True
+        self.assertEqual([], beyond([bare] * 2, other))
+        other.body = b"<td>12.9 MiB</td>\ndown 3 s"
+        self.assertEqual(1, len(beyond([bare] * 2, other)))
+
 
 class Differences(unittest.TestCase):
     def setUp(self):
@@ -80,6 +88,11 @@ class Differences(unittest.TestCase):
         bare = [page("curl\n")] * 2
         self.assertEqual([], beyond(bare, page("curl\nkaq\n")))
         self.assertNotEqual([], beyond(bare, page("curl\n", log="kaq")))
+
+    def test_opcache_may_be_missing_in_a_list_of_extensions(self):
+        bare = [page("curl\nphp_extension\tZend OPcache\n")] * 2
+        self.assertEqual([], beyond(bare, page("curl\n")))
+        self.assertNotEqual([], beyond(bare, page("php_extension\tZend OPcache\n")))
 
 
 if __name__ == "__main__":
