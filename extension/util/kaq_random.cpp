@@ -73,22 +73,29 @@ static inline uint64_t kaq_rotated(uint64_t value, int bits) {
 	return value << bits | value >> (64 - bits);
 }
 
+static inline uint64_t kaq_next_value(uint64_t s[4]) {
+	uint64_t value = kaq_rotated(s[0] + s[3], 23) + s[0];
+	uint64_t shifted = s[1] << 17;
+	s[2] ^= s[0];
+	s[3] ^= s[1];
+	s[1] ^= s[2];
+	s[0] ^= s[3];
+	s[2] ^= shifted;
+	s[3] = kaq_rotated(s[3], 45);
+	return value;
+}
+
 void kaq_random_expand(const uint64_t seed[4], unsigned char *bytes, size_t n) {
 	uint64_t s[4];
 	memcpy(s, seed, sizeof s);
 	/* From zeros alone it would not get away. */
 	s[0] |= !(s[0] | s[1] | s[2] | s[3]);
-	for (size_t i = 0; i < n; i += 8) {
-		uint64_t value = kaq_rotated(s[0] + s[3], 23) + s[0];
-		uint64_t shifted = s[1] << 17;
-		memcpy(bytes + i, &value, n - i < 8 ? n - i : 8);
-		s[2] ^= s[0];
-		s[3] ^= s[1];
-		s[1] ^= s[2];
-		s[0] ^= s[3];
-		s[2] ^= shifted;
-		s[3] = kaq_rotated(s[3], 45);
+	for (; n >= 8; bytes += 8, n -= 8) {
+		uint64_t value = kaq_next_value(s);
+		memcpy(bytes, &value, 8);
 	}
+	uint64_t last = kaq_next_value(s);
+	memcpy(bytes, &last, n);
 }
 
 static void kaq_fill(kaq_getrandom_fn system, const char *device, unsigned char *bytes, size_t n) {

@@ -107,13 +107,14 @@ TEST(RandomHex, DigitsAreHighNibbleThenLowNibble) {
 }
 
 TEST(RandomHex, EveryByteAtEveryPlaceGivesItsTwoDigits) {
-	for (int first = 0; first < 9; first++) {
+	for (int first = 0; first < 18; first++) {
 		std::string bytes;
 		std::string expected;
-		for (int i = 0; i < 256 + first; i++) {
+		int value = first % 2 * 128 + first / 2;
+		for (int i = 0; i < 128 + first / 2; i++, value++) {
 			char digits[3];
-			bytes += (char)(i + first);
-			snprintf(digits, sizeof digits, "%02x", (unsigned)(unsigned char)(i + first));
+			bytes += (char)value;
+			snprintf(digits, sizeof digits, "%02x", (unsigned)(unsigned char)value);
 			expected += digits;
 		}
 		Device device(bytes);
@@ -182,12 +183,14 @@ TEST(RandomHex, OddLengthEndsWithAHighNibble) {
 
 TEST(RandomHex, StackAndHeapSizesAgree) {
 	std::string bytes;
-	for (int i = 0; i < 400; i++) {
+	for (int i = 0; i < KAQ_RANDOM_MOST_BYTES; i++) {
 		bytes += (char)(i * 37);
 	}
 	Device device(bytes);
-	std::string all = hex_from(device.path, 800);
-	for (int64_t length : {127, 128, 129, 130, 131, 799, 800}) {
+	int64_t longest = 2 * KAQ_RANDOM_MOST_BYTES;
+	std::string all = hex_from(device.path, longest);
+	for (int64_t length : {(int64_t)127, (int64_t)128, (int64_t)129, (int64_t)130, (int64_t)131,
+						   longest - 1, longest}) {
 		EXPECT_EQ(all.substr(0, (size_t)length), hex_from(device.path, length));
 	}
 }
@@ -249,6 +252,15 @@ TEST(RandomHex, SystemIsAskedForASeedOnlyWhereManyAreWanted) {
 	hex_from(ABSENT, 2 * KAQ_RANDOM_MOST_BYTES + 1, system_that_serves);
 	EXPECT_EQ(1, system_calls.calls);
 	EXPECT_EQ(32u, system_calls.asked);
+}
+
+TEST(RandomHex, SystemIsAskedForNoMoreThanTheIdsOf32Spans) {
+	for (int64_t spans : {32, 33, 500, 100000}) {
+		system_calls = {};
+		hex_from(ABSENT, spans * 16, system_that_serves);
+		EXPECT_EQ(1, system_calls.calls);
+		EXPECT_EQ(spans == 32 ? 256u : 32u, system_calls.asked);
+	}
 }
 
 TEST(RandomHex, IdentifiersComeFromTheSystem) {
