@@ -75,10 +75,11 @@ size_t kaq_base64_encode_scalar(char *out, const unsigned char *src, size_t len)
 	return (size_t)(out - start);
 }
 
-/* One 6-bit value per byte for the 12 input bytes at the start of each 128-bit lane. */
+/* One 6-bit value per byte for the 24 input bytes in the middle. */
 __attribute__((target("avx2"))) static inline __m256i kaq_split_sextets(__m256i in) {
-	const __m256i spread = _mm256_broadcastsi128_si256(
-		_mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10));
+	const __m256i spread =
+		_mm256_setr_epi8(5, 4, 6, 5, 8, 7, 9, 8, 11, 10, 12, 11, 14, 13, 15, 14, /* second lane: */
+						 1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
 	in = _mm256_shuffle_epi8(in, spread);
 	__m256i first_third = _mm256_mulhi_epu16(_mm256_and_si256(in, _mm256_set1_epi32(0x0fc0fc00)),
 											 _mm256_set1_epi32(0x04000040));
@@ -91,23 +92,27 @@ __attribute__((target("avx2"))) static inline __m256i kaq_split_sextets(__m256i 
  */
 __attribute__((target("avx2"))) static inline __m256i kaq_sextets_to_chars(__m256i values) {
 	const __m256i distance = _mm256_broadcastsi128_si256(
-		_mm_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-					  '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0));
+		_mm_setr_epi8('A', 'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
+					  '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 0, 0));
 	__m256i run = _mm256_subs_epu8(values, _mm256_set1_epi8(51));
-	__m256i upper = _mm256_cmpgt_epi8(_mm256_set1_epi8(26), values);
-	run = _mm256_or_si256(run, _mm256_and_si256(upper, _mm256_set1_epi8(13)));
+	/* A comparison that holds gives -1. */
+	run = _mm256_sub_epi8(run, _mm256_cmpgt_epi8(values, _mm256_set1_epi8(25)));
 	return _mm256_add_epi8(values, _mm256_shuffle_epi8(distance, run));
 }
 
 __attribute__((target("avx2"))) size_t kaq_base64_encode_avx2(char *out, const unsigned char *src,
 															  size_t len) {
 	const char *start = out;
-	/* Each lane loads 16 bytes for the 12 that are used. */
-	for (; len >= 28; src += 24, len -= 24, out += 32) {
-		__m256i in =
-			_mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128((const __m128i *)src)),
-									_mm_loadu_si128((const __m128i *)(src + 12)), 1);
-		_mm256_storeu_si256((__m256i *)out, kaq_sextets_to_chars(kaq_split_sextets(in)));
+	/* Each step loads four bytes before and four behind the 24 that it uses. */
+	if (len >= 6 + 28) {
+		out += kaq_base64_encode_scalar(out, src, 6);
+		src += 6;
+		len -= 6;
+#pragma GCC unroll 2
+		for (; len >= 28; src += 24, len -= 24, out += 32) {
+			__m256i in = _mm256_loadu_si256((const __m256i *)(src - 4));
+			_mm256_storeu_si256((__m256i *)out, kaq_sextets_to_chars(kaq_split_sextets(in)));
+		}
 	}
 	return (size_t)(out - start) + kaq_base64_encode_scalar(out, src, len);
 }
