@@ -71,35 +71,99 @@ static void kaq_append_arg_data(smart_str *out, const struct _arg_data *arg) {
 #define KAQ_SPAN_HEAD_ROOM 128
 #define KAQ_SPAN_IDS_ROOM 80
 
-/* The last time that was written, and its digits: neighbours in the list often share theirs. */
-struct kaq_time_text {
-	uint64_t ms;
-	size_t length; /* 0: none yet */
-	char digits[KAQ_FORMAT_U64_MAX];
+/* What is copied in blocks of this size may write as many bytes behind its end. */
+#define KAQ_COPY_BLOCK 32
+
+/* The longest text of two times; as much is copied of a shorter one. */
+#define KAQ_TIMES_SIZE 64
+
+#define KAQ_KNOWN_NAMES 64
+
+/* Where in the text a call of that function has been named. */
+struct kaq_known_name {
+	const char *class_name;
+	const char *function_name; /* null: none yet */
+	size_t start;
+	size_t length;
 };
 
-struct kaq_span_times {
-	kaq_time_text start;
-	kaq_time_text end;
+/* What has been written already: neighbours in the list often share their times, many spans their
+ * function, and each key follows the one before. */
+struct kaq_written {
+	uint64_t start_time;
+	uint64_t end_time;
+	size_t times_length; /* 0: none yet */
+	char times[72];      /* from the comma and brace before the span to its key */
+	int key;
+	unsigned key_length; /* 0: none yet, or its digits are not in `key_digits` */
+	uint64_t key_digits; /* the first one in the lowest byte */
+	kaq_known_name names[KAQ_KNOWN_NAMES];
 };
 
-static inline char *kaq_put_time(char *end, kaq_time_text *last, uint64_t ms) {
-	if (last->ms != ms || last->length == 0) {
-		last->ms = ms;
-		last->length = kaq_format_u64(last->digits, ms);
+/* How a span begins within the list, where it begins it, and without its brace. */
+enum kaq_span_start { KAQ_NEXT_SPAN = 0, KAQ_FIRST_SPAN = 1, KAQ_SPAN_MEMBERS = 2 };
+
+static inline void kaq_copy_blocks(char *out, const char *from, size_t length) {
+	for (size_t done = 0; done < length; done += KAQ_COPY_BLOCK) {
+		memcpy(out + done, from + done, KAQ_COPY_BLOCK);
 	}
-	memcpy(end, last->digits, sizeof last->digits);
-	return end + last->length;
 }
 
-static inline char *kaq_put_span_head(char *end, const struct kaq_node_data *data,
-									  kaq_span_times *times) {
-	end = kaq_put_literal(end, "\"st\":");
-	end = kaq_put_time(end, &times->start, data->start_time);
+static __attribute__((noinline)) void kaq_write_times(kaq_written *written,
+													  const struct kaq_node_data *data) {
+	static_assert(sizeof(",{\"st\":,\"et\":,\"mo\":") + 2 * 20 <= KAQ_TIMES_SIZE, "both fit");
+	/* The formatter stores more than the digits. */
+	char text[KAQ_TIMES_SIZE + KAQ_FORMAT_U64_MAX] = {};
+	char *end = kaq_put_literal(text, ",{\"st\":");
+	end += kaq_format_u64(end, data->start_time);
 	end = kaq_put_literal(end, ",\"et\":");
-	end = kaq_put_time(end, &times->end, data->end_time);
+	end += kaq_format_u64(end, data->end_time);
 	end = kaq_put_literal(end, ",\"mo\":");
-	return end + kaq_format_i64(end, data->key);
+	memcpy(written->times, text, sizeof written->times);
+	written->times_length = (size_t)(end - text);
+	written->start_time = data->start_time;
+	written->end_time = data->end_time;
+}
+
+static inline char *kaq_put_times(char *out, kaq_written *written, const struct kaq_node_data *data,
+								  kaq_span_start start) {
+	if (UNEXPECTED(written->start_time != data->start_time || written->end_time != data->end_time ||
+				   written->times_length == 0)) {
+		kaq_write_times(written, data);
+	}
+	static_assert(KAQ_SPAN_MEMBERS + KAQ_TIMES_SIZE <= sizeof written->times, "can be read");
+	memcpy(out, written->times + start, KAQ_TIMES_SIZE);
+	return out + written->times_length - start;
+}
+
+static __attribute__((noinline)) void kaq_write_key(kaq_written *written, int key) {
+	char digits[KAQ_FORMAT_I64_MAX];
+	size_t length = kaq_format_i64(digits, key);
+	memcpy(&written->key_digits, digits, sizeof written->key_digits);
+	written->key_length = length <= sizeof written->key_digits && key >= 0 ? (unsigned)length : 0;
+	written->key = key;
+}
+
+/* Of the next key only the last digit differs, but for every tenth. */
+static inline char *kaq_put_key(char *out, kaq_written *written, int key) {
+	unsigned shift = 8 * (written->key_length - 1);
+	if (EXPECTED(written->key_length != 0 && key == written->key + 1 &&
+				 (written->key_digits >> shift & 15) != 9)) {
+		written->key_digits += (uint64_t)1 << shift;
+		written->key = key;
+	} else {
+		kaq_write_key(written, key);
+		if (UNEXPECTED(written->key_length == 0)) {
+			return out + kaq_format_i64(out, key);
+		}
+	}
+	memcpy(out, &written->key_digits, sizeof written->key_digits);
+	return out + written->key_length;
+}
+
+static inline char *kaq_put_span_head(char *out, const struct kaq_node_data *data,
+									  kaq_written *written, kaq_span_start start) {
+	return kaq_put_key(kaq_put_times(out, written, data, start), written, data->key);
 }
 
 static void kaq_append_component(smart_str *out, const kaq_function *fi) {
@@ -137,17 +201,23 @@ static inline bool kaq_is_plain(const kaq_function *fi) {
 		   kaq_is_php_component(fi);
 }
 
-/* The same members as below, all at once. */
-static void kaq_append_plain_span(const kaq_node *node, smart_str *out, kaq_span_times *times) {
-	const struct kaq_node_data *data = &node->data;
-	const kaq_function *fi = &data->function_info;
+static inline kaq_known_name *kaq_known_name_of(kaq_written *written, const kaq_function *fi) {
+	uint32_t mixed = (uint32_t)(((uintptr_t)fi->function_name + (uintptr_t)fi->class_name) >> 3);
+	return &written->names[mixed * 0x9e3779b1u / (UINT32_MAX / KAQ_KNOWN_NAMES + 1)];
+}
+
+/* Begins a span of a function that has none yet in its place, up to its ids. */
+static __attribute__((noinline)) char *
+kaq_put_new_name(smart_str *out, const kaq_node *node, kaq_written *written, kaq_span_start start) {
+	const kaq_function *fi = &node->data.function_info;
 	size_t length = ZSTR_LEN(kaq_engine_string(fi->function_name));
 	if (fi->class_name) {
 		length += ZSTR_LEN(kaq_engine_string(fi->class_name));
 	}
 	char *end = kaq_buf_reserve(out, KAQ_SPAN_HEAD_ROOM + KAQ_SPAN_IDS_ROOM +
 										 2 * KAQ_JSON_ESCAPE_MAX(0) + KAQ_JSON_ESCAPE_MAX(length));
-	end = kaq_put_span_head(end, data, times);
+	end = kaq_put_span_head(end, &node->data, written, start);
+	const char *name = end;
 	end = kaq_put_literal(end, ",\"fn\":\"");
 	if (fi->class_name) {
 		end = kaq_json_escape_words(end, fi->class_name);
@@ -155,19 +225,37 @@ static void kaq_append_plain_span(const kaq_node *node, smart_str *out, kaq_span
 	}
 	end = kaq_json_escape_words(end, fi->function_name);
 	end = kaq_put_literal(end, "\",\"cn\":\"" KAQ_PHP_COMPONENT "\"");
-	end = kaq_put_span_ids(end, fi, data->parent);
-	kaq_buf_commit(out, end);
+	*kaq_known_name_of(written, fi) = {fi->class_name, fi->function_name,
+									   (size_t)(name - ZSTR_VAL(out->s)), (size_t)(end - name)};
+	return end;
 }
 
-static void kaq_append_span(const kaq_node *node, smart_str *out, kaq_span_times *times) {
+/* The same members as below, all at once. They are not yet part of the text; returns their end,
+ * with room for one character more. */
+static inline char *kaq_put_plain_span(smart_str *out, const kaq_node *node, kaq_written *written,
+									   kaq_span_start start) {
+	const kaq_function *fi = &node->data.function_info;
+	const kaq_known_name *known = kaq_known_name_of(written, fi);
+	char *end;
+	if (EXPECTED(known->function_name == fi->function_name &&
+				 known->class_name == fi->class_name)) {
+		end = kaq_buf_reserve(out, KAQ_SPAN_HEAD_ROOM + KAQ_SPAN_IDS_ROOM + KAQ_COPY_BLOCK +
+									   known->length);
+		end = kaq_put_span_head(end, &node->data, written, start);
+		kaq_copy_blocks(end, ZSTR_VAL(out->s) + known->start, known->length);
+		end += known->length;
+	} else {
+		end = kaq_put_new_name(out, node, written, start);
+	}
+	return kaq_put_span_ids(end, fi, node->data.parent);
+}
+
+static void kaq_append_span(smart_str *out, const kaq_node *node, kaq_written *written,
+							kaq_span_start start) {
 	const struct kaq_node_data *data = &node->data;
 	const kaq_function *fi = &data->function_info;
-	if (kaq_is_plain(fi)) {
-		kaq_append_plain_span(node, out, times);
-		return;
-	}
 	char *end = kaq_buf_reserve(out, KAQ_SPAN_HEAD_ROOM);
-	kaq_buf_commit(out, kaq_put_span_head(end, data, times));
+	kaq_buf_commit(out, kaq_put_span_head(end, data, written, start));
 	kaq_append_nonzero(out, ",\"pr\":", fi->priority);
 	kaq_append_function_name(out, fi);
 	kaq_append_component(out, fi);
@@ -182,44 +270,46 @@ static void kaq_append_span(const kaq_node *node, smart_str *out, kaq_span_times
 	kaq_append_arg_data(out, fi->arg_data);
 }
 
-static void kaq_append_root_span(const kaq_node *node, smart_str *out, kaq_span_times *times) {
+static void kaq_append_root_span(smart_str *out, const kaq_node *node, kaq_written *written,
+								 kaq_span_start start) {
 	const char *caller = kaq_get_globals()->root_parentspanid;
-	kaq_append_span(node, out, times);
+	kaq_append_span(out, node, written, start);
 	if (caller[0]) {
 		kaq_append_text(out, ",\"psi\":", caller);
 	}
 }
 
 void kaq_form_method_info(const kaq_node *node, smart_str *out) {
-	kaq_span_times times = {};
-	kaq_append_span(node, out, &times);
+	kaq_written written = {};
+	kaq_append_span(out, node, &written, KAQ_SPAN_MEMBERS);
 }
 
 void kaq_form_root_method_info(const kaq_node *node, smart_str *out) {
-	kaq_span_times times = {};
-	kaq_append_root_span(node, out, &times);
+	kaq_written written = {};
+	kaq_append_root_span(out, node, &written, KAQ_SPAN_MEMBERS);
 }
 
 void kaq_form_spans(smart_str *out, kaq_node **nodes, int count) {
-	kaq_span_times times = {};
-	bool is_first = true;
+	kaq_written written = {};
+	kaq_span_start start = KAQ_FIRST_SPAN;
 	kaq_buf_literal(out, ",\"method_info\":{\"span_info\":[");
 	for (int key = 0; key < count; key++) {
-		if (!nodes[key]) {
+		const kaq_node *node = nodes[key];
+		if (!node) {
 			continue;
 		}
-		if (is_first) {
-			kaq_buf_literal(out, "{");
-		} else {
-			kaq_buf_literal(out, ",{");
-		}
-		is_first = false;
 		if (key == 0) {
-			kaq_append_root_span(nodes[key], out, &times);
+			kaq_append_root_span(out, node, &written, start);
+			kaq_buf_literal(out, "}");
+		} else if (EXPECTED(kaq_is_plain(&node->data.function_info))) {
+			char *end = kaq_put_plain_span(out, node, &written, start);
+			*end++ = '}';
+			kaq_buf_commit(out, end);
 		} else {
-			kaq_append_span(nodes[key], out, &times);
+			kaq_append_span(out, node, &written, start);
+			kaq_buf_literal(out, "}");
 		}
-		kaq_buf_literal(out, "}");
+		start = KAQ_NEXT_SPAN;
 	}
 	kaq_buf_literal(out, "]}");
 }
