@@ -39,6 +39,8 @@ static __attribute__((noinline)) void kaq_execute_entered(zend_execute_data *exe
 			}
 			return;
 		}
+		kaq_leave_innermost(g, call, duration);
+		return;
 	}
 	kaq_leave_call(g, call);
 }

@@ -65,9 +65,6 @@ _arg_data *kaq_arguments_of(kaq_function *fi) {
 }
 
 static void kaq_release_arguments(_arg_data *arg) {
-	if (!arg) {
-		return;
-	}
 	char *texts[] = {arg->query,     arg->dbconnectHost,      arg->url,
 					 arg->dbname,    arg->externalReqHeaders, arg->externalResHeaders,
 					 arg->stacktrace};
@@ -82,8 +79,14 @@ static void kaq_release_arguments(_arg_data *arg) {
 
 void kaq_release_texts(kaq_node *node) {
 	kaq_function *fi = &node->data.function_info;
-	kaq_release_names(fi);
-	kaq_release_arguments(fi->arg_data);
+	if (EXPECTED(fi->names == (KAQ_ENGINE_NAMES | KAQ_HOLDS_FUNCTION_NAME))) {
+		zend_string_release(kaq_engine_string(fi->function_name));
+	} else {
+		kaq_release_names(fi);
+	}
+	if (fi->arg_data) {
+		kaq_release_arguments(fi->arg_data);
+	}
 }
 
 static void kaq_release_node(kaq_node_pool *pool, kaq_node *node) {

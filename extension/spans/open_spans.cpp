@@ -136,8 +136,7 @@ static void kaq_leave_node(zend_kaq_globals *g, kaq_node *node, uint64_t now_ms)
 	}
 }
 
-void kaq_leave_call(zend_kaq_globals *g, uintptr_t call) {
-	uint64_t now_ms = kaq_now_ms();
+static void kaq_leave_call_at(zend_kaq_globals *g, uintptr_t call, uint64_t now_ms) {
 	if (call & KAQ_CALL_NODE) {
 		kaq_leave_node(g, (kaq_node *)(call - KAQ_CALL_NODE), now_ms);
 		return;
@@ -161,6 +160,45 @@ void kaq_leave_call(zend_kaq_globals *g, uintptr_t call) {
 		kaq_leave_node(g, node, now_ms);
 	}
 	g->open_spans.top = call - KAQ_OPEN_SPAN_SIZE;
+}
+
+void kaq_leave_call(zend_kaq_globals *g, uintptr_t call) {
+	kaq_leave_call_at(g, call, kaq_now_ms());
+}
+
+/* Ends the innermost call, which stays and has neither node nor name yet, while its parent has a
+ * node: what settling and leaving would do, at once. */
+static void kaq_keep_leaf(zend_kaq_globals *g, kaq_open_span *span, uint64_t now_ms) {
+	kaq_node *node = kaq_pool_take(&g->node_pool);
+	if (!node) {
+		kaq_count_children(span, g->current_node);
+		return;
+	}
+	kaq_name_function(node, (const zend_function *)span->callee);
+	struct kaq_node_data *data = &node->data;
+	data->key = g->node_buffer_len++;
+	data->child_count = (int)span->child_count;
+	data->parent = g->current_node;
+	data->start_time = span->start_time;
+	data->end_time = now_ms;
+	data->state = KAQ_NODE_BUFFERED;
+	data->is_necessary = 1;
+	node->next = g->node_buffer->head;
+	g->node_buffer->head = node;
+	g->stored_node_count++;
+}
+
+void kaq_leave_innermost(zend_kaq_globals *g, uintptr_t call, int64_t duration) {
+	kaq_open_span *span = kaq_span_at(g, call);
+	uint64_t now_ms = span->start_time + (uint64_t)duration;
+	KAQ_REQUIRES(call == g->open_spans.top);
+	bool is_parent_settled = call == KAQ_OPEN_SPAN_SIZE || kaq_is_settled(span - 1);
+	if (span->span != 0 || !is_parent_settled) {
+		kaq_leave_call_at(g, call, now_ms);
+	} else {
+		kaq_keep_leaf(g, span, now_ms);
+		g->open_spans.top = call - KAQ_OPEN_SPAN_SIZE;
+	}
 }
 
 void kaq_push_node(zend_kaq_globals *g, kaq_node *node) {

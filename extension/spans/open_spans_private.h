@@ -69,6 +69,9 @@ uintptr_t kaq_enter_call(zend_kaq_globals *g, const zend_function *function);
 /* Ends a call: its span is dropped or buffered. Calls inside of it that were cut off keep open
  * spans of their own. */
 void kaq_leave_call(zend_kaq_globals *g, uintptr_t call);
+/* The same for the topmost entry, at a known time after the call's start in ms. REQUIRES: the call
+ * stays. */
+void kaq_leave_innermost(zend_kaq_globals *g, uintptr_t call, int64_t duration);
 
 /* Puts an open node on top. REQUIRES: all entries are settled. */
 void kaq_push_node(zend_kaq_globals *g, kaq_node *node);

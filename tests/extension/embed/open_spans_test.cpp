@@ -245,6 +245,58 @@ TEST_F(OpenSpans, GeneratorsAreCallsPerResume) {
 	EXPECT_EQ("2 gen<1 (0)", lines[2]);
 }
 
+static void start_over(zend_kaq_globals *g) {
+	kaq_free_node_buffer();
+	g->node_buffer_len = 0;
+	g->stored_node_count = 0;
+	kaq_create_main_method();
+}
+
+/* Each way of reading the clock ends calls by a way of its own. */
+TEST_F(OpenSpans, CallsThatAllStayMakeOneTreeWhateverIsReadOfTheClock) {
+	probe = [] { clock_advances(1); };
+	g->method_threshold = 0;
+	ASSERT_TRUE(run_php("function a() { b(); probe(); b(); c(2); } function b() { probe(); }"
+						"function c($n) { if ($n) { c($n - 1); } b(); }"
+						"class M { static function s() { b(); probe(); } }"));
+	for (bool is_read : {false, true}) {
+		clock_is_read_each_time(is_read);
+		clock_stands_at(1000000);
+		start_over(g);
+		ASSERT_TRUE(run_php("a(); M::s(); b(); b();"));
+		EXPECT_EQ((Tree{"0 main< (4)", "1 a<0 (3)", "2 b<1 (0)", "3 b<1 (0)", "4 c<1 (2)",
+						"5 c<4 (2)", "6 c<5 (1)", "7 b<6 (0)", "8 b<5 (0)", "9 b<4 (0)",
+						"10 M::s<0 (1)", "11 b<10 (0)", "12 b<0 (0)", "13 b<0 (0)"}),
+				  tree());
+		EXPECT_EQ(14, g->stored_node_count);
+		uint64_t lasted[14] = {};
+		for (const kaq_node *node = g->node_buffer->head; node; node = node->next) {
+			EXPECT_EQ(KAQ_NODE_BUFFERED, node->data.state);
+			EXPECT_TRUE(node->data.is_necessary);
+			lasted[node->data.key] = node->data.end_time - node->data.start_time;
+		}
+		EXPECT_EQ((std::vector<uint64_t>{10, 6, 1, 1, 3, 2, 1, 1, 1, 1, 2, 1, 1, 1}),
+				  std::vector<uint64_t>(lasted, lasted + 14));
+	}
+}
+
+TEST_F(OpenSpans, LongCallOfASpanCountsTheShortOnesInIt) {
+	ASSERT_TRUE(run_php("function a() { b(); probe(); b(); b(); } function b() {} b(); a(); b();"));
+	EXPECT_EQ((Tree{"0 main< (3)", "1 a<0 (3)"}), tree());
+}
+
+TEST_F(OpenSpans, WithoutMemoryForItsNodeACallOfASpanIsLost) {
+	kaq_node *kept = g->node_pool.free_list;
+	g->node_pool.free_list = nullptr;
+	probe = [] {
+		wait_long();
+		allocation_fails(1);
+	};
+	ASSERT_TRUE(run_php("function a() { b(); probe(); } function b() {} a();"));
+	EXPECT_EQ((Tree{"0 main< (2)"}), tree());
+	g->node_pool.free_list = kept;
+}
+
 TEST_F(OpenSpans, DeepCallHasAllItsCallers) {
 	ASSERT_TRUE(run_php("function f($n) { if ($n) { f($n - 1); } else { probe(); } } f(4999);"));
 	Tree lines = tree();
@@ -263,13 +315,6 @@ TEST_F(OpenSpans, StackOfADeepRequestGoesBackToTheHeap) {
 
 TEST_F(OpenSpans, AnOpenCallTakes32Bytes) {
 	EXPECT_EQ(32u, sizeof(kaq_open_span));
-}
-
-static void start_over(zend_kaq_globals *g) {
-	kaq_free_node_buffer();
-	g->node_buffer_len = 0;
-	g->stored_node_count = 0;
-	kaq_create_main_method();
 }
 
 TEST_F(OpenSpans, WithoutMemoryForTheStackTheTreeIsTheSame) {
