@@ -28,8 +28,6 @@ _EPOCH = re.compile(r"\b1[6-9]\d{8}(\d{3})?(\.\d+)?\b")
 _DAYS = 20
 # A page that lists the engine's extensions lists this one.
 _LISTED = re.compile(r"\W*(\w+\W+)?kaq\W*\Z")
-# And not opcache, where that is off.
-_NOT_LISTED = re.compile(r"\W*(\w+\W+)?Zend OPcache\W*\Z")
 _MAIL = re.compile(r"mailto:[^<\n]*<")
 _SINGLE_WORD = re.compile(r"[\w.%+/=-]*\Z")
 _TOKENS = re.compile(r"\w+|\s+|.", re.DOTALL)
@@ -146,6 +144,10 @@ def _differences(one, other):
     return found
 
 
+def _lists_us(line):
+    return line is not None and not line.startswith("log:") and bool(_LISTED.match(line))
+
+
 class Noise:
     """Of one page: learnt from its bare runs, of which the first is what others are held against.
     `shared` is what the pages of one application have in common: what is noise in a line of one
@@ -169,13 +171,11 @@ class Noise:
 
     def beyond(self, run):
         """[(bare line, this line)] of what is no noise; None for a line that is not there."""
-        return [pair for pair in _differences(self._first, run) if not self._explains(*pair)]
+        pairs = [(ours, None if _lists_us(theirs) else theirs)
+                 for ours, theirs in _differences(self._first, run)]
+        return [pair for pair in pairs if pair != (None, None) and not self._explains(*pair)]
 
     def _explains(self, ours, theirs):
-        if ours is None and not theirs.startswith("log:") and _LISTED.match(theirs):
-            return True
-        if theirs is None and _NOT_LISTED.match(ours):
-            return True
         if ours is None or theirs is None:
             line = theirs if ours is None else ours
             return any(pattern.match(line) for pattern in self._optional)

@@ -89,10 +89,10 @@ class Differences(unittest.TestCase):
         self.assertEqual([], beyond(bare, page("curl\nkaq\n")))
         self.assertNotEqual([], beyond(bare, page("curl\n", log="kaq")))
 
-    def test_opcache_may_be_missing_in_a_list_of_extensions(self):
-        bare = [page("curl\nphp_extension\tZend OPcache\n")] * 2
-        self.assertEqual([], beyond(bare, page("curl\n")))
-        self.assertNotEqual([], beyond(bare, page("php_extension\tZend OPcache\n")))
+    def test_a_list_that_names_this_one_in_the_place_of_another_lacks_that_one(self):
+        bare = [page("curl\nZend OPcache\nzip\n")] * 2
+        self.assertEqual([("Zend OPcache", None)], beyond(bare, page("curl\nkaq\nzip\n")))
+        self.assertEqual([("Zend OPcache", None)], beyond(bare, page("curl\nzip\n")))
 
 
 if __name__ == "__main__":

@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <random>
 
+#include "util/kaq_strings.h"
 #include "wire/payload.h"
 
 class SpanList : public SpanTest {
@@ -40,6 +41,16 @@ protected:
 		node->data.end_time = 1700000000051;
 		nodes.push_back(node);
 		return node;
+	}
+
+	/* A member beside those that each span has, and that one alone. */
+	static void tell_more(kaq_function *fi, int which) {
+		uint8_t *const members[] = {&fi->isExternal, &fi->isAsync, &fi->isFault, &fi->isError};
+		if (which % 5 == 4) {
+			fi->priority = PRIORITY_1;
+		} else {
+			*members[which % 5] = 1;
+		}
 	}
 
 	void expect_each_as_alone() {
@@ -164,10 +175,32 @@ TEST_F(SpanList, SpansWithMoreToTellStandBetween) {
 		kaq_node *node = call(nullptr, function_name);
 		if (i % 3 == 0) {
 			kaq_set_method_dbquery(&node->data.function_info, "SELECT 1");
-		} else if (i % 7 == 0) {
-			node->data.function_info.priority = PRIORITY_1;
+		} else if (i % 5 == 0) {
+			tell_more(&node->data.function_info, i / 5);
 		} else if (i % 11 == 0) {
 			node->data.function_info.span_id[0] = '\0';
+		}
+	}
+	expect_each_as_alone();
+}
+
+/* Names that are not the engine's have no length in front of them. */
+TEST_F(SpanList, NamesOfOurOwnAreReadToTheirEnd) {
+	for (int i = 0; i < 3; i++) {
+		kaq_node *node = call(nullptr, name("f"));
+		kaq_function *fi = &node->data.function_info;
+		fi->names = KAQ_OWNS_FUNCTION_NAME;
+		fi->function_name = kaq_strdup("a_name_of_our_own");
+	}
+	expect_each_as_alone();
+}
+
+/* The room for a name that is copied is asked for, not left over from when it was first written. */
+TEST_F(SpanList, OneNameFillsTheTextAgainAndAgain) {
+	for (size_t length : {100, 5000}) {
+		zend_string *of_length = name(std::string(length, 'n'));
+		for (int i = 0; i < 2000; i++) {
+			call(nullptr, of_length);
 		}
 	}
 	expect_each_as_alone();
