@@ -94,7 +94,7 @@ class Library:
     def _output(variant, command):
         environment = dict(os.environ, BENCH_PROFILER=variant)
         for _ in range(3 if variant in PROFILERS else 1):
-            done = harness.child(command, environment=environment)
+            done = harness.child(command, environment=environment, is_pinned=True)
             if done.returncode == 0:
                 return done.stdout
             # Some crash now and then when the process ends.
@@ -103,8 +103,8 @@ class Library:
                                                    (done.stderr or done.stdout)[-400:]))
 
     def run(self, variant, kind, opcache, size, iterations):
-        """Calls of an iteration, its us of processor time (median, user and system on average), and
-        the checksum of what it gave."""
+        """Calls of an iteration, its us of processor time (the least, user and system on average),
+        and the checksum of what it gave."""
         text = self._output(variant, self.command(variant, kind, opcache, size, iterations))
         found = re.fullmatch(r"(\d+) (\S+) (\S+) (\S+) ([0-9a-f]{32})\n", text)
         if not found:
@@ -132,7 +132,7 @@ def _check(setup, library, kind, opcache):
 
 
 def time_libraries(setup, rounds):
-    """{(kind, opcache): {"calls": calls of an iteration, "times": {variant: [(us of the median
+    """{(kind, opcache): {"calls": calls of an iteration, "times": {variant: [(us of the fastest
     iteration, user us, system us), one per round, of a rare one per RARE_ROUNDS]}}}."""
     library = Library(setup)
     variants = VARIANTS + tuple(library.profilers())

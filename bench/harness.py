@@ -136,11 +136,18 @@ def _usual_stack():
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
-def child(command, seconds=CHILD_SECONDS, environment=None):
-    """Runs a program under a stack of 8 MB; its completed process, whatever its status."""
+def _usual_stack_on_one_processor():
+    _usual_stack()
+    os.sched_setaffinity(0, {max(os.sched_getaffinity(0))})
+
+
+def child(command, seconds=CHILD_SECONDS, environment=None, is_pinned=False):
+    """Runs a program under a stack of 8 MB, on one processor if it is pinned; its completed
+    process, whatever its status."""
+    prepare = _usual_stack_on_one_processor if is_pinned else _usual_stack
     return subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, text=True, errors="replace", timeout=seconds,
-                          env=environment, preexec_fn=_usual_stack)
+                          env=environment, preexec_fn=prepare)
 
 
 def output(command, seconds=CHILD_SECONDS):

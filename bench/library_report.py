@@ -84,7 +84,7 @@ def print_times(figures, targets):
         points = _pairs(figure, times)
         _print_targets("%s, opcache %s" % (key[0], "on" if key[1] else "off"), points, targets)
     print("  Processor time of an iteration, user and system, of which the kernel tells the user's"
-          "\n  share by samples. Each process gives its median iteration; the first does not count."
+          "\n  share by samples. Each process gives its fastest iteration: what disturbs one only adds."
           "\n  To chain, and below: median of the rounds' differences, below in percent of the bare"
           "\n  engine's time. Interval: distribution-free, from the ranks of these differences; there"
           "\n  is none below six rounds.")

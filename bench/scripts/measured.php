@@ -1,7 +1,7 @@
 <?php
 // What the scripts that run a library share. measure($iterations, $work) calls $work once to warm
 // up and then $iterations times. Prints the user calls of an iteration (0 unless the probe counts
-// them), microseconds of processor time of the median iteration, what user and system time have of
+// them), microseconds of processor time of the fastest iteration, what user and system time have of
 // an iteration on average, and a checksum of what $work returned, which has to be the same each time.
 // With the environment's BENCH_PROFILER the named profiler runs from the end of the warm-up on.
 
@@ -32,13 +32,6 @@ function used()
         $usage['ru_stime.tv_sec'] * 1e6 + $usage['ru_stime.tv_usec']);
 }
 
-function median($values)
-{
-    sort($values);
-    $half = intdiv(count($values), 2);
-    return count($values) % 2 ? $values[$half] : ($values[$half - 1] + $values[$half]) / 2;
-}
-
 function measure($iterations, $work)
 {
     $sum = md5($work());
@@ -60,6 +53,6 @@ function measure($iterations, $work)
         $profiler->stop();
     }
     $calls = $counts ? (probe_calls() - $calls) / $iterations : 0;
-    printf("%d %.1f %.1f %.1f %s\n", $calls, median($times), ($end[0] - $begin[0]) / $iterations,
+    printf("%d %.1f %.1f %.1f %s\n", $calls, min($times), ($end[0] - $begin[0]) / $iterations,
         ($end[1] - $begin[1]) / $iterations, $sum);
 }
