@@ -1,0 +1,226 @@
+#include "analysis/naming.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace kaq {
+namespace {
+
+constexpr size_t kLongestName = 256;
+constexpr size_t kMostSegments = 16;
+/* Words of a language are shorter, and hashes are not. */
+constexpr size_t kShortestHash = 8;
+constexpr size_t kShortestToken = 20;
+
+bool is_digit(char character) {
+	return character >= '0' && character <= '9';
+}
+
+bool is_hex(char character) {
+	char lower = static_cast<char>(character | 0x20);
+	return is_digit(character) || (lower >= 'a' && lower <= 'f');
+}
+
+bool is_letter(char character) {
+	char lower = static_cast<char>(character | 0x20);
+	return lower >= 'a' && lower <= 'z';
+}
+
+/* 12, 3.5, 2024-05-01, 12:30, 1,000, 7%20: digits and what stands between digits. */
+bool is_number_or_date(std::string_view text) {
+	bool has_digit = false;
+	for (char character : text) {
+		has_digit = has_digit || is_digit(character);
+		if (!is_digit(character) &&
+			std::string_view(".,:-_+~").find(character) == std::string_view::npos) {
+			return false;
+		}
+	}
+	return has_digit;
+}
+
+/* UUIDs and hashes: nothing but hexadecimal digits and dashes, with a decimal digit among them. */
+bool is_hash(std::string_view text) {
+	if (text.size() < kShortestHash) {
+		return false;
+	}
+	bool has_digit = false;
+	for (char character : text) {
+		has_digit = has_digit || is_digit(character);
+		if (!is_hex(character) && character != '-') {
+			return false;
+		}
+	}
+	return has_digit;
+}
+
+bool is_address(std::string_view text) {
+	size_t at = text.find('@');
+	if (at == std::string_view::npos) {
+		at = text.find("%40");
+	}
+	return at != std::string_view::npos && at > 0 && text.find('.', at) != std::string_view::npos;
+}
+
+/* Long, and letters and digits change places as they do in no word. */
+bool is_token(std::string_view text) {
+	if (text.size() < kShortestToken) {
+		return false;
+	}
+	size_t changes = 0;
+	size_t digits = 0;
+	for (size_t i = 0; i < text.size(); i++) {
+		if (!is_letter(text[i]) && !is_digit(text[i]) &&
+			std::string_view("-_=.%~+").find(text[i]) == std::string_view::npos) {
+			return false;
+		}
+		digits += is_digit(text[i]);
+		changes += i > 0 && is_digit(text[i]) != is_digit(text[i - 1]);
+	}
+	return digits >= 3 && changes >= 4;
+}
+
+bool varies(std::string_view segment) {
+	return is_number_or_date(segment) || is_hash(segment) || is_address(segment) ||
+		   is_token(segment);
+}
+
+/* ".html", ".mp4" */
+bool is_ending(std::string_view text) {
+	constexpr size_t longest = 6;
+	if (text.size() < 2 || text.size() > longest || !is_letter(text[1])) {
+		return false;
+	}
+	return std::all_of(text.begin() + 1, text.end(),
+					   [](char each) { return is_letter(each) || is_digit(each); });
+}
+
+/* A segment with its ending: "123.html" is "*.html". */
+std::string normalised_segment(std::string_view segment) {
+	size_t dot = segment.rfind('.');
+	if (dot != std::string_view::npos && dot > 0 && is_ending(segment.substr(dot)) &&
+		varies(segment.substr(0, dot))) {
+		return "*" + std::string(segment.substr(dot));
+	}
+	return varies(segment) ? "*" : std::string(segment);
+}
+
+/* The value of a parameter of the query, as it was sent; nothing if it has none. */
+std::string_view parameter(std::string_view query, std::string_view name) {
+	while (!query.empty()) {
+		size_t end = query.find('&');
+		std::string_view each = query.substr(0, end);
+		if (each.substr(0, name.size()) == name && each.substr(name.size(), 1) == "=") {
+			return each.substr(name.size() + 1);
+		}
+		query = end == std::string_view::npos ? std::string_view() : query.substr(end + 1);
+	}
+	return {};
+}
+
+/* "%2F" and "%3A" are common in the names of pages, and read badly. */
+std::string decoded(std::string_view text) {
+	std::string plain;
+	for (size_t at = 0; at < text.size(); at++) {
+		if (text[at] == '%' && at + 2 < text.size() && is_hex(text[at + 1]) &&
+			is_hex(text[at + 2])) {
+			int value = std::stoi(std::string(text.substr(at + 1, 2)), nullptr, 16);
+			plain += static_cast<char>(value);
+			at += 2;
+		} else {
+			plain += text[at];
+		}
+	}
+	return plain;
+}
+
+std::string with_parameters(std::string name, std::string_view query,
+							const std::vector<std::string> &parameters) {
+	char separator = '?';
+	for (const std::string &each : parameters) {
+		std::string_view value = parameter(query, each);
+		if (!value.empty()) {
+			name += separator + each + "=" + normalised_path(decoded(value));
+			separator = '&';
+		}
+	}
+	return name;
+}
+
+bool applies(const NamingRule &rule, std::string_view application, std::string_view path) {
+	return (rule.application.empty() || matches_glob(application, rule.application)) &&
+		   matches_glob(path, rule.path);
+}
+
+} // namespace
+
+bool matches_glob(std::string_view text, std::string_view glob) {
+	size_t at = 0;
+	size_t in_glob = 0;
+	size_t star = std::string_view::npos;
+	size_t star_at = 0;
+	while (at < text.size()) {
+		if (in_glob < glob.size() && glob[in_glob] == '*') {
+			star = in_glob++;
+			star_at = at;
+		} else if (in_glob < glob.size() && (glob[in_glob] == '?' || glob[in_glob] == text[at])) {
+			in_glob++;
+			at++;
+		} else if (star != std::string_view::npos) {
+			in_glob = star + 1;
+			at = ++star_at;
+		} else {
+			return false;
+		}
+	}
+	return glob.find_first_not_of('*', in_glob) == std::string_view::npos;
+}
+
+std::string normalised_path(std::string_view path) {
+	std::string name;
+	for (size_t count = 0; !path.empty(); count++) {
+		size_t end = std::min(path.find('/'), path.size());
+		if (count > kMostSegments || name.size() > kLongestName) {
+			return name + "*";
+		}
+		name += normalised_segment(path.substr(0, end));
+		if (end < path.size()) {
+			name += '/';
+		}
+		path.remove_prefix(std::min(end + 1, path.size()));
+	}
+	return name;
+}
+
+std::string transaction_name(std::string_view application, std::string_view path,
+							 std::string_view query, const std::vector<NamingRule> &rules) {
+	std::string name;
+	auto rule = std::find_if(rules.begin(), rules.end(), [&](const NamingRule &each) {
+		return applies(each, application, path);
+	});
+	if (rule == rules.end()) {
+		name = normalised_path(path);
+	} else {
+		name = with_parameters(rule->name.empty() ? normalised_path(path) : rule->name, query,
+							   rule->parameters);
+	}
+	if (name.size() > kLongestName) {
+		name.resize(kLongestName);
+	}
+	return name;
+}
+
+const std::vector<NamingRule> &usual_naming_rules() {
+	static const std::vector<NamingRule> rules = {
+		{"", "*/admin-ajax.php", "", {"action"}},                   /* WordPress */
+		{"", "*/wp-admin/admin.php", "", {"page"}},                 /* WordPress */
+		{"", "*/api.php", "", {"action", "list"}},                  /* MediaWiki */
+		{"", "*/load.php", "", {"only"}},                           /* MediaWiki */
+		{"", "*/doku.php*", "", {"do"}},                            /* DokuWiki */
+		{"", "*/index.php", "", {"route", "action", "do", "page"}}, /* MediaWiki, phpMyAdmin */
+		{"", "/", "", {"route", "rest_route", "do", "action"}},
+	};
+	return rules;
+}
+
+} // namespace kaq

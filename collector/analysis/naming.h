@@ -1,0 +1,36 @@
+/*
+ * Names under which requests are counted: few, however many pages a site has. What tells one page
+ * from another of its kind (numbers, hashes, dates, addresses, tokens) becomes '*'; applications
+ * with one entry for everything are named by the parameter that chooses the page. No state; any
+ * thread.
+ */
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kaq {
+
+/* A rule of the configuration. Both patterns are globs: '*' is any text, '?' any character. */
+struct NamingRule {
+	std::string application; /* empty: every one */
+	std::string path;        /* of the request, without its query */
+	std::string name;        /* what to call it; empty: as without a rule, with the parameters */
+	std::vector<std::string> parameters; /* of the query that belong into the name, in this order */
+};
+
+/* For WordPress, MediaWiki, phpMyAdmin and DokuWiki. They come after those of the configuration. */
+const std::vector<NamingRule> &usual_naming_rules();
+
+/* Of the rules the first one counts whose patterns match. A name is at most 256 bytes long. */
+std::string transaction_name(std::string_view application, std::string_view path,
+							 std::string_view query, const std::vector<NamingRule> &rules);
+
+/* The path with '*' for what varies. */
+std::string normalised_path(std::string_view path);
+
+/* Whether text matches a glob. Takes time in proportion to the product of their lengths at most. */
+bool matches_glob(std::string_view text, std::string_view glob);
+
+} // namespace kaq

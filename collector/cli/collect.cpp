@@ -1,0 +1,124 @@
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdio>
+#include <system_error>
+
+#include <nlohmann/json.hpp>
+
+#include "analysis/summary.h"
+#include "cli/places.h"
+#include "cli/summary_text.h"
+#include "cli/verbs.h"
+#include "http/http_server.h"
+#include "ingest/pipeline.h"
+#include "net/data_server.h"
+#include "net/handshake_server.h"
+
+namespace kaq {
+namespace {
+
+/* Of all payloads that are being received or wait for being read. */
+constexpr size_t kPayloadMemory = 96 * 1024 * 1024;
+constexpr std::chrono::milliseconds kDrainTime{5000};
+
+/* Every application is monitored, under its own names. */
+class MonitorAll : public HandshakePolicy {
+public:
+	HandshakeAnswer answer(const HandshakeRequest &request) const override {
+		HandshakeAnswer answer;
+		answer.instance_id = instance_id_of(request);
+		answer.application_id = application_id_of(request.application);
+		return answer;
+	}
+};
+
+HttpAnswer answer_http(const HttpRequest &request) {
+	HttpAnswer answer;
+	if (request.method != "GET" && request.method != "HEAD") {
+		return {405, "text/plain", "only GET\n", false};
+	}
+	if (request.path == "/healthz") {
+		return {200, "text/plain", "ok\n", false};
+	}
+	if (request.path == "/api/v1/live") {
+		answer.is_live = true;
+		return answer;
+	}
+	return {404, "text/plain", "nothing here\n", false};
+}
+
+void say_ports(const CollectOptions &options, const HandshakeServer &handshake,
+			   const DataServer &data, const HttpServer &http, const std::string &store) {
+	printf("kaq: collecting on %s: handshakes %u, payloads %u, http %u; store %s\n",
+		   options.address.c_str(), handshake.port(), data.port(), http.port(), store.c_str());
+	fflush(stdout);
+}
+
+sigset_t ending_signals() {
+	sigset_t set;
+	sigemptyset(&set);
+	sigaddset(&set, SIGTERM);
+	sigaddset(&set, SIGINT);
+	return set;
+}
+
+/* As many connections as the ports serve, where the system lets us. */
+void raise_descriptor_limit() {
+	rlimit limit;
+	if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+		limit.rlim_cur = limit.rlim_max;
+		setrlimit(RLIMIT_NOFILE, &limit);
+	}
+}
+
+void run(const CollectOptions &options, const std::string &store) {
+	MemoryBudget budget(kPayloadMemory);
+	LiveFeed feed;
+	Pipeline pipeline({}, [&feed](const std::shared_ptr<const Transaction> &transaction) {
+		if (feed.has_listeners()) {
+			feed.publish(to_json(summarise(*transaction))
+							 .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+		}
+	});
+	HandshakeServer handshake(options.address, options.handshake_port,
+							  std::make_unique<MonitorAll>());
+	DataServer data(
+		options.address, options.data_port, budget,
+		[&pipeline](BudgetedBuffer &&bytes) { return pipeline.accept(std::move(bytes)); });
+	HttpServer http({options.address, options.http_port, socket_of(store), token_of(store)},
+					answer_http, feed);
+	/* What is recorded from now on has to find the data port open. */
+	data.start();
+	http.start();
+	handshake.start();
+	say_ports(options, handshake, data, http, store);
+	sigset_t set = ending_signals();
+	int signal;
+	sigwait(&set, &signal);
+	handshake.stop_listening();
+	handshake.drain(kDrainTime);
+	data.stop_listening();
+	data.drain(kDrainTime);
+}
+
+} // namespace
+
+int collect(const CollectOptions &options) {
+	/* Before any thread is made, so that all of them leave these to sigwait. */
+	sigset_t set = ending_signals();
+	pthread_sigmask(SIG_BLOCK, &set, nullptr);
+	signal(SIGPIPE, SIG_IGN);
+	raise_descriptor_limit();
+	try {
+		run(options, options.store.empty() ? default_store() : options.store);
+		return 0;
+	} catch (const std::exception &error) {
+		fprintf(stderr, "kaq: %s\n", error.what());
+		return 1;
+	}
+}
+
+} // namespace kaq

@@ -1,0 +1,81 @@
+#include "cli/places.h"
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "util/unique_fd.h"
+
+namespace kaq {
+namespace {
+
+constexpr const char *kServiceStore = "/var/lib/kaq";
+constexpr size_t kTokenBytes = 24;
+
+[[noreturn]] void fail(const std::string &what) {
+	throw std::system_error(errno, std::generic_category(), what);
+}
+
+std::string user_store() {
+	const char *data = std::getenv("XDG_DATA_HOME");
+	if (data && data[0] == '/') {
+		return std::string(data) + "/kaq";
+	}
+	const char *home = std::getenv("HOME");
+	return std::string(home && home[0] ? home : "/tmp") + "/.local/share/kaq";
+}
+
+std::string new_token() {
+	std::array<unsigned char, kTokenBytes> random;
+	if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
+		fail("getrandom");
+	}
+	std::string token;
+	for (unsigned char byte : random) {
+		token += "0123456789abcdef"[byte >> 4];
+		token += "0123456789abcdef"[byte & 15];
+	}
+	return token;
+}
+
+} // namespace
+
+std::string default_store() {
+	if (access(kServiceStore, W_OK) == 0) {
+		return kServiceStore;
+	}
+	std::string store = user_store();
+	std::filesystem::create_directories(store);
+	chmod(store.c_str(), 0700);
+	return store;
+}
+
+std::string socket_of(const std::string &store) {
+	return store + "/collector.sock";
+}
+
+std::string token_of(const std::string &store) {
+	std::string path = store + "/token";
+	std::string token;
+	std::ifstream file(path);
+	if (file >> token && token.size() == 2 * kTokenBytes) {
+		return token;
+	}
+	token = new_token();
+	UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+	std::string line = token + "\n";
+	if (!fd || write(fd.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+		fail("cannot write " + path);
+	}
+	return token;
+}
+
+} // namespace kaq

@@ -1,0 +1,92 @@
+#include "cli/summary_text.h"
+
+#include <ctime>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace kaq {
+namespace {
+
+/* Each member once; both directions go through it. */
+template <typename Text, typename Number, typename Truth, typename S>
+void each_member(S &summary, Text text, Number number, Truth truth) {
+	text("id", summary.id);
+	text("trace_id", summary.trace_id);
+	text("application", summary.application);
+	text("name", summary.name);
+	text("path", summary.path);
+	text("method", summary.method);
+	number("start_ms", summary.start);
+	number("duration_ms", summary.duration);
+	number("cpu_ms", summary.cpu);
+	number("memory_bytes", summary.memory);
+	number("status", summary.status);
+	number("spans", summary.spans);
+	number("queries", summary.queries);
+	number("calls", summary.calls);
+	number("failures", summary.failures);
+	number("query_ms", summary.query_time);
+	number("external_ms", summary.external_time);
+	truth("web", summary.is_web);
+	truth("failed", summary.is_failed);
+}
+
+std::string printable(std::string_view text) {
+	std::string shown;
+	for (char character : text) {
+		auto byte = static_cast<unsigned char>(character);
+		shown += byte < ' ' || byte == 0x7f ? '?' : character;
+	}
+	return shown;
+}
+
+std::string clock_of(int64_t milliseconds) {
+	time_t seconds = milliseconds / 1000;
+	tm local{};
+	localtime_r(&seconds, &local);
+	return fmt::format("{:02}:{:02}:{:02}.{:03}", local.tm_hour, local.tm_min, local.tm_sec,
+					   milliseconds % 1000);
+}
+
+const char *colour_of(const Summary &summary) {
+	if (summary.is_failed) {
+		return "\033[31m";
+	}
+	return summary.status >= 400 || summary.failures > 0 ? "\033[33m" : "";
+}
+
+} // namespace
+
+nlohmann::json to_json(const Summary &summary) {
+	nlohmann::json json;
+	auto set = [&json](const char *name, const auto &value) { json[name] = value; };
+	each_member(summary, set, set, set);
+	return json;
+}
+
+Summary summary_from_json(const nlohmann::json &json) {
+	Summary summary;
+	auto get = [&json](const char *name, auto &value) { value = json.value(name, value); };
+	each_member(summary, get, get, get);
+	return summary;
+}
+
+std::string line_titles() {
+	return fmt::format("{:12} {:>6} {:>9} {:>8} {:>7} {:>5} {:>4}  {:16} {}", "time", "status",
+					   "duration", "cpu", "queries", "calls", "fail", "request",
+					   "application, transaction");
+}
+
+std::string to_line(const Summary &summary, bool has_colours) {
+	std::string status = summary.is_web ? std::to_string(summary.status) : "-";
+	std::string line = fmt::format(
+		"{:12} {:>6} {:>6} ms {:>5} ms {:>7} {:>5} {:>4}  {:16} {}  {} {}", clock_of(summary.start),
+		status, summary.duration, summary.cpu, summary.queries, summary.calls, summary.failures,
+		printable(summary.id), printable(summary.application), printable(summary.method),
+		printable(summary.path));
+	const char *colour = has_colours ? colour_of(summary) : "";
+	return colour[0] ? colour + line + "\033[0m" : line;
+}
+
+} // namespace kaq

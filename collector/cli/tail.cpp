@@ -1,0 +1,124 @@
+#include <curl/curl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "cli/places.h"
+#include "cli/summary_text.h"
+#include "cli/verbs.h"
+
+namespace kaq {
+namespace {
+
+bool wants_colours() {
+	const char *terminal = std::getenv("TERM");
+	const char *none = std::getenv("NO_COLOR");
+	return isatty(STDOUT_FILENO) && !(none && none[0]) && terminal &&
+		   std::string_view(terminal) != "dumb";
+}
+
+/* Server-sent events, as they come in pieces. */
+class Events {
+public:
+	explicit Events(const TailOptions &options) : options_(options), has_colours_(wants_colours()) {
+	}
+
+	/* False when no more are wanted. */
+	bool take(std::string_view piece) {
+		text_.append(piece);
+		size_t end;
+		while ((end = text_.find('\n')) != std::string::npos) {
+			std::string line = text_.substr(0, end);
+			text_.erase(0, end + 1);
+			if (!take_line(line)) {
+				return false;
+			}
+		}
+		return true;
+	}
+
+	bool is_done() const {
+		return options_.count > 0 && shown_ >= options_.count;
+	}
+
+private:
+	bool take_line(const std::string &line) {
+		constexpr std::string_view event = "event: ";
+		constexpr std::string_view data = "data: ";
+		if (line.empty()) {
+			is_lost_ = false;
+		} else if (line.compare(0, event.size(), event) == 0) {
+			is_lost_ = line.substr(event.size()) == "lost";
+		} else if (line.compare(0, data.size(), data) == 0) {
+			return is_lost_ ? say_lost(line.substr(data.size())) : show(line.substr(data.size()));
+		}
+		return true;
+	}
+
+	bool say_lost(const std::string &count) const {
+		fprintf(stderr, "kaq: %s requests passed too fast to be shown\n", count.c_str());
+		return true;
+	}
+
+	bool show(const std::string &text) {
+		nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
+		if (!json.is_object()) {
+			return true;
+		}
+		Summary summary = summary_from_json(json);
+		if (summary.duration < options_.slower || (options_.errors && !summary.is_failed)) {
+			return true;
+		}
+		if (shown_++ == 0 && !options_.json) {
+			puts(line_titles().c_str());
+		}
+		puts(options_.json ? text.c_str() : to_line(summary, has_colours_).c_str());
+		return fflush(stdout) == 0 && !is_done();
+	}
+
+	const TailOptions &options_;
+	const bool has_colours_;
+	std::string text_;
+	bool is_lost_ = false;
+	int64_t shown_ = 0;
+};
+
+size_t on_piece(char *data, size_t size, size_t count, void *events) {
+	size_t bytes = size * count;
+	return static_cast<Events *>(events)->take({data, bytes}) ? bytes : CURL_WRITEFUNC_ERROR;
+}
+
+} // namespace
+
+int tail(const TailOptions &options) {
+	std::string store = options.store.empty() ? default_store() : options.store;
+	std::string socket = socket_of(store);
+	CURL *curl = curl_easy_init();
+	if (!curl) {
+		return 1;
+	}
+	Events events(options);
+	curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, socket.c_str());
+	curl_easy_setopt(curl, CURLOPT_URL, "http://localhost/api/v1/live");
+	curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, on_piece);
+	curl_easy_setopt(curl, CURLOPT_WRITEDATA, &events);
+	CURLcode code = curl_easy_perform(curl);
+	curl_easy_cleanup(curl);
+	if (events.is_done()) {
+		return 0;
+	}
+	if (code == CURLE_COULDNT_CONNECT) {
+		fprintf(stderr, "kaq: no collector answers on %s: start one with 'kaq collect'\n",
+				socket.c_str());
+	} else {
+		fprintf(stderr, "kaq: the collector has ended\n");
+	}
+	return 1;
+}
+
+} // namespace kaq

@@ -1,0 +1,80 @@
+#include "http/access.h"
+
+#include <array>
+#include <cstddef>
+#include <string>
+
+namespace kaq {
+namespace {
+
+constexpr std::array<std::string_view, 3> kOwnNames = {"localhost", "127.0.0.1", "[::1]"};
+
+std::string_view without_port(std::string_view host) {
+	size_t bracket = host.find(']');
+	size_t colon = host.find(':', bracket == std::string_view::npos ? 0 : bracket);
+	return host.substr(0, colon);
+}
+
+bool is_own_name(std::string_view host) {
+	std::string_view name = without_port(host);
+	for (std::string_view own : kOwnNames) {
+		if (name == own) {
+			return true;
+		}
+	}
+	return false;
+}
+
+/* Takes as long for a wrong text as for the right one. */
+bool equal(std::string_view given, std::string_view token) {
+	unsigned char difference = given.size() == token.size() ? 0 : 1;
+	for (size_t i = 0; i < given.size(); i++) {
+		difference |= static_cast<unsigned char>(given[i] ^ token[i % token.size()]);
+	}
+	return difference == 0;
+}
+
+std::string_view bearer_of(std::string_view authorization) {
+	constexpr std::string_view scheme = "Bearer ";
+	return authorization.substr(0, scheme.size()) == scheme ? authorization.substr(scheme.size())
+															: std::string_view();
+}
+
+std::string_view cookie_of(std::string_view cookies) {
+	while (!cookies.empty()) {
+		size_t end = cookies.find(';');
+		std::string_view each = cookies.substr(0, end);
+		while (!each.empty() && each.front() == ' ') {
+			each.remove_prefix(1);
+		}
+		if (each.substr(0, kTokenCookie.size()) == kTokenCookie &&
+			each.substr(kTokenCookie.size(), 1) == "=") {
+			return each.substr(kTokenCookie.size() + 1);
+		}
+		cookies = end == std::string_view::npos ? std::string_view() : cookies.substr(end + 1);
+	}
+	return {};
+}
+
+/* The page that asks must have been served under the name that is asked. */
+bool is_foreign(const Access &access) {
+	return !access.origin.empty() && access.origin != "http://" + std::string(access.host);
+}
+
+} // namespace
+
+AccessVerdict check_access(const Access &access, std::string_view token, std::string_view path) {
+	if (!is_own_name(access.host)) {
+		return AccessVerdict::kWrongHost;
+	}
+	if (is_foreign(access)) {
+		return AccessVerdict::kWrongOrigin;
+	}
+	if (path == "/healthz" || equal(bearer_of(access.authorization), token) ||
+		equal(cookie_of(access.cookie), token)) {
+		return AccessVerdict::kAllowed;
+	}
+	return AccessVerdict::kNoToken;
+}
+
+} // namespace kaq

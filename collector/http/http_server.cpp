@@ -1,0 +1,325 @@
+#include "http/http_server.h"
+
+#include <boost/asio/generic/stream_protocol.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/basic_stream.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <optional>
+#include <system_error>
+#include <thread>
+
+#include "http/access.h"
+
+namespace kaq {
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = boost::beast::http;
+using Error = boost::system::error_code;
+using Stream = beast::basic_stream<asio::generic::stream_protocol>;
+
+constexpr std::chrono::seconds kRequestTime{10};
+constexpr std::chrono::seconds kIdleTime{60};
+/* A live stream says something at least that often, so that a peer that is gone is noticed. */
+constexpr std::chrono::seconds kHeartbeat{15};
+constexpr size_t kLongestHeader = 16 * 1024;
+constexpr size_t kLongestBody = 1024 * 1024;
+constexpr size_t kMostConnections = 512;
+constexpr int kBacklog = 128;
+
+struct Shared {
+	HttpSettings settings;
+	HttpServer::Handler handler;
+	LiveFeed &feed;
+	size_t connections = 0;
+};
+
+class Session : public std::enable_shared_from_this<Session> {
+public:
+	Session(asio::io_context &context, asio::generic::stream_protocol::socket socket,
+			Shared &shared, bool is_local)
+		: context_(context), stream_(std::move(socket)), heartbeat_(context), shared_(shared),
+		  is_local_(is_local) {
+		shared_.connections++;
+	}
+	~Session() {
+		shared_.connections--;
+	}
+
+	void read() {
+		parser_.emplace();
+		parser_->header_limit(kLongestHeader);
+		parser_->body_limit(kLongestBody);
+		stream_.expires_after(is_first_ ? kRequestTime : kIdleTime);
+		is_first_ = false;
+		http::async_read(
+			stream_, buffer_, *parser_,
+			[self = shared_from_this()](Error error, size_t) { self->on_read(error); });
+	}
+
+private:
+	void on_read(Error error) {
+		if (error == http::error::header_limit || error == http::error::body_limit) {
+			send({413, "text/plain", "too long\n", false}, false);
+			return;
+		}
+		if (error) {
+			return;
+		}
+		const auto &message = parser_->get();
+		HttpRequest request = request_of(message);
+		HttpAnswer answer;
+		std::optional<HttpAnswer> refusal = is_local_ ? std::nullopt : refuse(request, message);
+		answer = refusal ? std::move(*refusal) : shared_.handler(request);
+		if (answer.is_live && message.method() != http::verb::head) {
+			start_stream();
+		} else {
+			send(std::move(answer), message.keep_alive());
+		}
+	}
+
+	template <typename Message> static HttpRequest request_of(const Message &message) {
+		std::string_view target(message.target().data(), message.target().size());
+		size_t mark = target.find('?');
+		HttpRequest request;
+		request.method = std::string(message.method_string());
+		request.path = std::string(target.substr(0, mark));
+		if (mark != std::string_view::npos) {
+			request.query = std::string(target.substr(mark + 1));
+		}
+		return request;
+	}
+
+	template <typename Message>
+	std::optional<HttpAnswer> refuse(const HttpRequest &request, const Message &message) const {
+		auto header = [&message](http::field name) {
+			auto value = message[name];
+			return std::string_view(value.data(), value.size());
+		};
+		Access access{header(http::field::host), header(http::field::origin),
+					  header(http::field::authorization), header(http::field::cookie)};
+		switch (check_access(access, shared_.settings.token, request.path)) {
+		case AccessVerdict::kAllowed:
+			return std::nullopt;
+		case AccessVerdict::kWrongHost:
+			return HttpAnswer{421, "text/plain", "this host is not served here\n", false};
+		case AccessVerdict::kWrongOrigin:
+			return HttpAnswer{403, "text/plain", "not from another site's page\n", false};
+		case AccessVerdict::kNoToken:
+			break;
+		}
+		return HttpAnswer{401, "text/plain", "log in with the link that 'kaq open' prints\n",
+						  false};
+	}
+
+	template <typename Body> void add_headers(http::response<Body> &response) const {
+		response.set(http::field::server, "kaq");
+		response.set("Content-Security-Policy", "default-src 'self'");
+		response.set("X-Content-Type-Options", "nosniff");
+		response.set("Referrer-Policy", "no-referrer");
+		response.set(http::field::cache_control, "no-store");
+	}
+
+	void send(HttpAnswer answer, bool keeps_alive) {
+		auto response = std::make_shared<http::response<http::string_body>>();
+		response->result(static_cast<unsigned>(answer.status));
+		response->version(11);
+		add_headers(*response);
+		response->set(http::field::content_type, answer.type);
+		response->body() = std::move(answer.body);
+		response->keep_alive(keeps_alive);
+		response->prepare_payload();
+		stream_.expires_after(kIdleTime);
+		http::async_write(stream_, *response,
+						  [self = shared_from_this(), response, keeps_alive](Error error, size_t) {
+							  if (!error && keeps_alive) {
+								  self->read();
+							  }
+						  });
+	}
+
+	/* From here on the stream's texts are written as they come. */
+	void start_stream() {
+		is_first_ = false;
+		out_ = "HTTP/1.1 200 OK\r\nServer: kaq\r\nContent-Type: text/event-stream\r\n"
+			   "Cache-Control: no-store\r\nContent-Security-Policy: default-src 'self'\r\n"
+			   "X-Content-Type-Options: nosniff\r\nConnection: close\r\n\r\n: kaq\n\n";
+		std::weak_ptr<Session> weak = weak_from_this();
+		listener_ = shared_.feed.listen([weak, &context = context_] {
+			asio::post(context, [weak] {
+				if (auto self = weak.lock()) {
+					self->write_stream();
+				}
+			});
+		});
+		wait_for_heartbeat();
+		wait_for_hang_up();
+		write_stream();
+	}
+
+	void wait_for_heartbeat() {
+		heartbeat_.expires_after(kHeartbeat);
+		heartbeat_.async_wait([weak = weak_from_this()](Error error) {
+			auto self = weak.lock();
+			if (!error && self) {
+				self->out_ += ": still here\n\n";
+				self->write_stream();
+				self->wait_for_heartbeat();
+			}
+		});
+	}
+
+	/* A listener has nothing more to say; the end of its input is its end. */
+	void wait_for_hang_up() {
+		stream_.socket().async_wait(asio::socket_base::wait_read,
+									[self = shared_from_this()](Error) { self->close(); });
+	}
+
+	void close() {
+		heartbeat_.cancel();
+		listener_.reset();
+		stream_.close();
+	}
+
+	void write_stream() {
+		if (is_writing_ || !listener_) {
+			return;
+		}
+		uint64_t lost = 0;
+		for (const SharedText &text : listener_->take(lost)) {
+			out_ += "data: " + *text + "\n\n";
+		}
+		if (lost > 0) {
+			out_ += "event: lost\ndata: " + std::to_string(lost) + "\n\n";
+		}
+		if (out_.empty()) {
+			return;
+		}
+		is_writing_ = true;
+		auto text = std::make_shared<std::string>(std::move(out_));
+		out_.clear();
+		stream_.expires_after(kIdleTime);
+		asio::async_write(stream_, asio::buffer(*text),
+						  [self = shared_from_this(), text](Error error, size_t) {
+							  self->is_writing_ = false;
+							  if (error) {
+								  self->close();
+							  } else {
+								  self->stream_.expires_never();
+								  self->write_stream();
+							  }
+						  });
+	}
+
+	asio::io_context &context_;
+	Stream stream_;
+	asio::steady_timer heartbeat_;
+	beast::flat_buffer buffer_;
+	std::optional<http::request_parser<http::string_body>> parser_;
+	Shared &shared_;
+	const bool is_local_;
+	bool is_first_ = true;
+	bool is_writing_ = false;
+	std::string out_;
+	std::shared_ptr<LiveFeed::Listener> listener_;
+};
+
+template <typename Acceptor>
+void accept_on(asio::io_context &context, Acceptor &acceptor, Shared &shared, bool is_local) {
+	acceptor.async_accept([&context, &acceptor, &shared, is_local](Error error, auto socket) {
+		if (error == asio::error::operation_aborted) {
+			return;
+		}
+		if (!error && shared.connections < kMostConnections) {
+			std::make_shared<Session>(context, std::move(socket), shared, is_local)->read();
+		}
+		accept_on(context, acceptor, shared, is_local);
+	});
+}
+
+} // namespace
+
+struct HttpServer::State {
+	State(HttpSettings settings, Handler handler, LiveFeed &feed)
+		: shared{std::move(settings), std::move(handler), feed} {
+	}
+
+	void listen_tcp() {
+		asio::ip::tcp::endpoint endpoint(asio::ip::make_address(shared.settings.address),
+										 shared.settings.port);
+		tcp.open(endpoint.protocol());
+		tcp.set_option(asio::ip::tcp::acceptor::reuse_address(true));
+		tcp.bind(endpoint);
+		tcp.listen(kBacklog);
+	}
+
+	/* The directory decides who may connect. */
+	void listen_locally() {
+		const std::string &path = shared.settings.socket_path;
+		if (path.empty()) {
+			return;
+		}
+		::unlink(path.c_str());
+		asio::local::stream_protocol::endpoint endpoint(path);
+		local.open(endpoint.protocol());
+		local.bind(endpoint);
+		::chmod(path.c_str(), 0660);
+		local.listen(kBacklog);
+	}
+
+	asio::io_context context{1};
+	Shared shared;
+	asio::ip::tcp::acceptor tcp{context};
+	asio::local::stream_protocol::acceptor local{context};
+	std::thread thread;
+};
+
+HttpServer::HttpServer(HttpSettings settings, Handler handler, LiveFeed &feed)
+	: state_(std::make_unique<State>(std::move(settings), std::move(handler), feed)) {
+	const HttpSettings &wanted = state_->shared.settings;
+	std::string where = wanted.address + " port " + std::to_string(wanted.port);
+	try {
+		state_->listen_tcp();
+		where = wanted.socket_path;
+		state_->listen_locally();
+	} catch (const boost::system::system_error &error) {
+		throw std::system_error(error.code().value(), std::generic_category(),
+								"cannot listen on " + where);
+	}
+}
+
+HttpServer::~HttpServer() {
+	state_->context.stop();
+	if (state_->thread.joinable()) {
+		state_->thread.join();
+	}
+	if (!state_->shared.settings.socket_path.empty()) {
+		::unlink(state_->shared.settings.socket_path.c_str());
+	}
+}
+
+uint16_t HttpServer::port() const {
+	return state_->tcp.local_endpoint().port();
+}
+
+void HttpServer::start() {
+	accept_on(state_->context, state_->tcp, state_->shared, false);
+	if (state_->local.is_open()) {
+		accept_on(state_->context, state_->local, state_->shared, true);
+	}
+	state_->thread = std::thread([this] { state_->context.run(); });
+}
+
+} // namespace kaq

@@ -1,0 +1,61 @@
+/*
+ * HTTP for browsers and programs on a TCP port, and for the program's own verbs on a Unix socket.
+ * One thread serves all connections; a live stream is just one that stays open.
+ *
+ * On the TCP port every request has to name this host (so that no other site's name can be made to
+ * lead here), must not come from another site's page, and needs the token, but for /healthz.
+ */
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "http/live_feed.h"
+
+namespace kaq {
+
+struct HttpRequest {
+	std::string method;
+	std::string path;
+	std::string query; /* behind the question mark, as it was sent */
+};
+
+struct HttpAnswer {
+	int status = 200;
+	std::string type = "application/json";
+	std::string body;
+	bool is_live = false; /* the live feed is sent as server-sent events; the body is left out */
+};
+
+struct HttpSettings {
+	std::string address = "127.0.0.1";
+	uint16_t port = 0;       /* 0: a free one */
+	std::string socket_path; /* of the Unix socket; empty: none */
+	std::string token;       /* never empty */
+};
+
+class HttpServer {
+public:
+	/* Called on the server's thread. */
+	using Handler = std::function<HttpAnswer(const HttpRequest &)>;
+
+	/* Listens; throws std::system_error with what it listened on in its text. REQUIRES: the feed
+	 * outlives the server. */
+	HttpServer(HttpSettings settings, Handler handler, LiveFeed &feed);
+	/* Ends all connections. */
+	~HttpServer();
+	HttpServer(const HttpServer &) = delete;
+	HttpServer &operator=(const HttpServer &) = delete;
+
+	uint16_t port() const;
+	void start();
+
+private:
+	struct State;
+	std::unique_ptr<State> state_;
+};
+
+} // namespace kaq

@@ -1,0 +1,389 @@
+#include "ingest/payload_reader.h"
+
+#include <simdjson.h>
+
+#include <limits>
+#include <unordered_map>
+
+#include "util/base64.h"
+#include "util/utf8.h"
+
+namespace kaq {
+namespace {
+
+using simdjson::dom::array;
+using simdjson::dom::element;
+using simdjson::dom::element_type;
+using simdjson::dom::object;
+
+/* The extension's own limit on spans is 10 000 unless a site has raised it. */
+constexpr size_t kMostSpans = 1000000;
+/* Of the lists and maps in one parameter. */
+constexpr int kDeepestField = 32;
+constexpr size_t kMostFields = 10000;
+
+/* Reads members of a JSON object and keeps their texts. A member of another type counts as
+ * missing. */
+class MemberReader {
+public:
+	explicit MemberReader(TextArena &texts) : texts_(texts) {
+	}
+
+	std::string_view text(const element &value) const {
+		std::string_view found;
+		return value.get_string().get(found) == simdjson::SUCCESS ? texts_.keep(found)
+																  : std::string_view();
+	}
+
+	static int64_t number(const element &value) {
+		int64_t whole;
+		if (value.get_int64().get(whole) == simdjson::SUCCESS) {
+			return whole;
+		}
+		uint64_t large;
+		return value.get_uint64().get(large) == simdjson::SUCCESS
+				   ? std::numeric_limits<int64_t>::max()
+				   : 0;
+	}
+
+	static bool truth(const element &value) {
+		bool is_true;
+		return value.get_bool().get(is_true) == simdjson::SUCCESS ? is_true : number(value) != 0;
+	}
+
+	/* Headers or parameters, lists and maps in them included. */
+	std::vector<Field> fields(const element &value) const {
+		std::vector<Field> found;
+		add_elements(found, "", value, 0);
+		return found;
+	}
+
+	std::vector<Measure> measures(const element &value) const {
+		std::vector<Measure> found;
+		object members;
+		if (value.get_object().get(members) == simdjson::SUCCESS) {
+			for (auto member : members) {
+				double number;
+				if (member.value.get_double().get(number) == simdjson::SUCCESS) {
+					found.push_back({texts_.keep(member.key), number});
+				}
+			}
+		}
+		return found;
+	}
+
+	std::vector<Failure> failures(const element &value) const;
+	std::vector<StackFrame> stack(const element &value) const;
+
+private:
+	void add(std::vector<Field> &found, const std::string &name, const element &value,
+			 int depth) const {
+		if (found.size() >= kMostFields || depth > kDeepestField) {
+			return;
+		}
+		switch (value.type()) {
+		case element_type::ARRAY:
+		case element_type::OBJECT:
+			add_elements(found, name, value, depth);
+			break;
+		case element_type::STRING:
+			found.push_back({texts_.keep(name), text(value)});
+			break;
+		default:
+			found.push_back({texts_.keep(name), texts_.keep(simdjson::minify(value))});
+			break;
+		}
+	}
+
+	static std::string inner_name(const std::string &outer, std::string_view inner) {
+		return outer.empty() ? std::string(inner) : outer + "[" + std::string(inner) + "]";
+	}
+
+	void add_elements(std::vector<Field> &found, const std::string &name, const element &value,
+					  int depth) const {
+		object members;
+		array list;
+		if (value.get_object().get(members) == simdjson::SUCCESS) {
+			for (auto member : members) {
+				add(found, inner_name(name, member.key), member.value, depth + 1);
+			}
+		} else if (value.get_array().get(list) == simdjson::SUCCESS) {
+			size_t at = 0;
+			for (element each : list) {
+				add(found, inner_name(name, std::to_string(at++)), each, depth + 1);
+			}
+		}
+	}
+
+	TextArena &texts_;
+};
+
+std::vector<Failure> MemberReader::failures(const element &value) const {
+	std::vector<Failure> found;
+	array list;
+	if (value.get_array().get(list) != simdjson::SUCCESS) {
+		return found;
+	}
+	for (element each : list) {
+		object members;
+		if (each.get_object().get(members) != simdjson::SUCCESS) {
+			continue;
+		}
+		Failure failure;
+		for (auto member : members) {
+			std::string_view key = member.key;
+			if (key == "err_clz") {
+				failure.type = text(member.value);
+			} else if (key == "filename") {
+				failure.file = text(member.value);
+			} else if (key == "linenumber") {
+				failure.line = number(member.value);
+			} else if (key == "time") {
+				failure.time = number(member.value);
+			} else if (key == "level") {
+				failure.level = text(member.value);
+			} else if (key == "str") {
+				failure.message = text(member.value);
+			}
+		}
+		found.push_back(failure);
+	}
+	return found;
+}
+
+/* Each frame is a list of class, function, file and line. */
+std::vector<StackFrame> MemberReader::stack(const element &value) const {
+	std::vector<StackFrame> found;
+	array list;
+	if (value.get_array().get(list) != simdjson::SUCCESS) {
+		return found;
+	}
+	for (element each : list) {
+		array parts;
+		if (each.get_array().get(parts) != simdjson::SUCCESS || parts.size() != 4) {
+			continue;
+		}
+		StackFrame frame;
+		frame.type = text(parts.at(0).value());
+		frame.function = text(parts.at(1).value());
+		frame.file = text(parts.at(2).value());
+		frame.line = number(parts.at(3).value());
+		found.push_back(frame);
+	}
+	return found;
+}
+
+using E = element;
+using R = MemberReader;
+using S = Span;
+using T = Transaction;
+using SpanSetter = void (*)(S &, const R &, const E &);
+using TransactionSetter = void (*)(T &, const R &, const E &);
+
+/* What each member of a span sets. */
+const std::unordered_map<std::string_view, SpanSetter> kSpanMembers = {
+	{"st", [](S &s, const R &r, const E &v) { s.start = r.number(v); }},
+	{"et", [](S &s, const R &r, const E &v) { s.end = r.number(v); }},
+	{"fn", [](S &s, const R &r, const E &v) { s.name = r.text(v); }},
+	{"cn", [](S &s, const R &r, const E &v) { s.component = r.text(v); }},
+	{"ex", [](S &s, const R &r, const E &v) { s.is_external = r.truth(v); }},
+	{"ar", [](S &s, const R &r, const E &v) { s.is_async = r.truth(v); }},
+	{"if", [](S &s, const R &r, const E &v) { s.is_failed |= r.truth(v); }},
+	{"ie", [](S &s, const R &r, const E &v) { s.is_failed |= r.truth(v); }},
+	{"si", [](S &s, const R &r, const E &v) { s.id = r.text(v); }},
+	{"psi", [](S &s, const R &r, const E &v) { s.parent_id = r.text(v); }},
+	{"qs", [](S &s, const R &r, const E &v) { s.query = r.text(v); }},
+	{"esc", [](S &s, const R &r, const E &v) { s.status = r.number(v); }},
+	{"hn", [](S &s, const R &r, const E &v) { s.host = r.text(v); }},
+	{"pn", [](S &s, const R &r, const E &v) { s.port = r.number(v); }},
+	{"dn", [](S &s, const R &r, const E &v) { s.database = r.text(v); }},
+	{"erqh", [](S &s, const R &r, const E &v) { s.sent_headers = r.fields(v); }},
+	{"ersh", [](S &s, const R &r, const E &v) { s.received_headers = r.fields(v); }},
+	{"ei", [](S &s, const R &r, const E &v) { s.failures = r.failures(v); }},
+	{"mst", [](S &s, const R &r, const E &v) { s.stack = r.stack(v); }},
+};
+
+/* What each member of the section about the request sets. */
+const std::unordered_map<std::string_view, TransactionSetter> kTransactionMembers = {
+	{"t_name", [](T &t, const R &r, const E &v) { t.name = r.text(v); }},
+	{"normalised_tname", [](T &t, const R &r, const E &v) { t.normalised_name = r.text(v); }},
+	{"http_host", [](T &t, const R &r, const E &v) { t.host = r.text(v); }},
+	{"http_query_str", [](T &t, const R &r, const E &v) { t.query_string = r.text(v); }},
+	{"s_time", [](T &t, const R &r, const E &v) { t.start = r.number(v); }},
+	{"e_time", [](T &t, const R &r, const E &v) { t.end = r.number(v); }},
+	{"http_method_name", [](T &t, const R &r, const E &v) { t.method = r.text(v); }},
+	{"bytes_in", [](T &t, const R &r, const E &v) { t.bytes_in = r.number(v); }},
+	{"bytes_out", [](T &t, const R &r, const E &v) { t.bytes_out = r.number(v); }},
+	{"transaction_type", [](T &t, const R &r, const E &v) { t.is_web = r.truth(v); }},
+	{"thread_id", [](T &t, const R &r, const E &v) { t.thread = r.number(v); }},
+	{"httpcode", [](T &t, const R &r, const E &v) { t.status = r.number(v); }},
+	{"cputime", [](T &t, const R &r, const E &v) { t.cpu = r.number(v); }},
+	{"memalloc", [](T &t, const R &r, const E &v) { t.memory = r.number(v); }},
+	{"trace_id", [](T &t, const R &r, const E &v) { t.trace_id = r.text(v); }},
+	{"session_id", [](T &t, const R &r, const E &v) { t.session_id = r.text(v); }},
+	{"http_headers", [](T &t, const R &r, const E &v) { t.request_headers = r.fields(v); }},
+	{"http_input_params", [](T &t, const R &r, const E &v) { t.parameters = r.fields(v); }},
+	{"http_resp_headers", [](T &t, const R &r, const E &v) { t.response_headers = r.fields(v); }},
+	{"bckgrnd_input_params", [](T &t, const R &r, const E &v) { t.parameters = r.fields(v); }},
+	{"custom_params", [](T &t, const R &r, const E &v) { t.custom_parameters = r.fields(v); }},
+};
+
+void read_origin(Transaction &transaction, const MemberReader &reader, const element &value) {
+	element found;
+	if (value["async"].get(found) == simdjson::SUCCESS) {
+		transaction.is_async = reader.truth(found);
+	}
+	if (value["flow"].get(found) == simdjson::SUCCESS) {
+		transaction.flow = reader.text(found);
+	}
+}
+
+void read_transaction_info(Transaction &transaction, const MemberReader &reader,
+						   const object &info) {
+	for (auto member : info) {
+		auto known = kTransactionMembers.find(member.key);
+		if (known != kTransactionMembers.end()) {
+			known->second(transaction, reader, member.value);
+		} else if (member.key == "origin") {
+			read_origin(transaction, reader, member.value);
+		}
+	}
+}
+
+void read_application_info(Transaction &transaction, const MemberReader &reader,
+						   const object &info) {
+	for (auto member : info) {
+		if (member.key == "application_name") {
+			transaction.application = reader.text(member.value);
+		} else if (member.key == "application_group") {
+			transaction.application_group = reader.text(member.value);
+		} else if (member.key == "instance_id") {
+			transaction.instance_id = reader.text(member.value);
+		}
+	}
+}
+
+/* Parents stand before their children; a span whose parent did not arrive hangs on the root. */
+void join_spans(std::vector<Span> &spans) {
+	std::unordered_map<std::string_view, int32_t> by_id;
+	by_id.reserve(spans.size());
+	for (size_t i = 0; i < spans.size(); i++) {
+		if (i > 0) {
+			auto parent = by_id.find(spans[i].parent_id);
+			spans[i].parent = parent == by_id.end() ? 0 : parent->second;
+		}
+		by_id.emplace(spans[i].id, static_cast<int32_t>(i));
+	}
+}
+
+bool read_spans(Transaction &transaction, const MemberReader &reader, const array &list) {
+	if (list.size() > kMostSpans) {
+		return false;
+	}
+	transaction.spans.reserve(list.size());
+	for (element each : list) {
+		object members;
+		if (each.get_object().get(members) != simdjson::SUCCESS) {
+			continue;
+		}
+		Span &span = transaction.spans.emplace_back();
+		for (auto member : members) {
+			auto known = kSpanMembers.find(member.key);
+			if (known != kSpanMembers.end()) {
+				known->second(span, reader, member.value);
+			}
+		}
+	}
+	join_spans(transaction.spans);
+	return true;
+}
+
+} // namespace
+
+std::string_view payload_error_name(PayloadError error) {
+	switch (error) {
+	case PayloadError::kNotBase64:
+		return "not-base64";
+	case PayloadError::kNotJson:
+		return "not-json";
+	case PayloadError::kNotATransaction:
+		return "not-a-transaction";
+	case PayloadError::kTooManySpans:
+		return "too-many-spans";
+	}
+	return "unknown";
+}
+
+void mend_leading_commas(std::string &json) {
+	/* Nearly every document has none, and this search is much faster than the walk below. */
+	size_t first = json.find("{,");
+	if (first == std::string::npos) {
+		return;
+	}
+	bool in_string = false;
+	for (size_t at = 0; at < json.size(); at++) {
+		char character = json[at];
+		if (character == '"') {
+			in_string = !in_string;
+		} else if (in_string && character == '\\') {
+			at++;
+		} else if (!in_string && character == '{' && at + 1 < json.size() && json[at + 1] == ',') {
+			json[at + 1] = ' ';
+		}
+	}
+}
+
+struct PayloadReader::Parser {
+	simdjson::dom::parser parser;
+};
+
+PayloadReader::PayloadReader() : parser_(std::make_unique<Parser>()) {
+}
+
+PayloadReader::~PayloadReader() = default;
+
+tl::expected<Transaction, PayloadError> PayloadReader::read(std::string_view line) {
+	std::optional<std::string> json = decode_base64(line);
+	if (!json) {
+		return tl::unexpected(PayloadError::kNotBase64);
+	}
+	return read_json(std::move(*json));
+}
+
+tl::expected<Transaction, PayloadError> PayloadReader::read_json(std::string json) {
+	if (!simdjson::validate_utf8(json)) {
+		json = replace_invalid_utf8(json);
+	}
+	mend_leading_commas(json);
+	element root;
+	if (parser_->parser.parse(json).get(root) != simdjson::SUCCESS) {
+		return tl::unexpected(PayloadError::kNotJson);
+	}
+	object application, info;
+	array spans;
+	element apm;
+	if (root["apm"].get(apm) != simdjson::SUCCESS ||
+		apm["application_info"].get(application) != simdjson::SUCCESS ||
+		apm["transaction_info"].get(info) != simdjson::SUCCESS ||
+		apm["method_info"]["span_info"].get(spans) != simdjson::SUCCESS || spans.size() == 0) {
+		return tl::unexpected(PayloadError::kNotATransaction);
+	}
+	Transaction transaction;
+	transaction.texts.expect(json.size());
+	MemberReader reader(transaction.texts);
+	read_application_info(transaction, reader, application);
+	read_transaction_info(transaction, reader, info);
+	if (!read_spans(transaction, reader, spans)) {
+		return tl::unexpected(PayloadError::kTooManySpans);
+	}
+	element measures;
+	if (apm["app_parameters"]["sum"].get(measures) == simdjson::SUCCESS) {
+		transaction.sums = reader.measures(measures);
+	}
+	if (apm["app_parameters"]["average"].get(measures) == simdjson::SUCCESS) {
+		transaction.averages = reader.measures(measures);
+	}
+	return transaction;
+}
+
+} // namespace kaq

@@ -1,0 +1,49 @@
+/*
+ * Makes transactions of what the extension sends: Base64 of a JSON document with two places that
+ * are no JSON and texts that need not be UTF-8. Nothing in it is trusted.
+ *
+ * A reader keeps its memory from one payload to the next, bounded by the largest; it is used by one
+ * thread at a time.
+ */
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <tl/expected.hpp>
+
+#include "model/transaction.h"
+
+namespace kaq {
+
+/* Why a payload was refused. */
+enum class PayloadError { kNotBase64, kNotJson, kNotATransaction, kTooManySpans };
+
+/* A word for each, as metrics and logs use it: "not-base64". */
+std::string_view payload_error_name(PayloadError error);
+
+class PayloadReader {
+public:
+	PayloadReader();
+	~PayloadReader();
+	PayloadReader(const PayloadReader &) = delete;
+	PayloadReader &operator=(const PayloadReader &) = delete;
+
+	/* One line of the data port, without its line feed. */
+	tl::expected<Transaction, PayloadError> read(std::string_view line);
+	/* The same without Base64. */
+	tl::expected<Transaction, PayloadError> read_json(std::string json);
+
+private:
+	struct Parser;
+	std::unique_ptr<Parser> parser_;
+};
+
+/*
+ * Turns the commas that follow an opening brace into blanks: the extension writes them where a
+ * first member is left out. Braces within strings are left alone.
+ */
+void mend_leading_commas(std::string &json);
+
+} // namespace kaq

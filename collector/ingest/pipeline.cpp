@@ -1,0 +1,97 @@
+#include "ingest/pipeline.h"
+
+namespace kaq {
+namespace {
+
+/* The memory that they hold is bounded elsewhere. */
+constexpr size_t kMostQueued = 65536;
+
+constexpr std::string_view kNoticePrefix = "message:\t";
+
+template <typename Kind, size_t size>
+void count(std::array<std::atomic<uint64_t>, size> &counters, Kind kind) {
+	counters[static_cast<size_t>(kind)].fetch_add(1, std::memory_order_relaxed);
+}
+
+bool begins_with(std::string_view text, std::string_view prefix) {
+	return text.substr(0, prefix.size()) == prefix;
+}
+
+} // namespace
+
+std::string_view notice_name(Notice notice) {
+	switch (notice) {
+	case Notice::kNotMonitored:
+		return "not-monitored";
+	case Notice::kNoUri:
+		return "no-uri";
+	case Notice::kPortFilter:
+		return "port-filter";
+	case Notice::kOther:
+		break;
+	}
+	return "other";
+}
+
+Notice notice_of(std::string_view text) {
+	if (begins_with(text, "Request ended. No data collected")) {
+		return Notice::kNotMonitored;
+	}
+	if (begins_with(text, "No request URI Found")) {
+		return Notice::kNoUri;
+	}
+	return begins_with(text, "Tracking disabled for instance") ? Notice::kPortFilter
+															   : Notice::kOther;
+}
+
+Pipeline::Pipeline(PipelineSettings settings, Sink sink)
+	: settings_(std::move(settings)), sink_(std::move(sink)), queue_(kMostQueued),
+	  thread_([this] { run(); }) {
+}
+
+Pipeline::~Pipeline() {
+	queue_.close();
+	thread_.join();
+}
+
+bool Pipeline::accept(BudgetedBuffer &&bytes) {
+	return queue_.try_put(std::move(bytes));
+}
+
+void Pipeline::run() {
+	while (std::optional<BudgetedBuffer> bytes = queue_.take()) {
+		take_lines(bytes->bytes());
+	}
+}
+
+void Pipeline::take_lines(std::string_view bytes) {
+	while (!bytes.empty()) {
+		size_t end = bytes.find('\n');
+		if (end == std::string_view::npos) {
+			counts_.incomplete.fetch_add(1, std::memory_order_relaxed);
+			return;
+		}
+		take_line(bytes.substr(0, end));
+		bytes.remove_prefix(end + 1);
+	}
+}
+
+void Pipeline::take_line(std::string_view line) {
+	if (begins_with(line, kNoticePrefix)) {
+		count(counts_.notices, notice_of(line.substr(kNoticePrefix.size())));
+		return;
+	}
+	tl::expected<Transaction, PayloadError> transaction = reader_.read(line);
+	if (!transaction) {
+		count(counts_.errors, transaction.error());
+		return;
+	}
+	counts_.transactions.fetch_add(1, std::memory_order_relaxed);
+	/* The name is made of what is left. */
+	scrub(*transaction, settings_.scrub);
+	transaction->normalised_name = transaction->texts.keep(transaction_name(
+		transaction->application, transaction->name, transaction->query_string, settings_.naming));
+	sink_(std::make_shared<const Transaction>(std::move(*transaction)));
+}
+
+} // namespace kaq

@@ -1,0 +1,52 @@
+/* The collector's command line. */
+#include <CLI/CLI.hpp>
+
+#include "cli/verbs.h"
+
+namespace {
+
+void add_store(CLI::App *verb, std::string &store) {
+	verb->add_option("--store", store, "directory of the collector's data")->type_name("DIR");
+}
+
+/* "200ms", "1.5s" or a number of milliseconds. */
+void add_duration(CLI::App *verb, const std::string &name, int64_t &milliseconds,
+				  const std::string &text) {
+	const std::map<std::string, double> units = {{"ms", 1}, {"s", 1000}, {"m", 60000}};
+	verb->add_option_function<double>(
+			name, [&milliseconds](double value) { milliseconds = static_cast<int64_t>(value); },
+			text)
+		->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::CASE_SENSITIVE, ""))
+		->type_name("TIME");
+}
+
+} // namespace
+
+int main(int count, char **arguments) {
+	CLI::App app("Collects, keeps and explains what PHP applications do.", "kaq");
+	app.require_subcommand(1);
+
+	kaq::CollectOptions collect;
+	CLI::App *collect_verb = app.add_subcommand("collect", "run the collector");
+	collect_verb->add_option("--handshake", collect.handshake_port, "port of the handshakes")
+		->type_name("PORT");
+	collect_verb->add_option("--data", collect.data_port, "port of the payloads")
+		->type_name("PORT");
+	collect_verb->add_option("--http", collect.http_port, "port of the web interface")
+		->type_name("PORT");
+	add_store(collect_verb, collect.store);
+
+	kaq::TailOptions tail;
+	CLI::App *tail_verb = app.add_subcommand("tail", "show requests as they end");
+	add_store(tail_verb, tail.store);
+	add_duration(tail_verb, "--slower", tail.slower, "only those that took at least this long");
+	tail_verb->add_flag("--errors", tail.errors, "only those that failed");
+	tail_verb->add_flag("--json", tail.json, "one JSON object a line");
+	tail_verb->add_option("-n,--count", tail.count, "end after N requests")->type_name("N");
+
+	CLI11_PARSE(app, count, arguments);
+	if (collect_verb->parsed()) {
+		return kaq::collect(collect);
+	}
+	return kaq::tail(tail);
+}

@@ -1,0 +1,279 @@
+#include "net/tcp_server.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <vector>
+
+namespace kaq {
+namespace {
+
+constexpr size_t kPiece = 65536;
+/* So that one busy connection does not keep the others waiting. */
+constexpr int kPiecesAtATime = 16;
+constexpr std::chrono::milliseconds kTick{100};
+constexpr std::chrono::milliseconds kDrainLook{5};
+
+union Address {
+	sockaddr any;
+	sockaddr_in v4;
+	sockaddr_in6 v6;
+};
+
+/* The length of the address that the text names; 0 if it names none. */
+socklen_t parse_address(const std::string &text, uint16_t port, Address &address) {
+	address = {};
+	if (inet_pton(AF_INET, text.c_str(), &address.v4.sin_addr) == 1) {
+		address.v4.sin_family = AF_INET;
+		address.v4.sin_port = htons(port);
+		return sizeof address.v4;
+	}
+	if (inet_pton(AF_INET6, text.c_str(), &address.v6.sin6_addr) == 1) {
+		address.v6.sin6_family = AF_INET6;
+		address.v6.sin6_port = htons(port);
+		return sizeof address.v6;
+	}
+	return 0;
+}
+
+[[noreturn]] void cannot_listen(int error, const std::string &address, uint16_t port) {
+	throw std::system_error(error, std::generic_category(),
+							"cannot listen on " + address + " port " + std::to_string(port));
+}
+
+UniqueFd listen_on(const std::string &text, uint16_t port, int backlog) {
+	Address address;
+	socklen_t length = parse_address(text, port, address);
+	if (length == 0) {
+		cannot_listen(EINVAL, text, port);
+	}
+	UniqueFd fd(socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+	int one = 1;
+	if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+		bind(fd.get(), &address.any, length) != 0 || listen(fd.get(), backlog) != 0) {
+		cannot_listen(errno, text, port);
+	}
+	return fd;
+}
+
+uint16_t port_of(int fd) {
+	Address address{};
+	socklen_t length = sizeof address;
+	getsockname(fd, &address.any, &length);
+	return ntohs(address.any.sa_family == AF_INET6 ? address.v6.sin6_port : address.v4.sin_port);
+}
+
+UniqueFd reserve_descriptor() {
+	return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+} // namespace
+
+TcpServer::TcpServer(const std::string &address, uint16_t port, const TcpLimits &limits)
+	: limits_(limits), listener_(listen_on(address, port, limits.backlog)),
+	  reserve_(reserve_descriptor()), port_(port_of(listener_.get())) {
+	loop_.watch(listener_.get(), EPOLLIN, this);
+	loop_.every(kTick, [this] { tick(); });
+}
+
+TcpServer::~TcpServer() {
+	join();
+}
+
+void TcpServer::start() {
+	thread_ = std::thread([this] { loop_.run(); });
+}
+
+void TcpServer::join() {
+	loop_.stop();
+	if (thread_.joinable()) {
+		thread_.join();
+	}
+}
+
+void TcpServer::wake() {
+	loop_.wake();
+}
+
+void TcpServer::stop_listening() {
+	is_to_stop_listening_ = true;
+	loop_.wake();
+}
+
+bool TcpServer::drain(std::chrono::milliseconds time) {
+	Clock::time_point end = Clock::now() + time;
+	while (!is_drained_ && Clock::now() < end) {
+		std::this_thread::sleep_for(kDrainLook);
+	}
+	return is_drained_;
+}
+
+void TcpServer::tick() {
+	if (is_to_stop_listening_ && listener_) {
+		/* Whoever has connected before is let in. */
+		while (accept_some()) {
+		}
+		loop_.forget(listener_.get());
+		listener_.reset();
+	}
+	end_late_connections();
+	on_tick();
+	is_drained_ = !listener_ && connections_.empty();
+}
+
+void TcpServer::on_ready(int fd, uint32_t events) {
+	if (fd == listener_.get()) {
+		accept_some();
+		return;
+	}
+	auto found = connections_.find(fd);
+	if (found == connections_.end()) {
+		return;
+	}
+	Connection &connection = found->second;
+	if ((events & EPOLLOUT) && flush(connection) == Next::kEnd) {
+		end(connection);
+		return;
+	}
+	if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
+		read_from(connection);
+	}
+}
+
+bool TcpServer::accept_some() {
+	for (int i = 0; i < kPiecesAtATime; i++) {
+		UniqueFd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+		if (!fd) {
+			return (errno == EMFILE || errno == ENFILE) && refuse_one();
+		}
+		int number = fd.get();
+		Connection connection;
+		connection.fd = std::move(fd);
+		connection.opened = Clock::now();
+		if (connections_.size() >= limits_.connections) {
+			close_with_reset(connection);
+			on_refused();
+			continue;
+		}
+		loop_.watch(number, EPOLLIN, this);
+		/* What has come already need not wait for the next turn of the loop. */
+		read_from(connections_.emplace(number, std::move(connection)).first->second);
+	}
+	return true;
+}
+
+/* Without a descriptor nobody could be told so: one is held back for that. */
+bool TcpServer::refuse_one() {
+	reserve_.reset();
+	Connection connection;
+	connection.fd.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+	bool is_refused = static_cast<bool>(connection.fd);
+	if (is_refused) {
+		close_with_reset(connection);
+		on_refused();
+	}
+	connection.fd.reset();
+	reserve_ = reserve_descriptor();
+	return is_refused;
+}
+
+void TcpServer::read_from(Connection &connection) {
+	for (int i = 0; i < kPiecesAtATime; i++) {
+		size_t received = connection.received;
+		if (read_piece(connection) == Next::kEnd) {
+			end(connection);
+			return;
+		}
+		if (connection.received - received < kPiece) {
+			return;
+		}
+	}
+}
+
+TcpServer::Next TcpServer::read_piece(Connection &connection) {
+	static thread_local std::array<char, kPiece> piece;
+	ssize_t count = recv(connection.fd.get(), piece.data(), piece.size(), 0);
+	if (count < 0) {
+		return errno == EAGAIN || errno == EINTR ? Next::kReadOn : Next::kEnd;
+	}
+	if (connection.is_answered) {
+		connection.received += static_cast<size_t>(count);
+		return count == 0 ? Next::kEnd : Next::kReadOn;
+	}
+	if (count == 0) {
+		return on_end_of_input(connection);
+	}
+	connection.received += static_cast<size_t>(count);
+	return on_bytes(connection, {piece.data(), static_cast<size_t>(count)});
+}
+
+void TcpServer::answer(Connection &connection, std::string text) {
+	connection.is_answered = true;
+	connection.output = std::move(text);
+	if (flush(connection) == Next::kReadOn && connection.sent < connection.output.size()) {
+		connection.waits_to_send = true;
+		loop_.change(connection.fd.get(), EPOLLIN | EPOLLOUT);
+	}
+}
+
+TcpServer::Next TcpServer::flush(Connection &connection) {
+	while (connection.sent < connection.output.size()) {
+		ssize_t count =
+			send(connection.fd.get(), connection.output.data() + connection.sent,
+				 connection.output.size() - connection.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+		if (count < 0) {
+			return errno == EAGAIN || errno == EINTR ? Next::kReadOn : Next::kEnd;
+		}
+		connection.sent += static_cast<size_t>(count);
+	}
+	shutdown(connection.fd.get(), SHUT_WR);
+	if (connection.waits_to_send) {
+		connection.waits_to_send = false;
+		loop_.change(connection.fd.get(), EPOLLIN);
+	}
+	return Next::kReadOn;
+}
+
+bool TcpServer::is_late(const Connection &connection, Clock::time_point now) const {
+	auto age = std::chrono::duration_cast<std::chrono::milliseconds>(now - connection.opened);
+	if (age < limits_.deadline) {
+		return false;
+	}
+	size_t least = static_cast<size_t>(age.count()) * limits_.bytes_per_second / 1000;
+	return connection.is_answered || limits_.bytes_per_second == 0 || connection.received < least;
+}
+
+void TcpServer::end_late_connections() {
+	Clock::time_point now = Clock::now();
+	std::vector<Connection *> late;
+	for (auto &each : connections_) {
+		if (is_late(each.second, now)) {
+			late.push_back(&each.second);
+		}
+	}
+	for (Connection *connection : late) {
+		if (!connection->is_answered) {
+			on_late(*connection);
+		}
+		end(*connection);
+	}
+}
+
+void TcpServer::close_with_reset(const Connection &connection) {
+	linger at_once{1, 0};
+	setsockopt(connection.fd.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+}
+
+void TcpServer::end(Connection &connection) {
+	int fd = connection.fd.get();
+	on_closed(connection);
+	loop_.forget(fd);
+	connections_.erase(fd);
+}
+
+} // namespace kaq

@@ -1,0 +1,117 @@
+/*
+ * A listening TCP port and its connections, on a thread of their own. What is said on a connection
+ * is up to the derived class. Every connection has an end: its peer's, an answer given, or a
+ * deadline.
+ *
+ * Order of calls: constructor (listens), start(), stop_listening(), drain(); the derived class's
+ * destructor calls join().
+ */
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+
+#include "net/event_loop.h"
+#include "util/unique_fd.h"
+
+namespace kaq {
+
+struct TcpLimits {
+	size_t connections;                 /* at a time; one more is refused with a reset */
+	std::chrono::milliseconds deadline; /* from accepting to the end of input */
+	size_t bytes_per_second;            /* that keep a connection open after it; 0: nothing does */
+	int backlog;                        /* connections that wait for being accepted */
+};
+
+class TcpServer : private ReadyHandler {
+public:
+	/*
+	 * Listens at once; port 0 takes a free one. Throws std::system_error with the address and the
+	 * port in its text if that fails.
+	 */
+	TcpServer(const std::string &address, uint16_t port, const TcpLimits &limits);
+	~TcpServer() override;
+	TcpServer(const TcpServer &) = delete;
+	TcpServer &operator=(const TcpServer &) = delete;
+
+	uint16_t port() const {
+		return port_;
+	}
+	void start();
+	/* New connections are refused soon; those that are open go on. Any thread. */
+	void stop_listening();
+	/* Waits until that is so and no connection is left; false if the time is up before. Any thread
+	 * but the server's. */
+	bool drain(std::chrono::milliseconds time);
+
+protected:
+	using Clock = std::chrono::steady_clock;
+
+	struct Connection {
+		UniqueFd fd;
+		Clock::time_point opened;
+		size_t received = 0;      /* bytes */
+		std::string output;       /* what is still to be sent */
+		size_t sent = 0;          /* bytes of it */
+		bool is_answered = false; /* what comes in after that is not looked at */
+		bool waits_to_send = false;
+	};
+
+	/* What is to become of a connection. */
+	enum class Next { kReadOn, kEnd };
+
+	virtual Next on_bytes(Connection &connection, std::string_view bytes) = 0;
+	/* The peer has sent all that it wanted to. */
+	virtual Next on_end_of_input(Connection &connection) = 0;
+	/* The connection's time is up before its end of input. */
+	virtual void on_late(Connection &connection) = 0;
+	/* The connection ends, for whatever reason. */
+	virtual void on_closed(const Connection &) {
+	}
+	/* There were too many already. */
+	virtual void on_refused() = 0;
+
+	/* Called several times a second. */
+	virtual void on_tick() {
+	}
+
+	/* Ends the thread and with it all connections. */
+	void join();
+	/* Has on_tick() called before long. Any thread. */
+	void wake();
+
+	/* Sends the text, then the end of output; what comes in meanwhile is read and dropped. */
+	void answer(Connection &connection, std::string text);
+	/* Lets close() end the connection with a reset, which leaves no socket in TIME_WAIT. */
+	static void close_with_reset(const Connection &connection);
+
+private:
+	void on_ready(int fd, uint32_t events) override;
+	void tick();
+	/* True if more may wait. */
+	bool accept_some();
+	bool refuse_one();
+	void read_from(Connection &connection);
+	Next read_piece(Connection &connection);
+	Next flush(Connection &connection);
+	bool is_late(const Connection &connection, Clock::time_point now) const;
+	void end_late_connections();
+	void end(Connection &connection);
+
+	EventLoop loop_;
+	const TcpLimits limits_;
+	UniqueFd listener_;
+	UniqueFd reserve_;
+	const uint16_t port_;
+	std::unordered_map<int, Connection> connections_;
+	std::atomic<bool> is_to_stop_listening_{false};
+	std::atomic<bool> is_drained_{false}; /* and nobody listens */
+	std::thread thread_;
+};
+
+} // namespace kaq

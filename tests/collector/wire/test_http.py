@@ -1,0 +1,95 @@
+"""The collector's HTTP: who may ask, and the live feed."""
+import http.client
+
+import pytest
+
+import sockets
+
+
+def get(collector, path, headers=None, method="GET"):
+    connection = http.client.HTTPConnection("127.0.0.1", collector.http, timeout=10)
+    connection.request(method, path, headers=headers or {})
+    return connection, connection.getresponse()
+
+
+def status(collector, path, headers=None, method="GET"):
+    connection, response = get(collector, path, headers, method)
+    response.close()
+    connection.close()
+    return response.status
+
+
+def bearer(collector):
+    return {"Authorization": "Bearer " + collector.token}
+
+
+def test_health_needs_no_token(collector):
+    connection, response = get(collector, "/healthz")
+    assert (response.status, response.read()) == (200, b"ok\n")
+    assert response.getheader("Content-Security-Policy") == "default-src 'self'"
+    assert response.getheader("Cache-Control") == "no-store"
+    connection.close()
+
+
+@pytest.mark.parametrize("path", ["/", "/api/v1/live", "/api/v1/none", "/healthz/x"])
+def test_all_else_needs_the_token(collector, path):
+    assert status(collector, path) == 401
+    assert status(collector, path, {"Authorization": "Bearer wrong"}) == 401
+    assert status(collector, path, {"Cookie": "kaq_token=" + collector.token}) in (200, 404)
+
+
+def test_another_sites_name_leads_nowhere(collector):
+    assert status(collector, "/healthz", {"Host": "evil.example"}) == 421
+    assert status(collector, "/", {**bearer(collector), "Host": "evil.example"}) == 421
+
+
+def test_another_sites_page_may_not_ask(collector):
+    assert status(collector, "/", {**bearer(collector), "Origin": "http://evil.example"}) == 403
+    own = {"Origin": "http://127.0.0.1:%d" % collector.http}
+    assert status(collector, "/", {**bearer(collector), **own}) == 404
+
+
+def test_only_reading_is_known(collector):
+    assert status(collector, "/", bearer(collector), "POST") == 405
+
+
+def test_a_head_that_is_too_long_is_refused(collector):
+    assert status(collector, "/healthz", {"X-Long": "x" * 20000}) == 413
+
+
+def test_the_token_is_for_the_owner_alone(collector):
+    assert (collector.store / "token").stat().st_mode & 0o077 == 0
+    assert len(collector.token) == 48
+
+
+def test_the_live_feed_tells_each_request(collector):
+    connection, response = get(collector, "/api/v1/live", bearer(collector))
+    assert response.status == 200
+    assert response.getheader("Content-Type") == "text/event-stream"
+    assert response.readline() == b": kaq\n"
+    sockets.send(collector.data, sockets.payload("/live"))
+    assert response.readline() == b"\n"
+    assert b'"path":"/live"' in response.readline()
+    response.close()
+    connection.close()
+
+
+def test_many_live_feeds_do_not_keep_others_from_an_answer(collector):
+    feeds = [get(collector, "/api/v1/live", bearer(collector)) for _ in range(100)]
+    try:
+        assert status(collector, "/healthz") == 200
+    finally:
+        for connection, response in feeds:
+            response.close()
+            connection.close()
+
+
+def test_a_feed_that_is_not_read_does_not_hold_up_the_ports(collector):
+    connection, response = get(collector, "/api/v1/live", bearer(collector))
+    line = sockets.payload("/big", http_query_str="x")
+    for _ in range(50):
+        sockets.send(collector.data, line * 100)
+    assert sockets.ask(collector.handshake, sockets.handshake())
+    assert status(collector, "/healthz") == 200
+    response.close()
+    connection.close()
