@@ -42,6 +42,7 @@ sanitizer_environment "$config"
 case $suite in
 embed | threads) kaq_locked "$suite-$key" "kaq_suite_$suite" "$config" "$key" "$so" ;;
 valgrind) kaq_suite_phpt "$config" "$key" "$so" valgrind ;;
+collector-wire) kaq_suite_collector_wire "$config" "$key" "$so" ;;
 engine-suite) kaq_locked engine-suite kaq_suite_engine_suite "$config" "$key" "$so" "$4" ;;
 *) "kaq_suite_$suite" "$config" "$key" "$so" ;;
 esac

@@ -101,6 +101,32 @@ kaq_suite_unit() {
 	fi
 }
 
+# kaq_collector_cmake COMPILER LOG: the collector and its unit tests, with sanitizers.
+kaq_collector_cmake() {
+	kaq_cmake "$KAQ_ROOT" "$KAQ_CACHE/build/collector-$1" "$2" -DCMAKE_CXX_COMPILER="$1" \
+		-DKAQ_UNIT=OFF -DKAQ_COLLECTOR=ON -DKAQ_COLLECTOR_TESTS=ON -DKAQ_COLLECTOR_SANITIZE=ON
+}
+
+# The collector's rooms under g++ with sanitizers; and once more compiled by clang++, for its
+# warnings.
+kaq_suite_collector() {
+	local log="$KAQ_LOGS/collector.log" begin=$SECONDS
+	: >"$log"
+	if ! kaq_collector_cmake g++ "$log"; then
+		kaq_report_broken collector $((SECONDS - begin)) "$log" 'does not compile with g++'
+		return 0
+	fi
+	kaq_ctest collector "$KAQ_CACHE/build/collector-g++" "$log" 600 "$begin"
+	begin=$SECONDS
+	log="$KAQ_LOGS/collector-clang.log"
+	: >"$log"
+	if kaq_collector_cmake clang++ "$log"; then
+		kaq_report_line ok collector-clang 1 0 0 $((SECONDS - begin))
+	else
+		kaq_report_broken collector-clang $((SECONDS - begin)) "$log" 'does not compile with clang++'
+	fi
+}
+
 # Each fuzzer from its seeds for a few seconds; a finding fails it.
 kaq_suite_fuzz() {
 	local build="$KAQ_CACHE/build/fuzz" log="$KAQ_LOGS/fuzz.log" begin=$SECONDS
@@ -111,7 +137,7 @@ kaq_suite_fuzz() {
 		kaq_report_broken fuzz $((SECONDS - begin)) "$log" 'the fuzzers do not compile'
 		return 0
 	fi
-	for fuzzer in "$build"/tests/extension/fuzz/*; do
+	for fuzzer in "$build"/tests/{extension,collector}/fuzz/*; do
 		if [[ ! -f $fuzzer || ! -x $fuzzer ]]; then
 			continue
 		fi
@@ -134,13 +160,13 @@ kaq_suite_fuzz() {
 }
 
 # kaq_fuzz_one FUZZER FOUND: what it finds is kept in FOUND, not among the
-# seeds. A fuzzer's seeds bear its name, with or without a leading "fuzz_".
+# seeds, which bear its name without "_fuzz".
 kaq_fuzz_one() {
 	local fuzzer=$1 found=$2 name seeds
 	name=$(basename "$fuzzer")
 	mkdir -p "$found/corpus"
-	seeds=$(kaq_first_existing "$KAQ_ROOT/tests/extension/fuzz/corpus/$name" \
-		"$KAQ_ROOT/tests/extension/fuzz/corpus/${name#fuzz_}" "$KAQ_ROOT/tests/extension/fuzz/corpus/${name%_fuzz}")
+	seeds=$(kaq_first_existing "$KAQ_ROOT/tests/extension/fuzz/corpus/${name%_fuzz}" \
+		"$KAQ_ROOT/tests/collector/fuzz/corpus/${name%_fuzz}")
 	echo "== $name"
 	kaq_bounded 120 "$fuzzer" -max_total_time="${KAQ_FUZZ_SECONDS:-5}" -timeout=10 \
 		-rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$found/" \
@@ -226,11 +252,16 @@ kaq_phpt_diffs() {
 	done < <(find "$1" \( -name '*.diff' -o -name '*.mem' \) -size +0 | sort)
 }
 
-# kaq_pytest SUITE CONFIG KEY SO [VARIABLE=VALUE...]: the tests in tests/extension/SUITE.
+# kaq_pytest SUITE CONFIG KEY SO [VARIABLE=VALUE...]: the tests in tests/extension/SUITE, those of
+# collector-wire in tests/collector/wire.
 kaq_pytest() {
-	local suite=$1 config=$2 key=$3 so=$4 begin=$SECONDS status=0
+	local suite=$1 config=$2 key=$3 so=$4 begin=$SECONDS status=0 directory
 	local log="$KAQ_LOGS/$1-$3.log" results="$KAQ_RUN/$1-$3.xml"
 	shift 4
+	case $suite in
+	collector-*) directory="tests/collector/${suite#collector-}" ;;
+	*) directory="tests/extension/$suite" ;;
+	esac
 	(
 		cd "$KAQ_ROOT" &&
 			KAQ_PHP_CONFIG=$config KAQ_SO=$so \
@@ -239,7 +270,7 @@ kaq_pytest() {
 				KAQ_PHP_FPM=$(kaq_engine_binary "$config" php-fpm) \
 				PYTHONDONTWRITEBYTECODE=1 \
 				kaq_bounded 1200 env "$@" "$(kaq_python)" -m pytest -q -p no:cacheprovider --tb=short \
-				-rs --junitxml="$results" "tests/extension/$suite"
+				-rs --junitxml="$results" "$directory"
 	) >"$log" 2>&1 </dev/null || status=$?
 	kaq_report "$suite $key" $((SECONDS - begin)) "$log" "$status" junit "$results"
 }
@@ -252,6 +283,24 @@ kaq_suite_wire() {
 		return 0
 	fi
 	kaq_pytest wire "$@" KAQ_STANDINS_SO="$standins"
+}
+
+# kaq_collector_of_run KEY LOG: the collector, with sanitizers, copied for this engine's run.
+kaq_collector_of_run() {
+	mkdir -p "$KAQ_RUN/$1"
+	kaq_collector_cmake g++ "$2" &&
+		cp "$KAQ_CACHE/build/collector-g++/collector/kaq" "$KAQ_RUN/$1/kaq"
+}
+
+# kaq_suite_collector_wire CONFIG KEY SO: the collector beside the extension.
+kaq_suite_collector_wire() {
+	local log="$KAQ_LOGS/collector-of-$2.log"
+	: >"$log"
+	if ! kaq_locked collector kaq_collector_of_run "$2" "$log"; then
+		kaq_report_broken "collector-wire $2" 0 "$log" 'the collector does not build'
+		return 0
+	fi
+	kaq_pytest collector-wire "$@" KAQ_COLLECTOR="$KAQ_RUN/$2/kaq"
 }
 
 # kaq_suite_servers CONFIG KEY SO: real drivers that talk to real servers. What
