@@ -1,5 +1,7 @@
 /* The collector's command line. */
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
 
 #include "cli/verbs.h"
 
@@ -20,9 +22,7 @@ void add_duration(CLI::App *verb, const std::string &name, int64_t &milliseconds
 		->type_name("TIME");
 }
 
-} // namespace
-
-int main(int count, char **arguments) {
+int run(int count, char **arguments) {
 	CLI::App app("Collects, keeps and explains what PHP applications do.", "kaq");
 	app.require_subcommand(1);
 
@@ -49,4 +49,15 @@ int main(int count, char **arguments) {
 		return kaq::collect(collect);
 	}
 	return kaq::tail(tail);
+}
+
+} // namespace
+
+int main(int count, char **arguments) {
+	try {
+		return run(count, arguments);
+	} catch (const std::exception &error) {
+		std::fprintf(stderr, "kaq: %s\n", error.what());
+		return 1;
+	}
 }
