@@ -14,7 +14,7 @@
 
 #include "analysis/naming.h"
 #include "analysis/scrub.h"
-#include "ingest/payload_reader.h"
+#include "model/payload_reader.h"
 #include "util/bounded_queue.h"
 #include "util/budgeted_buffer.h"
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ingest/payload_reader.h"
+#include "model/payload_reader.h"
 #include "payloads.h"
 
 using kaq::PayloadReader;

@@ -1,4 +1,4 @@
-#include "ingest/payload_reader.h"
+#include "model/payload_reader.h"
 
 #include <gtest/gtest.h>
 
