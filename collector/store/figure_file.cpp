@@ -1,0 +1,179 @@
+#include "store/figure_file.h"
+
+#include "store/figure_columns.h"
+#include "store/schema.h"
+
+namespace kaq {
+namespace {
+
+constexpr int64_t kMinute = 60 * 1000;
+constexpr int64_t kHour = 60 * kMinute;
+/* What is remembered of keys that are in the file already. */
+constexpr size_t kMostKnownKeys = 200000;
+/* Deleted at a time, so that a flush does not wait long. */
+constexpr int64_t kRowsAtATime = 20000;
+
+std::string columns_of(const std::string &table, const std::string &what) {
+	return "SELECT " + what + " FROM " + table;
+}
+
+} // namespace
+
+/* One of the two tables, with what is needed to add to a row. */
+struct FigureFile::Table {
+	Table(SQLite::Database &database, const std::string &name)
+		: find(database, columns_of(name, kFigureColumns) + " WHERE kind=? AND time=? AND key=?"),
+		  put(database,
+			  "REPLACE INTO " + name + " VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,"
+									   "?16,?17,?18)") {
+	}
+
+	void add(int64_t time, int64_t hash, const FigureRow &row) {
+		Figures sum;
+		find.bind(1, static_cast<int>(row.key.kind));
+		find.bind(2, time);
+		find.bind(3, hash);
+		if (find.executeStep()) {
+			add_figures(sum, find, 0);
+		}
+		find.reset();
+		sum.add(row.figures);
+		put.bind(1, time);
+		put.bind(2, static_cast<int>(row.key.kind));
+		put.bind(3, hash);
+		bind_figures(put, 4, sum);
+		put.exec();
+		put.reset();
+	}
+
+	SQLite::Statement find;
+	SQLite::Statement put;
+};
+
+FigureFile::FigureFile(const std::string &path)
+	: database_(open_to_write(path, kFigureTables)),
+	  add_key_(*database_, "INSERT OR IGNORE INTO keys VALUES(?,?,?,?,?,?,?,?,?)"),
+	  add_asked_(*database_,
+				 "INSERT INTO asked VALUES(?,?,?,?,?) ON CONFLICT DO UPDATE SET "
+				 "asked = asked + excluded.asked, monitored = monitored + excluded.monitored"),
+	  minutes_(std::make_unique<Table>(*database_, "minutes")),
+	  hours_(std::make_unique<Table>(*database_, "hours")), path_(path) {
+}
+
+FigureFile::~FigureFile() = default;
+
+void FigureFile::write_key(int64_t hash, const FigureKey &key) {
+	if (known_keys_.size() >= kMostKnownKeys) {
+		known_keys_.clear();
+	}
+	if (!known_keys_.insert(hash).second) {
+		return;
+	}
+	add_key_.bind(1, hash);
+	add_key_.bind(2, static_cast<int>(key.kind));
+	int column = 3;
+	for (const std::string *text : {&key.application, &key.transaction, &key.text, &key.details[0],
+									&key.details[1], &key.details[2], &key.details[3]}) {
+		add_key_.bindNoCopy(column++, *text);
+	}
+	add_key_.exec();
+	add_key_.reset();
+}
+
+void FigureFile::add_asked(int64_t time, const AskedCount &count) {
+	add_asked_.bind(1, time);
+	add_asked_.bindNoCopy(2, count.application);
+	add_asked_.bindNoCopy(3, count.name);
+	add_asked_.bind(4, count.asked);
+	add_asked_.bind(5, count.monitored);
+	add_asked_.exec();
+	add_asked_.reset();
+}
+
+void FigureFile::write(const std::vector<FigurePeriod> &minutes,
+					   const std::vector<std::pair<int64_t, AskedCount>> &asked) {
+	database_->exec("BEGIN IMMEDIATE");
+	try {
+		for (const FigurePeriod &minute : minutes) {
+			for (const auto &[hash, row] : minute.rows) {
+				write_key(hash, row.key);
+				minutes_->add(minute.time, hash, row);
+				hours_->add(minute.time - minute.time % kHour, hash, row);
+			}
+		}
+		for (const auto &[time, count] : asked) {
+			add_asked(time - time % kMinute, count);
+		}
+		database_->exec("COMMIT");
+	} catch (const SQLite::Exception &) {
+		known_keys_.clear();
+		database_->tryExec("ROLLBACK");
+		throw;
+	}
+}
+
+void FigureFile::add_mark(const Mark &mark) {
+	SQLite::Statement add(*database_, "INSERT INTO marks VALUES(?,?,?)");
+	add.bind(1, mark.time);
+	add.bind(2, mark.application);
+	add.bind(3, mark.text);
+	add.exec();
+}
+
+/* True if there is more of it. */
+bool FigureFile::delete_before(const char *table, int64_t time) {
+	int64_t left = kRowsAtATime;
+	for (int kind = 0; kind < static_cast<int>(kFigureKinds) && left > 0; kind++) {
+		SQLite::Statement remove(*database_, "DELETE FROM " + std::string(table) +
+												 " WHERE (kind, time, key) IN (SELECT kind, time, "
+												 "key FROM " +
+												 table + " WHERE kind=? AND time<? LIMIT ?)");
+		remove.bind(1, kind);
+		remove.bind(2, time);
+		remove.bind(3, left);
+		left -= remove.exec();
+	}
+	return left <= 0;
+}
+
+/* Minutes first, since the hours hold the same in less room. */
+void FigureFile::delete_oldest(const FigureRetention &retention) {
+	for (const char *table : {"minutes", "hours"}) {
+		if (bytes_of_database(path_) <= retention.most_bytes) {
+			return;
+		}
+		auto oldest = database_->execAndGet("SELECT coalesce(min(time), 0) FROM " +
+											std::string(table) + " WHERE kind = 0");
+		auto newest = database_->execAndGet("SELECT coalesce(max(time), 0) FROM " +
+											std::string(table) + " WHERE kind = 0");
+		int64_t first = oldest.getInt64();
+		int64_t last = newest.getInt64();
+		if (last > first) {
+			delete_before(table, first + std::max<int64_t>((last - first) / 20, 1));
+			database_->exec("PRAGMA incremental_vacuum");
+			database_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
+		}
+	}
+}
+
+void FigureFile::retain(const FigureRetention &retention, int64_t now) {
+	bool has_more = delete_before("minutes", now - retention.minutes);
+	has_more = delete_before("hours", now - retention.hours) || has_more;
+	for (const char *table : {"asked", "marks"}) {
+		SQLite::Statement remove(*database_,
+								 "DELETE FROM " + std::string(table) + " WHERE time < ?");
+		remove.bind(1, now - retention.hours);
+		remove.exec();
+	}
+	if (!has_more) {
+		SQLite::Statement keys(*database_, "DELETE FROM keys WHERE id NOT IN (SELECT key FROM "
+										   "minutes UNION SELECT key FROM hours)");
+		if (keys.exec() > 0) {
+			known_keys_.clear();
+		}
+	}
+	database_->exec("PRAGMA incremental_vacuum");
+	delete_oldest(retention);
+}
+
+} // namespace kaq

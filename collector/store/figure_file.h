@@ -1,0 +1,66 @@
+/*
+ * The file of figures: sums by the minute and by the hour, how many requests asked, and marks. Kept
+ * apart from the requests and longer than they.
+ */
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
+
+#include "store/figure_sums.h"
+#include "store/store.h"
+
+namespace kaq {
+
+struct FigureRetention {
+	int64_t minutes = 7LL * 24 * 3600 * 1000;  /* milliseconds */
+	int64_t hours = 400LL * 24 * 3600 * 1000;  /* milliseconds */
+	int64_t most_bytes = 512LL * 1024 * 1024;
+};
+
+/* Writes. One thread; everything throws SQLite::Exception. */
+class FigureFile {
+public:
+	explicit FigureFile(const std::string &path);
+	~FigureFile();
+
+	/* Adds to what is there, in one transaction, all or nothing. */
+	void write(const std::vector<FigurePeriod> &minutes,
+			   const std::vector<std::pair<int64_t, AskedCount>> &asked);
+	void add_mark(const Mark &mark);
+	/* Deletes what is too old, and the oldest of what is too much. Bounded in time: the rest at the
+	 * next call. */
+	void retain(const FigureRetention &retention, int64_t now);
+
+private:
+	struct Table;
+
+	void write_key(int64_t hash, const FigureKey &key);
+	void add_asked(int64_t time, const AskedCount &count);
+	bool delete_before(const char *table, int64_t time);
+	void delete_oldest(const FigureRetention &retention);
+
+	std::unique_ptr<SQLite::Database> database_;
+	SQLite::Statement add_key_;
+	SQLite::Statement add_asked_;
+	std::unique_ptr<Table> minutes_;
+	std::unique_ptr<Table> hours_;
+	std::unordered_set<int64_t> known_keys_;
+	const std::string path_;
+};
+
+/* Read from a connection, which is used by this thread alone meanwhile. Throw SQLite::Exception. */
+std::vector<FigureRow> read_figures(SQLite::Database &database, const FigureSearch &search);
+std::vector<FigurePoint> read_curve(SQLite::Database &database, const FigureSearch &search,
+									int64_t step);
+std::vector<AskedCount> read_asked(SQLite::Database &database, const TimeRange &range,
+								   const std::string &application);
+std::vector<Mark> read_marks(SQLite::Database &database, const TimeRange &range);
+
+} // namespace kaq

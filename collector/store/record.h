@@ -1,0 +1,45 @@
+/* What a store takes of one request. */
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "analysis/facts.h"
+#include "analysis/summary.h"
+#include "model/transaction.h"
+
+namespace kaq {
+
+/* What is said of a request; see analysis/verdict.h. */
+struct RequestVerdict {
+	std::string sentence;           /* one, plain; empty: there is nothing to say */
+	int64_t gain = 0;               /* milliseconds */
+	std::vector<std::string> kinds; /* of all findings, one word each; the sentence's first */
+};
+
+/* What a search finds requests by. */
+enum class TextKind { kStatement = 0, kFunction = 1, kFailure = 2 };
+
+struct RequestText {
+	TextKind kind;
+	std::string text;
+};
+
+struct Record {
+	Summary summary;
+	std::string host;
+	std::string instance;
+	RequestVerdict verdict;
+	Facts facts;
+	std::vector<RequestText> texts; /* each once */
+	std::string document;           /* compressed; empty if it is not to be kept */
+};
+
+/* All but the verdict and the document. At most kMostTexts texts, of at most kLongestFactText
+ * bytes each. */
+constexpr size_t kMostTexts = 2000;
+Record record_of(const Transaction &transaction);
+
+} // namespace kaq
