@@ -39,6 +39,7 @@ struct StatementFacts {
 	int64_t total = 0;
 	int64_t longest = 0;
 	int64_t failed = 0; /* executions that an error or an exception hit */
+	std::vector<int64_t> durations; /* of the executions */
 };
 
 /* HTTP calls to one host. The extension does not tell their method. */
@@ -48,6 +49,7 @@ struct HostFacts {
 	int64_t total = 0; /* the calls' durations, also of those that overlapped */
 	int64_t longest = 0;
 	int64_t failed = 0; /* no status (refused, timed out), or status 500 and above */
+	std::vector<int64_t> durations;
 };
 
 /* Errors and exceptions of one group: see analysis/failure_group.h. */

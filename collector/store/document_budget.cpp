@@ -32,9 +32,8 @@ bool DocumentBudget::is_slow(const Summary &summary, int64_t now) {
 		begun_ = now;
 	}
 	Histogram &known = durations_[summary.application + '\n' + summary.name];
-	bool is_slow = known.count() >= kEnoughToTell
-					   ? summary.duration > known.percentile(kSlowShare)
-					   : summary.duration >= kSlowAnyway;
+	bool is_slow = known.count() >= kEnoughToTell ? summary.duration > known.percentile(kSlowShare)
+												  : summary.duration >= kSlowAnyway;
 	known.add(summary.duration);
 	return is_slow;
 }

@@ -1,6 +1,7 @@
 /* Figures as columns of the tables of minutes and hours, in one order for writing and reading. */
 #pragma once
 
+#include <SQLiteCpp/Column.h>
 #include <SQLiteCpp/Statement.h>
 
 #include "store/figures.h"

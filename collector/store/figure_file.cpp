@@ -23,9 +23,9 @@ std::string columns_of(const std::string &table, const std::string &what) {
 struct FigureFile::Table {
 	Table(SQLite::Database &database, const std::string &name)
 		: find(database, columns_of(name, kFigureColumns) + " WHERE kind=? AND time=? AND key=?"),
-		  put(database,
-			  "REPLACE INTO " + name + " VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,"
-									   "?16,?17,?18)") {
+		  put(database, "REPLACE INTO " + name +
+							" VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,"
+							"?16,?17,?18)") {
 	}
 
 	void add(int64_t time, int64_t hash, const FigureRow &row) {

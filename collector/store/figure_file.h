@@ -19,8 +19,8 @@
 namespace kaq {
 
 struct FigureRetention {
-	int64_t minutes = 7LL * 24 * 3600 * 1000;  /* milliseconds */
-	int64_t hours = 400LL * 24 * 3600 * 1000;  /* milliseconds */
+	int64_t minutes = 7LL * 24 * 3600 * 1000; /* milliseconds */
+	int64_t hours = 400LL * 24 * 3600 * 1000; /* milliseconds */
 	int64_t most_bytes = 512LL * 1024 * 1024;
 };
 

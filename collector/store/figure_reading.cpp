@@ -75,9 +75,9 @@ public:
 	/* Calls visit(key, time, statement, first column of figures) for each row. */
 	template <typename Visit> void visit(const Part &part, Visit visit) {
 		std::string text = "SELECT r.key, r.time";
-		for (const char *column : {"requests", "count", "failed", "total", "longest", "cpu",
-								   "memory", "queries", "query_time", "calls", "external_time",
-								   "first", "last", "example", "durations"}) {
+		for (const char *column :
+			 {"requests", "count", "failed", "total", "longest", "cpu", "memory", "queries",
+			  "query_time", "calls", "external_time", "first", "last", "example", "durations"}) {
 			text += std::string(", r.") + column;
 		}
 		text += std::string(" FROM ") + part.table + " r WHERE r.kind=? AND r.time>=? AND r.time<?";
@@ -103,9 +103,9 @@ public:
 		key.kind = search_.kind;
 		if (find_key_->executeStep()) {
 			int column = 0;
-			for (std::string *text : {&key.application, &key.transaction, &key.text,
-									  &key.details[0], &key.details[1], &key.details[2],
-									  &key.details[3]}) {
+			for (std::string *text :
+				 {&key.application, &key.transaction, &key.text, &key.details[0], &key.details[1],
+				  &key.details[2], &key.details[3]}) {
 				*text = find_key_->getColumn(column++).getString();
 			}
 		}
@@ -130,9 +130,9 @@ private:
 
 	std::string condition() const {
 		std::string text;
-		for (auto [value, column] : {std::pair(&search_.application, "application"),
-									 std::pair(&search_.transaction, "name"),
-									 std::pair(&search_.text, "text")}) {
+		for (auto [value, column] :
+			 {std::pair(&search_.application, "application"),
+			  std::pair(&search_.transaction, "name"), std::pair(&search_.text, "text")}) {
 			text += value->empty() ? "" : std::string(" AND ") + column + "=?";
 		}
 		return text.empty() ? text
@@ -178,10 +178,10 @@ std::vector<FigurePoint> read_curve(SQLite::Database &database, const FigureSear
 	FigureReader reader(database, search);
 	std::map<int64_t, Figures> sums;
 	for (const Part &part : reader.parts(step % kHour == 0)) {
-		reader.visit(part,
-					 [&sums, step](int64_t, int64_t time, const SQLite::Statement &row, int column) {
-						 add_figures(sums[floor_to(time, step)], row, column);
-					 });
+		reader.visit(
+			part, [&sums, step](int64_t, int64_t time, const SQLite::Statement &row, int column) {
+				add_figures(sums[floor_to(time, step)], row, column);
+			});
 	}
 	std::vector<FigurePoint> points;
 	points.reserve(sums.size());

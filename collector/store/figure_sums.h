@@ -28,7 +28,7 @@ struct FigureCaps {
 
 /* What was added in one minute, or in one hour. */
 struct FigurePeriod {
-	int64_t time = 0; /* its begin, milliseconds */
+	int64_t time = 0;                                /* its begin, milliseconds */
 	std::vector<std::pair<int64_t, FigureRow>> rows; /* with their keys' hashes */
 };
 

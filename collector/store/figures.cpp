@@ -8,8 +8,8 @@ namespace kaq {
 
 int64_t FigureKey::hash() const {
 	std::string all(1, static_cast<char>(kind));
-	for (const std::string *part : {&application, &transaction, &text, &details[0], &details[1],
-									&details[2], &details[3]}) {
+	for (const std::string *part :
+		 {&application, &transaction, &text, &details[0], &details[1], &details[2], &details[3]}) {
 		all += std::to_string(part->size());
 		all += ':';
 		all += *part;

@@ -1,6 +1,9 @@
 #include "store/record.h"
 
+#include <list>
 #include <unordered_set>
+
+#include "store/request_view.h"
 
 namespace kaq {
 namespace {
@@ -34,18 +37,14 @@ Record record_of(const Transaction &transaction) {
 	record.instance = transaction.instance_id;
 	record.facts = facts_of(transaction);
 	TextList texts(record.texts);
-	for (const StatementFacts &statement : record.facts.statements) {
-		texts.add(TextKind::kStatement, statement.text);
-	}
-	/* A lasting home for the texts that are put together here: the list only looks at them. */
-	std::vector<std::string> failures;
-	failures.reserve(record.facts.failures.size());
-	for (const FailureFacts &failure : record.facts.failures) {
-		failures.push_back(failure.type + ' ' + failure.message + ' ' + failure.place);
-		texts.add(TextKind::kFailure, failures.back());
-	}
+	/* What is put together here, for as long as the list looks at it. */
+	std::list<std::string> errors;
 	for (const Span &span : transaction.spans) {
 		texts.add(TextKind::kFunction, span.name);
+		texts.add(TextKind::kStatement, span.query);
+		for (const Failure &failure : span.failures) {
+			texts.add(TextKind::kFailure, errors.emplace_back(error_text(failure)));
+		}
 	}
 	return record;
 }

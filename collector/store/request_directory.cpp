@@ -52,8 +52,13 @@ RequestDirectory::RequestDirectory(std::string directory, DatabasePool &pool)
 	for (const File &file : files()) {
 		try {
 			pool_.lease(file.path)->execAndGet("SELECT count(*) FROM about");
-		} catch (const SQLite::Exception &damage) {
-			put_aside(file, damage.what());
+		} catch (const SQLite::Exception &error) {
+			if (is_damage(error)) {
+				put_aside(file, error.what());
+			} else {
+				damages_.push_back(fs::path(file.path).filename().string() +
+								   " cannot be read: " + error.what());
+			}
 		}
 	}
 }
@@ -70,13 +75,23 @@ std::vector<RequestDirectory::File> RequestDirectory::files() const {
 	return files;
 }
 
-RequestDirectory::File RequestDirectory::make(int64_t now) {
+RequestDirectory::File RequestDirectory::name_new(int64_t now) const {
 	std::lock_guard lock(mutex_);
 	File file;
 	file.begun = files_.empty() ? now : std::max(now, files_.back().begun + 1);
 	file.path = directory_ + "/" + name_of(file.begun);
-	files_.push_back(file);
 	return file;
+}
+
+void RequestDirectory::add(const File &file) {
+	std::lock_guard lock(mutex_);
+	files_.push_back(file);
+}
+
+bool RequestDirectory::has(const File &file) const {
+	std::lock_guard lock(mutex_);
+	return std::any_of(files_.begin(), files_.end(),
+					   [&file](const File &one) { return one.path == file.path; });
 }
 
 std::string RequestDirectory::pinned_path() const {
@@ -114,24 +129,27 @@ int64_t RequestDirectory::bytes() const {
 	return bytes;
 }
 
-void RequestDirectory::remove(const File &file) {
-	std::lock_guard lock(mutex_);
+/* From the list, and from the connections that are kept open. */
+void RequestDirectory::strike(const File &file) {
 	pool_.forget(file.path);
-	remove_database(file.path);
 	files_.erase(std::remove_if(files_.begin(), files_.end(),
 								[&file](const File &one) { return one.path == file.path; }),
 				 files_.end());
 }
 
+void RequestDirectory::remove(const File &file) {
+	std::lock_guard lock(mutex_);
+	strike(file);
+	remove_database(file.path);
+}
+
 void RequestDirectory::put_aside(const File &file, const std::string &reason) {
 	std::error_code error;
 	std::lock_guard lock(mutex_);
-	pool_.forget(file.path);
-	fs::rename(file.path, file.path + ".damaged", error);
+	strike(file);
+	/* Only the last one stays to be looked at: it takes room that nobody counts. */
+	fs::rename(file.path, directory_ + "/damaged.sqlite", error);
 	remove_database(file.path);
-	files_.erase(std::remove_if(files_.begin(), files_.end(),
-								[&file](const File &one) { return one.path == file.path; }),
-				 files_.end());
 	if (damages_.size() < kMostDamages) {
 		damages_.push_back(fs::path(file.path).filename().string() +
 						   " cannot be read and was put aside: " + reason);

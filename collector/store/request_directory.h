@@ -29,7 +29,11 @@ public:
 	/* Newest first, the one of pinned requests last if there is one. */
 	std::vector<File> files() const;
 	/* A name for a new file, later than all others whatever the clock says. */
-	File make(int64_t now);
+	File name_new(int64_t now) const;
+	/* It has its tables, and can be read from now on. */
+	void add(const File &file);
+	/* Whether it is one of those that count still. */
+	bool has(const File &file) const;
 	std::string pinned_path() const;
 	/* The newest file, if it was begun after that time. */
 	bool newest_since(int64_t time, File &file) const;
@@ -43,9 +47,10 @@ public:
 	 * in words. It counts no more. */
 	void put_aside(const File &file, const std::string &reason);
 	std::vector<std::string> damages() const;
+	void remove(const File &file);
 
 private:
-	void remove(const File &file);
+	void strike(const File &file);
 
 	const std::string directory_;
 	DatabasePool &pool_;

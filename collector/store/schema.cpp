@@ -4,6 +4,8 @@
 
 #include <filesystem>
 
+#include "store/filter_sql.h"
+
 namespace kaq {
 
 const char *const kRequestTables = R"(
@@ -79,12 +81,13 @@ std::unique_ptr<SQLite::Database> open_to_write(const std::string &path, const c
 		made.exec("COMMIT");
 	}
 	if (database->execAndGet("PRAGMA user_version").getInt() != kSchemaVersion) {
-		throw SQLite::Exception(path + " has another version", SQLITE_NOTADB);
+		throw SQLite::Exception(path + " has another version", SQLITE_MISMATCH);
 	}
 	database->exec("PRAGMA synchronous = NORMAL");
 	database->exec("PRAGMA wal_autocheckpoint = 4000");
 	database->exec("PRAGMA cache_size = -8000");
 	database->exec("PRAGMA temp_store = MEMORY");
+	add_sql_functions(*database);
 	return database;
 }
 
@@ -97,9 +100,14 @@ std::unique_ptr<SQLite::Database> open_to_read(const std::string &path) {
 	database->exec("PRAGMA mmap_size = 268435456");
 	database->exec("PRAGMA temp_store = MEMORY");
 	if (database->execAndGet("PRAGMA user_version").getInt() != kSchemaVersion) {
-		throw SQLite::Exception(path + " has another version", SQLITE_NOTADB);
+		throw SQLite::Exception(path + " has another version", SQLITE_MISMATCH);
 	}
+	add_sql_functions(*database);
 	return database;
+}
+
+bool is_damage(const SQLite::Exception &error) {
+	return error.getErrorCode() == SQLITE_CORRUPT || error.getErrorCode() == SQLITE_NOTADB;
 }
 
 bool remove_database(const std::string &path) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
 
 namespace kaq {
 
@@ -23,6 +24,9 @@ constexpr int kSchemaVersion = 1;
 std::unique_ptr<SQLite::Database> open_to_write(const std::string &path, const char *tables);
 /* The same for reading. Nothing that is done with it can change the file. */
 std::unique_ptr<SQLite::Database> open_to_read(const std::string &path);
+
+/* The file holds no database, or a broken one. */
+bool is_damage(const SQLite::Exception &error);
 
 /* Removes a database with its companions; false if it is still there. */
 bool remove_database(const std::string &path);

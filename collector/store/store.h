@@ -47,9 +47,9 @@ struct Search {
 
 struct Found {
 	std::vector<RequestRow> rows;
-	bool has_more = false;    /* the limit was reached */
-	bool is_partial = false;  /* the time was up before all was looked at */
-	int64_t looked_at = 0;    /* requests */
+	bool has_more = false;   /* the limit was reached */
+	bool is_partial = false; /* the time was up before all was looked at */
+	int64_t looked_at = 0;   /* requests */
 };
 
 /* A condition on figures; what is empty is no condition. */
@@ -88,12 +88,12 @@ struct StoreStatus {
 	int64_t most_bytes = 0;
 	int64_t figure_bytes = 0;
 	int64_t most_figure_bytes = 0;
-	int64_t requests_put = 0;   /* since the start */
-	int64_t documents_kept = 0; /* of these */
-	int64_t documents_left_out = 0; /* by choice, since not all can be kept */
-	int64_t requests_lost = 0;   /* that could not be written */
-	int64_t other_names = 0;     /* requests whose name was one too many */
-	bool is_writing = true;      /* the last attempt to write succeeded */
+	int64_t requests_put = 0;         /* since the start */
+	int64_t documents_kept = 0;       /* of these */
+	int64_t documents_left_out = 0;   /* by choice, since not all can be kept */
+	int64_t requests_lost = 0;        /* that could not be written */
+	int64_t other_names = 0;          /* requests whose name was one too many */
+	bool is_writing = true;           /* the last attempt to write succeeded */
 	std::vector<std::string> damages; /* what was lost, in words */
 };
 
@@ -110,8 +110,10 @@ public:
 	virtual void flush() = 0;
 
 	virtual Found search(const Search &search) = 0;
-	/* By the whole identifier, or by its first characters, at least 6; of several the newest. */
+	/* By the whole identifier, or by its first characters, at least 4; of several the newest. */
 	virtual std::optional<RequestRow> request(const std::string &id) = 0;
+	/* The whole identifier of a trace, by the same. */
+	virtual std::optional<std::string> trace_id(const std::string &begin) = 0;
 	/* All requests of a trace, in the order of their starts. */
 	virtual std::vector<RequestRow> trace(const std::string &trace_id) = 0;
 	/* As JSON; nothing if it was not kept. The identifier must be whole. */

@@ -1,0 +1,56 @@
+/* Reads requests from one file of them. Everything throws SQLite::Exception. */
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
+
+#include "store/store.h"
+
+namespace kaq {
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+/* What a file adds to a search. */
+struct FileMatches {
+	/* Of the best requests, in the order asked for: what they are sorted by, and their rows. */
+	struct Match {
+		int64_t rank;
+		int64_t row;
+	};
+	std::vector<Match> matches;
+	int64_t looked_at = 0;
+	bool is_partial = false; /* the time was up */
+};
+
+/* The starts of the first and the last request in the file. */
+TimeRange range_of_file(SQLite::Database &database);
+FileMatches search_file(SQLite::Database &database, const Search &search, Deadline deadline);
+
+class RequestReader {
+public:
+	explicit RequestReader(SQLite::Database &database);
+	std::optional<RequestRow> read(int64_t row);
+
+private:
+	SQLite::Statement find_;
+};
+
+std::optional<std::string> read_document(SQLite::Database &database, int64_t row);
+/* Everything that is known of a request, to be written elsewhere; no facts. */
+std::optional<Record> read_record(SQLite::Database &database, int64_t row);
+
+/* The newest row whose identifier, or trace, begins like that. */
+std::optional<int64_t> find_request(SQLite::Database &database, const std::string &begin);
+std::optional<std::string> find_trace(SQLite::Database &database, const std::string &begin);
+std::vector<int64_t> rows_of_trace(SQLite::Database &database, const std::string &trace_id);
+
+/* How many requests and documents there are. */
+StoreStatus::Part count_file(SQLite::Database &database);
+
+} // namespace kaq

@@ -1,0 +1,296 @@
+#include "store/sqlite_store.h"
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <filesystem>
+#include <future>
+
+#include "store/schema.h"
+
+namespace kaq {
+namespace {
+
+/* How long what was put waits for more, so that they are written together. */
+constexpr std::chrono::milliseconds kGather{200};
+constexpr std::chrono::milliseconds kFigurePeriod{1000};
+constexpr size_t kBatch = 1000;
+constexpr int64_t kRetainEvery = 10 * 1000;
+/* A file with more texts takes too much memory while it is written to. */
+constexpr size_t kMostTextsInFile = 300000;
+/* Connections kept open: more than the files of the longest usual retention. */
+constexpr size_t kIdleConnections = 256;
+/* Figures that could not be written wait for better times, up to so many minutes. */
+constexpr size_t kMostUnwritten = 60;
+
+int64_t system_time() {
+	return std::chrono::duration_cast<std::chrono::milliseconds>(
+			   std::chrono::system_clock::now().time_since_epoch())
+		.count();
+}
+
+std::string made_directory(const std::string &directory) {
+	std::error_code error;
+	std::filesystem::create_directories(directory, error);
+	if (!std::filesystem::is_directory(directory)) {
+		throw StoreError("cannot make " + directory + ": " + error.message());
+	}
+	return directory;
+}
+
+DocumentSettings with_bytes(DocumentSettings settings, int64_t bytes) {
+	settings.bytes = bytes;
+	return settings;
+}
+
+int64_t bytes_of(const Record &record) {
+	size_t bytes = sizeof(Record) + record.document.size() + record.summary.path.size() + 200;
+	for (const RequestText &text : record.texts) {
+		bytes += sizeof(RequestText) + text.text.size();
+	}
+	return static_cast<int64_t>(bytes);
+}
+
+} // namespace
+
+SqliteStore::SqliteStore(SqliteSettings settings)
+	: settings_(std::move(settings)), pool_(kIdleConnections),
+	  files_(made_directory(settings_.directory), pool_), sums_(settings_.caps),
+	  budget_(with_bytes(settings_.documents, settings_.most_bytes)) {
+	load_pinned();
+	if (!settings_.is_read_only) {
+		thread_ = std::thread([this] { run(); });
+	}
+}
+
+SqliteStore::~SqliteStore() {
+	{
+		std::lock_guard lock(mutex_);
+		is_ending_ = true;
+	}
+	wake_.notify_all();
+	if (thread_.joinable()) {
+		thread_.join();
+	}
+}
+
+std::string SqliteStore::figure_path() const {
+	return settings_.directory + "/figures.sqlite";
+}
+
+int64_t SqliteStore::now() const {
+	return settings_.clock ? settings_.clock() : system_time();
+}
+
+bool SqliteStore::wants_document(const Summary &summary) {
+	std::lock_guard lock(mutex_);
+	bool wants = budget_.wants(summary, now()) && queued_bytes_ < settings_.queue_bytes;
+	if (!wants) {
+		left_out_++;
+	}
+	return wants;
+}
+
+void SqliteStore::put(Record record) {
+	put_++;
+	sums_.add(record, now());
+	record.facts = {};
+	int64_t bytes = bytes_of(record);
+	std::lock_guard lock(mutex_);
+	if (queued_bytes_ + bytes > 2 * settings_.queue_bytes) {
+		lost_++;
+		return;
+	}
+	/* The file's own needs are in proportion. */
+	budget_.spend(static_cast<int64_t>(record.document.size()) + 200);
+	kept_ += record.document.empty() ? 0 : 1;
+	queued_bytes_ += bytes;
+	queue_.push_back(std::move(record));
+	if (queue_.size() == kBatch) {
+		wake_.notify_one();
+	}
+}
+
+void SqliteStore::put_asked(int64_t time, const std::vector<AskedCount> &counts) {
+	std::lock_guard lock(mutex_);
+	for (const AskedCount &count : counts) {
+		asked_.emplace_back(time, count);
+	}
+}
+
+void SqliteStore::run() {
+	auto figures_due = std::chrono::steady_clock::now() + kFigurePeriod;
+	bool is_ending = false;
+	while (!is_ending) {
+		std::deque<Record> records;
+		std::deque<Task> tasks;
+		{
+			std::unique_lock lock(mutex_);
+			wake_.wait_for(lock, kGather, [this] {
+				return is_ending_ || !tasks_.empty() || queue_.size() >= kBatch;
+			});
+			records.swap(queue_);
+			tasks.swap(tasks_);
+			queued_bytes_ = 0;
+			is_ending = is_ending_;
+		}
+		write_requests(records);
+		auto time = std::chrono::steady_clock::now();
+		if (time >= figures_due || is_ending || !tasks.empty()) {
+			figures_due = time + kFigurePeriod;
+			write_figures();
+		}
+		for (Task &task : tasks) {
+			task();
+		}
+		if (now() - retained_ >= kRetainEvery || now() < retained_) {
+			retain();
+		}
+	}
+}
+
+void SqliteStore::on_writer(const std::function<void()> &task) {
+	if (!thread_.joinable()) {
+		throw StoreError("the store is open for reading only");
+	}
+	std::packaged_task<void()> packaged(task);
+	std::future<void> result = packaged.get_future();
+	{
+		std::lock_guard lock(mutex_);
+		tasks_.emplace_back([&packaged] { packaged(); });
+	}
+	wake_.notify_one();
+	result.wait();
+	try {
+		result.get();
+	} catch (const SQLite::Exception &error) {
+		throw StoreError(error.what());
+	}
+}
+
+void SqliteStore::flush() {
+	if (!settings_.is_read_only) {
+		on_writer([] {});
+	}
+}
+
+/* The last file is written on after a restart, as long as it is young. */
+void SqliteStore::open_file() {
+	int64_t time = now();
+	/* A reader may have found it to be damaged. */
+	bool is_full =
+		file_ &&
+		(!files_.has(file_info_) || time - file_info_.begun >= settings_.file_time ||
+		 time < file_info_.begun - settings_.file_time || file_->texts() > kMostTextsInFile ||
+		 bytes_of_database(file_info_.path) >= settings_.file_bytes);
+	if (file_ && !is_full) {
+		return;
+	}
+	file_.reset();
+	if (!is_full && files_.newest_since(time - settings_.file_time, file_info_) &&
+		bytes_of_database(file_info_.path) < settings_.file_bytes) {
+		try {
+			file_ = std::make_unique<RequestFile>(file_info_.path);
+			return;
+		} catch (const SQLite::Exception &damage) {
+			if (!is_damage(damage)) {
+				throw;
+			}
+			files_.put_aside(file_info_, damage.what());
+		}
+	}
+	file_info_ = files_.name_new(time);
+	try {
+		file_ = std::make_unique<RequestFile>(file_info_.path);
+	} catch (const SQLite::Exception &) {
+		remove_database(file_info_.path);
+		throw;
+	}
+	files_.add(file_info_);
+}
+
+void SqliteStore::write_batch(std::deque<Record> &records) {
+	open_file();
+	file_->begin();
+	for (const Record &record : records) {
+		file_->add(record);
+	}
+	file_->commit();
+}
+
+/* What is damaged is put aside, and for what has no room older things make some; then it is tried
+ * once more. */
+void SqliteStore::recover(const SQLite::Exception &error) {
+	if (file_) {
+		file_->roll_back();
+		file_.reset();
+		if (is_damage(error)) {
+			files_.put_aside(file_info_, error.what());
+		}
+	}
+	if (error.getErrorCode() == SQLITE_FULL) {
+		files_.retain(files_.bytes() / 4 * 3, 0);
+	}
+}
+
+void SqliteStore::write_requests(std::deque<Record> &records) {
+	if (records.empty()) {
+		return;
+	}
+	for (int attempt = 0; attempt < 2; attempt++) {
+		try {
+			write_batch(records);
+			is_writing_ = true;
+			return;
+		} catch (const SQLite::Exception &error) {
+			recover(error);
+		}
+	}
+	is_writing_ = false;
+	lost_ += static_cast<int64_t>(records.size());
+}
+
+void SqliteStore::write_figures() {
+	std::vector<FigurePeriod> periods = sums_.take();
+	unwritten_.insert(unwritten_.end(), std::make_move_iterator(periods.begin()),
+					  std::make_move_iterator(periods.end()));
+	{
+		std::lock_guard lock(mutex_);
+		unwritten_asked_.insert(unwritten_asked_.end(), asked_.begin(), asked_.end());
+		asked_.clear();
+	}
+	if (unwritten_.empty() && unwritten_asked_.empty()) {
+		return;
+	}
+	try {
+		if (!figure_file_) {
+			figure_file_ = std::make_unique<FigureFile>(figure_path());
+		}
+		figure_file_->write(unwritten_, unwritten_asked_);
+		unwritten_.clear();
+		unwritten_asked_.clear();
+	} catch (const SQLite::Exception &error) {
+		figure_file_.reset();
+		is_writing_ = false;
+		if (is_damage(error)) {
+			files_.put_aside({figure_path(), 0, false}, error.what());
+		}
+		if (unwritten_.size() > kMostUnwritten) {
+			unwritten_.erase(unwritten_.begin());
+		}
+	}
+}
+
+void SqliteStore::retain() {
+	retained_ = now();
+	try {
+		files_.retain(settings_.most_bytes, now() - settings_.age);
+		if (figure_file_) {
+			figure_file_->retain(settings_.figures, now());
+		}
+	} catch (const SQLite::Exception &) {
+		figure_file_.reset();
+	}
+}
+
+} // namespace kaq

@@ -1,0 +1,129 @@
+/*
+ * The store of one host: SQLite files in a directory. One thread writes; what it cannot write is
+ * counted as lost and the next thing tried, so that a full disk or a damaged file never stops the
+ * collector.
+ */
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <unordered_set>
+
+#include "store/database_pool.h"
+#include "store/document_budget.h"
+#include "store/figure_file.h"
+#include "store/figure_sums.h"
+#include "store/request_directory.h"
+#include "store/request_file.h"
+#include "store/store.h"
+
+namespace kaq {
+
+struct SqliteSettings {
+	std::string directory; /* made if it is missing */
+	int64_t most_bytes = 2LL * 1024 * 1024 * 1024;
+	int64_t age = 7LL * 24 * 3600 * 1000;     /* milliseconds */
+	int64_t file_bytes = 256LL * 1024 * 1024; /* of one file of requests */
+	int64_t file_time = 3600 * 1000;          /* milliseconds */
+	int64_t queue_bytes = 32LL * 1024 * 1024; /* that wait for being written */
+	FigureCaps caps;
+	FigureRetention figures;
+	DocumentSettings documents;     /* its `bytes` is `most_bytes`, whatever it says */
+	std::function<int64_t()> clock; /* milliseconds since the Unix epoch; empty: the system's */
+	bool is_read_only = false;      /* nothing is put, pinned, marked or forgotten */
+};
+
+class SqliteStore : public Store {
+public:
+	/* Opens what is there. Throws StoreError if the directory cannot be had. */
+	explicit SqliteStore(SqliteSettings settings);
+	/* Writes what was put. */
+	~SqliteStore() override;
+
+	bool wants_document(const Summary &summary) override;
+	void put(Record record) override;
+	void put_asked(int64_t time, const std::vector<AskedCount> &counts) override;
+	void flush() override;
+
+	Found search(const Search &search) override;
+	std::optional<RequestRow> request(const std::string &id) override;
+	std::optional<std::string> trace_id(const std::string &begin) override;
+	std::vector<RequestRow> trace(const std::string &trace_id) override;
+	std::optional<std::string> document(const std::string &id) override;
+	std::vector<FigureRow> figures(const FigureSearch &search) override;
+	std::vector<FigurePoint> curve(const FigureSearch &search, int64_t step) override;
+	std::vector<AskedCount> asked(const TimeRange &range, const std::string &application) override;
+	void add_mark(const Mark &mark) override;
+	std::vector<Mark> marks(const TimeRange &range) override;
+	bool pin(const std::string &id) override;
+	bool unpin(const std::string &id) override;
+	int64_t forget(const Filter &filter) override;
+	StoreStatus status() override;
+
+private:
+	using File = RequestDirectory::File;
+	using Task = std::function<void()>;
+
+	void run();
+	/* Does something on the writing thread and waits for it; its exceptions come back. */
+	void on_writer(const std::function<void()> &task);
+	void write_requests(std::deque<Record> &records);
+	void write_batch(std::deque<Record> &records);
+	void open_file();
+	void recover(const SQLite::Exception &error);
+	void write_figures();
+	void retain();
+	void copy_to_pinned(const std::vector<std::string> &ids);
+	std::vector<std::string> ids_of(const std::string &id);
+	void load_pinned();
+
+	/* Visits files, newest first, until visit(connection, file) returns false. A damaged one is put
+	 * aside. */
+	void visit_files(const std::function<bool(SQLite::Database &, const File &)> &visit);
+	template <typename Read> auto read_figure_file(Read read);
+	struct Candidate {
+		int64_t rank;
+		int64_t row;
+		std::string path;
+	};
+	void read_candidates(const std::vector<Candidate> &best, size_t limit, Found &found);
+	RequestRow complete(RequestRow row);
+	std::string figure_path() const;
+	int64_t now() const;
+
+	const SqliteSettings settings_;
+	DatabasePool pool_;
+	RequestDirectory files_;
+	FigureSums sums_;
+
+	std::mutex mutex_; /* of the following */
+	std::condition_variable wake_;
+	std::deque<Record> queue_;
+	std::deque<Task> tasks_;
+	std::vector<std::pair<int64_t, AskedCount>> asked_;
+	std::unordered_set<std::string> pinned_;
+	DocumentBudget budget_;
+	int64_t queued_bytes_ = 0;
+	bool is_ending_ = false;
+
+	/* Of the writing thread. */
+	std::unique_ptr<RequestFile> file_;
+	File file_info_;
+	std::unique_ptr<FigureFile> figure_file_;
+	std::vector<FigurePeriod> unwritten_;
+	std::vector<std::pair<int64_t, AskedCount>> unwritten_asked_;
+	int64_t retained_ = 0;
+
+	std::atomic<int64_t> put_{0};
+	std::atomic<int64_t> kept_{0};
+	std::atomic<int64_t> left_out_{0};
+	std::atomic<int64_t> lost_{0};
+	std::atomic<bool> is_writing_{true};
+	std::thread thread_;
+};
+
+} // namespace kaq

@@ -1,0 +1,161 @@
+/* What changes requests that are stored: pinning and forgetting. */
+#include <sqlite3.h>
+
+#include "store/filter_sql.h"
+#include "store/request_reading.h"
+#include "store/schema.h"
+#include "store/sqlite_store.h"
+
+namespace kaq {
+namespace {
+
+/* Everything that no request refers to any more. The index is made anew, since what is deleted from
+ * it would stay in its blocks. */
+void drop_orphans(SQLite::Database &database) {
+	database.exec("DELETE FROM documents WHERE row NOT IN (SELECT row FROM requests)");
+	database.exec("DELETE FROM text_sets WHERE id NOT IN (SELECT texts FROM requests)");
+	database.exec("DELETE FROM names WHERE id NOT IN (SELECT application FROM requests UNION "
+				  "SELECT name FROM requests UNION SELECT host FROM requests UNION "
+				  "SELECT method FROM requests UNION SELECT instance FROM requests UNION "
+				  "SELECT kinds FROM requests)");
+	database.exec("CREATE TEMP TABLE used(id INTEGER PRIMARY KEY)");
+	SQLite::Statement sets(database, "SELECT members FROM text_sets");
+	SQLite::Statement use(database, "INSERT OR IGNORE INTO used VALUES(?)");
+	while (sets.executeStep()) {
+		for (int64_t id : text_set_from_bytes(sets.getColumn(0).getString())) {
+			use.bind(1, id);
+			use.exec();
+			use.reset();
+		}
+	}
+	sets.reset();
+	database.exec("DELETE FROM texts WHERE id NOT IN (SELECT id FROM used)");
+	database.exec("DROP TABLE used");
+	database.exec("INSERT INTO texts_index(texts_index) VALUES('rebuild')");
+}
+
+int64_t delete_requests(const std::string &path, const Filter &filter) {
+	auto database = open_to_write(path, kRequestTables);
+	SqlCondition condition = to_sql(filter, *database);
+	database->exec("BEGIN IMMEDIATE");
+	int64_t deleted = 0;
+	{
+		SQLite::Statement remove(*database, "DELETE FROM requests WHERE " + condition.text);
+		condition.bind(remove, 1);
+		deleted = remove.exec();
+	}
+	if (deleted > 0) {
+		drop_orphans(*database);
+	}
+	database->exec("COMMIT");
+	if (deleted > 0) {
+		database->exec("VACUUM");
+		database->exec("PRAGMA wal_checkpoint(TRUNCATE)");
+	}
+	return deleted;
+}
+
+} // namespace
+
+void SqliteStore::load_pinned() {
+	std::lock_guard lock(mutex_);
+	pinned_.clear();
+	if (bytes_of_database(files_.pinned_path()) == 0) {
+		return;
+	}
+	try {
+		DatabasePool::Lease lease = pool_.lease(files_.pinned_path());
+		SQLite::Statement ids(*lease, "SELECT id FROM requests");
+		while (ids.executeStep()) {
+			pinned_.insert(ids.getColumn(0).getString());
+		}
+	} catch (const SQLite::Exception &damage) {
+		files_.put_aside({files_.pinned_path(), 0, true}, damage.what());
+	}
+}
+
+/* Of a request, or of all requests of a trace. */
+std::vector<std::string> SqliteStore::ids_of(const std::string &id) {
+	if (std::optional<RequestRow> row = request(id)) {
+		return {row->summary.id};
+	}
+	std::vector<std::string> ids;
+	if (std::optional<std::string> whole = trace_id(id)) {
+		for (const RequestRow &row : trace(*whole)) {
+			ids.push_back(row.summary.id);
+		}
+	}
+	return ids;
+}
+
+void SqliteStore::copy_to_pinned(const std::vector<std::string> &ids) {
+	RequestFile pinned(files_.pinned_path());
+	pinned.begin();
+	for (const std::string &id : ids) {
+		std::optional<Record> record;
+		visit_files([&](SQLite::Database &database, const File &) {
+			if (std::optional<int64_t> row = find_request(database, id)) {
+				record = read_record(database, *row);
+			}
+			return !record;
+		});
+		if (record && complete({record->summary, {}, {}, {}, false, false}).is_pinned) {
+			continue;
+		}
+		if (record) {
+			pinned.add(*record);
+		}
+	}
+	pinned.commit();
+	std::lock_guard lock(mutex_);
+	pinned_.insert(ids.begin(), ids.end());
+}
+
+bool SqliteStore::pin(const std::string &id) {
+	flush();
+	std::vector<std::string> ids = ids_of(id);
+	if (!ids.empty()) {
+		on_writer([this, &ids] { copy_to_pinned(ids); });
+	}
+	return !ids.empty();
+}
+
+bool SqliteStore::unpin(const std::string &id) {
+	std::vector<std::string> ids = ids_of(id);
+	bool was_pinned = false;
+	on_writer([&] {
+		for (const std::string &one : ids) {
+			Filter filter;
+			filter.condition = {TextIs{TextField::kId, glob_of(one)}};
+			pool_.forget(files_.pinned_path());
+			was_pinned = delete_requests(files_.pinned_path(), filter) > 0 || was_pinned;
+		}
+		load_pinned();
+	});
+	return was_pinned;
+}
+
+void SqliteStore::add_mark(const Mark &mark) {
+	on_writer([this, &mark] {
+		if (!figure_file_) {
+			figure_file_ = std::make_unique<FigureFile>(figure_path());
+		}
+		figure_file_->add_mark(mark);
+	});
+}
+
+int64_t SqliteStore::forget(const Filter &filter) {
+	int64_t deleted = 0;
+	on_writer([&] {
+		/* The newest file is written on with what is left in it. */
+		file_.reset();
+		for (const File &file : files_.files()) {
+			pool_.forget(file.path);
+			deleted += delete_requests(file.path, filter);
+		}
+		load_pinned();
+	});
+	return deleted;
+}
+
+} // namespace kaq
