@@ -80,11 +80,6 @@ bool is_token(std::string_view text) {
 	return digits >= 3 && changes >= 4;
 }
 
-bool varies(std::string_view segment) {
-	return is_number_or_date(segment) || is_hash(segment) || is_address(segment) ||
-		   is_token(segment);
-}
-
 /* ".html", ".mp4" */
 bool is_ending(std::string_view text) {
 	constexpr size_t longest = 6;
@@ -99,10 +94,10 @@ bool is_ending(std::string_view text) {
 std::string normalised_segment(std::string_view segment) {
 	size_t dot = segment.rfind('.');
 	if (dot != std::string_view::npos && dot > 0 && is_ending(segment.substr(dot)) &&
-		varies(segment.substr(0, dot))) {
+		is_varying(segment.substr(0, dot))) {
 		return "*" + std::string(segment.substr(dot));
 	}
-	return varies(segment) ? "*" : std::string(segment);
+	return is_varying(segment) ? "*" : std::string(segment);
 }
 
 /* The value of a parameter of the query, as it was sent; nothing if it has none. */
@@ -174,6 +169,10 @@ bool matches_glob(std::string_view text, std::string_view glob) {
 		}
 	}
 	return glob.find_first_not_of('*', in_glob) == std::string_view::npos;
+}
+
+bool is_varying(std::string_view word) {
+	return is_number_or_date(word) || is_hash(word) || is_address(word) || is_token(word);
 }
 
 std::string normalised_path(std::string_view path) {

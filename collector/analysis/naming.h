@@ -30,6 +30,9 @@ std::string transaction_name(std::string_view application, std::string_view path
 /* The path with '*' for what varies. */
 std::string normalised_path(std::string_view path);
 
+/* Whether a word is a number, a date, a hash, an address or a token, and varies for that. */
+bool is_varying(std::string_view word);
+
 /* Whether text matches a glob. Takes time in proportion to the product of their lengths at most. */
 bool matches_glob(std::string_view text, std::string_view glob);
 

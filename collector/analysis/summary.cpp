@@ -1,46 +1,29 @@
 #include "analysis/summary.h"
 
-#include <vector>
+#include <algorithm>
+
+#include "analysis/failure_group.h"
+#include "analysis/http_call.h"
+#include "analysis/layers.h"
+#include "analysis/statements.h"
 
 namespace kaq {
 namespace {
 
-enum class Layer { kCode, kDatabase, kHttp };
-
-Layer layer_of(const Span &span) {
-	if (span.component == "HTTP") {
-		return Layer::kHttp;
-	}
-	return span.query.empty() ? Layer::kCode : Layer::kDatabase;
-}
-
 bool has_serious_failure(const Span &span) {
-	for (const Failure &failure : span.failures) {
-		if (failure.level == "Error") {
-			return true;
-		}
-	}
-	return false;
+	return std::any_of(span.failures.begin(), span.failures.end(), is_serious);
 }
 
-/* Time within a call counts once, however many calls it makes in turn. */
-void add_spans(Summary &summary, const std::vector<Span> &spans) {
-	std::vector<bool> is_within_layer(spans.size(), false);
-	for (size_t i = 0; i < spans.size(); i++) {
-		const Span &span = spans[i];
-		Layer layer = layer_of(span);
-		bool is_inner = span.parent >= 0 && is_within_layer[static_cast<size_t>(span.parent)];
-		is_within_layer[i] = is_inner || layer != Layer::kCode;
+void add_spans(Summary &summary, const Transaction &transaction) {
+	for (const Span &span : transaction.spans) {
 		summary.failures += static_cast<int64_t>(span.failures.size());
 		summary.is_failed = summary.is_failed || has_serious_failure(span);
-		if (layer == Layer::kDatabase) {
-			summary.queries++;
-			summary.query_time += is_inner ? 0 : span.duration();
-		} else if (layer == Layer::kHttp && span.is_external) {
-			summary.calls++;
-			summary.external_time += is_inner ? 0 : span.duration();
-		}
+		summary.queries += is_execution(span) ? 1 : 0;
+		summary.calls += is_http_call(span) ? 1 : 0;
 	}
+	LayerTimes times = layer_times(transaction);
+	summary.query_time = time_of(times, Layer::kDatabase);
+	summary.external_time = time_of(times, Layer::kHttp);
 }
 
 } // namespace
@@ -62,7 +45,7 @@ Summary summarise(const Transaction &transaction) {
 	summary.spans = static_cast<int64_t>(transaction.spans.size());
 	summary.is_web = transaction.is_web;
 	summary.is_failed = transaction.status >= 500;
-	add_spans(summary, transaction.spans);
+	add_spans(summary, transaction);
 	return summary;
 }
 

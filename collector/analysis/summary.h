@@ -21,11 +21,11 @@ struct Summary {
 	int64_t memory = 0; /* bytes */
 	int64_t status = 0;
 	int64_t spans = 0;
-	int64_t queries = 0;       /* calls with a statement */
+	int64_t queries = 0;       /* executions of statements */
 	int64_t calls = 0;         /* HTTP calls */
 	int64_t failures = 0;      /* errors and exceptions */
-	int64_t query_time = 0;    /* of outermost database calls */
-	int64_t external_time = 0; /* of outermost HTTP calls */
+	int64_t query_time = 0;    /* of database calls; such as overlap count once */
+	int64_t external_time = 0; /* of HTTP calls, likewise */
 	bool is_web = false;
 	bool is_failed = false; /* status 500 and above, or an error that is worse than a warning */
 };

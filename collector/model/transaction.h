@@ -13,6 +13,19 @@
 
 namespace kaq {
 
+/* From start to end; 0 if the end comes first. Whatever a document says, a million such durations
+ * can be added up. */
+constexpr int64_t kLongestDuration = int64_t{1} << 40;
+
+inline int64_t elapsed(int64_t start, int64_t end) {
+	if (end <= start) {
+		return 0;
+	}
+	uint64_t difference = static_cast<uint64_t>(end) - static_cast<uint64_t>(start);
+	return difference < static_cast<uint64_t>(kLongestDuration) ? static_cast<int64_t>(difference)
+																: kLongestDuration;
+}
+
 /* A header, a parameter: `name` of an element of a list or a map is as PHP spells it, "a[b][0]". */
 struct Field {
 	std::string_view name;
@@ -38,7 +51,7 @@ struct StackFrame {
 
 struct Span {
 	std::string_view name;
-	std::string_view component; /* what was called: "PDO", "HTTP"; empty for user code */
+	std::string_view component; /* what was called: "PHP" is user code; "PDO", "HTTP" */
 	std::string_view id;
 	std::string_view parent_id; /* of the root span: the span of the calling service, or empty */
 	std::string_view query;
@@ -58,7 +71,7 @@ struct Span {
 	std::vector<StackFrame> stack; /* innermost call first */
 
 	int64_t duration() const {
-		return end > start ? end - start : 0;
+		return elapsed(start, end);
 	}
 };
 
@@ -101,7 +114,7 @@ struct Transaction {
 	std::vector<Span> spans; /* parents before their children; the first is the root */
 
 	int64_t duration() const {
-		return end > start ? end - start : 0;
+		return elapsed(start, end);
 	}
 };
 
