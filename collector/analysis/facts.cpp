@@ -75,6 +75,7 @@ public:
 			facts.count++;
 			facts.total += duration;
 			facts.longest = std::max(facts.longest, duration);
+			facts.durations.push_back(duration);
 			facts.failed += span.is_failed ? 1 : 0;
 		}
 		for (const Execution &unused : statements_.unused) {
@@ -121,6 +122,7 @@ std::vector<HostFacts> hosts_of(const Transaction &transaction) {
 		facts.count++;
 		facts.total += span.duration();
 		facts.longest = std::max(facts.longest, span.duration());
+		facts.durations.push_back(span.duration());
 		facts.failed += is_failed_call(span) ? 1 : 0;
 	}
 	return entries.take();

@@ -120,20 +120,33 @@ void FigureFile::add_mark(const Mark &mark) {
 	add.exec();
 }
 
-/* True if there is more of it. */
-bool FigureFile::delete_before(const char *table, int64_t time) {
+/* Whole hours, so that what is left of the minutes is complete from an hour on. True if there is
+ * more of it. */
+bool FigureFile::delete_before(const std::string &table, int64_t time) {
 	int64_t left = kRowsAtATime;
-	for (int kind = 0; kind < static_cast<int>(kFigureKinds) && left > 0; kind++) {
-		SQLite::Statement remove(*database_, "DELETE FROM " + std::string(table) +
-												 " WHERE (kind, time, key) IN (SELECT kind, time, "
-												 "key FROM " +
-												 table + " WHERE kind=? AND time<? LIMIT ?)");
-		remove.bind(1, kind);
-		remove.bind(2, time);
-		remove.bind(3, left);
-		left -= remove.exec();
+	SQLite::Statement remove(*database_, "DELETE FROM " + table + " WHERE kind=? AND time<?");
+	for (int kind = 0; kind < static_cast<int>(kFigureKinds); kind++) {
+		int64_t oldest = end_of_times(table, "min", kind);
+		while (oldest > 0 && oldest < time - time % kHour) {
+			if (left <= 0) {
+				return true;
+			}
+			remove.bind(1, kind);
+			remove.bind(2, oldest - oldest % kHour + kHour);
+			left -= remove.exec();
+			remove.reset();
+			oldest = end_of_times(table, "min", kind);
+		}
 	}
-	return left <= 0;
+	return false;
+}
+
+/* 0 if the table has none of that kind. */
+int64_t FigureFile::end_of_times(const std::string &table, const std::string &end, int kind) {
+	return database_
+		->execAndGet("SELECT coalesce(" + end + "(time), 0) FROM " + table +
+					 " WHERE kind = " + std::to_string(kind))
+		.getInt64();
 }
 
 /* Minutes first, since the hours hold the same in less room. */
@@ -142,14 +155,10 @@ void FigureFile::delete_oldest(const FigureRetention &retention) {
 		if (bytes_of_database(path_) <= retention.most_bytes) {
 			return;
 		}
-		auto oldest = database_->execAndGet("SELECT coalesce(min(time), 0) FROM " +
-											std::string(table) + " WHERE kind = 0");
-		auto newest = database_->execAndGet("SELECT coalesce(max(time), 0) FROM " +
-											std::string(table) + " WHERE kind = 0");
-		int64_t first = oldest.getInt64();
-		int64_t last = newest.getInt64();
+		int64_t first = end_of_times(table, "min", 0);
+		int64_t last = end_of_times(table, "max", 0);
 		if (last > first) {
-			delete_before(table, first + std::max<int64_t>((last - first) / 20, 1));
+			delete_before(table, first + kHour + (last - first) / 20);
 			database_->exec("PRAGMA incremental_vacuum");
 			database_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
 		}

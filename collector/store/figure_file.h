@@ -43,7 +43,8 @@ private:
 
 	void write_key(int64_t hash, const FigureKey &key);
 	void add_asked(int64_t time, const AskedCount &count);
-	bool delete_before(const char *table, int64_t time);
+	bool delete_before(const std::string &table, int64_t time);
+	int64_t end_of_times(const std::string &table, const std::string &end, int kind);
 	void delete_oldest(const FigureRetention &retention);
 
 	std::unique_ptr<SQLite::Database> database_;

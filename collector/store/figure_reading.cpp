@@ -125,7 +125,7 @@ private:
 	/* The hour from which on all minutes are there; 0 if they always are. */
 	int64_t first_kept_minute() {
 		int64_t minute = oldest_in("minutes");
-		return floor_to(minute, kHour) <= oldest_in("hours") ? 0 : ceil_to(minute, kHour);
+		return floor_to(minute, kHour) <= oldest_in("hours") ? 0 : floor_to(minute, kHour);
 	}
 
 	std::string condition() const {

@@ -33,7 +33,8 @@ private:
 
 inline std::string id_of(int64_t number) {
 	char id[17];
-	snprintf(id, sizeof(id), "%016llx", static_cast<unsigned long long>(number) * 0x9e3779b97f4a7c15);
+	snprintf(id, sizeof(id), "%016llx",
+			 static_cast<unsigned long long>(number) * 0x9e3779b97f4a7c15);
 	return id;
 }
 
