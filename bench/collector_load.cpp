@@ -1,0 +1,194 @@
+/*
+ * Load for a collector, and the floor that it is measured against.
+ *
+ *     collector_load echo                                    a bare epoll loop: answers each line
+ *     collector_load handshakes PORT COUNT PAUSE_US          one client, one after the other
+ *     collector_load payloads PORT RATE SECONDS FILE         a line of the file for each connection
+ *
+ * The first prints its port and serves until it is ended. The others print one line of figures:
+ * microseconds of each handshake in order of size at 50, 90, 99 and 100 %; or payloads sent, not
+ * taken, and the seconds that it took.
+ */
+#include "listener.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <string>
+#include <vector>
+
+/* As long as what the extension asks and is answered. */
+static const std::string REQUEST =
+	R"({"connect_info":{"agent_info":{"agent.version":"4.9","agent.version.info":"4.9.2.0",)"
+	R"("application.name":"shop","application.type":"PHP","fqdn":"web1.example",)"
+	R"("hostname":"web1","port":443,"host.type":"LINUX","rum.autoinjection":false},)"
+	R"("agent_specific_info":{"application.group.name":""},"environment":{"MachineName":"web1",)"
+	R"("OS":"LINUX","OSArch":"amd64","OSVersion":"6.1.0","IP": ["127.0.0.1","::1"]}},)"
+	R"("misc_info":{"txn.name":"\/shop\/cart"}})"
+	"\n";
+static const std::string ANSWER(160, 'x');
+
+static double now() {
+	timespec time;
+	clock_gettime(CLOCK_MONOTONIC, &time);
+	return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+static void sleep_until(double time) {
+	double left = time - now();
+	if (left > 0) {
+		timespec pause = {
+			static_cast<time_t>(left),
+			static_cast<long>((left - static_cast<double>(static_cast<time_t>(left))) * 1e9)};
+		nanosleep(&pause, nullptr);
+	}
+}
+
+static int connected(int port) {
+	sockaddr_in address = {};
+	address.sin_family = AF_INET;
+	address.sin_port = htons(static_cast<uint16_t>(port));
+	address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+	int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+		close(fd);
+		fd = -1;
+	}
+	return fd;
+}
+
+static bool write_all(int fd, const char *data, size_t size) {
+	while (size > 0) {
+		ssize_t count = send(fd, data, size, MSG_NOSIGNAL);
+		if (count <= 0) {
+			return false;
+		}
+		data += count;
+		size -= static_cast<size_t>(count);
+	}
+	return true;
+}
+
+static void answer(int epoll, int fd) {
+	char buffer[8192];
+	ssize_t count = read(fd, buffer, sizeof buffer);
+	if (count > 0 && buffer[count - 1] != '\n') {
+		return;
+	}
+	if (count > 0) {
+		write_all(fd, ANSWER.data(), ANSWER.size());
+	}
+	epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);
+	close(fd);
+}
+
+static int echo() {
+	int port;
+	int listener = open_listener(&port);
+	if (listener < 0) {
+		return 1;
+	}
+	printf("%d\n", port);
+	fflush(stdout);
+	int epoll = epoll_create1(EPOLL_CLOEXEC);
+	epoll_event wanted = {};
+	wanted.events = EPOLLIN;
+	wanted.data.fd = listener;
+	epoll_ctl(epoll, EPOLL_CTL_ADD, listener, &wanted);
+	for (;;) {
+		epoll_event events[64];
+		int count = epoll_wait(epoll, events, 64, -1);
+		for (int i = 0; i < count; i++) {
+			int fd = events[i].data.fd;
+			if (fd != listener) {
+				answer(epoll, fd);
+				continue;
+			}
+			wanted.data.fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+			epoll_ctl(epoll, EPOLL_CTL_ADD, wanted.data.fd, &wanted);
+		}
+	}
+}
+
+static bool handshake(int port) {
+	int fd = connected(port);
+	char buffer[8192];
+	bool is_answered = false;
+	if (fd >= 0 && write_all(fd, REQUEST.data(), REQUEST.size())) {
+		ssize_t count;
+		while ((count = read(fd, buffer, sizeof buffer)) > 0) {
+			is_answered = true;
+		}
+	}
+	close(fd);
+	return is_answered;
+}
+
+static int handshakes(int port, int count, int pause) {
+	std::vector<double> times;
+	for (int i = 0; i < count; i++) {
+		double begin = now();
+		if (!handshake(port)) {
+			fprintf(stderr, "no answer\n");
+			return 1;
+		}
+		times.push_back((now() - begin) * 1e6);
+		if (pause > 0) {
+			usleep(static_cast<useconds_t>(pause));
+		}
+	}
+	std::sort(times.begin(), times.end());
+	for (double share : {0.5, 0.9, 0.99, 1.0}) {
+		auto rank = static_cast<size_t>(share * static_cast<double>(times.size() - 1));
+		printf("%.1f ", times[rank]);
+	}
+	printf("\n");
+	return 0;
+}
+
+static int payloads(int port, double rate, double seconds, const char *path) {
+	std::vector<std::string> lines;
+	std::ifstream file(path);
+	for (std::string line; std::getline(file, line);) {
+		lines.push_back(line + "\n");
+	}
+	if (lines.empty()) {
+		fprintf(stderr, "no payloads in %s\n", path);
+		return 1;
+	}
+	auto total = static_cast<size_t>(rate * seconds);
+	size_t refused = 0;
+	double begin = now();
+	for (size_t i = 0; i < total; i++) {
+		sleep_until(begin + static_cast<double>(i) / rate);
+		const std::string &line = lines[i % lines.size()];
+		int fd = connected(port);
+		refused += fd < 0 || !write_all(fd, line.data(), line.size()) ? 1 : 0;
+		close(fd);
+	}
+	printf("%zu %zu %.3f\n", total - refused, refused, now() - begin);
+	return 0;
+}
+
+int main(int count, char **arguments) {
+	std::string verb = count > 1 ? arguments[1] : "";
+	if (verb == "echo") {
+		return echo();
+	}
+	if (verb == "handshakes" && count == 5) {
+		return handshakes(atoi(arguments[2]), atoi(arguments[3]), atoi(arguments[4]));
+	}
+	if (verb == "payloads" && count == 6) {
+		return payloads(atoi(arguments[2]), atof(arguments[3]), atof(arguments[4]), arguments[5]);
+	}
+	fprintf(stderr, "usage: collector_load echo | handshakes PORT COUNT PAUSE_US | "
+					"payloads PORT RATE SECONDS FILE\n");
+	return 2;
+}
