@@ -224,6 +224,7 @@ private:
 	void use(Execution &made, Prepared &prepared) {
 		made.text = prepared.is_ambiguous ? text_index(kUnknownStatement) : prepared.text;
 		made.has_places = prepared.is_ambiguous || prepared.has_places;
+		made.source = prepared.is_ambiguous ? -1 : prepared.span;
 		if (!prepared.is_unused) {
 			return;
 		}
@@ -240,6 +241,7 @@ private:
 		if (prepared.is_unused) {
 			Execution left;
 			left.span = prepared.span;
+			left.source = prepared.span;
 			left.text = prepared.text;
 			left.database = database_[spans_[at(prepared.span)].component];
 			left.has_places = prepared.has_places;
@@ -250,6 +252,7 @@ private:
 	Execution made_of(int32_t index, const Span &span) {
 		Execution made;
 		made.span = index;
+		made.source = index;
 		std::string_view raw = shortened(span.query, kLongestStatement);
 		made.text = text_index_of_raw(raw);
 		made.has_places = leaves_values_open(raw);

@@ -42,6 +42,7 @@ struct Execution {
 	int32_t span = 0;
 	int32_t prepared = -1; /* the call that prepared it for this execution; -1: none, or an earlier
 							  execution has it */
+	int32_t source = -1;   /* the call that told the text; -1: it is not known */
 	uint32_t text = 0;     /* index into texts */
 	uint32_t database = 0; /* index into databases */
 	bool has_places = false; /* for values that the document does not tell */
