@@ -77,7 +77,9 @@ private:
 	}
 
 	std::nullopt_t tell(size_t at, std::string text, std::string hint) {
-		mistakes_.push_back({column_at(text_, at), std::move(text), std::move(hint)});
+		if (mistakes_.size() < kMostMistakes) {
+			mistakes_.push_back({column_at(text_, at), std::move(text), std::move(hint)});
+		}
 		is_stopped_ = is_stopped_ || mistakes_.size() == kMostMistakes;
 		return std::nullopt;
 	}
@@ -314,7 +316,7 @@ Parser::Parsed Parser::parse_unknown_field(std::string_view name, size_t at) {
 	tell(at, "unknown field " + quoted(name),
 		 meant.empty() ? "put text with a colon in quotes"
 					   : "did you mean " + std::string(meant) + ":?");
-	take_value(name);
+	scanner_.take_value();
 	return std::nullopt;
 }
 
@@ -326,6 +328,10 @@ Parser::Parsed Parser::parse_words(WordField field, const Value &value) {
 	}
 	if (words.words.empty()) {
 		return tell(value.begin, "no word to look for", "words are letters, digits and '_'");
+	}
+	if (words.words.size() > kMostQueryWords) {
+		return tell(value.begin, "more than " + std::to_string(kMostQueryWords) + " words in a row",
+					"");
 	}
 	return Condition{std::move(words)};
 }

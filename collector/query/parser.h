@@ -19,6 +19,7 @@ namespace kaq {
 constexpr size_t kLongestQuery = 4096; /* bytes */
 constexpr int kDeepestQuery = 32;      /* parentheses and negations within each other */
 constexpr int kMostQueryTerms = 200;
+constexpr size_t kMostQueryWords = 64; /* in one phrase */
 
 struct ParseSettings {
 	int64_t now = 0; /* milliseconds since the Unix epoch, for "since:1h" */

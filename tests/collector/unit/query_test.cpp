@@ -292,6 +292,7 @@ TEST(Query, SeveralMistakesAtOnce) {
 		many += "zzzzzz:1 ";
 	}
 	EXPECT_EQ(8u, parse_query(many, {kNow}).error().size());
+	EXPECT_EQ(8u, parse_query("is:none (" + many, {kNow}).error().size());
 }
 
 TEST(Query, BrokenStructure) {
@@ -338,6 +339,9 @@ TEST(Query, Limits) {
 	}
 	EXPECT_EQ("none", mistakes_of(terms));
 	EXPECT_EQ("401: more than 200 terms", mistakes_of(terms + "a"));
+	EXPECT_EQ("none", mistakes_of("sql:\"" + terms.substr(0, 128) + "\""));
+	EXPECT_EQ("5: more than 64 words in a row",
+			  mistakes_of("sql:\"" + terms.substr(0, 129) + "\""));
 }
 
 TEST(Explained, WithAMarkUnderThePlace) {
