@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "util/query_string.h"
+
 namespace kaq {
 namespace {
 
@@ -100,42 +102,14 @@ std::string normalised_segment(std::string_view segment) {
 	return is_varying(segment) ? "*" : std::string(segment);
 }
 
-/* The value of a parameter of the query, as it was sent; nothing if it has none. */
-std::string_view parameter(std::string_view query, std::string_view name) {
-	while (!query.empty()) {
-		size_t end = query.find('&');
-		std::string_view each = query.substr(0, end);
-		if (each.substr(0, name.size()) == name && each.substr(name.size(), 1) == "=") {
-			return each.substr(name.size() + 1);
-		}
-		query = end == std::string_view::npos ? std::string_view() : query.substr(end + 1);
-	}
-	return {};
-}
-
-/* "%2F" and "%3A" are common in the names of pages, and read badly. */
-std::string decoded(std::string_view text) {
-	std::string plain;
-	for (size_t at = 0; at < text.size(); at++) {
-		if (text[at] == '%' && at + 2 < text.size() && is_hex(text[at + 1]) &&
-			is_hex(text[at + 2])) {
-			int value = std::stoi(std::string(text.substr(at + 1, 2)), nullptr, 16);
-			plain += static_cast<char>(value);
-			at += 2;
-		} else {
-			plain += text[at];
-		}
-	}
-	return plain;
-}
-
 std::string with_parameters(std::string name, std::string_view query,
 							const std::vector<std::string> &parameters) {
 	char separator = '?';
 	for (const std::string &each : parameters) {
-		std::string_view value = parameter(query, each);
+		std::string_view value = query_parameter(query, each);
 		if (!value.empty()) {
-			name += separator + each + "=" + normalised_path(decoded(value));
+			/* "%2F" and "%3A" are common in the names of pages, and read badly. */
+			name += separator + each + "=" + normalised_path(percent_decoded(value));
 			separator = '&';
 		}
 	}

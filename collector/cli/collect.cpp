@@ -16,6 +16,10 @@
 #include "ingest/pipeline.h"
 #include "net/data_server.h"
 #include "net/handshake_server.h"
+#include "query/mistake_json.h"
+#include "query/parser.h"
+#include "store/request_view.h"
+#include "util/query_string.h"
 
 namespace kaq {
 namespace {
@@ -35,8 +39,23 @@ public:
 	}
 };
 
-HttpAnswer answer_http(const HttpRequest &request) {
+HttpAnswer answer_live(const HttpRequest &request) {
+	ParseSettings settings;
+	settings.is_live = true;
+	std::string query = form_decoded(query_parameter(request.query, "q"));
+	auto filter = parse_query(query, settings);
 	HttpAnswer answer;
+	if (filter) {
+		answer.is_live = true;
+		answer.live_filter = std::move(*filter);
+	} else {
+		answer.status = 400;
+		answer.body = to_json(filter.error()).dump();
+	}
+	return answer;
+}
+
+HttpAnswer answer_http(const HttpRequest &request) {
 	if (request.method != "GET" && request.method != "HEAD") {
 		return {405, "text/plain", "only GET\n", false};
 	}
@@ -44,8 +63,7 @@ HttpAnswer answer_http(const HttpRequest &request) {
 		return {200, "text/plain", "ok\n", false};
 	}
 	if (request.path == "/api/v1/live") {
-		answer.is_live = true;
-		return answer;
+		return answer_live(request);
 	}
 	return {404, "text/plain", "nothing here\n", false};
 }
@@ -79,8 +97,11 @@ void run(const CollectOptions &options, const std::string &store) {
 	LiveFeed feed;
 	Pipeline pipeline({}, [&feed](const std::shared_ptr<const Transaction> &transaction) {
 		if (feed.has_listeners()) {
-			feed.publish(to_json(summarise(*transaction))
-							 .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+			Summary summary = summarise(*transaction);
+			feed.publish(TransactionView(*transaction, summary, {}), [&summary] {
+				return to_json(summary).dump(-1, ' ', false,
+											 nlohmann::json::error_handler_t::replace);
+			});
 		}
 	});
 	HandshakeServer handshake(options.address, options.handshake_port,

@@ -11,6 +11,7 @@
 #include "cli/places.h"
 #include "cli/summary_text.h"
 #include "cli/verbs.h"
+#include "query/parser.h"
 
 namespace kaq {
 namespace {
@@ -93,9 +94,24 @@ size_t on_piece(char *data, size_t size, size_t count, void *events) {
 	return static_cast<Events *>(events)->take({data, bytes}) ? bytes : CURL_WRITEFUNC_ERROR;
 }
 
+/* As a part of a URL. */
+std::string escaped(CURL *curl, const std::string &text) {
+	char *result = curl_easy_escape(curl, text.c_str(), static_cast<int>(text.size()));
+	std::string kept = result ? result : "";
+	curl_free(result);
+	return kept;
+}
+
 } // namespace
 
 int tail(const TailOptions &options) {
+	ParseSettings settings;
+	settings.is_live = true;
+	if (auto filter = parse_query(options.query, settings); !filter) {
+		fprintf(stderr, "kaq: the query has a mistake\n%s",
+				explain(options.query, filter.error()).c_str());
+		return kMisunderstood;
+	}
 	std::string store = options.store.empty() ? default_store() : options.store;
 	std::string socket = socket_of(store);
 	CURL *curl = curl_easy_init();
@@ -104,7 +120,9 @@ int tail(const TailOptions &options) {
 	}
 	Events events(options);
 	curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, socket.c_str());
-	curl_easy_setopt(curl, CURLOPT_URL, "http://localhost/api/v1/live");
+	std::string url = "http://localhost/api/v1/live?q=" + escaped(curl, options.query);
+	curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+	curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
 	curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, on_piece);
 	curl_easy_setopt(curl, CURLOPT_WRITEDATA, &events);
 	CURLcode code = curl_easy_perform(curl);
@@ -115,6 +133,8 @@ int tail(const TailOptions &options) {
 	if (code == CURLE_COULDNT_CONNECT) {
 		fprintf(stderr, "kaq: no collector answers on %s: start one with 'kaq collect'\n",
 				socket.c_str());
+	} else if (code == CURLE_HTTP_RETURNED_ERROR) {
+		fprintf(stderr, "kaq: the collector refused the query: is it of the same version?\n");
 	} else {
 		fprintf(stderr, "kaq: the collector has ended\n");
 	}

@@ -20,13 +20,18 @@ int collect(const CollectOptions &options);
 
 struct TailOptions {
 	std::string store;  /* of the collector; empty: the default */
+	std::string query;  /* which requests; empty: all */
 	int64_t slower = 0; /* milliseconds */
 	bool errors = false;
 	bool json = false;
 	int64_t count = 0; /* ends after so many; 0: never */
 };
 
-/* Requests as they end, one line each; status 1 if no collector runs or it ends. */
+/* Of a verb that was not understood. */
+constexpr int kMisunderstood = 2;
+
+/* Requests as they end, one line each; status 1 if no collector runs or it ends, kMisunderstood for
+ * a query with mistakes. */
 int tail(const TailOptions &options);
 
 } // namespace kaq

@@ -84,7 +84,7 @@ private:
 		std::optional<HttpAnswer> refusal = is_local_ ? std::nullopt : refuse(request, message);
 		answer = refusal ? std::move(*refusal) : shared_.handler(request);
 		if (answer.is_live && message.method() != http::verb::head) {
-			start_stream();
+			start_stream(std::move(answer.live_filter));
 		} else {
 			send(std::move(answer), message.keep_alive());
 		}
@@ -151,19 +151,20 @@ private:
 	}
 
 	/* From here on the stream's texts are written as they come. */
-	void start_stream() {
+	void start_stream(Filter filter) {
 		is_first_ = false;
 		out_ = "HTTP/1.1 200 OK\r\nServer: kaq\r\nContent-Type: text/event-stream\r\n"
 			   "Cache-Control: no-store\r\nContent-Security-Policy: default-src 'self'\r\n"
 			   "X-Content-Type-Options: nosniff\r\nConnection: close\r\n\r\n: kaq\n\n";
 		std::weak_ptr<Session> weak = weak_from_this();
-		listener_ = shared_.feed.listen([weak, &context = context_] {
+		auto wake = [weak, &context = context_] {
 			asio::post(context, [weak] {
 				if (auto self = weak.lock()) {
 					self->write_stream();
 				}
 			});
-		});
+		};
+		listener_ = shared_.feed.listen(wake, std::move(filter));
 		wait_for_heartbeat();
 		wait_for_hang_up();
 		write_stream();

@@ -27,7 +27,8 @@ struct HttpAnswer {
 	int status = 200;
 	std::string type = "application/json";
 	std::string body;
-	bool is_live = false; /* the live feed is sent as server-sent events; the body is left out */
+	bool is_live = false;    /* the live feed is sent as server-sent events; the body is left out */
+	Filter live_filter = {}; /* what of it is sent */
 };
 
 struct HttpSettings {

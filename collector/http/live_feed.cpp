@@ -32,15 +32,14 @@ void LiveFeed::Listener::put(const SharedText &text) {
 	}
 }
 
-std::shared_ptr<LiveFeed::Listener> LiveFeed::listen(std::function<void()> wake) {
-	auto listener = std::make_shared<Listener>(std::move(wake));
+std::shared_ptr<LiveFeed::Listener> LiveFeed::listen(std::function<void()> wake, Filter filter) {
+	auto listener = std::make_shared<Listener>(std::move(wake), std::move(filter));
 	std::lock_guard lock(mutex_);
 	listeners_.push_back(listener);
 	return listener;
 }
 
-void LiveFeed::publish(std::string text) {
-	auto shared = std::make_shared<const std::string>(std::move(text));
+void LiveFeed::publish(const RequestView &request, const std::function<std::string()> &write) {
 	std::vector<std::shared_ptr<Listener>> present;
 	{
 		std::lock_guard lock(mutex_);
@@ -53,8 +52,12 @@ void LiveFeed::publish(std::string text) {
 			}
 		}
 	}
+	SharedText text;
 	for (const auto &listener : present) {
-		listener->put(shared);
+		if (matches(listener->filter_, request)) {
+			text = text ? text : std::make_shared<const std::string>(write());
+			listener->put(text);
+		}
 	}
 }
 

@@ -12,6 +12,8 @@
 #include <mutex>
 #include <string>
 
+#include "store/filter.h"
+
 namespace kaq {
 
 using SharedText = std::shared_ptr<const std::string>;
@@ -22,7 +24,8 @@ public:
 	public:
 		/* `wake` is called on the publisher's thread when there is something to take after there
 		 * was nothing; it must not take. */
-		explicit Listener(std::function<void()> wake) : wake_(std::move(wake)) {
+		Listener(std::function<void()> wake, Filter filter)
+			: wake_(std::move(wake)), filter_(std::move(filter)) {
 		}
 		/* All that has come since the last call, oldest first, and how many were lost before. */
 		std::deque<SharedText> take(uint64_t &lost);
@@ -32,15 +35,17 @@ public:
 		void put(const SharedText &text);
 
 		const std::function<void()> wake_;
+		const Filter filter_;
 		std::mutex mutex_;
 		std::deque<SharedText> texts_;
 		uint64_t lost_ = 0;
 	};
 
-	/* Listens as long as the result lives. */
-	std::shared_ptr<Listener> listen(std::function<void()> wake);
-	void publish(std::string text);
-	/* Without listeners nothing need be written. */
+	/* Listens to the requests that match as long as the result lives. */
+	std::shared_ptr<Listener> listen(std::function<void()> wake, Filter filter);
+	/* `write` makes the text; it is called once, or not at all if nobody wants to know. */
+	void publish(const RequestView &request, const std::function<std::string()> &write);
+	/* Without listeners nothing need be looked at. */
 	bool has_listeners() const;
 
 private:

@@ -38,6 +38,8 @@ int run(int count, char **arguments) {
 
 	kaq::TailOptions tail;
 	CLI::App *tail_verb = app.add_subcommand("tail", "show requests as they end");
+	tail_verb->add_option("query", tail.query, "which requests, such as 'app:shop >300ms'")
+		->type_name("QUERY");
 	add_store(tail_verb, tail.store);
 	add_duration(tail_verb, "--slower", tail.slower, "only those that took at least this long");
 	tail_verb->add_flag("--errors", tail.errors, "only those that failed");

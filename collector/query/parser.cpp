@@ -42,6 +42,11 @@ bool read_words(std::string_view glob, Words &words) {
 	return true;
 }
 
+bool is_about_findings(const Condition &condition) {
+	const auto *text = std::get_if<TextIs>(&condition.node);
+	return text && text->field == TextField::kVerdict;
+}
+
 class Parser {
 public:
 	Parser(std::string_view text, const ParseSettings &settings)
@@ -63,6 +68,7 @@ private:
 	Parsed parse_group();
 	Parsed parse_term(bool is_top);
 	Parsed parse_field(const Field &field, bool is_top);
+	Parsed parse_condition(const Field &field, const Value &value);
 	Parsed parse_unknown_field(std::string_view name, size_t at);
 	Parsed parse_words(WordField field, const Value &value);
 	Parsed parse_named(SpecialField field, const Value &value);
@@ -290,20 +296,30 @@ Parser::Parsed Parser::parse_field(const Field &field, bool is_top) {
 	if (!value) {
 		return std::nullopt;
 	}
+	const auto *special = std::get_if<SpecialField>(&field.target);
+	bool is_time = special && *special != SpecialField::kIs && *special != SpecialField::kHas;
+	if (is_time && !settings_.is_live) {
+		return parse_time(*special, *value, is_top);
+	}
+	Parsed parsed = is_time ? Parsed() : parse_condition(field, *value);
+	if (settings_.is_live && (is_time || (parsed && is_about_findings(*parsed)))) {
+		return tell(value->begin, "times and findings are not known while requests pass",
+					"kaq find looks through those that are kept");
+	}
+	return parsed;
+}
+
+Parser::Parsed Parser::parse_condition(const Field &field, const Value &value) {
 	if (const auto *text = std::get_if<TextField>(&field.target)) {
-		return Condition{TextIs{*text, std::move(value->glob)}};
+		return Condition{TextIs{*text, value.glob}};
 	}
 	if (const auto *number = std::get_if<NumberField>(&field.target)) {
-		return parse_number(*number, field.unit, *value);
+		return parse_number(*number, field.unit, value);
 	}
 	if (const auto *words = std::get_if<WordField>(&field.target)) {
-		return parse_words(*words, *value);
+		return parse_words(*words, value);
 	}
-	auto special = std::get<SpecialField>(field.target);
-	if (special == SpecialField::kSince || special == SpecialField::kUntil) {
-		return parse_time(special, *value, is_top);
-	}
-	return parse_named(special, *value);
+	return parse_named(std::get<SpecialField>(field.target), value);
 }
 
 Parser::Parsed Parser::parse_unknown_field(std::string_view name, size_t at) {

@@ -5,6 +5,10 @@
 #include <cstdlib>
 #include <ctime>
 
+#include <nlohmann/json.hpp>
+
+#include "query/mistake_json.h"
+
 using namespace kaq;
 
 namespace {
@@ -249,6 +253,24 @@ TEST(Query, TimesOnlyAtTheTop) {
 							 "parentheses: since:1h (a OR b)";
 	EXPECT_EQ("7: " + hint, mistakes_of("since:1h a OR b"));
 	EXPECT_EQ("12: " + hint, mistakes_of("a OR since:1h"));
+}
+
+TEST(Query, NeitherTimesNorFindingsWhileRequestsPass) {
+	ParseSettings live;
+	live.is_live = true;
+	for (const char *text : {"since:1h", "a until:now", "verdict:slow-call", "-has:verdict"}) {
+		auto filter = parse_query(text, live);
+		ASSERT_FALSE(filter) << text;
+		EXPECT_EQ("times and findings are not known while requests pass", filter.error()[0].text);
+	}
+	EXPECT_TRUE(parsed("app:a sql:b >1s is:failed has:sql") ==
+				parse_query("app:a sql:b >1s is:failed has:sql", live).value());
+}
+
+TEST(Query, MistakesAsAnAnswer) {
+	EXPECT_EQ(R"({"mistakes":[{"column":5,"hint":"yes","text":"no"}]})",
+			  to_json({{5, "no", "yes"}}).dump());
+	EXPECT_EQ(R"({"mistakes":[]})", to_json({}).dump());
 }
 
 TEST(Query, UnknownNamesWithWhatWasMeant) {

@@ -38,14 +38,16 @@ def send(port, line):
         return read_all(connection)
 
 
-def payload(name="/a", **info):
-    """The line of a transaction of one span."""
+def payload(name="/a", spans=(), **info):
+    """The line of a transaction of a root and these spans below it."""
     root = {"st": 1000, "et": 1500, "mo": 0, "fn": "main", "cn": "PHP", "si": "00000000000000aa"}
+    children = [{"st": 1000, "et": 1100, "mo": number, "si": "%016x" % number,
+                 "psi": root["si"], **span} for number, span in enumerate(spans, 1)]
     document = {"apm": {
         "data": True, "application_info": {"application_name": "Shop"},
         "transaction_info": {"t_name": name, "s_time": 1000, "e_time": 1500,
                              "transaction_type": 1, "httpcode": 200, **info},
-        "method_info": {"span_info": [root]}, "app_parameters": {}}}
+        "method_info": {"span_info": [root, *children]}, "app_parameters": {}}}
     return base64.b64encode(json.dumps(document).encode()) + b"\n"
 
 

@@ -1,5 +1,7 @@
 """The collector's HTTP: who may ask, and the live feed."""
 import http.client
+import json
+import urllib.parse
 
 import pytest
 
@@ -71,6 +73,34 @@ def test_the_live_feed_tells_each_request(collector):
     assert response.readline() == b"\n"
     assert b'"path":"/live"' in response.readline()
     response.close()
+    connection.close()
+
+
+def live(collector, query):
+    path = "/api/v1/live?" + urllib.parse.urlencode({"q": query})
+    return get(collector, path, bearer(collector))
+
+
+def test_the_live_feed_tells_what_was_asked_for(collector):
+    connection, response = live(collector, "path:/cart* (sql:\"FROM product\" OR >=900ms)")
+    assert response.status == 200
+    assert response.readline() == b": kaq\n"
+    statement = {"fn": "PDO::query", "cn": "PDO", "qs": "SELECT a FROM product"}
+    sockets.send(collector.data, sockets.payload("/cart/1"))
+    sockets.send(collector.data, sockets.payload("/cart/2", spans=[statement]))
+    sockets.send(collector.data, sockets.payload("/list", spans=[statement]))
+    sockets.send(collector.data, sockets.payload("/cart/3", e_time=2000))
+    told = [response.readline() for _ in range(4)]
+    assert b'"path":"/cart/2"' in told[1] and b'"path":"/cart/3"' in told[3]
+    response.close()
+    connection.close()
+
+
+@pytest.mark.parametrize("query, column", [("app:a tnx:b", 7), ("since:1h", 7), ("(", 2)])
+def test_a_query_with_a_mistake_is_refused_with_its_place(collector, query, column):
+    connection, response = live(collector, query)
+    assert response.status == 400
+    assert [each["column"] for each in json.load(response)["mistakes"]] == [column]
     connection.close()
 
 
