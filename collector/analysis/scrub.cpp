@@ -87,7 +87,8 @@ size_t card_end(std::string_view text, size_t at) {
 /* Writes a text anew, part by part. */
 class Rewriter {
 public:
-	explicit Rewriter(std::string_view text) : text_(text) {
+	Rewriter(std::string_view text, const ScrubSettings &settings)
+		: text_(text), settings_(settings) {
 	}
 
 	std::string result() {
@@ -158,7 +159,7 @@ private:
 	void take_value(std::string_view name, size_t begin) {
 		out_.append(text_, at_, begin - at_);
 		at_ = begin;
-		if (name.empty() || !is_secret_name(name) || begin >= text_.size()) {
+		if (name.empty() || !is_secret_name(name, settings_) || begin >= text_.size()) {
 			return;
 		}
 		char quote = text_[begin];
@@ -180,7 +181,7 @@ private:
 		std::string_view name = is_name ? name_before(quote - 1) : std::string_view();
 		size_t begin = text_.find_first_not_of(' ', at_ + 1);
 		out_ += text_[at_++];
-		if (begin == std::string_view::npos || name.empty() || !is_secret_name(name)) {
+		if (begin == std::string_view::npos || name.empty() || !is_secret_name(name, settings_)) {
 			return;
 		}
 		out_.append(text_, at_, begin - at_);
@@ -210,6 +211,7 @@ private:
 	}
 
 	const std::string_view text_;
+	const ScrubSettings &settings_;
 	size_t at_ = 0;
 	std::string out_;
 };
@@ -256,7 +258,7 @@ public:
 private:
 	void clean(std::string_view &text) {
 		if (may_hold_secrets(text)) {
-			std::string cleaned = without_secrets(text);
+			std::string cleaned = without_secrets(text, settings_);
 			if (cleaned != text) {
 				text = texts_.keep(cleaned);
 			}
@@ -271,7 +273,7 @@ private:
 
 	void clean(std::vector<Field> &fields) {
 		for (Field &field : fields) {
-			if (is_secret_name(field.name)) {
+			if (is_secret_name(field.name, settings_)) {
 				hide(field.value);
 			} else {
 				clean(field.value);
@@ -304,7 +306,7 @@ private:
 
 } // namespace
 
-bool is_secret_name(std::string_view name) {
+bool is_secret_name(std::string_view name, const ScrubSettings &settings) {
 	std::string lowered = lower(name);
 	for (std::string_view word : kSecretWords) {
 		if (lowered.find(word) != std::string::npos) {
@@ -313,6 +315,11 @@ bool is_secret_name(std::string_view name) {
 	}
 	for (std::string_view whole : kSecretNames) {
 		if (lowered == whole) {
+			return true;
+		}
+	}
+	for (const std::string &whole : settings.secret_names) {
+		if (lowered == lower(whole)) {
 			return true;
 		}
 	}
@@ -331,8 +338,8 @@ std::string hidden(std::string_view secret) {
 	return "[hidden, " + std::to_string(least) + " to " + std::to_string(most) + " bytes]";
 }
 
-std::string without_secrets(std::string_view text) {
-	return Rewriter(text).result();
+std::string without_secrets(std::string_view text, const ScrubSettings &settings) {
+	return Rewriter(text, settings).result();
 }
 
 void scrub(Transaction &transaction, const ScrubSettings &settings) {

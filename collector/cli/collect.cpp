@@ -4,11 +4,13 @@
 
 #include <chrono>
 #include <cstdio>
+#include <stdexcept>
 #include <system_error>
 
 #include <nlohmann/json.hpp>
 
 #include "analysis/summary.h"
+#include "cli/configuration.h"
 #include "cli/places.h"
 #include "cli/summary_text.h"
 #include "cli/verbs.h"
@@ -68,10 +70,10 @@ HttpAnswer answer_http(const HttpRequest &request) {
 	return {404, "text/plain", "nothing here\n", false};
 }
 
-void say_ports(const CollectOptions &options, const HandshakeServer &handshake,
-			   const DataServer &data, const HttpServer &http, const std::string &store) {
+void say_ports(const std::string &address, const HandshakeServer &handshake, const DataServer &data,
+			   const HttpServer &http, const std::string &store) {
 	printf("kaq: collecting on %s: handshakes %u, payloads %u, http %u; store %s\n",
-		   options.address.c_str(), handshake.port(), data.port(), http.port(), store.c_str());
+		   address.c_str(), handshake.port(), data.port(), http.port(), store.c_str());
 	fflush(stdout);
 }
 
@@ -92,10 +94,36 @@ void raise_descriptor_limit() {
 	}
 }
 
-void run(const CollectOptions &options, const std::string &store) {
+/* Throws std::runtime_error with a line for each mistake. */
+Configuration effective_configuration(const CollectOptions &options) {
+	ConfigurationOrMistakes loaded = load_configuration(options.configuration);
+	if (!loaded) {
+		std::string text = mistakes_text(configuration_file(options.configuration), loaded.error());
+		text.pop_back();
+		throw std::runtime_error(text);
+	}
+	ListenSettings &listen = loaded->listen;
+	listen.handshake_port = options.handshake_port.value_or(listen.handshake_port);
+	listen.data_port = options.data_port.value_or(listen.data_port);
+	listen.http_port = options.http_port.value_or(listen.http_port);
+	std::string &directory = loaded->store.directory;
+	directory = !options.store.empty() ? options.store
+				: directory.empty()    ? default_store()
+									   : directory;
+	return std::move(*loaded);
+}
+
+void run(const Configuration &configuration) {
+	const ListenSettings &listen = configuration.listen;
+	const std::string &store = configuration.store.directory;
+	const std::string &address = listen.addresses.front();
 	MemoryBudget budget(kPayloadMemory);
 	LiveFeed feed;
-	Pipeline pipeline({}, [&feed](const std::shared_ptr<const Transaction> &transaction) {
+	PipelineSettings settings;
+	settings.scrub = configuration.scrub;
+	settings.naming.insert(settings.naming.begin(), configuration.names.rules.begin(),
+						   configuration.names.rules.end());
+	Pipeline pipeline(settings, [&feed](const std::shared_ptr<const Transaction> &transaction) {
 		if (feed.has_listeners()) {
 			Summary summary = summarise(*transaction);
 			feed.publish(TransactionView(*transaction, summary, {}), [&summary] {
@@ -104,18 +132,17 @@ void run(const CollectOptions &options, const std::string &store) {
 			});
 		}
 	});
-	HandshakeServer handshake(options.address, options.handshake_port,
-							  std::make_unique<MonitorAll>());
-	DataServer data(
-		options.address, options.data_port, budget,
-		[&pipeline](BudgetedBuffer &&bytes) { return pipeline.accept(std::move(bytes)); });
-	HttpServer http({options.address, options.http_port, socket_of(store), token_of(store)},
-					answer_http, feed);
+	HandshakeServer handshake(address, listen.handshake_port, std::make_unique<MonitorAll>());
+	DataServer data(address, listen.data_port, budget, [&pipeline](BudgetedBuffer &&bytes) {
+		return pipeline.accept(std::move(bytes));
+	});
+	HttpServer http({"127.0.0.1", listen.http_port, socket_of(store), token_of(store)}, answer_http,
+					feed);
 	/* What is recorded from now on has to find the data port open. */
 	data.start();
 	http.start();
 	handshake.start();
-	say_ports(options, handshake, data, http, store);
+	say_ports(address, handshake, data, http, store);
 	sigset_t set = ending_signals();
 	int signal;
 	sigwait(&set, &signal);
@@ -134,7 +161,7 @@ int collect(const CollectOptions &options) {
 	signal(SIGPIPE, SIG_IGN);
 	raise_descriptor_limit();
 	try {
-		run(options, options.store.empty() ? default_store() : options.store);
+		run(effective_configuration(options));
 		return 0;
 	} catch (const std::exception &error) {
 		fprintf(stderr, "kaq: %s\n", error.what());

@@ -3,16 +3,18 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace kaq {
 
+/* What is given wins over the configuration file. */
 struct CollectOptions {
-	std::string address = "127.0.0.1";
-	uint16_t handshake_port = 20021;
-	uint16_t data_port = 20022;
-	uint16_t http_port = 20023;
-	std::string store; /* empty: the default */
+	std::string configuration; /* file; empty: the usual one, if it is there */
+	std::optional<uint16_t> handshake_port;
+	std::optional<uint16_t> data_port;
+	std::optional<uint16_t> http_port;
+	std::string store; /* empty: the configuration's */
 };
 
 /* Runs until SIGTERM or SIGINT. */
@@ -33,5 +35,10 @@ constexpr int kMisunderstood = 2;
 /* Requests as they end, one line each; status 1 if no collector runs or it ends, kMisunderstood for
  * a query with mistakes. */
 int tail(const TailOptions &options);
+
+/* Says each mistake of the configuration file with its line; status 1 if there is one. */
+int config_check(const std::string &file);
+/* Prints the settings that hold, the defaults among them, as a configuration file. */
+int config_show(const std::string &file);
 
 } // namespace kaq

@@ -11,6 +11,10 @@ void add_store(CLI::App *verb, std::string &store) {
 	verb->add_option("--store", store, "directory of the collector's data")->type_name("DIR");
 }
 
+void add_configuration(CLI::App *verb, std::string &file) {
+	verb->add_option("--config", file, "configuration file")->type_name("FILE");
+}
+
 /* "200ms", "1.5s" or a number of milliseconds. */
 void add_duration(CLI::App *verb, const std::string &name, int64_t &milliseconds,
 				  const std::string &text) {
@@ -35,6 +39,15 @@ int run(int count, char **arguments) {
 	collect_verb->add_option("--http", collect.http_port, "port of the web interface")
 		->type_name("PORT");
 	add_store(collect_verb, collect.store);
+	add_configuration(collect_verb, collect.configuration);
+
+	std::string configuration;
+	CLI::App *config_verb = app.add_subcommand("config", "look at the configuration");
+	config_verb->require_subcommand(1);
+	CLI::App *check_verb = config_verb->add_subcommand("check", "say what is wrong in it");
+	add_configuration(check_verb, configuration);
+	CLI::App *show_verb = config_verb->add_subcommand("show", "print the settings that hold");
+	add_configuration(show_verb, configuration);
 
 	kaq::TailOptions tail;
 	CLI::App *tail_verb = app.add_subcommand("tail", "show requests as they end");
@@ -49,6 +62,12 @@ int run(int count, char **arguments) {
 	CLI11_PARSE(app, count, arguments);
 	if (collect_verb->parsed()) {
 		return kaq::collect(collect);
+	}
+	if (check_verb->parsed()) {
+		return kaq::config_check(configuration);
+	}
+	if (show_verb->parsed()) {
+		return kaq::config_show(configuration);
 	}
 	return kaq::tail(tail);
 }

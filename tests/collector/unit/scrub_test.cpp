@@ -32,6 +32,15 @@ TEST(SecretName, OthersDoNot) {
 	}
 }
 
+TEST(SecretName, IsAlsoWhatTheSettingsName) {
+	kaq::ScrubSettings settings;
+	settings.secret_names = {"X-Badge"};
+	EXPECT_FALSE(is_secret_name("x-badge"));
+	EXPECT_TRUE(is_secret_name("x-badge", settings));
+	EXPECT_FALSE(is_secret_name("x-badges", settings));
+	EXPECT_EQ("a=1&X-BADGE=[hidden, 5 to 8 bytes]", without_secrets("a=1&X-BADGE=12345", settings));
+}
+
 TEST(Hidden, TellsTheClassOfTheLength) {
 	EXPECT_EQ("[hidden, 1 to 4 bytes]", kaq::hidden("x"));
 	EXPECT_EQ("[hidden, 1 to 4 bytes]", kaq::hidden("xxxx"));
