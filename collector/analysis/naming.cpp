@@ -165,13 +165,19 @@ std::string normalised_path(std::string_view path) {
 	return name;
 }
 
-std::string transaction_name(std::string_view application, std::string_view path,
-							 std::string_view query, const std::vector<NamingRule> &rules) {
-	std::string name;
+const NamingRule *naming_rule(std::string_view application, std::string_view path,
+							  const std::vector<NamingRule> &rules) {
 	auto rule = std::find_if(rules.begin(), rules.end(), [&](const NamingRule &each) {
 		return applies(each, application, path);
 	});
-	if (rule == rules.end()) {
+	return rule == rules.end() ? nullptr : &*rule;
+}
+
+std::string transaction_name(std::string_view application, std::string_view path,
+							 std::string_view query, const std::vector<NamingRule> &rules) {
+	std::string name;
+	const NamingRule *rule = naming_rule(application, path, rules);
+	if (!rule) {
 		name = normalised_path(path);
 	} else {
 		name = with_parameters(rule->name.empty() ? normalised_path(path) : rule->name, query,
@@ -193,6 +199,12 @@ const std::vector<NamingRule> &usual_naming_rules() {
 		{"", "*/index.php", "", {"route", "action", "do", "page"}}, /* MediaWiki, phpMyAdmin */
 		{"", "/", "", {"route", "rest_route", "do", "action"}},
 	};
+	return rules;
+}
+
+std::vector<NamingRule> with_usual_rules(std::vector<NamingRule> rules) {
+	const std::vector<NamingRule> &usual = usual_naming_rules();
+	rules.insert(rules.end(), usual.begin(), usual.end());
 	return rules;
 }
 

@@ -22,6 +22,11 @@ struct NamingRule {
 
 /* For WordPress, MediaWiki, phpMyAdmin and DokuWiki. They come after those of the configuration. */
 const std::vector<NamingRule> &usual_naming_rules();
+std::vector<NamingRule> with_usual_rules(std::vector<NamingRule> rules);
+
+/* The first rule whose patterns match; null if none does. It lives as long as the rules. */
+const NamingRule *naming_rule(std::string_view application, std::string_view path,
+							  const std::vector<NamingRule> &rules);
 
 /* Of the rules the first one counts whose patterns match. A name is at most 256 bytes long. */
 std::string transaction_name(std::string_view application, std::string_view path,

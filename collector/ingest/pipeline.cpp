@@ -45,8 +45,8 @@ Notice notice_of(std::string_view text) {
 }
 
 Pipeline::Pipeline(PipelineSettings settings, Sink sink)
-	: settings_(std::move(settings)), sink_(std::move(sink)), queue_(kMostQueued),
-	  thread_([this] { run(); }) {
+	: settings_(std::make_shared<const PipelineSettings>(std::move(settings))),
+	  sink_(std::move(sink)), queue_(kMostQueued), thread_([this] { run(); }) {
 }
 
 Pipeline::~Pipeline() {
@@ -60,23 +60,34 @@ bool Pipeline::accept(BudgetedBuffer &&bytes) {
 
 void Pipeline::run() {
 	while (std::optional<BudgetedBuffer> bytes = queue_.take()) {
-		take_lines(bytes->bytes());
+		take_lines(bytes->bytes(), *settings());
 	}
 }
 
-void Pipeline::take_lines(std::string_view bytes) {
+void Pipeline::use(PipelineSettings settings) {
+	auto next = std::make_shared<const PipelineSettings>(std::move(settings));
+	std::lock_guard lock(settings_mutex_);
+	settings_.swap(next);
+}
+
+std::shared_ptr<const PipelineSettings> Pipeline::settings() {
+	std::lock_guard lock(settings_mutex_);
+	return settings_;
+}
+
+void Pipeline::take_lines(std::string_view bytes, const PipelineSettings &settings) {
 	while (!bytes.empty()) {
 		size_t end = bytes.find('\n');
 		if (end == std::string_view::npos) {
 			counts_.incomplete.fetch_add(1, std::memory_order_relaxed);
 			return;
 		}
-		take_line(bytes.substr(0, end));
+		take_line(bytes.substr(0, end), settings);
 		bytes.remove_prefix(end + 1);
 	}
 }
 
-void Pipeline::take_line(std::string_view line) {
+void Pipeline::take_line(std::string_view line, const PipelineSettings &settings) {
 	if (begins_with(line, kNoticePrefix)) {
 		count(counts_.notices, notice_of(line.substr(kNoticePrefix.size())));
 		return;
@@ -88,9 +99,9 @@ void Pipeline::take_line(std::string_view line) {
 	}
 	counts_.transactions.fetch_add(1, std::memory_order_relaxed);
 	/* The name is made of what is left. */
-	scrub(*transaction, settings_.scrub);
+	scrub(*transaction, settings.scrub);
 	transaction->normalised_name = transaction->texts.keep(transaction_name(
-		transaction->application, transaction->name, transaction->query_string, settings_.naming));
+		transaction->application, transaction->name, transaction->query_string, settings.naming));
 	sink_(std::make_shared<const Transaction>(std::move(*transaction)));
 }
 

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -53,16 +54,25 @@ public:
 	/* False, and nothing taken, if too much is queued already. Any thread. */
 	bool accept(BudgetedBuffer &&bytes);
 
+	/* The settings from one of the next payloads on. Any thread. */
+	void use(PipelineSettings settings);
+
 	const PipelineCounts &counts() const {
 		return counts_;
+	}
+	/* How full the queue is, from 0 to 1. */
+	double fill() const {
+		return queue_.fill();
 	}
 
 private:
 	void run();
-	void take_lines(std::string_view bytes);
-	void take_line(std::string_view line);
+	void take_lines(std::string_view bytes, const PipelineSettings &settings);
+	void take_line(std::string_view line, const PipelineSettings &settings);
+	std::shared_ptr<const PipelineSettings> settings();
 
-	const PipelineSettings settings_;
+	std::mutex settings_mutex_;
+	std::shared_ptr<const PipelineSettings> settings_;
 	const Sink sink_;
 	BoundedQueue<BudgetedBuffer> queue_;
 	PayloadReader reader_;

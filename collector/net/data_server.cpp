@@ -16,9 +16,8 @@ void count(std::atomic<uint64_t> &counter) {
 
 } // namespace
 
-DataServer::DataServer(const std::string &address, uint16_t port, MemoryBudget &budget,
-					   Receiver receiver)
-	: TcpServer(address, port, kLimits), budget_(budget), receiver_(std::move(receiver)) {
+DataServer::DataServer(const ListenPlace &place, MemoryBudget &budget, Receiver receiver)
+	: TcpServer(place, kLimits, "kaq-data"), budget_(budget), receiver_(std::move(receiver)) {
 }
 
 DataServer::~DataServer() {
@@ -69,6 +68,10 @@ void DataServer::on_late(Connection &connection) {
 
 void DataServer::on_refused() {
 	count(counts_.refused);
+}
+
+void DataServer::on_foreign() {
+	count(counts_.foreign);
 }
 
 } // namespace kaq

@@ -23,6 +23,7 @@ struct DataCounts {
 	std::atomic<uint64_t> not_taken{0}; /* dropped: the receiver was behind */
 	std::atomic<uint64_t> late{0};      /* ended before their end of input */
 	std::atomic<uint64_t> refused{0};   /* too many connections */
+	std::atomic<uint64_t> foreign{0};   /* from a network that is not allowed */
 };
 
 class DataServer : public TcpServer {
@@ -32,7 +33,7 @@ public:
 	using Receiver = std::function<bool(BudgetedBuffer &&bytes)>;
 
 	/* Throws std::system_error if the port cannot be had. */
-	DataServer(const std::string &address, uint16_t port, MemoryBudget &budget, Receiver receiver);
+	DataServer(const ListenPlace &place, MemoryBudget &budget, Receiver receiver);
 	~DataServer() override;
 
 	const DataCounts &counts() const {
@@ -44,6 +45,7 @@ private:
 	Next on_end_of_input(Connection &connection) override;
 	void on_late(Connection &connection) override;
 	void on_refused() override;
+	void on_foreign() override;
 	void on_closed(const Connection &connection) override;
 
 	MemoryBudget &budget_;

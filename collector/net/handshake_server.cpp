@@ -12,9 +12,8 @@ constexpr TcpLimits kLimits = {1024, std::chrono::milliseconds(1000), 0, 128};
 
 } // namespace
 
-HandshakeServer::HandshakeServer(const std::string &address, uint16_t port,
-								 std::unique_ptr<const HandshakePolicy> policy)
-	: TcpServer(address, port, kLimits), policy_(std::move(policy)) {
+HandshakeServer::HandshakeServer(const ListenPlace &place, std::unique_ptr<HandshakePolicy> policy)
+	: TcpServer(place, kLimits, "kaq-handshake"), policy_(std::move(policy)) {
 }
 
 HandshakeServer::~HandshakeServer() {
@@ -22,16 +21,17 @@ HandshakeServer::~HandshakeServer() {
 	delete next_policy_.load();
 }
 
-void HandshakeServer::use(std::unique_ptr<const HandshakePolicy> policy) {
+void HandshakeServer::use(std::unique_ptr<HandshakePolicy> policy) {
 	delete next_policy_.exchange(policy.release());
 	wake();
 }
 
 void HandshakeServer::on_tick() {
-	const HandshakePolicy *next = next_policy_.exchange(nullptr);
+	HandshakePolicy *next = next_policy_.exchange(nullptr);
 	if (next) {
 		policy_.reset(next);
 	}
+	policy_->on_tick();
 }
 
 TcpServer::Next HandshakeServer::on_bytes(Connection &connection, std::string_view bytes) {
@@ -71,6 +71,10 @@ void HandshakeServer::on_late(Connection &) {
 
 void HandshakeServer::on_refused() {
 	counts_.refused.fetch_add(1, std::memory_order_relaxed);
+}
+
+void HandshakeServer::on_foreign() {
+	counts_.foreign.fetch_add(1, std::memory_order_relaxed);
 }
 
 } // namespace kaq

@@ -1,14 +1,19 @@
 #include "net/tcp_server.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <memory>
+#include <optional>
 #include <system_error>
 #include <vector>
+
+#include "net/socket_address.h"
 
 namespace kaq {
 namespace {
@@ -19,53 +24,59 @@ constexpr int kPiecesAtATime = 16;
 constexpr std::chrono::milliseconds kTick{100};
 constexpr std::chrono::milliseconds kDrainLook{5};
 
-union Address {
-	sockaddr any;
-	sockaddr_in v4;
-	sockaddr_in6 v6;
-};
-
-/* The length of the address that the text names; 0 if it names none. */
-socklen_t parse_address(const std::string &text, uint16_t port, Address &address) {
-	address = {};
-	if (inet_pton(AF_INET, text.c_str(), &address.v4.sin_addr) == 1) {
-		address.v4.sin_family = AF_INET;
-		address.v4.sin_port = htons(port);
-		return sizeof address.v4;
-	}
-	if (inet_pton(AF_INET6, text.c_str(), &address.v6.sin6_addr) == 1) {
-		address.v6.sin6_family = AF_INET6;
-		address.v6.sin6_port = htons(port);
-		return sizeof address.v6;
-	}
-	return 0;
-}
-
 [[noreturn]] void cannot_listen(int error, const std::string &address, uint16_t port) {
 	throw std::system_error(error, std::generic_category(),
 							"cannot listen on " + address + " port " + std::to_string(port));
 }
 
 UniqueFd listen_on(const std::string &text, uint16_t port, int backlog) {
-	Address address;
-	socklen_t length = parse_address(text, port, address);
-	if (length == 0) {
+	std::optional<SocketAddress> address = SocketAddress::parse(text, port);
+	if (!address) {
 		cannot_listen(EINVAL, text, port);
 	}
-	UniqueFd fd(socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+	UniqueFd fd(socket(address->any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 	int one = 1;
+	/* "::" and "0.0.0.0" can stand side by side. */
+	if (fd && address->any.sa_family == AF_INET6) {
+		setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
+	}
 	if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-		bind(fd.get(), &address.any, length) != 0 || listen(fd.get(), backlog) != 0) {
+		bind(fd.get(), &address->any, address->length()) != 0 || listen(fd.get(), backlog) != 0) {
 		cannot_listen(errno, text, port);
 	}
 	return fd;
 }
 
 uint16_t port_of(int fd) {
-	Address address{};
+	SocketAddress address;
 	socklen_t length = sizeof address;
 	getsockname(fd, &address.any, &length);
-	return ntohs(address.any.sa_family == AF_INET6 ? address.v6.sin6_port : address.v4.sin_port);
+	return address.port();
+}
+
+std::vector<UniqueFd> listen_on_all(const std::vector<std::string> &addresses, uint16_t port,
+									int backlog) {
+	std::vector<UniqueFd> listeners;
+	for (const std::string &address : addresses) {
+		listeners.push_back(listen_on(address, port, backlog));
+		port = port_of(listeners.front().get());
+	}
+	if (listeners.empty()) {
+		cannot_listen(EINVAL, "no address", port);
+	}
+	return listeners;
+}
+
+/* Whether the connection is one of an address to itself. */
+bool is_of_this_host(int fd, const sockaddr &peer) {
+	SocketAddress own;
+	socklen_t length = sizeof own;
+	if (getsockname(fd, &own.any, &length) != 0 || own.any.sa_family != peer.sa_family) {
+		return false;
+	}
+	const auto &other = reinterpret_cast<const SocketAddress &>(peer);
+	return peer.sa_family == AF_INET6 ? IN6_ARE_ADDR_EQUAL(&own.v6.sin6_addr, &other.v6.sin6_addr)
+									  : own.v4.sin_addr.s_addr == other.v4.sin_addr.s_addr;
 }
 
 UniqueFd reserve_descriptor() {
@@ -74,19 +85,27 @@ UniqueFd reserve_descriptor() {
 
 } // namespace
 
-TcpServer::TcpServer(const std::string &address, uint16_t port, const TcpLimits &limits)
-	: limits_(limits), listener_(listen_on(address, port, limits.backlog)),
-	  reserve_(reserve_descriptor()), port_(port_of(listener_.get())) {
-	loop_.watch(listener_.get(), EPOLLIN, this);
+TcpServer::TcpServer(const ListenPlace &place, const TcpLimits &limits, const char *thread_name)
+	: limits_(limits), thread_name_(thread_name),
+	  listeners_(listen_on_all(place.addresses, place.port, limits.backlog)),
+	  reserve_(reserve_descriptor()), port_(port_of(listeners_.front().get())),
+	  networks_(place.networks) {
+	for (const UniqueFd &listener : listeners_) {
+		loop_.watch(listener.get(), EPOLLIN, this);
+	}
 	loop_.every(kTick, [this] { tick(); });
 }
 
 TcpServer::~TcpServer() {
 	join();
+	delete next_networks_.load();
 }
 
 void TcpServer::start() {
-	thread_ = std::thread([this] { loop_.run(); });
+	thread_ = std::thread([this] {
+		pthread_setname_np(pthread_self(), thread_name_);
+		loop_.run();
+	});
 }
 
 void TcpServer::join() {
@@ -98,6 +117,11 @@ void TcpServer::join() {
 
 void TcpServer::wake() {
 	loop_.wake();
+}
+
+void TcpServer::allow(std::vector<Network> networks) {
+	delete next_networks_.exchange(new std::vector<Network>(std::move(networks)));
+	wake();
 }
 
 void TcpServer::stop_listening() {
@@ -114,21 +138,27 @@ bool TcpServer::drain(std::chrono::milliseconds time) {
 }
 
 void TcpServer::tick() {
-	if (is_to_stop_listening_ && listener_) {
-		/* Whoever has connected before is let in. */
-		while (accept_some()) {
+	beats_.fetch_add(1, std::memory_order_relaxed);
+	if (std::unique_ptr<std::vector<Network>> next{next_networks_.exchange(nullptr)}) {
+		networks_.swap(*next);
+	}
+	if (is_to_stop_listening_) {
+		for (UniqueFd &listener : listeners_) {
+			/* Whoever has connected before is let in. */
+			while (accept_some(listener.get())) {
+			}
+			loop_.forget(listener.get());
 		}
-		loop_.forget(listener_.get());
-		listener_.reset();
+		listeners_.clear();
 	}
 	end_late_connections();
 	on_tick();
-	is_drained_ = !listener_ && connections_.empty();
+	is_drained_ = listeners_.empty() && connections_.empty();
 }
 
 void TcpServer::on_ready(int fd, uint32_t events) {
-	if (fd == listener_.get()) {
-		accept_some();
+	if (is_listener(fd)) {
+		accept_some(fd);
 		return;
 	}
 	auto found = connections_.find(fd);
@@ -145,33 +175,56 @@ void TcpServer::on_ready(int fd, uint32_t events) {
 	}
 }
 
-bool TcpServer::accept_some() {
+bool TcpServer::is_listener(int fd) const {
+	return std::any_of(listeners_.begin(), listeners_.end(),
+					   [fd](const UniqueFd &listener) { return listener.get() == fd; });
+}
+
+bool TcpServer::is_allowed(int fd, const sockaddr &peer) const {
+	return networks_.empty() ||
+		   std::any_of(networks_.begin(), networks_.end(),
+					   [&peer](const Network &network) { return network.contains(peer); }) ||
+		   is_of_this_host(fd, peer);
+}
+
+bool TcpServer::accept_some(int listener) {
 	for (int i = 0; i < kPiecesAtATime; i++) {
-		UniqueFd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+		SocketAddress peer;
+		socklen_t length = sizeof peer;
+		UniqueFd fd(accept4(listener, &peer.any, &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
 		if (!fd) {
-			return (errno == EMFILE || errno == ENFILE) && refuse_one();
+			return (errno == EMFILE || errno == ENFILE) && refuse_one(listener);
 		}
-		int number = fd.get();
-		Connection connection;
-		connection.fd = std::move(fd);
-		connection.opened = Clock::now();
-		if (connections_.size() >= limits_.connections) {
-			close_with_reset(connection);
-			on_refused();
-			continue;
-		}
-		loop_.watch(number, EPOLLIN, this);
-		/* What has come already need not wait for the next turn of the loop. */
-		read_from(connections_.emplace(number, std::move(connection)).first->second);
+		admit(std::move(fd), peer.any);
 	}
 	return true;
 }
 
+void TcpServer::admit(UniqueFd fd, const sockaddr &peer) {
+	int number = fd.get();
+	Connection connection;
+	connection.fd = std::move(fd);
+	connection.opened = Clock::now();
+	if (!is_allowed(number, peer)) {
+		close_with_reset(connection);
+		on_foreign();
+		return;
+	}
+	if (connections_.size() >= limits_.connections) {
+		close_with_reset(connection);
+		on_refused();
+		return;
+	}
+	loop_.watch(number, EPOLLIN, this);
+	/* What has come already need not wait for the next turn of the loop. */
+	read_from(connections_.emplace(number, std::move(connection)).first->second);
+}
+
 /* Without a descriptor nobody could be told so: one is held back for that. */
-bool TcpServer::refuse_one() {
+bool TcpServer::refuse_one(int listener) {
 	reserve_.reset();
 	Connection connection;
-	connection.fd.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+	connection.fd.reset(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
 	bool is_refused = static_cast<bool>(connection.fd);
 	if (is_refused) {
 		close_with_reset(connection);

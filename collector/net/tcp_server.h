@@ -15,8 +15,10 @@
 #include <string_view>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include "net/event_loop.h"
+#include "util/network.h"
 #include "util/unique_fd.h"
 
 namespace kaq {
@@ -28,13 +30,20 @@ struct TcpLimits {
 	int backlog;                        /* connections that wait for being accepted */
 };
 
+/* Where to listen, and to whom. A connection of an address to itself is always let in. */
+struct ListenPlace {
+	std::vector<std::string> addresses = {"127.0.0.1"};
+	uint16_t port = 0;             /* 0: a free one, the same at each address */
+	std::vector<Network> networks; /* empty: everybody */
+};
+
 class TcpServer : private ReadyHandler {
 public:
 	/*
-	 * Listens at once; port 0 takes a free one. Throws std::system_error with the address and the
-	 * port in its text if that fails.
+	 * Listens at once. Throws std::system_error with the address and the port in its text if that
+	 * fails. The thread's name has at most 15 characters.
 	 */
-	TcpServer(const std::string &address, uint16_t port, const TcpLimits &limits);
+	TcpServer(const ListenPlace &place, const TcpLimits &limits, const char *thread_name);
 	~TcpServer() override;
 	TcpServer(const TcpServer &) = delete;
 	TcpServer &operator=(const TcpServer &) = delete;
@@ -43,6 +52,12 @@ public:
 		return port_;
 	}
 	void start();
+	/* Changes who is let in, before long. Any thread. */
+	void allow(std::vector<Network> networks);
+	/* Grows several times a second as long as the thread does its work. Any thread. */
+	uint64_t beats() const {
+		return beats_.load(std::memory_order_relaxed);
+	}
 	/* New connections are refused soon; those that are open go on. Any thread. */
 	void stop_listening();
 	/* Waits until that is so and no connection is left; false if the time is up before. Any thread
@@ -75,6 +90,8 @@ protected:
 	}
 	/* There were too many already. */
 	virtual void on_refused() = 0;
+	/* It came from a network that is not allowed. */
+	virtual void on_foreign() = 0;
 
 	/* Called several times a second. */
 	virtual void on_tick() {
@@ -94,8 +111,11 @@ private:
 	void on_ready(int fd, uint32_t events) override;
 	void tick();
 	/* True if more may wait. */
-	bool accept_some();
-	bool refuse_one();
+	bool accept_some(int listener);
+	void admit(UniqueFd fd, const sockaddr &peer);
+	bool refuse_one(int listener);
+	bool is_allowed(int fd, const sockaddr &peer) const;
+	bool is_listener(int fd) const;
 	void read_from(Connection &connection);
 	Next read_piece(Connection &connection);
 	Next flush(Connection &connection);
@@ -105,9 +125,13 @@ private:
 
 	EventLoop loop_;
 	const TcpLimits limits_;
-	UniqueFd listener_;
+	const char *const thread_name_;
+	std::vector<UniqueFd> listeners_;
 	UniqueFd reserve_;
 	const uint16_t port_;
+	std::vector<Network> networks_;
+	std::atomic<std::vector<Network> *> next_networks_{nullptr};
+	std::atomic<uint64_t> beats_{0};
 	std::unordered_map<int, Connection> connections_;
 	std::atomic<bool> is_to_stop_listening_{false};
 	std::atomic<bool> is_drained_{false}; /* and nobody listens */

@@ -43,6 +43,12 @@ public:
 		return value;
 	}
 
+	/* How full it is, from 0 to 1. */
+	double fill() const {
+		std::lock_guard lock(mutex_);
+		return static_cast<double>(values_.size()) / static_cast<double>(most_);
+	}
+
 	/* Nothing more can be put; what is there can still be taken. */
 	void close() {
 		{
@@ -54,7 +60,7 @@ public:
 
 private:
 	const size_t most_;
-	std::mutex mutex_;
+	mutable std::mutex mutex_;
 	std::condition_variable ready_;
 	std::deque<T> values_;
 	bool closed_ = false;

@@ -8,7 +8,7 @@ namespace kaq {
 
 class MemoryBudget {
 public:
-	explicit MemoryBudget(size_t bytes) : left_(bytes) {
+	explicit MemoryBudget(size_t bytes) : whole_(bytes), left_(bytes) {
 	}
 
 	/* False, and nothing taken, if less is left. */
@@ -30,7 +30,13 @@ public:
 		return left_.load(std::memory_order_relaxed);
 	}
 
+	/* How much of it is taken, from 0 to 1. */
+	double fill() const {
+		return 1 - static_cast<double>(left()) / static_cast<double>(whole_);
+	}
+
 private:
+	const size_t whole_;
 	std::atomic<size_t> left_;
 };
 

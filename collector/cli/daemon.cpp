@@ -1,0 +1,280 @@
+#include "cli/daemon.h"
+
+#include <grp.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "analysis/summary.h"
+#include "cli/places.h"
+#include "cli/reload.h"
+#include "cli/service_manager.h"
+#include "cli/summary_text.h"
+#include "ingest/rules_policy.h"
+#include "util/log.h"
+
+namespace kaq {
+namespace {
+
+/* Of all payloads that are being received or wait for being read. */
+constexpr size_t kPayloadMemory = 96 * 1024 * 1024;
+constexpr std::chrono::milliseconds kDrainTime{5000};
+constexpr timespec kBetweenLooks{0, 200 * 1000 * 1000};
+constexpr std::chrono::seconds kBetweenCounts{1};
+constexpr std::chrono::seconds kBetweenCounters{10};
+constexpr std::chrono::seconds kBetweenProbes{5};
+constexpr const char *kHttpAddress = "127.0.0.1";
+
+HttpAnswer answer_http(const HttpRequest &request) {
+	HttpAnswer answer;
+	if (request.method != "GET" && request.method != "HEAD") {
+		return {405, "text/plain", "only GET\n", false};
+	}
+	if (request.path == "/healthz") {
+		return {200, "text/plain", "ok\n", false};
+	}
+	if (request.path == "/api/v1/live") {
+		answer.is_live = true;
+		return answer;
+	}
+	return {404, "text/plain", "nothing here\n", false};
+}
+
+PipelineSettings pipeline_settings(const Configuration &configuration) {
+	return {configuration.scrub, with_usual_rules(configuration.names.rules)};
+}
+
+/* Where a process of this host finds a port that listens there. */
+std::string reachable(const std::string &address) {
+	if (address == "0.0.0.0") {
+		return "127.0.0.1";
+	}
+	return address == "::" ? "::1" : address;
+}
+
+/* Where the group is there and we may, its members can use the socket. */
+void give_to_group(const std::string &path, const std::string &name) {
+	const group *found = getgrnam(name.c_str());
+	if (found && chown(path.c_str(), static_cast<uid_t>(-1), found->gr_gid) != 0) {
+		log_line(LogLevel::kWarning, "cannot give " + path + " to the group " + name);
+	}
+}
+
+[[noreturn]] void end_for_stall() {
+	/* Not even a log that nobody reads may keep it. */
+	signal(SIGALRM, SIG_DFL);
+	alarm(1);
+	log_line(LogLevel::kError, "the handshake thread has stood still for 2 seconds: the process "
+							   "ends, so that requests are refused rather than kept waiting");
+	abort();
+}
+
+void say(const ConfigurationMistakes &mistakes, const std::string &file) {
+	log_line(LogLevel::kError, "the configuration has mistakes, and the old one stays");
+	for (const ConfigurationMistake &each : mistakes) {
+		std::string line = mistakes_text(file, {each});
+		line.pop_back();
+		log_line(LogLevel::kError, line);
+	}
+}
+
+} // namespace
+
+Configuration effective_configuration(const CollectOptions &options) {
+	ConfigurationOrMistakes configuration = load_with_options(options);
+	if (!configuration) {
+		std::string text =
+			mistakes_text(configuration_file(options.configuration), configuration.error());
+		text.pop_back();
+		throw std::runtime_error(text);
+	}
+	return std::move(*configuration);
+}
+
+Daemon::Daemon(const CollectOptions &options, Configuration configuration)
+	: options_(options), configuration_(std::move(configuration)), budget_(kPayloadMemory) {
+	const ListenSettings &listen = configuration_.listen;
+	const std::string socket = socket_of(configuration_.store.directory);
+	pipeline_ = std::make_unique<Pipeline>(
+		pipeline_settings(configuration_),
+		[this](const std::shared_ptr<const Transaction> &transaction) { keep(*transaction); });
+	handshake_ = std::make_unique<HandshakeServer>(
+		ListenPlace{listen.addresses, listen.handshake_port, listen.handshake_networks}, policy());
+	data_ = std::make_unique<DataServer>(
+		ListenPlace{listen.addresses, listen.data_port, listen.data_networks}, budget_,
+		[this](BudgetedBuffer &&bytes) { return pipeline_->accept(std::move(bytes)); });
+	http_ = std::make_unique<HttpServer>(HttpSettings{kHttpAddress, listen.http_port, socket,
+													  token_of(configuration_.store.directory)},
+										 answer_http, feed_);
+	give_to_group(socket, listen.socket_group);
+	add_counters();
+}
+
+Daemon::~Daemon() = default;
+
+std::unique_ptr<HandshakePolicy> Daemon::policy() {
+	RulesSettings settings;
+	settings.monitor = configuration_.monitor;
+	settings.names = configuration_.names.rules;
+	settings.most_names = configuration_.names.cap;
+	settings.scrub = configuration_.scrub;
+	return std::make_unique<RulesPolicy>(std::move(settings), counter_, overload_);
+}
+
+void Daemon::start() {
+	/* What is recorded from now on has to find the data port open. */
+	data_->start();
+	http_->start();
+	handshake_->start();
+	const std::vector<std::string> &addresses = configuration_.listen.addresses;
+	probe_ = std::make_unique<HandshakeProbe>(reachable(addresses.front()), handshake_->port(),
+											  kBetweenProbes);
+	watchdog_ = std::make_unique<Watchdog>(
+		WatchdogSettings(), [this] { return handshake_->beats(); }, tell_alive, end_for_stall);
+	printf("kaq: collecting on %s: handshakes %u, payloads %u, http %u; store %s\n",
+		   fmt::format("{}", fmt::join(addresses, " and ")).c_str(), handshake_->port(),
+		   data_->port(), http_->port(), configuration_.store.directory.c_str());
+	fflush(stdout);
+	tell_ready(status());
+}
+
+void Daemon::run() {
+	sigset_t set;
+	sigemptyset(&set);
+	for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
+		sigaddset(&set, signal);
+	}
+	start();
+	for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
+		signal = sigtimedwait(&set, nullptr, &kBetweenLooks);
+		if (signal == SIGHUP) {
+			reload();
+		}
+		look();
+	}
+	stop();
+}
+
+void Daemon::stop() {
+	tell_stopping();
+	handshake_->stop_listening();
+	handshake_->drain(kDrainTime);
+	probe_.reset();
+	watchdog_.reset();
+	data_->stop_listening();
+	data_->drain(kDrainTime);
+	counter_log_.look();
+	handshake_.reset();
+	keep(counter_.take_rest());
+	/* What was received is read to its end. */
+	data_.reset();
+	pipeline_.reset();
+}
+
+void Daemon::reload() {
+	tell_reloading();
+	ConfigurationOrMistakes next = load_with_options(options_);
+	if (next) {
+		for (const std::string &setting : keep_fixed_settings(configuration_, *next)) {
+			log_line(LogLevel::kWarning,
+					 setting + " cannot change while the collector runs: it stays as it was");
+		}
+		configuration_ = std::move(*next);
+		handshake_->use(policy());
+		handshake_->allow(configuration_.listen.handshake_networks);
+		data_->allow(configuration_.listen.data_networks);
+		pipeline_->use(pipeline_settings(configuration_));
+		log_line(LogLevel::kInfo, "the configuration was read again");
+	} else {
+		say(next.error(), configuration_file(options_.configuration));
+	}
+	tell_ready(status());
+}
+
+void Daemon::look() {
+	Clock::time_point now = Clock::now();
+	look_at_load(now);
+	if (now - counts_taken_ >= kBetweenCounts) {
+		counts_taken_ = now;
+		keep(counter_.take());
+	}
+	if (now - counters_said_ >= kBetweenCounters) {
+		counters_said_ = now;
+		counter_log_.look();
+		tell_status(status());
+	}
+}
+
+void Daemon::look_at_load(Clock::time_point now) {
+	double fill = std::max(budget_.fill(), pipeline_->fill());
+	auto change = overload_.look(fill, configuration_.overload.lowers_share, now);
+	double share = static_cast<double>(overload_.share()) / kWholeShare;
+	if (change == OverloadControl::Change::kLowered) {
+		log_some(LogLevel::kWarning, "load",
+				 fmt::format("payloads come faster than they are read, and {:.0f} % of the room "
+							 "for them is taken: {:.1f} % of the requests are recorded that the "
+							 "rules want",
+							 100 * fill, 100 * share));
+	} else if (change == OverloadControl::Change::kRaised) {
+		log_some(LogLevel::kInfo, "load",
+				 fmt::format("{:.1f} % of the requests are recorded again that the rules want",
+							 100 * share));
+	}
+}
+
+/* The store takes them from here. */
+void Daemon::keep(const std::vector<HandshakeCount> &counts) {
+	for (const HandshakeCount &each : counts) {
+		totals_.asked += each.asked;
+		totals_.monitored += each.monitored;
+		totals_.shed += each.shed;
+	}
+}
+
+/* The store takes it from here, on the pipeline's thread. */
+void Daemon::keep(const Transaction &transaction) {
+	if (feed_.has_listeners()) {
+		feed_.publish(to_json(summarise(transaction))
+						  .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+	}
+}
+
+std::string Daemon::status() const {
+	HandshakeLatency latency = probe_ ? probe_->latency() : HandshakeLatency();
+	return fmt::format("{} requests asked, {} recorded, {} left out for load; a handshake takes "
+					   "{} us, 1 in 100 more than {} us",
+					   totals_.asked, totals_.monitored, totals_.shed, latency.p50.count(),
+					   latency.p99.count());
+}
+
+void Daemon::add_counters() {
+	auto add = [this](const char *text, const std::atomic<uint64_t> &counter) {
+		counter_log_.add(text, [&counter] { return counter.load(std::memory_order_relaxed); });
+	};
+	const HandshakeCounts &handshakes = handshake_->counts();
+	add("handshakes were refused: too many at a time", handshakes.refused);
+	add("handshakes were refused: their network is not allowed", handshakes.foreign);
+	add("handshakes ended before their request was whole", handshakes.late);
+	const DataCounts &payloads = data_->counts();
+	add("payloads were refused: too many at a time", payloads.refused);
+	add("payloads were refused: their network is not allowed", payloads.foreign);
+	add("payloads were dropped: no memory is left for them", payloads.no_memory);
+	add("payloads were dropped: they are too long", payloads.too_long);
+	add("payloads were dropped: too many wait for being read", payloads.not_taken);
+	add("payloads did not end in time", payloads.late);
+	const PipelineCounts &read = pipeline_->counts();
+	add("payloads ended within a line", read.incomplete);
+	for (size_t i = 0; i < kPayloadErrors; i++) {
+		std::string name(payload_error_name(static_cast<PayloadError>(i)));
+		add(("payloads could not be read: " + name).c_str(), read.errors[i]);
+	}
+}
+
+} // namespace kaq

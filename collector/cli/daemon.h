@@ -1,0 +1,82 @@
+/*
+ * The running collector: its ports, what stands behind them, and their life from the first to the
+ * last. One thread makes it, runs it and ends it.
+ */
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli/configuration.h"
+#include "cli/counter_log.h"
+#include "cli/verbs.h"
+#include "http/http_server.h"
+#include "ingest/handshake_counts.h"
+#include "ingest/overload_control.h"
+#include "ingest/pipeline.h"
+#include "net/data_server.h"
+#include "net/handshake_probe.h"
+#include "net/handshake_server.h"
+#include "util/memory_budget.h"
+#include "util/watchdog.h"
+
+namespace kaq {
+
+/* The file's settings, with the options that win over them. Throws std::runtime_error with a line
+ * for each mistake. */
+Configuration effective_configuration(const CollectOptions &options);
+
+class Daemon {
+public:
+	/* Opens the ports; throws std::system_error if one cannot be had. REQUIRES: SIGTERM, SIGINT and
+	 * SIGHUP are blocked. */
+	Daemon(const CollectOptions &options, Configuration configuration);
+	~Daemon();
+	Daemon(const Daemon &) = delete;
+	Daemon &operator=(const Daemon &) = delete;
+
+	/* Until SIGTERM or SIGINT; SIGHUP reads the configuration again. */
+	void run();
+
+private:
+	using Clock = std::chrono::steady_clock;
+
+	void start();
+	void stop();
+	/* All of a new configuration, or nothing. */
+	void reload();
+	/* What is due between signals. */
+	void look();
+	void look_at_load(Clock::time_point now);
+	void keep(const std::vector<HandshakeCount> &counts);
+	void keep(const Transaction &transaction);
+	void add_counters();
+	std::unique_ptr<HandshakePolicy> policy();
+	std::string status() const;
+
+	const CollectOptions options_;
+	Configuration configuration_;
+
+	/* What takes requests in. The store belongs before them, since they end first. */
+	MemoryBudget budget_;
+	LiveFeed feed_;
+	OverloadControl overload_;
+	HandshakeCounter counter_;
+	std::unique_ptr<Pipeline> pipeline_;
+
+	std::unique_ptr<HandshakeServer> handshake_;
+	std::unique_ptr<DataServer> data_;
+	std::unique_ptr<HttpServer> http_;
+
+	/* What looks after them. */
+	std::unique_ptr<HandshakeProbe> probe_;
+	std::unique_ptr<Watchdog> watchdog_;
+	CounterLog counter_log_;
+	HandshakeCount totals_;
+	Clock::time_point counts_taken_{};
+	Clock::time_point counters_said_{};
+};
+
+} // namespace kaq

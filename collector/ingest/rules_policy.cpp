@@ -1,0 +1,55 @@
+#include "ingest/rules_policy.h"
+
+namespace kaq {
+
+RulesPolicy::RulesPolicy(RulesSettings settings, HandshakeCounter &counter,
+						 const OverloadControl &overload)
+	: settings_(std::move(settings)), all_names_(with_usual_rules(settings_.names)),
+	  counter_(counter), overload_(overload), begins_(settings_.monitor.size() + 1) {
+	settings_.monitor.emplace_back();
+}
+
+size_t RulesPolicy::rule_of(const HandshakeRequest &request, std::string_view path) const {
+	size_t i = 0;
+	while (i + 1 < settings_.monitor.size() &&
+		   !(matches_glob(request.application, settings_.monitor[i].application) &&
+			 matches_glob(path, settings_.monitor[i].transaction))) {
+		i++;
+	}
+	return i;
+}
+
+HandshakeAnswer RulesPolicy::answer(const HandshakeRequest &request) {
+	HandshakeAnswer answer;
+	answer.instance_id = instance_id_of(request);
+	answer.application_id = application_id_of(request.application);
+	if (request.application == kProbeApplication) {
+		return answer;
+	}
+	std::string_view asked = request.transaction;
+	std::string path = without_secrets(asked.substr(0, asked.find('?')), settings_.scrub);
+	size_t place = rule_of(request, path);
+	const MonitorRule &rule = settings_.monitor[place];
+	answer.sql_stack_seconds = rule.sql_stack_seconds;
+	if (request.takes_snippet) {
+		answer.snippet = rule.snippet;
+	}
+	/* The query, which a name with parameters needs, is not known yet. */
+	const NamingRule *naming = naming_rule(request.application, path, settings_.names);
+	if (naming && naming->parameters.empty()) {
+		answer.transaction = naming->name;
+	}
+	HandshakeCount count;
+	count.application = request.application;
+	count.name = transaction_name(request.application, path, "", all_names_);
+	count.instance = answer.instance_id;
+	answer.is_monitored = counter_.is_monitored(count, settings_.most_names, rule.share,
+												overload_.share(), begins_[place]);
+	return answer;
+}
+
+void RulesPolicy::on_tick() {
+	counter_.publish(HandshakeCounter::Clock::now());
+}
+
+} // namespace kaq
