@@ -1,6 +1,12 @@
 #include "ingest/rules_policy.h"
 
 namespace kaq {
+namespace {
+
+/* Patterns are tried on no more of a path, which a visitor chooses. */
+constexpr size_t kLongestPath = 1024;
+
+} // namespace
 
 RulesPolicy::RulesPolicy(RulesSettings settings, HandshakeCounter &counter,
 						 const OverloadControl &overload)
@@ -26,7 +32,7 @@ HandshakeAnswer RulesPolicy::answer(const HandshakeRequest &request) {
 	if (request.application == kProbeApplication) {
 		return answer;
 	}
-	std::string_view asked = request.transaction;
+	std::string_view asked = std::string_view(request.transaction).substr(0, kLongestPath);
 	std::string path = without_secrets(asked.substr(0, asked.find('?')), settings_.scrub);
 	size_t place = rule_of(request, path);
 	const MonitorRule &rule = settings_.monitor[place];

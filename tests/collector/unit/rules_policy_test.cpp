@@ -105,6 +105,13 @@ TEST_F(Rules, SecretsOfPathsAreNotCountedBy) {
 	EXPECT_EQ(0u, count.name.find("/a/token="));
 }
 
+/* Otherwise many patterns with many stars would take as long as a visitor likes. */
+TEST_F(Rules, OfALongPathOnlyTheBeginningIsLookedAt) {
+	settings.monitor = {rule("*", "*b", 0)};
+	EXPECT_FALSE(ask(std::string(1023, 'a') + "b").is_monitored);
+	EXPECT_TRUE(ask(std::string(1024, 'a') + "b").is_monitored);
+}
+
 TEST_F(Rules, TheCollectorsOwnHandshakesAreNotCounted) {
 	settings.monitor = {rule("*", "*", 0)};
 	EXPECT_TRUE(ask("/", std::string(kaq::kProbeApplication)).is_monitored);
