@@ -38,7 +38,7 @@ struct StatementFacts {
 	int64_t count = 0;    /* executions; 0 if it was only prepared */
 	int64_t total = 0;
 	int64_t longest = 0;
-	int64_t failed = 0; /* executions that an error or an exception hit */
+	int64_t failed = 0;             /* executions that an error or an exception hit */
 	std::vector<int64_t> durations; /* of the executions */
 };
 

@@ -93,6 +93,8 @@ void read_store(TomlSection &section, StoreSettings &store) {
 	section.read_duration("hours_age", store.hours_age, hours(1), kLongestAge);
 	section.read_size("partition_size", store.partition_size, kMebibyte, kLargestCap);
 	section.read_duration("partition_age", store.partition_age, minutes(1), hours(24));
+	section.read("keep_all", store.keeps_all);
+	section.read_duration("documents_last", store.documents_time, hours(1), kLongestAge);
 	if (section.has("directory") && store.directory.substr(0, 1) != "/") {
 		section.mistake("directory", "has to be a path that begins with \"/\"");
 	}

@@ -42,6 +42,8 @@ struct StoreSettings {
 	std::chrono::milliseconds hours_age = std::chrono::hours(400 * 24);
 	uint64_t partition_size = 256ull << 20;
 	std::chrono::milliseconds partition_age = std::chrono::hours(1);
+	bool keeps_all = false; /* documents; otherwise the room is to last for that time: */
+	std::chrono::milliseconds documents_time = std::chrono::hours(24);
 };
 
 struct NameSettings {

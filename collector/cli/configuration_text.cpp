@@ -41,7 +41,9 @@ toml::table store_table(const StoreSettings &store) {
 					  {"minutes_age", duration_text(store.minutes_age)},
 					  {"hours_age", duration_text(store.hours_age)},
 					  {"partition_size", size_text(store.partition_size)},
-					  {"partition_age", duration_text(store.partition_age)}};
+					  {"partition_age", duration_text(store.partition_age)},
+					  {"keep_all", store.keeps_all},
+					  {"documents_last", duration_text(store.documents_time)}};
 	if (!store.directory.empty()) {
 		table.insert("directory", store.directory);
 	}

@@ -18,7 +18,12 @@
 #include "cli/service_manager.h"
 #include "cli/summary_text.h"
 #include "ingest/rules_policy.h"
+#include "query/mistake_json.h"
+#include "query/parser.h"
+#include "store/request_view.h"
+#include "store/sqlite_store.h"
 #include "util/log.h"
+#include "util/query_string.h"
 
 namespace kaq {
 namespace {
@@ -32,19 +37,55 @@ constexpr std::chrono::seconds kBetweenCounters{10};
 constexpr std::chrono::seconds kBetweenProbes{5};
 constexpr const char *kHttpAddress = "127.0.0.1";
 
-HttpAnswer answer_http(const HttpRequest &request) {
+HttpAnswer answer_live(const HttpRequest &request) {
+	ParseSettings settings;
+	settings.is_live = true;
+	std::string query = form_decoded(query_parameter(request.query, "q"));
+	auto filter = parse_query(query, settings);
 	HttpAnswer answer;
+	if (filter) {
+		answer.is_live = true;
+		answer.live_filter = std::move(*filter);
+	} else {
+		answer.status = 400;
+		answer.body = to_json(filter.error()).dump();
+	}
+	return answer;
+}
+
+HttpAnswer answer_http(const HttpRequest &request) {
 	if (request.method != "GET" && request.method != "HEAD") {
-		return {405, "text/plain", "only GET\n", false};
+		return {405, "text/plain", "only GET\n", false, {}};
 	}
 	if (request.path == "/healthz") {
-		return {200, "text/plain", "ok\n", false};
+		return {200, "text/plain", "ok\n", false, {}};
 	}
 	if (request.path == "/api/v1/live") {
-		answer.is_live = true;
-		return answer;
+		return answer_live(request);
 	}
-	return {404, "text/plain", "nothing here\n", false};
+	return {404, "text/plain", "nothing here\n", false, {}};
+}
+
+SqliteSettings store_settings(const Configuration &configuration) {
+	const StoreSettings &wanted = configuration.store;
+	SqliteSettings settings;
+	settings.directory = wanted.directory;
+	settings.most_bytes = static_cast<int64_t>(wanted.size_cap);
+	settings.age = wanted.age.count();
+	settings.file_bytes = static_cast<int64_t>(wanted.partition_size);
+	settings.file_time = wanted.partition_age.count();
+	settings.figures = {wanted.minutes_age.count(), wanted.hours_age.count(),
+						static_cast<int64_t>(wanted.rollup_cap)};
+	settings.caps.names = configuration.names.cap;
+	settings.documents.keeps_all = wanted.keeps_all;
+	settings.documents.time = wanted.documents_time.count();
+	return settings;
+}
+
+int64_t system_time() {
+	return std::chrono::duration_cast<std::chrono::milliseconds>(
+			   std::chrono::system_clock::now().time_since_epoch())
+		.count();
 }
 
 PipelineSettings pipeline_settings(const Configuration &configuration) {
@@ -102,6 +143,8 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	: options_(options), configuration_(std::move(configuration)), budget_(kPayloadMemory) {
 	const ListenSettings &listen = configuration_.listen;
 	const std::string socket = socket_of(configuration_.store.directory);
+	store_ = std::make_unique<SqliteStore>(store_settings(configuration_));
+	recorder_ = std::make_unique<Recorder>(*store_);
 	pipeline_ = std::make_unique<Pipeline>(
 		pipeline_settings(configuration_),
 		[this](const std::shared_ptr<const Transaction> &transaction) { keep(*transaction); });
@@ -229,21 +272,27 @@ void Daemon::look_at_load(Clock::time_point now) {
 	}
 }
 
-/* The store takes them from here. */
 void Daemon::keep(const std::vector<HandshakeCount> &counts) {
+	std::vector<AskedCount> asked;
 	for (const HandshakeCount &each : counts) {
 		totals_.asked += each.asked;
 		totals_.monitored += each.monitored;
 		totals_.shed += each.shed;
+		asked.push_back({each.application, each.name, static_cast<int64_t>(each.asked),
+						 static_cast<int64_t>(each.monitored)});
 	}
+	store_->put_asked(system_time(), asked);
 }
 
-/* The store takes it from here, on the pipeline's thread. */
+/* On the pipeline's thread. */
 void Daemon::keep(const Transaction &transaction) {
 	if (feed_.has_listeners()) {
-		feed_.publish(to_json(summarise(transaction))
-						  .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+		Summary summary = summarise(transaction);
+		feed_.publish(TransactionView(transaction, summary, {}), [&summary] {
+			return to_json(summary).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+		});
 	}
+	recorder_->record(transaction);
 }
 
 std::string Daemon::status() const {

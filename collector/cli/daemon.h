@@ -16,9 +16,11 @@
 #include "ingest/handshake_counts.h"
 #include "ingest/overload_control.h"
 #include "ingest/pipeline.h"
+#include "ingest/recorder.h"
 #include "net/data_server.h"
 #include "net/handshake_probe.h"
 #include "net/handshake_server.h"
+#include "store/store.h"
 #include "util/memory_budget.h"
 #include "util/watchdog.h"
 
@@ -59,7 +61,11 @@ private:
 	const CollectOptions options_;
 	Configuration configuration_;
 
-	/* What takes requests in. The store belongs before them, since they end first. */
+	/* Outlives what takes requests in. */
+	std::unique_ptr<Store> store_;
+	std::unique_ptr<Recorder> recorder_;
+
+	/* What takes requests in. */
 	MemoryBudget budget_;
 	LiveFeed feed_;
 	OverloadControl overload_;

@@ -24,7 +24,8 @@ ServingLookup::ServingLookup(std::string processes) : processes_(std::move(proce
 
 Serving ServingLookup::of(int64_t thread, int64_t now) {
 	auto known = known_.find(thread);
-	if (known != known_.end() && now >= known->second.since && now - known->second.since < kMinute) {
+	if (known != known_.end() && now >= known->second.since &&
+		now - known->second.since < kMinute) {
 		return known->second.serving;
 	}
 	if (known_.size() >= kMostKnown) {

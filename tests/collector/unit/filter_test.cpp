@@ -124,6 +124,9 @@ protected:
 		Span &root = transaction.spans.emplace_back();
 		root.name = "main";
 		root.id = "aa";
+		root.component = "PHP";
+		root.start = 5000;
+		root.end = 5400;
 		Failure failure;
 		failure.type = "App\\StockException";
 		failure.message = "Out of stock";
@@ -132,6 +135,7 @@ protected:
 		query.name = "PDO::query";
 		query.component = "PDO";
 		query.query = "SELECT * FROM product";
+		query.is_external = true;
 		query.parent = 0;
 		query.start = 5000;
 		query.end = 5030;

@@ -16,9 +16,9 @@ protected:
 	void process(int64_t thread, const std::string &name, int64_t process, int threads) {
 		std::string directory = directory_.path() + "/" + std::to_string(thread);
 		std::filesystem::create_directories(directory);
-		std::ofstream(directory + "/status") << "Name:\t" << name << "\nUmask:\t0022\nTgid:\t"
-											 << process << "\nPid:\t" << thread << "\nThreads:\t"
-											 << threads << "\n";
+		std::ofstream(directory + "/status")
+			<< "Name:\t" << name << "\nUmask:\t0022\nTgid:\t" << process << "\nPid:\t" << thread
+			<< "\nThreads:\t" << threads << "\n";
 	}
 
 	kaq_test::Directory directory_;

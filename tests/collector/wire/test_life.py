@@ -228,9 +228,13 @@ PTRACE_SEIZE, PTRACE_INTERRUPT, WALL = 0x4206, 0x4207, 0x40000000
 
 
 def thread_named(process, name):
-    for task in pathlib.Path("/proc/%d/task" % process.pid).iterdir():
-        if (task / "comm").read_text().strip() == name:
-            return int(task.name)
+    """A thread names itself soon after its start."""
+    deadline = time.monotonic() + SECONDS
+    while time.monotonic() < deadline:
+        for task in pathlib.Path("/proc/%d/task" % process.pid).iterdir():
+            if (task / "comm").read_text().strip() == name:
+                return int(task.name)
+        time.sleep(0.05)
     raise AssertionError("there is no such thread")
 
 
