@@ -154,8 +154,7 @@ Change change_of(const ProfileRow &before, const ProfileRow &after) {
 	double mean = static_cast<double>(before.own) / static_cast<double>(before.count);
 	double by_count = mean * static_cast<double>(after.count - before.count);
 	double by_duration = static_cast<double>(after.own - before.own) - by_count;
-	bool is_count = after.count != before.count && std::abs(by_count) >= std::abs(by_duration);
-	return is_count ? Change::kCount : Change::kDuration;
+	return std::abs(by_count) >= std::abs(by_duration) ? Change::kCount : Change::kDuration;
 }
 
 Difference difference_of(const ProfileRow *before_row, const ProfileRow *after_row) {

@@ -1,7 +1,8 @@
 #include "analysis/facts.h"
 
 #include <algorithm>
-#include <unordered_map>
+#include <map>
+#include <tuple>
 
 #include "analysis/failure_group.h"
 #include "analysis/http_call.h"
@@ -16,11 +17,11 @@ std::string kept(std::string_view text) {
 }
 
 /* The entries of a list by a key; behind the last one that is told apart, one for all others. */
-template <typename Entry> class Entries {
+template <typename Entry, typename Key> class Entries {
 public:
 	/* New entries are filled by `fill(entry)`, the one for all others by `fill_other(entry)`. */
 	template <typename Fill, typename FillOther>
-	Entry &at(const std::string &key, const Fill &fill, const FillOther &fill_other) {
+	Entry &at(const Key &key, const Fill &fill, const FillOther &fill_other) {
 		auto known = by_key_.find(key);
 		if (known != by_key_.end()) {
 			return list_[known->second];
@@ -45,17 +46,8 @@ public:
 
 private:
 	std::vector<Entry> list_;
-	std::unordered_map<std::string, size_t> by_key_;
+	std::map<Key, size_t> by_key_;
 };
-
-std::string key_of(std::initializer_list<std::string_view> parts) {
-	std::string key;
-	for (std::string_view part : parts) {
-		key += part;
-		key += '\0';
-	}
-	return key;
-}
 
 class StatementCounter {
 public:
@@ -92,7 +84,7 @@ private:
 		auto caller = static_cast<size_t>(callers_[static_cast<size_t>(execution.span)]);
 		std::string_view name = spans_[caller].name;
 		return entries_.at(
-			key_of({text, span.component, database.server, database.name, name}),
+			{execution.text, execution.database, span.component, name},
 			[&](StatementFacts &facts) {
 				facts.text = kept(text);
 				facts.component = kept(span.component);
@@ -106,11 +98,13 @@ private:
 	const std::vector<Span> &spans_;
 	const std::vector<int32_t> callers_;
 	const Statements statements_;
-	Entries<StatementFacts> entries_;
+	/* Texts and databases are told apart by their indexes. */
+	Entries<StatementFacts, std::tuple<uint32_t, uint32_t, std::string_view, std::string_view>>
+		entries_;
 };
 
 std::vector<HostFacts> hosts_of(const Transaction &transaction) {
-	Entries<HostFacts> entries;
+	Entries<HostFacts, std::string> entries;
 	for (const Span &span : transaction.spans) {
 		if (!is_http_call(span)) {
 			continue;
@@ -137,7 +131,7 @@ int severity_of(std::string_view level) {
 
 /* What was thrown and not caught is in the document twice. */
 std::vector<FailureFacts> failures_of(const Transaction &transaction) {
-	Entries<FailureFacts> entries;
+	Entries<FailureFacts, std::string> entries;
 	for (const Span &span : transaction.spans) {
 		for (const Failure &failure : span.failures) {
 			FailureGroup group = group_of(failure);

@@ -145,18 +145,14 @@ class StatementFinder {
 public:
 	StatementFinder(const Examined &request, std::vector<Finding> &findings)
 		: request_(request), findings_(findings), statements_(statements_of(request.transaction)),
-		  costs_(request.transaction.spans.size()), duplicate_gain_(statements_.texts.size()) {
-		for (const std::string &text : statements_.texts) {
-			std::string lowered = lower(text);
-			tables_.push_back(first_table(lowered));
-			written_.push_back(plain_table(lowered));
-			repeatable_.push_back(is_repeatable(lowered) ? lowered : "");
-		}
+		  costs_(request.transaction.spans.size()), written_(statements_.texts.size()),
+		  repeatable_(statements_.texts.size()), duplicate_gain_(statements_.texts.size()) {
 		for (const Execution &each : statements_.executions) {
 			costs_[static_cast<size_t>(each.span)] =
 				request.span(each.span).duration() +
 				(each.prepared < 0 ? 0 : request.span(each.prepared).duration());
 		}
+		look_at_texts();
 	}
 
 	void run() {
@@ -170,6 +166,24 @@ private:
 		Group group;
 		uint32_t text = 0;
 	};
+
+	/* Only at what may matter: most texts are executed once, or with places for values. */
+	void look_at_texts() {
+		std::vector<size_t> counts(statements_.texts.size());
+		for (const Execution &each : statements_.executions) {
+			counts[each.text] += each.has_places ? 0 : 1;
+		}
+		bool has_candidates =
+			std::any_of(counts.begin(), counts.end(), [](size_t count) { return count > 1; });
+		for (uint32_t text = 0; has_candidates && text < counts.size(); text++) {
+			bool is_write = Writes::is_write(text, statements_);
+			if (is_write || counts[text] > 1) {
+				std::string lowered = lower(statements_.texts[text]);
+				written_[text] = is_write ? plain_table(lowered) : "";
+				repeatable_[text] = is_repeatable(lowered) ? lowered : "";
+			}
+		}
+	}
 
 	int64_t cost_of(int32_t span) const {
 		return costs_[static_cast<size_t>(span)];
@@ -253,7 +267,7 @@ private:
 			std::string begin = group.spans.size() == 1 ? "One statement"
 														: std::to_string(group.spans.size()) +
 															  " times a slow statement";
-			const std::string &table = tables_[text];
+			std::string table = lower(first_table(statements_.texts[text]));
 			add(FindingKind::kSlowStatement,
 				begin + (table.empty() ? "" : " on " + said(table)) +
 					place_text(request_, common_caller(request_, group.spans)),
@@ -273,7 +287,6 @@ private:
 	std::vector<Finding> &findings_;
 	const Statements statements_;
 	std::vector<int64_t> costs_;          /* by span: an execution with what was prepared for it */
-	std::vector<std::string> tables_;     /* by text */
 	std::vector<std::string> written_;    /* by text: its table, if it is known for certain */
 	std::vector<std::string> repeatable_; /* by text: it in lower case, or nothing if it is not */
 	std::vector<int64_t> duplicate_gain_; /* by text: what is said of its duplicates */

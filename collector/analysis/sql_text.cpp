@@ -3,21 +3,43 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdint>
 
 namespace kaq {
 namespace {
 
+enum CharacterKind : uint8_t { kSignKind = 0, kBlankKind = 1, kDigitKind = 2, kNameKind = 4 };
+
+/* Statements are looked at character by character, of every request: by a table. */
+constexpr std::array<uint8_t, 256> character_kinds() {
+	std::array<uint8_t, 256> kinds = {};
+	for (size_t byte = 0; byte < kinds.size(); byte++) {
+		bool is_digit = byte >= '0' && byte <= '9';
+		bool is_letter = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z');
+		bool is_name = is_digit || is_letter || byte == '_' || byte == '$' || byte >= 0x80;
+		bool is_blank = byte == ' ' || (byte >= '\t' && byte <= '\r');
+		kinds[byte] = static_cast<uint8_t>((is_blank ? kBlankKind : 0) |
+										   (is_digit ? kDigitKind : 0) | (is_name ? kNameKind : 0));
+	}
+	return kinds;
+}
+
+constexpr std::array<uint8_t, 256> kKinds = character_kinds();
+
+bool is_of(char character, CharacterKind kind) {
+	return (kKinds[static_cast<unsigned char>(character)] & kind) != 0;
+}
+
 bool is_blank(char character) {
-	return isspace(static_cast<unsigned char>(character)) != 0;
+	return is_of(character, kBlankKind);
 }
 
 bool is_digit(char character) {
-	return character >= '0' && character <= '9';
+	return is_of(character, kDigitKind);
 }
 
 bool is_name_character(char character) {
-	auto byte = static_cast<unsigned char>(character);
-	return isalnum(byte) || byte == '_' || byte == '$' || byte >= 0x80;
+	return is_of(character, kNameKind);
 }
 
 /* Walks through a statement token by token. */
@@ -155,6 +177,7 @@ std::string lower(std::string_view text) {
 
 std::string without_literals(std::string_view statement, bool has_quoted_names) {
 	std::string text;
+	text.reserve(statement.size());
 	Tokens tokens(statement, has_quoted_names);
 	for (Tokens::Kind kind = tokens.next(); kind != Tokens::Kind::kEnd; kind = tokens.next()) {
 		switch (kind) {

@@ -104,11 +104,16 @@ bool is_one_of(std::string_view word, const std::array<std::string_view, count> 
  * place for a parameter. */
 bool leaves_values_open(std::string_view text) {
 	for (size_t at = 0; at < text.size(); at++) {
+		if (text[at] == '?') {
+			return true;
+		}
+		if (text[at] != '$' && text[at] != ':') {
+			continue;
+		}
 		bool is_followed =
 			at + 1 < text.size() && (isalnum(static_cast<unsigned char>(text[at + 1])) != 0);
-		bool is_cast = at > 0 && text[at - 1] == ':';
-		if (text[at] == '?' || (text[at] == '$' && is_followed) ||
-			(text[at] == ':' && is_followed && !is_cast)) {
+		bool is_cast = text[at] == ':' && at > 0 && text[at - 1] == ':';
+		if (is_followed && !is_cast) {
 			return true;
 		}
 	}
@@ -253,18 +258,24 @@ private:
 		Execution made;
 		made.span = index;
 		made.source = index;
-		std::string_view raw = shortened(span.query, kLongestStatement);
-		made.text = text_index_of_raw(raw);
-		made.has_places = leaves_values_open(raw);
+		const Text &text = text_of(shortened(span.query, kLongestStatement));
+		made.text = text.index;
+		made.has_places = text.has_places;
 		made.database = database_[span.component];
 		return made;
 	}
 
+	struct Text {
+		uint32_t index = 0;
+		bool has_places = false;
+	};
+
 	/* The texts of a loop are few, and often the very same. */
-	uint32_t text_index_of_raw(std::string_view raw) {
+	const Text &text_of(std::string_view raw) {
 		auto known = by_raw_.find(raw);
 		if (known == by_raw_.end()) {
-			known = by_raw_.emplace(raw, text_index(without_literals(raw, false))).first;
+			Text text = {text_index(without_literals(raw, false)), leaves_values_open(raw)};
+			known = by_raw_.emplace(raw, text).first;
 		}
 		return known->second;
 	}
@@ -295,7 +306,7 @@ private:
 	std::unordered_map<std::string_view, uint32_t> database_; /* by component */
 	std::unordered_map<std::string_view, Prepared> last_;     /* by component */
 	std::unordered_map<std::pair<std::string_view, int32_t>, Prepared, CallerHash> by_caller_;
-	std::unordered_map<std::string_view, uint32_t> by_raw_;
+	std::unordered_map<std::string_view, Text> by_raw_;
 	std::unordered_map<std::string, size_t> by_text_;
 };
 

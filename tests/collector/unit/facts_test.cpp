@@ -112,6 +112,16 @@ TEST(StatementFacts, NobodyGuessesAmongSeveralPreparedOnes) {
 	EXPECT_EQ(1, facts.statements[1].total);
 }
 
+TEST(StatementFacts, NobodyGuessesAmongThoseOfOtherCallersEither) {
+	Request request("/");
+	request.open("Connection::prepare").prepare("SELECT a").close();
+	request.open("Connection::prepare").prepare("SELECT b").close();
+	request.open("Statement::execute").execute(3).close();
+	Facts facts = facts_of(request.done());
+	ASSERT_EQ(3u, facts.statements.size());
+	EXPECT_EQ("(prepared statement)", facts.statements[0].text);
+}
+
 TEST(StatementFacts, CassandrasTextsAreExecutedLater) {
 	Request request("/");
 	request.query("SELECT a", 0, "Cassandra\\SimpleStatement::__construct", "Cassandra");

@@ -87,6 +87,15 @@ TEST(Findings, PauseEndsASequence) {
 	}
 }
 
+TEST(Findings, TryingAgainIsNoSequence) {
+	Request request("/");
+	request.call("http://a/", 100, 503).call("http://a/", 100, 0).call("http://a/", 100);
+	Transaction done = request.done();
+	EXPECT_EQ(0, found(done, FindingKind::kCallsInSequence).count);
+	EXPECT_EQ("2 HTTP calls to a failed (no answer): 200 of 300 ms",
+			  found(done, FindingKind::kFailedCall).sentence);
+}
+
 TEST(Findings, WaitingIsSaidOnlyWhereOneRequestIsServedAtATime) {
 	Transaction request = Request("/").open("Lock::take").waits(600).close().works(100).done();
 	EXPECT_EQ(0, found(request, FindingKind::kWaiting).gain);

@@ -141,6 +141,7 @@ TEST(Trace, CallersInARingAreCutWhereItBegan) {
 	ASSERT_EQ(2u, trace.requests.size());
 	EXPECT_EQ(&a, trace.requests[0].transaction);
 	EXPECT_EQ(-1, trace.requests[0].caller_request);
+	EXPECT_EQ(-1, trace.requests[0].caller_span);
 	EXPECT_EQ(0, trace.requests[1].caller_request);
 }
 
