@@ -92,7 +92,8 @@ std::string_view finding_name(FindingKind kind) {
 }
 
 Examined::Examined(const Transaction &request, const FindingOptions &settings)
-	: transaction(request), options(settings), duration(request.spans.front().duration()),
+	: transaction(request), options(settings),
+	  duration(std::max(request.duration(), request.spans.front().duration())),
 	  callers(callers_of(request.spans)) {
 }
 
