@@ -1,17 +1,12 @@
-/* A request's summary as JSON and as a line for a terminal. */
+/* A request's summary as a line for a terminal. */
 #pragma once
 
 #include <string>
 
-#include <nlohmann/json_fwd.hpp>
-
 #include "analysis/summary.h"
+#include "query/summary_json.h"
 
 namespace kaq {
-
-nlohmann::json to_json(const Summary &summary);
-/* A member that is missing keeps its default. */
-Summary summary_from_json(const nlohmann::json &json);
 
 /* Without control characters, whatever the names hold; with colours if wanted. */
 std::string to_line(const Summary &summary, bool has_colours);

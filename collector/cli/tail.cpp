@@ -12,6 +12,7 @@
 #include "cli/summary_text.h"
 #include "cli/verbs.h"
 #include "query/parser.h"
+#include "query/summary_json.h"
 
 namespace kaq {
 namespace {

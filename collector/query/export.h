@@ -1,0 +1,28 @@
+/*
+ * A request, or all requests of a trace, for other programs. No state; any thread.
+ *
+ * Times count from the earliest request's start. What overlaps in a request is in lanes of its own,
+ * see span_lanes.h. REQUIRES: at least one request, none of them null.
+ */
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "model/transaction.h"
+
+namespace kaq {
+
+using Trace = std::vector<const Transaction *>;
+
+/* The JSON of speedscope: an evented profile for each lane of each request, in milliseconds. */
+std::string to_speedscope(const Trace &trace);
+
+/* The trace event format in JSON, which Perfetto and Chromium read: a process for each request, a
+ * thread for each lane, an arrow from each call to the request that it made; in microseconds. */
+std::string to_trace_events(const Trace &trace);
+
+/* Everything that is known, as docs/collector.md describes it. */
+std::string to_json_document(const Trace &trace);
+
+} // namespace kaq
