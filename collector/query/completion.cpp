@@ -47,7 +47,7 @@ void add(Completion &completion, std::string_view written, std::string_view text
 }
 
 void add_fields(Completion &completion, std::string_view written, bool is_first) {
-	for (const Field &field : query_fields()) {
+	for (const QueryField &field : query_fields()) {
 		add(completion, written, std::string(field.name) + ":", field.help);
 	}
 	if (!is_first) {
@@ -94,7 +94,7 @@ void add_named(Completion &completion, std::string_view written, SpecialField fi
 	}
 }
 
-void add_values(Completion &completion, std::string_view written, const Field &field) {
+void add_values(Completion &completion, std::string_view written, const QueryField &field) {
 	if (const auto *text = std::get_if<TextField>(&field.target)) {
 		completion.field = *text;
 		completion.written = std::string(written);
@@ -130,7 +130,7 @@ Completion complete_query(std::string_view text, size_t cursor) {
 	Scanner scanner(written);
 	std::optional<std::string_view> name = scanner.take_field_name(false);
 	std::optional<std::string_view> compared = name ? name : scanner.take_field_name(true);
-	const Field *field = compared ? find_field(*compared) : nullptr;
+	const QueryField *field = compared ? find_field(*compared) : nullptr;
 	if (!compared && !written.empty() && (written[0] == '<' || written[0] == '>')) {
 		field = find_field("duration");
 	}

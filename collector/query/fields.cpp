@@ -45,8 +45,8 @@ size_t distance(std::string_view one, std::string_view other) {
 
 } // namespace
 
-const std::vector<Field> &query_fields() {
-	static const std::vector<Field> fields = {
+const std::vector<QueryField> &query_fields() {
+	static const std::vector<QueryField> fields = {
 		{"app", "application", TextField::kApplication, Unit::kCount, "application"},
 		{"txn", "transaction", TextField::kName, Unit::kCount, "transaction: the normalised name"},
 		{"path", "", TextField::kPath, Unit::kCount, "path as it was asked for, or the script"},
@@ -76,8 +76,8 @@ const std::vector<Field> &query_fields() {
 	return fields;
 }
 
-const Field *find_field(std::string_view name) {
-	for (const Field &field : query_fields()) {
+const QueryField *find_field(std::string_view name) {
+	for (const QueryField &field : query_fields()) {
 		if (is_same_name(field.name, name) ||
 			(!field.other_name.empty() && is_same_name(field.other_name, name))) {
 			return &field;

@@ -14,7 +14,7 @@ enum class Unit { kCount, kTime, kBytes };
 /* What is:, has:, since: and until: are. */
 enum class SpecialField { kIs, kHas, kSince, kUntil };
 
-struct Field {
+struct QueryField {
 	std::string_view name;
 	std::string_view other_name; /* also understood; empty if there is none */
 	std::variant<TextField, NumberField, WordField, SpecialField> target;
@@ -23,10 +23,10 @@ struct Field {
 };
 
 /* In the order in which people are told of them. */
-const std::vector<Field> &query_fields();
+const std::vector<QueryField> &query_fields();
 
 /* Without regard to case; null if there is none. */
-const Field *find_field(std::string_view name);
+const QueryField *find_field(std::string_view name);
 
 /* A value that is one of a few. */
 struct NamedValue {

@@ -67,8 +67,8 @@ private:
 	Parsed parse_negated(bool is_sign);
 	Parsed parse_group();
 	Parsed parse_term(bool is_top);
-	Parsed parse_field(const Field &field, bool is_top);
-	Parsed parse_condition(const Field &field, const Value &value);
+	Parsed parse_field(const QueryField &field, bool is_top);
+	Parsed parse_condition(const QueryField &field, const Value &value);
 	Parsed parse_unknown_field(std::string_view name, size_t at);
 	Parsed parse_words(WordField field, const Value &value);
 	Parsed parse_named(SpecialField field, const Value &value);
@@ -262,7 +262,7 @@ Parser::Parsed Parser::parse_term(bool is_top) {
 	}
 	Scanner ahead = scanner_;
 	std::optional<std::string_view> compared = ahead.take_field_name(true);
-	const Field *field = compared ? find_field(*compared) : nullptr;
+	const QueryField *field = compared ? find_field(*compared) : nullptr;
 	if (field && std::holds_alternative<NumberField>(field->target)) {
 		scanner_ = ahead;
 		return parse_field(*field, is_top);
@@ -291,7 +291,7 @@ std::optional<Value> Parser::take_value(std::string_view name) {
 	return value;
 }
 
-Parser::Parsed Parser::parse_field(const Field &field, bool is_top) {
+Parser::Parsed Parser::parse_field(const QueryField &field, bool is_top) {
 	std::optional<Value> value = take_value(field.name);
 	if (!value) {
 		return std::nullopt;
@@ -309,7 +309,7 @@ Parser::Parsed Parser::parse_field(const Field &field, bool is_top) {
 	return parsed;
 }
 
-Parser::Parsed Parser::parse_condition(const Field &field, const Value &value) {
+Parser::Parsed Parser::parse_condition(const QueryField &field, const Value &value) {
 	if (const auto *text = std::get_if<TextField>(&field.target)) {
 		return Condition{TextIs{*text, value.glob}};
 	}
@@ -324,7 +324,7 @@ Parser::Parsed Parser::parse_condition(const Field &field, const Value &value) {
 
 Parser::Parsed Parser::parse_unknown_field(std::string_view name, size_t at) {
 	std::vector<std::string_view> names;
-	for (const Field &field : query_fields()) {
+	for (const QueryField &field : query_fields()) {
 		names.push_back(field.name);
 		names.push_back(field.other_name);
 	}

@@ -10,9 +10,9 @@ namespace {
 /* How tightly the place holds in which a condition stands. */
 enum class Place { kTop, kAlternative, kJoined, kNegated };
 
-template <typename Target> const Field &field_of(Target target) {
-	const std::vector<Field> &fields = query_fields();
-	return *std::find_if(fields.begin(), fields.end(), [target](const Field &field) {
+template <typename Target> const QueryField &field_of(Target target) {
+	const std::vector<QueryField> &fields = query_fields();
+	return *std::find_if(fields.begin(), fields.end(), [target](const QueryField &field) {
 		const auto *found = std::get_if<Target>(&field.target);
 		return found && *found == target;
 	});
@@ -92,7 +92,7 @@ public:
 		return std::string(field_of(node.field).name) + ":" + value_text(node.glob);
 	}
 	std::string operator()(const NumberIs &node) const {
-		const Field &field = field_of(node.field);
+		const QueryField &field = field_of(node.field);
 		return std::string(field.name) + ":" + number_text(node, field.unit);
 	}
 	std::string operator()(const Words &node) const {

@@ -90,7 +90,7 @@ TEST(FindDocument, HasEveryFieldAndValue) {
 	std::stringstream stream;
 	stream << document.rdbuf();
 	std::string text = stream.str();
-	for (const Field &field : query_fields()) {
+	for (const QueryField &field : query_fields()) {
 		EXPECT_NE(std::string::npos, text.find("`" + std::string(field.name) + ":")) << field.name;
 		if (!field.other_name.empty()) {
 			std::string other = "`" + std::string(field.other_name) + ":`";
