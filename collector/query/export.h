@@ -22,7 +22,7 @@ std::string to_speedscope(const Trace &trace);
  * thread for each lane, an arrow from each call to the request that it made; in microseconds. */
 std::string to_trace_events(const Trace &trace);
 
-/* Everything that is known, as docs/collector.md describes it. */
+/* Everything that is known, as docs/export.md describes it. */
 std::string to_json_document(const Trace &trace);
 
 } // namespace kaq

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <map>
 
+#include "analysis/statements.h"
+
 namespace kaq {
 namespace {
 
@@ -97,16 +99,9 @@ private:
 	size_t groups_ = 0;
 };
 
-/* At most so long, and whole characters. */
-std::string shortened(std::string_view text) {
-	if (text.size() <= kLongestLabel) {
-		return std::string(text);
-	}
-	size_t end = kLongestLabel;
-	while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80) {
-		end--;
-	}
-	return std::string(text.substr(0, end)) + "…";
+std::string label_of(const std::string &text) {
+	std::string_view kept = shortened(text, kLongestLabel);
+	return kept.size() < text.size() ? std::string(kept) + "…" : text;
 }
 
 } // namespace
@@ -120,7 +115,7 @@ std::string span_label(const Span &span) {
 	std::string_view called = span.query.empty() ? span.host : span.query;
 	label += label.empty() || called.empty() ? "" : ": ";
 	label += called;
-	return label.empty() ? "(no name)" : shortened(label);
+	return label.empty() ? "(no name)" : label_of(label);
 }
 
 std::string request_label(const Transaction &transaction) {
@@ -131,7 +126,7 @@ std::string request_label(const Transaction &transaction) {
 		label += label.empty() || part.empty() ? "" : " ";
 		label += part;
 	}
-	return shortened(label);
+	return label_of(label);
 }
 
 } // namespace kaq

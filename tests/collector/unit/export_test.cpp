@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -61,6 +63,15 @@ protected:
 		stock.application = "Stock";
 		stock.spans[0].id = "dd";
 		stock.spans[0].parent_id = "cc";
+	}
+
+	void fill_the_rest() {
+		for (std::string_view *text : {&shop.application_group, &shop.instance_id,
+									   &shop.query_string, &shop.session_id, &shop.flow}) {
+			*text = "x";
+		}
+		shop.bytes_in = shop.bytes_out = shop.thread = 1;
+		shop.is_async = true;
 	}
 
 	/* The callee first: it is the order of time that counts. */
@@ -258,6 +269,32 @@ TEST_F(Exported, AsADocumentWithEachSpan) {
 					{"line", 3},
 					{"time_ms", 1290}}),
 			  spans[3]["errors"][0]);
+}
+
+/* The names of all members, however deep. */
+void add_names(std::set<std::string> &names, const json &value) {
+	if (value.is_object()) {
+		for (const auto &member : value.items()) {
+			names.insert(member.key());
+		}
+	}
+	for (const json &each : value.is_structured() ? value : json::array()) {
+		add_names(names, each);
+	}
+}
+
+TEST_F(Exported, AsADocumentThatIsDescribed) {
+	std::ifstream file(KAQ_EXPORT_DOCUMENT);
+	std::stringstream stream;
+	stream << file.rdbuf();
+	std::string document = stream.str();
+	fill_the_rest();
+	std::set<std::string> names;
+	add_names(names, json::parse(to_json_document(trace()))["requests"]);
+	EXPECT_EQ(55u, names.size());
+	for (const std::string &name : names) {
+		EXPECT_NE(std::string::npos, document.find("`" + name + "`")) << name;
+	}
 }
 
 TEST(Export, AnyRequestsHaveAllTheirSpans) {
