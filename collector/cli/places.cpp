@@ -12,6 +12,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "cli/configuration.h"
 #include "util/unique_fd.h"
 
 namespace kaq {
@@ -56,6 +57,15 @@ std::string default_store() {
 	std::filesystem::create_directories(store);
 	chmod(store.c_str(), 0700);
 	return store;
+}
+
+std::string store_directory(const std::string &option, const std::string &configuration_file) {
+	if (!option.empty()) {
+		return option;
+	}
+	ConfigurationOrMistakes configuration = load_configuration(configuration_file);
+	return configuration && !configuration->store.directory.empty() ? configuration->store.directory
+																	: default_store();
 }
 
 std::string socket_of(const std::string &store) {

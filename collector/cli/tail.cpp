@@ -113,7 +113,7 @@ int tail(const TailOptions &options) {
 				explain(options.query, filter.error()).c_str());
 		return kMisunderstood;
 	}
-	std::string store = options.store.empty() ? default_store() : options.store;
+	std::string store = store_directory(options.store, options.configuration);
 	std::string socket = socket_of(store);
 	CURL *curl = curl_easy_init();
 	if (!curl) {

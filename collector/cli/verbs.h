@@ -21,9 +21,10 @@ struct CollectOptions {
 int collect(const CollectOptions &options);
 
 struct TailOptions {
-	std::string store;  /* of the collector; empty: the default */
-	std::string query;  /* which requests; empty: all */
-	int64_t slower = 0; /* milliseconds */
+	std::string store;         /* of the collector; empty: the configuration's */
+	std::string configuration; /* file; empty: the usual one, if it is there */
+	std::string query;         /* which requests; empty: all */
+	int64_t slower = 0;        /* milliseconds */
 	bool errors = false;
 	bool json = false;
 	int64_t count = 0; /* ends after so many; 0: never */

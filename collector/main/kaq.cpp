@@ -54,6 +54,7 @@ int run(int count, char **arguments) {
 	tail_verb->add_option("query", tail.query, "which requests, such as 'app:shop >300ms'")
 		->type_name("QUERY");
 	add_store(tail_verb, tail.store);
+	add_configuration(tail_verb, tail.configuration);
 	add_duration(tail_verb, "--slower", tail.slower, "only those that took at least this long");
 	tail_verb->add_flag("--errors", tail.errors, "only those that failed");
 	tail_verb->add_flag("--json", tail.json, "one JSON object a line");

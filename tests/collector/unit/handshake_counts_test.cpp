@@ -172,6 +172,15 @@ TEST_F(Counter, AltogetherTheyAreBounded) {
 	EXPECT_EQ(100000u, asked);
 }
 
+TEST_F(Counter, TheBoundIsOfWhatIsAskedForNow) {
+	for (int i = 0; i < 40000; i++) {
+		ask(request("a", "/" + std::to_string(i)), kWholeShare, kWholeShare, 100000);
+	}
+	publish_and_take(std::chrono::hours(2));
+	ask(request("a", "/new"));
+	EXPECT_EQ("/new", publish_and_take().at(0).name);
+}
+
 TEST_F(Counter, NamesThatNobodyAsksForMakeRoomInTime) {
 	ask(request("a", "/old"), kWholeShare, kWholeShare, 2);
 	ask(request("a", "/both"), kWholeShare / 2, kWholeShare, 2);

@@ -1,4 +1,5 @@
 /* What a new configuration may change while the collector runs. */
+#include "cli/places.h"
 #include "cli/reload.h"
 
 #include <gtest/gtest.h>
@@ -50,6 +51,9 @@ TEST(Reload, OptionsWinOverTheFile) {
 	EXPECT_EQ(7, loaded->listen.handshake_port);
 	EXPECT_EQ(2, loaded->listen.data_port);
 	EXPECT_EQ("/a", loaded->store.directory);
+	/* So the verbs find the collector that has this file. */
+	EXPECT_EQ("/a", kaq::store_directory("", path));
+	EXPECT_EQ("/c", kaq::store_directory("/c", path));
 	options.store = "/b";
 	EXPECT_EQ("/b", kaq::load_with_options(options)->store.directory);
 	unlink(path);
