@@ -288,7 +288,9 @@ def test_a_process_that_was_stopped_for_long_goes_on(configured):
 def received(manager, wanted):
     """All that was told until what is wanted was."""
     told = ""
+    deadline = time.monotonic() + SECONDS
     while not re.search(wanted, told):
+        assert time.monotonic() < deadline, told
         told += manager.recv(4096).decode() + "\n"
     return told
 
