@@ -26,8 +26,8 @@ STATEMENTS = ["SELECT p.id, p.name, p.price FROM product p WHERE p.category_id =
 
 
 def span(number, start, end, name, component, more=None):
-    return {"st": start, "et": end, "mo": 0, "pr": 1, "fn": name, "cn": component,
-            "si": "%016x" % number, **(more or {})}
+    return {"st": start, "et": end, "mo": 0, "fn": name, "cn": component, "si": "%016x" % number,
+            **(more or {})}
 
 
 def payload(seed):
@@ -41,13 +41,13 @@ def payload(seed):
         begin = start + index * duration // SPANS
         kind = index % 4
         if kind == 0:
-            more = {"q": STATEMENTS[index % len(STATEMENTS)] % pick.randrange(100000),
-                    "pi": "%016x" % root}
+            more = {"qs": STATEMENTS[index % len(STATEMENTS)] % pick.randrange(100000), "ex": 1,
+                    "psi": "%016x" % root, "mo": index + 1}
             spans.append(span(pick.getrandbits(64), begin, begin + 1, "PDO::query", "PDO", more))
         else:
             name = "Shop\\Cart\\Handler%d::method%d" % (index % 7, index % 40)
             spans.append(span(pick.getrandbits(64), begin, begin + 2, name, "PHP",
-                              {"pi": "%016x" % root}))
+                              {"psi": "%016x" % root, "mo": index + 1}))
     document = {"apm": {"data": True,
                         "application_info": {"application_type": "PHP",
                                              "application_name": "shop%d" % (seed % 3),
