@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """Plays the demonstration: collector, demo application, some requests and a job, each with its
-waterfall, and one request through three services. script/demo builds the extension and calls
-this."""
+waterfall, and one request through three services. script/demo builds the extension and the collector
+and calls this."""
 
 import argparse
+import json
 import os
+import re
 import shlex
 import signal
 import socket
@@ -16,11 +18,6 @@ import urllib.error
 import urllib.request
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-
-import collector as demo_collector  # noqa: E402
-import trace_view  # noqa: E402
-import waterfall  # noqa: E402
 
 PAGES = (
     ("/", 200),
@@ -33,6 +30,8 @@ APPLICATION = "Demo shop"
 # The services that the traced page asks: their script, by the name of the application. Each asks
 # only those before it.
 SERVICES = {"Demo stock": "stock", "Demo prices": "prices"}
+# The shop's own, and those that it and its services cause.
+TRACED_REQUESTS = 5
 # Callers know each other by the key that their extensions are configured with.
 ACCOUNT_KEY = "demo-account-1"
 JOB_ARGUMENTS = ["nightly", "--orders=2"]
@@ -40,6 +39,7 @@ PROBE_SECONDS = 30
 SERVER_SECONDS = 15
 REQUEST_SECONDS = 30
 ARRIVAL_SECONDS = 10
+COLLECTOR_SECONDS = 15
 STOP_SECONDS = 5
 # A free port may be somebody else's by the time that a server listens on it.
 START_ATTEMPTS = 3
@@ -85,17 +85,58 @@ def run(command, seconds, **how):
     return process.returncode, output
 
 
-def start_collector(free_ports):
+class Collector:
+    """A running collector with a store of its own."""
+    PORTS = re.compile(r"handshakes (\d+), payloads (\d+), http (\d+); store ")
+
+    def __init__(self, program, store, ports):
+        self.program, self.store = program, store
+        command = [program, "collect", "--store", store, "--config", os.devnull]
+        for name, port in ports.items():
+            command += ["--" + name, str(port)]
+        self.process = start_process(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                     text=True)
+        found = self.PORTS.search(self.process.stdout.readline())
+        if not found:
+            raise DemoFailed("The collector does not start. It says:\n%s"
+                             % self.process.communicate(timeout=COLLECTOR_SECONDS)[1].strip())
+        self.status_port, self.data_port, self.http_port = map(int, found.groups())
+
+    def ask(self, *arguments):
+        """What a verb prints as JSON; None if there is nothing to print."""
+        status, output = run([self.program, *arguments, "--json", "--store", self.store],
+                             REQUEST_SECONDS, stderr=subprocess.DEVNULL)
+        return json.loads(output) if status == 0 else None
+
+    def requests(self, query):
+        """The requests that are stored, the newest first."""
+        found = self.ask("find", query)
+        return found["requests"] if found else []
+
+    def show(self, identifier):
+        """Draws a request, or a whole trace."""
+        sys.stdout.flush()
+        shown = start_process([self.program, "show", identifier, "--store", self.store])
+        if shown.wait(REQUEST_SECONDS) != 0:
+            raise DemoFailed("The collector cannot show %s." % identifier)
+        print(flush=True)
+
+
+FREE_PORTS = {"handshake": 0, "data": 0, "http": 0}
+
+
+def start_collector(program, store, free_ports):
     """The collector on its usual ports; on free ones if those are taken or `free_ports` is set."""
     if free_ports:
-        return demo_collector.Collector(0, 0).start()
+        return Collector(program, store, FREE_PORTS)
     try:
-        return demo_collector.Collector().start()
-    except demo_collector.PortTaken:
-        collector = demo_collector.Collector(0, 0).start()
-        print("The ports %d and %d are not both free; this demo uses %d and %d instead."
-              % (demo_collector.STATUS_PORT, demo_collector.DATA_PORT, collector.status_port,
-                 collector.data_port))
+        return Collector(program, store, {})
+    except DemoFailed as problem:
+        if "in use" not in str(problem):
+            raise
+        collector = Collector(program, store, FREE_PORTS)
+        print("The usual ports are not all free; this demo uses %d and %d instead."
+              % (collector.status_port, collector.data_port))
         return collector
 
 
@@ -226,93 +267,86 @@ def run_job(command, environment):
     return said
 
 
-def show_arrival(collector, what, look, seconds=ARRIVAL_SECONDS):
-    """Draws the transaction that `what` causes. The usual ports may hear other applications of
-    this machine too: those are passed over, and anything else is told only when nothing comes."""
+def until(look, seconds):
+    """What look() returns once it is true; its last answer when the time is up."""
     deadline = time.monotonic() + seconds
-    heard = []
     while True:
-        event = collector.next_event(deadline - time.monotonic())
-        if event is None:
-            raise DemoFailed("No transaction arrived for %s within %g seconds. %s" % (
-                what, seconds, "\n".join(heard) or "The collector was not even asked."))
-        kind, value = event
-        if kind == "transaction" and application_of(value) == APPLICATION:
-            for line in demo_collector.describe(event, *look):
-                print(line)
-            return
-        if kind == "handshake":
-            heard.append("The collector was asked and said yes.")
-        elif kind != "transaction":
-            heard.append("The collector received: %s" % value)
+        found = look()
+        if found or time.monotonic() >= deadline:
+            return found
+        time.sleep(0.05)
 
 
-def application_of(document):
-    apm = waterfall.record(document.get("apm"))
-    return waterfall.record(apm.get("application_info")).get("application_name")
+def own_requests(collector):
+    """The usual ports may hear other applications of this machine too."""
+    return collector.requests('app:"%s"' % APPLICATION)
 
 
-def missing_of(documents, applications):
-    """What a trace still lacks, as texts."""
-    came = {application_of(document) for document in documents}
-    return (["No request of %s is in the trace." % name for name in applications
-             if name not in came]
-            + [text + "." for text in trace_view.loose_ends(trace_view.join(documents))])
+def show_arrival(collector, what, known, seconds=ARRIVAL_SECONDS):
+    """Draws the request that `what` causes; `known` are the requests before it."""
+    def arrived():
+        return [request for request in own_requests(collector) if request["id"] not in known]
+
+    new = until(arrived, seconds)
+    if not new:
+        raise DemoFailed("No transaction arrived for %s within %g seconds." % (what, seconds))
+    known.update(request["id"] for request in new)
+    return new[0]
 
 
-def show_trace(collector, what, look, seconds=ARRIVAL_SECONDS):
-    """Draws the trace that `what` causes, once each call in it has its request. A called service
+def missing_of(requests):
+    """The services that a trace still lacks."""
+    came = {request["application"] for request in requests}
+    return [name for name in (APPLICATION, *SERVICES) if name not in came]
+
+
+def show_trace(collector, what, known, seconds=ARRIVAL_SECONDS):
+    """Draws the trace that `what` causes, once each of its calls has its request. A called service
     may tell of its request before or after its caller does."""
-    deadline = time.monotonic() + seconds
-    applications = [APPLICATION, *SERVICES]
-    traces, documents = {}, []
-    while not documents or missing_of(documents, applications):
-        event = collector.next_event(deadline - time.monotonic())
-        if event is None:
-            break
-        kind, value = event
-        if kind == "transaction" and application_of(value) in applications:
-            of_one = traces.setdefault(trace_view.trace_of(value), [])
-            of_one.append(value)
-            if application_of(value) == APPLICATION:
-                documents = of_one
-    for line in trace_view.render_trace(documents, *look) if documents else []:
-        print(line)
-    print(flush=True)
-    missing = missing_of(documents, applications)
-    if missing:
-        raise DemoFailed("The trace of %s is not complete after %g seconds:\n%s"
-                         % (what, seconds, "\n".join(missing)))
+    trace = show_arrival(collector, what, known, seconds)["trace_id"]
+
+    def whole():
+        requests = collector.requests("trace:" + trace)
+        return requests if len(requests) == TRACED_REQUESTS else None
+
+    if not until(whole, seconds):
+        requests = collector.requests("trace:" + trace)
+        raise DemoFailed("The trace of %s is not complete after %g seconds: %d of %d requests%s"
+                         % (what, seconds, len(requests), TRACED_REQUESTS,
+                            "".join(", none of " + name for name in missing_of(requests))))
+    collector.show(trace)
 
 
-def prompt(text, look):
-    print(waterfall.paint("$ ", "dim", look[1]) + text, flush=True)
+def prompt(text):
+    is_terminal = sys.stdout.isatty() and not os.environ.get("NO_COLOR")
+    print(("\x1b[2m$ \x1b[0m" if is_terminal else "$ ") + text, flush=True)
 
 
-def visit_aloud(port, page, look):
+def visit_aloud(port, page):
     path, wanted = page
     url = "http://127.0.0.1:%d%s" % (port, path)
-    prompt("curl " + shlex.quote(url), look)
+    prompt("curl " + shlex.quote(url))
     visit(url, wanted)
 
 
-def play(options, collector, log, look):
+def play(options, collector, log):
+    known = {request["id"] for request in own_requests(collector)}
     command = php_command(options, collector)
     has_curl = b"curl" in check_loads(command)
     environment = processes_environment()
     servers, port = start_servers(command, log, environment)
     try:
         for page in PAGES:
-            visit_aloud(port, page, look)
-            show_arrival(collector, page[0], look)
+            visit_aloud(port, page)
+            collector.show(show_arrival(collector, page[0], known)["id"])
         if has_curl:
-            visit_aloud(port, TRACED_PAGE, look)
-            show_trace(collector, TRACED_PAGE[0], look)
+            visit_aloud(port, TRACED_PAGE)
+            show_trace(collector, TRACED_PAGE[0], known)
     finally:
         stop(servers)
-    prompt("php job.php " + " ".join(JOB_ARGUMENTS), look)
+    prompt("php job.php " + " ".join(JOB_ARGUMENTS))
     print(run_job(command, environment))
-    show_arrival(collector, "the job", look)
+    collector.show(show_arrival(collector, "the job", known)["id"])
     print("%d requests and a command-line job: each arrived as one transaction." % len(PAGES))
     if has_curl:
         print("One more request and those that it caused in %d other services: one trace."
@@ -330,19 +364,21 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--php", required=True, metavar="FILE", help="command-line engine")
     parser.add_argument("--extension", required=True, metavar="FILE", help="the built kaq.so")
+    parser.add_argument("--collector", required=True, metavar="FILE", help="the built kaq")
     parser.add_argument("--free-ports", action="store_true",
-                        help="use any two free ports for the collector, not the usual ones")
+                        help="use any free ports for the collector, not the usual ones")
     options = parser.parse_args()
     sys.stdout.reconfigure(errors="replace")
-    collector = None
     try:
         on_interruption(Interrupts.arrived)
         with tempfile.TemporaryDirectory(prefix="kaq-demo-") as scratch:
             os.environ["TMPDIR"] = scratch
             with open(os.path.join(scratch, "server.log"), "w+b") as log:
-                collector = start_collector(options.free_ports)
                 try:
-                    play(options, collector, log, demo_collector.terminal_look(sys.stdout))
+                    store = os.path.join(scratch, "store")
+                    os.mkdir(store)
+                    play(options, start_collector(options.collector, store, options.free_ports),
+                         log)
                 finally:
                     Interrupts.held = True
                     stop(STARTED)
@@ -354,8 +390,6 @@ def main():
         return 130
     finally:
         Interrupts.held = True
-        if collector is not None:
-            collector.stop()
 
 
 if __name__ == "__main__":
