@@ -16,14 +16,12 @@
 #include "cli/places.h"
 #include "cli/reload.h"
 #include "cli/service_manager.h"
-#include "cli/summary_text.h"
+#include "http/access.h"
 #include "ingest/rules_policy.h"
-#include "query/mistake_json.h"
-#include "query/parser.h"
+#include "query/summary_json.h"
 #include "store/request_view.h"
 #include "store/sqlite_store.h"
 #include "util/log.h"
-#include "util/query_string.h"
 
 namespace kaq {
 namespace {
@@ -36,35 +34,6 @@ constexpr std::chrono::seconds kBetweenCounts{1};
 constexpr std::chrono::seconds kBetweenCounters{10};
 constexpr std::chrono::seconds kBetweenProbes{5};
 constexpr const char *kHttpAddress = "127.0.0.1";
-
-HttpAnswer answer_live(const HttpRequest &request) {
-	ParseSettings settings;
-	settings.is_live = true;
-	std::string query = form_decoded(query_parameter(request.query, "q"));
-	auto filter = parse_query(query, settings);
-	HttpAnswer answer;
-	if (filter) {
-		answer.is_live = true;
-		answer.live_filter = std::move(*filter);
-	} else {
-		answer.status = 400;
-		answer.body = to_json(filter.error()).dump();
-	}
-	return answer;
-}
-
-HttpAnswer answer_http(const HttpRequest &request) {
-	if (request.method != "GET" && request.method != "HEAD") {
-		return {405, "text/plain", "only GET\n", false, {}};
-	}
-	if (request.path == "/healthz") {
-		return {200, "text/plain", "ok\n", false, {}};
-	}
-	if (request.path == "/api/v1/live") {
-		return answer_live(request);
-	}
-	return {404, "text/plain", "nothing here\n", false, {}};
-}
 
 SqliteSettings store_settings(const Configuration &configuration) {
 	const StoreSettings &wanted = configuration.store;
@@ -153,14 +122,34 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	data_ = std::make_unique<DataServer>(
 		ListenPlace{listen.addresses, listen.data_port, listen.data_networks}, budget_,
 		[this](BudgetedBuffer &&bytes) { return pipeline_->accept(std::move(bytes)); });
-	http_ = std::make_unique<HttpServer>(HttpSettings{kHttpAddress, listen.http_port, socket,
-													  token_of(configuration_.store.directory)},
-										 answer_http, feed_);
+	const std::string token = token_of(configuration_.store.directory);
+	services_ =
+		std::make_unique<ServiceContext>(ServiceContext{*store_, system_time, nullptr, nullptr});
+	routes_ = std::make_unique<Routes>(*services_, login_codes_, token);
+	http_ = std::make_unique<HttpServer>(
+		HttpSettings{kHttpAddress, listen.http_port, socket, token},
+		[this](const HttpRequest &request) { return routes_->answer(request); }, feed_);
+	tell_services();
 	give_to_group(socket, listen.socket_group);
 	add_counters();
 }
 
 Daemon::~Daemon() = default;
+
+/* Called by the workers of HTTP, so that it takes nothing of what may change. */
+void Daemon::tell_services() {
+	uint16_t http_port = http_->port();
+	nlohmann::json facts = {{"process", getpid()},
+							{"started_ms", system_time()},
+							{"handshake_port", handshake_->port()},
+							{"data_port", data_->port()},
+							{"http_port", http_port}};
+	services_->daemon = [facts] { return facts; };
+	services_->login_link = [this, http_port] {
+		return fmt::format("http://{}:{}{}?code={}", kHttpAddress, http_port, kLoginPath,
+						   login_codes_.issue());
+	};
+}
 
 std::unique_ptr<HandshakePolicy> Daemon::policy() {
 	RulesSettings settings;

@@ -13,6 +13,7 @@
 #include "cli/counter_log.h"
 #include "cli/verbs.h"
 #include "http/http_server.h"
+#include "http/routes.h"
 #include "ingest/handshake_counts.h"
 #include "ingest/overload_control.h"
 #include "ingest/pipeline.h"
@@ -55,6 +56,7 @@ private:
 	void keep(const std::vector<HandshakeCount> &counts);
 	void keep(const Transaction &transaction);
 	void add_counters();
+	void tell_services();
 	std::unique_ptr<HandshakePolicy> policy();
 	std::string status() const;
 
@@ -74,6 +76,9 @@ private:
 
 	std::unique_ptr<HandshakeServer> handshake_;
 	std::unique_ptr<DataServer> data_;
+	LoginCodes login_codes_;
+	std::unique_ptr<ServiceContext> services_;
+	std::unique_ptr<Routes> routes_;
 	std::unique_ptr<HttpServer> http_;
 
 	/* What looks after them. */

@@ -1,11 +1,9 @@
 #include "cli/places.h"
 
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +11,7 @@
 #include <system_error>
 
 #include "cli/configuration.h"
+#include "util/random.h"
 #include "util/unique_fd.h"
 
 namespace kaq {
@@ -32,19 +31,6 @@ std::string user_store() {
 	}
 	const char *home = std::getenv("HOME");
 	return std::string(home && home[0] ? home : "/tmp") + "/.local/share/kaq";
-}
-
-std::string new_token() {
-	std::array<unsigned char, kTokenBytes> random;
-	if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
-		fail("getrandom");
-	}
-	std::string token;
-	for (unsigned char byte : random) {
-		token += "0123456789abcdef"[byte >> 4];
-		token += "0123456789abcdef"[byte & 15];
-	}
-	return token;
 }
 
 } // namespace
@@ -79,7 +65,7 @@ std::string token_of(const std::string &store) {
 	if (file >> token && token.size() == 2 * kTokenBytes) {
 		return token;
 	}
-	token = new_token();
+	token = random_hex(kTokenBytes);
 	UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
 	std::string line = token + "\n";
 	if (!fd || write(fd.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {

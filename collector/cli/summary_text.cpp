@@ -4,17 +4,10 @@
 
 #include <fmt/format.h>
 
+#include "cli/format.h"
+
 namespace kaq {
 namespace {
-
-std::string printable(std::string_view text) {
-	std::string shown;
-	for (char character : text) {
-		auto byte = static_cast<unsigned char>(character);
-		shown += byte < ' ' || byte == 0x7f ? '?' : character;
-	}
-	return shown;
-}
 
 std::string clock_of(int64_t milliseconds) {
 	time_t seconds = milliseconds / 1000;

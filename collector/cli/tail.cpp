@@ -1,8 +1,6 @@
 #include <curl/curl.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -10,6 +8,7 @@
 
 #include "cli/places.h"
 #include "cli/summary_text.h"
+#include "cli/terminal.h"
 #include "cli/verbs.h"
 #include "query/parser.h"
 #include "query/summary_json.h"
@@ -17,17 +16,11 @@
 namespace kaq {
 namespace {
 
-bool wants_colours() {
-	const char *terminal = std::getenv("TERM");
-	const char *none = std::getenv("NO_COLOR");
-	return isatty(STDOUT_FILENO) && !(none && none[0]) && terminal &&
-		   std::string_view(terminal) != "dumb";
-}
-
 /* Server-sent events, as they come in pieces. */
 class Events {
 public:
-	explicit Events(const TailOptions &options) : options_(options), has_colours_(wants_colours()) {
+	explicit Events(const TailOptions &options)
+		: options_(options), has_colours_(standard_output().has_colours) {
 	}
 
 	/* False when no more are wanted. */

@@ -25,15 +25,6 @@ bool is_own_name(std::string_view host) {
 	return false;
 }
 
-/* Takes as long for a wrong text as for the right one. */
-bool equal(std::string_view given, std::string_view token) {
-	unsigned char difference = given.size() == token.size() ? 0 : 1;
-	for (size_t i = 0; i < given.size(); i++) {
-		difference |= static_cast<unsigned char>(given[i] ^ token[i % token.size()]);
-	}
-	return difference == 0;
-}
-
 std::string_view bearer_of(std::string_view authorization) {
 	constexpr std::string_view scheme = "Bearer ";
 	return authorization.substr(0, scheme.size()) == scheme ? authorization.substr(scheme.size())
@@ -63,6 +54,19 @@ bool is_foreign(const Access &access) {
 
 } // namespace
 
+bool is_same_secret(std::string_view given, std::string_view secret) {
+	unsigned char difference = given.size() == secret.size() ? 0 : 1;
+	for (size_t i = 0; i < given.size(); i++) {
+		difference |= static_cast<unsigned char>(given[i] ^ secret[i % secret.size()]);
+	}
+	return difference == 0;
+}
+
+bool has_token(const Access &access, std::string_view token) {
+	return is_same_secret(bearer_of(access.authorization), token) ||
+		   is_same_secret(cookie_of(access.cookie), token);
+}
+
 AccessVerdict check_access(const Access &access, std::string_view token, std::string_view path) {
 	if (!is_own_name(access.host)) {
 		return AccessVerdict::kWrongHost;
@@ -70,8 +74,7 @@ AccessVerdict check_access(const Access &access, std::string_view token, std::st
 	if (is_foreign(access)) {
 		return AccessVerdict::kWrongOrigin;
 	}
-	if (path == "/healthz" || equal(bearer_of(access.authorization), token) ||
-		equal(cookie_of(access.cookie), token)) {
+	if (path == "/healthz" || path == kLoginPath || has_token(access, token)) {
 		return AccessVerdict::kAllowed;
 	}
 	return AccessVerdict::kNoToken;

@@ -18,6 +18,15 @@ enum class AccessVerdict { kAllowed, kWrongHost, kWrongOrigin, kNoToken };
 /* REQUIRES: the token is not empty. */
 AccessVerdict check_access(const Access &access, std::string_view token, std::string_view path);
 
+/* Whether it brings the token, whatever else is wrong with it. REQUIRES: the token is not empty. */
+bool has_token(const Access &access, std::string_view token);
+
+/* Compares in a time that tells nothing about the secret. REQUIRES: it is not empty. */
+bool is_same_secret(std::string_view given, std::string_view secret);
+
+/* Where a browser gets the cookie; open to everybody, since it asks for a code. */
+constexpr std::string_view kLoginPath = "/login";
+
 /* The cookie that holds the token. */
 constexpr std::string_view kTokenCookie = "kaq_token";
 

@@ -6,6 +6,7 @@
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/basic_stream.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -38,12 +39,17 @@ constexpr size_t kLongestHeader = 16 * 1024;
 constexpr size_t kLongestBody = 1024 * 1024;
 constexpr size_t kMostConnections = 512;
 constexpr int kBacklog = 128;
+constexpr size_t kWorkers = 4;
+/* Of what the workers do or are to do. */
+constexpr size_t kMostWork = 64;
 
 struct Shared {
 	HttpSettings settings;
 	HttpServer::Handler handler;
 	LiveFeed &feed;
 	size_t connections = 0;
+	size_t work = 0; /* that is being done or waits */
+	asio::thread_pool *workers = nullptr;
 };
 
 class Session : public std::enable_shared_from_this<Session> {
@@ -72,7 +78,7 @@ public:
 private:
 	void on_read(Error error) {
 		if (error == http::error::header_limit || error == http::error::body_limit) {
-			send({413, "text/plain", "too long\n", false}, false);
+			send({413, "text/plain", "too long\n"}, false);
 			return;
 		}
 		if (error) {
@@ -80,17 +86,45 @@ private:
 		}
 		const auto &message = parser_->get();
 		HttpRequest request = request_of(message);
-		HttpAnswer answer;
 		std::optional<HttpAnswer> refusal = is_local_ ? std::nullopt : refuse(request, message);
-		answer = refusal ? std::move(*refusal) : shared_.handler(request);
-		if (answer.is_live && message.method() != http::verb::head) {
+		HttpAnswer answer = refusal ? std::move(*refusal) : shared_.handler(request);
+		if (answer.work) {
+			do_work(std::move(answer.work));
+		} else if (answer.is_live && message.method() != http::verb::head) {
 			start_stream(std::move(answer.live_filter));
 		} else {
 			send(std::move(answer), message.keep_alive());
 		}
 	}
 
-	template <typename Message> static HttpRequest request_of(const Message &message) {
+	/* The session is destroyed on the server's thread, and nowhere else while that runs. */
+	void do_work(std::function<HttpAnswer()> work) {
+		if (shared_.work >= kMostWork) {
+			HttpAnswer busy{503, "text/plain", "too much is being asked at the moment\n"};
+			busy.headers.push_back({"Retry-After", "1"});
+			send(std::move(busy), parser_->get().keep_alive());
+			return;
+		}
+		shared_.work++;
+		asio::post(*shared_.workers, [self = shared_from_this(), work = std::move(work)]() mutable {
+			HttpAnswer answer = result_of(work);
+			asio::io_context &context = self->context_;
+			asio::post(context, [self = std::move(self), answer = std::move(answer)]() mutable {
+				self->shared_.work--;
+				self->send(std::move(answer), self->parser_->get().keep_alive());
+			});
+		});
+	}
+
+	static HttpAnswer result_of(const std::function<HttpAnswer()> &work) {
+		try {
+			return work();
+		} catch (const std::exception &error) {
+			return {500, "text/plain", std::string(error.what()) + "\n"};
+		}
+	}
+
+	template <typename Message> HttpRequest request_of(const Message &message) const {
 		std::string_view target(message.target().data(), message.target().size());
 		size_t mark = target.find('?');
 		HttpRequest request;
@@ -99,29 +133,36 @@ private:
 		if (mark != std::string_view::npos) {
 			request.query = std::string(target.substr(mark + 1));
 		}
+		if (message[http::field::content_type] == "application/x-www-form-urlencoded") {
+			request.form = message.body();
+		}
+		request.is_local = is_local_;
+		request.has_token = !is_local_ && has_token(access_of(message), shared_.settings.token);
 		return request;
 	}
 
-	template <typename Message>
-	std::optional<HttpAnswer> refuse(const HttpRequest &request, const Message &message) const {
+	template <typename Message> static Access access_of(const Message &message) {
 		auto header = [&message](http::field name) {
 			auto value = message[name];
 			return std::string_view(value.data(), value.size());
 		};
-		Access access{header(http::field::host), header(http::field::origin),
-					  header(http::field::authorization), header(http::field::cookie)};
-		switch (check_access(access, shared_.settings.token, request.path)) {
+		return {header(http::field::host), header(http::field::origin),
+				header(http::field::authorization), header(http::field::cookie)};
+	}
+
+	template <typename Message>
+	std::optional<HttpAnswer> refuse(const HttpRequest &request, const Message &message) const {
+		switch (check_access(access_of(message), shared_.settings.token, request.path)) {
 		case AccessVerdict::kAllowed:
 			return std::nullopt;
 		case AccessVerdict::kWrongHost:
-			return HttpAnswer{421, "text/plain", "this host is not served here\n", false};
+			return HttpAnswer{421, "text/plain", "this host is not served here\n"};
 		case AccessVerdict::kWrongOrigin:
-			return HttpAnswer{403, "text/plain", "not from another site's page\n", false};
+			return HttpAnswer{403, "text/plain", "not from another site's page\n"};
 		case AccessVerdict::kNoToken:
 			break;
 		}
-		return HttpAnswer{401, "text/plain", "log in with the link that 'kaq open' prints\n",
-						  false};
+		return HttpAnswer{401, "text/plain", "log in with the link that 'kaq open' prints\n"};
 	}
 
 	template <typename Body> void add_headers(http::response<Body> &response) const {
@@ -137,10 +178,15 @@ private:
 		response->result(static_cast<unsigned>(answer.status));
 		response->version(11);
 		add_headers(*response);
+		for (const auto &[name, value] : answer.headers) {
+			response->set(name, value);
+		}
 		response->set(http::field::content_type, answer.type);
-		response->body() = std::move(answer.body);
 		response->keep_alive(keeps_alive);
-		response->prepare_payload();
+		response->content_length(answer.body.size());
+		if (parser_->get().method() != http::verb::head) {
+			response->body() = std::move(answer.body);
+		}
 		stream_.expires_after(kIdleTime);
 		http::async_write(stream_, *response,
 						  [self = shared_from_this(), response, keeps_alive](Error error, size_t) {
@@ -255,6 +301,7 @@ void accept_on(asio::io_context &context, Acceptor &acceptor, Shared &shared, bo
 struct HttpServer::State {
 	State(HttpSettings settings, Handler handler, LiveFeed &feed)
 		: shared{std::move(settings), std::move(handler), feed} {
+		shared.workers = &workers;
 	}
 
 	void listen_tcp() {
@@ -280,8 +327,10 @@ struct HttpServer::State {
 		local.listen(kBacklog);
 	}
 
-	asio::io_context context{1};
+	/* What waits in the two that follow belongs to sessions, which use it to their end. */
 	Shared shared;
+	asio::io_context context{1};
+	asio::thread_pool workers{kWorkers};
 	asio::ip::tcp::acceptor tcp{context};
 	asio::local::stream_protocol::acceptor local{context};
 	std::thread thread;
@@ -306,6 +355,8 @@ HttpServer::~HttpServer() {
 	if (state_->thread.joinable()) {
 		state_->thread.join();
 	}
+	state_->workers.stop();
+	state_->workers.join();
 	if (!state_->shared.settings.socket_path.empty()) {
 		::unlink(state_->shared.settings.socket_path.c_str());
 	}

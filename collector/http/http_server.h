@@ -1,9 +1,11 @@
 /*
  * HTTP for browsers and programs on a TCP port, and for the program's own verbs on a Unix socket.
- * One thread serves all connections; a live stream is just one that stays open.
+ * One thread serves all connections; a live stream is just one that stays open. What takes time is
+ * done by a few workers; what would have to wait too long for one is refused.
  *
  * On the TCP port every request has to name this host (so that no other site's name can be made to
- * lead here), must not come from another site's page, and needs the token, but for /healthz.
+ * lead here), must not come from another site's page, and needs the token, but for /healthz and
+ * /login.
  */
 #pragma once
 
@@ -12,6 +14,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "http/live_feed.h"
 
@@ -20,7 +24,10 @@ namespace kaq {
 struct HttpRequest {
 	std::string method;
 	std::string path;
-	std::string query; /* behind the question mark, as it was sent */
+	std::string query;      /* behind the question mark, as it was sent */
+	std::string form;       /* the body, if it is one of a form */
+	bool is_local = false;  /* it came over the Unix socket */
+	bool has_token = false; /* it came over TCP with the token */
 };
 
 struct HttpAnswer {
@@ -29,6 +36,9 @@ struct HttpAnswer {
 	std::string body;
 	bool is_live = false;    /* the live feed is sent as server-sent events; the body is left out */
 	Filter live_filter = {}; /* what of it is sent */
+	std::vector<std::pair<std::string, std::string>> headers = {}; /* further ones */
+	/* Where the answer takes time: called on a worker for it; nothing of this one counts then. */
+	std::function<HttpAnswer()> work = {};
 };
 
 struct HttpSettings {
@@ -40,13 +50,13 @@ struct HttpSettings {
 
 class HttpServer {
 public:
-	/* Called on the server's thread. */
+	/* Called on the server's thread, for which all others wait. */
 	using Handler = std::function<HttpAnswer(const HttpRequest &)>;
 
 	/* Listens; throws std::system_error with what it listened on in its text. REQUIRES: the feed
 	 * outlives the server. */
 	HttpServer(HttpSettings settings, Handler handler, LiveFeed &feed);
-	/* Ends all connections. */
+	/* Ends all connections, and waits for the workers. */
 	~HttpServer();
 	HttpServer(const HttpServer &) = delete;
 	HttpServer &operator=(const HttpServer &) = delete;

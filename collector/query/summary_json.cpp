@@ -45,4 +45,16 @@ Summary summary_from_json(const nlohmann::json &json) {
 	return summary;
 }
 
+nlohmann::json to_json(const RequestRow &row) {
+	nlohmann::json json = to_json(row.summary);
+	json["host"] = row.host;
+	json["instance"] = row.instance;
+	json["verdict"] = row.verdict.sentence;
+	json["gain_ms"] = row.verdict.gain;
+	json["findings"] = row.verdict.kinds;
+	json["kept"] = row.has_document;
+	json["pinned"] = row.is_pinned;
+	return json;
+}
+
 } // namespace kaq

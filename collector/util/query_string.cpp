@@ -48,4 +48,20 @@ std::string form_decoded(std::string_view text) {
 	return percent_decoded(spaced);
 }
 
+std::map<std::string, std::string> form_parameters(std::string_view query) {
+	std::map<std::string, std::string> parameters;
+	while (!query.empty()) {
+		size_t end = query.find('&');
+		std::string_view each = query.substr(0, end);
+		size_t equals = each.find('=');
+		if (!each.empty()) {
+			std::string_view value =
+				equals == std::string_view::npos ? std::string_view() : each.substr(equals + 1);
+			parameters.emplace(form_decoded(each.substr(0, equals)), form_decoded(value));
+		}
+		query = end == std::string_view::npos ? std::string_view() : query.substr(end + 1);
+	}
+	return parameters;
+}
+
 } // namespace kaq

@@ -1,0 +1,64 @@
+/* Verbs about the collector itself: collect, config, tail. */
+#include <CLI/CLI.hpp>
+
+#include <map>
+#include <memory>
+
+#include "cli/command_line.h"
+
+namespace kaq {
+namespace {
+
+/* "200ms", "1.5s" or a number of milliseconds. */
+void add_duration_option(CLI::App &verb, const std::string &name, int64_t &milliseconds,
+						 const std::string &text) {
+	const std::map<std::string, double> units = {{"ms", 1}, {"s", 1000}, {"m", 60000}};
+	verb.add_option_function<double>(
+			name, [&milliseconds](double value) { milliseconds = static_cast<int64_t>(value); },
+			text)
+		->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::CASE_SENSITIVE, ""))
+		->type_name("TIME");
+}
+
+} // namespace
+
+void add_collect(CLI::App &app, int &status) {
+	auto options = std::make_shared<CollectOptions>();
+	CLI::App &verb = *app.add_subcommand("collect", "run the collector");
+	verb.add_option("--handshake", options->handshake_port, "port of the handshakes")
+		->type_name("PORT");
+	verb.add_option("--data", options->data_port, "port of the payloads")->type_name("PORT");
+	verb.add_option("--http", options->http_port, "port of the web interface")->type_name("PORT");
+	add_store_option(verb, options->store);
+	add_configuration_option(verb, options->configuration);
+	verb.callback([options, &status] { status = collect(*options); });
+}
+
+void add_config(CLI::App &app, int &status) {
+	auto file = std::make_shared<std::string>();
+	CLI::App &verb = *app.add_subcommand("config", "look at the configuration");
+	verb.require_subcommand(1);
+	CLI::App &check = *verb.add_subcommand("check", "say what is wrong in it");
+	add_configuration_option(check, *file);
+	check.callback([file, &status] { status = config_check(*file); });
+	CLI::App &show = *verb.add_subcommand("show", "print the settings that hold");
+	add_configuration_option(show, *file);
+	show.callback([file, &status] { status = config_show(*file); });
+}
+
+void add_tail(CLI::App &app, int &status) {
+	auto options = std::make_shared<TailOptions>();
+	CLI::App &verb = *app.add_subcommand("tail", "show requests as they end");
+	verb.add_option("query", options->query, "which requests, such as 'app:shop >300ms'")
+		->type_name("QUERY");
+	add_store_option(verb, options->store);
+	add_configuration_option(verb, options->configuration);
+	add_duration_option(verb, "--slower", options->slower,
+						"only those that took at least this long");
+	verb.add_flag("--errors", options->errors, "only those that failed");
+	verb.add_flag("--json", options->json, "one JSON object a line");
+	verb.add_option("-n,--count", options->count, "end after N requests")->type_name("N");
+	verb.callback([options, &status] { status = tail(*options); });
+}
+
+} // namespace kaq

@@ -1,0 +1,58 @@
+#include "cli/command_line.h"
+
+#include <CLI/CLI.hpp>
+
+namespace kaq {
+
+const std::vector<AddVerb> &verbs() {
+	static const std::vector<AddVerb> kVerbs = {
+		add_collect, add_config, add_tail, add_find, add_pin,
+		add_unpin,   add_forget, add_mark, add_open,
+	};
+	return kVerbs;
+}
+
+void add_store_option(CLI::App &verb, std::string &store) {
+	verb.add_option("--store", store, "directory of the collector's data")->type_name("DIR");
+}
+
+void add_configuration_option(CLI::App &verb, std::string &file) {
+	verb.add_option("--config", file, "configuration file")->type_name("FILE");
+}
+
+void add_common_options(CLI::App &verb, CommonOptions &options) {
+	add_store_option(verb, options.store);
+	add_configuration_option(verb, options.configuration);
+	verb.add_flag("--json", options.is_json, "the collector's answer as it is");
+}
+
+void add_query_option(CLI::App &verb, FilterOptions &options) {
+	verb.add_option("query", options.query, "which requests, such as 'app:shop >300ms since:1h'")
+		->type_name("QUERY");
+}
+
+void add_range_options(CLI::App &verb, FilterOptions &options) {
+	verb.add_option("--since", options.from, "only what began then or later: 1h (ago), 2026-11-22")
+		->type_name("TIME");
+	verb.add_option("--until", options.to, "only what began before that")->type_name("TIME");
+	verb.add_option("--app", options.application, "only of this application")->type_name("NAME");
+}
+
+int run_command_line(int count, char **arguments) {
+	CLI::App app("Collects, keeps and explains what PHP applications do.", "kaq");
+	app.require_subcommand(1);
+	app.footer("Exit status: 0 done; 1 nothing was found, or it could not be done; 2 what was "
+			   "typed is wrong.");
+	int status = kDone;
+	for (AddVerb add : verbs()) {
+		add(app, status);
+	}
+	try {
+		app.parse(count, arguments);
+	} catch (const CLI::ParseError &error) {
+		return app.exit(error) == 0 ? kDone : kMisunderstood;
+	}
+	return status;
+}
+
+} // namespace kaq

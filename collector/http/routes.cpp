@@ -1,0 +1,103 @@
+#include "http/routes.h"
+
+#include "http/access.h"
+#include "query/mistake_json.h"
+#include "query/parser.h"
+#include "util/query_string.h"
+
+namespace kaq {
+namespace {
+
+constexpr const char *kText = "text/plain";
+constexpr std::string_view kInterface = "/api/";
+/* A browser stays logged in for a month. */
+constexpr const char *kCookieAttributes = "; Max-Age=2592000; Path=/; HttpOnly; SameSite=Strict";
+
+HttpAnswer to_http(const Answer &answer) {
+	return {answer.status, answer.text.empty() ? "application/json" : answer.type, text_of(answer)};
+}
+
+HttpAnswer live(const HttpRequest &request) {
+	ParseSettings settings;
+	settings.is_live = true;
+	std::string query = form_decoded(query_parameter(request.query, "q"));
+	auto filter = parse_query(query, settings);
+	HttpAnswer answer;
+	if (filter) {
+		answer.is_live = true;
+		answer.live_filter = std::move(*filter);
+	} else {
+		answer.status = 400;
+		answer.body = to_json(filter.error()).dump();
+	}
+	return answer;
+}
+
+HttpAnswer unknown(const HttpRequest &request) {
+	bool is_interface = request.path.compare(0, kInterface.size(), kInterface) == 0;
+	return is_interface ? to_http(error_answer(404, "there is no such route",
+											   "docs/openapi.yaml describes those that there are"))
+						: HttpAnswer{404, kText, "nothing here\n"};
+}
+
+/* How the path could have been asked; null if it is none of the services'. */
+const char *other_method(const std::string &path) {
+	for (const char *method : {"GET", "POST"}) {
+		if (find_service(method, path)) {
+			return method;
+		}
+	}
+	return nullptr;
+}
+
+} // namespace
+
+HttpAnswer Routes::answer(const HttpRequest &request) {
+	std::string method = request.method == "HEAD" ? "GET" : request.method;
+	const Service *service = find_service(method, request.path);
+	if (service && (service->audience == Audience::kEverybody || request.is_local)) {
+		return serve(*service, request);
+	}
+	const char *other = service ? nullptr : other_method(request.path);
+	if (other || (method != "GET" && !service)) {
+		HttpAnswer answer = to_http(error_answer(405, "this is for another method"));
+		answer.headers.push_back({"Allow", other ? other : "GET"});
+		return answer;
+	}
+	if (request.path == "/healthz") {
+		return {200, kText, "ok\n"};
+	}
+	if (request.path == kLoginPath) {
+		return log_in(request);
+	}
+	if (request.path == "/api/v1/live") {
+		return live(request);
+	}
+	return unknown(request);
+}
+
+HttpAnswer Routes::log_in(const HttpRequest &request) {
+	std::string code = form_decoded(query_parameter(request.query, "code"));
+	if (!codes_.take(code) && !request.has_token) {
+		return {401, kText,
+				"this link was used before, or is too old: 'kaq open' prints another\n"};
+	}
+	HttpAnswer answer{303, kText, "logged in\n"};
+	answer.headers.push_back(
+		{"Set-Cookie", std::string(kTokenCookie) + "=" + token_ + kCookieAttributes});
+	answer.headers.push_back({"Location", "/"});
+	return answer;
+}
+
+HttpAnswer Routes::serve(const Service &service, const HttpRequest &request) {
+	Question question;
+	question.parameters = form_parameters(request.query);
+	question.parameters.merge(form_parameters(request.form));
+	HttpAnswer answer;
+	answer.work = [this, &service, question = std::move(question)] {
+		return to_http(answer_of(service, context_, question));
+	};
+	return answer;
+}
+
+} // namespace kaq

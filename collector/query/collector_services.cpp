@@ -1,0 +1,92 @@
+/* Services about the collector itself: its state, its marks, its language. */
+#include "query/completion.h"
+#include "query/parameters.h"
+#include "query/service_table.h"
+
+namespace kaq {
+namespace {
+
+constexpr size_t kLongestMark = 200; /* bytes */
+
+nlohmann::json to_json(const Mark &mark) {
+	return {{"time_ms", mark.time}, {"application", mark.application}, {"text", mark.text}};
+}
+
+nlohmann::json to_json(const StoreStatus &status) {
+	nlohmann::json parts = nlohmann::json::array();
+	for (const StoreStatus::Part &part : status.parts) {
+		parts.push_back({{"begun_ms", part.begun},
+						 {"bytes", part.bytes},
+						 {"requests", part.requests},
+						 {"documents", part.documents}});
+	}
+	return {{"parts", std::move(parts)},
+			{"bytes", status.bytes},
+			{"most_bytes", status.most_bytes},
+			{"figure_bytes", status.figure_bytes},
+			{"most_figure_bytes", status.most_figure_bytes},
+			{"requests_put", status.requests_put},
+			{"documents_kept", status.documents_kept},
+			{"documents_left_out", status.documents_left_out},
+			{"requests_lost", status.requests_lost},
+			{"other_names", status.other_names},
+			{"writing", status.is_writing},
+			{"damages", status.damages}};
+}
+
+} // namespace
+
+Answer add_mark(ServiceContext &context, const Question &question) {
+	Mark mark;
+	mark.text = text_of(question, "text");
+	mark.application = text_of(question, "app");
+	if (mark.text.size() > kLongestMark) {
+		throw ServiceMistake(400, "the text is too long",
+							 "it has at most " + std::to_string(kLongestMark) + " bytes", "text");
+	}
+	mark.time = time_of(context, question, "time", context.clock());
+	context.store.add_mark(mark);
+	return json_answer(to_json(mark));
+}
+
+Answer list_marks(ServiceContext &context, const Question &question) {
+	const std::string &application = text_of(question, "app");
+	nlohmann::json marks = nlohmann::json::array();
+	for (const Mark &mark : context.store.marks(range_of(context, question))) {
+		if (application.empty() || mark.application.empty() || mark.application == application) {
+			marks.push_back(to_json(mark));
+		}
+	}
+	return json_answer({{"marks", std::move(marks)}});
+}
+
+Answer show_status(ServiceContext &context, const Question &) {
+	nlohmann::json body = {{"now_ms", context.clock()}, {"store", to_json(context.store.status())}};
+	if (context.daemon) {
+		body["collector"] = context.daemon();
+	}
+	return json_answer(std::move(body));
+}
+
+Answer complete(ServiceContext &, const Question &question) {
+	const std::string &query = text_of(question, "q");
+	auto length = static_cast<int64_t>(query.size());
+	int64_t cursor = number_of(question, "cursor", length, 0, length);
+	Completion completion = complete_query(query, static_cast<size_t>(cursor));
+	nlohmann::json candidates = nlohmann::json::array();
+	for (const Candidate &candidate : completion.candidates) {
+		candidates.push_back({{"text", candidate.text}, {"help", candidate.help}});
+	}
+	return json_answer({{"begin", completion.begin},
+						{"end", completion.end},
+						{"candidates", std::move(candidates)}});
+}
+
+Answer make_login_link(ServiceContext &context, const Question &) {
+	if (!context.login_link) {
+		throw ServiceMistake(404, "no collector runs here", "start one with 'kaq collect'");
+	}
+	return json_answer({{"url", context.login_link()}});
+}
+
+} // namespace kaq

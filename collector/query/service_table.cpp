@@ -1,0 +1,22 @@
+#include "query/service_table.h"
+
+namespace kaq {
+
+const std::vector<Service> &services() {
+	static const std::vector<Service> kServices = {
+		{"GET", "/api/v1/requests", {"q", "from", "to", "app", "order", "limit"}, find_requests},
+		{"GET", "/api/v1/request", {"!id"}, show_request},
+		{"GET", "/api/v1/trace", {"!id"}, show_trace},
+		{"POST", "/api/v1/pin", {"!id"}, pin_request},
+		{"POST", "/api/v1/unpin", {"!id"}, unpin_request},
+		{"POST", "/api/v1/forget", {"!q", "from", "to", "app"}, forget_requests},
+		{"GET", "/api/v1/marks", {"from", "to", "app"}, list_marks},
+		{"POST", "/api/v1/mark", {"!text", "app", "time"}, add_mark},
+		{"GET", "/api/v1/completions", {"q", "cursor"}, complete},
+		{"GET", "/api/v1/status", {}, show_status},
+		{"POST", "/api/v1/login-link", {}, make_login_link, Audience::kLocal},
+	};
+	return kServices;
+}
+
+} // namespace kaq

@@ -1,0 +1,23 @@
+/* The functions behind the table of services. */
+#pragma once
+
+#include "query/service.h"
+
+namespace kaq {
+
+/* request_services.cpp */
+Answer find_requests(ServiceContext &context, const Question &question);
+Answer show_request(ServiceContext &context, const Question &question);
+Answer show_trace(ServiceContext &context, const Question &question);
+Answer forget_requests(ServiceContext &context, const Question &question);
+Answer pin_request(ServiceContext &context, const Question &question);
+Answer unpin_request(ServiceContext &context, const Question &question);
+
+/* collector_services.cpp */
+Answer add_mark(ServiceContext &context, const Question &question);
+Answer list_marks(ServiceContext &context, const Question &question);
+Answer show_status(ServiceContext &context, const Question &question);
+Answer complete(ServiceContext &context, const Question &question);
+Answer make_login_link(ServiceContext &context, const Question &question);
+
+} // namespace kaq

@@ -1,0 +1,22 @@
+/* The requests of a trace as one tree, as JSON. No state; any thread. */
+#pragma once
+
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "store/store.h"
+
+namespace kaq {
+
+/* More documents of one trace are left out, and counted. */
+constexpr size_t kMostDocumentsOfATrace = 100;
+
+/*
+ * Requests with their documents, each below the call that caused it, times on one clock; the
+ * critical path; the trace's begin and duration. What was kept without a document stands at the end
+ * of the list.
+ */
+nlohmann::json trace_json(Store &store, const std::vector<RequestRow> &rows);
+
+} // namespace kaq
