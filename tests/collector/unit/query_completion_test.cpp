@@ -77,6 +77,7 @@ TEST(QueryCompletion, NothingWithinQuotes) {
 	EXPECT_EQ((Texts{}), completed("app:\"s|\""));
 	EXPECT_EQ((Texts{}), completed("\"a \\\" s|"));
 	EXPECT_EQ((Texts{"\"a\" status:"}), completed("\"a\" sta|"));
+	EXPECT_FALSE(complete_query("app:\"s", 6).field);
 }
 
 TEST(QueryCompletion, WhateverIsProposedMayBeWritten) {
