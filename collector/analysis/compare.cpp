@@ -108,7 +108,8 @@ public:
 		int32_t at = rows_.rows[row].parent;
 		while (at >= 0 && text.size() < kLongestPath) {
 			const ProfileRow &each = rows_.rows[static_cast<size_t>(at)];
-			text = each.name + (text.empty() ? "" : " > ") + text;
+			text.insert(0, text.empty() ? "" : " > ");
+			text.insert(0, each.name);
 			at = each.parent;
 		}
 		return text.size() <= kLongestPath ? text : end_of(text);

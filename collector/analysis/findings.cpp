@@ -163,7 +163,7 @@ std::string said(std::string_view name) {
 	return text.empty() ? "(no name)" : text;
 }
 
-Finding make_finding(FindingKind kind, std::string sentence, int64_t gain,
+Finding make_finding(FindingKind kind, const std::string &sentence, int64_t gain,
 					 const std::vector<int32_t> &spans) {
 	Finding finding;
 	finding.kind = kind;

@@ -64,7 +64,7 @@ std::string place_text(const Examined &request, const Common &common);
 /* A name in a sentence: short, and on one line. */
 std::string said(std::string_view name);
 
-Finding make_finding(FindingKind kind, std::string sentence, int64_t gain,
+Finding make_finding(FindingKind kind, const std::string &sentence, int64_t gain,
 					 const std::vector<int32_t> &spans);
 
 void find_statements(const Examined &request, std::vector<Finding> &findings);

@@ -29,6 +29,7 @@ std::vector<Function> functions_of(const Transaction &transaction) {
 		}
 	}
 	std::vector<Function> functions;
+	functions.reserve(by_name.size());
 	for (auto &entry : by_name) {
 		functions.push_back(std::move(entry.second));
 	}
