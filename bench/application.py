@@ -1,7 +1,8 @@
 """Cost of a library at work without a server: a parser and a template engine, in one process each.
 
 What is compared is the processor time that the script itself used, all variants by turns, round
-by round."""
+by round. The machine's speed may wander by more than a variant costs, so each iteration is held
+against a fixed piece of arithmetic right before and after it."""
 import glob
 import os
 import re
@@ -92,7 +93,7 @@ class Library:
 
     @staticmethod
     def _output(variant, command):
-        environment = dict(os.environ, BENCH_PROFILER=variant)
+        environment = dict(os.environ, BENCH_PROFILER=variant, BENCH_CALIBRATE="1")
         for _ in range(3 if variant in PROFILERS else 1):
             done = harness.child(command, environment=environment, is_pinned=True)
             if done.returncode == 0:
@@ -103,15 +104,23 @@ class Library:
                                                    (done.stderr or done.stdout)[-400:]))
 
     def run(self, variant, kind, opcache, size, iterations):
-        """Calls of an iteration, its us of processor time (the least, user and system on average),
-        and the checksum of what it gave."""
+        """Calls of an iteration; its processor time (the lower quartile, in units of the arithmetic
+        beside it) with the user and system time of one on average in us; the us that the arithmetic took
+        when it was fastest; and the checksum of what it gave."""
         text = self._output(variant, self.command(variant, kind, opcache, size, iterations))
-        found = re.fullmatch(r"(\d+) (\S+) (\S+) (\S+) ([0-9a-f]{32})\n", text)
+        found = re.fullmatch(r"(\d+) ([\d.,]+) ([\d.,]+) (\S+) (\S+) ([0-9a-f]{32})\n", text)
         if not found:
             raise BenchError("%s, %s: %r" % (kind, variant, text[-200:]))
         for path in glob.glob(os.path.join(self._setup.scratch, "cachegrind.out.*")):
             os.remove(path)
-        return int(found[1]), tuple(float(found[at]) for at in (2, 3, 4)), found[5]
+        times, speeds = ([float(word) for word in found[at].split(",")] for at in (2, 3))
+        if len(speeds) != len(times) + 1 or min(speeds) <= 0:
+            raise BenchError("%s, %s: not measured: %r" % (kind, variant, text[-200:]))
+        relative = sorted(2 * taken / (before + after) for taken, before, after
+                          in zip(times, speeds, speeds[1:]))
+        quartile = relative[len(relative) // 4]
+        return (int(found[1]), (quartile, float(found[4]), float(found[5])), min(speeds),
+                found[6])
 
 
 def _check(setup, library, kind, opcache):
@@ -132,25 +141,32 @@ def _check(setup, library, kind, opcache):
 
 
 def time_libraries(setup, rounds):
-    """{(kind, opcache): {"calls": calls of an iteration, "times": {variant: [(us of the fastest
-    iteration, user us, system us), one per round, of a rare one per RARE_ROUNDS]}}}."""
+    """{(kind, opcache): {"calls": calls of an iteration, "times": {variant: [(us of an iteration
+    at the machine's best speed, user us, system us as they were), one per round, of a rare one per
+    RARE_ROUNDS]}}}."""
     library = Library(setup)
     variants = VARIANTS + tuple(library.profilers())
     figures = {(kind, opcache): {"calls": _check(setup, library, kind, opcache),
                                  "times": {variant: [] for variant in variants}}
                for kind in KINDS for opcache in library.opcache_states}
     sums = {}
+    speeds = []
     for turn in range(rounds):
         harness.progress("libraries: round %d of %d" % (turn + 1, rounds))
         for (kind, opcache), figure in figures.items():
             rare = RARE if turn % RARE_ROUNDS.step else ()
             for variant in harness.rotated([one for one in variants if one not in rare], turn):
                 iterations = HEAVY_ITERATIONS if variant in (KEPT, "xdebug") else ITERATIONS
-                _, times, text = library.run(variant, kind, opcache, KINDS[kind][1],
-                                             iterations)
+                _, times, speed, text = library.run(variant, kind, opcache, KINDS[kind][1],
+                                                    iterations)
+                speeds.append(speed)
                 if sums.setdefault(kind, text) != text:
                     raise BenchError("%s, %s: gave something else" % (kind, variant))
                 figure["times"][variant].append(times)
+    for figure in figures.values():
+        for variant, rounds in figure["times"].items():
+            figure["times"][variant] = [(relative * min(speeds), user, system)
+                                        for relative, user, system in rounds]
     return figures
 
 
