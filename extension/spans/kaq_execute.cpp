@@ -33,8 +33,8 @@ static __attribute__((noinline)) void kaq_execute_entered(zend_execute_data *exe
 		int64_t duration = (int64_t)(now_ms - span->start_time);
 		uintptr_t held = span->span;
 		if (EXPECTED(duration < g->method_threshold && (held == 0 || held & KAQ_SPAN_NAMED))) {
-			spans->top = call - KAQ_OPEN_SPAN_SIZE;
-			if (UNEXPECTED(held)) {
+			spans->top -= KAQ_OPEN_SPAN_SIZE;
+			if (UNEXPECTED(held) && !(held & KAQ_SPAN_INTERNED)) {
 				kaq_release_held_name(held);
 			}
 			return;
@@ -52,15 +52,15 @@ struct kaq_entered_call {
 
 /* Hands the frame through, so that its caller need not save it. */
 static __attribute__((noinline)) kaq_entered_call
-kaq_enter_rarely(zend_kaq_globals *g, zend_execute_data *execute_data) {
+kaq_enter_rarely(zend_execute_data *execute_data) {
+	zend_kaq_globals *g = kaq_get_globals();
 	const zend_function *function = execute_data->func;
 	uintptr_t call = function->common.function_name ? kaq_enter_call(g, function) : 0;
 	return {execute_data, call};
 }
 
-static __attribute__((noinline)) void kaq_execute_rarely(zend_kaq_globals *g,
-														 zend_execute_data *execute_data) {
-	kaq_entered_call entered = kaq_enter_rarely(g, execute_data);
+static __attribute__((noinline)) void kaq_execute_rarely(zend_execute_data *execute_data) {
+	kaq_entered_call entered = kaq_enter_rarely(execute_data);
 	if (entered.call) {
 		kaq_execute_entered(entered.execute_data, entered.call);
 	} else {
@@ -69,8 +69,8 @@ static __attribute__((noinline)) void kaq_execute_rarely(zend_kaq_globals *g,
 }
 
 /* Each branch ends in a jump instead of a call, so that this function uses no stack, and a request
- * that is not monitored pays for reading one switch. The span limit counts spans in the buffer, not
- * open ones. */
+ * that is not monitored pays for reading one switch. What is handed on stands where it is
+ * found, which spares moving it. The span limit counts spans in the buffer, not open ones. */
 void kaq_execute_ex(zend_execute_data *execute_data) {
 	zend_kaq_globals *g = kaq_get_globals();
 	if (!g->control_signal || g->stored_node_count >= g->span_limit) {
@@ -85,7 +85,7 @@ void kaq_execute_ex(zend_execute_data *execute_data) {
 		kaq_push_call(g, position, function, now_ms);
 		kaq_execute_entered(execute_data, position);
 	} else {
-		kaq_execute_rarely(g, execute_data);
+		kaq_execute_rarely(execute_data);
 	}
 }
 

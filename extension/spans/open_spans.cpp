@@ -39,7 +39,7 @@ static void kaq_count_children(kaq_open_span *span, kaq_node *parent) {
 
 void kaq_release_held_name(uintptr_t span) {
 	if (span & KAQ_SPAN_NAMED) {
-		zend_string_release((zend_string *)(span - KAQ_SPAN_NAMED));
+		zend_string_release(kaq_held_name(span));
 	}
 }
 
@@ -52,7 +52,7 @@ static void kaq_settle_span(zend_kaq_globals *g, kaq_open_span *span) {
 	} else {
 		if (span->span & KAQ_SPAN_NAMED) {
 			kaq_name_user_call(node, (const zend_class_entry *)span->callee,
-							   (zend_string *)(span->span - KAQ_SPAN_NAMED), true);
+							   kaq_held_name(span->span), true);
 		} else {
 			kaq_name_function(node, (const zend_function *)span->callee);
 		}

@@ -22,8 +22,9 @@
 #include "util/kaq_clock.h"
 
 /* Bits of an entry's `span`, which otherwise is its node, or 0. */
-#define KAQ_SPAN_NAMED 1 /* the rest is a counted zend_string, the function's name */
-#define KAQ_SPAN_LOST 2  /* there was no memory for a node */
+#define KAQ_SPAN_NAMED 1    /* the rest is a zend_string, the function's name */
+#define KAQ_SPAN_LOST 2     /* there was no memory for a node */
+#define KAQ_SPAN_INTERNED 4 /* the name is not counted */
 
 /* An open call as its caller remembers it: 0 for none, a position in the stack, or, marked by this
  * bit, a node. */
@@ -37,6 +38,10 @@ static inline kaq_open_span *kaq_span_at(const zend_kaq_globals *g, size_t posit
 
 static inline bool kaq_is_settled(const kaq_open_span *span) {
 	return span->span && !(span->span & KAQ_SPAN_NAMED);
+}
+
+static inline zend_string *kaq_held_name(uintptr_t span) {
+	return (zend_string *)(span & ~(uintptr_t)(KAQ_SPAN_NAMED | KAQ_SPAN_INTERNED));
 }
 
 static inline kaq_node *kaq_node_of_span(const kaq_open_span *span) {
@@ -56,7 +61,13 @@ static inline void kaq_push_call(zend_kaq_globals *g, size_t position,
 	g->open_spans.top = position;
 	if (UNEXPECTED(function->common.fn_flags & KAQ_FUNCTION_MAY_GO)) {
 		span->callee = function->common.scope;
-		span->span = (uintptr_t)zend_string_copy(function->common.function_name) | KAQ_SPAN_NAMED;
+		zend_string *name = function->common.function_name;
+		uintptr_t held = (uintptr_t)name | KAQ_SPAN_NAMED | KAQ_SPAN_INTERNED;
+		if (!ZSTR_IS_INTERNED(name)) {
+			zend_string_addref(name);
+			held -= KAQ_SPAN_INTERNED;
+		}
+		span->span = held;
 	}
 }
 

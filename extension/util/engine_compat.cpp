@@ -4,11 +4,10 @@
 
 #ifdef ZTS
 TSRM_TLS void *TSRMLS_CACHE KAQ_THREAD_LOCAL_MODEL = nullptr;
-TSRM_TLS void *kaq_thread_globals KAQ_THREAD_LOCAL_MODEL = nullptr;
 
 void kaq_bind_module_globals(int key) {
 	TSRMLS_CACHE = tsrm_get_ls_cache();
-	kaq_thread_globals = TSRMG_BULK_STATIC(key, void *);
+	kaq_clock_thread.companion = TSRMG_BULK_STATIC(key, void *);
 }
 #else
 void kaq_bind_module_globals(int) {

@@ -124,7 +124,7 @@ void kaq_clock_startup(void) {
 	cycles_per_ms.store(0, std::memory_order_relaxed);
 	int trusted = kaq_counter_is_invariant() && !kaq_kernel_distrusts_counter();
 	counter_trusted.store(trusted, std::memory_order_relaxed);
-	memset(&kaq_clock_thread, 0, sizeof kaq_clock_thread);
+	kaq_clock_thread = {0, 0, 0, kaq_clock_thread.companion, 0, 0, 0};
 	if (trusted) {
 		kaq_measure(&kaq_clock_thread);
 	}

@@ -23,6 +23,8 @@ struct kaq_clock_thread_state {
 	uint64_t cycles; /* counter just before the reading */
 	uint64_t valid;  /* cycles after it for which `ms` holds for certain; 0: read again */
 	uint64_t ms;
+	/* For whoever links this: a pointer of the thread's that is found by the same look-up. */
+	void *companion;
 	/* Earlier point of the rate measurement: monotonic ns (0: none yet), counter before, after. */
 	uint64_t base_ns;
 	uint64_t base_before;
