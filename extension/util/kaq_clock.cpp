@@ -54,7 +54,9 @@ static uint64_t kaq_monotonic_ns(void) {
 }
 
 uint64_t kaq_monotonic_ms(void) {
-	return kaq_monotonic_ns() / NS_PER_MS;
+	struct timespec now;
+	clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+	return (uint64_t)now.tv_sec * 1000 + (uint64_t)now.tv_nsec / NS_PER_MS;
 }
 
 uint64_t kaq_clock_rate(uint64_t elapsed_ns, uint64_t first_before, uint64_t first_after,

@@ -64,7 +64,8 @@ void kaq_wall_clock(uint64_t *sec, uint64_t *usec);
 /* sec * 1000 + usec / 1000, each truncated. */
 uint64_t kaq_ms_of(uint64_t sec, uint64_t usec);
 
-/* Milliseconds of the monotonic clock, from an unspecified start: for time-outs. */
+/* Milliseconds of the monotonic clock as of the kernel's last tick, at most 10 ms ago, from an
+ * unspecified start: for time-outs. */
 uint64_t kaq_monotonic_ms(void);
 
 /*

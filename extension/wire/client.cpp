@@ -98,8 +98,12 @@ int kaq_connect(int fd, const char *address, int port) {
 	memset(&collector, 0, sizeof collector);
 	collector.sin_family = AF_INET;
 	collector.sin_port = htons((uint16_t)port);
-	/* An address that cannot be parsed leaves 0.0.0.0 in place. */
-	inet_pton(AF_INET, address, &collector.sin_addr);
+	if (strcmp(address, LOOPBACK) == 0) {
+		collector.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+	} else {
+		/* An address that cannot be parsed leaves 0.0.0.0 in place. */
+		inet_pton(AF_INET, address, &collector.sin_addr);
+	}
 	uint64_t deadline = kaq_monotonic_ms() + KAQ_CONNECT_TIMEOUT_MS;
 	if (kaq_bound_next_call(fd, KAQ_CONNECT_TIMEOUT_MS) != 0) {
 		return -1;
@@ -126,11 +130,11 @@ static ssize_t kaq_write_rest(int fd, const char *text, size_t len, uint64_t dea
 
 /* A usual text goes at once, which needs no time-out. */
 ssize_t kaq_write_once(int fd, const char *text, size_t len) {
-	uint64_t deadline = kaq_monotonic_ms() + KAQ_WRITE_TIMEOUT_MS;
 	ssize_t at_once = send(fd, text, len, MSG_NOSIGNAL | MSG_DONTWAIT);
 	if (at_once == (ssize_t)len || (at_once < 0 && errno != EAGAIN && errno != EINTR)) {
 		return at_once;
 	}
+	uint64_t deadline = kaq_monotonic_ms() + KAQ_WRITE_TIMEOUT_MS;
 	size_t taken = at_once < 0 ? 0 : (size_t)at_once;
 	ssize_t rest = kaq_write_rest(fd, text + taken, len - taken, deadline);
 	if (taken == 0) {
