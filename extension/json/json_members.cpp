@@ -39,6 +39,20 @@ static char kaq_escaped_character(char character) {
 	}
 }
 
+struct plain_table {
+	bool is_plain[256]; /* stands for itself in a plain string */
+};
+
+static constexpr plain_table kaq_make_plain() {
+	plain_table table = {};
+	for (int c = ' '; c <= '~'; c++) {
+		table.is_plain[c] = c != '"' && c != '\\';
+	}
+	return table;
+}
+
+static constexpr plain_table PLAIN = kaq_make_plain();
+
 /* Reads on from an opening quote, past the closing one; null if the string is not plain. */
 static const char *kaq_read_string(const char *at, kaq_json_member *out) {
 	if (*at != '"') {
@@ -47,18 +61,19 @@ static const char *kaq_read_string(const char *at, kaq_json_member *out) {
 	out->kind = KAQ_JSON_STRING;
 	out->text = ++at;
 	out->has_escapes = false;
-	for (; *at != '"'; at++) {
-		if (*at == '\\') {
-			out->has_escapes = true;
-			if (!kaq_escaped_character(*++at)) {
-				return nullptr;
-			}
-		} else if (*at < ' ' || *at > '~') {
+	for (;; at++) {
+		if (PLAIN.is_plain[(unsigned char)*at]) {
+			continue;
+		}
+		if (*at == '"') {
+			out->length = (size_t)(at - out->text);
+			return at + 1;
+		}
+		out->has_escapes = true;
+		if (*at != '\\' || !kaq_escaped_character(*++at)) {
 			return nullptr;
 		}
 	}
-	out->length = (size_t)(at - out->text);
-	return at + 1;
 }
 
 static const char *kaq_read_integer(const char *at, kaq_json_member *out) {
@@ -99,7 +114,8 @@ static const char *kaq_read_value(const char *at, kaq_json_member *out) {
 static kaq_json_member *kaq_find_wanted(const kaq_json_member *name, kaq_json_member *wanted,
 										size_t count) {
 	for (size_t i = 0; i < count; i++) {
-		if (strncmp(wanted[i].name, name->text, name->length) == 0 &&
+		if (wanted[i].name[0] == name->text[0] &&
+			strncmp(wanted[i].name, name->text, name->length) == 0 &&
 			wanted[i].name[name->length] == '\0') {
 			return &wanted[i];
 		}

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -14,7 +15,7 @@
 static const size_t READ_SIZE = 4096;
 static const size_t GROWTH = 1024;
 
-/* Bytes of the block at first: a usual answer leaves it as it is. */
+/* Bytes that are read without a block: a usual answer needs none but its own. */
 static const size_t FIRST_CAPACITY = 2 * READ_SIZE;
 
 /* One read that ends at the deadline: the count, 0 at the end of the answer, -1 for a failure. */
@@ -49,14 +50,8 @@ static ssize_t kaq_read_first(int fd, char *into, size_t room, uint64_t deadline
 	return kaq_read_until(fd, into, room, deadline);
 }
 
-static char *kaq_new_buffer(void) {
-	char *buffer = (char *)malloc(FIRST_CAPACITY);
-	if (buffer == nullptr) {
-		client_error("Memory allocation failed");
-	} else {
-		buffer[0] = '\0';
-	}
-	return buffer;
+static char *kaq_empty_answer(void) {
+	return (char *)calloc(1, 1);
 }
 
 /* What has been read: `used` bytes, always below `size`, which is at most `capacity`. */
@@ -65,6 +60,7 @@ struct answer_buffer {
 	size_t used;
 	size_t size;
 	size_t capacity; /* bytes of the block; doubled, so that a long answer costs linear time */
+	char *block;     /* what `text` is on the heap; null while it is the reader's own */
 };
 
 /* Makes room for the next read; 0 when memory is short. */
@@ -76,22 +72,42 @@ static int kaq_grow_buffer(answer_buffer *answer, kaq_grow_fn grow) {
 	if (answer->size <= answer->capacity) {
 		return 1;
 	}
-	char *grown = (char *)grow(answer->text, answer->capacity * 2);
+	if (answer->block == nullptr) {
+		answer->block = (char *)malloc(answer->capacity);
+		if (answer->block != nullptr) {
+			memcpy(answer->block, answer->text, answer->used);
+		}
+	}
+	char *grown =
+		answer->block == nullptr ? nullptr : (char *)grow(answer->block, answer->capacity * 2);
 	if (grown == nullptr) {
 		client_error("Memory reallocation failed");
 		return 0;
 	}
+	answer->block = grown;
 	answer->text = grown;
 	answer->capacity *= 2;
 	return 1;
 }
 
+/* What has been read as a block of the heap. */
+static char *kaq_take_answer_text(answer_buffer *answer) {
+	if (answer->block == nullptr) {
+		answer->block = (char *)malloc(answer->used + 1);
+		if (answer->block == nullptr) {
+			client_error("Memory allocation failed");
+			return nullptr;
+		}
+		memcpy(answer->block, answer->text, answer->used);
+	}
+	answer->block[answer->used] = '\0';
+	return answer->block;
+}
+
 char *kaq_read_answer(int fd, size_t limit, kaq_grow_fn grow) {
 	uint64_t deadline = kaq_monotonic_ms() + KAQ_ANSWER_TIMEOUT_MS;
-	answer_buffer answer = {kaq_new_buffer(), 0, READ_SIZE, FIRST_CAPACITY};
-	if (answer.text == nullptr) {
-		return nullptr;
-	}
+	char usual[FIRST_CAPACITY];
+	answer_buffer answer = {usual, 0, READ_SIZE, FIRST_CAPACITY, nullptr};
 	ssize_t count = kaq_read_first(fd, answer.text, READ_SIZE - 1, deadline);
 	while (count != 0) {
 		if (count < 0 || answer.used + (size_t)count > limit) {
@@ -101,15 +117,14 @@ char *kaq_read_answer(int fd, size_t limit, kaq_grow_fn grow) {
 		}
 		answer.used += (size_t)count;
 		if (!kaq_grow_buffer(&answer, grow)) {
-			free(answer.text);
+			free(answer.block);
 			return nullptr;
 		}
 		size_t room = answer.size - answer.used - 1;
 		count = kaq_read_until(fd, answer.text + answer.used, room < READ_SIZE ? room : READ_SIZE,
 							   deadline);
 	}
-	answer.text[answer.used] = '\0';
-	return answer.text;
+	return kaq_take_answer_text(&answer);
 }
 
 char *kaq_exchange(const char *address, int port, const char *request, size_t request_len) {
@@ -117,14 +132,14 @@ char *kaq_exchange(const char *address, int port, const char *request, size_t re
 	int fd = kaq_open_socket();
 	if (fd < 0) {
 		client_error("error opening socket");
-		return kaq_new_buffer();
+		return kaq_empty_answer();
 	}
 	if (kaq_connect(fd, address, port) != 0) {
 		client_error("connect failed");
-		answer = kaq_new_buffer();
+		answer = kaq_empty_answer();
 	} else if (kaq_write_once(fd, request, request_len) < 0) {
 		client_error("error on writing");
-		answer = kaq_new_buffer();
+		answer = kaq_empty_answer();
 	} else {
 		answer = kaq_read_answer(fd, KAQ_ANSWER_MAX, realloc);
 	}
