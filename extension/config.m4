@@ -40,7 +40,7 @@ if test "$PHP_KAQ" != "no"; then
   fi
 
   kaq_sources="util/engine_access.cpp util/engine_compat.cpp util/header_line.cpp util/kaq_aside.cpp \
-    util/kaq_clock.cpp util/kaq_random.cpp util/kaq_strings.cpp util/kaq_util_functions.cpp \
+    util/kaq_clock.cpp util/kaq_random.cpp util/kaq_strings.cpp util/kaq_util_functions.cpp util/known_keys.cpp \
     util/memory_limit.cpp util/swallowed_bailout.cpp \
     json/json_bounds.cpp json/json_escape.cpp json/json_members.cpp json/kaq_json.cpp \
     state/php_kaq.cpp \

@@ -7,6 +7,7 @@
 #include "spans/kaq_execute.h"
 #include "tracing/account_id.h"
 #include "util/kaq_clock.h"
+#include "util/known_keys.h"
 
 static kaq_throw_hook_t *kaq_throw_hook_slot(void) {
 	return (kaq_throw_hook_t *)&zend_throw_exception_hook;
@@ -68,6 +69,7 @@ static void kaq_recall_settings_of_hooks(void) {
 }
 
 void kaq_module_start(int type, int module_number) {
+	kaq_make_keys();
 	kaq_clock_startup();
 	kaq_read_account_key();
 	kaq_register_settings(type, module_number);
@@ -81,4 +83,5 @@ void kaq_module_end(int type, int module_number) {
 	kaq_remove_crash_handler();
 	kaq_destroy_internal_wrap_records();
 	kaq_unregister_settings(type, module_number);
+	kaq_free_keys();
 }

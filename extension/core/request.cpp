@@ -11,6 +11,7 @@
 #include "util/engine_access.h"
 #include "util/kaq_clock.h"
 #include "util/kaq_util_functions.h"
+#include "util/known_keys.h"
 #include "util/memory_limit.h"
 #include "wire/handshake.h"
 #include "wire/payload.h"
@@ -33,8 +34,10 @@ static void kaq_release_request_texts(zend_kaq_globals *g) {
 					  &g->app_id,
 					  &g->app_flow};
 	for (char **text : texts) {
-		free(*text);
-		*text = nullptr;
+		if (*text) {
+			free(*text);
+			*text = nullptr;
+		}
 	}
 }
 
@@ -57,8 +60,8 @@ static void kaq_forget_unended_request(zend_kaq_globals *g) {
 }
 
 static void kaq_build_auto_globals(void) {
-	zend_is_auto_global_str((char *)"_SERVER", strlen("_SERVER"));
-	zend_is_auto_global_str((char *)"_REQUEST", strlen("_REQUEST"));
+	zend_is_auto_global(kaq_keys[KAQ_KEY_SERVER]);
+	zend_is_auto_global(kaq_keys[KAQ_KEY_REQUEST]);
 }
 
 static void kaq_reset_counters(zend_kaq_globals *g) {

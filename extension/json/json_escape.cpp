@@ -139,6 +139,10 @@ static inline size_t kaq_put_short_number(char *out, uint32_t value) {
 }
 
 size_t kaq_format_u64(char *out, uint64_t value) {
+	if (value < 10) {
+		*out = (char)('0' + value);
+		return 1;
+	}
 	if (value < EIGHT_DIGITS) {
 		return kaq_put_short_number(out, (uint32_t)value);
 	}

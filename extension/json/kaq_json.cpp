@@ -11,6 +11,9 @@
 /* Text is escaped in blocks, so that the room reserved for the worst case stays small. */
 #define KAQ_ESCAPE_BLOCK 4096
 
+/* Strings shorter than this are escaped without looking for their end first. */
+#define KAQ_WORDS_AT_MOST 16
+
 void kaq_buf_grow(smart_str *buffer, size_t extra) {
 	size_t wanted = kaq_buf_length(buffer) + extra;
 	smart_str_realloc(buffer, wanted > 2 * buffer->a ? wanted : 2 * buffer->a);
@@ -109,14 +112,28 @@ static bool kaq_is_json_list(HashTable *table) {
 	return true;
 }
 
-static void kaq_append_key(smart_str *buffer, const zend_string *key, zend_ulong index) {
-	kaq_buf_append_char(buffer, '"');
-	if (key) {
-		kaq_append_as_json_compatible_string(buffer, ZSTR_VAL(key));
+/* A string of the engine between quotes, up to its first NUL. */
+static void kaq_append_string(smart_str *buffer, const zend_string *text) {
+	if (ZSTR_LEN(text) < KAQ_WORDS_AT_MOST) {
+		char *out = kaq_buf_reserve(buffer, KAQ_JSON_ESCAPE_MAX(KAQ_WORDS_AT_MOST) + 2);
+		*out++ = '"';
+		out = kaq_json_escape_words(out, ZSTR_VAL(text));
+		*out++ = '"';
+		kaq_buf_commit(buffer, out);
 	} else {
-		kaq_append_unsigned_long_long(buffer, index);
+		kaq_append_as_json_compatible_string_withquotes(buffer, ZSTR_VAL(text));
 	}
-	kaq_buf_literal(buffer, "\":");
+}
+
+static void kaq_append_key(smart_str *buffer, const zend_string *key, zend_ulong index) {
+	if (key) {
+		kaq_append_string(buffer, key);
+	} else {
+		kaq_buf_append_char(buffer, '"');
+		kaq_append_unsigned_long_long(buffer, index);
+		kaq_buf_append_char(buffer, '"');
+	}
+	kaq_buf_append_char(buffer, ':');
 }
 
 static void kaq_append_array(smart_str *buffer, HashTable *table, int depth) {
@@ -162,7 +179,7 @@ void kaq_encode_zval_to_json_internal(const zval *value, smart_str *buffer, int 
 		kaq_append_double(buffer, Z_DVAL_P(value));
 		break;
 	case IS_STRING:
-		kaq_append_as_json_compatible_string_withquotes(buffer, Z_STRVAL_P(value));
+		kaq_append_string(buffer, Z_STR_P(value));
 		break;
 	case IS_ARRAY:
 		kaq_append_array(buffer, Z_ARRVAL_P(value), depth);
@@ -192,6 +209,25 @@ char *kaq_encode_zval_to_json(const zval *value) {
 	}
 	kaq_buf_free(&buffer);
 	return text;
+}
+
+/* In place, unless the buffer gets so long that a large value might have been left incomplete. */
+bool kaq_append_json_value(smart_str *buffer, const zval *value) {
+	if (!value) {
+		return false;
+	}
+	size_t start = kaq_buf_length(buffer);
+	kaq_encode_zval_to_json_internal(value, buffer, 0);
+	if (EXPECTED(kaq_buf_length(buffer) <= KAQ_JSON_MAX_TEXT)) {
+		return true;
+	}
+	kaq_buf_cut(buffer, start);
+	char *text = kaq_encode_zval_to_json(value);
+	if (text) {
+		kaq_buf_append(buffer, text, strlen(text));
+	}
+	free(text);
+	return text != nullptr;
 }
 
 zval *kaq_json_decode(zval *text, bool has_json_decode) {

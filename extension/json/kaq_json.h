@@ -58,6 +58,11 @@ template <size_t size> static inline char *kaq_put_literal(char *out, const char
 	return (char *)memcpy(out, text, size - 1) + size - 1;
 }
 
+/* Shortens the text. REQUIRES: it has at least `length` bytes, and the buffer is not empty. */
+static inline void kaq_buf_cut(smart_str *buffer, size_t length) {
+	ZSTR_LEN(buffer->s) = length;
+}
+
 void kaq_buf_terminate(smart_str *buffer);
 /* Empties the buffer. Its memory is kept for the next text unless it is more than `most` bytes. */
 void kaq_buf_reset(smart_str *buffer, size_t most);
@@ -79,6 +84,8 @@ void kaq_encode_zval_to_json_internal(const zval *value, smart_str *buffer, int 
 /* The JSON text of a value as a new heap string (release with free). Null for a null pointer and
  * for a text longer than KAQ_JSON_MAX_TEXT. */
 char *kaq_encode_zval_to_json(const zval *value);
+/* Appends the same text. False, with nothing appended, where that function returns null. */
+bool kaq_append_json_value(smart_str *buffer, const zval *value);
 
 /* Decodes JSON text with the engine's json_decode. A new value (php_zval_free), or null when `text`
  * is null or `has_json_decode` is false. */

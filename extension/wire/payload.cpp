@@ -12,10 +12,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/* Buffers up to this size stay with the thread: taking a few hundred KB from the system and giving
- * them back for every request costs more than filling them. */
-#define KAQ_KEPT_BUFFER_SIZE (512 * 1024)
-
 /* First guess of a payload's size, so that a usual one never grows its buffer. */
 #define KAQ_PAYLOAD_BASE_SIZE 8192
 #define KAQ_PAYLOAD_SPAN_SIZE 192
@@ -32,16 +28,39 @@ static void kaq_append_number_member(smart_str *out, const char (&key)[size], in
 	kaq_append_signed(out, value);
 }
 
-/* Appends key and JSON text and frees the text. Null is left out, and so is "[]" where it counts as
- * empty. */
+/* Appends key and value, unless there is none, or it is an empty array and that counts as none. */
 template <size_t size>
-static void kaq_append_json_member(smart_str *out, const char (&key)[size], char *json,
+static bool kaq_append_json_member(smart_str *out, const char (&key)[size], const zval *value,
 								   bool omit_empty) {
-	if (json && !(omit_empty && strcmp(json, "[]") == 0)) {
-		kaq_buf_literal(out, key);
-		kaq_buf_append(out, json, strlen(json));
+	size_t start = kaq_buf_length(out);
+	if (!value) {
+		return false;
 	}
-	free(json);
+	kaq_buf_literal(out, key);
+	if (!kaq_append_json_value(out, value) ||
+		(omit_empty && kaq_buf_length(out) == start + size - 1 + strlen("[]") &&
+		 memcmp(ZSTR_VAL(out->s) + start + size - 1, "[]", strlen("[]")) == 0)) {
+		kaq_buf_cut(out, start);
+		return false;
+	}
+	return true;
+}
+
+static void kaq_append_response(smart_str *out) {
+	size_t start = kaq_buf_length(out);
+	kaq_buf_literal(out, ",\"http_resp_headers\":");
+	if (!kaq_append_response_headers(out)) {
+		kaq_buf_cut(out, start);
+	}
+}
+
+static void kaq_append_arguments(smart_str *out) {
+	char *arguments = kaq_get_cli_args();
+	if (arguments && strcmp(arguments, "[]") != 0) {
+		kaq_buf_literal(out, ",\"bckgrnd_input_params\":");
+		kaq_buf_append(out, arguments, strlen(arguments));
+	}
+	free(arguments);
 }
 
 static void kaq_form_application_info(smart_str *out, const zend_kaq_globals *g) {
@@ -96,13 +115,13 @@ static void kaq_form_figures(smart_str *out, const zend_kaq_globals *g) {
 
 static void kaq_form_inputs(smart_str *out, const zend_kaq_globals *g) {
 	if (g->transaction_type == WEB) {
-		kaq_append_json_member(out, ",\"http_headers\":", kaq_get_request_headers(), false);
-		kaq_append_json_member(out, ",\"http_input_params\":", kaq_get_request_parameters(), true);
-		kaq_append_json_member(out, ",\"http_resp_headers\":", kaq_get_response_headers(), true);
+		kaq_append_json_member(out, ",\"http_headers\":", kaq_request_headers(), false);
+		kaq_append_json_member(out, ",\"http_input_params\":", kaq_request_parameters(), true);
+		kaq_append_response(out);
 	} else {
-		kaq_append_json_member(out, ",\"bckgrnd_input_params\":", kaq_get_cli_args(), true);
+		kaq_append_arguments(out);
 	}
-	kaq_append_json_member(out, ",\"custom_params\":", kaq_get_custom_parameters(), false);
+	kaq_append_json_member(out, ",\"custom_params\":", g->custom_params_zv, false);
 }
 
 static void kaq_form_origin(smart_str *out, const zend_kaq_globals *g) {
@@ -120,14 +139,11 @@ static void kaq_form_origin(smart_str *out, const zend_kaq_globals *g) {
 }
 
 /* With averages alone the object begins with a comma; the collector expects it so. */
-static void kaq_form_app_parameters(smart_str *out) {
-	char *sums = kaq_get_appparam_sum();
-	char *averages = kaq_get_apparam_average();
-	bool has_data = sums || averages;
+static void kaq_form_app_parameters(smart_str *out, const zend_kaq_globals *g) {
 	kaq_buf_literal(out, ",\"app_parameters\":{");
-	kaq_append_json_member(out, "\"sum\":", sums, false);
-	kaq_append_json_member(out, ",\"average\":", averages, false);
-	if (has_data) {
+	bool has_sums = kaq_append_json_member(out, "\"sum\":", g->app_param_sum_zv, false);
+	bool has_averages = kaq_append_json_member(out, ",\"average\":", g->app_param_avg_zv, false);
+	if (has_sums || has_averages) {
 		kaq_buf_literal(out, ",\"data\":true");
 	}
 	kaq_buf_literal(out, "}");
@@ -144,7 +160,7 @@ void kaq_form_payload(smart_str *out, kaq_node **nodes) {
 	kaq_form_inputs(out, g);
 	kaq_form_origin(out, g);
 	kaq_form_spans(out, nodes, g->node_buffer_len);
-	kaq_form_app_parameters(out);
+	kaq_form_app_parameters(out, g);
 	kaq_buf_literal(out, "}}");
 }
 

@@ -6,6 +6,10 @@
 
 #include "spans/kaq_util.h"
 
+/* Buffers up to this size stay with the thread: taking a few hundred KB from the system and giving
+ * them back for every request costs more than filling them. */
+#define KAQ_KEPT_BUFFER_SIZE ((size_t)512 * 1024)
+
 /* Builds the payload of the current request and sends it as one Base64 line. Without a request
  * URI a notice goes out instead; without spans nothing does.
  * REQUIRES: every span is closed, end_time and the CPU time are set. */

@@ -289,8 +289,14 @@ void kaq_form_root_method_info(const kaq_node *node, smart_str *out) {
 	kaq_append_root_span(out, node, &written, KAQ_SPAN_MEMBERS);
 }
 
+/* The known names are most of it, and a root alone needs none. */
+static void kaq_clear_written(kaq_written *written, int count) {
+	memset(written, 0, count > 1 ? sizeof *written : offsetof(kaq_written, names));
+}
+
 void kaq_form_spans(smart_str *out, kaq_node **nodes, int count) {
-	kaq_written written = {};
+	kaq_written written;
+	kaq_clear_written(&written, count);
 	kaq_span_start start = KAQ_FIRST_SPAN;
 	kaq_buf_literal(out, ",\"method_info\":{\"span_info\":[");
 	for (int key = 0; key < count; key++) {

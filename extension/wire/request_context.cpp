@@ -2,10 +2,10 @@
 
 #include "state/php_kaq.h"
 #include "util/kaq_strings.h"
-#include "util/kaq_util_functions.h"
+#include "util/known_keys.h"
 
-static void kaq_copy_server_global(char *buffer, size_t capacity, const char *name) {
-	kaq_copy_bounded(buffer, capacity, kaq_get_server_global(name));
+static void kaq_copy_server_text(char *buffer, size_t capacity, kaq_key key) {
+	kaq_copy_bounded(buffer, capacity, kaq_server_text(key));
 }
 
 /* Code given on the command line or on standard input has no script after which to name the run.
@@ -35,13 +35,13 @@ static void kaq_web_uri(zend_kaq_globals *g) {
 
 void kaq_request_uri(void) {
 	zend_kaq_globals *g = kaq_get_globals();
-	kaq_copy_server_global(g->http_host_name, KAQ_TEXT_BUFFER_SIZE, "HTTP_HOST");
-	kaq_copy_server_global(g->php_self, KAQ_TEXT_BUFFER_SIZE, "PHP_SELF");
-	kaq_copy_server_global(g->request_method, KAQ_TEXT_BUFFER_SIZE, "REQUEST_METHOD");
-	kaq_copy_server_global(g->query_string, KAQ_QUERY_BUFFER_SIZE, "QUERY_STRING");
-	kaq_copy_server_global(g->request_uri, KAQ_TEXT_BUFFER_SIZE, "HTTP_X_ORIGINAL_URL");
+	kaq_copy_server_text(g->http_host_name, KAQ_TEXT_BUFFER_SIZE, KAQ_KEY_HTTP_HOST);
+	kaq_copy_server_text(g->php_self, KAQ_TEXT_BUFFER_SIZE, KAQ_KEY_PHP_SELF);
+	kaq_copy_server_text(g->request_method, KAQ_TEXT_BUFFER_SIZE, KAQ_KEY_REQUEST_METHOD);
+	kaq_copy_server_text(g->query_string, KAQ_QUERY_BUFFER_SIZE, KAQ_KEY_QUERY_STRING);
+	kaq_copy_server_text(g->request_uri, KAQ_TEXT_BUFFER_SIZE, KAQ_KEY_ORIGINAL_URL);
 	if (!g->request_uri[0]) {
-		kaq_copy_server_global(g->request_uri, KAQ_TEXT_BUFFER_SIZE, "REQUEST_URI");
+		kaq_copy_server_text(g->request_uri, KAQ_TEXT_BUFFER_SIZE, KAQ_KEY_REQUEST_URI);
 	}
 	if (g->request_uri[0]) {
 		kaq_web_uri(g);

@@ -1,6 +1,5 @@
 /*
- * JSON texts of per-request values, for the payload. Each returns a new heap string (the caller
- * frees it) or null when there is no such value.
+ * Values of the request, for the payload. A null pointer stands for one that is not there.
  */
 #pragma once
 
@@ -10,18 +9,17 @@
  * function. */
 zval *kaq_capture_request_headers(void);
 
-/* The request headers, without X-Skelvor-Id if it names our own account. */
-char *kaq_get_request_headers(void);
-/* The response headers as they stand now. */
-char *kaq_get_response_headers(void);
+/* The request headers, without X-Skelvor-Id if it names our own account. The thread's record's. */
+const zval *kaq_request_headers(void);
 /* The _REQUEST entry of the global symbol table, as the script has left it. */
-char *kaq_get_request_parameters(void);
+const zval *kaq_request_parameters(void);
+
+/* Appends the response headers as they stand now, as a JSON object. False, with nothing appended,
+ * when there are none. */
+bool kaq_append_response_headers(smart_str *out);
+/* The same as JSON text, a new heap string ("[]" when there are none). */
+char *kaq_get_response_headers(void);
 
 /* The script's arguments as JSON text, a new heap string ("[]" when there are none of any
  * length); null when the server variables hold no argument list. */
 char *kaq_get_cli_args(void);
-
-/* What the script attached to the transaction. */
-char *kaq_get_custom_parameters(void);
-char *kaq_get_appparam_sum(void);
-char *kaq_get_apparam_average(void);

@@ -364,6 +364,38 @@ TEST_F(ResponseHeaders, WithoutAnyTheTextIsAnEmptyList) {
 	EXPECT_EQ("[]", take_text(kaq_get_response_headers()));
 }
 
+TEST_F(ResponseHeaders, ArePutIntoAPayloadAsAnArrayOfThemWouldBe) {
+	const char *const scripts[] = {
+		"",
+		"header('A: 1'); header('B:   2');",
+		"header('A: 1'); header('B: 2'); header('A: 3', false);",
+		"header('A: 1'); header('a: 2', false); header('AB: 3');",
+		"header('0: zero'); header('1: one');",
+		"header('A: 1'); header('7: number'); header('-7: negative');",
+		"header('07: text'); header('-: text');",
+		"header('X-Empty:'); header('X-Blank:  '); header('X-Colons: a:b: c');",
+		"header(': no name'); header('A: 1');",
+		"header(': no name');",
+		"header('X-Escaped: a\"b\\\\c/d' . chr(9) . chr(1));",
+		"header(str_repeat('n', 200) . ': ' . str_repeat('v', 400));",
+		"foreach ([1, 2] as $i) header(str_repeat('n', 127) . \"$i: $i\");",
+		"header(str_repeat('/', 127) . ': ' . str_repeat(chr(2), 255));",
+		"for ($i = 0; $i < 16; $i++) header(\"X-$i: $i\");",
+		"for ($i = 0; $i < 17; $i++) header(\"X-$i: $i\");"};
+	for (const char *script : scripts) {
+		sapi_header_op(SAPI_HEADER_DELETE_ALL, nullptr);
+		ASSERT_TRUE(run_php(script)) << script;
+		std::string expected = take_text(kaq_get_response_headers());
+		smart_str out = {nullptr, 0};
+		kaq_buf_literal(&out, "before");
+		EXPECT_EQ(expected != "[]", kaq_append_response_headers(&out)) << script;
+		EXPECT_EQ(expected == "[]" ? "before" : "before" + expected,
+				  std::string(ZSTR_VAL(out.s), ZSTR_LEN(out.s)))
+			<< script;
+		kaq_buf_free(&out);
+	}
+}
+
 TEST_F(ResponseHeaders, SearchIgnoresCaseAndNeedsMoreThanThePrefix) {
 	EXPECT_TRUE(run_php("header('X-One: a'); header('x-one: b', false); header('X-Two:');"));
 	EXPECT_EQ("a", take_text(kaq_search_response_header("X-ONE:")));

@@ -312,3 +312,22 @@ TEST_F(JsonValue, TextBeyondTheLimitCountsAsAbsent) {
 	EXPECT_EQ(nullptr, kaq_encode_zval_to_json(&doubling));
 	zval_ptr_dtor(&doubling);
 }
+
+/* A value behind so much text that the buffer grows beyond the limit while it is written. */
+TEST_F(JsonValue, AppendedTextIsTheSameWhereverItBegins) {
+	zval fits = php_value("array_fill(0, 100, str_repeat('x', 1 << 20))");
+	zval exceeds = php_value("array_fill(0, 129, str_repeat('x', 1 << 20))");
+	for (size_t before : {(size_t)0, (size_t)10, (size_t)50 << 20}) {
+		smart_str out = {nullptr, 0};
+		kaq_buf_commit(&out, (char *)memset(kaq_buf_reserve(&out, before), 'b', before) + before);
+		EXPECT_FALSE(kaq_append_json_value(&out, nullptr));
+		EXPECT_FALSE(kaq_append_json_value(&out, &exceeds));
+		EXPECT_EQ(before, kaq_buf_length(&out));
+		EXPECT_TRUE(kaq_append_json_value(&out, &fits));
+		EXPECT_EQ(before + 100 * ((1u << 20) + 3) + 1, kaq_buf_length(&out));
+		EXPECT_EQ("x\"]", std::string(ZSTR_VAL(out.s) + ZSTR_LEN(out.s) - 3, 3));
+		kaq_buf_free(&out);
+	}
+	zval_ptr_dtor(&fits);
+	zval_ptr_dtor(&exceeds);
+}
