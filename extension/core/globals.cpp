@@ -101,6 +101,7 @@ void free_globals(zend_kaq_globals *g) {
 	free(g->cpu_time);
 	g->cpu_time = nullptr;
 	kaq_buf_free(&g->payload_text);
+	kaq_buf_free(&g->host_texts.text);
 	free(g->payload_line);
 	g->payload_line = nullptr;
 	g->payload_line_room = 0;

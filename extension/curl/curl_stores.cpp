@@ -80,34 +80,39 @@ static void kaq_forget_handle(zval *entry) {
 	kaq_delete_everywhere(g->curl_multi_handle_store, id, kaq_delete_number);
 }
 
+static zval *zend_kaq_globals::*const stores[KAQ_CURL_STORES] = {
+	&zend_kaq_globals::curl_req_headers_store, &zend_kaq_globals::curl_res_headers_store,
+	&zend_kaq_globals::curl_multi_handle_store, &zend_kaq_globals::curl_multi_reported_store,
+	&zend_kaq_globals::curl_multi_spanid_store};
+
+/* A store is there once its array is complete. */
 void kaq_create_curl_stores(void) {
 	zend_kaq_globals *g = kaq_get_globals();
-	g->curl_req_headers_store = kaq_new_array();
-	g->curl_res_headers_store = kaq_new_array();
-	g->curl_multi_handle_store = kaq_new_array();
-	g->curl_multi_reported_store = kaq_new_array();
-	g->curl_multi_spanid_store = kaq_new_array();
+	for (int i = 0; i < KAQ_CURL_STORES; i++) {
+		array_init(&g->curl_store_arrays[i]);
+		g->*stores[i] = &g->curl_store_arrays[i];
+	}
 	kaq_watch_handles_start(&g->live_curl_handles, kaq_forget_handle);
 }
 
 void kaq_release_curl_stores(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	kaq_watch_handles_end(&g->live_curl_handles);
-	kaq_zval_release(&g->curl_req_headers_store);
-	kaq_zval_release(&g->curl_res_headers_store);
-	kaq_zval_release(&g->curl_multi_handle_store);
-	kaq_zval_release(&g->curl_multi_reported_store);
-	kaq_zval_release(&g->curl_multi_spanid_store);
+	for (zval *zend_kaq_globals::*store : stores) {
+		zval *array = g->*store;
+		g->*store = nullptr;
+		if (array) {
+			zval_ptr_dtor(array);
+		}
+	}
 }
 
 void kaq_forget_curl_stores(void) {
 	zend_kaq_globals *g = kaq_get_globals();
 	memset(&g->live_curl_handles, 0, sizeof(g->live_curl_handles));
-	g->curl_req_headers_store = nullptr;
-	g->curl_res_headers_store = nullptr;
-	g->curl_multi_handle_store = nullptr;
-	g->curl_multi_reported_store = nullptr;
-	g->curl_multi_spanid_store = nullptr;
+	for (zval *zend_kaq_globals::*store : stores) {
+		g->*store = nullptr;
+	}
 }
 
 void kaq_curl_follow(const zval *handle) {

@@ -35,11 +35,22 @@ enum kaq_curlinfo {
 	KAQ_CURLINFO_CONSTANTS
 };
 
+/* The stores of curl handles, see curl/curl_stores.h. */
+#define KAQ_CURL_STORES 5
+
 /* An exception class and how often it was thrown; the name belongs to the engine's class. */
 typedef struct kaq_exception_info {
 	const char *name;
 	int count;
 } kaq_exception;
+
+/* What every request tells of the host, as it is written: up to the port, from there to
+ * the settings, and the environment. The ends are those of the parts. */
+typedef struct kaq_host_texts_info {
+	smart_str text; /* empty: not written yet */
+	size_t identity_end;
+	size_t type_end;
+} kaq_host_texts;
 
 // clang-format off
 ZEND_BEGIN_MODULE_GLOBALS(kaq)
@@ -111,6 +122,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	char *root_parentspanid;
 	char *app_id, *app_flow, *normalised_txn_name;
 	char *os, *os_arch, *os_version;
+	kaq_host_texts host_texts;
 	zval *request_headers_zv;
 	zval *curl_req_headers_store;
 	zval *curl_res_headers_store;
@@ -118,6 +130,7 @@ ZEND_BEGIN_MODULE_GLOBALS(kaq)
 	zval *curl_multi_reported_store;
 	zval *curl_multi_spanid_store;
 	zval *curlinfo_effective_url, *curlinfo_http_code, *curlinfo_total_time;
+	zval curl_store_arrays[KAQ_CURL_STORES];     /* what the stores point at */
 	zval curlinfo_known[KAQ_CURLINFO_CONSTANTS]; /* their values, once found by this thread */
 	HashTable live_curl_handles; /* a watch on the handles in the stores; without them all zero */
 	zval *app_param_avg_zv, *app_param_sum_zv, *custom_params_zv;

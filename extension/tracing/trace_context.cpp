@@ -21,9 +21,9 @@ static void kaq_start_new_trace(zend_kaq_globals *g) {
 
 void kaq_is_caller_same_user(void) {
 	zend_kaq_globals *g = kaq_get_globals();
-	char *caller = kaq_get_header_value(g->request_headers_zv, "X-Skelvor-Id");
 	const char *account = kaq_account_id();
-	if (caller && account && strcmp(caller, account) == 0) {
+	char *caller = account ? kaq_get_header_value(g->request_headers_zv, "X-Skelvor-Id") : nullptr;
+	if (caller && strcmp(caller, account) == 0) {
 		g->is_caller_same_user = 1;
 	}
 	free(caller);

@@ -72,7 +72,7 @@ void kaq_copy_bounded(char *dst, size_t capacity, const char *src) {
 	if (dst == nullptr || capacity == 0) {
 		return;
 	}
-	size_t length = src == nullptr ? 0 : strnlen(src, capacity - 1);
+	size_t length = src == nullptr || *src == '\0' ? 0 : strnlen(src, capacity - 1);
 	if (length > 0) {
 		memcpy(dst, src, length);
 	}

@@ -7,8 +7,11 @@
 
 #include <string.h>
 
+/* As large as an array's record: for each size in use the allocator prepares a page in every
+ * request, and that one is in use anyway. */
 zval *php_zval_alloc(void) {
-	zval *value = (zval *)emalloc(sizeof(zval));
+	static_assert(sizeof(zval) <= sizeof(zend_array), "it fits");
+	zval *value = (zval *)emalloc(sizeof(zend_array));
 	ZVAL_NULL(value);
 	return value;
 }

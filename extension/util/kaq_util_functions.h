@@ -71,7 +71,7 @@ void kaq_add_assoc_zval(zval *array, const char *key, zval *value);
 void kaq_add_assoc_zval_ex(zval *array, const char *key, size_t key_length, zval *value);
 
 /* The text of a server variable of the running request when it is a non-empty string, else "".
- * Never null; belongs to the engine. */
+ * Never null; belongs to the engine. Interface: kept for callers outside. */
 const char *kaq_get_server_global(const char *name);
 
 /* The engine's debug backtrace as a new array value: no arguments, at most `limit` frames. */

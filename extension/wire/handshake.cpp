@@ -5,8 +5,10 @@
 #include "state/php_kaq.h"
 #include "util/kaq_strings.h"
 #include "util/kaq_util_functions.h"
+#include "util/known_keys.h"
 #include "util/memory_limit.h"
 #include "wire/client.h"
+#include "wire/payload.h"
 #include "wire/receiver.h"
 #include "wire/transport.h"
 
@@ -19,8 +21,8 @@
 #define KAQ_STATUS_ENABLED_TOO 911
 
 void kaq_get_serverport(char port[KAQ_PORT_TEXT_SIZE]) {
-	const char *forwarded = kaq_get_server_global("HTTP_X_FORWARDED_PORT");
-	const char *server = kaq_get_server_global("SERVER_PORT");
+	const char *forwarded = kaq_server_text(KAQ_KEY_FORWARDED_PORT);
+	const char *server = kaq_server_text(KAQ_KEY_SERVER_PORT);
 	kaq_first_port_text(port, forwarded, server);
 }
 
@@ -47,29 +49,19 @@ static void kaq_send_filter_notice(const zend_kaq_globals *g, const char *port,
 	kaq_buf_free(&notice);
 }
 
-static void kaq_append_agent_info(smart_str *out, const zend_kaq_globals *g, const char *port) {
-	kaq_buf_literal(out,
-					"\"agent_info\":{\"agent.version\":\"" KAQ_VERSION
-					"\",\"agent.version.info\":\"" KAQ_VERSION_INFO "\",\"application.name\":");
-	kaq_append_as_json_compatible_string_withquotes(out, g->application_name);
+/* The host's facts do not change, so they are escaped once. */
+static const kaq_host_texts *kaq_write_host_texts(zend_kaq_globals *g) {
+	smart_str *out = &g->host_texts.text;
 	kaq_buf_literal(out, ",\"application.type\":\"PHP\",\"fqdn\":");
 	kaq_append_as_json_compatible_string_withquotes(out, g->fqdn);
 	kaq_buf_literal(out, ",\"hostname\":");
 	kaq_append_as_json_compatible_string_withquotes(out, g->hostname);
-	/* A bare number, not checked: a static port that is not a number makes the document invalid. */
 	kaq_buf_literal(out, ",\"port\":");
-	kaq_append_as_json_compatible_string(out, port);
+	g->host_texts.identity_end = kaq_buf_length(out);
 	kaq_buf_literal(out, ",\"host.type\":");
 	kaq_append_as_json_compatible_string_withquotes(out, g->hosttype);
 	kaq_buf_literal(out, ",\"rum.autoinjection\":");
-	if (g->enable_auto_rum) {
-		kaq_buf_literal(out, "true}");
-	} else {
-		kaq_buf_literal(out, "false}");
-	}
-}
-
-static void kaq_append_environment(smart_str *out, const zend_kaq_globals *g) {
+	g->host_texts.type_end = kaq_buf_length(out);
 	kaq_buf_literal(out, ",\"environment\":{\"MachineName\":");
 	kaq_append_as_json_compatible_string_withquotes(out, g->hostname);
 	kaq_buf_literal(out, ",\"OS\":");
@@ -84,10 +76,32 @@ static void kaq_append_environment(smart_str *out, const zend_kaq_globals *g) {
 		kaq_buf_literal(out, "]");
 	}
 	kaq_buf_literal(out, "}");
+	return &g->host_texts;
+}
+
+static void kaq_append_part(smart_str *out, const kaq_host_texts *host, size_t begin, size_t end) {
+	kaq_buf_append(out, ZSTR_VAL(host->text.s) + begin, end - begin);
+}
+
+static void kaq_append_agent_info(smart_str *out, const zend_kaq_globals *g,
+								  const kaq_host_texts *host, const char *port) {
+	kaq_buf_literal(out,
+					"\"agent_info\":{\"agent.version\":\"" KAQ_VERSION
+					"\",\"agent.version.info\":\"" KAQ_VERSION_INFO "\",\"application.name\":");
+	kaq_append_as_json_compatible_string_withquotes(out, g->application_name);
+	kaq_append_part(out, host, 0, host->identity_end);
+	/* A bare number, not checked: a static port that is not a number makes the document invalid. */
+	kaq_append_as_json_compatible_string(out, port);
+	kaq_append_part(out, host, host->identity_end, host->type_end);
+	if (g->enable_auto_rum) {
+		kaq_buf_literal(out, "true}");
+	} else {
+		kaq_buf_literal(out, "false}");
+	}
 }
 
 int form_instanceinfo_request(smart_str *buffer) {
-	const zend_kaq_globals *g = kaq_get_globals();
+	zend_kaq_globals *g = kaq_get_globals();
 	char port[KAQ_PORT_TEXT_SIZE];
 	kaq_port_text(g, port);
 	kaq_port_verdict verdict = kaq_port_filter(g->includedports, g->excludedports, port);
@@ -95,13 +109,14 @@ int form_instanceinfo_request(smart_str *buffer) {
 		kaq_send_filter_notice(g, port, verdict);
 		return 1;
 	}
+	const kaq_host_texts *host = g->host_texts.text.s ? &g->host_texts : kaq_write_host_texts(g);
 	kaq_buf_reserve(buffer, KAQ_REQUEST_SIZE);
 	kaq_buf_literal(buffer, "{\"connect_info\":{");
-	kaq_append_agent_info(buffer, g, port);
+	kaq_append_agent_info(buffer, g, host, port);
 	kaq_buf_literal(buffer, ",\"agent_specific_info\":{\"application.group.name\":");
 	kaq_append_as_json_compatible_string_withquotes(buffer, g->application_group);
 	kaq_buf_literal(buffer, "}");
-	kaq_append_environment(buffer, g);
+	kaq_append_part(buffer, host, host->type_end, kaq_buf_length(&host->text));
 	kaq_buf_literal(buffer, "},\"misc_info\":{\"txn.name\":");
 	kaq_append_as_json_compatible_string_withquotes(buffer, g->request_uri);
 	kaq_buf_literal(buffer, "}}\n");
@@ -208,18 +223,21 @@ void process_instance_info(const char *reply) {
 	}
 }
 
+/* The request is written where the payload will be. */
 char *get_instance_data(void) {
-	const zend_kaq_globals *g = kaq_get_globals();
-	smart_str request = {nullptr, 0};
+	zend_kaq_globals *g = kaq_get_globals();
+	smart_str *request = &g->payload_text;
 	char *reply;
-	if (form_instanceinfo_request(&request) != 0) {
+	kaq_buf_reset(request, KAQ_KEPT_BUFFER_SIZE);
+	if (form_instanceinfo_request(request) != 0) {
 		reply = (char *)calloc(1, 1);
 	} else {
 		char address[KAQ_ADDRESS_SIZE];
 		kaq_collector_address(g->remote_exporter_ip, g->remote_exporter_hostname, address);
-		reply = kaq_exchange(address, g->tcp_status_port, ZSTR_VAL(request.s), ZSTR_LEN(request.s));
+		reply =
+			kaq_exchange(address, g->tcp_status_port, ZSTR_VAL(request->s), ZSTR_LEN(request->s));
 	}
-	kaq_buf_free(&request);
+	kaq_buf_reset(request, KAQ_KEPT_BUFFER_SIZE);
 	return reply;
 }
 
