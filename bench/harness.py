@@ -159,10 +159,11 @@ def output(command, seconds=CHILD_SECONDS):
     return done.stdout
 
 
-def instructions(command, scratch):
+def instructions(command, scratch, environment=None):
     """Instructions that a program executes, as callgrind counts them."""
     profile = os.path.join(scratch, "callgrind.out")
-    done = child(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + profile] + command)
+    done = child(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + profile] + command,
+                 environment=environment)
     if done.returncode != 0:
         raise BenchError("valgrind %s ended with %d: %s"
                          % (" ".join(command), done.returncode, done.stderr[-400:]))

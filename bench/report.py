@@ -224,6 +224,12 @@ def print_system_calls(counts):
         print("      " + ", ".join("%s %d" % pair for pair in added.items() if pair[1]))
 
 
+def print_request_instructions(counts):
+    heading("Instructions per web request: page without a call (callgrind)")
+    for variant, count in counts.items():
+        print("  %-40s %8.0f %8.0f added" % (harness.TITLES[variant], count, count - counts[BARE]))
+
+
 def print_encoding(times, counts, targets):
     heading("Encoding: payload and Base64 against json_encode and base64_encode")
     print("  %8s %10s %12s %12s %12s  %15s"

@@ -98,6 +98,9 @@ def run_sections(setup, options, wanted, targets):
         report.print_requests(figures["requests_us"], targets)
         figures["requests_system_calls"] = web.count_system_calls(setup)
         report.print_system_calls(figures["requests_system_calls"])
+        if "instructions" in wanted:
+            figures["requests_instructions"] = web.count_instructions(setup)
+            report.print_request_instructions(figures["requests_instructions"])
     if "encoding" in wanted and setup.encode:
         counts = encoding.count_instructions(setup) if "instructions" in wanted else None
         figures["encoding_instructions"] = counts

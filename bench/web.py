@@ -28,13 +28,16 @@ def _record(kind, content):
     return struct.pack(">BBHHBx", 1, kind, 1, len(content), 0) + content
 
 
+def _variables(script, query):
+    return {"REQUEST_METHOD": "GET", "SCRIPT_FILENAME": script, "QUERY_STRING": query,
+            "REQUEST_URI": "/shop/page?" + query, "SCRIPT_NAME": "/shop/page",
+            "SERVER_PROTOCOL": "HTTP/1.1", "HTTP_HOST": "shop.example",
+            "HTTP_USER_AGENT": "bench", "HTTP_ACCEPT": "text/html"}
+
+
 def _request(script, query):
-    variables = {"REQUEST_METHOD": "GET", "SCRIPT_FILENAME": script, "QUERY_STRING": query,
-                 "REQUEST_URI": "/shop/page?" + query, "SCRIPT_NAME": "/shop/page",
-                 "SERVER_PROTOCOL": "HTTP/1.1", "HTTP_HOST": "shop.example",
-                 "HTTP_USER_AGENT": "bench", "HTTP_ACCEPT": "text/html"}
     pairs = b"".join(struct.pack(">BB", len(name), len(value)) + (name + value).encode()
-                     for name, value in variables.items())
+                     for name, value in _variables(script, query).items())
     keep_connection = struct.pack(">HB5x", 1, 1)
     return (_record(_BEGIN, keep_connection) + _record(_PARAMS, pairs) + _record(_PARAMS, b"")
             + _record(_STDIN, b""))
@@ -176,6 +179,25 @@ def time_requests(setup, rounds):
         for server in servers.values():
             server.stop()
     return times
+
+
+def count_instructions(setup):
+    """{variant: instructions per page without a call}, from two runs of so many pages each."""
+    page = setup.script("page.php")
+    environment = dict(_variables(page, CALM), REDIRECT_STATUS="1")
+    lengths = (100, 300)
+    counts = {}
+    for variant in (BARE, UNMONITORED, DROPPED):
+        harness.progress("instructions: page without a call, %s" % harness.TITLES[variant])
+        cost = []
+        for pages in lengths:
+            command = [setup.php_cgi] + setup.arguments(variant) + ["-T", str(pages), page]
+            # What runs takes long in there; none shall be kept for that.
+            if variant == DROPPED:
+                command[1:1] = ["-d", "kaq.method_threshold=3600000"]
+            cost.append(harness.instructions(command, setup.scratch, environment))
+        counts[variant] = (cost[1] - cost[0]) / (lengths[1] - lengths[0])
+    return counts
 
 
 def _system_calls(setup, server, requests=20):
