@@ -28,6 +28,8 @@ namespace {
 
 /* Of all payloads that are being received or wait for being read. */
 constexpr size_t kPayloadMemory = 96 * 1024 * 1024;
+/* That make requests of payloads. */
+constexpr size_t kReaders = 2;
 constexpr std::chrono::milliseconds kDrainTime{5000};
 constexpr timespec kBetweenLooks{0, 200 * 1000 * 1000};
 constexpr std::chrono::seconds kBetweenCounts{1};
@@ -113,10 +115,14 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	const ListenSettings &listen = configuration_.listen;
 	const std::string socket = socket_of(configuration_.store.directory);
 	store_ = std::make_unique<SqliteStore>(store_settings(configuration_));
-	recorder_ = std::make_unique<Recorder>(*store_);
-	pipeline_ = std::make_unique<Pipeline>(
-		pipeline_settings(configuration_),
-		[this](const std::shared_ptr<const Transaction> &transaction) { keep(*transaction); });
+	std::vector<Pipeline::Sink> sinks;
+	for (size_t i = 0; i < kReaders; i++) {
+		sinks.emplace_back([this, recorder = std::make_shared<Recorder>(*store_)](
+							   const std::shared_ptr<const Transaction> &transaction) {
+			keep(*transaction, *recorder);
+		});
+	}
+	pipeline_ = std::make_unique<Pipeline>(pipeline_settings(configuration_), std::move(sinks));
 	handshake_ = std::make_unique<HandshakeServer>(
 		ListenPlace{listen.addresses, listen.handshake_port, listen.handshake_networks}, policy());
 	data_ = std::make_unique<DataServer>(
@@ -273,15 +279,15 @@ void Daemon::keep(const std::vector<HandshakeCount> &counts) {
 	store_->put_asked(system_time(), asked);
 }
 
-/* On the pipeline's thread. */
-void Daemon::keep(const Transaction &transaction) {
+/* On a thread of the pipeline. */
+void Daemon::keep(const Transaction &transaction, Recorder &recorder) {
 	if (feed_.has_listeners()) {
 		Summary summary = summarise(transaction);
 		feed_.publish(TransactionView(transaction, summary, {}), [&summary] {
 			return to_json(summary).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 		});
 	}
-	recorder_->record(transaction);
+	recorder.record(transaction);
 }
 
 std::string Daemon::status() const {

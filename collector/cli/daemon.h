@@ -54,7 +54,7 @@ private:
 	void look();
 	void look_at_load(Clock::time_point now);
 	void keep(const std::vector<HandshakeCount> &counts);
-	void keep(const Transaction &transaction);
+	void keep(const Transaction &transaction, Recorder &recorder);
 	void add_counters();
 	void tell_services();
 	std::unique_ptr<HandshakePolicy> policy();
@@ -65,7 +65,6 @@ private:
 
 	/* Outlives what takes requests in. */
 	std::unique_ptr<Store> store_;
-	std::unique_ptr<Recorder> recorder_;
 
 	/* What takes requests in. */
 	MemoryBudget budget_;

@@ -44,23 +44,43 @@ Notice notice_of(std::string_view text) {
 															   : Notice::kOther;
 }
 
+struct Pipeline::Worker {
+	explicit Worker(Sink one) : sink(std::move(one)) {
+	}
+
+	const Sink sink;
+	PayloadReader reader;
+	std::thread thread;
+};
+
 Pipeline::Pipeline(PipelineSettings settings, Sink sink)
+	: Pipeline(std::move(settings), std::vector<Sink>{std::move(sink)}) {
+}
+
+Pipeline::Pipeline(PipelineSettings settings, std::vector<Sink> sinks)
 	: settings_(std::make_shared<const PipelineSettings>(std::move(settings))),
-	  sink_(std::move(sink)), queue_(kMostQueued), thread_([this] { run(); }) {
+	  queue_(kMostQueued) {
+	for (Sink &sink : sinks) {
+		workers_.push_back(std::make_unique<Worker>(std::move(sink)));
+		Worker &worker = *workers_.back();
+		worker.thread = std::thread([this, &worker] { run(worker); });
+	}
 }
 
 Pipeline::~Pipeline() {
 	queue_.close();
-	thread_.join();
+	for (const auto &worker : workers_) {
+		worker->thread.join();
+	}
 }
 
 bool Pipeline::accept(BudgetedBuffer &&bytes) {
 	return queue_.try_put(std::move(bytes));
 }
 
-void Pipeline::run() {
+void Pipeline::run(Worker &worker) {
 	while (std::optional<BudgetedBuffer> bytes = queue_.take()) {
-		take_lines(bytes->bytes(), *settings());
+		take_lines(bytes->bytes(), *settings(), worker);
 	}
 }
 
@@ -75,24 +95,25 @@ std::shared_ptr<const PipelineSettings> Pipeline::settings() {
 	return settings_;
 }
 
-void Pipeline::take_lines(std::string_view bytes, const PipelineSettings &settings) {
+void Pipeline::take_lines(std::string_view bytes, const PipelineSettings &settings,
+						  Worker &worker) {
 	while (!bytes.empty()) {
 		size_t end = bytes.find('\n');
 		if (end == std::string_view::npos) {
 			counts_.incomplete.fetch_add(1, std::memory_order_relaxed);
 			return;
 		}
-		take_line(bytes.substr(0, end), settings);
+		take_line(bytes.substr(0, end), settings, worker);
 		bytes.remove_prefix(end + 1);
 	}
 }
 
-void Pipeline::take_line(std::string_view line, const PipelineSettings &settings) {
+void Pipeline::take_line(std::string_view line, const PipelineSettings &settings, Worker &worker) {
 	if (begins_with(line, kNoticePrefix)) {
 		count(counts_.notices, notice_of(line.substr(kNoticePrefix.size())));
 		return;
 	}
-	tl::expected<Transaction, PayloadError> transaction = reader_.read(line);
+	tl::expected<Transaction, PayloadError> transaction = worker.reader.read(line);
 	if (!transaction) {
 		count(counts_.errors, transaction.error());
 		return;
@@ -102,7 +123,7 @@ void Pipeline::take_line(std::string_view line, const PipelineSettings &settings
 	scrub(*transaction, settings.scrub);
 	transaction->normalised_name = transaction->texts.keep(transaction_name(
 		transaction->application, transaction->name, transaction->query_string, settings.naming));
-	sink_(std::make_shared<const Transaction>(std::move(*transaction)));
+	worker.sink(std::make_shared<const Transaction>(std::move(*transaction)));
 }
 
 } // namespace kaq

@@ -1,7 +1,6 @@
 /*
- * From the bytes of a connection to transactions, on a thread of its own. What has been accepted is
- * freed of its secrets, gets its name and is told to the sink, in the order of arrival, or it is
- * counted as refused.
+ * From the bytes of a connection to transactions, on threads of its own. What has been accepted is
+ * freed of its secrets, gets its name and is told to a sink, or it is counted as refused.
  */
 #pragma once
 
@@ -44,10 +43,12 @@ struct PipelineSettings {
 
 class Pipeline {
 public:
-	/* Called on the pipeline's thread. */
+	/* Each is called on a thread of its own. */
 	using Sink = std::function<void(std::shared_ptr<const Transaction>)>;
 
 	Pipeline(PipelineSettings settings, Sink sink);
+	/* As many threads as there are sinks; what each is told is in the order of arrival. */
+	Pipeline(PipelineSettings settings, std::vector<Sink> sinks);
 	/* Takes what is queued to the sink first. */
 	~Pipeline();
 
@@ -66,18 +67,18 @@ public:
 	}
 
 private:
-	void run();
-	void take_lines(std::string_view bytes, const PipelineSettings &settings);
-	void take_line(std::string_view line, const PipelineSettings &settings);
+	struct Worker;
+
+	void run(Worker &worker);
+	void take_lines(std::string_view bytes, const PipelineSettings &settings, Worker &worker);
+	void take_line(std::string_view line, const PipelineSettings &settings, Worker &worker);
 	std::shared_ptr<const PipelineSettings> settings();
 
 	std::mutex settings_mutex_;
 	std::shared_ptr<const PipelineSettings> settings_;
-	const Sink sink_;
 	BoundedQueue<BudgetedBuffer> queue_;
-	PayloadReader reader_;
 	PipelineCounts counts_;
-	std::thread thread_;
+	std::vector<std::unique_ptr<Worker>> workers_;
 };
 
 } // namespace kaq

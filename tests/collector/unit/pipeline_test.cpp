@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+
 #include <vector>
 
 using kaq::BudgetedBuffer;
@@ -113,4 +115,28 @@ TEST_F(Lines, RequestsGetTheirNames) {
 	pipeline.reset();
 	EXPECT_EQ((std::vector<std::string>{"/user/7"}), names);
 	EXPECT_EQ((std::vector<std::string>{"/user/*"}), normalised);
+}
+
+/* The first request is not done before the second one is: only two threads can do that. */
+TEST(Pipeline, EachSinkHasAThreadOfItsOwn) {
+	std::promise<void> second_came;
+	std::atomic<int> told{0};
+	auto sink = [&](const std::shared_ptr<const Transaction> &) {
+		if (++told == 2) {
+			second_came.set_value();
+		} else {
+			EXPECT_EQ(std::future_status::ready,
+					  second_came.get_future().wait_for(std::chrono::seconds(30)));
+		}
+	};
+	MemoryBudget budget(1 << 20);
+	{
+		Pipeline pipeline({}, std::vector<Pipeline::Sink>{sink, sink});
+		for (int i = 0; i < 2; i++) {
+			BudgetedBuffer bytes(budget);
+			ASSERT_TRUE(bytes.append(kLine));
+			ASSERT_TRUE(pipeline.accept(std::move(bytes)));
+		}
+	}
+	EXPECT_EQ(2, told);
 }
