@@ -111,7 +111,7 @@ public:
 	}
 
 private:
-	static std::string in_parentheses(std::string text, bool needs_them) {
+	static std::string in_parentheses(const std::string &text, bool needs_them) {
 		return needs_them ? "(" + text + ")" : text;
 	}
 	static std::string list(const std::vector<Condition> &conditions, const char *between,
