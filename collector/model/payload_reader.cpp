@@ -2,6 +2,7 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
 #include <limits>
 #include <unordered_map>
 
@@ -44,6 +45,12 @@ public:
 		return value.get_uint64().get(large) == simdjson::SUCCESS
 				   ? std::numeric_limits<int64_t>::max()
 				   : 0;
+	}
+
+	/* Far enough for everybody, and small enough to be calculated with. */
+	static int64_t time(const element &value) {
+		constexpr int64_t kLatest = int64_t{1} << 42;
+		return std::clamp<int64_t>(number(value), 0, kLatest);
 	}
 
 	static bool truth(const element &value) {
@@ -139,7 +146,7 @@ std::vector<Failure> MemberReader::failures(const element &value) const {
 			} else if (key == "linenumber") {
 				failure.line = number(member.value);
 			} else if (key == "time") {
-				failure.time = number(member.value);
+				failure.time = time(member.value);
 			} else if (key == "level") {
 				failure.level = text(member.value);
 			} else if (key == "str") {
@@ -182,8 +189,8 @@ using TransactionSetter = void (*)(T &, const R &, const E &);
 
 /* What each member of a span sets. */
 const std::unordered_map<std::string_view, SpanSetter> kSpanMembers = {
-	{"st", [](S &s, const R &r, const E &v) { s.start = r.number(v); }},
-	{"et", [](S &s, const R &r, const E &v) { s.end = r.number(v); }},
+	{"st", [](S &s, const R &r, const E &v) { s.start = r.time(v); }},
+	{"et", [](S &s, const R &r, const E &v) { s.end = r.time(v); }},
 	{"fn", [](S &s, const R &r, const E &v) { s.name = r.text(v); }},
 	{"cn", [](S &s, const R &r, const E &v) { s.component = r.text(v); }},
 	{"ex", [](S &s, const R &r, const E &v) { s.is_external = r.truth(v); }},
@@ -209,8 +216,8 @@ const std::unordered_map<std::string_view, TransactionSetter> kTransactionMember
 	{"normalised_tname", [](T &t, const R &r, const E &v) { t.normalised_name = r.text(v); }},
 	{"http_host", [](T &t, const R &r, const E &v) { t.host = r.text(v); }},
 	{"http_query_str", [](T &t, const R &r, const E &v) { t.query_string = r.text(v); }},
-	{"s_time", [](T &t, const R &r, const E &v) { t.start = r.number(v); }},
-	{"e_time", [](T &t, const R &r, const E &v) { t.end = r.number(v); }},
+	{"s_time", [](T &t, const R &r, const E &v) { t.start = r.time(v); }},
+	{"e_time", [](T &t, const R &r, const E &v) { t.end = r.time(v); }},
 	{"http_method_name", [](T &t, const R &r, const E &v) { t.method = r.text(v); }},
 	{"bytes_in", [](T &t, const R &r, const E &v) { t.bytes_in = r.number(v); }},
 	{"bytes_out", [](T &t, const R &r, const E &v) { t.bytes_out = r.number(v); }},

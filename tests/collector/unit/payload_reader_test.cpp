@@ -227,3 +227,14 @@ TEST_F(Reader, TextsStayWhereTheTransactionGoes) {
 	EXPECT_EQ("one", moved.name);
 	EXPECT_EQ("two", second.name);
 }
+
+TEST_F(Reader, TimesCanBeCalculatedWithWhateverTheySay) {
+	Transaction t =
+		read(payload(R"("s_time":-9223372036854775808,"e_time":18446744073709551615)",
+					 R"({"st":-5,"et":9223372036854775807,"fn":"main","si":"00000000000000aa"})"));
+	EXPECT_EQ(0, t.start);
+	EXPECT_EQ(int64_t{1} << 42, t.end);
+	EXPECT_EQ(int64_t{1} << 42, t.duration());
+	EXPECT_EQ(0, t.spans[0].start);
+	EXPECT_EQ(int64_t{1} << 42, t.spans[0].end);
+}
