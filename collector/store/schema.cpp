@@ -99,7 +99,11 @@ std::unique_ptr<SQLite::Database> open_to_read(const std::string &path) {
 	database->exec("PRAGMA cache_size = -1000");
 	database->exec("PRAGMA mmap_size = 268435456");
 	database->exec("PRAGMA temp_store = MEMORY");
-	if (database->execAndGet("PRAGMA user_version").getInt() != kSchemaVersion) {
+	int version = database->execAndGet("PRAGMA user_version").getInt();
+	if (version == 0) {
+		throw SQLite::Exception(path + " is being made", SQLITE_EMPTY);
+	}
+	if (version != kSchemaVersion) {
 		throw SQLite::Exception(path + " has another version", SQLITE_MISMATCH);
 	}
 	add_sql_functions(*database);

@@ -22,7 +22,8 @@ constexpr int kSchemaVersion = 1;
  * cannot be had, is damaged or of another version.
  */
 std::unique_ptr<SQLite::Database> open_to_write(const std::string &path, const char *tables);
-/* The same for reading. Nothing that is done with it can change the file. */
+/* The same for reading. Nothing that is done with it can change the file. The exception has the
+ * code SQLITE_EMPTY where another thread is about to make the tables. */
 std::unique_ptr<SQLite::Database> open_to_read(const std::string &path);
 
 /* The file holds no database, or a broken one. */

@@ -64,6 +64,9 @@ template <typename Read> auto SqliteStore::read_figure_file(Read read) {
 			throw;
 		}
 	} catch (const SQLite::Exception &error) {
+		if (error.getErrorCode() == SQLITE_EMPTY) {
+			return Result{};
+		}
 		throw StoreError(std::string("figures cannot be read: ") + error.what());
 	}
 }

@@ -379,6 +379,16 @@ TEST_F(SqliteStoreTest, OpenForReadingItChangesNothing) {
 	EXPECT_THROW(store().forget({}), StoreError);
 }
 
+TEST_F(SqliteStoreTest, FiguresThatAreAboutToBeMadeAreNone) {
+	std::filesystem::create_directory(settings_.directory);
+	settings_.is_read_only = true;
+	SQLite::Database(settings_.directory + "/figures.sqlite",
+					 SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE)
+		.exec("PRAGMA journal_mode = WAL");
+	EXPECT_TRUE(store().figures({}).empty());
+	EXPECT_TRUE(store().asked({}, "").empty());
+}
+
 TEST_F(SqliteStoreTest, ADirectoryThatCannotBeMadeIsSaid) {
 	settings_.directory = "/dev/null/store";
 	EXPECT_THROW(store(), StoreError);
