@@ -13,6 +13,16 @@ Answer forget_requests(ServiceContext &context, const Question &question);
 Answer pin_request(ServiceContext &context, const Question &question);
 Answer unpin_request(ServiceContext &context, const Question &question);
 
+/* top_services.cpp */
+Answer top_transactions(ServiceContext &context, const Question &question);
+Answer curve_of(ServiceContext &context, const Question &question);
+
+/* group_services.cpp */
+Answer list_statements(ServiceContext &context, const Question &question);
+Answer list_hosts(ServiceContext &context, const Question &question);
+Answer list_failures(ServiceContext &context, const Question &question);
+Answer list_findings(ServiceContext &context, const Question &question);
+
 /* collector_services.cpp */
 Answer add_mark(ServiceContext &context, const Question &question);
 Answer list_marks(ServiceContext &context, const Question &question);

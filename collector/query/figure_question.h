@@ -1,0 +1,62 @@
+/* What the questions about figures have in common: a range of time, an application, a transaction.
+ * No state; any thread. */
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "query/service.h"
+#include "store/filter.h"
+
+namespace kaq {
+
+constexpr int64_t kMinuteMs = 60 * 1000;
+
+class FigureQuestion {
+public:
+	/* Reads "from", "to", "app" and "txn"; the last hour where they are left out. Throws
+	 * ServiceMistake. */
+	FigureQuestion(ServiceContext &context, const Question &question);
+
+	/* Of all applications, and of all transactions. */
+	std::vector<FigureRow> all_rows(FigureKind kind) const;
+	/* Those that are asked for. */
+	std::vector<FigureRow> rows(FigureKind kind) const;
+	std::vector<AskedCount> asked() const;
+
+	/* Requests that are asked for and of which there is something to say. */
+	Condition with_verdict() const;
+
+	bool is_application(const std::string &application) const;
+	bool is_transaction(const std::string &transaction) const;
+
+	/*
+	 * How long it was that the rows tell of. It begins with the first of them where nothing is
+	 * known of the day before the range: the collector was not there yet.
+	 */
+	double minutes(const std::vector<FigureRow> &rows) const;
+
+	const TimeRange &range() const {
+		return range_;
+	}
+	/* {"from_ms":..., "to_ms":...}, as the figures have it: by the minute, and not beyond now. */
+	nlohmann::json range_json() const;
+
+private:
+	ServiceContext &context_;
+	TimeRange range_;
+	int64_t now_;
+	std::string application_;
+	std::string transaction_;
+};
+
+/* For JSON: a share or a rate without digits that mean nothing. */
+double rounded(double value);
+
+/* p50_ms, p95_ms, p99_ms, mean_ms and longest_ms; each null without a duration. */
+void add_durations(nlohmann::json &target, const Figures &figures);
+
+} // namespace kaq

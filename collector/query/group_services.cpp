@@ -1,0 +1,232 @@
+/* Services about statements, external hosts, failures, and what is found in requests. */
+#include <map>
+#include <tuple>
+
+#include "query/figure_groups.h"
+#include "query/figure_question.h"
+#include "query/parameters.h"
+#include "query/ranking.h"
+#include "query/service_table.h"
+
+namespace kaq {
+namespace {
+
+using nlohmann::json;
+
+constexpr size_t kUsualRows = 50;
+constexpr size_t kMostParts = 5; /* of the transactions and callers that are named */
+constexpr size_t kUsualFindings = 5;
+
+using GroupRanking = Ranking<FigureGroup>;
+
+GroupRanking by(const char *name, int64_t Figures::*figure) {
+	return {name, [figure](const FigureGroup &group) {
+				return static_cast<double>(group.figures.*figure);
+			}};
+}
+
+GroupRanking by_percentile(const char *name, double part) {
+	return {name, [part](const FigureGroup &group) {
+				return static_cast<double>(group.figures.durations.percentile(part));
+			}};
+}
+
+std::vector<GroupRanking> timed_rankings() {
+	return {by("time", &Figures::total),      by("count", &Figures::count),
+			by("errors", &Figures::failed),   by_percentile("p50", 0.5),
+			by_percentile("p95", 0.95),       by_percentile("p99", 0.99),
+			by("longest", &Figures::longest), by("last", &Figures::last)};
+}
+
+std::vector<GroupRanking> failure_rankings() {
+	return {by("count", &Figures::count), by("last", &Figures::last), by("first", &Figures::first),
+			by("fatal", &Figures::failed)};
+}
+
+json parts_json(const std::map<std::string, GroupPart> &parts) {
+	json list = json::array();
+	for (const NamedPart &named : largest_parts(parts, kMostParts)) {
+		list.push_back(
+			{{"name", named.name}, {"count", named.part.count}, {"total_ms", named.part.total}});
+	}
+	return list;
+}
+
+json group_json(const FigureGroup &group) {
+	const Figures &figures = group.figures;
+	return {{"application", group.key.application},
+			{"count", figures.count},
+			{"first_ms", figures.first},
+			{"last_ms", figures.last},
+			{"example", figures.example},
+			{"transactions", parts_json(group.transactions)},
+			{"transactions_count", group.transactions.size()}};
+}
+
+json timed_json(const FigureGroup &group, int64_t all_time) {
+	const Figures &figures = group.figures;
+	json each = group_json(group);
+	auto count = static_cast<double>(figures.count);
+	each["failed"] = figures.failed;
+	each["error_share"] =
+		figures.count > 0 ? json(rounded(static_cast<double>(figures.failed) / count)) : json();
+	each["total_ms"] = figures.total;
+	each["time_share"] =
+		all_time > 0 ? rounded(static_cast<double>(figures.total) / static_cast<double>(all_time))
+					 : 0.0;
+	add_durations(each, figures);
+	return each;
+}
+
+int64_t time_of(const std::vector<FigureGroup> &groups) {
+	int64_t time = 0;
+	for (const FigureGroup &group : groups) {
+		time += group.figures.total;
+	}
+	return time;
+}
+
+/* The groups in their order as the answer's list of that name. */
+template <typename ToJson>
+Answer group_answer(ServiceContext &context, const Question &question, FigureKind kind,
+					const char *name, const std::vector<GroupRanking> &rankings, ToJson to_json) {
+	FigureQuestion asked_for(context, question);
+	GroupRanking ranking = ranking_of(question, rankings);
+	size_t limit = limit_of(question, kUsualRows);
+	std::vector<FigureGroup> groups = groups_of(asked_for.rows(kind));
+	int64_t all_time = time_of(groups);
+	bool has_more =
+		keep_first(groups, ranking, limit, [](const FigureGroup &one, const FigureGroup &other) {
+			return std::tie(one.key.application, one.key.text, one.key.details) <
+				   std::tie(other.key.application, other.key.text, other.key.details);
+		});
+	json list = json::array();
+	for (const FigureGroup &group : groups) {
+		list.push_back(to_json(group, all_time));
+	}
+	return json_answer(
+		{{"range", asked_for.range_json()}, {name, std::move(list)}, {"more", has_more}});
+}
+
+json statement_json(const FigureGroup &group, int64_t all_time) {
+	json each = timed_json(group, all_time);
+	each["statement"] = group.key.text;
+	each["component"] = group.key.details[0];
+	each["server"] = group.key.details[1];
+	each["database"] = group.key.details[2];
+	each["callers"] = parts_json(group.callers);
+	each["callers_count"] = group.callers.size();
+	return each;
+}
+
+json host_json(const FigureGroup &group, int64_t all_time) {
+	json each = timed_json(group, all_time);
+	each["host"] = group.key.text;
+	return each;
+}
+
+json failure_json(const FigureGroup &group, int64_t) {
+	json each = group_json(group);
+	each["key"] = group.key.text;
+	each["type"] = group.key.details[0];
+	each["place"] = group.key.details[1];
+	each["message"] = group.key.details[2];
+	each["level"] = group.key.details[3];
+	each["requests"] = group.figures.requests;
+	each["fatal"] = group.figures.failed;
+	return each;
+}
+
+/* What was found in the requests of one transaction, by the finding that was put first. */
+struct FindingSum {
+	int64_t requests = 0;
+	int64_t gain = 0;
+	RequestVerdict verdict; /* of the request that would gain most */
+	std::string example;
+	int64_t example_gain = -1;
+};
+
+/* Application, transaction, kind. */
+using FindingKey = std::tuple<std::string, std::string, std::string>;
+using FindingRow = std::pair<FindingKey, FindingSum>;
+
+std::vector<FindingRow> finding_rows(const Found &found) {
+	std::map<FindingKey, FindingSum> sums;
+	for (const RequestRow &row : found.rows) {
+		if (row.verdict.kinds.empty()) {
+			continue;
+		}
+		FindingSum &sum =
+			sums[{row.summary.application, row.summary.name, row.verdict.kinds.front()}];
+		sum.requests++;
+		sum.gain += row.verdict.gain;
+		if (row.verdict.gain > sum.example_gain) {
+			sum.example_gain = row.verdict.gain;
+			sum.example = row.summary.id;
+			sum.verdict = row.verdict;
+		}
+	}
+	return {sums.begin(), sums.end()};
+}
+
+std::vector<Ranking<FindingRow>> finding_rankings() {
+	return {{"gain", [](const FindingRow &row) { return static_cast<double>(row.second.gain); }},
+			{"requests",
+			 [](const FindingRow &row) { return static_cast<double>(row.second.requests); }}};
+}
+
+json finding_json(const FindingRow &row) {
+	const auto &[key, sum] = row;
+	return {{"application", std::get<0>(key)},
+			{"transaction", std::get<1>(key)},
+			{"kind", std::get<2>(key)},
+			{"requests", sum.requests},
+			{"gain_ms", sum.gain},
+			{"example", sum.example},
+			{"example_gain_ms", sum.verdict.gain},
+			{"sentence", sum.verdict.sentence}};
+}
+
+} // namespace
+
+Answer list_statements(ServiceContext &context, const Question &question) {
+	return group_answer(context, question, FigureKind::kStatement, "statements", timed_rankings(),
+						statement_json);
+}
+
+Answer list_hosts(ServiceContext &context, const Question &question) {
+	return group_answer(context, question, FigureKind::kHost, "hosts", timed_rankings(), host_json);
+}
+
+Answer list_failures(ServiceContext &context, const Question &question) {
+	return group_answer(context, question, FigureKind::kFailure, "errors", failure_rankings(),
+						failure_json);
+}
+
+Answer list_findings(ServiceContext &context, const Question &question) {
+	FigureQuestion asked_for(context, question);
+	Ranking<FindingRow> ranking = ranking_of(question, finding_rankings());
+	size_t limit = limit_of(question, kUsualFindings);
+	Search search;
+	search.limit = kMostRows;
+	search.filter.range = asked_for.range();
+	search.filter.condition = asked_for.with_verdict();
+	Found found = context.store.search(search);
+	std::vector<FindingRow> rows = finding_rows(found);
+	bool has_more =
+		keep_first(rows, ranking, limit, [](const FindingRow &one, const FindingRow &other) {
+			return one.first < other.first;
+		});
+	json list = json::array();
+	for (const FindingRow &row : rows) {
+		list.push_back(finding_json(row));
+	}
+	/* Whether these are not all requests of the range. */
+	bool is_partial = found.is_partial || found.has_more;
+	return json_answer({{"range", asked_for.range_json()},
+						{"findings", std::move(list)},
+						{"more", has_more},
+						{"partial", is_partial}});
+}
+
+} // namespace kaq
