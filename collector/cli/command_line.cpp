@@ -6,8 +6,8 @@ namespace kaq {
 
 const std::vector<AddVerb> &verbs() {
 	static const std::vector<AddVerb> kVerbs = {
-		add_collect, add_config, add_tail, add_find, add_pin,
-		add_unpin,   add_forget, add_mark, add_open,
+		add_collect, add_config, add_top,   add_tail,   add_find, add_queries, add_errors,
+		add_calls,   add_pin,    add_unpin, add_forget, add_mark, add_open,
 	};
 	return kVerbs;
 }
