@@ -151,10 +151,16 @@ void Daemon::tell_services() {
 							{"data_port", data_->port()},
 							{"http_port", http_port}};
 	services_->daemon = [facts] { return facts; };
+	services_->metrics = [this] { return metrics_.text(); };
 	services_->login_link = [this, http_port] {
 		return fmt::format("http://{}:{}{}?code={}", kHttpAddress, http_port, kLoginPath,
 						   login_codes_.issue());
 	};
+}
+
+void Daemon::open_metrics() {
+	metrics_.open({handshake_->counts(), data_->counts(), pipeline_->counts(), *probe_, budget_,
+				   *pipeline_, overload_, request_metrics_, *store_, system_time()});
 }
 
 std::unique_ptr<HandshakePolicy> Daemon::policy() {
@@ -176,6 +182,7 @@ void Daemon::start() {
 											  kBetweenProbes);
 	watchdog_ = std::make_unique<Watchdog>(
 		WatchdogSettings(), [this] { return handshake_->beats(); }, tell_alive, end_for_stall);
+	open_metrics();
 	printf("kaq: collecting on %s: handshakes %u, payloads %u, http %u; store %s\n",
 		   fmt::format("{}", fmt::join(addresses, " and ")).c_str(), handshake_->port(),
 		   data_->port(), http_->port(), configuration_.store.directory.c_str());
@@ -204,6 +211,7 @@ void Daemon::stop() {
 	tell_stopping();
 	handshake_->stop_listening();
 	handshake_->drain(kDrainTime);
+	metrics_.close();
 	probe_.reset();
 	watchdog_.reset();
 	data_->stop_listening();
@@ -268,6 +276,7 @@ void Daemon::look_at_load(Clock::time_point now) {
 }
 
 void Daemon::keep(const std::vector<HandshakeCount> &counts) {
+	request_metrics_.add(counts);
 	std::vector<AskedCount> asked;
 	for (const HandshakeCount &each : counts) {
 		totals_.asked += each.asked;
@@ -281,13 +290,13 @@ void Daemon::keep(const std::vector<HandshakeCount> &counts) {
 
 /* On a thread of the pipeline. */
 void Daemon::keep(const Transaction &transaction, Recorder &recorder) {
+	Summary summary = recorder.record(transaction);
+	request_metrics_.add(summary);
 	if (feed_.has_listeners()) {
-		Summary summary = summarise(transaction);
 		feed_.publish(TransactionView(transaction, summary, {}), [&summary] {
 			return to_json(summary).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 		});
 	}
-	recorder.record(transaction);
 }
 
 std::string Daemon::status() const {

@@ -11,6 +11,7 @@
 
 #include "cli/configuration.h"
 #include "cli/counter_log.h"
+#include "cli/metrics.h"
 #include "cli/verbs.h"
 #include "http/http_server.h"
 #include "http/routes.h"
@@ -57,6 +58,7 @@ private:
 	void keep(const Transaction &transaction, Recorder &recorder);
 	void add_counters();
 	void tell_services();
+	void open_metrics();
 	std::unique_ptr<HandshakePolicy> policy();
 	std::string status() const;
 
@@ -65,6 +67,7 @@ private:
 
 	/* Outlives what takes requests in. */
 	std::unique_ptr<Store> store_;
+	RequestMetrics request_metrics_;
 
 	/* What takes requests in. */
 	MemoryBudget budget_;
@@ -75,6 +78,7 @@ private:
 
 	std::unique_ptr<HandshakeServer> handshake_;
 	std::unique_ptr<DataServer> data_;
+	MetricsGate metrics_;
 	LoginCodes login_codes_;
 	std::unique_ptr<ServiceContext> services_;
 	std::unique_ptr<Routes> routes_;

@@ -7,7 +7,7 @@
 
 namespace kaq {
 
-void Recorder::record(const Transaction &transaction) {
+Summary Recorder::record(const Transaction &transaction) {
 	Record record = record_of(transaction);
 	FindingOptions options;
 	options.serving = serving_.of(transaction.thread, transaction.end);
@@ -25,7 +25,9 @@ void Recorder::record(const Transaction &transaction) {
 	if (store_.wants_document(record.summary)) {
 		record.document = compressor_.compress(to_document(transaction));
 	}
+	Summary summary = record.summary;
 	store_.put(std::move(record));
+	return summary;
 }
 
 } // namespace kaq

@@ -14,8 +14,9 @@ public:
 	explicit Recorder(Store &store) : store_(store) {
 	}
 
-	/* REQUIRES: the transaction is free of secrets and has its name. */
-	void record(const Transaction &transaction);
+	/* Returns what the request comes to. REQUIRES: the transaction is free of secrets and has its
+	 * name. */
+	Summary record(const Transaction &transaction);
 
 private:
 	Store &store_;

@@ -68,6 +68,17 @@ Answer show_status(ServiceContext &context, const Question &) {
 	return json_answer(std::move(body));
 }
 
+Answer show_metrics(ServiceContext &context, const Question &) {
+	std::optional<std::string> text = context.metrics ? context.metrics() : std::nullopt;
+	if (!text) {
+		throw ServiceMistake(503, "no collector runs here", "start one with 'kaq collect'");
+	}
+	Answer answer;
+	answer.text = std::move(*text);
+	answer.type = "text/plain; version=0.0.4; charset=utf-8";
+	return answer;
+}
+
 Answer complete(ServiceContext &, const Question &question) {
 	const std::string &query = text_of(question, "q");
 	auto length = static_cast<int64_t>(query.size());

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,8 @@ struct ServiceContext {
 	std::function<nlohmann::json()> daemon;
 	/* The address that logs a browser in, once; empty where no collector runs. */
 	std::function<std::string()> login_link;
+	/* What the running collector tells programs that watch it; nothing while it ends. */
+	std::function<std::optional<std::string>()> metrics = {};
 };
 
 enum class Audience {

@@ -23,6 +23,7 @@ const std::vector<Service> &services() {
 		{"POST", "/api/v1/mark", {"!text", "app", "time"}, add_mark},
 		{"GET", "/api/v1/completions", {"q", "cursor"}, complete},
 		{"GET", "/api/v1/status", {}, show_status},
+		{"GET", "/metrics", {}, show_metrics},
 		{"POST", "/api/v1/login-link", {}, make_login_link, Audience::kLocal},
 	};
 	return kServices;

@@ -27,6 +27,7 @@ Answer list_findings(ServiceContext &context, const Question &question);
 Answer add_mark(ServiceContext &context, const Question &question);
 Answer list_marks(ServiceContext &context, const Question &question);
 Answer show_status(ServiceContext &context, const Question &question);
+Answer show_metrics(ServiceContext &context, const Question &question);
 Answer complete(ServiceContext &context, const Question &question);
 Answer make_login_link(ServiceContext &context, const Question &question);
 

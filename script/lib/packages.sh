@@ -5,7 +5,7 @@
 # What the collector is built from.
 KAQ_COLLECTOR_LIBRARIES=(libboost-dev libcli11-dev libcurl4-openssl-dev libexpected-dev libfmt-dev
 	libsimdjson-dev libspdlog-dev libsqlitecpp-dev libsystemd-dev libtomlplusplus-dev libxxhash-dev
-	libzstd-dev nlohmann-json3-dev)
+	libzstd-dev nlohmann-json3-dev prometheus-cpp-dev)
 
 # kaq_missing_packages PACKAGE...: prints those that are not installed.
 kaq_missing_packages() {
