@@ -207,6 +207,26 @@ std::string shortened_within(std::string_view text, size_t columns) {
 		   std::string(kEllipsis) + std::string(tail);
 }
 
+std::string wrapped(std::string_view text, size_t columns) {
+	std::string lines;
+	size_t used = 0;
+	while (!text.empty()) {
+		std::string_view word = text.substr(0, text.find(' '));
+		text.remove_prefix(std::min(text.size(), word.size() + 1));
+		size_t width = width_of(word);
+		if (used > 0 && used + 1 + width > columns) {
+			lines += "\n  ";
+			used = 2;
+		} else if (used > 0) {
+			lines += ' ';
+			used++;
+		}
+		lines += word;
+		used += width;
+	}
+	return lines;
+}
+
 std::string padded(std::string text, size_t columns) {
 	size_t width = width_of(text);
 	return width < columns ? text + std::string(columns - width, ' ') : text;

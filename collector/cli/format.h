@@ -42,6 +42,10 @@ size_t width_of(std::string_view text);
 std::string shortened_to(std::string_view text, size_t columns);
 std::string shortened_within(std::string_view text, size_t columns);
 
+/* Lines of at most that many columns, broken at blanks, but for longer words; those after the first
+ * begin with two blanks. */
+std::string wrapped(std::string_view text, size_t columns);
+
 /* The text with blanks behind or before it up to so many columns. */
 std::string padded(std::string text, size_t columns);
 std::string right_aligned(std::string text, size_t columns);

@@ -36,12 +36,12 @@ Table request_table() {
 				  {"time"},
 				  {"status", Align::kRight},
 				  {"duration", Align::kRight},
-				  {"database", Align::kRight},
-				  {"external", Align::kRight},
-				  {"queries", Align::kRight},
-				  {"app", Align::kLeft, 6},
+				  {"database", Align::kRight, 0, true},
+				  {"external", Align::kRight, 0, true},
+				  {"queries", Align::kRight, 0, true},
+				  {"app", Align::kLeft, 5},
 				  {"transaction", Align::kLeft, 12},
-				  {"verdict", Align::kLeft, 10}});
+				  {"verdict", Align::kLeft, 24, true}});
 }
 
 void add_request(Table &table, const nlohmann::json &request) {

@@ -1,7 +1,7 @@
 #include "cli/table.h"
 
 #include <algorithm>
-#include <numeric>
+#include <utility>
 
 #include "cli/format.h"
 
@@ -10,12 +10,33 @@ namespace {
 
 constexpr size_t kGap = 2;
 
-std::string fitted(const Column &column, const std::string &text, size_t width, bool is_last) {
-	std::string shown = shortened_to(text, width);
-	if (column.align == Align::kRight) {
-		return right_aligned(std::move(shown), width);
+/* Columns that are left out have no width, and no gap. */
+size_t total_of(const std::vector<size_t> &widths) {
+	size_t total = 0;
+	for (size_t width : widths) {
+		total += width > 0 ? width + (total > 0 ? kGap : 0) : 0;
 	}
-	return is_last ? shown : padded(std::move(shown), width);
+	return total;
+}
+
+/* With everything cut that may be. */
+size_t least_of(const std::vector<Column> &columns, std::vector<size_t> widths) {
+	for (size_t i = 0; i < widths.size(); i++) {
+		widths[i] = columns[i].least > 0 ? std::min(widths[i], columns[i].least) : widths[i];
+	}
+	return total_of(widths);
+}
+
+/* The widest of those that may be cut; none: their number. */
+size_t widest_of(const std::vector<Column> &columns, const std::vector<size_t> &widths) {
+	size_t widest = widths.size();
+	for (size_t i = 0; i < widths.size(); i++) {
+		bool may_be_cut = columns[i].least > 0 && widths[i] > columns[i].least;
+		if (may_be_cut && (widest == widths.size() || widths[i] > widths[widest])) {
+			widest = i;
+		}
+	}
+	return widest;
 }
 
 } // namespace
@@ -27,7 +48,6 @@ void Table::add(std::vector<Cell> cells) {
 	rows_.push_back(std::move(cells));
 }
 
-/* What is too wide is taken from the widest of those that may be cut. */
 std::vector<size_t> Table::widths(const Terminal &terminal) const {
 	std::vector<size_t> widths;
 	for (size_t i = 0; i < columns_.size(); i++) {
@@ -38,42 +58,51 @@ std::vector<size_t> Table::widths(const Terminal &terminal) const {
 		widths.push_back(width);
 	}
 	auto wanted = static_cast<size_t>(terminal.width);
-	size_t total =
-		std::accumulate(widths.begin(), widths.end(), kGap * (widths.size() - 1), std::plus<>());
-	while (wanted > 0 && total > wanted) {
-		size_t widest = widths.size();
-		for (size_t i = 0; i < widths.size(); i++) {
-			bool may_be_cut = columns_[i].least > 0 && widths[i] > columns_[i].least;
-			if (may_be_cut && (widest == widths.size() || widths[i] > widths[widest])) {
-				widest = i;
-			}
-		}
+	if (wanted == 0) {
+		return widths;
+	}
+	for (size_t i = columns_.size(); i-- > 0 && least_of(columns_, widths) > wanted;) {
+		widths[i] = columns_[i].is_optional ? 0 : widths[i];
+	}
+	while (total_of(widths) > wanted) {
+		size_t widest = widest_of(columns_, widths);
 		if (widest == widths.size()) {
 			break;
 		}
 		widths[widest]--;
-		total--;
 	}
 	return widths;
 }
 
+std::string Table::line(const std::vector<Cell> &cells, const std::vector<size_t> &widths,
+						const Terminal &terminal) const {
+	std::string line;
+	std::string blanks; /* that only stand before something */
+	for (size_t i = 0; i < columns_.size(); i++) {
+		if (widths[i] == 0) {
+			continue;
+		}
+		std::string text = shortened_to(cells[i].text, widths[i]);
+		std::string room(widths[i] - width_of(text), ' ');
+		bool is_right = columns_[i].align == Align::kRight;
+		blanks += is_right ? room : "";
+		if (!text.empty()) {
+			line += std::exchange(blanks, "") + terminal.paint(text, cells[i].colour);
+		}
+		blanks += (is_right ? "" : room) + std::string(kGap, ' ');
+	}
+	return line + "\n";
+}
+
 std::string Table::text(const Terminal &terminal) const {
 	const std::vector<size_t> fits = widths(terminal);
-	std::string text;
-	std::string line;
-	for (size_t i = 0; i < columns_.size(); i++) {
-		bool is_last = i + 1 == columns_.size();
-		line += fitted(columns_[i], columns_[i].title, fits[i], is_last);
-		line += is_last ? "" : std::string(kGap, ' ');
+	std::vector<Cell> titles;
+	for (const Column &column : columns_) {
+		titles.emplace_back(column.title, Colour::kDim);
 	}
-	text += terminal.paint(line, Colour::kDim) + "\n";
+	std::string text = line(titles, fits, terminal);
 	for (const std::vector<Cell> &row : rows_) {
-		for (size_t i = 0; i < columns_.size(); i++) {
-			bool is_last = i + 1 == columns_.size();
-			text +=
-				terminal.paint(fitted(columns_[i], row[i].text, fits[i], is_last), row[i].colour);
-			text += is_last ? "\n" : std::string(kGap, ' ');
-		}
+		text += line(row, fits, terminal);
 	}
 	return text;
 }

@@ -15,6 +15,8 @@ struct Column {
 	Align align = Align::kLeft;
 	/* Is cut where the table is too wide, to no less than that; 0: never. */
 	size_t least = 0;
+	/* Is left out, the last one first, where cutting is not enough. */
+	bool is_optional = false;
 };
 
 struct Cell {
@@ -42,7 +44,11 @@ public:
 	std::string text(const Terminal &terminal) const;
 
 private:
+	/* Of each column; 0 for one that is left out. */
 	std::vector<size_t> widths(const Terminal &terminal) const;
+
+	std::string line(const std::vector<Cell> &cells, const std::vector<size_t> &widths,
+					 const Terminal &terminal) const;
 
 	std::vector<Column> columns_;
 	std::vector<std::vector<Cell>> rows_;

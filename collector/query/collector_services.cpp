@@ -60,6 +60,23 @@ Answer list_marks(ServiceContext &context, const Question &question) {
 	return json_answer({{"marks", std::move(marks)}});
 }
 
+Answer list_services(ServiceContext &, const Question &) {
+	nlohmann::json list = nlohmann::json::array();
+	for (const Service &service : services()) {
+		nlohmann::json parameters = nlohmann::json::array();
+		for (const char *parameter : service.parameters) {
+			bool is_required = parameter[0] == kRequired;
+			parameters.push_back(
+				{{"name", parameter + (is_required ? 1 : 0)}, {"required", is_required}});
+		}
+		list.push_back({{"method", service.method},
+						{"path", service.path},
+						{"parameters", std::move(parameters)},
+						{"local", service.audience == Audience::kLocal}});
+	}
+	return json_answer({{"services", std::move(list)}});
+}
+
 Answer show_status(ServiceContext &context, const Question &) {
 	nlohmann::json body = {{"now_ms", context.clock()}, {"store", to_json(context.store.status())}};
 	if (context.daemon) {

@@ -88,6 +88,9 @@ json span_json(const Span &span, int64_t start) {
 	set(each, "status", span.status);
 	set(each, "sent_headers", span.sent_headers);
 	set(each, "received_headers", span.received_headers);
+	if (is_http_call(span)) {
+		set(each, "endpoint", std::string_view(endpoint_of(span.host)));
+	}
 	if (span.is_async) {
 		each["async"] = true;
 	}

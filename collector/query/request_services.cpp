@@ -64,6 +64,7 @@ Answer show_request(ServiceContext &context, const Question &question) {
 	if (std::optional<Transaction> transaction = read_document(context.store, row->summary.id)) {
 		body.update(details_json(*transaction));
 		body["spans"] = spans_json(*transaction);
+		body["critical_path"] = critical_path_json(*transaction);
 	}
 	return json_answer(std::move(body));
 }

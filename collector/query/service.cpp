@@ -11,8 +11,6 @@
 namespace kaq {
 namespace {
 
-constexpr char kRequired = '!';
-
 std::string_view name_of(const char *parameter) {
 	return parameter[0] == kRequired ? parameter + 1 : parameter;
 }

@@ -48,10 +48,13 @@ enum class Audience {
 	kLocal,     /* who reaches the Unix socket */
 };
 
+/* Before the name of a parameter that has to be there. */
+constexpr char kRequired = '!';
+
 struct Service {
 	const char *method; /* "GET" for what reads, "POST" for what changes */
 	const char *path;
-	std::vector<const char *> parameters; /* that it takes; a '!' before what must be there */
+	std::vector<const char *> parameters; /* that it takes */
 	Answer (*answer)(ServiceContext &, const Question &);
 	Audience audience = Audience::kEverybody;
 };

@@ -23,9 +23,16 @@ Answer list_hosts(ServiceContext &context, const Question &question);
 Answer list_failures(ServiceContext &context, const Question &question);
 Answer list_findings(ServiceContext &context, const Question &question);
 
+/* compare_services.cpp */
+Answer compare_requests(ServiceContext &context, const Question &question);
+
+/* export_service.cpp */
+Answer export_requests(ServiceContext &context, const Question &question);
+
 /* collector_services.cpp */
 Answer add_mark(ServiceContext &context, const Question &question);
 Answer list_marks(ServiceContext &context, const Question &question);
+Answer list_services(ServiceContext &context, const Question &question);
 Answer show_status(ServiceContext &context, const Question &question);
 Answer show_metrics(ServiceContext &context, const Question &question);
 Answer complete(ServiceContext &context, const Question &question);

@@ -93,4 +93,8 @@ json trace_json(Store &store, const std::vector<RequestRow> &rows) {
 			{"critical_path", std::move(critical_path)}};
 }
 
+json critical_path_json(const Transaction &transaction) {
+	return path_json(assemble_trace({&transaction}), transaction.spans.front().start);
+}
+
 } // namespace kaq

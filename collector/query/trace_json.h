@@ -19,4 +19,7 @@ constexpr size_t kMostDocumentsOfATrace = 100;
  */
 nlohmann::json trace_json(Store &store, const std::vector<RequestRow> &rows);
 
+/* What held one request up, by the same names. */
+nlohmann::json critical_path_json(const Transaction &transaction);
+
 } // namespace kaq

@@ -1,0 +1,141 @@
+"""The interface over HTTP: its services, their description, logging in."""
+import http.client
+import json
+import pathlib
+import urllib.parse
+
+import pytest
+import yaml
+
+import requests_of
+
+DESCRIPTION = pathlib.Path(__file__).resolve().parents[3] / "docs" / "openapi.yaml"
+# Routes that are no services.
+OTHERS = {("GET", "/healthz"), ("GET", "/login"), ("GET", "/api/v1/live")}
+
+
+def ask(collector, method, path, headers=None, **parameters):
+    """(status, headers, body) with the token."""
+    connection = http.client.HTTPConnection("127.0.0.1", collector.http, timeout=10)
+    given = {"Authorization": "Bearer " + collector.token, **(headers or {})}
+    connection.request(method, path + "?" + urllib.parse.urlencode(parameters), headers=given)
+    response = connection.getresponse()
+    body = response.read()
+    connection.close()
+    return response.status, response.headers, body
+
+
+def get(collector, path, **parameters):
+    status, _, body = ask(collector, "GET", path, **parameters)
+    assert status == 200, body
+    return json.loads(body)
+
+
+def resolved(description, node):
+    """What a reference within the description stands for."""
+    while "$ref" in node:
+        found = description
+        for part in node["$ref"].lstrip("#/").split("/"):
+            found = found[part]
+        node = found
+    return node
+
+
+def documented():
+    """{(method, path): {parameter: required}}"""
+    description = yaml.safe_load(DESCRIPTION.read_text())
+    routes = {}
+    for path, methods in description["paths"].items():
+        for method, route in methods.items():
+            parameters = [resolved(description, each) for each in route.get("parameters", [])]
+            routes[method.upper(), path] = {
+                each["name"]: each.get("required", False) for each in parameters}
+    return routes
+
+
+def references(node):
+    if isinstance(node, dict):
+        if "$ref" in node:
+            yield node
+        for each in node.values():
+            yield from references(each)
+    elif isinstance(node, list):
+        for each in node:
+            yield from references(each)
+
+
+def test_every_service_is_described_and_none_else(collector):
+    services = {
+        (each["method"], each["path"]): {one["name"]: one["required"] for one in each["parameters"]}
+        for each in get(collector, "/api/v1/services")["services"]}
+    described = documented()
+    assert set(described) - set(services) == OTHERS
+    assert {route: described[route] for route in services} == services
+
+
+def test_every_reference_of_the_description_leads_somewhere():
+    description = yaml.safe_load(DESCRIPTION.read_text())
+    found = list(references(description))
+    assert found
+    for each in found:
+        assert resolved(description, each)
+
+
+@pytest.mark.parametrize("path, schema", [("/api/v1/requests", "Request"), ("/api/v1/request", "Span")])
+def test_every_member_is_described(collector, path, schema):
+    requests_of.send_cart(collector, "00000000000000c1")
+    description = yaml.safe_load(DESCRIPTION.read_text())
+    known = set(description["components"]["schemas"][schema]["properties"])
+    if schema == "Request":
+        members = get(collector, path)["requests"]
+    else:
+        members = get(collector, path, id="00000000000000c1")["spans"]
+    assert members and set().union(*members) <= known
+
+
+def test_services_need_the_token_and_their_method(collector):
+    assert ask(collector, "GET", "/api/v1/status", {"Authorization": "Bearer no"})[0] == 401
+    status, headers, _ = ask(collector, "POST", "/api/v1/status")
+    assert (status, headers["Allow"]) == (405, "GET")
+    status, headers, _ = ask(collector, "GET", "/api/v1/pin", id="0000")
+    assert (status, headers["Allow"]) == (405, "POST")
+    status, _, body = ask(collector, "GET", "/api/v1/nothing")
+    assert status == 404 and json.loads(body)["error"]["message"]
+
+
+def test_another_sites_page_changes_nothing(collector):
+    headers = {"Origin": "http://evil.example", "Cookie": "kaq_token=" + collector.token}
+    assert ask(collector, "POST", "/api/v1/mark", headers, text="x")[0] == 403
+    assert get(collector, "/api/v1/marks") == {"marks": []}
+
+
+def test_a_mistake_tells_its_parameter(collector):
+    status, _, body = ask(collector, "GET", "/api/v1/requests", limit="many")
+    assert status == 400 and json.loads(body)["error"]["parameter"] == "limit"
+
+
+def test_a_head_has_no_body(collector):
+    status, headers, body = ask(collector, "HEAD", "/api/v1/status")
+    assert status == 200 and body == b"" and int(headers["Content-Length"]) > 10
+
+
+def test_a_link_logs_a_browser_in_once(collector):
+    link = collector.run("open")
+    assert (link.returncode, link.stderr) == (0, "")
+    address = urllib.parse.urlsplit(link.stdout.strip())
+    assert (address.hostname, address.port) == ("127.0.0.1", collector.http)
+    code = urllib.parse.parse_qs(address.query)["code"][0]
+    nobody = {"Authorization": ""}
+    assert collector.token not in link.stdout
+    status, headers, _ = ask(collector, "GET", address.path, nobody, code=code)
+    assert (status, headers["Location"]) == (303, "/")
+    cookie = headers["Set-Cookie"]
+    assert "HttpOnly" in cookie and "SameSite=Strict" in cookie
+    logged_in = {"Authorization": "", "Cookie": cookie.partition(";")[0]}
+    assert ask(collector, "GET", "/api/v1/status", logged_in)[0] == 200
+    assert ask(collector, "GET", address.path, nobody, code=code)[0] == 401
+    assert ask(collector, "GET", address.path, nobody, code="")[0] == 401
+
+
+def test_who_comes_over_tcp_gets_no_link(collector):
+    assert ask(collector, "POST", "/api/v1/login-link")[0] in (404, 405)

@@ -1,0 +1,152 @@
+"""Verbs from end to end: payloads go in, and what they say comes out."""
+import json
+import re
+
+import pytest
+
+import requests_of
+from requests_of import span
+
+TRACE = "0af7651916cd43dd8448eb211c80319c"
+
+
+def out(done):
+    assert (done.returncode, done.stderr) == (0, "")
+    return done.stdout
+
+
+def rows(text):
+    """The first words of each line but the titles."""
+    return [line.split()[0] for line in text.splitlines()[1:]]
+
+
+@pytest.fixture
+def cart(collector):
+    requests_of.send_cart(collector, "00000000000000c1", items=61, t_name="/cart/7")
+    requests_of.send_cart(collector, "00000000000000c2", items=5, t_name="/cart/8")
+    return collector
+
+
+def test_find_lists_what_fulfils_the_query(cart):
+    assert set(rows(out(cart.run("find")))) == {"00000000000000c1", "00000000000000c2"}
+    assert rows(out(cart.run("find", "txn:/cart/* queries:>50"))) == ["00000000000000c1"]
+    assert rows(out(cart.run("find", "--slowest"))) == ["00000000000000c1", "00000000000000c2"]
+
+
+def test_find_says_when_there_is_more(cart):
+    done = cart.run("find", "-n", "1", "--slowest")
+    assert rows(done.stdout) == ["00000000000000c1"]
+    assert "-n N" in done.stderr
+
+
+def test_find_has_exit_statuses_for_scripts(cart):
+    assert cart.run("find", "app:nobody").returncode == 1
+    done = cart.run("find", "app:Shop tnx:/cart")
+    assert done.returncode == 2
+    assert "column 10" in done.stderr and "txn:" in done.stderr
+    assert cart.run("find", "--nonsense").returncode == 2
+    assert cart.run("find", "--help").returncode == 0
+
+
+def test_find_as_json_is_what_http_answers(cart):
+    found = json.loads(out(cart.run("find", "--slowest", "--json")))
+    assert [each["id"] for each in found["requests"]] == ["00000000000000c1", "00000000000000c2"]
+    assert found["requests"][0]["queries"] == 61
+    assert found["requests"][0]["duration_ms"] == 650
+
+
+def test_show_folds_what_repeats_and_says_the_verdict(cart):
+    shown = out(cart.run("show", "00000000000000c1"))
+    assert "61 times the same statement" in shown
+    lines = [line for line in shown.splitlines() if "FROM item" in line and "×" in line]
+    assert len(lines) == 1 and "61 × SELECT" in lines[0] and "610 ms" in lines[0]
+    assert "View::render" in shown
+
+
+def test_show_fits_the_terminal(cart, monkeypatch):
+    for width in (60, 80, 140):
+        monkeypatch.setenv("COLUMNS", str(width))
+        shown = out(cart.run("show", "00000000000000c1"))
+        waterfall = shown[shown.index("total"):shown.index("calls within")]
+        assert max(len(line) for line in waterfall.splitlines()) <= width
+
+
+def test_show_takes_the_beginning_of_an_id(cart):
+    shown = json.loads(out(cart.run("show", "00000000000000c2", "--json")))
+    assert shown["request"]["id"] == "00000000000000c2" and len(shown["spans"]) == 8
+    assert cart.run("show", "ffffffff").returncode == 1
+
+
+def test_show_a_trace_across_services(collector):
+    call = "00000000000000d9"
+    requests_of.send(collector, [
+        span("00000000000000d1", 0, 200, "main", parent=None),
+        span(call, 50, 150, "curl_exec", "HTTP", parent="00000000000000d1", ex=True,
+             hn="http://stock/items/7", esc=200)], application="Shop", trace=TRACE)
+    requests_of.send(collector, [
+        span("00000000000000d2", 60, 140, "main", parent=None, psi=call),
+        span(9, 60, 130, "Stock::load", parent="00000000000000d2")],
+        name="/items/7", application="Stock", trace=TRACE)
+    shown = out(collector.run("show", TRACE))
+    assert "2 requests" in shown
+    shop, stock = shown.index("Shop  GET /cart"), shown.index("Stock  GET /items/7")
+    assert shop < shown.index("http://stock/items/7", shop) < stock < shown.index("Stock::load")
+    assert "1 more request of this trace" in out(collector.run("show", "00000000000000d1"))
+
+
+def test_failures_are_shown_where_they_happened(collector):
+    requests_of.send(collector, [
+        span("00000000000000e1", 0, 20, "main", parent=None),
+        span(1, 0, 10, "Cart::add", parent="00000000000000e1", ei=[
+            {"err_clz": "DomainException", "filename": "/srv/Cart.php", "linenumber": 12,
+             "time": requests_of.NOW + 5, "level": "Error", "str": "no stock\x1b[31m of 7"}])],
+        httpcode=500)
+    shown = out(collector.run("show", "00000000000000e1"))
+    assert "DomainException: no stock?[31m of 7 (Cart.php:12)" in shown
+    assert "\x1b" not in shown
+
+
+def test_compare_says_what_grew(cart):
+    shown = out(cart.run("compare", "00000000000000c2", "00000000000000c1"))
+    assert "+560 ms" in shown and "5 to 61 calls" in shown
+    typical = json.loads(out(cart.run("compare", "00000000000000c1", "--typical", "--json")))
+    assert typical["typical"]["requests"] == 1
+    assert typical["differences"][0]["growth_ms"] == 560
+    assert cart.run("compare", "00000000000000c1").returncode == 2
+
+
+@pytest.mark.parametrize("form", ["speedscope", "perfetto", "json"])
+def test_export_writes_json(cart, form):
+    assert "Cart::items" in json.dumps(json.loads(
+        out(cart.run("export", "--format", form, "00000000000000c1"))))
+    assert cart.run("export", "--format", "pdf", "00000000000000c1").returncode == 2
+
+
+def test_pinned_requests_say_so(cart):
+    out(cart.run("pin", "00000000000000c1"))
+    assert "pinned" in out(cart.run("show", "00000000000000c1"))
+    out(cart.run("unpin", "00000000000000c1"))
+    assert "pinned" not in out(cart.run("show", "00000000000000c1"))
+    assert cart.run("pin", "ffffffff").returncode == 1
+
+
+def test_forget_needs_to_be_sure(cart):
+    assert cart.run("forget", "id:00000000000000c1").returncode == 2
+    assert len(rows(out(cart.run("find")))) == 2
+    assert "1 request deleted" in out(cart.run("forget", "--yes", "id:00000000000000c1"))
+    assert rows(out(cart.run("find"))) == ["00000000000000c2"]
+    assert cart.run("forget", "--yes", "id:00000000000000c1").returncode == 1
+
+
+def test_mark_says_what_it_marked(collector):
+    marked = out(collector.run("mark", "release 7", "--app", "Shop"))
+    assert re.match(r"marked \d{4}-\d\d-\d\d .*: release 7\n", marked)
+
+
+def test_a_store_is_read_without_a_collector(cart):
+    shown = cart.run("show", "00000000000000c1", "--json")
+    assert cart.stop() == (0, "")
+    assert cart.run("show", "00000000000000c1", "--json").stdout == shown.stdout
+    assert set(rows(out(cart.run("find")))) == {"00000000000000c1", "00000000000000c2"}
+    done = cart.run("pin", "00000000000000c1")
+    assert done.returncode == 1 and "kaq collect" in done.stderr
