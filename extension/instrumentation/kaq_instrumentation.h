@@ -29,7 +29,7 @@ void kaq_late_initialization(void);
 void kaq_add_internal_instrumentation(void);
 
 /* Installs one record, unless its function or class is missing, not internal, or disabled by
- * php.ini. */
+ * php.ini. A method is wrapped in the internal classes that inherit it, too. */
 void kaq_wrap_internal_function(kaq_internalfn_t *wraprec);
 
 /* Releases the records and empties their slots. Wrappers that stay in the engine's tables then do

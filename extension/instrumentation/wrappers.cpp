@@ -67,3 +67,24 @@ const kaq_wrapper kaq_wrappers[] = {KAQ_WRAPPED_FUNCTIONS(KAQ_WRAPPER_ROW)};
 
 const size_t kaq_wrapper_count = sizeof kaq_wrappers / sizeof kaq_wrappers[0];
 static_assert(sizeof kaq_wrappers / sizeof kaq_wrappers[0] >= 148, "the table has lost a row");
+
+/* SYNONYM(identifier, look-up key, capture group, identifier of the row) */
+#define KAQ_SYNONYMS(SYNONYM) SYNONYM(pdo_connect, "pdo::connect", pdo, pdo___construct)
+
+#define KAQ_DEFINE_SYNONYM(id, key, group, row)                                              \
+	static kaq_internalfn_t *_kaq_outer_wrapper_global_##id;                                 \
+	static void _kaq_outer_wrapper_function_##id(zend_execute_data *execute_data,            \
+												 zval *return_value) {                       \
+		kaq_instrument_delegate(_kaq_outer_wrapper_global_##id, execute_data, return_value); \
+	}
+
+#define KAQ_SYNONYM_ROW(id, key, group, row)                                                    \
+	{key, kaq_group_##group, &_kaq_outer_wrapper_global_##id, _kaq_outer_wrapper_function_##id, \
+	 _kaq_inner_wrapper_function_##row},
+
+KAQ_SYNONYMS(KAQ_DEFINE_SYNONYM)
+
+const kaq_wrapper kaq_synonyms[] = {KAQ_SYNONYMS(KAQ_SYNONYM_ROW)};
+
+const size_t kaq_synonym_count = sizeof kaq_synonyms / sizeof kaq_synonyms[0];
+kaq_internalfn_t kaq_synonym_records[sizeof kaq_synonyms / sizeof kaq_synonyms[0]];

@@ -22,3 +22,9 @@ struct kaq_wrapper {
 /* In the order of the table. */
 extern const kaq_wrapper kaq_wrappers[];
 extern const size_t kaq_wrapper_count;
+
+/* Functions that do what the function of a row does without calling it, and are recorded as that
+ * one. Their records stand outside of the list of wrapped functions. */
+extern const kaq_wrapper kaq_synonyms[];
+extern const size_t kaq_synonym_count;
+extern kaq_internalfn_t kaq_synonym_records[];

@@ -41,6 +41,10 @@ A call is recorded if its group's setting was on in `php.ini` when the process s
 request is recorded, and if `kaq.span_limit` has not been reached. "External" marks calls to
 another system. Keys, values and bound parameters are never recorded.
 
+A method that a class inherits is recorded under the name of the class below: `Pdo\\Mysql::query` as
+`PDO::query`. `PDO::connect` (PHP 8.4) is recorded as the connection that it makes,
+`PDO::__construct`, whatever class it is called on.
+
 """
 
 

@@ -127,11 +127,26 @@ static void take_over_class(zend_class_entry *ce, const standin_class *wanted) {
 	}
 }
 
+static PHP_METHOD(StandinRedisOther, get) {
+	(void)execute_data;
+	RETURN_STRING("of its own");
+}
+
+static const zend_function_entry other_methods[] = {
+	PHP_ME(StandinRedisOther, get, arginfo_any, ZEND_ACC_PUBLIC) PHP_FE_END};
+
 /* An internal class that inherits at module startup, before any first request. */
-static void register_child(const char *name, zend_class_entry *parent) {
+static zend_class_entry *register_child(const char *name, zend_class_entry *parent,
+										const zend_function_entry *methods) {
 	zend_class_entry ce;
-	INIT_CLASS_ENTRY_EX(ce, name, strlen(name), nullptr);
-	zend_register_internal_class_ex(&ce, parent);
+	INIT_CLASS_ENTRY_EX(ce, name, strlen(name), methods);
+	return zend_register_internal_class_ex(&ce, parent);
+}
+
+static void register_children(zend_class_entry *redis) {
+	zend_class_entry *child = register_child("StandinRedisChild", redis, nullptr);
+	register_child("StandinRedisGrandchild", child, nullptr);
+	register_child("StandinRedisOther", redis, other_methods);
 }
 
 static void register_classes(void) {
@@ -144,7 +159,7 @@ static void register_classes(void) {
 		} else if (!ce && !is_left_out(ZSTR_VAL(lower))) {
 			ce = register_class(&classes[i]);
 			if (!strcmp(classes[i].name, "Redis")) {
-				register_child("StandinRedisChild", ce);
+				register_children(ce);
 			}
 		}
 		zend_string_release(lower);

@@ -88,6 +88,10 @@ class Engine:
         return self.version_id >= 80000
 
     @property
+    def has_pdo_subclasses(self):
+        return self.version_id >= 80400
+
+    @property
     def copying_globals_copies_deeply(self):
         return self.version_id >= 80100
 

@@ -194,15 +194,81 @@ def test_constructor_that_a_user_class_inherits_or_calls(drivers, collector):
     assert [span.get("hn") for span in collector.payload.spans[1:]] == ["a:dsn", None, "b:dsn"]
 
 
-def test_internal_class_that_inherited_before_installation_keeps_the_unwrapped_method(
-        drivers, collector):
-    """The engine copies a method into an internal class that inherits it, at startup. Its calls
-    work and leave no span; a user class below it inherits the copy."""
-    result = drivers.same_as_bare(
+@pytest.mark.parametrize("first", [False, True], ids=["loaded after us", "loaded before us"])
+def test_method_that_an_internal_class_inherited_at_startup(drivers, collector, first):
+    """The engine copied it into that class, before the first request."""
+    drivers.same_as_bare(
         "class Mine extends StandinRedisChild {}"
-        "echo (new StandinRedisChild)->get('k'), (new Mine)->get('k'), (new Redis)->get('k');")
-    assert result.stdout == b"result of redis::get" * 3
-    assert collector.payload.names == ["redis::get"]
+        "echo (new StandinRedisChild)->get('k'), (new StandinRedisGrandchild)->connect('h', 1),"
+        "(new Mine)->get('k'), (new Redis)->get('k');", first=first)
+    assert [(span["fn"], span.get("hn")) for span in collector.payload.spans[1:]] == [
+        ("redis::get", None), ("redis::connect", "h"), ("redis::get", None), ("redis::get", None)]
+
+
+def test_method_that_an_internal_class_has_of_its_own_is_left_alone(drivers, collector):
+    result = drivers.same_as_bare("$other = new StandinRedisOther;"
+                                  "echo $other->get('k'), ', ', $other->set('k', 1);")
+    assert result.stdout == b"of its own, result of redis::set"
+    assert collector.payload.names == ["redis::set"]
+
+
+def test_inherited_method_of_a_group_that_is_off(drivers, collector):
+    drivers.same_as_bare("echo (new StandinRedisChild)->get('k'), mysql_query('q');",
+                         {"kaq.capture_redis": 0})
+    assert collector.payload.names == ["mysql_query"]
+
+
+def test_every_later_request_finds_an_inherited_method_wrapped_once(page, collector):
+    collector.reply = MONITORED
+    page.open("(new StandinRedisChild)->get('k'); echo count(kaq_standin_calls());")
+    for _ in range(3):
+        assert page.get() == b"1"
+    assert [payload.names for payload in collector.payloads] == [["redis::get"]] * 3
+
+
+# PDO's own subclasses ----------------------------------------------------------------------------
+
+SQLITE = "sqlite::memory:"
+USE_PDO = "$p->exec('create table t (n)'); $p->query('select 1'); $p->prepare('select 2'); echo 'done';"
+
+
+@pytest.fixture
+def pdo_subclasses(wire, collector, engine):
+    """Runs a script on SQLite, bare and not, and gives its calls' names and what they say."""
+    if not engine.has_pdo_subclasses:
+        pytest.skip("PDO has no subclasses here")
+    if b"pdo_sqlite" not in wire.php("-m", loaded=False).stdout.splitlines():
+        pytest.skip("no PDO for SQLite here")
+    def spans(source, settings=None):
+        ran = wire.same_as_bare(wire.cli, source=source, settings=dict(
+            {"kaq.method_threshold": 0, "kaq.track_zend_execute": 0}, **(settings or {})))
+        assert (ran.stdout, ran.status) == (b"done", 0), ran
+        return [(span["fn"], span.get("qs", span.get("hn"))) for span in collector.payload.spans[1:]]
+    return spans
+
+
+@pytest.mark.parametrize("way", [
+    "new Pdo\\Sqlite('%s')", "new PDO('%s')", "Pdo\\Sqlite::connect('%s')", "PDO::connect('%s')"])
+def test_connection_is_recorded_whichever_way_it_is_made(pdo_subclasses, way):
+    """PDO::connect() does what the constructor does, without calling it."""
+    assert pdo_subclasses("$p = %s; %s" % (way % SQLITE, USE_PDO)) == [
+        ("PDO::__construct", SQLITE), ("PDO::exec", "create table t (n)"),
+        ("PDO::query", "select 1"), ("PDO::prepare", "select 2")]
+
+
+def test_connection_of_a_user_class_below_a_subclass(pdo_subclasses):
+    assert pdo_subclasses("class Mine extends Pdo\\Sqlite {} $p = new Mine('%s'); %s" % (
+        SQLITE, USE_PDO))[0] == ("PDO::__construct", SQLITE)
+
+
+def test_connection_that_fails_is_recorded_and_throws_as_ever(pdo_subclasses):
+    assert pdo_subclasses("try { PDO::connect('nothing:'); } catch (PDOException $e) {"
+                          "echo 'done'; }") == [("PDO::__construct", "nothing:")]
+
+
+def test_subclasses_follow_the_group_of_pdo(pdo_subclasses):
+    assert pdo_subclasses("$p = PDO::connect('%s'); %s" % (SQLITE, USE_PDO),
+                          {"kaq.capture_pdo": 0}) == []
 
 
 def test_preloaded_class_that_inherits(drivers, collector, engine, wire):
