@@ -69,6 +69,7 @@ static void kaq_recall_settings_of_hooks(void) {
 }
 
 void kaq_module_start(int type, int module_number) {
+	kaq_engine_startup();
 	kaq_make_keys();
 	kaq_clock_startup();
 	kaq_read_account_key();

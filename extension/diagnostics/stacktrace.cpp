@@ -19,7 +19,8 @@ static void kaq_append_frame(smart_str *out, HashTable *frame) {
 	kaq_buf_literal(out, "[");
 	kaq_append_as_json_compatible_string_withquotes(out, kaq_frame_text(frame, "class", ""));
 	kaq_buf_literal(out, ",");
-	kaq_append_as_json_compatible_string_withquotes(out, kaq_frame_text(frame, "function", "main"));
+	kaq_append_as_json_compatible_string_withquotes(
+		out, kaq_plain_name(kaq_frame_text(frame, "function", "main")));
 	kaq_buf_literal(out, ",");
 	kaq_append_as_json_compatible_string_withquotes(out, kaq_frame_text(frame, "file", ""));
 	kaq_buf_literal(out, ",");

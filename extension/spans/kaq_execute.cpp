@@ -14,8 +14,8 @@ kaq_node *kaq_populate_function(const zend_execute_data *execute_data) {
 	if (node) {
 		const zend_class_entry *scope = execute_data->func->common.scope;
 		kaq_copy_function_info(&node->data.function_info, scope ? ZSTR_VAL(scope->name) : nullptr,
-							   ZSTR_VAL(execute_data->func->common.function_name),
-							   KAQ_PHP_COMPONENT, INTERNAL);
+							   ZSTR_VAL(kaq_name_of(execute_data->func)), KAQ_PHP_COMPONENT,
+							   INTERNAL);
 	}
 	return node;
 }

@@ -38,7 +38,7 @@ static inline void kaq_name_user_call(kaq_node *node, const zend_class_entry *sc
 /* The same for a function that is being called. Whatever becomes of the function, the name stays.
  */
 static inline void kaq_name_function(kaq_node *node, const zend_function *function) {
-	zend_string *name = zend_string_copy(function->common.function_name);
+	zend_string *name = zend_string_copy(kaq_name_of(function));
 	kaq_name_user_call(node, function->common.scope, name, !ZSTR_IS_INTERNED(name));
 }
 

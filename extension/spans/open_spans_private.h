@@ -61,7 +61,7 @@ static inline void kaq_push_call(zend_kaq_globals *g, size_t position,
 	g->open_spans.top = position;
 	if (UNEXPECTED(function->common.fn_flags & KAQ_FUNCTION_MAY_GO)) {
 		span->callee = function->common.scope;
-		zend_string *name = function->common.function_name;
+		zend_string *name = kaq_name_of(function);
 		uintptr_t held = (uintptr_t)name | KAQ_SPAN_NAMED | KAQ_SPAN_INTERNED;
 		if (!ZSTR_IS_INTERNED(name)) {
 			zend_string_addref(name);

@@ -14,6 +14,31 @@ void kaq_bind_module_globals(int) {
 }
 #endif
 
+#if PHP_VERSION_ID < 80400
+void kaq_engine_startup(void) {
+}
+#else
+static zend_string *kaq_name_of_closures; /* belongs to the engine */
+
+void kaq_engine_startup(void) {
+	kaq_name_of_closures = zend_string_init_interned("{closure}", strlen("{closure}"), true);
+}
+
+static bool kaq_tells_where_it_stands(const char *name) {
+	return strncmp(name, "{closure:", strlen("{closure:")) == 0;
+}
+
+/* A closure can be made of any function, whose name it then has. */
+zend_string *kaq_closure_name(const zend_function *function) {
+	zend_string *name = function->common.function_name;
+	return kaq_tells_where_it_stands(ZSTR_VAL(name)) ? kaq_name_of_closures : name;
+}
+
+const char *kaq_plain_name(const char *name) {
+	return kaq_tells_where_it_stands(name) ? ZSTR_VAL(kaq_name_of_closures) : name;
+}
+#endif
+
 zval *kaq_read_property(zval *object, const char *name, size_t name_length, zval *rv) {
 	if (!object || Z_TYPE_P(object) != IS_OBJECT) {
 		return nullptr;

@@ -46,6 +46,29 @@ void kaq_bind_module_globals(int key);
 /* Functions whose record, and name, may be gone before their call has ended. */
 #define KAQ_FUNCTION_MAY_GO (ZEND_ACC_CLOSURE | ZEND_ACC_CALL_VIA_TRAMPOLINE)
 
+/* Once per module start, before anything else of this header is used. */
+void kaq_engine_startup(void);
+
+/* A function's name as the payload has it: a closure is "{closure}", where later engines add the
+ * file and line of where it stands. The string lives as long as the function's own, without a
+ * reference of the caller's. REQUIRES: the function has a name. */
+#if PHP_VERSION_ID < 80400
+static inline zend_string *kaq_name_of(const zend_function *function) {
+	return function->common.function_name;
+}
+static inline const char *kaq_plain_name(const char *name) {
+	return name;
+}
+#else
+zend_string *kaq_closure_name(const zend_function *function);
+static inline zend_string *kaq_name_of(const zend_function *function) {
+	return function->common.fn_flags & ZEND_ACC_CLOSURE ? kaq_closure_name(function)
+														: function->common.function_name;
+}
+/* The same for a name alone. */
+const char *kaq_plain_name(const char *name);
+#endif
+
 /* An update handler of a setting. Ours look at the new value only. */
 #define KAQ_INI_HANDLER(name) PHP_INI_MH(name)
 
@@ -54,6 +77,12 @@ void kaq_bind_module_globals(int key);
 #define KAQ_STARTUP_MODULE(sapi, module) php_module_startup(sapi, module, 1)
 #else
 #define KAQ_STARTUP_MODULE(sapi, module) php_module_startup(sapi, module)
+#endif
+/* Whether the embed library frees the settings' text that it is handed. */
+#if PHP_VERSION_ID < 80400
+#define KAQ_EMBED_FREES_SETTINGS 1
+#else
+#define KAQ_EMBED_FREES_SETTINGS 0
 #endif
 #define KAQ_INI_HANDLER_IGNORES() \
 	((void)entry, (void)mh_arg1, (void)mh_arg2, (void)mh_arg3, (void)stage)

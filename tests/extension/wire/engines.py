@@ -23,7 +23,7 @@ class Engine:
     def __init__(self, php_config, so, php, cgi, fpm):
         self.php_config, self.so, self.php, self.cgi, self.fpm = php_config, so, php, cgi, fpm
         asked = subprocess.run(
-            [php, "-n", "-r", "echo PHP_VERSION_ID, ' ', PHP_ZTS, ' ', (int)(ini_get("
+            [php, "-n", "-r", "echo PHP_VERSION_ID, ' ', (int)PHP_ZTS, ' ', (int)(ini_get("
              "'memory_hard_limit_percent') !== false), ' ', ini_get('extension_dir');"],
             stdin=subprocess.DEVNULL, capture_output=True, timeout=RUN_DEADLINE, check=True,
             text=True, env=environment()).stdout.split()
@@ -86,6 +86,25 @@ class Engine:
     @property
     def handles_are_objects(self):
         return self.version_id >= 80000
+
+    @property
+    def class_of_a_bad_date(self):
+        return "DateMalformedStringException" if self.version_id >= 80300 else "Exception"
+
+    @property
+    def stack_overflow_is_an_error(self):
+        """Of the script, unless zend.max_allowed_stack_size is -1."""
+        return self.version_id >= 80300
+
+    @property
+    def user_errors_are_deprecated(self):
+        """Raising one is an error of its own, before it."""
+        return self.version_id >= 80400
+
+    @property
+    def closures_tell_where_they_stand(self):
+        """In their names, instead of the namespace."""
+        return self.version_id >= 80400
 
     @property
     def has_pdo_subclasses(self):

@@ -48,8 +48,8 @@ class Spans:
                 for span in ordered]
 
 
-def rows_of(spans, plain_name=str):
+def rows_of(spans):
     """The same of the spans of a payload."""
     positions = {span["si"]: position for position, span in enumerate(spans)}
-    return [(plain_name(span["fn"]), positions.get(span.get("psi")), span.get("if", 0),
+    return [(span["fn"], positions.get(span.get("psi")), span.get("if", 0),
              span.get("ie", 0)) for span in spans]

@@ -108,9 +108,17 @@ def test_magic_call_is_a_span_in_the_span_of_the_name_that_was_called(wire, coll
      ["N\\M\\f", "N\\M\\C::s"]),
     ("$f = static function () {}; $f();", ["{closure}"]),
     ("class A {} $f = function () {}; $f->call(new A);", ["A::{closure}"]),
+    ("(function () { (function () {})(); })();", ["{closure}", "{closure}"]),
+    ("$f = eval('return function () {};'); $f();", ["{closure}"]),
+    ("function f() {} $f = (new ReflectionFunction('f'))->getClosure(); $f();", ["f"]),
+    ("class A { function b() {} } $f = (new ReflectionMethod('A', 'b'))->getClosure(new A);"
+     "$f();", ["A::b"]),
 ], ids=lambda item: str(item)[:60])
-def test_name_of_a_closure_and_of_what_lives_in_a_namespace(wire, collector, source, names):
+def test_name_of_a_closure_and_of_what_lives_in_a_namespace(
+        wire, collector, engine, source, names):
     payload = spans_of(wire, collector, source)
+    if engine.closures_tell_where_they_stand:
+        names = [name.replace("N\\{closure}", "{closure}") for name in names]
     assert payload.names == names
     for name in names:
         assert '"fn":"%s","cn":"PHP"' % escape(name) in payload.text

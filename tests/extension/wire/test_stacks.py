@@ -1,5 +1,6 @@
 """Call stacks: what a frame says, how deep they go, slow queries, and stacks in the output."""
 import json
+import re
 
 import pytest
 from engines import DROP_SHORT, KEEP_ALL
@@ -50,8 +51,9 @@ def test_frames_are_those_of_the_engine(wire, collector, scene):
     result = wire.cli(SCENES[scene] + AS_THE_ENGINE, settings=KEEP_ALL)
     span, = (span for span in collector.payload.spans if "ei" in span)
     frames = json.loads(result.stdout)
-    for frame in frames:  # a name ends at its first NUL
+    for frame in frames:  # a name ends at its first NUL, and a closure's says no more than that
         frame[0] = frame[0].partition("\0")[0]
+        frame[1] = re.sub(r"\{closure:.*\}", "{closure}", frame[1])
     assert span["mst"] == frames and frames[-1][1] == "run"
     assert stack(*frames) in collector.payload.text
 
@@ -77,6 +79,16 @@ def test_frame_without_a_file_has_an_empty_one_and_line_zero(wire, collector):
     frames = collector.payload.span("{closure}")["mst"]
     assert [frame[1:] for frame in frames[1:2]] == [["{closure}", "", 0]]
     assert [frame[1] for frame in frames] == ["trigger_error", "{closure}", "array_map"]
+
+
+def test_closures_in_all_frames_bear_no_file_name(wire, collector):
+    path = wire.script("class A { function b() { return function () { $f = function () {"
+                       "trigger_error('t'); }; $f(); }; } } $f = (new A)->b(); $f();")
+    wire.cli(path, settings=DROP_SHORT)
+    span, = (span for span in collector.payload.spans if "ei" in span)
+    assert span["fn"] == "A::{closure}"
+    assert [frame[:2] for frame in span["mst"]] == [
+        ["", "trigger_error"], ["A", "{closure}"], ["A", "{closure}"]]
 
 
 def test_exception_thrown_outside_of_calls_has_no_stack(wire, collector):

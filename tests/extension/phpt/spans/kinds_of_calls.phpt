@@ -29,7 +29,7 @@ echo implode(',', array_map(function ($x) use ($d) { return $d($x); }, [1, 2, 3]
 usort($list, function ($a, $b) { return $a - $b; });
 echo implode(',', $list), "\n";
 echo call_user_func_array([$d, '__invoke'], [4]), "\n";
-echo eval('return (function () { return __FUNCTION__; })();'), "\n";
+echo eval('return (function () { return strtok(__FUNCTION__, ":}") . "}"; })();'), "\n";
 function factorial($n) { return $n < 2 ? 1 : $n * factorial($n - 1); }
 echo factorial(15), "\n";
 spl_autoload_register(function ($class) { eval("class $class { const X = '$class'; }"); });
