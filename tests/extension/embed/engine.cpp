@@ -50,11 +50,20 @@ static void register_server_variables(zval *array) {
 	}
 }
 
-/* Module startup in place of the embed library's own: the same with one module more. */
-static int start_module(sapi_module_struct *sapi) {
-	std::string ini = BASE_INI + extra_ini;
+static void set_settings(sapi_module_struct *sapi, const std::string &ini) {
+#if KAQ_EMBED_FREES_SETTINGS
 	free((void *)sapi->ini_entries);
 	sapi->ini_entries = strdup(ini.c_str());
+#else
+	static std::string kept;
+	kept = ini;
+	sapi->ini_entries = kept.c_str();
+#endif
+}
+
+/* Module startup in place of the embed library's own: the same with one module more. */
+static int start_module(sapi_module_struct *sapi) {
+	set_settings(sapi, BASE_INI + extra_ini);
 	sapi->additional_functions = additional_functions;
 	/* PHP 7.0 by itself loses a class name at each startup. */
 	leak_check_off();

@@ -26,6 +26,8 @@ FAULTS = {
 }
 
 RECURSION = "function f() { array_map('f', [1]); } "
+# For engines that bound it; others do not know the setting.
+UNBOUNDED_STACK = {"zend.max_allowed_stack_size": -1}
 
 
 @pytest.fixture(scope="module")
@@ -329,13 +331,25 @@ def test_nothing_of_the_request_is_resumed(room, collector):
 
 def test_stack_overflow_leaves_its_log(room):
     source = "ini_set('memory_limit', -1); " + RECURSION + "f();"
-    bare, death = room.run(source, loaded=False), room.run(source)
+    bare, death = (room.run(source, UNBOUNDED_STACK, loaded=loaded) for loaded in (False, True))
     assert death.end == bare.end == (-signal.SIGSEGV, False)
     crash = room.crash_of(death.pid)
     assert crash.signal == signal.SIGSEGV and len(crash.frames) == 25
 
 
-def test_stack_overflow_of_a_fiber_leaves_its_log(room):
+def test_stack_overflow_that_the_engine_sees_coming_is_an_error(room, engine, collector):
+    if not engine.stack_overflow_is_an_error:
+        pytest.skip("this engine does not watch its stack")
+    source = ("ini_set('memory_limit', -1); function g() { g(); } "
+              "try { g(); } catch (Error $e) { echo substr($e->getMessage(), 0, 23); }")
+    death = room.run(source)
+    assert (death.status, death.output) == (0, b"Maximum call stack size"), death
+    assert sum(span.get("if", 0) for span in collector.payload.spans) == 1
+
+
+def test_stack_overflow_of_a_fiber_leaves_its_log(room, engine):
+    if engine.stack_overflow_is_an_error:
+        pytest.skip("this engine watches the stacks of fibers whatever is set")
     source = ("ini_set('memory_limit', -1); " + RECURSION +
               "if (!class_exists('Fiber')) exit(7); (new Fiber('f'))->start();")
     death = room.run(source)
