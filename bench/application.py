@@ -51,9 +51,11 @@ class Library:
         self._paths = {"parser": self._path("php-parser"),
                        "templates": os.path.join(self._path(smarty), smarty)}
         opcache = os.path.join(setup.extension_dir, "opcache.so")
-        self.opcache_states = (False, True) if os.path.exists(opcache) else (False,)
-        self._opcache = ["-d", "zend_extension=" + opcache, "-d", "opcache.enable_cli=1",
-                         "-d", "opcache.file_update_protection=0"]
+        is_built_in = self._is_there("Zend OPcache", [])
+        self.opcache_states = (False, True) if is_built_in or os.path.exists(opcache) else (False,)
+        self._opcache = ["-d", "opcache.enable_cli=1", "-d", "opcache.file_update_protection=0"]
+        if not is_built_in:
+            self._opcache += ["-d", "zend_extension=" + opcache]
 
     def _is_there(self, module, options):
         return harness.child([self._setup.php, "-n"] + options

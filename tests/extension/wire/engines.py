@@ -24,12 +24,23 @@ class Engine:
         self.php_config, self.so, self.php, self.cgi, self.fpm = php_config, so, php, cgi, fpm
         asked = subprocess.run(
             [php, "-n", "-r", "echo PHP_VERSION_ID, ' ', (int)PHP_ZTS, ' ', (int)(ini_get("
-             "'memory_hard_limit_percent') !== false), ' ', ini_get('extension_dir');"],
+             "'memory_hard_limit_percent') !== false), ' ',"
+             "(int)extension_loaded('Zend OPcache'), ' ', ini_get('extension_dir');"],
             stdin=subprocess.DEVNULL, capture_output=True, timeout=RUN_DEADLINE, check=True,
             text=True, env=environment()).stdout.split()
         self.version_id, self.is_zts = int(asked[0]), asked[1] == "1"
         self.has_hard_memory_limit = asked[2] == "1"
-        self.extension_dir = asked[3] if len(asked) > 3 else ""
+        self.has_opcache_built_in = asked[3] == "1"
+        self.extension_dir = asked[4] if len(asked) > 4 else ""
+
+    @property
+    def opcache(self):
+        """The settings that switch the opcode cache on, or None without one."""
+        settings = {"opcache.enable_cli": 1, "opcache.file_update_protection": 0}
+        path = os.path.join(self.extension_dir, "opcache.so")
+        if self.has_opcache_built_in:
+            return settings
+        return dict(settings, zend_extension=path) if os.path.exists(path) else None
 
     @property
     def apache_module(self):
@@ -47,6 +58,10 @@ class Engine:
     def has_zend_signals(self):
         told = run([self.php, "-n", "-i"]).stdout
         return b"Zend Signal Handling => enabled" in told
+
+    @property
+    def has_preloading(self):
+        return self.version_id >= 70400 and self.opcache is not None
 
     @property
     def creating_a_generator_runs_its_function(self):

@@ -1,5 +1,4 @@
 """Which calls become spans, what they are named, and how they hang together."""
-import os
 
 import pytest
 from engines import KEEP_ALL
@@ -262,15 +261,13 @@ def test_shutdown_function_after_exit_is_recorded(wire, collector):
 
 @pytest.mark.parametrize("jit", ["0", "tracing"])
 def test_spans_are_the_same_with_the_opcode_cache(wire, collector, engine, jit):
-    cache = os.path.join(engine.extension_dir, "opcache.so")
-    if not os.path.exists(cache):
+    if not engine.opcache:
         pytest.skip("this engine has no opcode cache")
     source = """
         class A { static function s($n) { return $n + 1; } function m() { return self::s(1); } }
         function small($n) { return $n * 2; } function outer() { return small(2) + small(3); }
         for ($i = 0; $i < 50; $i++) outer(); (new A)->m();
     """
-    settings = {"zend_extension": cache, "opcache.enable_cli": 1, "opcache.jit_buffer_size": "8M",
-                "opcache.jit": jit}
+    settings = dict(engine.opcache, **{"opcache.jit_buffer_size": "8M", "opcache.jit": jit})
     assert spans_of(wire, collector, source, settings=settings).names == (
         ["outer", "small", "small"] * 50 + ["A::m", "A::s"])

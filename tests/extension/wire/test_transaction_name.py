@@ -4,7 +4,6 @@ Each case is the body of a function whose result is compared. The texts are made
 the case is about literals: opcache would work out the rest before the script runs.
 """
 import json
-import os
 
 import pytest
 
@@ -183,10 +182,9 @@ def check(output):
 
 @pytest.fixture
 def cache(engine):
-    path = os.path.join(engine.extension_dir, "opcache.so")
-    if not os.path.exists(path):
+    if not engine.opcache:
         pytest.skip("this engine has no opcache")
-    return {"zend_extension": path, "opcache.enable_cli": 1, "opcache.file_update_protection": 0}
+    return engine.opcache
 
 
 def test_text_of_the_caller(wire, collector):

@@ -1,5 +1,4 @@
 """Which functions are wrapped, when, and what stays as the site has it."""
-import os
 
 import pytest
 from fake_collector import DISABLED
@@ -273,13 +272,11 @@ def test_subclasses_follow_the_group_of_pdo(pdo_subclasses):
 
 def test_preloaded_class_that_inherits(drivers, collector, engine, wire):
     """The preload script runs in a request of its own, the first: what it declares is wrapped."""
-    cache = os.path.join(engine.extension_dir, "opcache.so")
-    if engine.version_id < 70400 or not os.path.exists(cache):
+    if not engine.has_preloading:
         pytest.skip("this engine has no preloading")
     preloaded = wire.script("class Mine extends Redis {}", "preload.php")
-    result = drivers.run("echo (new Mine)->get('k');", {
-        "zend_extension": cache, "opcache.enable_cli": 1, "opcache.preload": str(preloaded),
-        "opcache.preload_user": "root"})
+    result = drivers.run("echo (new Mine)->get('k');", dict(engine.opcache, **{
+        "opcache.preload": str(preloaded), "opcache.preload_user": "root"}))
     assert result.stdout == b"result of redis::get", result
     assert collector.payloads[-1].names == ["redis::get"]
 
