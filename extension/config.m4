@@ -44,7 +44,7 @@ if test "$PHP_KAQ" != "no"; then
     util/memory_limit.cpp util/swallowed_bailout.cpp \
     json/json_bounds.cpp json/json_escape.cpp json/json_members.cpp json/kaq_json.cpp \
     state/php_kaq.cpp \
-    spans/kaq_cpu.cpp spans/kaq_execute.cpp spans/kaq_nodes.cpp spans/kaq_prune.cpp \
+    spans/kaq_cpu.cpp spans/kaq_execute.cpp spans/kaq_nodes.cpp spans/kaq_observe.cpp spans/kaq_prune.cpp \
     spans/kaq_setters.cpp spans/node_pool.cpp spans/open_spans.cpp \
     tracing/account_id.cpp tracing/distributedTrace.cpp tracing/kaq_headers.cpp \
     tracing/trace_context.cpp \

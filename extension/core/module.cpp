@@ -31,7 +31,8 @@ void kaq_start(void) {
 	moved_under = {g->track_zend_execute, g->track_exceptions, g->track_errors};
 	wrap_sethandler();
 	kaq_watch_fibers(kaq_switch_fiber);
-	if (g->track_zend_execute) {
+	bool observes = g->track_zend_execute == KAQ_TRACK_BY_OBSERVER && kaq_observe_user_calls();
+	if (g->track_zend_execute && !observes) {
 		old_execute_ex = zend_execute_ex;
 		zend_execute_ex = kaq_execute_ex;
 	}

@@ -29,17 +29,7 @@ static __attribute__((noinline)) void kaq_execute_entered(zend_execute_data *exe
 	kaq_open_spans *spans = &g->open_spans;
 	uint64_t now_ms;
 	if (EXPECTED(spans->top == call && kaq_now_ms_known(&now_ms))) {
-		const kaq_open_span *span = kaq_span_at(g, call);
-		int64_t duration = (int64_t)(now_ms - span->start_time);
-		uintptr_t held = span->span;
-		if (EXPECTED(duration < g->method_threshold && (held == 0 || held & KAQ_SPAN_NAMED))) {
-			spans->top -= KAQ_OPEN_SPAN_SIZE;
-			if (UNEXPECTED(held) && !(held & KAQ_SPAN_INTERNED)) {
-				kaq_release_held_name(held);
-			}
-			return;
-		}
-		kaq_leave_innermost(g, call, duration);
+		kaq_leave_top(g, call, now_ms);
 		return;
 	}
 	kaq_leave_call(g, call);
@@ -55,7 +45,7 @@ static __attribute__((noinline)) kaq_entered_call
 kaq_enter_rarely(zend_execute_data *execute_data) {
 	zend_kaq_globals *g = kaq_get_globals();
 	const zend_function *function = execute_data->func;
-	uintptr_t call = function->common.function_name ? kaq_enter_call(g, function) : 0;
+	uintptr_t call = function->common.function_name ? kaq_enter_call(g, function, 0) : 0;
 	return {execute_data, call};
 }
 
@@ -82,7 +72,7 @@ void kaq_execute_ex(zend_execute_data *execute_data) {
 	uint64_t now_ms;
 	if (EXPECTED(function->common.function_name && position <= g->open_spans.last &&
 				 kaq_now_ms_known(&now_ms))) {
-		kaq_push_call(g, position, function, now_ms);
+		kaq_push_call(g, position, function, now_ms, 0);
 		kaq_execute_entered(execute_data, position);
 	} else {
 		kaq_execute_rarely(execute_data);

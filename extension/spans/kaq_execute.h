@@ -17,6 +17,13 @@ extern void (*old_execute_ex)(zend_execute_data *execute_data);
  * REQUIRES: old_execute_ex is set. */
 void kaq_execute_ex(zend_execute_data *execute_data);
 
+/* The value of the setting that asks for it. */
+#define KAQ_TRACK_BY_OBSERVER 2
+/* Has the engine tell us of calls of user functions, in place of the hook: the same spans, but for
+ * what docs/engines.md says, and nothing on the C stack. False where the engine has nothing fit for
+ * it. At module start only. */
+bool kaq_observe_user_calls(void);
+
 /* A new span that names the frame's function, or null for a frame without a named function: the
  * main script, an included file, eval'd code. Interface: kept for callers outside. */
 kaq_node *kaq_populate_function(const zend_execute_data *execute_data);

@@ -47,6 +47,7 @@ static inline void kaq_link_open(zend_kaq_globals *g, kaq_node *node, uint64_t s
 	KAQ_REQUIRES(node->data.state == KAQ_NODE_CREATED);
 	node->data.start_time = start_ms;
 	node->data.state = KAQ_NODE_OPEN;
+	node->frame = 0;
 	g->node_pool.open_count++;
 	node->data.parent = g->current_node;
 	node->data.key = g->node_buffer_len++;

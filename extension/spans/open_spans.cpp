@@ -9,6 +9,7 @@ static const size_t USUAL_BYTES = 512 * KAQ_OPEN_SPAN_SIZE;
 
 static void kaq_clear_stack(kaq_open_spans *spans) {
 	spans->top = 0;
+	spans->cut = 0;
 	spans->is_plain = false;
 	spans->last = spans->allocated ? spans->allocated - KAQ_OPEN_SPAN_SIZE : 0;
 }
@@ -57,6 +58,7 @@ static void kaq_settle_span(zend_kaq_globals *g, kaq_open_span *span) {
 			kaq_name_function(node, (const zend_function *)span->callee);
 		}
 		kaq_link_open(g, node, span->start_time);
+		node->frame = span->frame;
 		span->span = (uintptr_t)node;
 	}
 	kaq_count_children(span, g->current_node);
@@ -100,13 +102,15 @@ void kaq_record_plainly(zend_kaq_globals *g) {
 	g->open_spans.last = 0;
 }
 
-static uintptr_t kaq_enter_plainly(zend_kaq_globals *g, const zend_function *function) {
+static uintptr_t kaq_enter_plainly(zend_kaq_globals *g, const zend_function *function,
+								   uint32_t frame) {
 	kaq_node *node = kaq_pool_take(&g->node_pool);
 	if (!node) {
 		return 0;
 	}
 	kaq_name_function(node, function);
 	kaq_open_in(g, node);
+	node->frame = frame;
 	return (uintptr_t)node | KAQ_CALL_NODE;
 }
 
@@ -121,13 +125,47 @@ static bool kaq_has_room(zend_kaq_globals *g, size_t position) {
 	return !g->open_spans.is_plain;
 }
 
-uintptr_t kaq_enter_call(zend_kaq_globals *g, const zend_function *function) {
+uintptr_t kaq_enter_call(zend_kaq_globals *g, const zend_function *function, uint32_t frame) {
 	size_t position = g->open_spans.top + KAQ_OPEN_SPAN_SIZE;
 	if (!kaq_has_room(g, position)) {
-		return kaq_enter_plainly(g, function);
+		return kaq_enter_plainly(g, function, frame);
 	}
-	kaq_push_call(g, position, function, kaq_now_ms());
+	kaq_push_call(g, position, function, kaq_now_ms(), frame);
 	return position;
+}
+
+static uintptr_t kaq_node_call_of_frame(const kaq_node *node, uint32_t frame) {
+	while (node && node->data.state == KAQ_NODE_OPEN && node->frame == 0) {
+		node = kaq_open_ancestor(node);
+	}
+	bool is_found = node && node->data.state == KAQ_NODE_OPEN && node->frame == frame;
+	return is_found ? (uintptr_t)node | KAQ_CALL_NODE : 0;
+}
+
+/* After a switch of fibers the nodes alone tell what is open. */
+uintptr_t kaq_call_of_frame(const zend_kaq_globals *g, uint32_t frame, uintptr_t from) {
+	if (g->open_spans.is_plain) {
+		const kaq_node *node = (const kaq_node *)(from & ~(uintptr_t)KAQ_CALL_NODE);
+		return kaq_node_call_of_frame(from & KAQ_CALL_NODE ? node : g->current_node, frame);
+	}
+	size_t position = from ? from : g->open_spans.top;
+	while (position > 0 && kaq_span_at(g, position)->frame == 0) {
+		position -= KAQ_OPEN_SPAN_SIZE;
+	}
+	return position > 0 && kaq_span_at(g, position)->frame == frame ? position : 0;
+}
+
+void kaq_unmark_call(zend_kaq_globals *g, uintptr_t call) {
+	if (call & KAQ_CALL_NODE) {
+		((kaq_node *)(call - KAQ_CALL_NODE))->frame = 0;
+		return;
+	}
+	kaq_open_span *span = kaq_span_at(g, call);
+	kaq_node *node = kaq_node_of_span(span);
+	span->frame = 0;
+	if (node) {
+		node->frame = 0;
+	}
 }
 
 static void kaq_leave_node(zend_kaq_globals *g, kaq_node *node, uint64_t now_ms) {

@@ -48,16 +48,23 @@ static inline kaq_node *kaq_node_of_span(const kaq_open_span *span) {
 	return kaq_is_settled(span) && span->span != KAQ_SPAN_LOST ? (kaq_node *)span->span : nullptr;
 }
 
-/* Adds an entry for a call of a named function. REQUIRES: `position` is the next one, and there is
- * room for it. */
+/* What tells a frame from all others that stand at the same time; not 0. Frames are several times
+ * 16 bytes long. */
+static inline uint32_t kaq_frame_mark(const zend_execute_data *frame) {
+	return (uint32_t)((uintptr_t)frame >> 4) | 1;
+}
+
+/* Adds an entry for a call of a named function, with its frame's mark if it is observed. REQUIRES:
+ * `position` is the next one, and there is room for it. */
 static inline void kaq_push_call(zend_kaq_globals *g, size_t position,
-								 const zend_function *function, uint64_t now_ms) {
+								 const zend_function *function, uint64_t now_ms, uint32_t frame) {
 	kaq_open_span *span = kaq_span_at(g, position);
 	span[-1].child_count++;
 	span->callee = function;
 	span->start_time = now_ms;
 	span->span = 0;
 	span->child_count = 0;
+	span->frame = frame;
 	g->open_spans.top = position;
 	if (UNEXPECTED(function->common.fn_flags & KAQ_FUNCTION_MAY_GO)) {
 		span->callee = function->common.scope;
@@ -75,7 +82,13 @@ static inline void kaq_push_call(zend_kaq_globals *g, size_t position,
 void kaq_release_held_name(uintptr_t span);
 
 /* The same as kaq_push_call at any time. */
-uintptr_t kaq_enter_call(zend_kaq_globals *g, const zend_function *function);
+uintptr_t kaq_enter_call(zend_kaq_globals *g, const zend_function *function, uint32_t frame);
+
+/* The observed call of that frame, or 0 if it is not open or was opened without a mark. Calls above
+ * it that have no mark are passed over. `from` is a call to begin at, or 0 for the innermost. */
+uintptr_t kaq_call_of_frame(const zend_kaq_globals *g, uint32_t frame, uintptr_t from);
+/* Takes the mark away: the call stays open, and its frame may be another's. */
+void kaq_unmark_call(zend_kaq_globals *g, uintptr_t call);
 
 /* Ends a call: its span is dropped or buffered. Calls inside of it that were cut off keep open
  * spans of their own. */
@@ -83,6 +96,21 @@ void kaq_leave_call(zend_kaq_globals *g, uintptr_t call);
 /* The same for the topmost entry, at a known time after the call's start in ms. REQUIRES: the call
  * stays. */
 void kaq_leave_innermost(zend_kaq_globals *g, uintptr_t call, int64_t duration);
+
+/* The same for any duration. REQUIRES: the topmost entry, and the present time. */
+static inline void kaq_leave_top(zend_kaq_globals *g, uintptr_t call, uint64_t now_ms) {
+	const kaq_open_span *span = kaq_span_at(g, call);
+	int64_t duration = (int64_t)(now_ms - span->start_time);
+	uintptr_t held = span->span;
+	if (EXPECTED(duration < g->method_threshold && (held == 0 || held & KAQ_SPAN_NAMED))) {
+		g->open_spans.top -= KAQ_OPEN_SPAN_SIZE;
+		if (UNEXPECTED(held) && !(held & KAQ_SPAN_INTERNED)) {
+			kaq_release_held_name(held);
+		}
+		return;
+	}
+	kaq_leave_innermost(g, call, duration);
+}
 
 /* Puts an open node on top. REQUIRES: all entries are settled. */
 void kaq_push_node(zend_kaq_globals *g, kaq_node *node);

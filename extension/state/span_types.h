@@ -78,6 +78,7 @@ struct kaq_node_data {
 struct kaq_node_info {
 	struct kaq_node_data data;
 	uint16_t reuse; /* how often the record has been given back, modulo 65536 */
+	uint32_t frame; /* as that of the kaq_open_span */
 	kaq_node *next;
 };
 
@@ -102,7 +103,7 @@ struct kaq_open_span {
 	uint64_t start_time; /* ms since the epoch */
 	uintptr_t span;
 	uint32_t child_count; /* children opened that are not in the node's child_count yet */
-	uint32_t padding;
+	uint32_t frame;       /* tells the frame of an observed call (kaq_frame_mark), or 0 */
 };
 
 /* The open spans of a thread, outermost first, one after the other. Positions are in bytes from
@@ -113,6 +114,7 @@ struct kaq_open_spans {
 	size_t top;       /* position of the innermost one */
 	size_t last;      /* the highest position there is room for; 0: none */
 	size_t allocated; /* bytes */
+	uintptr_t cut;    /* where the search for calls that the request's end cuts off has come to */
 	bool is_plain;    /* every call of the request gets a node of its own at once */
 };
 

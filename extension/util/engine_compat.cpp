@@ -18,9 +18,11 @@ void kaq_bind_module_globals(int) {
 void kaq_engine_startup(void) {
 }
 #else
-static zend_string *kaq_name_of_closures; /* belongs to the engine */
+static zend_string *kaq_name_of_closures;           /* belongs to the engine */
+static const kaq_call_observer *kaq_calls_observer; /* null: nobody */
 
 void kaq_engine_startup(void) {
+	kaq_calls_observer = nullptr;
 	kaq_name_of_closures = zend_string_init_interned("{closure}", strlen("{closure}"), true);
 }
 
@@ -163,6 +165,12 @@ void kaq_set_running_fiber(void *fiber, bool blocked) {
 }
 #endif
 
+#if PHP_VERSION_ID < 80400
+bool kaq_observe_calls(const kaq_call_observer *) {
+	return false;
+}
+#endif
+
 #if PHP_VERSION_ID < 80000
 void kaq_end_observed_calls(zend_execute_data *) {
 }
@@ -173,10 +181,30 @@ void kaq_end_observed_calls(zend_execute_data *) {
 	zend_observer_fcall_end_all();
 }
 #else
+static zend_observer_fcall_handlers kaq_choose_calls(zend_execute_data *call) {
+	if (call->func->type == ZEND_USER_FUNCTION && call->func->common.function_name &&
+		kaq_calls_observer->is_wanted(call->func)) {
+		return {kaq_calls_observer->begins, kaq_calls_observer->ends};
+	}
+	return {nullptr, nullptr};
+}
+
+bool kaq_observe_calls(const kaq_call_observer *observer) {
+	kaq_calls_observer = php_during_module_startup() ? observer : nullptr;
+	if (kaq_calls_observer) {
+		zend_observer_fcall_register(kaq_choose_calls);
+	}
+	return kaq_calls_observer != nullptr;
+}
+
 void kaq_end_observed_calls(zend_execute_data *outer) {
 	zend_execute_data *running = EG(current_execute_data);
+	uintptr_t place = 0;
 	while (EG(current_observed_frame) && EG(current_observed_frame) != outer) {
 		EG(current_execute_data) = EG(current_observed_frame);
+		if (kaq_calls_observer) {
+			kaq_calls_observer->is_cut_off(EG(current_observed_frame), &place);
+		}
 		zend_observer_fcall_end_prechecked(EG(current_observed_frame), nullptr);
 	}
 	EG(current_observed_frame) = outer;

@@ -254,6 +254,11 @@ void kaq_set_running_fiber(void *fiber, bool blocked);
 #else
 #define KAQ_SCOPE EG(fake_scope)
 #endif
+#if PHP_VERSION_ID < 80500
+typedef zend_class_entry *kaq_scope;
+#else
+typedef const zend_class_entry *kaq_scope;
+#endif
 
 /* Whether a frame that runs a script has its variables in a table by name, too. */
 static inline bool kaq_has_symbol_table(const zend_execute_data *frame) {
@@ -294,3 +299,26 @@ static inline zend_execute_data *kaq_observed_call(void) {
 /* Tells the observers that the calls inside of that one have ended: all of them, where the engine
  * does not tell which it observes. The frames must still stand. */
 void kaq_end_observed_calls(zend_execute_data *outer);
+
+#if PHP_VERSION_ID < 80400
+#define KAQ_CALLS_CAN_BE_OBSERVED 0
+#else
+#define KAQ_CALLS_CAN_BE_OBSERVED 1
+#endif
+
+/* Who watches calls of user functions without standing on the C stack. */
+struct kaq_call_observer {
+	/* Whether calls of that function may matter in this request; asked once in it. */
+	bool (*is_wanted)(const zend_function *function);
+	void (*begins)(zend_execute_data *call);
+	/* Also where the request has ended in the middle of the call; kaq_observed_call() is another
+	 * one then. */
+	void (*ends)(zend_execute_data *call, zval *result);
+	/* Before `ends`, for each call that kaq_end_observed_calls cuts off, innermost first. `place`
+	 * is the observer's, 0 at the first of them. */
+	void (*is_cut_off)(zend_execute_data *call, uintptr_t *place);
+};
+
+/* True where calls are told to the observer from now on, until the module ends: engines that tell
+ * where it is that calls end in a bailout, when their modules start. The record must live on. */
+bool kaq_observe_calls(const kaq_call_observer *observer);

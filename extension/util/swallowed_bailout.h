@@ -25,7 +25,8 @@ typedef struct {
 	zend_vm_stack page;
 	zval *top, *end;
 	zend_execute_data *observed_call;
-	zend_class_entry *scope, *exception_class;
+	kaq_scope scope;
+	zend_class_entry *exception_class;
 	zend_error_handling_t error_handling;
 	int error_reporting;
 	uint32_t running_trace;
@@ -39,21 +40,22 @@ typedef struct {
 /* Every call that is not recorded comes by here. At one go: were each value stored by itself, the
  * engine's record would have to be found again after each. */
 static inline void kaq_note_engine_state(kaq_engine_state *state) {
-	*state = {kaq_memory_limit_sections(),
-			  EG(vm_stack),
-			  EG(vm_stack_top),
-			  EG(vm_stack_end),
-			  kaq_observed_call(),
-			  KAQ_SCOPE,
-			  EG(exception_class),
-			  EG(error_handling),
-			  EG(error_reporting),
-			  kaq_running_trace(),
-			  kaq_running_fiber(),
-			  kaq_fibers_blocked(),
-			  OG(running),
-			  EG(user_error_handlers).top,
-			  EG(user_error_handler)};
+	const kaq_engine_state noted = {kaq_memory_limit_sections(),
+									EG(vm_stack),
+									EG(vm_stack_top),
+									EG(vm_stack_end),
+									kaq_observed_call(),
+									KAQ_SCOPE,
+									EG(exception_class),
+									EG(error_handling),
+									EG(error_reporting),
+									kaq_running_trace(),
+									kaq_running_fiber(),
+									kaq_fibers_blocked(),
+									OG(running),
+									EG(user_error_handlers).top,
+									EG(user_error_handler)};
+	*state = noted;
 	Z_TRY_ADDREF(state->error_handler);
 }
 

@@ -76,6 +76,17 @@ TEST_F(Restart, AnyOtherNumberCountsAsOn) {
 	expect_hooks(true, true, true);
 }
 
+TEST_F(Restart, ValueTwoNeedsNoHookWhereCallsCanBeObserved) {
+	for (int round = 0; round < 2; round++) {
+		engine_restart("kaq.track_zend_execute=2\n");
+		expect_hooks(!KAQ_CALLS_CAN_BE_OBSERVED, true, true);
+		expect_a_monitored_request();
+		engine_restart();
+		expect_hooks(true, true, true);
+		expect_a_monitored_request();
+	}
+}
+
 TEST_F(Restart, WithoutUserCodeTrackingTheRootIsStillRecorded) {
 	engine_restart("kaq.track_zend_execute=0\n");
 	g = kaq_get_globals();

@@ -58,7 +58,8 @@ class Wire:
             path.write_bytes(ini if isinstance(ini, bytes) else ini.encode())
             options = ["-c", str(path)]
         given = {"kaq.status_port": self.collector.status_port,
-                 "kaq.data_port": self.collector.data_port, **(settings or {})}
+                 "kaq.data_port": self.collector.data_port, **self.engine.tracking,
+                 **(settings or {})}
         if not loaded:
             given = {name: value for name, value in given.items() if not name.startswith("kaq.")}
         else:

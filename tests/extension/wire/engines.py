@@ -14,6 +14,9 @@ RUN_DEADLINE = 60.0
 KEEP_ALL = {"kaq.method_threshold": 0}
 DROP_SHORT = {"kaq.method_threshold": 99999}
 
+# How calls of user code are followed in all tests that do not say it themselves.
+TRACKING = os.environ.get("KAQ_TRACK_ZEND_EXECUTE", "1")
+
 # What an instrumented engine (a sanitizer build, Valgrind) needs is passed on to the child.
 _PASSED_ON = ("PATH", "HOME", "LD_LIBRARY_PATH", "LD_PRELOAD", "ASAN_OPTIONS", "LSAN_OPTIONS",
               "UBSAN_OPTIONS", "USE_ZEND_ALLOC", "XDG_CACHE_HOME")
@@ -37,10 +40,14 @@ class Engine:
     def opcache(self):
         """The settings that switch the opcode cache on, or None without one."""
         settings = {"opcache.enable_cli": 1, "opcache.file_update_protection": 0}
-        path = os.path.join(self.extension_dir, "opcache.so")
         if self.has_opcache_built_in:
             return settings
-        return dict(settings, zend_extension=path) if os.path.exists(path) else None
+        # An engine that was moved here has an outdated directory inside.
+        for directory in (self.extension_dir, _told(self.php_config, "--extension-dir")):
+            path = os.path.join(directory, "opcache.so")
+            if os.path.exists(path):
+                return dict(settings, zend_extension=path)
+        return None
 
     @property
     def apache_module(self):
@@ -60,12 +67,26 @@ class Engine:
         return b"Zend Signal Handling => enabled" in told
 
     @property
+    def can_observe_calls(self):
+        """In place of a hook: kaq.track_zend_execute=2."""
+        return self.version_id >= 80400
+
+    @property
+    def observes_calls(self):
+        """Whether all tests do, as the environment says."""
+        return self.can_observe_calls and TRACKING == "2"
+
+    @property
+    def tracking(self):
+        return {"kaq.track_zend_execute": TRACKING} if TRACKING != "1" else {}
+
+    @property
     def has_preloading(self):
         return self.version_id >= 70400 and self.opcache is not None
 
     @property
     def creating_a_generator_runs_its_function(self):
-        return self.version_id >= 70100
+        return self.version_id >= 70100 and not self.observes_calls
 
     @property
     def concurrent_requests_corrupt_its_heap(self):

@@ -2,6 +2,7 @@
 import html
 import re
 
+import engines
 import pytest
 
 ROWS = [("kaq.version", "4.9"), ("kaq.version_info", "4.9.2.0"), ("kaq.date", "15 May 2026")]
@@ -14,7 +15,7 @@ DEFAULTS = {
     "exclude_ports": "no value", "include_ports": "no value", "method_threshold": "10",
     "prune_intermediate_spans": "0", "remote_exporter_hostname": "no value",
     "remote_exporter_ip": "no value", "span_limit": "10000", "stack_depth": "15",
-    "status_port": None, "track_errors": "1", "track_exceptions": "1", "track_zend_execute": "1",
+    "status_port": None, "track_errors": "1", "track_exceptions": "1", "track_zend_execute": engines.TRACKING,
     "track_zend_execute_internal": "1", "use_static_port": "no value"}
 
 

@@ -1,6 +1,7 @@
 """The settings: their table, how values are read, and where each shows on the wire."""
 import json
 
+import engines
 import pytest
 from engines import DROP_SHORT, KEEP_ALL
 from fake_collector import DISABLED_NOTICE, NO_URI_NOTICE, FakeCollector
@@ -15,7 +16,7 @@ DEFAULTS = {
     "kaq.capture_redis": "1", "kaq.capture_memcached": "1",
     "kaq.capture_distributed_trace": "0", "kaq.enable_auto_rum": "1",
     "kaq.remote_exporter_hostname": "", "kaq.remote_exporter_ip": "", "kaq.track_errors": "1",
-    "kaq.track_exceptions": "1", "kaq.track_zend_execute": "1",
+    "kaq.track_exceptions": "1", "kaq.track_zend_execute": engines.TRACKING,
     "kaq.track_zend_execute_internal": "1", "kaq.application_group": "",
     "kaq.span_limit": "10000", "kaq.prune_intermediate_spans": "0", "kaq.exclude_ports": "",
     "kaq.include_ports": "", "kaq.use_static_port": "",

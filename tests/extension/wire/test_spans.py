@@ -90,7 +90,9 @@ def test_name_of_a_call(wire, collector, source, names):
     assert spans_of(wire, collector, source).names == names
 
 
-def test_magic_call_is_a_span_in_the_span_of_the_name_that_was_called(wire, collector):
+def test_magic_call_is_a_span_in_the_span_of_the_name_that_was_called(wire, collector, engine):
+    if engine.observes_calls:
+        pytest.skip("the engine does not tell of the call around it")
     payload = spans_of(
         wire, collector, "class A { function __call($n, $a) { f(); } static function __callStatic"
                          "($n, $a) {} } function f() {} (new A)->x(); A::y(); f();")
