@@ -55,6 +55,8 @@ static void kaq_put_line(int fd, const char *format, ...) {
 static unsigned kaq_instruction_pointer(const void *context) {
 #ifdef __x86_64__
 	return (unsigned)((const ucontext_t *)context)->uc_mcontext.gregs[REG_RIP];
+#elif defined(__aarch64__)
+	return (unsigned)((const ucontext_t *)context)->uc_mcontext.pc;
 #else
 	(void)context;
 	return 0;

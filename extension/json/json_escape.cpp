@@ -1,6 +1,5 @@
 #include "json/json_escape.h"
 
-#include <emmintrin.h>
 #include <string.h>
 
 struct escape {
@@ -44,7 +43,7 @@ static inline uint64_t kaq_load_u32(const char *text) {
 }
 
 /* The `len` bytes (1 to 15) at `text`, and zeros; reads no byte behind them. */
-static inline __m128i kaq_load_partial(const char *text, size_t len) {
+static inline kaq_block kaq_load_partial(const char *text, size_t len) {
 	uint64_t low;
 	uint64_t high = 0;
 	if (len >= 8) {
@@ -59,17 +58,17 @@ static inline __m128i kaq_load_partial(const char *text, size_t len) {
 			  (uint64_t)(unsigned char)text[len / 2] << (8 * (len / 2)) |
 			  (uint64_t)(unsigned char)text[len - 1] << (8 * (len - 1));
 	}
-	return _mm_set_epi64x((long long)high, (long long)low);
+	return kaq_block_of(low, high);
 }
 
 size_t kaq_json_escape(char *out, const char *text, size_t len) {
 	const char *start = out;
 	while (len > 0) {
-		__m128i block;
+		kaq_block block;
 		unsigned mask;
 		size_t run;
 		if (len >= 16) {
-			block = _mm_loadu_si128((const __m128i *)text);
+			block = kaq_block_load(text);
 			mask = kaq_json_escape_mask(block);
 			run = 16;
 		} else {
@@ -80,7 +79,7 @@ size_t kaq_json_escape(char *out, const char *text, size_t len) {
 		if (mask != 0) {
 			run = (size_t)__builtin_ctz(mask);
 		}
-		_mm_storeu_si128((__m128i *)out, block);
+		kaq_block_store(out, block);
 		text += run;
 		out += run;
 		len -= run;

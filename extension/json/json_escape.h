@@ -4,7 +4,8 @@
  */
 #pragma once
 
-#include <emmintrin.h>
+#include "util/byte_block.h"
+
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
@@ -28,13 +29,9 @@
 size_t kaq_json_escape(char *out, const char *text, size_t len);
 
 /* One bit for each byte of the block; it is set if the byte is a NUL or has to be escaped. */
-static inline unsigned kaq_json_escape_mask(__m128i block) {
-	/* The minimum leaves a byte as it is exactly when it is below 0x20, unsigned. */
-	__m128i control = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8(0x1f)), block);
-	__m128i marks = _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('"')),
-								 _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('/')),
-											  _mm_cmpeq_epi8(block, _mm_set1_epi8('\\'))));
-	return (unsigned)_mm_movemask_epi8(_mm_or_si128(control, marks));
+static inline unsigned kaq_json_escape_mask(kaq_block block) {
+	return kaq_block_mask((kaq_block)((block < 0x20) | (block == (uint8_t)'"') |
+									  (block == (uint8_t)'/') | (block == (uint8_t)'\\')));
 }
 
 /* Writes the escaped form of one byte that has to be escaped and returns the end. */
@@ -49,9 +46,9 @@ char *kaq_json_put_escape(char *out, char byte);
  */
 static inline char *kaq_json_escape_words(char *out, const char *text) {
 	for (;; text += 8) {
-		__m128i word = _mm_loadl_epi64((const __m128i *)text);
-		unsigned mask = kaq_json_escape_mask(word) & 0xff;
-		uint64_t bytes = (uint64_t)_mm_cvtsi128_si64(word);
+		uint64_t bytes;
+		memcpy(&bytes, text, 8);
+		unsigned mask = kaq_json_escape_mask(kaq_block_of(bytes, 0)) & 0xff;
 		unsigned left = 8;
 		memcpy(out, &bytes, 8);
 		while (mask != 0) {

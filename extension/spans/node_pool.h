@@ -9,8 +9,7 @@
 #pragma once
 
 #include "state/span_types.h"
-
-#include <emmintrin.h>
+#include "util/byte_block.h"
 
 /* Slabs that a thread keeps from one request to the next. */
 #define KAQ_SLABS_KEPT 48
@@ -19,14 +18,14 @@
  * start. */
 static inline void kaq_clear_node_data(struct kaq_node_data *data) {
 	static_assert(sizeof(*data) % 8 == 0, "the last store covers half a block");
-	const __m128i zero = _mm_setzero_si128();
+	const kaq_block zero = {};
 	char *to = (char *)data;
 #pragma GCC unroll 16
 	for (size_t i = 0; i + 16 <= sizeof(*data); i += 16) {
-		_mm_storeu_si128((__m128i *)(to + i), zero);
+		kaq_block_store(to + i, zero);
 	}
 	if (sizeof(*data) % 16 != 0) {
-		_mm_storel_epi64((__m128i *)(to + sizeof(*data) - 8), zero);
+		memcpy(to + sizeof(*data) - 8, &zero, 8);
 	}
 }
 

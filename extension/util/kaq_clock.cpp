@@ -1,12 +1,14 @@
 #include "util/kaq_clock.h"
 
 #include <atomic>
-#include <cpuid.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
+#ifdef __x86_64__
+#include <cpuid.h>
+#endif
 
 static const uint64_t NS_PER_MS = 1000000;
 
@@ -28,8 +30,12 @@ static std::atomic<int> counter_trusted{0};
 static std::atomic<int> gate_on{1};
 
 static int kaq_counter_is_invariant(void) {
+#ifdef __x86_64__
 	unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
 	return __get_cpuid(0x80000007, &eax, &ebx, &ecx, &edx) != 0 && (edx & (1u << 8)) != 0;
+#else
+	return 1;
+#endif
 }
 
 /* The kernel falls back on these clocks when it finds that the processors' counters differ. */
@@ -75,9 +81,9 @@ uint64_t kaq_clock_rate(uint64_t elapsed_ns, uint64_t first_before, uint64_t fir
 
 /* Takes the first point, or measures against it once it is old enough. */
 static void kaq_measure(kaq_clock_thread_state *state) {
-	uint64_t before = __builtin_ia32_rdtsc();
+	uint64_t before = kaq_clock_counter();
 	uint64_t now = kaq_monotonic_ns();
-	uint64_t after = __builtin_ia32_rdtsc();
+	uint64_t after = kaq_clock_counter();
 	uint64_t elapsed = now - state->base_ns;
 	if (state->base_ns != 0 && elapsed < MEASURE_MIN_NS) {
 		return;
@@ -114,7 +120,7 @@ uint64_t kaq_now_ms_slow(void) {
 		}
 	}
 	struct timespec now;
-	uint64_t before = __builtin_ia32_rdtsc();
+	uint64_t before = kaq_clock_counter();
 	clock_gettime(CLOCK_REALTIME, &now);
 	state->cycles = before;
 	state->valid = kaq_clock_deadline_cycles((uint64_t)now.tv_nsec % NS_PER_MS, rate);

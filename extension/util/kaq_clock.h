@@ -18,6 +18,18 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* The processor's counter. On 64-bit ARM it is the one of the system's timer, whose rate is
+ * constant by the architecture, though lower. */
+static inline uint64_t kaq_clock_counter(void) {
+#ifdef __x86_64__
+	return __builtin_ia32_rdtsc();
+#else
+	uint64_t cycles;
+	__asm__ volatile("mrs %0, cntvct_el0" : "=r"(cycles));
+	return cycles;
+#endif
+}
+
 /* One thread's last reading. Private to the inline function below and to kaq_clock.cpp. */
 struct kaq_clock_thread_state {
 	uint64_t cycles; /* counter just before the reading */
@@ -43,7 +55,7 @@ static inline bool kaq_now_ms_known(uint64_t *ms) {
 	/* A counter that seems to have run backwards wraps to a huge difference: the slow way. */
 	const kaq_clock_thread_state *state = &kaq_clock_thread;
 	*ms = state->ms;
-	return __builtin_expect(__builtin_ia32_rdtsc() - state->cycles < state->valid, 1);
+	return __builtin_expect(kaq_clock_counter() - state->cycles < state->valid, 1);
 }
 
 /* Milliseconds since the Unix epoch, now. */

@@ -1,7 +1,8 @@
 #include "util/kaq_random.h"
 
+#include "util/byte_block.h"
+
 #include <errno.h>
-#include <emmintrin.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -108,16 +109,16 @@ static void kaq_fill(kaq_getrandom_fn system, const char *device, unsigned char 
 /* Two digits per byte, high nibble first; eight bytes at a time, since a long request asks for many
  * thousands. */
 static void kaq_put_hex(char *out, const unsigned char *bytes, size_t n) {
-	const __m128i nibble = _mm_set1_epi8(15);
 	size_t i = 0;
 	for (; i + 8 <= n; i += 8) {
-		__m128i eight = _mm_loadl_epi64((const __m128i *)(bytes + i));
-		__m128i high = _mm_and_si128(_mm_srli_epi16(eight, 4), nibble);
-		__m128i digits = _mm_unpacklo_epi8(high, _mm_and_si128(eight, nibble));
-		__m128i letters = _mm_cmpgt_epi8(digits, _mm_set1_epi8(9));
-		__m128i offset = _mm_and_si128(letters, _mm_set1_epi8('a' - '0' - 10));
-		digits = _mm_add_epi8(digits, _mm_add_epi8(offset, _mm_set1_epi8('0')));
-		_mm_storeu_si128((__m128i *)(out + 2 * i), digits);
+		kaq_block eight = kaq_block_load_half(bytes + i);
+		kaq_block high = eight >> 4;
+		kaq_block low = eight & 15;
+		kaq_block digits = __builtin_shufflevector(high, low, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5,
+												   21, 6, 22, 7, 23);
+		kaq_block letters = (kaq_block)(digits > 9);
+		digits += (uint8_t)'0' + (letters & (uint8_t)('a' - '0' - 10));
+		kaq_block_store(out + 2 * i, digits);
 	}
 	for (; i < n; i++) {
 		out[2 * i] = DIGITS[bytes[i] >> 4];

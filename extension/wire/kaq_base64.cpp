@@ -1,9 +1,11 @@
 #include "wire/kaq_base64.h"
 
-#include <immintrin.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#ifdef __x86_64__
+#include <immintrin.h>
+#endif
 
 static constexpr char ALPHABET[] =
 	"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -75,6 +77,7 @@ size_t kaq_base64_encode_scalar(char *out, const unsigned char *src, size_t len)
 	return (size_t)(out - start);
 }
 
+#ifdef __x86_64__
 /* One 6-bit value per byte for the 24 input bytes in the middle. */
 __attribute__((target("avx2"))) static inline __m256i kaq_split_sextets(__m256i in) {
 	const __m256i spread =
@@ -120,6 +123,15 @@ __attribute__((target("avx2"))) size_t kaq_base64_encode_avx2(char *out, const u
 int kaq_base64_has_avx2(void) {
 	return __builtin_cpu_supports("avx2") != 0;
 }
+#else
+size_t kaq_base64_encode_avx2(char *out, const unsigned char *src, size_t len) {
+	return kaq_base64_encode_scalar(out, src, len);
+}
+
+int kaq_base64_has_avx2(void) {
+	return 0;
+}
+#endif
 
 char *kaq_base64_encode_line(char **line, size_t *room, const char *src, size_t len) {
 	/* The multiplication wraps for huge lengths, and the sum then lies below len. */
