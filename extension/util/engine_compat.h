@@ -179,6 +179,24 @@ void kaq_watch_handles_end(HashTable *watch);
 bool kaq_take_interrupt(void);
 void kaq_set_interrupt(void);
 
+/* Takes the exception that an engine puts aside while another one is handled, and gives it back. */
+#if PHP_VERSION_ID < 80600
+static inline zend_object *kaq_take_previous_exception(void) {
+	zend_object *previous = EG(prev_exception);
+	EG(prev_exception) = nullptr;
+	return previous;
+}
+static inline void kaq_set_previous_exception(zend_object *previous) {
+	EG(prev_exception) = previous;
+}
+#else
+static inline zend_object *kaq_take_previous_exception(void) {
+	return nullptr;
+}
+static inline void kaq_set_previous_exception(zend_object *) {
+}
+#endif
+
 /* Frees the texts of the engine's last error, which dangle then. */
 void kaq_free_last_error(void);
 

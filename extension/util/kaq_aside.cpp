@@ -146,9 +146,8 @@ void kaq_aside_begin(kaq_aside *aside) {
 	kaq_write_handlers(&stand_ins);
 	aside->has_interrupt = kaq_take_interrupt();
 	aside->exception = EG(exception);
-	aside->previous_exception = EG(prev_exception);
+	aside->previous_exception = kaq_take_previous_exception();
 	EG(exception) = nullptr;
-	EG(prev_exception) = nullptr;
 	aside->error_reporting = EG(error_reporting);
 	EG(error_reporting) &=
 		E_ERROR | E_PARSE | E_CORE_ERROR | E_COMPILE_ERROR | KAQ_TAKEN_BY_HANDLERS;
@@ -181,7 +180,7 @@ static void kaq_put_exception_back(kaq_aside *aside) {
 		}
 		return;
 	}
-	EG(prev_exception) = aside->previous_exception;
+	kaq_set_previous_exception(aside->previous_exception);
 	EG(exception) = aside->exception;
 }
 

@@ -133,6 +133,10 @@ class Engine:
         return self.version_id >= 80300
 
     @property
+    def classes_can_be_disabled(self):
+        return self.version_id < 80500
+
+    @property
     def user_errors_are_deprecated(self):
         """Raising one is an error of its own, before it."""
         return self.version_id >= 80400
