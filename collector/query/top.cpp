@@ -18,6 +18,10 @@ struct Path {
 		asked += count.asked;
 		monitored += count.monitored;
 	}
+	/* REQUIRES: some were asked for. */
+	double monitored_share() const {
+		return std::min(1.0, static_cast<double>(monitored) / static_cast<double>(asked));
+	}
 };
 
 using PathKey = std::pair<std::string, std::string>; /* application, path */
@@ -41,8 +45,7 @@ void share_out(const Path &path, bool is_exact, std::vector<TopRow> &rows) {
 		row.requests = std::max<int64_t>(path.rows.size() == 1 && is_exact ? path.asked : estimate,
 										 row.figures.count);
 		row.is_exact = is_exact && path.rows.size() == 1;
-		row.monitored_share =
-			std::min(1.0, static_cast<double>(path.monitored) / static_cast<double>(path.asked));
+		row.monitored_share = path.monitored_share();
 	}
 }
 
@@ -61,7 +64,7 @@ TopRow unrecorded(const PathKey &key, const Path &path) {
 	row.transaction = key.second;
 	row.requests = path.asked;
 	row.is_exact = true;
-	row.monitored_share = 0;
+	row.monitored_share = path.monitored_share();
 	return row;
 }
 
@@ -91,11 +94,11 @@ std::vector<TopRow> top_rows(std::vector<FigureRow> figures, const std::vector<A
 		auto other = others.find(key.first);
 		if (!path.rows.empty()) {
 			share_out(path, true, rows);
-		} else if (path.monitored == 0) {
-			rows.push_back(unrecorded(key, path));
-		} else if (other != others.end()) {
+		} else if (path.monitored > 0 && other != others.end()) {
 			other->second.asked += path.asked;
 			other->second.monitored += path.monitored;
+		} else if (path.asked > 0) {
+			rows.push_back(unrecorded(key, path));
 		}
 	}
 	for (const auto &[application, path] : others) {

@@ -28,7 +28,7 @@ struct TopRow {
 	double time = 0; /* of all requests together, milliseconds */
 };
 
-/* A row for each transaction that was recorded, and one for each path of which nothing is to be. */
+/* A row for each transaction that was recorded, and one for each path of which nothing was. */
 std::vector<TopRow> top_rows(std::vector<FigureRow> figures, const std::vector<AskedCount> &asked);
 
 /* All rows as one, without names. */

@@ -223,6 +223,25 @@ TEST_F(GroupServicesTest, TellFailuresAsGroups) {
 	EXPECT_EQ(2, row.at("transactions_count"));
 }
 
+TEST_F(GroupServicesTest, TellTheWorstLevelOfAGroup) {
+	for (const char *key : {"a", "b", "c", "d", "e", "f"}) {
+		for (const char *level : {"Warning", "Error", "", "Notice"}) {
+			Record one = record(++number_, kNow - kMinute);
+			one.facts.failures.emplace_back();
+			one.facts.failures[0].key = key;
+			one.facts.failures[0].level = level;
+			one.facts.failures[0].count = 1;
+			put_record(one);
+		}
+	}
+	settle();
+	json rows = ask("/api/v1/errors").at("errors");
+	ASSERT_EQ(6u, rows.size());
+	for (const json &row : rows) {
+		EXPECT_EQ("Error", row.at("level")) << row.dump();
+	}
+}
+
 TEST_F(GroupServicesTest, SortFailures) {
 	for (int64_t i = 0; i < 40; i++) {
 		Record one = random_record(i + 1);

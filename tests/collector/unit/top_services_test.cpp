@@ -190,14 +190,16 @@ TEST_F(TopServicesTest, CountRequestsAtTheirHandshakes) {
 TEST_F(TopServicesTest, ShareOutAPathOfSeveralTransactions) {
 	put_some("/index.php?route=/a", 30, 100);
 	put_some("/index.php?route=/b", 10, 100);
-	put_asked({{"shop", "/index.php", 400, 40}});
+	put_some("nightly report", 10, 100);
+	put_asked({{"shop", "/index.php", 400, 40}, {"shop", "/report.php", 10, 10}});
 	json top = ask(kTop).at("transactions");
 	json a = row_of(top, "transaction", "/index.php?route=/a");
 	EXPECT_EQ(300, a.at("requests"));
 	EXPECT_FALSE(a.at("exact"));
 	EXPECT_DOUBLE_EQ(0.1, a.at("monitored_share"));
 	EXPECT_EQ(100, row_of(top, "transaction", "/index.php?route=/b").at("requests"));
-	EXPECT_EQ(2u, top.size());
+	EXPECT_EQ(10, row_of(top, "transaction", "nightly report").at("requests"));
+	EXPECT_EQ(3u, top.size());
 }
 
 TEST_F(TopServicesTest, EstimateWhatHasAnotherNameThanItsPath) {
@@ -211,6 +213,16 @@ TEST_F(TopServicesTest, EstimateWhatHasAnotherNameThanItsPath) {
 	EXPECT_DOUBLE_EQ(0.25, report.at("monitored_share"));
 	EXPECT_TRUE(row_of(top, "transaction", "/a").at("exact"));
 	EXPECT_EQ(2u, top.size());
+}
+
+TEST_F(TopServicesTest, TellOfWhatIsStillToBeRecorded) {
+	put_some("/a", 5, 100);
+	put_asked({{"shop", "/a", 5, 5}, {"shop", "/slow", 4, 2}});
+	json slow = row_of(ask(kTop).at("transactions"), "transaction", "/slow");
+	EXPECT_EQ(4, slow.at("requests"));
+	EXPECT_EQ(0, slow.at("recorded"));
+	EXPECT_DOUBLE_EQ(0.5, slow.at("monitored_share"));
+	EXPECT_TRUE(slow.at("p50_ms").is_null());
 }
 
 TEST_F(TopServicesTest, NeverTellFewerRequestsThanWereRecorded) {
