@@ -6,6 +6,7 @@ import http.client
 import json
 import math
 import os
+import pathlib
 import pty
 import random
 import select
@@ -17,11 +18,13 @@ import time
 import urllib.parse
 
 import pytest
+import yaml
 
 import conftest
 import sockets
 
 SECONDS = 30
+DESCRIPTION = pathlib.Path(__file__).resolve().parents[3] / "docs" / "openapi.yaml"
 RECORDED, LEFT_OUT = 920, 910
 NAMES = {"/start": "/start", "/cart/7": "/cart/*", "/cart/8": "/cart/*", "/admin/list": "/admin/list"}
 HOSTS = ["api.example", "pay.example:8443"]
@@ -235,6 +238,26 @@ def test_requests_are_counted_at_their_handshakes(tmp_path):
         assert "300 requests" in shown and "10 %" in shown
     finally:
         collector.stop()
+
+
+def members_of(schemas, schema):
+    """Of an object that the description makes of others."""
+    if "$ref" in schema:
+        schema = schemas[schema["$ref"].rpartition("/")[2]]
+    members = set(schema.get("properties", ()))
+    return members.union(*(members_of(schemas, each) for each in schema.get("allOf", ())))
+
+
+def test_every_member_is_described(collector):
+    send_all(collector, lines(200, seed=10))
+    schemas = yaml.safe_load(DESCRIPTION.read_text())["components"]["schemas"]
+    for path, name, schema in (("top", "transactions", "Top"),
+                               ("queries", "statements", "Statement"),
+                               ("errors", "errors", "FailureGroup"),
+                               ("calls", "hosts", "CalledHost"), ("curve", "points", "Point")):
+        told = get(collector, "/api/v1/" + path)
+        assert told[name]
+        assert set().union(*told[name]) == members_of(schemas, schemas[schema])
 
 
 def shown(collector, columns, *arguments):
