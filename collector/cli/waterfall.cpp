@@ -185,7 +185,7 @@ private:
 	}
 
 	std::string bar_of(const CallNode &node) const {
-		size_t from = std::min(column_of(node.from), bar_ - 1);
+		size_t from = std::min(nearest_column(node.from), bar_ - 1);
 		size_t to = std::max(nearest_column(node.to), from);
 		std::string bar(from, ' ');
 		if (to == from) {
@@ -198,8 +198,9 @@ private:
 			}
 		}
 		std::string drawn;
-		for (double share : itself) {
-			drawn += share >= 0.5 ? glyphs_.itself : glyphs_.within;
+		for (size_t i = from; i < to; i++) {
+			bool is_itself = 2 * itself[i - from] >= within_column(i, node.from, node.to);
+			drawn += is_itself ? glyphs_.itself : glyphs_.within;
 		}
 		return bar + terminal_.paint(drawn, colour_of_layer(node.layer));
 	}

@@ -51,3 +51,9 @@ TEST(Access, HealthNeedsNoToken) {
 	EXPECT_EQ(AccessVerdict::kAllowed, verdict({"localhost", "", "", ""}, "/healthz"));
 	EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", "", ""}, "/healthz/"));
 }
+
+TEST(Access, LoggingInNeedsNoTokenButTheRightName) {
+	EXPECT_EQ(AccessVerdict::kAllowed, verdict({"localhost", "", "", ""}, "/login"));
+	EXPECT_EQ(AccessVerdict::kWrongHost, verdict({"evil.example", "", "", ""}, "/login"));
+	EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", "", ""}, "/login/x"));
+}

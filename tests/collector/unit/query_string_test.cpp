@@ -25,3 +25,10 @@ TEST(PercentDecoded, BrokenEscapesStay) {
 TEST(FormDecoded, PlusIsABlank) {
 	EXPECT_EQ("a b+c", form_decoded("a+b%2Bc"));
 }
+
+TEST(FormParameters, AreDecodedAndTheFirstOfEachNameCounts) {
+	using Parameters = std::map<std::string, std::string>;
+	EXPECT_EQ((Parameters{{"a", "x y"}, {"b c", "="}, {"d", ""}}),
+			  form_parameters("a=x+y&b%20c=%3D&&a=2&d"));
+	EXPECT_EQ(Parameters{}, form_parameters(""));
+}
