@@ -26,6 +26,7 @@ constexpr size_t kLongestSnippet = 16 * 1024;
 constexpr size_t kMostRules = 1000;
 constexpr size_t kMostEntries = 1000;
 constexpr size_t kMostAddresses = 16;
+constexpr size_t kMostDirectories = 64;
 constexpr uint64_t kMebibyte = 1 << 20;
 constexpr uint64_t kLargestCap = 1ull << 50;
 constexpr milliseconds kLongestAge = hours(24 * 3650);
@@ -251,6 +252,18 @@ AlertRule read_alert(TomlSection &section) {
 	return rule;
 }
 
+void read_crash_logs(TomlSection &section, CrashLogSettings &crash_logs) {
+	section.read("directories", crash_logs.directories);
+	const std::vector<std::string> &all = crash_logs.directories;
+	bool has_relative = std::any_of(
+		all.begin(), all.end(), [](const std::string &path) { return path.substr(0, 1) != "/"; });
+	if (has_relative || all.size() > kMostDirectories) {
+		section.mistake("directories", fmt::format("has to be at most {} paths that begin with "
+												   "\"/\"",
+												   kMostDirectories));
+	}
+}
+
 void read_all(TomlSection &file, const FileReader &files, Configuration &configuration) {
 	file.section("listen", [&](TomlSection &inner) { read_listen(inner, configuration.listen); });
 	file.section("store", [&](TomlSection &inner) { read_store(inner, configuration.store); });
@@ -259,6 +272,8 @@ void read_all(TomlSection &file, const FileReader &files, Configuration &configu
 	file.section("overload", [&](TomlSection &inner) {
 		inner.read("lower_share", configuration.overload.lowers_share);
 	});
+	file.section("crash_logs",
+				 [&](TomlSection &inner) { read_crash_logs(inner, configuration.crash_logs); });
 	file.sections("monitor", kMostRules, [&](TomlSection &inner) {
 		configuration.monitor.push_back(read_monitor(inner, files));
 	});

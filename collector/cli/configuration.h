@@ -16,6 +16,7 @@
 
 #include "analysis/naming.h"
 #include "analysis/scrub.h"
+#include "ingest/crash_log.h"
 #include "ingest/monitor_rule.h"
 #include "util/network.h"
 
@@ -57,6 +58,9 @@ struct OverloadSettings {
 
 enum class AlertMetric { kP95, kErrorShare, kRate };
 
+/* "p95", "error_share", "rate" */
+const char *metric_name(AlertMetric metric);
+
 struct AlertRule {
 	std::string application = "*"; /* globs */
 	std::string transaction = "*";
@@ -70,6 +74,10 @@ struct AlertRule {
 	std::string webhook;             /* where it is posted to */
 };
 
+struct CrashLogSettings {
+	std::vector<std::string> directories = {kCrashDirectory}; /* none: nothing is watched */
+};
+
 struct Configuration {
 	ListenSettings listen;
 	StoreSettings store;
@@ -78,6 +86,7 @@ struct Configuration {
 	std::vector<MonitorRule> monitor;
 	OverloadSettings overload;
 	std::vector<AlertRule> alerts;
+	CrashLogSettings crash_logs;
 };
 
 struct ConfigurationMistake {

@@ -81,18 +81,6 @@ toml::array monitor_array(const std::vector<MonitorRule> &rules) {
 	return array;
 }
 
-const char *metric_name(AlertMetric metric) {
-	switch (metric) {
-	case AlertMetric::kErrorShare:
-		return "error_share";
-	case AlertMetric::kRate:
-		return "rate";
-	case AlertMetric::kP95:
-		break;
-	}
-	return "p95";
-}
-
 toml::array alert_array(const std::vector<AlertRule> &rules) {
 	toml::array array;
 	for (const AlertRule &rule : rules) {
@@ -116,6 +104,18 @@ toml::array alert_array(const std::vector<AlertRule> &rules) {
 
 } // namespace
 
+const char *metric_name(AlertMetric metric) {
+	switch (metric) {
+	case AlertMetric::kErrorShare:
+		return "error_share";
+	case AlertMetric::kRate:
+		return "rate";
+	case AlertMetric::kP95:
+		break;
+	}
+	return "p95";
+}
+
 std::string to_toml(const Configuration &configuration) {
 	toml::table scrub{{"keep_literals", configuration.scrub.keeps_literals},
 					  {"secret_names", texts(configuration.scrub.secret_names)}};
@@ -124,7 +124,8 @@ std::string to_toml(const Configuration &configuration) {
 		{"store", store_table(configuration.store)},
 		{"scrub", std::move(scrub)},
 		{"names", names_table(configuration.names)},
-		{"overload", toml::table{{"lower_share", configuration.overload.lowers_share}}}};
+		{"overload", toml::table{{"lower_share", configuration.overload.lowers_share}}},
+		{"crash_logs", toml::table{{"directories", texts(configuration.crash_logs.directories)}}}};
 	if (!configuration.monitor.empty()) {
 		file.insert("monitor", monitor_array(configuration.monitor));
 	}

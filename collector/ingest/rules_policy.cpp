@@ -1,5 +1,7 @@
 #include "ingest/rules_policy.h"
 
+#include <algorithm>
+
 namespace kaq {
 namespace {
 
@@ -23,6 +25,12 @@ size_t RulesPolicy::rule_of(const HandshakeRequest &request, std::string_view pa
 		i++;
 	}
 	return i;
+}
+
+bool RulesPolicy::is_suspended(const std::string &application, const std::string &instance) const {
+	const std::vector<Suspension> &all = settings_.suspensions;
+	return std::any_of(all.begin(), all.end(),
+					   [&](const Suspension &each) { return each.covers(application, instance); });
 }
 
 HandshakeAnswer RulesPolicy::answer(const HandshakeRequest &request) {
@@ -49,7 +57,8 @@ HandshakeAnswer RulesPolicy::answer(const HandshakeRequest &request) {
 	count.application = request.application;
 	count.name = transaction_name(request.application, path, "", all_names_);
 	count.instance = answer.instance_id;
-	answer.is_monitored = counter_.is_monitored(count, settings_.most_names, rule.share,
+	uint32_t share = is_suspended(count.application, count.instance) ? 0 : rule.share;
+	answer.is_monitored = counter_.is_monitored(count, settings_.most_names, share,
 												overload_.share(), begins_[place]);
 	return answer;
 }

@@ -10,6 +10,7 @@
 #include "ingest/handshake_policy.h"
 #include "ingest/monitor_rule.h"
 #include "ingest/overload_control.h"
+#include "ingest/suspensions.h"
 
 namespace kaq {
 
@@ -21,6 +22,7 @@ struct RulesSettings {
 	std::vector<NamingRule> names; /* before the usual ones */
 	size_t most_names = 2000;      /* of an application */
 	ScrubSettings scrub;           /* paths may hold secrets */
+	std::vector<Suspension> suspensions;
 };
 
 class RulesPolicy : public HandshakePolicy {
@@ -32,6 +34,7 @@ public:
 	void on_tick() override;
 
 private:
+	bool is_suspended(const std::string &application, const std::string &instance) const;
 	size_t rule_of(const HandshakeRequest &request, std::string_view path) const;
 
 	RulesSettings settings_; /* the last rule is the one that always matches */

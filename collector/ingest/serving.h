@@ -20,14 +20,18 @@ public:
 
 	/* How the process of this thread serves; `now` in milliseconds. Looked up once a minute. */
 	Serving of(int64_t thread, int64_t now);
+	/* The process of this thread; 0 if that is not known. */
+	int64_t process_of(int64_t thread, int64_t now);
 
 private:
 	struct Known {
-		Serving serving;
-		int64_t since;
+		Serving serving = Serving::kUnknown;
+		int64_t process = 0;
+		int64_t since = 0;
 	};
 
-	Serving look_up(int64_t thread) const;
+	const Known &known(int64_t thread, int64_t now);
+	Known look_up(int64_t thread) const;
 
 	const std::string processes_;
 	std::unordered_map<int64_t, Known> known_;

@@ -51,6 +51,8 @@ name = "n"
 parameters = ["q"]
 [overload]
 lower_share = false
+[crash_logs]
+directories = ["/c", "/d"]
 [[monitor]]
 application = "a"
 transaction = "/t"
@@ -118,6 +120,7 @@ TEST(Configuration, RulesAreRead) {
 	EXPECT_EQ("/p*", configuration->names.rules[0].path);
 	EXPECT_EQ(std::vector<std::string>{"q"}, configuration->names.rules[0].parameters);
 	EXPECT_FALSE(configuration->overload.lowers_share);
+	EXPECT_EQ((std::vector<std::string>{"/c", "/d"}), configuration->crash_logs.directories);
 	ASSERT_EQ(2u, configuration->monitor.size());
 	const kaq::MonitorRule &first = configuration->monitor[0];
 	EXPECT_EQ("a", first.application);
@@ -146,6 +149,7 @@ TEST(Configuration, WhatIsShownReadsBackAsTheSame) {
 	EXPECT_EQ(250000u, again->monitor[0].share);
 	EXPECT_EQ("<script></script>", again->monitor[0].snippet);
 	EXPECT_EQ(1500, again->alerts[0].limit);
+	EXPECT_EQ(2u, again->crash_logs.directories.size());
 }
 
 TEST(Configuration, AllMistakesAreToldWithTheirLines) {
@@ -195,6 +199,8 @@ INSTANTIATE_TEST_SUITE_P(
 				"\"10.0.0.0/8\"\n"},
 		Mistake{"[listen]\ndata = 20021", "f:2: listen.data: is the port of the handshakes\n"},
 		Mistake{"[listen]\nhttp = 20022", "f:2: listen.http: is the port of something else\n"},
+		Mistake{"[crash_logs]\ndirectories = [\"/a\", \"b\"]",
+				"f:2: crash_logs.directories: has to be at most 64 paths that begin with \"/\"\n"},
 		Mistake{"[store]\ndirectory = \"data\"",
 				"f:2: store.directory: has to be a path that begins with \"/\"\n"},
 		Mistake{"[store]\nage = \"10m\"",

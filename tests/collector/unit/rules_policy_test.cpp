@@ -30,7 +30,7 @@ protected:
 	}
 
 	std::vector<HandshakeCount> counts() {
-		policy->on_tick();
+		counter.publish(kaq::HandshakeCounter::Clock::now());
 		return counter.take();
 	}
 };
@@ -127,6 +127,24 @@ TEST_F(Rules, LoadLowersWhatIsMonitored) {
 	}
 	EXPECT_EQ(50, monitored);
 	EXPECT_EQ(50u, counts().at(0).shed);
+}
+
+TEST_F(Rules, WhatIsSuspendedIsCountedAndNotMonitored) {
+	ask("/");
+	std::string instance = counts().at(0).instance;
+	settings.suspensions = {{"Shop", "another", 0, ""}, {"Blog", "", 0, ""}};
+	policy.reset();
+	EXPECT_TRUE(ask("/").is_monitored);
+	EXPECT_FALSE(ask("/", "Blog").is_monitored);
+	settings.suspensions = {{"Shop", instance, 0, ""}};
+	policy.reset();
+	counts();
+	EXPECT_FALSE(ask("/").is_monitored);
+	EXPECT_TRUE(ask("/", "Blog").is_monitored);
+	EXPECT_EQ(1u, counts().at(0).asked);
+	settings.suspensions = {{"", "", 0, ""}};
+	policy.reset();
+	EXPECT_FALSE(ask("/", "Blog").is_monitored);
 }
 
 using kaq::OverloadControl;

@@ -53,4 +53,11 @@ TEST_F(ServingTest, LooksAgainAfterAMinute) {
 	EXPECT_EQ(lookup_.of(15, 61000), Serving::kUnknown);
 }
 
+TEST_F(ServingTest, TheProcessOfAThreadIsKnownWhateverItIs) {
+	process(17, "apache2", 12, 9);
+	EXPECT_EQ(lookup_.process_of(17, 0), 12);
+	EXPECT_EQ(lookup_.of(17, 0), Serving::kUnknown);
+	EXPECT_EQ(lookup_.process_of(18, 0), 0);
+}
+
 } // namespace
