@@ -1,4 +1,5 @@
-/* Verbs that change what is kept: pin, unpin, forget, mark; and open, which lets somebody in. */
+/* Verbs that change what is kept or recorded: pin, unpin, forget, mark, resume; and open, which
+ * lets somebody in. */
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
@@ -93,6 +94,19 @@ int mark(const ChangeOptions &options) {
 	});
 }
 
+int resume(const ChangeOptions &options) {
+	Reply reply =
+		Client(options.common).post("/api/v1/resume", {{"app", options.filter.application}});
+	nlohmann::json resumed = reply.json().value("resumed", nlohmann::json::array());
+	int status = tell(options, reply, [&resumed](const nlohmann::json &) {
+		auto count = static_cast<int64_t>(resumed.size());
+		return count == 0
+				   ? "nothing was to be resumed"
+				   : count_of(count, "suspension", "suspensions") + " ended: it is monitored again";
+	});
+	return status == kDone && resumed.empty() ? kFailed : status;
+}
+
 int open(const ChangeOptions &options) {
 	Reply reply = Client(options.common).post("/api/v1/login-link");
 	return tell(options, reply, [](const nlohmann::json &link) { return link.value("url", ""); });
@@ -141,6 +155,16 @@ void add_mark(CLI::App &app, int &status) {
 		->type_name("TIME");
 	add_common_options(verb, options->common);
 	verb.callback([options, &status] { status = mark(*options); });
+}
+
+void add_resume(CLI::App &app, int &status) {
+	auto options = std::make_shared<ChangeOptions>();
+	CLI::App &verb =
+		*app.add_subcommand("resume", "monitor again what was stopped for its crashes");
+	verb.add_option("application", options->filter.application, "everything without")
+		->type_name("NAME");
+	add_common_options(verb, options->common);
+	verb.callback([options, &status] { status = resume(*options); });
 }
 
 void add_open(CLI::App &app, int &status) {

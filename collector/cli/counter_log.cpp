@@ -20,4 +20,14 @@ void CounterLog::look() {
 	}
 }
 
+std::map<std::string, uint64_t> CounterLog::counts() const {
+	std::map<std::string, uint64_t> counts;
+	for (const Entry &entry : entries_) {
+		if (uint64_t now = entry.counter()) {
+			counts[entry.text] = now;
+		}
+	}
+	return counts;
+}
+
 } // namespace kaq

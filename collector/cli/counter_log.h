@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,8 @@ public:
 	void add(std::string text, std::function<uint64_t()> counter);
 	/* A line for each that has grown since the last call. */
 	void look();
+	/* All that are not 0, by their texts. */
+	std::map<std::string, uint64_t> counts() const;
 
 private:
 	struct Entry {

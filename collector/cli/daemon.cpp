@@ -115,6 +115,7 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	const ListenSettings &listen = configuration_.listen;
 	const std::string socket = socket_of(configuration_.store.directory);
 	store_ = std::make_unique<SqliteStore>(store_settings(configuration_));
+	caretaker_ = std::make_unique<Caretaker>(*store_, configuration_);
 	std::vector<Pipeline::Sink> sinks;
 	for (size_t i = 0; i < kReaders; i++) {
 		sinks.emplace_back([this, recorder = std::make_shared<Recorder>(*store_)](
@@ -135,9 +136,9 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	http_ = std::make_unique<HttpServer>(
 		HttpSettings{kHttpAddress, listen.http_port, socket, token},
 		[this](const HttpRequest &request) { return routes_->answer(request); }, feed_);
-	tell_services();
 	give_to_group(socket, listen.socket_group);
 	add_counters();
+	tell_services();
 }
 
 Daemon::~Daemon() = default;
@@ -145,12 +146,27 @@ Daemon::~Daemon() = default;
 /* Called by the workers of HTTP, so that it takes nothing of what may change. */
 void Daemon::tell_services() {
 	uint16_t http_port = http_->port();
-	nlohmann::json facts = {{"process", getpid()},
-							{"started_ms", system_time()},
-							{"handshake_port", handshake_->port()},
-							{"data_port", data_->port()},
-							{"http_port", http_port}};
-	services_->daemon = [facts] { return facts; };
+	facts_ = {{"process", getpid()},
+			  {"started_ms", system_time()},
+			  {"addresses", configuration_.listen.addresses},
+			  {"handshake_port", handshake_->port()},
+			  {"data_port", data_->port()},
+			  {"http_port", http_port}};
+	publish_facts();
+	services_->daemon = [this] {
+		std::lock_guard lock(facts_mutex_);
+		nlohmann::json facts = facts_;
+		facts.update(caretaker_->facts());
+		return facts;
+	};
+	services_->resume = [this](const std::string &application) {
+		nlohmann::json resumed = nlohmann::json::array();
+		for (const Suspension &each : caretaker_->suspensions().resume(application)) {
+			log_line(LogLevel::kInfo, name_of(each) + " is monitored again");
+			resumed.push_back(to_json(each));
+		}
+		return resumed;
+	};
 	services_->metrics = [this] { return metrics_.text(); };
 	services_->login_link = [this, http_port] {
 		return fmt::format("http://{}:{}{}?code={}", kHttpAddress, http_port, kLoginPath,
@@ -163,12 +179,34 @@ void Daemon::open_metrics() {
 				   *pipeline_, overload_, request_metrics_, *store_, system_time()});
 }
 
+void Daemon::publish_facts() {
+	HandshakeLatency latency = probe_ ? probe_->latency() : HandshakeLatency();
+	const PipelineCounts &read = pipeline_->counts();
+	nlohmann::json notices;
+	for (size_t i = 0; i < kNotices; i++) {
+		notices[std::string(notice_name(static_cast<Notice>(i)))] = read.notices[i].load();
+	}
+	std::lock_guard lock(facts_mutex_);
+	facts_["notices"] = std::move(notices);
+	facts_["counters"] = counter_log_.counts();
+	facts_["requests"] = {{"asked", totals_.asked},
+						  {"recorded", totals_.monitored},
+						  {"left_out_for_load", totals_.shed}};
+	facts_["load_share"] = static_cast<double>(overload_.share()) / kWholeShare;
+	facts_["handshake"] = {{"p50_us", latency.p50.count()},
+						   {"p99_us", latency.p99.count()},
+						   {"measured", latency.measured},
+						   {"failed", latency.failed}};
+}
+
 std::unique_ptr<HandshakePolicy> Daemon::policy() {
 	RulesSettings settings;
 	settings.monitor = configuration_.monitor;
 	settings.names = configuration_.names.rules;
 	settings.most_names = configuration_.names.cap;
 	settings.scrub = configuration_.scrub;
+	policy_version_ = caretaker_->suspensions().version();
+	settings.suspensions = caretaker_->suspensions().all();
 	return std::make_unique<RulesPolicy>(std::move(settings), counter_, overload_);
 }
 
@@ -183,6 +221,7 @@ void Daemon::start() {
 	watchdog_ = std::make_unique<Watchdog>(
 		WatchdogSettings(), [this] { return handshake_->beats(); }, tell_alive, end_for_stall);
 	open_metrics();
+	caretaker_->start(fmt::format("http://{}:{}", kHttpAddress, http_->port()));
 	printf("kaq: collecting on %s: handshakes %u, payloads %u, http %u; store %s\n",
 		   fmt::format("{}", fmt::join(addresses, " and ")).c_str(), handshake_->port(),
 		   data_->port(), http_->port(), configuration_.store.directory.c_str());
@@ -214,6 +253,7 @@ void Daemon::stop() {
 	metrics_.close();
 	probe_.reset();
 	watchdog_.reset();
+	publish_facts();
 	data_->stop_listening();
 	data_->drain(kDrainTime);
 	counter_log_.look();
@@ -233,6 +273,7 @@ void Daemon::reload() {
 					 setting + " cannot change while the collector runs: it stays as it was");
 		}
 		configuration_ = std::move(*next);
+		caretaker_->use(configuration_);
 		handshake_->use(policy());
 		handshake_->allow(configuration_.listen.handshake_networks);
 		data_->allow(configuration_.listen.data_networks);
@@ -247,14 +288,22 @@ void Daemon::reload() {
 void Daemon::look() {
 	Clock::time_point now = Clock::now();
 	look_at_load(now);
+	look_at_suspensions();
 	if (now - counts_taken_ >= kBetweenCounts) {
 		counts_taken_ = now;
 		keep(counter_.take());
+		publish_facts();
 	}
 	if (now - counters_said_ >= kBetweenCounters) {
 		counters_said_ = now;
 		counter_log_.look();
 		tell_status(status());
+	}
+}
+
+void Daemon::look_at_suspensions() {
+	if (caretaker_->suspensions().version() != policy_version_) {
+		handshake_->use(policy());
 	}
 }
 
@@ -290,6 +339,7 @@ void Daemon::keep(const std::vector<HandshakeCount> &counts) {
 
 /* On a thread of the pipeline. */
 void Daemon::keep(const Transaction &transaction, Recorder &recorder) {
+	caretaker_->note(transaction);
 	Summary summary = recorder.record(transaction);
 	request_metrics_.add(summary);
 	if (feed_.has_listeners()) {
@@ -301,10 +351,13 @@ void Daemon::keep(const Transaction &transaction, Recorder &recorder) {
 
 std::string Daemon::status() const {
 	HandshakeLatency latency = probe_ ? probe_->latency() : HandshakeLatency();
-	return fmt::format("{} requests asked, {} recorded, {} left out for load; a handshake takes "
-					   "{} us, 1 in 100 more than {} us",
-					   totals_.asked, totals_.monitored, totals_.shed, latency.p50.count(),
-					   latency.p99.count());
+	std::vector<Suspension> suspended = caretaker_->suspensions().all();
+	return fmt::format(
+		"{}{} requests asked, {} recorded, {} left out for load; a handshake takes "
+		"{} us, 1 in 100 more than {} us",
+		suspended.empty() ? ""
+						  : name_of(suspended.front()) + " is not monitored, see 'kaq doctor'; ",
+		totals_.asked, totals_.monitored, totals_.shed, latency.p50.count(), latency.p99.count());
 }
 
 void Daemon::add_counters() {

@@ -6,9 +6,11 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "cli/caretaker.h"
 #include "cli/configuration.h"
 #include "cli/counter_log.h"
 #include "cli/metrics.h"
@@ -59,6 +61,8 @@ private:
 	void add_counters();
 	void tell_services();
 	void open_metrics();
+	void publish_facts();
+	void look_at_suspensions();
 	std::unique_ptr<HandshakePolicy> policy();
 	std::string status() const;
 
@@ -68,6 +72,10 @@ private:
 	/* Outlives what takes requests in. */
 	std::unique_ptr<Store> store_;
 	RequestMetrics request_metrics_;
+	std::unique_ptr<Caretaker> caretaker_;
+	uint64_t policy_version_ = 0; /* of the suspensions in the policy */
+	std::mutex facts_mutex_;
+	nlohmann::json facts_; /* as the services tell them */
 
 	/* What takes requests in. */
 	MemoryBudget budget_;

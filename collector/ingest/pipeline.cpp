@@ -27,6 +27,8 @@ std::string_view notice_name(Notice notice) {
 		return "no-uri";
 	case Notice::kPortFilter:
 		return "port-filter";
+	case Notice::kProbe:
+		return "probe";
 	case Notice::kOther:
 		break;
 	}
@@ -39,6 +41,10 @@ Notice notice_of(std::string_view text) {
 	}
 	if (begins_with(text, "No request URI Found")) {
 		return Notice::kNoUri;
+	}
+	if (text ==
+		kProbeLine.substr(kNoticePrefix.size(), kProbeLine.size() - kNoticePrefix.size() - 1)) {
+		return Notice::kProbe;
 	}
 	return begins_with(text, "Tracking disabled for instance") ? Notice::kPortFilter
 															   : Notice::kOther;

@@ -21,9 +21,12 @@
 namespace kaq {
 
 /* What the extension says instead of sending a transaction. */
-enum class Notice { kNotMonitored, kNoUri, kPortFilter, kOther };
-constexpr size_t kNotices = 4;
+enum class Notice { kNotMonitored, kNoUri, kPortFilter, kProbe, kOther };
+constexpr size_t kNotices = 5;
 constexpr size_t kPayloadErrors = 4;
+
+/* By which the collector's own programs see whether the data port is served. */
+constexpr std::string_view kProbeLine = "message:\tkaq.probe\n";
 
 /* A word for each, as metrics and logs use it: "not-monitored". */
 std::string_view notice_name(Notice notice);

@@ -96,6 +96,13 @@ Answer show_metrics(ServiceContext &context, const Question &) {
 	return answer;
 }
 
+Answer resume_monitoring(ServiceContext &context, const Question &question) {
+	if (!context.resume) {
+		throw ServiceMistake(404, "no collector runs here", "start one with 'kaq collect'");
+	}
+	return json_answer({{"resumed", context.resume(text_of(question, "app"))}});
+}
+
 Answer complete(ServiceContext &, const Question &question) {
 	const std::string &query = text_of(question, "q");
 	auto length = static_cast<int64_t>(query.size());

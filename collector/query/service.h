@@ -41,6 +41,9 @@ struct ServiceContext {
 	std::function<std::string()> login_link;
 	/* What the running collector tells programs that watch it; nothing while it ends. */
 	std::function<std::optional<std::string>()> metrics = {};
+	/* Monitors an application again, or all if it is empty, and returns what was resumed; empty
+	 * where no collector runs. */
+	std::function<nlohmann::json(const std::string &application)> resume = {};
 };
 
 enum class Audience {

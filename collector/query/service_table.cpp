@@ -23,6 +23,7 @@ const std::vector<Service> &services() {
 		{"GET", "/api/v1/findings", {"from", "to", "app", "txn", "sort", "limit"}, list_findings},
 		{"GET", "/api/v1/marks", {"from", "to", "app"}, list_marks},
 		{"POST", "/api/v1/mark", {"!text", "app", "time"}, add_mark},
+		{"POST", "/api/v1/resume", {"app"}, resume_monitoring},
 		{"GET", "/api/v1/completions", {"q", "cursor"}, complete},
 		{"GET", "/api/v1/services", {}, list_services},
 		{"GET", "/api/v1/status", {}, show_status},

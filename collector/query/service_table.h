@@ -35,6 +35,7 @@ Answer list_marks(ServiceContext &context, const Question &question);
 Answer list_services(ServiceContext &context, const Question &question);
 Answer show_status(ServiceContext &context, const Question &question);
 Answer show_metrics(ServiceContext &context, const Question &question);
+Answer resume_monitoring(ServiceContext &context, const Question &question);
 Answer complete(ServiceContext &context, const Question &question);
 Answer make_login_link(ServiceContext &context, const Question &question);
 

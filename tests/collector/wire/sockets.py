@@ -38,6 +38,15 @@ def send(port, line):
         return read_all(connection)
 
 
+def status(collector):
+    """What the collector says about itself."""
+    with socket.socket(socket.AF_UNIX) as connection:
+        connection.settimeout(SECONDS)
+        connection.connect(str(collector.store / "collector.sock"))
+        connection.sendall(b"GET /api/v1/status HTTP/1.0\r\nHost: localhost\r\n\r\n")
+        return json.loads(read_all(connection).partition(b"\r\n\r\n")[2])
+
+
 def payload(name="/a", spans=(), **info):
     """The line of a transaction of a root and these spans below it."""
     root = {"st": 1000, "et": 1500, "mo": 0, "fn": "main", "cn": "PHP", "si": "00000000000000aa"}
