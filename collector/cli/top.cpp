@@ -114,6 +114,12 @@ std::string head_of(const json &answer) {
 		count_of(whole_of(total, "requests"), "request", "requests"),
 		minutes_text(number_of(answer.at("range"), "minutes").value_or(0)), rate_cell(total),
 		duration_cell(total, "p95_ms"), share_cell(total, "error_share"), apdex_text(total));
+	json suspended = answer.value("suspended", json::array());
+	if (!suspended.empty()) {
+		std::string name = printable(string_of(suspended.front(), "application"));
+		std::string what = name.empty() ? "nothing is monitored" : name + " is not monitored";
+		text = what + ", see kaq doctor; " + text;
+	}
 	double share = number_of(total, "monitored_share").value_or(1);
 	if (share < kWhole) {
 		text += "; times of the " + share_text(share, 1) + " that are recorded";

@@ -185,12 +185,14 @@ Answer top_transactions(ServiceContext &context, const Question &question) {
 	}
 	json range = asked_for.range_json();
 	range["minutes"] = rounded(minutes);
+	json collector = context.daemon ? context.daemon() : json::object();
 	return json_answer({{"range", std::move(range)},
 						{"apdex_threshold_ms", threshold},
 						{"transactions", std::move(list)},
 						{"more", has_more},
 						{"total", std::move(total)},
-						{"applications", applications_json(asked_for, asked)}});
+						{"applications", applications_json(asked_for, asked)},
+						{"suspended", collector.value("suspended", json::array())}});
 }
 
 Answer curve_of(ServiceContext &context, const Question &question) {

@@ -201,8 +201,10 @@ def test_only_the_instance_whose_processes_crash_is_stopped(configured):
     shop = sockets.handshake()
     blog = shop.replace(b"Shop", b"Blog")
     instance = asked(collector, shop)["instance.id"]
+    now = int(time.time() * 1000)
     for process in (4000001, 4000002, 4000003):
-        document = json.loads(base64.b64decode(sockets.payload(thread_id=process)))
+        document = json.loads(base64.b64decode(
+            sockets.payload(thread_id=process, s_time=now - 50, e_time=now)))
         document["apm"]["application_info"]["instance_id"] = instance
         sockets.send(collector.data, base64.b64encode(json.dumps(document).encode()) + b"\n")
     until(lambda: stored(collector) == 3)
@@ -212,9 +214,11 @@ def test_only_the_instance_whose_processes_crash_is_stopped(configured):
     assert is_monitored(collector, blog)
     assert is_monitored(collector, sockets.handshake(b"81"))
     assert [each["application"] for each in facts(collector)["suspended"]] == ["Shop"]
+    assert collector.run("top", "--once").stdout.startswith("Shop is not monitored, see kaq doctor")
     assert collector.run("resume", "Blog").returncode == 1
     assert collector.run("resume", "Shop").returncode == 0
     until(lambda: is_monitored(collector, shop))
+    assert "not monitored" not in collector.run("top", "--once").stdout
 
 
 def test_crashes_elsewhere_change_nothing(configured):
