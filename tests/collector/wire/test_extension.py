@@ -72,4 +72,4 @@ def test_tail_shows_a_line_a_request_without_control_characters(collector, php):
             continue
     titles, line = out.splitlines()
     assert titles.split()[:3] == ["time", "status", "duration"]
-    assert "/a?[31mred?b" in line and "\x1b" not in line
+    assert "/a?[31mred b" in line and "\x1b" not in line
