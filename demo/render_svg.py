@@ -108,16 +108,28 @@ def draw(lines, title):
     return "\n".join(parts + ["</g>", "</svg>"]) + "\n"
 
 
+# What a waterfall ends with.
+LEGEND = "█ itself"
+
+
 def blocks(lines):
-    """The output cut before every line that shows a command; what comes earlier is left out.
-    A block ends at its second empty line: the first stands above the spans."""
+    """The output cut before every line that shows a command; what comes earlier is left out. A
+    block ends behind its waterfall, or without one at its second empty line."""
     made = []
     for line in lines:
         if ESCAPE.sub("", line).startswith("$ "):
             made.append([])
-        if made and made[-1].count("") < 2:
+        if made:
             made[-1].append(line)
-    return made
+    return [end_of(block) for block in made]
+
+
+def end_of(block):
+    for number, line in enumerate(block):
+        if ESCAPE.sub("", line).startswith(LEGEND):
+            return block[:number + 1]
+    empty = [number for number, line in enumerate(block) if line == ""]
+    return block[:empty[1] + 1] if len(empty) > 1 else block
 
 
 def main():

@@ -121,7 +121,13 @@ CAPTURE = """[ 1s] building
 \x1b[2m━━ \x1b[0m\x1b[1m/a\x1b[0m\x1b[2m ━━━━\x1b[0m
   web · \x1b[31mstatus 500\x1b[0m <&>\r
 
+  three
+  services
+
   main \x1b[34m██▌\x1b[0m  5 ms
+\x1b[32m█\x1b[0m itself
+
+The demo's own words
 
 \x1b[2m$ \x1b[0mcurl http://127.0.0.1:1/b
   other
@@ -140,7 +146,7 @@ def test_picture_holds_the_kept_commands_and_nothing_else(tmp_path):
     name = "{http://www.w3.org/2000/svg}%s"
     texts = [element.text for element in root.iter(name % "text")]
     assert texts == ["script/demo", "$", "curl http://127.0.0.1:1/a", "/a", "web ·",
-                     "status 500", "<&>", "main", "5 ms"]
+                     "status 500", "<&>", "three", "services", "main", "5 ms", "itself"]
     colours = {element.text: element.get("fill") for element in root.iter(name % "text")}
     assert colours["status 500"] != colours["main"]
     bars = [element.get("width") for element in root.iter(name % "rect")]
