@@ -227,12 +227,12 @@ std::string wrapped(std::string_view text, size_t columns) {
 	return lines;
 }
 
-std::string padded(std::string text, size_t columns) {
+std::string padded(const std::string &text, size_t columns) {
 	size_t width = width_of(text);
 	return width < columns ? text + std::string(columns - width, ' ') : text;
 }
 
-std::string right_aligned(std::string text, size_t columns) {
+std::string right_aligned(const std::string &text, size_t columns) {
 	size_t width = width_of(text);
 	return width < columns ? std::string(columns - width, ' ') + text : text;
 }

@@ -47,7 +47,7 @@ std::string shortened_within(std::string_view text, size_t columns);
 std::string wrapped(std::string_view text, size_t columns);
 
 /* The text with blanks behind or before it up to so many columns. */
-std::string padded(std::string text, size_t columns);
-std::string right_aligned(std::string text, size_t columns);
+std::string padded(const std::string &text, size_t columns);
+std::string right_aligned(const std::string &text, size_t columns);
 
 } // namespace kaq

@@ -95,8 +95,11 @@ private:
 		for (size_t i = 0; i < node.children.size(); i++) {
 			bool is_last = i + 1 == node.children.size();
 			std::string pad(indent_ - 1, ' ');
-			add(node.children[i], below + (is_last ? glyphs_.last : glyphs_.branch) + pad,
-				below + (is_last ? " " : glyphs_.pass) + pad);
+			std::string here = below;
+			here.append(is_last ? glyphs_.last : glyphs_.branch).append(pad);
+			std::string beneath = below;
+			beneath.append(is_last ? " " : glyphs_.pass).append(pad);
+			add(node.children[i], here, beneath);
 		}
 	}
 

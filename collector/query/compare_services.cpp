@@ -88,6 +88,7 @@ Answer compare_requests(ServiceContext &context, const Question &question) {
 				404, "there is no other request of this transaction to compare with", "", "a");
 		}
 		std::vector<const Transaction *> pointers;
+		pointers.reserve(others.size());
 		for (const Transaction &each : others) {
 			pointers.push_back(&each);
 		}

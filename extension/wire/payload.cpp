@@ -37,9 +37,10 @@ static bool kaq_append_json_member(smart_str *out, const char (&key)[size], cons
 		return false;
 	}
 	kaq_buf_literal(out, key);
-	if (!kaq_append_json_value(out, value) ||
-		(omit_empty && kaq_buf_length(out) == start + size - 1 + strlen("[]") &&
-		 memcmp(ZSTR_VAL(out->s) + start + size - 1, "[]", strlen("[]")) == 0)) {
+	bool is_written = kaq_append_json_value(out, value);
+	const char *text = ZSTR_VAL(out->s) + start + size - 1;
+	if (!is_written || (omit_empty && kaq_buf_length(out) == start + size - 1 + strlen("[]") &&
+						text[0] == '[' && text[1] == ']')) {
 		kaq_buf_cut(out, start);
 		return false;
 	}
