@@ -117,7 +117,7 @@ void FigureSums::add_facts(const Record &record, int64_t now, Rows &rows) {
 	}
 }
 
-void FigureSums::add_row(FigureKey key, Figures figures, int64_t now, Rows &rows) {
+void FigureSums::add_row(FigureKey key, const Figures &figures, int64_t now, Rows &rows) {
 	int64_t hash = key.hash();
 	auto found = rows.find(hash);
 	if (found == rows.end()) {

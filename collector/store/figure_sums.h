@@ -60,7 +60,7 @@ private:
 
 	void rename(Summary &summary, int64_t now);
 	void add_facts(const Record &record, int64_t now, Rows &rows);
-	void add_row(FigureKey key, Figures figures, int64_t now, Rows &rows);
+	void add_row(FigureKey key, const Figures &figures, int64_t now, Rows &rows);
 
 	const FigureCaps caps_;
 	mutable std::mutex mutex_;

@@ -23,7 +23,7 @@ public:
 
 	/* How many were left out since the last one that was said; nothing if this one is to be left
 	 * out too. */
-	std::optional<uint64_t> allow(const std::string &kind, Clock::time_point now);
+	std::optional<uint64_t> allow(const std::string &name, Clock::time_point now);
 
 private:
 	struct Kind {
