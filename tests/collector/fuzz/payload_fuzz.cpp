@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "ingest/payload_reader.h"
+#include "model/payload_reader.h"
 #include "util/utf8.h"
 
 static void require(bool condition) {
