@@ -65,7 +65,7 @@ kaq_cmake() {
 	kaq_forget_other_checkout "$build"
 	{
 		cmake -S "$source" -B "$build" -DKAQ_WERROR=ON "$@" &&
-			kaq_bounded 900 cmake --build "$build" -j "$(nproc)"
+			kaq_bounded 1800 cmake --build "$build" -j "$(nproc)"
 	} >>"$log" 2>&1 </dev/null
 }
 
