@@ -4,6 +4,7 @@
 
 #include "cli/client.h"
 #include "util/log.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -76,7 +77,7 @@ void Caretaker::look_for_crashes() {
 		}
 	}
 	/* What was there when something was suspended or resumed has been counted. */
-	int64_t now = now_ms();
+	int64_t now = system_time();
 	int64_t age = std::clamp<int64_t>(now - suspensions_.changed(), 0, CrashGuard::kWindow);
 	std::vector<Crash> crashes = logs_->look(now, age);
 	for (const Crash &crash : crashes) {
@@ -105,7 +106,7 @@ void Caretaker::look_at_figures() {
 		base_url = base_url_;
 	}
 	try {
-		for (const Alert &alert : engine_.look(now_ms() - kDelay)) {
+		for (const Alert &alert : engine_.look(system_time() - kDelay)) {
 			log_some(LogLevel::kWarning, "alert", alert.text);
 			webhook_.post(alert.webhook, to_json(alert, base_url));
 			std::lock_guard lock(mutex_);

@@ -11,6 +11,7 @@
 #include "query/mistake.h"
 #include "query/service.h"
 #include "store/sqlite_store.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -60,7 +61,7 @@ struct Client::Direct {
 	}
 
 	SqliteStore store;
-	ServiceContext context{store, now_ms, nullptr, nullptr};
+	ServiceContext context{store, system_time, nullptr, nullptr};
 };
 
 nlohmann::json Reply::json() const {
@@ -175,11 +176,6 @@ int fail(const Reply &reply, const std::string &query) {
 				printable(hint).c_str());
 	}
 	return reply.status == 400 ? kMisunderstood : kFailed;
-}
-
-int64_t now_ms() {
-	auto now = std::chrono::system_clock::now().time_since_epoch();
-	return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
 void print_json(const Reply &reply) {

@@ -59,9 +59,6 @@ Parameters parameters_of(const FilterOptions &options);
 /* Says on stderr what is wrong, with a hint, and under a query where; the exit status for that. */
 int fail(const Reply &reply, const std::string &query = "");
 
-/* Milliseconds since the Unix epoch. */
-int64_t now_ms();
-
 /* Prints the answer as it is. */
 void print_json(const Reply &reply);
 

@@ -22,6 +22,7 @@
 #include "store/request_view.h"
 #include "store/sqlite_store.h"
 #include "util/log.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -51,12 +52,6 @@ SqliteSettings store_settings(const Configuration &configuration) {
 	settings.documents.keeps_all = wanted.keeps_all;
 	settings.documents.time = wanted.documents_time.count();
 	return settings;
-}
-
-int64_t system_time() {
-	return std::chrono::duration_cast<std::chrono::milliseconds>(
-			   std::chrono::system_clock::now().time_since_epoch())
-		.count();
 }
 
 PipelineSettings pipeline_settings(const Configuration &configuration) {

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <set>
 
 #include <fmt/format.h>
@@ -18,6 +17,7 @@
 #include "cli/format.h"
 #include "ingest/crash_log.h"
 #include "util/unique_fd.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -40,16 +40,23 @@ std::string trimmed(const std::string &text) {
 	return begin == std::string::npos ? "" : text.substr(begin, end + 1 - begin);
 }
 
+/* Whether a line of a pool's file is "env[KAQ_ACCOUNT_KEY] = …". */
+bool sets_key(std::string line) {
+	line.erase(std::remove_if(line.begin(), line.end(),
+							  [](char each) { return each == ' ' || each == '\t'; }),
+			   line.end());
+	return line.rfind(std::string("env[") + kKeyVariable + "]=", 0) == 0;
+}
+
 /* Where a pool's own file gives its processes the key, which they have been started without. */
 void check_pools(const DoctorContext &context, CheckResults &results) {
-	static const std::regex kSetting(R"(^\s*env\[\s*KAQ_ACCOUNT_KEY\s*\]\s*=)");
 	for (const char *pattern :
 		 {"/etc/php/*/fpm/pool.d/*.conf", "/etc/php-fpm.d/*.conf", "/etc/php*/php-fpm.d/*.conf",
 		  "/usr/local/etc/php-fpm.d/*.conf", "/opt/*/etc/php-fpm.d/*.conf"}) {
 		for (const std::string &file : matching_files(context.root, pattern)) {
 			std::ifstream lines(file);
 			for (std::string line; std::getline(lines, line);) {
-				if (line.size() < 1024 && std::regex_search(line, kSetting)) {
+				if (sets_key(line)) {
 					results.push_back(
 						{Health::kProblem,
 						 file + " sets env[" + kKeyVariable + "], which comes too late",
@@ -195,7 +202,7 @@ CheckResults check_crashes(const DoctorContext &context) {
 		each.insert(0, context.root);
 	}
 	CrashLogs logs(directories);
-	int64_t now = now_ms();
+	int64_t now = system_time();
 	std::vector<Crash> crashes = logs.look(now, kDay);
 	CheckResults results;
 	for (const CrashDirectory &each : logs.directories()) {

@@ -6,6 +6,7 @@
 
 #include "cli/figure_text.h"
 #include "cli/format.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -107,7 +108,7 @@ Table failure_table(const json &rows, const Terminal &terminal) {
 					   {{"place", Align::kLeft, 12}, {"transactions", Align::kLeft, 12}});
 	}
 	Table table(std::move(columns));
-	int64_t now = now_ms();
+	int64_t now = system_time();
 	auto time = [now](const json &row, const char *name) {
 		std::string text = time_text(whole_of(row, name), now);
 		return Cell(text.substr(0, text.rfind('.')), Colour::kDim);

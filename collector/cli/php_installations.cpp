@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -21,10 +20,33 @@ namespace {
 constexpr size_t kMostInstallations = 32;
 constexpr size_t kLongestValue = 1024;
 
+std::string without_tags(std::string_view cell) {
+	std::string text;
+	while (!cell.empty()) {
+		size_t begin = cell.find('<');
+		size_t end = cell.find('>', begin);
+		if (begin == cell.npos || end == cell.npos) {
+			break;
+		}
+		text.append(cell.substr(0, begin));
+		cell.remove_prefix(end + 1);
+	}
+	return text.append(cell);
+}
+
+/* php, php-fpm or php-cgi, which a version may follow. */
+bool is_php_name(std::string_view name) {
+	for (std::string_view prefix : {"php-fpm", "php-cgi", "php"}) {
+		if (name.substr(0, prefix.size()) == prefix) {
+			return name.find_first_not_of("0123456789.", prefix.size()) == name.npos;
+		}
+	}
+	return false;
+}
+
 /* Without what may be tags and entities of a page. */
 std::string plain(const std::string &cell) {
-	static const std::regex kTag("<[^>]*>");
-	std::string text = std::regex_replace(cell, kTag, "");
+	std::string text = without_tags(cell);
 	for (const auto &[entity, character] :
 		 {std::pair("&lt;", "<"), std::pair("&gt;", ">"), std::pair("&quot;", "\""),
 		  std::pair("&#039;", "'"), std::pair("&amp;", "&")}) {
@@ -140,7 +162,6 @@ std::map<std::string, std::string> read_phpinfo(std::string_view text) {
 }
 
 std::vector<PhpInstallation> find_php(const std::string &root, bool is_superuser) {
-	static const std::regex kName(R"(php(-fpm|-cgi)?[0-9.]*)");
 	std::vector<PhpInstallation> installations;
 	std::set<std::string> seen;
 	for (const std::string &directory : directories(root)) {
@@ -149,7 +170,7 @@ std::vector<PhpInstallation> find_php(const std::string &root, bool is_superuser
 		for (std::filesystem::directory_iterator entry(directory, error), end;
 			 !error && entry != end; entry.increment(error)) {
 			std::string name = entry->path().filename().string();
-			if (std::regex_match(name, kName)) {
+			if (is_php_name(name)) {
 				names.push_back(name);
 			}
 		}

@@ -4,6 +4,7 @@
 
 #include "cli/client.h"
 #include "cli/format.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -49,7 +50,7 @@ void add_request(Table &table, const nlohmann::json &request) {
 	std::string name = request.value("method", "") + " " + request.value("name", "");
 	table.add(
 		{{request.value("id", ""), Colour::kCyan},
-		 {time_text(number(request, "start_ms"), now_ms()), Colour::kDim},
+		 {time_text(number(request, "start_ms"), system_time()), Colour::kDim},
 		 {is_web ? std::to_string(number(request, "status")) : "-", colour_of_request(request)},
 		 duration_text(number(request, "duration_ms")),
 		 duration_or_nothing(number(request, "query_ms")),

@@ -11,6 +11,7 @@
 #include "cli/format.h"
 #include "cli/live_screen.h"
 #include "util/units.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -167,7 +168,7 @@ int top_once(const TopOptions &options) {
 }
 
 std::string clock_text() {
-	return time_text(now_ms(), now_ms()).substr(0, 8);
+	return time_text(system_time(), system_time()).substr(0, 8);
 }
 
 int top_live(const TopOptions &options) {

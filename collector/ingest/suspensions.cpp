@@ -14,6 +14,7 @@
 #include "util/log.h"
 #include "util/query_string.h"
 #include "util/unique_fd.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -35,11 +36,6 @@ std::string field_of(const std::string &text) {
 		}
 	}
 	return field;
-}
-
-int64_t system_now() {
-	auto now = std::chrono::system_clock::now().time_since_epoch();
-	return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
 bool read_line(const std::string &line, Suspension &suspension) {
@@ -124,7 +120,7 @@ uint64_t Suspensions::version() const {
 /* The old file stays until the new one is whole. */
 void Suspensions::keep() {
 	version_++;
-	changed_ = system_now();
+	changed_ = system_time();
 	std::string text;
 	for (const Suspension &each : all_) {
 		text += line_of(each);

@@ -80,18 +80,18 @@ void FigureFile::write_key(int64_t hash, const FigureKey &key) {
 	add_key_.reset();
 }
 
-void FigureFile::add_asked(int64_t time, const AskedCount &count) {
+void FigureFile::add_asked(const AskedSums::value_type &row) {
+	const auto &[time, application, name] = row.first;
 	add_asked_.bind(1, time);
-	add_asked_.bindNoCopy(2, count.application);
-	add_asked_.bindNoCopy(3, count.name);
-	add_asked_.bind(4, count.asked);
-	add_asked_.bind(5, count.monitored);
+	add_asked_.bindNoCopy(2, application);
+	add_asked_.bindNoCopy(3, name);
+	add_asked_.bind(4, row.second.asked);
+	add_asked_.bind(5, row.second.monitored);
 	add_asked_.exec();
 	add_asked_.reset();
 }
 
-void FigureFile::write(const std::vector<FigurePeriod> &minutes,
-					   const std::vector<std::pair<int64_t, AskedCount>> &asked) {
+void FigureFile::write(const std::vector<FigurePeriod> &minutes, const AskedSums &asked) {
 	database_->exec("BEGIN IMMEDIATE");
 	try {
 		for (const FigurePeriod &minute : minutes) {
@@ -101,8 +101,8 @@ void FigureFile::write(const std::vector<FigurePeriod> &minutes,
 				hours_->add(minute.time - minute.time % kHour, hash, row);
 			}
 		}
-		for (const auto &[time, count] : asked) {
-			add_asked(time - time % kMinute, count);
+		for (const auto &row : asked) {
+			add_asked(row);
 		}
 		database_->exec("COMMIT");
 	} catch (const SQLite::Exception &) {

@@ -5,8 +5,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <unordered_set>
 #include <vector>
 
@@ -24,6 +26,13 @@ struct FigureRetention {
 	int64_t most_bytes = 512LL * 1024 * 1024;
 };
 
+/* By minute, application and name. */
+struct AskedSum {
+	int64_t asked = 0;
+	int64_t monitored = 0;
+};
+using AskedSums = std::map<std::tuple<int64_t, std::string, std::string>, AskedSum>;
+
 /* Writes. One thread; everything throws SQLite::Exception. */
 class FigureFile {
 public:
@@ -31,8 +40,7 @@ public:
 	~FigureFile();
 
 	/* Adds to what is there, in one transaction, all or nothing. */
-	void write(const std::vector<FigurePeriod> &minutes,
-			   const std::vector<std::pair<int64_t, AskedCount>> &asked);
+	void write(const std::vector<FigurePeriod> &minutes, const AskedSums &asked);
 	void add_mark(const Mark &mark);
 	/* Deletes what is too old, and the oldest of what is too much. Bounded in time: the rest at the
 	 * next call. */
@@ -42,7 +50,7 @@ private:
 	struct Table;
 
 	void write_key(int64_t hash, const FigureKey &key);
-	void add_asked(int64_t time, const AskedCount &count);
+	void add_asked(const AskedSums::value_type &row);
 	bool delete_before(const std::string &table, int64_t time);
 	int64_t end_of_times(const std::string &table, const std::string &end, int kind);
 	void delete_oldest(const FigureRetention &retention);

@@ -152,6 +152,23 @@ std::vector<FigurePeriod> FigureSums::take() {
 	return periods;
 }
 
+void FigureSums::put_back(std::vector<FigurePeriod> periods) {
+	std::lock_guard lock(mutex_);
+	for (FigurePeriod &period : periods) {
+		Rows &rows = minutes_[period.time];
+		for (auto &[hash, row] : period.rows) {
+			auto [place, is_new] = rows.try_emplace(hash);
+			if (is_new) {
+				place->second.key = std::move(row.key);
+			}
+			place->second.figures.add(row.figures);
+		}
+	}
+	while (minutes_.size() > kMostMinutes) {
+		minutes_.erase(minutes_.begin());
+	}
+}
+
 int64_t FigureSums::renamed() const {
 	std::lock_guard lock(mutex_);
 	return renamed_;

@@ -34,6 +34,8 @@ struct FigurePeriod {
 
 class FigureSums {
 public:
+	static constexpr size_t kMostMinutes = 60;
+
 	explicit FigureSums(FigureCaps caps) : caps_(caps), applications_(caps.applications) {
 	}
 
@@ -44,6 +46,8 @@ public:
 	void add(Record &record, int64_t now);
 	/* All that was added since the last call. */
 	std::vector<FigurePeriod> take();
+	/* What was taken and could not be written. Of more than kMostMinutes the oldest go. */
+	void put_back(std::vector<FigurePeriod> periods);
 	/* Requests that were renamed. */
 	int64_t renamed() const;
 

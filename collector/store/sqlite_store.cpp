@@ -7,6 +7,7 @@
 #include <future>
 
 #include "store/schema.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -20,14 +21,9 @@ constexpr int64_t kRetainEvery = 10 * 1000;
 constexpr size_t kMostTextsInFile = 300000;
 /* Connections kept open: more than the files of the longest usual retention. */
 constexpr size_t kIdleConnections = 256;
-/* Figures that could not be written wait for better times, up to so many minutes. */
-constexpr size_t kMostUnwritten = 60;
-
-int64_t system_time() {
-	return std::chrono::duration_cast<std::chrono::milliseconds>(
-			   std::chrono::system_clock::now().time_since_epoch())
-		.count();
-}
+constexpr int64_t kMinute = 60 * 1000;
+/* Rows that wait while the file cannot be written. */
+constexpr size_t kMostAsked = 100000;
 
 std::string made_directory(const std::string &directory) {
 	std::error_code error;
@@ -112,9 +108,25 @@ void SqliteStore::put(Record record) {
 }
 
 void SqliteStore::put_asked(int64_t time, const std::vector<AskedCount> &counts) {
-	std::lock_guard lock(mutex_);
+	AskedSums sums;
 	for (const AskedCount &count : counts) {
-		asked_.emplace_back(time, count);
+		AskedSum &sum = sums[{time - time % kMinute, count.application, count.name}];
+		sum.asked += count.asked;
+		sum.monitored += count.monitored;
+	}
+	std::lock_guard lock(mutex_);
+	add_asked(sums);
+}
+
+/* REQUIRES: the lock. Of too many the oldest go. */
+void SqliteStore::add_asked(const AskedSums &sums) {
+	for (const auto &[key, sum] : sums) {
+		AskedSum &mine = asked_[key];
+		mine.asked += sum.asked;
+		mine.monitored += sum.monitored;
+	}
+	while (asked_.size() > kMostAsked) {
+		asked_.erase(asked_.begin());
 	}
 }
 
@@ -250,34 +262,31 @@ void SqliteStore::write_requests(std::deque<Record> &records) {
 	lost_ += static_cast<int64_t>(records.size());
 }
 
+/* What cannot be written is added to what comes next. */
 void SqliteStore::write_figures() {
 	std::vector<FigurePeriod> periods = sums_.take();
-	unwritten_.insert(unwritten_.end(), std::make_move_iterator(periods.begin()),
-					  std::make_move_iterator(periods.end()));
+	AskedSums asked;
 	{
 		std::lock_guard lock(mutex_);
-		unwritten_asked_.insert(unwritten_asked_.end(), asked_.begin(), asked_.end());
-		asked_.clear();
+		asked.swap(asked_);
 	}
-	if (unwritten_.empty() && unwritten_asked_.empty()) {
+	if (periods.empty() && asked.empty()) {
 		return;
 	}
 	try {
 		if (!figure_file_) {
 			figure_file_ = std::make_unique<FigureFile>(figure_path());
 		}
-		figure_file_->write(unwritten_, unwritten_asked_);
-		unwritten_.clear();
-		unwritten_asked_.clear();
+		figure_file_->write(periods, asked);
 	} catch (const SQLite::Exception &error) {
 		figure_file_.reset();
 		is_writing_ = false;
 		if (is_damage(error)) {
 			files_.put_aside({figure_path(), 0, false}, error.what());
 		}
-		if (unwritten_.size() > kMostUnwritten) {
-			unwritten_.erase(unwritten_.begin());
-		}
+		sums_.put_back(std::move(periods));
+		std::lock_guard lock(mutex_);
+		add_asked(asked);
 	}
 }
 

@@ -76,6 +76,7 @@ private:
 	void open_file();
 	void recover(const SQLite::Exception &error);
 	void write_figures();
+	void add_asked(const AskedSums &sums);
 	void retain();
 	void copy_to_pinned(const std::vector<std::string> &ids);
 	std::vector<std::string> ids_of(const std::string &id);
@@ -104,7 +105,7 @@ private:
 	std::condition_variable wake_;
 	std::deque<Record> queue_;
 	std::deque<Task> tasks_;
-	std::vector<std::pair<int64_t, AskedCount>> asked_;
+	AskedSums asked_;
 	std::unordered_set<std::string> pinned_;
 	DocumentBudget budget_;
 	int64_t queued_bytes_ = 0;
@@ -114,8 +115,6 @@ private:
 	std::unique_ptr<RequestFile> file_;
 	File file_info_;
 	std::unique_ptr<FigureFile> figure_file_;
-	std::vector<FigurePeriod> unwritten_;
-	std::vector<std::pair<int64_t, AskedCount>> unwritten_asked_;
 	int64_t retained_ = 0;
 
 	std::atomic<int64_t> put_{0};

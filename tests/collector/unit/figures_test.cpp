@@ -327,9 +327,28 @@ TEST_F(FiguresTest, StartsThatCannotBeCountAsNow) {
 	EXPECT_EQ(read(search)["/cart"].count, 3);
 }
 
+TEST_F(FiguresTest, WhatCouldNotBeWrittenIsAddedToWhatComesNext) {
+	put(record(1, kNow));
+	std::vector<FigurePeriod> taken = sums_.take();
+	put(record(2, kNow));
+	sums_.put_back(std::move(taken));
+	write();
+	EXPECT_EQ(read({})["/cart"].count, 2);
+	for (int64_t minute = 0; minute < 70; minute++) {
+		now_ = kNow + minute * kMinute;
+		Record one = record(minute, now_);
+		one.summary.name = "/late";
+		put(one);
+		sums_.put_back(sums_.take());
+	}
+	std::vector<FigurePeriod> kept = sums_.take();
+	ASSERT_EQ(kept.size(), FigureSums::kMostMinutes);
+	EXPECT_EQ(kept.back().time, kNow + 69 * kMinute) << "the newest stay";
+}
+
 TEST_F(FiguresTest, AskedCountsAddUp) {
-	file_.write({}, {{kNow, {"shop", "/cart", 10, 1}}, {kNow + 1, {"shop", "/cart", 5, 2}}});
-	file_.write({}, {{kNow + kMinute, {"blog", "/", 7, 7}}, {kNow, {"shop", "/cart", 1, 1}}});
+	file_.write({}, {{{kNow, "shop", "/cart"}, {15, 3}}});
+	file_.write({}, {{{kNow + kMinute, "blog", "/"}, {7, 7}}, {{kNow, "shop", "/cart"}, {1, 1}}});
 	auto counts = read_asked(*open_to_read(path_), {kNow, kNow + kMinute}, "");
 	ASSERT_EQ(counts.size(), 1u);
 	EXPECT_EQ(counts[0].asked, 16);

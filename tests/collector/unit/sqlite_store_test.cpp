@@ -344,6 +344,23 @@ TEST_F(SqliteStoreTest, AFullDiskLosesCountedRequestsAndNothingElse) {
 	EXPECT_EQ(store().figures({}).at(0).figures.count, 42);
 }
 
+TEST_F(SqliteStoreTest, FiguresOfMinutesWithoutAFileAreWrittenWhenThereIsOne) {
+	store();
+	std::string path = settings_.directory + "/figures.sqlite";
+	std::filesystem::create_directory(path);
+	for (int i = 0; i < 100; i++) {
+		put(record(i, now_));
+		store().put_asked(now_, {{"shop", "/cart", 2, 1}});
+		store().flush();
+		now_ += i % 10 ? 0 : kMinute;
+	}
+	EXPECT_FALSE(store().status().is_writing);
+	std::filesystem::remove(path);
+	store().flush();
+	EXPECT_EQ(store().figures({}).at(0).figures.count, 100);
+	EXPECT_EQ(store().asked({}, "").at(0).asked, 200);
+}
+
 TEST_F(SqliteStoreTest, WorksOnWhenTheClockStepsBack) {
 	put(record(1, now_));
 	store().flush();
