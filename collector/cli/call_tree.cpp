@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <unordered_map>
+#include <unordered_set>
 
 #include <nlohmann/json.hpp>
 
@@ -40,6 +41,11 @@ public:
 			add_request(answer);
 		}
 		is_trace_ = requests_.size() > 1;
+		for (const json *request : requests_) {
+			if (request->contains("caller")) {
+				mark_leading(request->at("caller"));
+			}
+		}
 		for (const json &step : answer.value("critical_path", json::array())) {
 			Ref ref{step.value("request", size_t{0}), step.value("span", size_t{0})};
 			held_up_[key(ref)].emplace_back(number(step, "from_ms"), number(step, "to_ms"));
@@ -82,6 +88,18 @@ private:
 			const json &caller = request.at("caller");
 			children_[key({caller.at("request"), caller.at("span")})].push_back({at, 0});
 		}
+	}
+
+	/* A call that another service's request came from, and the calls around it. */
+	void mark_leading(const json &caller) {
+		Ref ref{caller.at("request"), caller.at("span")};
+		while (leading_.insert(key(ref)).second && number(span(ref), "parent") >= 0) {
+			ref.span = static_cast<size_t>(number(span(ref), "parent"));
+		}
+	}
+
+	bool leads_to_service(Ref ref) const {
+		return leading_.count(key(ref)) > 0;
 	}
 
 	const json &span(Ref ref) const {
@@ -168,11 +186,7 @@ private:
 			return;
 		}
 		if (depth >= kDeepestTree) {
-			CallNode deeper;
-			sum_up(deeper, calls);
-			deeper.label = "deeper calls";
-			deeper.is_summed_up = true;
-			node.children.push_back(std::move(deeper));
+			node.children.push_back(deeper_node(calls, depth));
 			return;
 		}
 		std::stable_sort(calls.begin(), calls.end(),
@@ -186,13 +200,37 @@ private:
 			[](const CallNode &one, const CallNode &other) { return one.from < other.from; });
 	}
 
+	/* What is too deep, as one node above the services that were called there. */
+	CallNode deeper_node(const std::vector<Ref> &calls, size_t depth) const {
+		CallNode deeper;
+		sum_up(deeper, calls);
+		deeper.label = "deeper calls";
+		deeper.is_summed_up = true;
+		std::vector<Ref> inside = calls;
+		while (!inside.empty()) {
+			Ref ref = inside.back();
+			inside.pop_back();
+			if (ref.span == 0) {
+				deeper.children.push_back(node_of({ref}, depth + 1));
+			} else if (leads_to_service(ref)) {
+				const std::vector<Ref> &next = children_.at(key(ref));
+				inside.insert(inside.end(), next.begin(), next.end());
+			}
+		}
+		std::stable_sort(
+			deeper.children.begin(), deeper.children.end(),
+			[](const CallNode &one, const CallNode &other) { return one.from < other.from; });
+		return deeper;
+	}
+
 	/* Takes the calls out that tell nothing one by one, and adds a node for each kind. */
 	void add_silent(CallNode &node, std::vector<Ref> &calls) const {
 		std::map<std::string, std::vector<Ref>> silent;
 		std::vector<Ref> others;
 		for (Ref ref : calls) {
 			std::string fold = text(span(ref), "fold");
-			(fold.empty() ? others : silent[fold]).push_back(ref);
+			bool is_telling = fold.empty() || leads_to_service(ref);
+			(is_telling ? others : silent[fold]).push_back(ref);
 		}
 		for (const auto &[fold, refs] : silent) {
 			CallNode summed;
@@ -231,12 +269,14 @@ private:
 	std::vector<const json *> requests_;
 	std::unordered_map<uint64_t, std::vector<Ref>> children_;
 	std::unordered_map<uint64_t, std::vector<std::pair<int64_t, int64_t>>> held_up_;
+	std::unordered_set<uint64_t> leading_; /* calls within which another service was called */
 	bool is_trace_ = false;
 };
 
-bool has_failure(const CallNode &node) {
-	return node.is_failed || !node.failures.empty() ||
-		   std::any_of(node.children.begin(), node.children.end(), has_failure);
+/* It or what it calls has to be seen, however short it is. */
+bool is_notable(const CallNode &node) {
+	return node.is_failed || !node.failures.empty() || node.layer == "service" ||
+		   std::any_of(node.children.begin(), node.children.end(), is_notable);
 }
 
 int64_t calls_of(const CallNode &node) {
@@ -255,7 +295,7 @@ void sum_up_small(CallNode &node, int64_t least) {
 	std::vector<CallNode> kept;
 	std::vector<CallNode> small;
 	for (CallNode &child : node.children) {
-		bool is_small = child.total < least && child.layer != "service" && !has_failure(child);
+		bool is_small = child.total < least && !is_notable(child);
 		(is_small ? small : kept).push_back(std::move(child));
 	}
 	if (small.size() == 1) {

@@ -36,7 +36,8 @@ constexpr size_t kDeepestTree = 100;
 /* `answer` is that of /api/v1/trace, or of /api/v1/request with spans. */
 std::vector<CallNode> call_trees(const nlohmann::json &answer);
 
-/* Sums up small calls, which are neither failed nor call what is, until about `rows` are left. */
+/* Sums up small calls until about `rows` are left; never failures, requests of other services, and
+ * the calls that lead to them. */
 void prune(std::vector<CallNode> &trees, size_t rows);
 
 /* Of rows that are shown for them. */

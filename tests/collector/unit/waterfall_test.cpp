@@ -31,6 +31,36 @@ Transaction cart(int items) {
 	return request.close().runs("render", 20).done();
 }
 
+json request_of_trace(const Transaction &transaction, const std::string &application, int64_t at) {
+	json each = {{"request", {{"application", application}, {"method", "POST"}, {"path", "/"}}}};
+	each["spans"] = spans_json(transaction);
+	each["start_ms"] = at;
+	return each;
+}
+
+/* A request, and of each of these spans of it one of another service that it called. */
+json trace_of(const Transaction &transaction, const std::vector<int> &callers) {
+	json requests = json::array({request_of_trace(transaction, "shop", 0)});
+	Request callee("/");
+	callee.works(3);
+	Transaction called = callee.done();
+	for (int span : callers) {
+		int64_t at = requests[0]["spans"][static_cast<size_t>(span)]["start_ms"];
+		json each = request_of_trace(called, "mail" + std::to_string(span), at);
+		each["caller"] = {{"request", 0}, {"span", span}};
+		requests.push_back(std::move(each));
+	}
+	return {{"requests", std::move(requests)}};
+}
+
+size_t count_services(const std::vector<CallNode> &nodes) {
+	size_t count = 0;
+	for (const CallNode &node : nodes) {
+		count += (node.layer == "service" ? 1 : 0) + count_services(node.children);
+	}
+	return count;
+}
+
 Terminal terminal_of(int width) {
 	Terminal terminal;
 	terminal.width = width;
@@ -106,6 +136,61 @@ TEST(CallTree, PrunesSmallCallsAndNoFailures) {
 	}
 	EXPECT_EQ(small, 100);
 	EXPECT_EQ(count_rows(trees), 1u + 1 + 2 + 1);
+}
+
+TEST(CallTree, PrunesNoRequestOfAnotherService) {
+	Request request("/");
+	std::vector<int> callers;
+	for (int i = 0; i < 30; i++) {
+		request.open("small" + std::to_string(i)).open("Queue::push").works(1);
+		request.call("http://mail/", 0).close().close();
+		if (i % 3 == 0) {
+			callers.push_back(6 + 6 * i);
+		}
+	}
+	request.runs("large", 900);
+	Transaction transaction = request.done();
+	ASSERT_EQ(transaction.spans[static_cast<size_t>(callers[1])].name, "curl_exec");
+	std::vector<CallNode> trees = call_trees(trace_of(transaction, callers));
+	ASSERT_EQ(count_services(trees), 11u);
+	size_t rows = count_rows(trees);
+	prune(trees, 40);
+	EXPECT_LT(count_rows(trees), rows);
+	EXPECT_EQ(count_services(trees), 11u);
+}
+
+TEST(CallTree, PrunesNoSmallCallOfAnotherServiceThatIsAlone) {
+	Request request("/");
+	request.open("push").call("http://mail/", 0).close();
+	for (int i = 0; i < 20; i++) {
+		request.open("f" + std::to_string(i)).works(50);
+	}
+	std::vector<CallNode> trees = call_trees(trace_of(request.done(), {5}));
+	ASSERT_EQ(count_services(trees), 2u);
+	prune(trees, 5);
+	EXPECT_EQ(count_services(trees), 2u);
+}
+
+TEST(CallTree, FoldsNoTransferThatReachedAnotherService) {
+	Request request("/");
+	request.open("curl_multi_exec", "HTTP").close().open("curl_multi_exec", "HTTP").close();
+	request.open("curl_multi_exec", "HTTP").close();
+	Transaction transaction = request.done();
+	ASSERT_EQ(call_trees(answer_of(transaction))[0].children.size(), 1u);
+	std::vector<CallNode> trees = call_trees(trace_of(transaction, {2}));
+	EXPECT_EQ(count_services(trees), 2u);
+	EXPECT_EQ(trees[0].children.size(), 2u);
+}
+
+TEST(CallTree, ShowsServicesBelowWhatIsTooDeep) {
+	Request request("/");
+	for (int i = 0; i < 1000; i++) {
+		request.open("f" + std::to_string(i));
+	}
+	request.works(5);
+	std::vector<CallNode> trees = call_trees(trace_of(request.done(), {1000, 300}));
+	EXPECT_EQ(count_services(trees), 3u);
+	EXPECT_LE(count_rows(trees), kDeepestTree + 4);
 }
 
 TEST(Waterfall, IsAsWideAsTheTerminal) {
