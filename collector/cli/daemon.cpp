@@ -170,8 +170,8 @@ void Daemon::tell_services() {
 }
 
 void Daemon::open_metrics() {
-	metrics_.open({handshake_->counts(), data_->counts(), pipeline_->counts(), *probe_, budget_,
-				   *pipeline_, overload_, request_metrics_, *store_, system_time()});
+	metrics_.open({*handshake_, *data_, *http_, pipeline_->counts(), *probe_, budget_, *pipeline_,
+				   overload_, request_metrics_, *store_, system_time()});
 }
 
 void Daemon::publish_facts() {

@@ -69,7 +69,11 @@ private:
 };
 
 void add_ports(MetricsWriter &to, const MetricsSources &from) {
-	const HandshakeCounts &handshakes = from.handshakes;
+	to.family("kaq_connections", MetricType::Gauge, "Connections that are open, by port.");
+	to.add({{"port", "handshake"}}, static_cast<double>(from.handshakes.open_connections()));
+	to.add({{"port", "data"}}, static_cast<double>(from.payloads.open_connections()));
+	to.add({{"port", "http"}}, static_cast<double>(from.http.open_connections()));
+	const HandshakeCounts &handshakes = from.handshakes.counts();
 	to.counter("kaq_handshakes_answered_total", "Handshakes that got their answer.",
 			   handshakes.answered);
 	to.family("kaq_handshakes_refused_total", MetricType::Counter,
@@ -77,7 +81,7 @@ void add_ports(MetricsWriter &to, const MetricsSources &from) {
 	to.add({{"reason", "too-many"}}, handshakes.refused);
 	to.add({{"reason", "network"}}, handshakes.foreign);
 	to.add({{"reason", "late"}}, handshakes.late);
-	const DataCounts &payloads = from.payloads;
+	const DataCounts &payloads = from.payloads.counts();
 	to.counter("kaq_payloads_received_total", "Connections whose payload was received whole.",
 			   payloads.received);
 	to.counter("kaq_payload_bytes_total", "Bytes of these.", payloads.bytes);

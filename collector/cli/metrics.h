@@ -1,6 +1,6 @@
 /*
  * What the running collector tells programs that watch it, in the text format of Prometheus;
- * docs/metrics.md has a table of it.
+ * docs/figures.md has a table of it.
  */
 #pragma once
 
@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "http/http_server.h"
 #include "ingest/overload_control.h"
 #include "ingest/pipeline.h"
 #include "ingest/request_metrics.h"
@@ -20,8 +21,9 @@
 namespace kaq {
 
 struct MetricsSources {
-	const HandshakeCounts &handshakes;
-	const DataCounts &payloads;
+	const HandshakeServer &handshakes;
+	const DataServer &payloads;
+	const HttpServer &http;
 	const PipelineCounts &read;
 	const HandshakeProbe &probe;
 	const MemoryBudget &memory;

@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <system_error>
@@ -47,7 +48,7 @@ struct Shared {
 	HttpSettings settings;
 	HttpServer::Handler handler;
 	LiveFeed &feed;
-	size_t connections = 0;
+	std::atomic<size_t> connections{0};
 	size_t work = 0; /* that is being done or waits */
 	asio::thread_pool *workers = nullptr;
 };
@@ -364,6 +365,10 @@ HttpServer::~HttpServer() {
 
 uint16_t HttpServer::port() const {
 	return state_->tcp.local_endpoint().port();
+}
+
+size_t HttpServer::open_connections() const {
+	return state_->shared.connections;
 }
 
 void HttpServer::start() {

@@ -62,6 +62,8 @@ public:
 	HttpServer &operator=(const HttpServer &) = delete;
 
 	uint16_t port() const;
+	/* Connections that are open, also those of the socket. Any thread. */
+	size_t open_connections() const;
 	void start();
 
 private:

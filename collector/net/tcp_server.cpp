@@ -216,6 +216,7 @@ void TcpServer::admit(UniqueFd fd, const sockaddr &peer) {
 		return;
 	}
 	loop_.watch(number, EPOLLIN, this);
+	open_connections_.fetch_add(1, std::memory_order_relaxed);
 	/* What has come already need not wait for the next turn of the loop. */
 	read_from(connections_.emplace(number, std::move(connection)).first->second);
 }
@@ -327,6 +328,7 @@ void TcpServer::end(Connection &connection) {
 	on_closed(connection);
 	loop_.forget(fd);
 	connections_.erase(fd);
+	open_connections_.fetch_sub(1, std::memory_order_relaxed);
 }
 
 } // namespace kaq

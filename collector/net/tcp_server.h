@@ -58,6 +58,10 @@ public:
 	uint64_t beats() const {
 		return beats_.load(std::memory_order_relaxed);
 	}
+	/* Connections that are open. Any thread. */
+	size_t open_connections() const {
+		return open_connections_.load(std::memory_order_relaxed);
+	}
 	/* New connections are refused soon; those that are open go on. Any thread. */
 	void stop_listening();
 	/* Waits until that is so and no connection is left; false if the time is up before. Any thread
@@ -133,6 +137,7 @@ private:
 	std::atomic<std::vector<Network> *> next_networks_{nullptr};
 	std::atomic<uint64_t> beats_{0};
 	std::unordered_map<int, Connection> connections_;
+	std::atomic<size_t> open_connections_{0};
 	std::atomic<bool> is_to_stop_listening_{false};
 	std::atomic<bool> is_drained_{false}; /* and nobody listens */
 	std::thread thread_;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "store/request_reading.h"
 #include "store/schema.h"
 #include "util/varint.h"
 
@@ -76,6 +77,7 @@ void RequestFile::load_names() {
 		first_ = range.getColumn(0).getInt64();
 		last_ = range.getColumn(1).getInt64();
 	}
+	counts_ = count_file(*database_);
 	next_row_ = next_of("requests", "row");
 	next_name_ = next_of("names", "id");
 	next_text_ = next_of("texts", "id");
@@ -203,14 +205,15 @@ void RequestFile::add(const Record &record) {
 	add_request_.bindNoCopy(24, record.verdict.sentence);
 	add_request_.bindNoCopy(25, summary.path);
 	run(add_request_);
+	counts_.requests++;
 	if (!record.document.empty()) {
 		add_document_.bind(1, row);
 		add_document_.bindNoCopy(2, record.document.data(),
 								 static_cast<int>(record.document.size()));
 		run(add_document_);
+		counts_.documents++;
 	}
 	note_start(summary.start);
-	added_++;
 }
 
 } // namespace kaq

@@ -14,6 +14,7 @@
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Statement.h>
 
+#include "store/part_counts.h"
 #include "store/record.h"
 
 namespace kaq {
@@ -44,9 +45,9 @@ public:
 	/* Undoes what came after begin(), as far as that is possible. */
 	void roll_back() noexcept;
 
-	/* Since the file was opened. */
-	int64_t added() const {
-		return added_;
+	/* What the file holds, with what was added. */
+	RowCounts counts() const {
+		return counts_;
 	}
 	/* Distinct texts; the memory that this takes grows with them. */
 	size_t texts() const {
@@ -77,7 +78,7 @@ private:
 	int64_t next_name_ = 1;
 	int64_t next_text_ = 1;
 	int64_t next_set_ = 1;
-	int64_t added_ = 0;
+	RowCounts counts_;
 	int64_t first_ = INT64_MAX;
 	int64_t last_ = INT64_MIN;
 	bool is_range_new_ = false;

@@ -198,11 +198,9 @@ std::vector<int64_t> rows_of_trace(SQLite::Database &database, const std::string
 	return rows;
 }
 
-StoreStatus::Part count_file(SQLite::Database &database) {
-	StoreStatus::Part part;
-	part.requests = database.execAndGet("SELECT count(*) FROM requests").getInt64();
-	part.documents = database.execAndGet("SELECT count(*) FROM documents").getInt64();
-	return part;
+RowCounts count_file(SQLite::Database &database) {
+	return {database.execAndGet("SELECT count(*) FROM requests").getInt64(),
+			database.execAndGet("SELECT count(*) FROM documents").getInt64()};
 }
 
 } // namespace kaq

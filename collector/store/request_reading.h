@@ -10,6 +10,7 @@
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Statement.h>
 
+#include "store/part_counts.h"
 #include "store/store.h"
 
 namespace kaq {
@@ -51,6 +52,6 @@ std::optional<std::string> find_trace(SQLite::Database &database, const std::str
 std::vector<int64_t> rows_of_trace(SQLite::Database &database, const std::string &trace_id);
 
 /* How many requests and documents there are. */
-StoreStatus::Part count_file(SQLite::Database &database);
+RowCounts count_file(SQLite::Database &database);
 
 } // namespace kaq

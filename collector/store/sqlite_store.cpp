@@ -228,6 +228,7 @@ void SqliteStore::write_batch(std::deque<Record> &records) {
 		file_->add(record);
 	}
 	file_->commit();
+	counts_.set(file_info_.path, file_->counts());
 }
 
 /* What is damaged is put aside, and for what has no room older things make some; then it is tried

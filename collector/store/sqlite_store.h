@@ -17,6 +17,7 @@
 #include "store/document_budget.h"
 #include "store/figure_file.h"
 #include "store/figure_sums.h"
+#include "store/part_counts.h"
 #include "store/request_directory.h"
 #include "store/request_file.h"
 #include "store/store.h"
@@ -80,11 +81,15 @@ private:
 	void retain();
 	void copy_to_pinned(const std::vector<std::string> &ids);
 	std::vector<std::string> ids_of(const std::string &id);
+	int64_t delete_requests(const std::string &path, const Filter &filter);
 	void load_pinned();
 
 	/* Visits files, newest first, until visit(connection, file) returns false. A damaged one is put
 	 * aside. */
 	void visit_files(const std::function<bool(SQLite::Database &, const File &)> &visit);
+	bool visit_file(const File &file,
+					const std::function<bool(SQLite::Database &, const File &)> &visit);
+	std::optional<RowCounts> counts_of(const File &file);
 	template <typename Read> auto read_figure_file(Read read);
 	struct Candidate {
 		int64_t rank;
@@ -99,6 +104,7 @@ private:
 	const SqliteSettings settings_;
 	DatabasePool pool_;
 	RequestDirectory files_;
+	PartCounts counts_;
 	FigureSums sums_;
 
 	std::mutex mutex_; /* of the following */

@@ -34,7 +34,7 @@ void drop_orphans(SQLite::Database &database) {
 	database.exec("INSERT INTO texts_index(texts_index) VALUES('rebuild')");
 }
 
-int64_t delete_requests(const std::string &path, const Filter &filter) {
+int64_t delete_from(const std::string &path, const Filter &filter) {
 	auto database = open_to_write(path, kRequestTables);
 	SqlCondition condition = to_sql(filter, *database);
 	database->exec("BEGIN IMMEDIATE");
@@ -56,6 +56,18 @@ int64_t delete_requests(const std::string &path, const Filter &filter) {
 }
 
 } // namespace
+
+int64_t SqliteStore::delete_requests(const std::string &path, const Filter &filter) {
+	pool_.forget(path);
+	try {
+		int64_t deleted = delete_from(path, filter);
+		counts_.forget(path);
+		return deleted;
+	} catch (...) {
+		counts_.forget(path);
+		throw;
+	}
+}
 
 void SqliteStore::load_pinned() {
 	std::lock_guard lock(mutex_);
@@ -107,6 +119,7 @@ void SqliteStore::copy_to_pinned(const std::vector<std::string> &ids) {
 		}
 	}
 	pinned.commit();
+	counts_.forget(files_.pinned_path());
 	std::lock_guard lock(mutex_);
 	pinned_.insert(ids.begin(), ids.end());
 }
@@ -127,7 +140,6 @@ bool SqliteStore::unpin(const std::string &id) {
 		for (const std::string &one : ids) {
 			Filter filter;
 			filter.condition = {TextIs{TextField::kId, glob_of(one)}};
-			pool_.forget(files_.pinned_path());
 			was_pinned = delete_requests(files_.pinned_path(), filter) > 0 || was_pinned;
 		}
 		load_pinned();
@@ -150,7 +162,6 @@ int64_t SqliteStore::forget(const Filter &filter) {
 		/* The newest file is written on with what is left in it. */
 		file_.reset();
 		for (const File &file : files_.files()) {
-			pool_.forget(file.path);
 			deleted += delete_requests(file.path, filter);
 		}
 		load_pinned();

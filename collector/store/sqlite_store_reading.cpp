@@ -31,23 +31,29 @@ bool is_identifier(const std::string &text) {
 
 void SqliteStore::visit_files(const std::function<bool(SQLite::Database &, const File &)> &visit) {
 	for (const File &file : files_.files()) {
-		try {
-			DatabasePool::Lease lease = pool_.lease(file.path);
-			try {
-				if (!visit(*lease, file)) {
-					return;
-				}
-			} catch (const SQLite::Exception &) {
-				lease.discard();
-				throw;
-			}
-		} catch (const SQLite::Exception &error) {
-			/* It may have been thrown away, or not been made yet: then nothing is lost. */
-			if (is_damage(error)) {
-				files_.put_aside(file, error.what());
-			}
+		if (!visit_file(file, visit)) {
+			return;
 		}
 	}
+}
+
+bool SqliteStore::visit_file(const File &file,
+							 const std::function<bool(SQLite::Database &, const File &)> &visit) {
+	try {
+		DatabasePool::Lease lease = pool_.lease(file.path);
+		try {
+			return visit(*lease, file);
+		} catch (const SQLite::Exception &) {
+			lease.discard();
+			throw;
+		}
+	} catch (const SQLite::Exception &error) {
+		/* It may have been thrown away, or not been made yet: then nothing is lost. */
+		if (is_damage(error)) {
+			files_.put_aside(file, error.what());
+		}
+	}
+	return true;
 }
 
 template <typename Read> auto SqliteStore::read_figure_file(Read read) {
@@ -208,16 +214,34 @@ std::vector<Mark> SqliteStore::marks(const TimeRange &range) {
 		[&range](SQLite::Database &database) { return read_marks(database, range); });
 }
 
+/* What another process may write to is counted each time. */
+std::optional<RowCounts> SqliteStore::counts_of(const File &file) {
+	auto count = [this, &file] {
+		std::optional<RowCounts> counts;
+		visit_file(file, [&counts](SQLite::Database &database, const File &) {
+			counts = count_file(database);
+			return true;
+		});
+		return counts;
+	};
+	return settings_.is_read_only ? count() : counts_.of(file.path, count);
+}
+
 StoreStatus SqliteStore::status() {
 	StoreStatus status;
-	visit_files([&status](SQLite::Database &database, const File &file) {
-		StoreStatus::Part part = count_file(database);
-		part.begun = file.begun;
-		part.bytes = bytes_of_database(file.path);
-		status.bytes += part.bytes;
-		status.parts.insert(status.parts.begin(), part);
-		return true;
-	});
+	std::vector<std::string> paths;
+	for (const File &file : files_.files()) {
+		std::optional<RowCounts> counts = counts_of(file);
+		if (!counts) {
+			continue;
+		}
+		int64_t bytes = bytes_of_database(file.path);
+		status.parts.push_back({file.begun, bytes, counts->requests, counts->documents});
+		status.bytes += bytes;
+		paths.push_back(file.path);
+	}
+	std::reverse(status.parts.begin(), status.parts.end());
+	counts_.keep_only(paths);
 	status.most_bytes = settings_.most_bytes;
 	status.figure_bytes = bytes_of_database(figure_path());
 	status.most_figure_bytes = settings_.figures.most_bytes;

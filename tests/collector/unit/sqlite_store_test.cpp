@@ -361,6 +361,70 @@ TEST_F(SqliteStoreTest, FiguresOfMinutesWithoutAFileAreWrittenWhenThereIsOne) {
 	EXPECT_EQ(store().asked({}, "").at(0).asked, 200);
 }
 
+/* Requests and documents of each part, as the store tells them and as they are. */
+using Rows = std::vector<std::pair<int64_t, int64_t>>;
+
+Rows rows_of(const StoreStatus &status) {
+	Rows rows;
+	for (const StoreStatus::Part &part : status.parts) {
+		rows.emplace_back(part.requests, part.documents);
+	}
+	return rows;
+}
+
+Rows counted_rows(SqliteSettings settings) {
+	settings.is_read_only = true;
+	return rows_of(SqliteStore(settings).status());
+}
+
+TEST_F(SqliteStoreTest, KnowsHowManyRowsThereAreWhateverHappensToThem) {
+	settings_.file_time = kMinute;
+	auto expect = [this](const Rows &rows) {
+		store().flush();
+		EXPECT_EQ(rows_of(store().status()), rows);
+		EXPECT_EQ(counted_rows(settings_), rows);
+	};
+	put(record(1, now_));
+	put(record(2, now_), "");
+	expect({{2, 1}});
+	now_ += kMinute;
+	put(record(3, now_));
+	put(record(4, now_));
+	expect({{2, 1}, {2, 2}});
+	close();
+	expect({{2, 1}, {2, 2}});
+	put(record(5, now_));
+	expect({{2, 1}, {3, 3}});
+	store().pin(id_of(1));
+	expect({{1, 1}, {2, 1}, {3, 3}});
+	store().pin(id_of(2));
+	expect({{2, 1}, {2, 1}, {3, 3}});
+	store().unpin(id_of(1));
+	expect({{1, 0}, {2, 1}, {3, 3}});
+	Filter fourth;
+	fourth.condition = {TextIs{TextField::kId, id_of(4)}};
+	EXPECT_EQ(store().forget(fourth), 1);
+	expect({{1, 0}, {2, 1}, {2, 2}});
+	put(record(6, now_));
+	expect({{1, 0}, {2, 1}, {3, 3}});
+}
+
+/* They are counted once: what a third party removes behind the store's back is not noticed. */
+TEST_F(SqliteStoreTest, CountsRowsOnce) {
+	settings_.file_time = kMinute;
+	put(record(1, now_));
+	store().flush();
+	now_ += kMinute;
+	put(record(2, now_));
+	close();
+	ASSERT_EQ(rows_of(store().status()), (Rows{{1, 1}, {1, 1}}));
+	for (const std::string &file : files()) {
+		SQLite::Database(file, SQLite::OPEN_READWRITE).exec("DELETE FROM requests");
+	}
+	ASSERT_EQ(counted_rows(settings_), (Rows{{0, 1}, {0, 1}}));
+	EXPECT_EQ(rows_of(store().status()), (Rows{{1, 1}, {1, 1}}));
+}
+
 TEST_F(SqliteStoreTest, WorksOnWhenTheClockStepsBack) {
 	put(record(1, now_));
 	store().flush();

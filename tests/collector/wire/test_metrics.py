@@ -94,6 +94,21 @@ def test_its_own_health_is_told(collector):
     assert ("kaq_handshake_latency_seconds", (("quantile", "0.99"),)) in told
 
 
+@pytest.mark.parametrize("port, own", [("handshake", 0), ("data", 0), ("http", 1)])
+def test_open_connections_are_told_by_port(collector, port, own):
+    # The one that asks is one more. Those that say nothing are ended in time: then once more.
+    deadline = time.monotonic() + SECONDS
+    told = None
+    while told != 3 + own:
+        assert time.monotonic() < deadline, told
+        until(collector, "kaq_connections", own, port=port)
+        held = [sockets.connect(getattr(collector, port)) for _ in range(3)]
+        told = samples(collector)["kaq_connections", (("port", port),)]
+        for connection in held:
+            connection.close()
+    until(collector, "kaq_connections", own, port=port)
+
+
 def test_whatever_names_hold_it_can_be_parsed(collector):
     name = '/a"b\\c\nd{e="f"} 1'
     sockets.send(collector.data, sockets.payload(name))
