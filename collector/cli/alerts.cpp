@@ -4,6 +4,8 @@
 #include <cmath>
 #include <ctime>
 
+#include <fmt/format.h>
+
 #include "analysis/naming.h"
 #include "cli/format.h"
 
@@ -116,15 +118,13 @@ std::string text_of(const Alert &alert, int64_t now) {
 						 : text + " since " + clock_text(alert.since) + usual_text(alert);
 }
 
-bool are_same(const AlertRule &left, const AlertRule &right) {
-	auto all = [](const AlertRule &rule) {
-		return std::tie(rule.application, rule.transaction, rule.metric, rule.deviation, rule.limit,
-						rule.minutes, rule.webhook);
-	};
-	return all(left) == all(right);
-}
-
 } // namespace
+
+std::string id_of(const AlertRule &rule) {
+	return fmt::format("{}\n{}\n{}\n{}\n{}\n{}\n{}", rule.application, rule.transaction,
+					   static_cast<int>(rule.metric), rule.deviation.value_or(-1),
+					   rule.limit.value_or(-1), rule.minutes.count(), rule.webhook);
+}
 
 FigureSource figure_source(Store &store) {
 	return {
@@ -134,17 +134,68 @@ FigureSource figure_source(Store &store) {
 }
 
 void AlertEngine::use(const std::vector<AlertRule> &rules) {
+	auto are_same = [](const AlertRule &left, const AlertRule &right) {
+		return id_of(left) == id_of(right);
+	};
 	if (!std::equal(rules_.begin(), rules_.end(), rules.begin(), rules.end(), are_same)) {
+		std::vector<AlertState> states = memory().states;
 		rules_ = rules;
 		states_.clear();
 		known_.clear();
+		for (const AlertState &state : states) {
+			recall(state);
+		}
+	}
+}
+
+AlertMemory AlertEngine::memory() const {
+	AlertMemory memory{last_, {}};
+	for (const auto &[key, state] : states_) {
+		memory.states.push_back(state);
+		auto known = known_.find(key);
+		if (known != known_.end()) {
+			memory.states.back().usual = known->second.range;
+		}
+	}
+	return memory;
+}
+
+void AlertEngine::recall(const AlertMemory &memory) {
+	last_ = memory.last;
+	for (const AlertState &state : memory.states) {
+		recall(state);
+	}
+}
+
+void AlertEngine::recall(const AlertState &state) {
+	for (size_t rule = 0; rule < rules_.size(); rule++) {
+		if (id_of(rules_[rule]) == state.rule && states_.size() < kMostStates) {
+			Key key{rule, {state.application, state.transaction}};
+			states_[key] = state;
+			if (!rules_[rule].limit) {
+				known_[key] = {state.usual, last_};
+			}
+		}
+	}
+}
+
+/* What was on the way to be said begins anew if nobody has looked for as long as it takes. */
+void AlertEngine::forget_before(int64_t minute) {
+	for (auto each = states_.begin(); each != states_.end();) {
+		int64_t time = rules_[each->first.first].minutes.count() * kMinute;
+		if (minute - last_ <= time) {
+			each++;
+			continue;
+		}
+		each->second.in_since = 0;
+		each = each->second.is_said ? std::next(each) : states_.erase(each);
 	}
 }
 
 std::vector<Alert> AlertEngine::look(int64_t now) {
 	std::vector<Alert> alerts;
 	int64_t begin = now / kMinute * kMinute - kMinute;
-	if (rules_.empty() || begin == last_) {
+	if (rules_.empty() || (has_looked_ && begin == last_)) {
 		return alerts;
 	}
 	if (begin < last_) {
@@ -153,7 +204,9 @@ std::vector<Alert> AlertEngine::look(int64_t now) {
 		known_.clear();
 		past_ = AskedPast();
 	}
+	forget_before(begin);
 	last_ = begin;
+	has_looked_ = true;
 	looked_up_ = 0;
 	Minute minute = minute_at(begin);
 	for (size_t rule = 0; rule < rules_.size(); rule++) {
@@ -227,16 +280,21 @@ void AlertEngine::note_out(const Key &key, const Value &value, int64_t minute,
 	if (states_.size() >= kMostStates && states_.count(key) == 0) {
 		return;
 	}
-	State &state = states_[key];
-	state.out_since = state.out_since == 0 ? minute : state.out_since;
+	const AlertRule &rule = rules_[key.first];
+	AlertState &state = states_[key];
+	if (state.out_since == 0) {
+		state.rule = id_of(rule);
+		state.application = key.second.application;
+		state.transaction = key.second.transaction;
+		state.out_since = minute;
+	}
 	state.in_since = 0;
 	state.requests += value.requests;
-	const AlertRule &rule = rules_[key.first];
 	bool is_long = minute + kMinute - state.out_since >= rule.minutes.count() * kMinute;
 	bool is_shown = state.requests >= kLeastRequests || rule.metric == AlertMetric::kRate;
 	if (is_long && is_shown && !state.is_said) {
-		state.is_said = true;
 		alerts.push_back(alert_of(key, usual, {state.out_since, minute + kMinute}));
+		state.is_said = true;
 	}
 }
 
@@ -246,7 +304,7 @@ void AlertEngine::note_in(const Key &key, int64_t minute, const UsualRange &usua
 	if (found == states_.end()) {
 		return;
 	}
-	State &state = found->second;
+	AlertState &state = found->second;
 	state.in_since = state.in_since == 0 ? minute : state.in_since;
 	bool is_long = minute + kMinute - state.in_since >= rules_[key.first].minutes.count() * kMinute;
 	if (state.is_said && is_long) {

@@ -38,6 +38,27 @@ struct Alert {
 	bool is_over = false;
 };
 
+/* What is known of a transaction that a rule finds out of its range. */
+struct AlertState {
+	std::string rule; /* see id_of() */
+	std::string application;
+	std::string transaction;
+	int64_t out_since = 0; /* begins of minutes */
+	int64_t in_since = 0;  /* where it had been said to be out; 0: it still is */
+	int64_t requests = 0;  /* while it is out */
+	bool is_said = false;
+	UsualRange usual; /* unless it is a limit */
+};
+
+/* What an engine has to know to go on where another one has ended. */
+struct AlertMemory {
+	int64_t last = 0; /* begin of the last minute that was looked at */
+	std::vector<AlertState> states;
+};
+
+/* The same for the same rule; rules that differ have others. */
+std::string id_of(const AlertRule &rule);
+
 /* Where figures come from; all throw StoreError. */
 struct FigureSource {
 	std::function<std::vector<FigureRow>(const FigureSearch &)> figures;
@@ -58,6 +79,10 @@ public:
 	 * epoch; nothing if that was looked at already. */
 	std::vector<Alert> look(int64_t now);
 
+	AlertMemory memory() const;
+	/* REQUIRES: the rules are known, and nothing was looked at. Of other rules nothing is taken. */
+	void recall(const AlertMemory &memory);
+
 private:
 	struct Value {
 		double value = 0;
@@ -71,13 +96,6 @@ private:
 			return std::tie(application, transaction) <
 				   std::tie(other.application, other.transaction);
 		}
-	};
-	/* Of a name under a rule. */
-	struct State {
-		int64_t out_since = 0; /* 0: it is in its range */
-		int64_t in_since = 0;  /* where it had been said to be out; 0: it still is */
-		int64_t requests = 0;  /* while it is out */
-		bool is_said = false;
 	};
 	struct KnownRange {
 		UsualRange range;
@@ -96,6 +114,8 @@ private:
 	};
 	using Key = std::pair<size_t, Name>; /* of the rule, by its place */
 
+	void recall(const AlertState &state);
+	void forget_before(int64_t minute);
 	Minute minute_at(int64_t begin) const;
 	void look_at(size_t rule, const Minute &minute, std::vector<Alert> &alerts);
 	void judge(const Key &key, const Value &value, const Minute &minute,
@@ -113,11 +133,12 @@ private:
 
 	const FigureSource source_;
 	std::vector<AlertRule> rules_;
-	std::map<Key, State> states_;     /* of what is not in its range */
-	std::map<Key, KnownRange> known_; /* of rules without a fixed limit */
+	std::map<Key, AlertState> states_; /* of what is not in its range */
+	std::map<Key, KnownRange> known_;  /* of rules without a fixed limit */
 	AskedPast past_;
 	size_t looked_up_ = 0; /* ranges, in this minute */
 	int64_t last_ = 0;
+	bool has_looked_ = false; /* at that minute; else another engine has */
 };
 
 /* As it is posted: an object with the members text, application, transaction, metric, value,

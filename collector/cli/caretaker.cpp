@@ -14,6 +14,7 @@ constexpr std::chrono::seconds kBetweenAlertLooks{5};
 /* Until what happened in a minute is likely to have been told. */
 constexpr int64_t kDelay = 10 * 1000;
 constexpr const char *kSuspensionFile = "/suspended";
+constexpr const char *kAlertFile = "/alerts";
 
 void say(const Suspension &suspension) {
 	log_line(LogLevel::kError,
@@ -42,14 +43,20 @@ std::string name_of(const Suspension &suspension) {
 
 Caretaker::Caretaker(Store &store, const Configuration &configuration)
 	: suspensions_(configuration.store.directory + kSuspensionFile), guard_(suspensions_),
-	  engine_(figure_source(store)) {
+	  engine_(figure_source(store)), alert_file_(configuration.store.directory + kAlertFile) {
 	use(configuration);
+	recall_alerts(configuration.alerts);
 	for (const Suspension &each : suspensions_.all()) {
 		say(each);
 	}
 }
 
-Caretaker::~Caretaker() = default;
+Caretaker::~Caretaker() {
+	crash_thread_.reset();
+	alert_thread_.reset();
+	webhook_.end();
+	keep_alerts();
+}
 
 void Caretaker::start(const std::string &base_url) {
 	{
@@ -98,6 +105,34 @@ void Caretaker::look_for_crashes() {
 	}
 }
 
+void Caretaker::recall_alerts(const std::vector<AlertRule> &rules) {
+	KeptAlerts kept = read_alerts(alert_file_);
+	kept_alerts_ = rows_of(kept);
+	engine_.use(rules);
+	engine_.recall(kept.memory);
+	for (Webhook::Post &post : kept.posts) {
+		bool is_wanted = std::any_of(rules.begin(), rules.end(), [&post](const AlertRule &rule) {
+			return rule.webhook == post.url;
+		});
+		if (is_wanted) {
+			webhook_.post(post.url, std::move(post.body));
+		}
+	}
+}
+
+void Caretaker::keep_alerts() {
+	std::vector<FileRow> rows = rows_of({engine_.memory(), webhook_.undelivered()});
+	if (rows == kept_alerts_) {
+		return;
+	}
+	if (write_rows(alert_file_, rows)) {
+		kept_alerts_ = std::move(rows);
+	} else {
+		log_some(LogLevel::kError, "alert-file",
+				 "cannot write " + alert_file_ + ": a restart may tell alerts again");
+	}
+}
+
 void Caretaker::look_at_figures() {
 	std::string base_url;
 	{
@@ -116,6 +151,7 @@ void Caretaker::look_at_figures() {
 		log_some(LogLevel::kWarning, "alert-figures",
 				 std::string("cannot look at the figures for alerts: ") + error.what());
 	}
+	keep_alerts();
 }
 
 nlohmann::json Caretaker::facts() const {

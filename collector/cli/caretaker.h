@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "cli/alert_file.h"
 #include "cli/alerts.h"
 #include "cli/webhook.h"
 #include "ingest/crash_guard.h"
@@ -23,6 +24,7 @@ class Caretaker {
 public:
 	/* REQUIRES: the store outlives it. */
 	Caretaker(Store &store, const Configuration &configuration);
+	/* What is still to be posted is left for the next one. */
 	~Caretaker();
 
 	/* `base_url` is where a browser finds the collector. */
@@ -43,6 +45,8 @@ public:
 private:
 	void look_for_crashes();
 	void look_at_figures();
+	void recall_alerts(const std::vector<AlertRule> &rules);
+	void keep_alerts();
 
 	Suspensions suspensions_;
 	CrashGuard guard_;
@@ -61,6 +65,8 @@ private:
 	std::unique_ptr<CrashLogs> logs_;
 	std::vector<std::string> watched_;
 	AlertEngine engine_;
+	const std::string alert_file_;
+	std::vector<FileRow> kept_alerts_; /* as the file has them */
 
 	std::unique_ptr<Periodic> crash_thread_;
 	std::unique_ptr<Periodic> alert_thread_;

@@ -45,25 +45,40 @@ Webhook::Webhook(WebhookSettings settings)
 }
 
 Webhook::~Webhook() {
+	end();
+}
+
+void Webhook::end() {
 	{
 		std::lock_guard lock(mutex_);
 		is_to_end_ = true;
 	}
 	changed_.notify_all();
-	thread_.join();
+	if (thread_.joinable()) {
+		thread_.join();
+	}
 }
 
 void Webhook::post(const std::string &url, std::string body) {
-	Message message{url, std::move(body), Clock::now()};
+	Post post{url, std::move(body)};
 	std::unique_lock lock(mutex_);
 	if (waiting_.size() >= settings_.most_waiting) {
 		lock.unlock();
-		give_up(message, "too many wait");
+		give_up(post, "too many wait");
 		return;
 	}
-	waiting_.push_back(std::move(message));
+	waiting_.push_back({std::move(post), Clock::now()});
 	lock.unlock();
 	changed_.notify_all();
+}
+
+std::vector<Webhook::Post> Webhook::undelivered() const {
+	std::lock_guard lock(mutex_);
+	std::vector<Post> posts;
+	for (const Message &message : waiting_) {
+		posts.push_back(message.post);
+	}
+	return posts;
 }
 
 void Webhook::run() {
@@ -79,32 +94,36 @@ void Webhook::run() {
 		} else if (first->due > Clock::now()) {
 			changed_.wait_until(lock, Clock::time_point(first->due));
 		} else {
-			Message message = std::move(*first);
-			waiting_.erase(first);
+			/* It stays in its place, which others neither change nor take away. */
 			lock.unlock();
-			deliver(std::move(message));
+			bool is_done = deliver(*first);
 			lock.lock();
+			if (is_done) {
+				waiting_.erase(first);
+			}
 		}
 	}
 }
 
-void Webhook::deliver(Message message) {
+bool Webhook::deliver(Message &message) {
 	std::string reason;
-	Outcome outcome = try_once(message, reason);
+	Outcome outcome = try_once(message.post, reason);
 	if (outcome == Outcome::kDelivered) {
 		delivered_++;
-		return;
+		return true;
 	}
-	if (outcome == Outcome::kRefused || message.tries >= settings_.pauses.size() || is_to_end_) {
-		give_up(message, reason);
-		return;
+	if (outcome == Outcome::kFailed && is_to_end_) {
+		return false;
+	}
+	if (outcome == Outcome::kRefused || message.tries >= settings_.pauses.size()) {
+		give_up(message.post, reason);
+		return true;
 	}
 	message.due = Clock::now() + settings_.pauses[message.tries++];
-	std::lock_guard lock(mutex_);
-	waiting_.push_back(std::move(message));
+	return false;
 }
 
-Webhook::Outcome Webhook::try_once(const Message &message, std::string &reason) {
+Webhook::Outcome Webhook::try_once(const Post &post, std::string &reason) {
 	std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
 	if (!curl) {
 		reason = "libcurl has no memory";
@@ -113,15 +132,15 @@ Webhook::Outcome Webhook::try_once(const Message &message, std::string &reason) 
 	std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
 		curl_slist_append(nullptr, "Content-Type: application/json"), curl_slist_free_all);
 	size_t left = kMostOfAnswer;
-	curl_easy_setopt(curl.get(), CURLOPT_URL, message.url.c_str());
+	curl_easy_setopt(curl.get(), CURLOPT_URL, post.url.c_str());
 	curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "http,https");
 	curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
 	curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT_MS,
 					 static_cast<long>(settings_.connect_time.count()));
 	curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, static_cast<long>(settings_.time.count()));
 	curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
-	curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, message.body.c_str());
-	curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(message.body.size()));
+	curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, post.body.c_str());
+	curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(post.body.size()));
 	curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, on_answer);
 	curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &left);
 	curl_easy_setopt(curl.get(), CURLOPT_NOPROGRESS, 0L);
@@ -142,10 +161,10 @@ Webhook::Outcome Webhook::try_once(const Message &message, std::string &reason) 
 	return status >= 500 || status == kTooManyRequests ? Outcome::kFailed : Outcome::kRefused;
 }
 
-void Webhook::give_up(const Message &message, const std::string &reason) {
+void Webhook::give_up(const Post &post, const std::string &reason) {
 	given_up_++;
 	log_some(LogLevel::kWarning, "webhook",
-			 "an alert could not be posted to " + host_of(message.url) + ": " + reason);
+			 "an alert could not be posted to " + host_of(post.url) + ": " + reason);
 }
 
 } // namespace kaq

@@ -27,13 +27,22 @@ struct WebhookSettings {
 class Webhook {
 public:
 	explicit Webhook(WebhookSettings settings = WebhookSettings());
-	/* What waits is given up, and what is under way is broken off. */
+	/* As end(). */
 	~Webhook();
 	Webhook(const Webhook &) = delete;
 	Webhook &operator=(const Webhook &) = delete;
 
 	/* Never waits; of too many the newest are given up. Any thread. */
 	void post(const std::string &url, std::string body);
+	/* Breaks off what is under way; what waits is left. Nothing may be posted any more. */
+	void end();
+
+	struct Post {
+		std::string url;
+		std::string body;
+	};
+	/* What is neither delivered nor given up, the oldest first. Any thread. */
+	std::vector<Post> undelivered() const;
 
 	uint64_t delivered() const {
 		return delivered_;
@@ -46,21 +55,22 @@ private:
 	using Clock = std::chrono::steady_clock;
 	enum class Outcome { kDelivered, kRefused, kFailed };
 	struct Message {
-		std::string url;
-		std::string body;
+		Post post;
 		Clock::time_point due;
 		size_t tries = 0;
 	};
 
 	void run();
-	void deliver(Message message);
-	Outcome try_once(const Message &message, std::string &reason);
-	void give_up(const Message &message, const std::string &reason);
+	/* Whether there is nothing more to be done about it. */
+	bool deliver(Message &message);
+	Outcome try_once(const Post &post, std::string &reason);
+	void give_up(const Post &post, const std::string &reason);
 
 	const WebhookSettings settings_;
-	std::mutex mutex_;
+	mutable std::mutex mutex_;
 	std::condition_variable changed_;
-	std::list<Message> waiting_;
+	std::list<Message> waiting_; /* with the one that is under way, whose due time and tries are the
+								  thread's */
 	std::atomic<bool> is_to_end_{false};
 	std::atomic<uint64_t> delivered_{0};
 	std::atomic<uint64_t> given_up_{0};

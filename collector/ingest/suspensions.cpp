@@ -1,19 +1,12 @@
 #include "ingest/suspensions.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <string_view>
 
 #include "util/log.h"
-#include "util/query_string.h"
-#include "util/unique_fd.h"
+#include "util/row_file.h"
 #include "util/system_time.h"
 
 namespace kaq {
@@ -22,39 +15,17 @@ namespace {
 constexpr size_t kMost = 1000;
 constexpr size_t kFields = 4;
 
-/* Fields stand between tabs, and what could be taken for one is written as in a form. */
-std::string field_of(const std::string &text) {
-	std::string field;
-	for (char each : text) {
-		auto byte = static_cast<unsigned char>(each);
-		if (byte < ' ' || byte == 127 || each == '%' || each == '+') {
-			field += '%';
-			field += "0123456789ABCDEF"[byte >> 4];
-			field += "0123456789ABCDEF"[byte & 15];
-		} else {
-			field += each;
-		}
-	}
-	return field;
-}
-
-bool read_line(const std::string &line, Suspension &suspension) {
-	std::vector<std::string> fields;
-	for (size_t begin = 0; begin <= line.size() && fields.size() <= kFields;) {
-		size_t end = std::min(line.find('\t', begin), line.size());
-		fields.push_back(form_decoded(std::string_view(line).substr(begin, end - begin)));
-		begin = end + 1;
-	}
-	if (fields.size() != kFields || fields[0].empty()) {
+bool read_row(const FileRow &row, Suspension &suspension) {
+	if (row.size() != kFields || row[0].empty()) {
 		return false;
 	}
-	suspension = {fields[1], fields[2], std::atoll(fields[0].c_str()), fields[3]};
+	suspension = {row[1], row[2], std::atoll(row[0].c_str()), row[3]};
 	return true;
 }
 
-std::string line_of(const Suspension &suspension) {
-	return std::to_string(suspension.since) + '\t' + field_of(suspension.application) + '\t' +
-		   field_of(suspension.instance) + '\t' + field_of(suspension.reason) + '\n';
+FileRow row_of(const Suspension &suspension) {
+	return {std::to_string(suspension.since), suspension.application, suspension.instance,
+			suspension.reason};
 }
 
 } // namespace
@@ -65,10 +36,9 @@ Suspensions::Suspensions(std::string file) : file_(std::move(file)) {
 		changed_ =
 			static_cast<int64_t>(facts.st_mtim.tv_sec) * 1000 + facts.st_mtim.tv_nsec / 1000000;
 	}
-	std::ifstream lines(file_);
 	Suspension suspension;
-	for (std::string line; all_.size() < kMost && std::getline(lines, line);) {
-		if (read_line(line, suspension)) {
+	for (const FileRow &row : read_rows(file_, kMost)) {
+		if (read_row(row, suspension)) {
 			all_.push_back(suspension);
 		}
 	}
@@ -117,18 +87,14 @@ uint64_t Suspensions::version() const {
 	return version_;
 }
 
-/* The old file stays until the new one is whole. */
 void Suspensions::keep() {
 	version_++;
 	changed_ = system_time();
-	std::string text;
+	std::vector<FileRow> rows;
 	for (const Suspension &each : all_) {
-		text += line_of(each);
+		rows.push_back(row_of(each));
 	}
-	std::string next = file_ + ".new";
-	UniqueFd fd(open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-	if (!fd || ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-		fsync(fd.get()) != 0 || rename(next.c_str(), file_.c_str()) != 0) {
+	if (!write_rows(file_, rows)) {
 		log_some(LogLevel::kError, "suspensions",
 				 "cannot write " + file_ + ": a restart will forget what is not monitored");
 	}

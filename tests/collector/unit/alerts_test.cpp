@@ -3,7 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <nlohmann/json.hpp>
+
+#include "cli/alert_file.h"
+#include "records.h"
 
 namespace {
 
@@ -16,6 +21,7 @@ using kaq::FigurePoint;
 using kaq::FigureRow;
 using kaq::Figures;
 using kaq::FigureSearch;
+using kaq::FigureSource;
 using kaq::TimeRange;
 
 constexpr int64_t kMinute = 60 * 1000;
@@ -62,11 +68,11 @@ protected:
 	std::vector<Alert> pass(const Figures &figures) {
 		put(now_, figures);
 		now_ += kMinute;
-		return engine_.look(now_);
+		return engine_->look(now_);
 	}
 	std::vector<Alert> pass() {
 		now_ += kMinute;
-		return engine_.look(now_);
+		return engine_->look(now_);
 	}
 
 	std::vector<FigureRow> rows(const FigureSearch &search) const {
@@ -121,17 +127,28 @@ protected:
 		return counts;
 	}
 
+	/* The next engine knows what a file has kept of this one. */
+	void restart(const std::vector<AlertRule> &rules) {
+		kaq_test::Directory directory;
+		std::string file = directory.path() + "/alerts";
+		ASSERT_TRUE(kaq::write_rows(file, rows_of({engine_->memory(), {}})));
+		engine_.emplace(source_);
+		engine_->use(rules);
+		engine_->recall(kaq::read_alerts(file).memory);
+	}
+
 	int64_t now_ = kNow;
 	std::map<int64_t, std::map<std::pair<std::string, std::string>, Figures>> minutes_;
 	std::map<int64_t, int64_t> asked_;
-	AlertEngine engine_{
-		{[this](const FigureSearch &search) { return rows(search); },
-		 [this](const FigureSearch &search, int64_t step) { return points(search, step); },
-		 [this](const TimeRange &range) { return asked(range); }}};
+	const FigureSource source_{
+		[this](const FigureSearch &search) { return rows(search); },
+		[this](const FigureSearch &search, int64_t step) { return points(search, step); },
+		[this](const TimeRange &range) { return asked(range); }};
+	std::optional<AlertEngine> engine_{source_};
 };
 
 TEST_F(AlertsTest, AboveItsLimitForItsMinutesItIsSaidOnce) {
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	EXPECT_TRUE(pass(figures_of(10, 0, 1400)).empty());
 	EXPECT_TRUE(pass(figures_of(10, 0, 1400)).empty());
 	std::vector<Alert> alerts = pass(figures_of(10, 0, 1400));
@@ -148,7 +165,7 @@ TEST_F(AlertsTest, AboveItsLimitForItsMinutesItIsSaidOnce) {
 }
 
 TEST_F(AlertsTest, ItIsSaidOnceThatItIsOver) {
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	for (int i = 0; i < 3; i++) {
 		pass(figures_of(10, 0, 1400));
 	}
@@ -165,21 +182,21 @@ TEST_F(AlertsTest, ItIsSaidOnceThatItIsOver) {
 }
 
 TEST_F(AlertsTest, AMinuteInItsRangeBeginsAnew) {
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	for (int i = 0; i < 20; i++) {
 		EXPECT_TRUE(pass(figures_of(10, 0, i % 3 == 2 ? 100 : 1400)).empty()) << i;
 	}
 }
 
 TEST_F(AlertsTest, AMinuteWithoutRequestsIsNeither) {
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	pass(figures_of(10, 0, 1400));
 	EXPECT_TRUE(pass().empty());
 	EXPECT_EQ(pass(figures_of(10, 0, 1400)).size(), 1u);
 }
 
 TEST_F(AlertsTest, OneOrTwoRequestsShowNothing) {
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	pass(figures_of(1, 0, 1400));
 	EXPECT_TRUE(pass().empty());
 	EXPECT_TRUE(pass(figures_of(1, 0, 1400)).empty());
@@ -189,7 +206,7 @@ TEST_F(AlertsTest, OneOrTwoRequestsShowNothing) {
 TEST_F(AlertsTest, OnlyWhatTheRuleMatchesIsLookedAt) {
 	AlertRule other = rule(800, std::nullopt);
 	other.transaction = "/pay*";
-	engine_.use({other});
+	engine_->use({other});
 	for (int i = 0; i < 3; i++) {
 		put(now_, figures_of(10, 0, 1400), "/payment");
 		std::vector<Alert> alerts = pass(figures_of(10, 0, 1400));
@@ -201,7 +218,7 @@ TEST_F(AlertsTest, OnlyWhatTheRuleMatchesIsLookedAt) {
 }
 
 TEST_F(AlertsTest, ErrorsAreAShareOfTheRequests) {
-	engine_.use({rule(0.1, std::nullopt, AlertMetric::kErrorShare)});
+	engine_->use({rule(0.1, std::nullopt, AlertMetric::kErrorShare)});
 	for (int i = 0; i < 5; i++) {
 		EXPECT_TRUE(pass(figures_of(10, 1, 100)).empty());
 	}
@@ -221,7 +238,7 @@ TEST_F(AlertsTest, WhatIsUsualIsThatOfTheSameHoursOfEarlierDays) {
 	}
 	/* Another hour is another matter. */
 	put_past(kNow - 6 * kHour, kNow - 4 * kHour, figures_of(5, 0, 5000));
-	engine_.use({rule(std::nullopt, 2)});
+	engine_->use({rule(std::nullopt, 2)});
 	for (int i = 0; i < 5; i++) {
 		EXPECT_TRUE(pass(figures_of(10, 0, 400)).empty());
 	}
@@ -238,14 +255,14 @@ TEST_F(AlertsTest, WhatIsUsualIsThatOfTheSameHoursOfEarlierDays) {
 
 TEST_F(AlertsTest, WithoutEarlierDaysItIsTheLastDay) {
 	put_past(kNow - 3 * kHour, kNow - kHour, figures_of(5, 0, 200));
-	engine_.use({rule(std::nullopt, 2)});
+	engine_->use({rule(std::nullopt, 2)});
 	EXPECT_TRUE(pass(figures_of(10, 0, 500)).empty());
 	EXPECT_TRUE(pass(figures_of(10, 0, 500)).empty());
 	EXPECT_EQ(pass(figures_of(10, 0, 500)).size(), 1u);
 }
 
 TEST_F(AlertsTest, WhereNothingIsUsualNothingIsUnusual) {
-	engine_.use({rule(std::nullopt, 2)});
+	engine_->use({rule(std::nullopt, 2)});
 	for (int i = 0; i < 20; i++) {
 		EXPECT_TRUE(pass(figures_of(10, 0, 5000)).empty());
 	}
@@ -253,7 +270,7 @@ TEST_F(AlertsTest, WhereNothingIsUsualNothingIsUnusual) {
 
 TEST_F(AlertsTest, AMultipleOfAlmostNothingIsNothing) {
 	put_past(kNow - kDay - kHour, kNow - kDay + kHour, figures_of(5, 0, 1));
-	engine_.use({rule(std::nullopt, 2), rule(std::nullopt, 2, AlertMetric::kErrorShare)});
+	engine_->use({rule(std::nullopt, 2), rule(std::nullopt, 2, AlertMetric::kErrorShare)});
 	for (int i = 0; i < 5; i++) {
 		EXPECT_TRUE(pass(figures_of(1000, 20, 20)).empty());
 	}
@@ -269,7 +286,7 @@ TEST_F(AlertsTest, ARateMayAlsoFall) {
 	for (int64_t time = kNow - kDay; time < kNow; time += kMinute) {
 		asked_[time] = 100;
 	}
-	engine_.use({rule(std::nullopt, 2, AlertMetric::kRate)});
+	engine_->use({rule(std::nullopt, 2, AlertMetric::kRate)});
 	/* One in ten is recorded, and all are counted. */
 	asked_[now_] = 100;
 	EXPECT_TRUE(pass(figures_of(10, 0, 10)).empty());
@@ -286,18 +303,18 @@ TEST_F(AlertsTest, ARateMayAlsoFall) {
 }
 
 TEST_F(AlertsTest, AMinuteIsLookedAtOnce) {
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	put(now_, figures_of(10, 0, 1400));
 	now_ += kMinute;
 	for (int i = 0; i < 5; i++) {
-		EXPECT_TRUE(engine_.look(now_ + i * 5000).empty());
+		EXPECT_TRUE(engine_->look(now_ + i * 5000).empty());
 	}
 	pass(figures_of(10, 0, 1400));
 	EXPECT_EQ(pass(figures_of(10, 0, 1400)).size(), 1u);
 }
 
 TEST_F(AlertsTest, AClockThatIsSetBackBeginsAnew) {
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	pass(figures_of(10, 0, 1400));
 	pass(figures_of(10, 0, 1400));
 	now_ -= 10 * kMinute;
@@ -307,13 +324,91 @@ TEST_F(AlertsTest, AClockThatIsSetBackBeginsAnew) {
 }
 
 TEST_F(AlertsTest, RulesThatStayTheSameForgetNothing) {
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	pass(figures_of(10, 0, 1400));
 	pass(figures_of(10, 0, 1400));
-	engine_.use({rule(800, std::nullopt)});
+	engine_->use({rule(800, std::nullopt)});
 	EXPECT_EQ(pass(figures_of(10, 0, 1400)).size(), 1u);
-	engine_.use({rule(900, std::nullopt)});
+	engine_->use({rule(900, std::nullopt)});
 	EXPECT_TRUE(pass(figures_of(10, 0, 1400)).empty());
+}
+
+TEST_F(AlertsTest, ARestartRepeatsNothingAndForgetsNothing) {
+	AlertRule one = rule(800, std::nullopt);
+	engine_->use({one});
+	for (int i = 0; i < 2; i++) {
+		EXPECT_TRUE(pass(figures_of(10, 0, 1400)).empty());
+		restart({rule(5000, std::nullopt), one});
+	}
+	ASSERT_EQ(pass(figures_of(10, 0, 1400)).size(), 1u);
+	for (int i = 0; i < 10; i++) {
+		restart({one});
+		EXPECT_TRUE(pass(figures_of(10, 0, 1400)).empty());
+	}
+	EXPECT_TRUE(pass(figures_of(10, 0, 100)).empty());
+	restart({one});
+	EXPECT_TRUE(pass(figures_of(10, 0, 100)).empty());
+	restart({one});
+	std::vector<Alert> alerts = pass(figures_of(10, 0, 100));
+	ASSERT_EQ(alerts.size(), 1u);
+	EXPECT_EQ(alerts[0].text, "p95 of shop /cart is 100 ms again, after 13 m 00 s");
+}
+
+TEST_F(AlertsTest, ARestartKeepsWhatWasUsualWhileItIsNot) {
+	put_past(kNow - 3 * kHour, kNow - kHour, figures_of(5, 0, 200));
+	engine_->use({rule(std::nullopt, 2)});
+	for (int i = 0; i < 2; i++) {
+		pass(figures_of(10, 0, 500));
+	}
+	ASSERT_EQ(pass(figures_of(10, 0, 500)).size(), 1u);
+	put_past(now_, now_ + 10 * kHour, figures_of(10, 0, 500));
+	now_ += 10 * kHour;
+	restart({rule(std::nullopt, 2)});
+	for (int i = 0; i < 10; i++) {
+		EXPECT_TRUE(pass(figures_of(10, 0, 500)).empty());
+	}
+	pass(figures_of(10, 0, 200));
+	pass(figures_of(10, 0, 200));
+	ASSERT_EQ(pass(figures_of(10, 0, 200)).size(), 1u);
+}
+
+TEST_F(AlertsTest, ALongPauseIsNoPartOfTheMinutes) {
+	engine_->use({rule(800, std::nullopt)});
+	pass(figures_of(10, 0, 1400));
+	pass(figures_of(10, 0, 1400));
+	now_ += kHour;
+	restart({rule(800, std::nullopt)});
+	EXPECT_TRUE(pass(figures_of(10, 0, 1400)).empty());
+	EXPECT_TRUE(pass(figures_of(10, 0, 1400)).empty());
+	EXPECT_EQ(pass(figures_of(10, 0, 1400)).size(), 1u);
+}
+
+TEST_F(AlertsTest, RulesThatAreAddedOrChangedForgetNothingOfTheOthers) {
+	AlertRule other = rule(0.5, std::nullopt, AlertMetric::kErrorShare);
+	engine_->use({rule(800, std::nullopt)});
+	pass(figures_of(10, 0, 1400));
+	pass(figures_of(10, 0, 1400));
+	engine_->use({other, rule(800, std::nullopt)});
+	EXPECT_EQ(pass(figures_of(10, 0, 1400)).size(), 1u);
+	engine_->use({rule(800, std::nullopt)});
+	EXPECT_TRUE(pass(figures_of(10, 0, 1400)).empty());
+}
+
+TEST_F(AlertsTest, AFileKeepsWhateverTheyHold) {
+	kaq_test::Directory directory;
+	std::string file = directory.path() + "/alerts";
+	kaq::KeptAlerts kept;
+	kept.memory.last = kNow;
+	kept.memory.states.push_back({"a\n\tb%0A+ \xff", "", "\t", 1, 2, 3, true, {0.1, 1e300}});
+	kept.posts = {{"http://a/?b=%20+", "{\"a\":\n1}"}};
+	ASSERT_TRUE(kaq::write_rows(file, rows_of(kept)));
+	kaq::KeptAlerts read = kaq::read_alerts(file);
+	EXPECT_EQ(rows_of(read), rows_of(kept));
+	EXPECT_EQ(read.memory.states[0].usual.low, 0.1);
+	EXPECT_EQ(read.posts[0].body, kept.posts[0].body);
+	std::ofstream(file) << "state\t1\n\nlast\nlast\t7\nx\n";
+	EXPECT_EQ(kaq::read_alerts(file).memory.last, 7);
+	EXPECT_EQ(kaq::read_alerts(file + "2").memory.last, 0);
 }
 
 TEST_F(AlertsTest, AsItIsPosted) {

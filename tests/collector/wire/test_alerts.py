@@ -51,7 +51,7 @@ class Receiver:
             time.sleep(0.05)
 
 
-def put_slow_requests(store):
+def put_slow_requests(store, name="/cart"):
     """Into each of the last minutes."""
     collector = conftest.Collector(os.environ["KAQ_COLLECTOR"], store)
     try:
@@ -59,7 +59,7 @@ def put_slow_requests(store):
         for minute in range(4):
             for _ in range(3):
                 start = now - minute * 60000 - 500
-                sockets.send(collector.data, sockets.payload("/cart", s_time=start,
+                sockets.send(collector.data, sockets.payload(name, s_time=start,
                                                              e_time=start + 500))
     finally:
         assert collector.stop() == (0, "")
@@ -91,6 +91,39 @@ def test_what_is_too_slow_is_posted_once(tmp_path, statuses):
         assert told["link"].startswith("http://127.0.0.1:%d/" % collector.http)
         assert told["text"] in collector.log
         assert all(each == receiver.posted[0] for each in receiver.posted)
+    finally:
+        receiver.close()
+
+
+def test_a_restart_posts_nothing_twice_and_nothing_late(tmp_path):
+    store = tmp_path / "store"
+    store.mkdir()
+    put_slow_requests(store)
+    put_slow_requests(store, "/pay")
+    file = tmp_path / "collector.toml"
+    # After the second try there are ten seconds without one.
+    receiver = Receiver(503, 503, 200)
+    try:
+        file.write_text(RULE % receiver.port + 'transaction = "/cart"\n')
+        arguments = (store, ("--config", str(file)))
+        for count in (2, 3):
+            collector = conftest.Collector(os.environ["KAQ_COLLECTOR"], *arguments)
+            try:
+                receiver.wait(count)
+            finally:
+                collector.stop()
+        assert len(receiver.posted) == 3
+        assert all(each == receiver.posted[0] for each in receiver.posted)
+        # Both are looked at together, and one of them is known.
+        with file.open("a") as more:
+            more.write(RULE % receiver.port + 'transaction = "/pay"\n')
+        collector = conftest.Collector(os.environ["KAQ_COLLECTOR"], *arguments)
+        try:
+            receiver.wait(4)
+        finally:
+            collector.stop()
+        assert [told["transaction"] for _, _, told in receiver.posted] == ["/cart"] * 3 + ["/pay"]
+        assert (store / "alerts").stat().st_mode & 0o77 == 0
     finally:
         receiver.close()
 
