@@ -8,6 +8,11 @@
 
 namespace kaq {
 
+/* A duration that users are satisfied with, unless somebody says otherwise; longer than four times
+ * of it is slow. */
+constexpr int64_t kSatisfyingDuration = 500;
+constexpr int64_t kSlowDuration = 4 * kSatisfyingDuration;
+
 struct Summary {
 	std::string id;       /* the root span's; names the request in commands and links */
 	std::string trace_id; /* shared by all requests of one trace */

@@ -335,11 +335,11 @@ void Daemon::keep(const std::vector<HandshakeCount> &counts) {
 /* On a thread of the pipeline. */
 void Daemon::keep(const Transaction &transaction, Recorder &recorder) {
 	caretaker_->note(transaction);
-	Summary summary = recorder.record(transaction);
+	auto [summary, kinds] = recorder.record(transaction);
 	request_metrics_.add(summary);
 	if (feed_.has_listeners()) {
-		feed_.publish(TransactionView(transaction, summary, {}), [&summary] {
-			return to_json(summary).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+		feed_.publish(TransactionView(transaction, summary, kinds), [&line = summary] {
+			return to_json(line).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 		});
 	}
 }

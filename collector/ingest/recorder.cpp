@@ -7,7 +7,7 @@
 
 namespace kaq {
 
-Summary Recorder::record(const Transaction &transaction) {
+Recorder::Recorded Recorder::record(const Transaction &transaction) {
 	Record record = record_of(transaction);
 	FindingOptions options;
 	options.serving = serving_.of(transaction.thread, transaction.end);
@@ -25,9 +25,9 @@ Summary Recorder::record(const Transaction &transaction) {
 	if (store_.wants_document(record.summary)) {
 		record.document = compressor_.compress(to_document(transaction));
 	}
-	Summary summary = record.summary;
+	Recorded recorded{record.summary, record.verdict.kinds};
 	store_.put(std::move(record));
-	return summary;
+	return recorded;
 }
 
 } // namespace kaq

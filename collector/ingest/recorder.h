@@ -15,8 +15,13 @@ public:
 	}
 
 	/* Returns what the request comes to. REQUIRES: the transaction is free of secrets and has its
+	struct Recorded {
+		Summary summary;
+		std::vector<std::string> kinds; /* of its findings */
+	};
+
 	 * name. */
-	Summary record(const Transaction &transaction);
+	Recorded record(const Transaction &transaction);
 
 private:
 	Store &store_;

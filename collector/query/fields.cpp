@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "analysis/summary.h"
+
 namespace kaq {
 namespace {
 
@@ -16,6 +18,10 @@ template <Flag flag> Condition flag_is() {
 
 template <NumberField field> Condition is_not_zero() {
 	return {NumberIs{field, 1, NumberIs::kNoMost}};
+}
+
+Condition is_slow() {
+	return {NumberIs{NumberField::kDuration, kSlowDuration + 1, NumberIs::kNoMost}};
 }
 
 Condition has_verdict() {
@@ -62,13 +68,14 @@ const std::vector<QueryField> &query_fields() {
 		{"calls", "", NumberField::kCalls, Unit::kCount, "number of external calls"},
 		{"spans", "", NumberField::kSpans, Unit::kCount, "number of spans"},
 		{"errors", "", NumberField::kErrors, Unit::kCount, "number of errors and exceptions"},
+		{"call", "", TextField::kCall, Unit::kCount, "host of an external call"},
 		{"sql", "", WordField::kStatement, Unit::kCount, "words of a statement"},
 		{"fn", "function", WordField::kFunction, Unit::kCount, "words of a span's name"},
 		{"error", "", WordField::kError, Unit::kCount, "words of an error's class and message"},
 		{"verdict", "kind", TextField::kVerdict, Unit::kCount, "kind of a finding"},
 		{"trace", "", TextField::kTraceId, Unit::kCount, "id of the trace"},
 		{"id", "", TextField::kId, Unit::kCount, "id of the request"},
-		{"is", "", SpecialField::kIs, Unit::kCount, "failed, web, cli"},
+		{"is", "", SpecialField::kIs, Unit::kCount, "failed, slow, web, cli"},
 		{"has", "", SpecialField::kHas, Unit::kCount, "error, sql, call, verdict"},
 		{"since", "", SpecialField::kSince, Unit::kTime, "begun then or later: 1h, 2026-11-22"},
 		{"until", "", SpecialField::kUntil, Unit::kTime, "begun before: 30m, 2026-11-22T08:30"},
@@ -89,6 +96,7 @@ const QueryField *find_field(std::string_view name) {
 const std::vector<NamedValue> &named_values(SpecialField field) {
 	static const std::vector<NamedValue> is = {
 		{"failed", "status 5xx, or an error worse than a warning", flag_is<Flag::kFailed>},
+		{"slow", "longer than 2 s, which Apdex counts as 0", is_slow},
 		{"web", "asked for over HTTP", flag_is<Flag::kWeb>},
 		{"cli", "a script of the command line", flag_is<Flag::kCommandLine>},
 	};

@@ -42,11 +42,6 @@ bool read_words(std::string_view glob, Words &words) {
 	return true;
 }
 
-bool is_about_findings(const Condition &condition) {
-	const auto *text = std::get_if<TextIs>(&condition.node);
-	return text && text->field == TextField::kVerdict;
-}
-
 class Parser {
 public:
 	Parser(std::string_view text, const ParseSettings &settings)
@@ -298,15 +293,14 @@ Parser::Parsed Parser::parse_field(const QueryField &field, bool is_top) {
 	}
 	const auto *special = std::get_if<SpecialField>(&field.target);
 	bool is_time = special && *special != SpecialField::kIs && *special != SpecialField::kHas;
-	if (is_time && !settings_.is_live) {
-		return parse_time(*special, *value, is_top);
+	if (!is_time) {
+		return parse_condition(field, *value);
 	}
-	Parsed parsed = is_time ? Parsed() : parse_condition(field, *value);
-	if (settings_.is_live && (is_time || (parsed && is_about_findings(*parsed)))) {
-		return tell(value->begin, "times and findings are not known while requests pass",
+	if (settings_.is_live) {
+		return tell(value->begin, "times choose nothing while requests pass",
 					"kaq find looks through those that are kept");
 	}
-	return parsed;
+	return parse_time(*special, *value, is_top);
 }
 
 Parser::Parsed Parser::parse_condition(const QueryField &field, const Value &value) {
@@ -371,9 +365,7 @@ Parser::Parsed Parser::parse_named(SpecialField field, const Value &value) {
 	}
 	std::string_view meant = nearest(written, names);
 	std::string hint = "did you mean " + std::string(meant) + "?";
-	if (is_same_name(written, "slow")) {
-		hint = "say how slow, such as >500ms";
-	} else if (meant.empty()) {
+	if (meant.empty()) {
 		hint = "one of";
 		for (std::string_view name : names) {
 			hint += (name == names.front() ? " " : ", ") + std::string(name);

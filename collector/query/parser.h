@@ -24,7 +24,7 @@ constexpr size_t kMostQueryWords = 64; /* in one phrase */
 struct ParseSettings {
 	int64_t now = 0; /* milliseconds since the Unix epoch, for "since:1h" */
 	size_t longest = kLongestQuery;
-	/* Of requests as they end: neither times nor findings, which are not known then. */
+	/* Of requests as they end: no times. */
 	bool is_live = false;
 };
 

@@ -15,7 +15,6 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t kUsualRows = 50;
-constexpr int64_t kUsualThreshold = 500;
 constexpr int64_t kLongestThreshold = 3600 * 1000;
 constexpr int64_t kUsualPoints = 60;
 constexpr int64_t kMostPoints = 10000;
@@ -164,7 +163,7 @@ int64_t step_of(const Question &question, const TimeRange &range, int64_t now) {
 
 Answer top_transactions(ServiceContext &context, const Question &question) {
 	FigureQuestion asked_for(context, question);
-	int64_t threshold = number_of(question, "apdex", kUsualThreshold, 1, kLongestThreshold);
+	int64_t threshold = number_of(question, "apdex", kSatisfyingDuration, 1, kLongestThreshold);
 	Ranking<TopRow> ranking = ranking_of(question, top_rankings(threshold));
 	size_t limit = limit_of(question, kUsualRows);
 	std::vector<FigureRow> figures = asked_for.all_rows(FigureKind::kTransaction);

@@ -16,7 +16,6 @@ constexpr double kReserve = 0.1;
 /* Slower than that share of its kind. */
 constexpr double kSlowShare = 0.95;
 constexpr uint64_t kEnoughToTell = 20;
-constexpr int64_t kSlowAnyway = 2000; /* milliseconds */
 constexpr int64_t kForgetAfter = 3600 * 1000;
 constexpr size_t kMostNames = 5000;
 
@@ -33,7 +32,7 @@ bool DocumentBudget::is_slow(const Summary &summary, int64_t now) {
 	}
 	Histogram &known = durations_[summary.application + '\n' + summary.name];
 	bool is_slow = known.count() >= kEnoughToTell ? summary.duration > known.percentile(kSlowShare)
-												  : summary.duration >= kSlowAnyway;
+												  : summary.duration > kSlowDuration;
 	known.add(summary.duration);
 	return is_slow;
 }

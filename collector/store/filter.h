@@ -29,6 +29,7 @@ enum class TextField {
 	kTraceId,
 	kId,
 	kVerdict, /* names of the kinds of findings: none or several */
+	kCall,    /* hosts of HTTP calls, as host_of() tells them: none or several */
 };
 
 enum class NumberField {

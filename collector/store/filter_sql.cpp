@@ -120,6 +120,8 @@ private:
 			return add_shared("method", NameKind::kMethod, "kaq_like", is.glob);
 		case TextField::kVerdict:
 			return add_shared("kinds", NameKind::kFindings, "kaq_any_like", is.glob);
+		case TextField::kCall:
+			return add_sets(texts_like(TextKind::kCallHost, is.glob));
 		case TextField::kPath:
 			return add_own("path", is.glob);
 		case TextField::kTraceId:
@@ -143,22 +145,39 @@ private:
 
 	std::unordered_set<int64_t> texts_with(const Words &words) {
 		bool is_anywhere = words.field == WordField::kAnywhere;
-		SQLite::Statement find(database_, std::string("SELECT i.rowid FROM texts_index i JOIN "
-													  "texts t ON t.id = i.rowid WHERE "
-													  "texts_index MATCH ?") +
-											  (is_anywhere ? "" : " AND t.kind = ?"));
+		SQLite::Statement find(database_,
+							   std::string("SELECT i.rowid FROM texts_index i JOIN "
+										   "texts t ON t.id = i.rowid WHERE "
+										   "texts_index MATCH ?") +
+								   (is_anywhere ? " AND t.kind <> ?" : " AND t.kind = ?"));
 		find.bind(1, fts_query(words));
-		if (!is_anywhere) {
-			find.bind(2,
-					  static_cast<int>(words.field == WordField::kStatement  ? TextKind::kStatement
-									   : words.field == WordField::kFunction ? TextKind::kFunction
+		find.bind(2, static_cast<int>(is_anywhere                            ? TextKind::kCallHost
+									  : words.field == WordField::kStatement ? TextKind::kStatement
+									  : words.field == WordField::kFunction  ? TextKind::kFunction
 																			 : TextKind::kFailure));
+		return numbers_of(find);
+	}
+
+	std::unordered_set<int64_t> texts_like(TextKind kind, const std::string &glob) {
+		SQLite::Statement find(database_,
+							   "SELECT id FROM texts WHERE kind = ? AND kaq_like(text, ?)");
+		find.bind(1, static_cast<int>(kind));
+		find.bind(2, glob);
+		return numbers_of(find);
+	}
+
+	static std::unordered_set<int64_t> numbers_of(SQLite::Statement &rows) {
+		std::unordered_set<int64_t> numbers;
+		while (rows.executeStep()) {
+			numbers.insert(rows.getColumn(0).getInt64());
 		}
-		std::unordered_set<int64_t> ids;
-		while (find.executeStep()) {
-			ids.insert(find.getColumn(0).getInt64());
-		}
-		return ids;
+		return numbers;
+	}
+
+	/* Requests with one of these texts. */
+	void add_sets(const std::unordered_set<int64_t> &texts) {
+		text("(texts IN (SELECT value FROM json_each(?)))");
+		value(sets_with(texts));
 	}
 
 	/* Numbers of the sets that have one of these texts, as a list of JSON. */

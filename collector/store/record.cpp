@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include "store/request_view.h"
+#include "analysis/http_call.h"
 
 namespace kaq {
 namespace {
@@ -25,7 +26,7 @@ public:
 
 private:
 	std::vector<RequestText> &texts_;
-	std::unordered_set<std::string_view> seen_[3];
+	std::unordered_set<std::string_view> seen_[kTextKinds];
 };
 
 } // namespace
@@ -38,15 +39,18 @@ Record record_of(const Transaction &transaction) {
 	record.facts = facts_of(transaction);
 	TextList texts(record.texts);
 	/* What is put together here, for as long as the list looks at it. */
-	std::list<std::string> errors;
+	std::list<std::string> made;
 	for (const Span &span : transaction.spans) {
 		texts.add(TextKind::kFunction, span.name);
 		texts.add(TextKind::kStatement, span.query);
 		for (const Failure &failure : span.failures) {
-			texts.add(TextKind::kFailure, errors.emplace_back(error_text(failure)));
+			texts.add(TextKind::kFailure, made.emplace_back(error_text(failure)));
 		}
 	}
 	return record;
 }
 
 } // namespace kaq
+		if (is_http_call(span)) {
+			texts.add(TextKind::kCallHost, made.emplace_back(host_of(span.host)));
+		}

@@ -20,7 +20,8 @@ struct RequestVerdict {
 };
 
 /* What a search finds requests by. */
-enum class TextKind { kStatement = 0, kFunction = 1, kFailure = 2 };
+enum class TextKind { kStatement = 0, kFunction = 1, kFailure = 2, kCallHost = 3 };
+constexpr size_t kTextKinds = 4;
 
 struct RequestText {
 	TextKind kind;

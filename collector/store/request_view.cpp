@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "analysis/http_call.h"
+
 namespace kaq {
 
 int64_t SummaryView::start() const {
@@ -62,6 +64,7 @@ bool SummaryView::has_text(TextField field, const TextTest &test) const {
 		return test(summary_.id);
 	case TextField::kHost:
 	case TextField::kVerdict:
+	case TextField::kCall:
 		break;
 	}
 	return false;
@@ -77,6 +80,10 @@ bool TransactionView::has_text(TextField field, const TextTest &test) const {
 		return test(transaction_.host);
 	case TextField::kVerdict:
 		return std::any_of(verdicts_.begin(), verdicts_.end(), test);
+	case TextField::kCall:
+		return std::any_of(
+			transaction_.spans.begin(), transaction_.spans.end(),
+			[&test](const Span &span) { return is_http_call(span) && test(host_of(span.host)); });
 	default:
 		return SummaryView::has_text(field, test);
 	}

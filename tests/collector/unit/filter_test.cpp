@@ -141,6 +141,7 @@ protected:
 		query.end = 5030;
 		Span &call = transaction.spans.emplace_back();
 		call.component = "HTTP";
+		call.host = "http://user@api.example:8443/stock?a=1";
 		call.is_external = true;
 		call.parent = 0;
 		call.start = 5030;
@@ -165,18 +166,21 @@ protected:
 };
 
 TEST_F(Matched, EachTextByItsField) {
-	const std::vector<std::pair<TextField, std::string>> texts = {{TextField::kApplication, "shop"},
-																  {TextField::kName, "/cart/\\*"},
-																  {TextField::kPath, "/cart/7"},
-																  {TextField::kHost, "*.example"},
-																  {TextField::kMethod, "get"},
-																  {TextField::kTraceId, "61c0*"},
-																  {TextField::kId, "aa"},
-																  {TextField::kVerdict, "slow-*"}};
+	const std::vector<std::pair<TextField, std::string>> texts = {
+		{TextField::kApplication, "shop"},
+		{TextField::kName, "/cart/\\*"},
+		{TextField::kPath, "/cart/7"},
+		{TextField::kHost, "*.example"},
+		{TextField::kMethod, "get"},
+		{TextField::kTraceId, "61c0*"},
+		{TextField::kId, "aa"},
+		{TextField::kVerdict, "slow-*"},
+		{TextField::kCall, "API.example:?443"}};
 	for (const auto &[field, glob] : texts) {
 		EXPECT_TRUE(is_match(condition(field, glob))) << glob;
 		EXPECT_FALSE(is_match(condition(field, glob + "x"))) << glob;
-		bool is_told = field != TextField::kHost && field != TextField::kVerdict;
+		bool is_told =
+			field != TextField::kHost && field != TextField::kVerdict && field != TextField::kCall;
 		EXPECT_EQ(is_told, is_summary_match(condition(field, glob))) << glob;
 	}
 }

@@ -33,6 +33,7 @@ TEST(QueryCompletion, FieldsByTheirBeginning) {
 	EXPECT_EQ((Texts{"-status:"}), completed("-STA|"));
 	EXPECT_EQ((Texts{"(status:"}), completed("(sta|"));
 	EXPECT_EQ((Texts{"status: b"}), completed("sta|tu b"));
+	EXPECT_EQ((Texts{"calls:", "call:"}), completed("call|"));
 	EXPECT_EQ((Texts{}), completed("zz|"));
 	EXPECT_EQ(query_fields().size() + 2, completed("|").size());
 }
@@ -46,7 +47,7 @@ TEST(QueryCompletion, OperatorsWhereTheyMayStand) {
 }
 
 TEST(QueryCompletion, ValuesThatAreOneOfAFew) {
-	EXPECT_EQ((Texts{"is:failed", "is:web", "is:cli"}), completed("is:|"));
+	EXPECT_EQ((Texts{"is:failed", "is:slow", "is:web", "is:cli"}), completed("is:|"));
 	EXPECT_EQ((Texts{"has:verdict"}), completed("has:ve|r"));
 	EXPECT_EQ((Texts{"a method:PUT", "a method:PATCH"}), [] {
 		Texts all = completed("a method:p|");

@@ -29,7 +29,7 @@ private:
 	kaq::Condition condition(int depth) {
 		switch (below(depth > 0 ? 7 : 4)) {
 		case 0:
-			return {kaq::TextIs{static_cast<kaq::TextField>(below(8)), glob()}};
+			return {kaq::TextIs{static_cast<kaq::TextField>(below(9)), glob()}};
 		case 1:
 			return {number()};
 		case 2:

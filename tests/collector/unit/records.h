@@ -118,6 +118,9 @@ public:
 					return true;
 				}
 			}
+			return false;
+		case kaq::TextField::kCall:
+			return has_text(kaq::TextKind::kCallHost, test);
 		}
 		return false;
 	}
@@ -125,6 +128,11 @@ public:
 		auto kind = field == kaq::WordField::kStatement  ? kaq::TextKind::kStatement
 					: field == kaq::WordField::kFunction ? kaq::TextKind::kFunction
 														 : kaq::TextKind::kFailure;
+		return has_text(kind, test);
+	}
+
+private:
+	bool has_text(kaq::TextKind kind, const TextTest &test) const {
 		for (const kaq::RequestText &text : record_.texts) {
 			if (text.kind == kind && test(text.text)) {
 				return true;
@@ -133,7 +141,6 @@ public:
 		return false;
 	}
 
-private:
 	const kaq::Record &record_;
 };
 

@@ -36,7 +36,8 @@ public:
 		}
 		std::set<std::pair<int64_t, std::string>> seen;
 		for (int64_t i = pick(5); i > 0; i--) {
-			RequestText text{static_cast<TextKind>(pick(3)), word() + " " + word() + "_" + word()};
+			RequestText text{static_cast<TextKind>(pick(kTextKinds)),
+							 word() + " " + word() + "_" + word()};
 			if (seen.emplace(static_cast<int64_t>(text.kind), text.text).second) {
 				one.texts.push_back(text);
 			}
@@ -47,7 +48,7 @@ public:
 	Condition condition(int depth) {
 		switch (pick(depth > 0 ? 7 : 4)) {
 		case 0:
-			return {TextIs{static_cast<TextField>(pick(8)), glob()}};
+			return {TextIs{static_cast<TextField>(pick(9)), glob()}};
 		case 1: {
 			int64_t least = pick(5);
 			return {NumberIs{static_cast<NumberField>(pick(10)), least, least + pick(30)}};

@@ -40,6 +40,21 @@ def test_a_query_chooses_by_what_only_the_collector_knows(collector):
         assert paths(collector.run("tail", query, "--errors", "--json", "-n", "5")) == {"/c"}
 
 
+def test_a_query_chooses_by_calls_and_findings(collector):
+    failed = {"fn": "curl_exec", "cn": "HTTP", "ex": 1, "esc": 503,
+              "hn": "http://api.example:8080/stock?a=1"}
+    good = {**failed, "esc": 200, "hn": "http://api.example/"}
+    with Sender(collector, sockets.payload("/a"), sockets.payload("/b", spans=[failed]),
+                sockets.payload("/c", spans=[good])):
+        for query, found in (("verdict:failed-call", {"/b"}), ("call:api.example*", {"/b", "/c"}),
+                             ("call:api.example:8080", {"/b"}), ("-has:verdict call:*", {"/c"})):
+            assert paths(collector.run("tail", query, "--json", "-n", "6")) == found
+    for query, found in (("call:API.example:8080", {"/b"}), ("call:api.example", {"/c"}),
+                         ("verdict:failed-call", {"/b"})):
+        done = collector.run("find", query, "--json")
+        assert {each["path"] for each in json.loads(done.stdout)["requests"]} == found
+
+
 def test_a_query_with_a_mistake_is_explained(collector):
     done = collector.run("tail", "app:shop tnx:/a")
     assert (done.returncode, done.stdout) == (2, "")
