@@ -49,19 +49,37 @@ private:
 	std::map<Key, size_t> by_key_;
 };
 
+class LeftOut {
+public:
+	explicit LeftOut(const std::vector<bool> &spans) : spans_(spans) {
+	}
+	bool has(size_t span) const {
+		return span < spans_.size() && spans_[span];
+	}
+	bool has(int32_t span) const {
+		return has(static_cast<size_t>(span));
+	}
+
+private:
+	const std::vector<bool> &spans_;
+};
+
 class StatementCounter {
 public:
-	explicit StatementCounter(const Transaction &transaction)
-		: spans_(transaction.spans), callers_(callers_of(transaction.spans)),
+	StatementCounter(const Transaction &transaction, const LeftOut &left_out)
+		: spans_(transaction.spans), left_out_(left_out), callers_(callers_of(transaction.spans)),
 		  statements_(statements_of(transaction)) {
 	}
 
 	std::vector<StatementFacts> count() {
 		for (const Execution &execution : statements_.executions) {
+			if (left_out_.has(execution.span)) {
+				continue;
+			}
 			const Span &span = spans_[static_cast<size_t>(execution.span)];
 			StatementFacts &facts = facts_of(execution, span);
 			int64_t duration = span.duration();
-			if (execution.prepared >= 0) {
+			if (execution.prepared >= 0 && !left_out_.has(execution.prepared)) {
 				duration += spans_[static_cast<size_t>(execution.prepared)].duration();
 			}
 			facts.count++;
@@ -72,7 +90,9 @@ public:
 		}
 		for (const Execution &unused : statements_.unused) {
 			const Span &span = spans_[static_cast<size_t>(unused.span)];
-			facts_of(unused, span).total += span.duration();
+			if (!left_out_.has(unused.span)) {
+				facts_of(unused, span).total += span.duration();
+			}
 		}
 		return entries_.take();
 	}
@@ -96,6 +116,7 @@ private:
 	}
 
 	const std::vector<Span> &spans_;
+	const LeftOut &left_out_;
 	const std::vector<int32_t> callers_;
 	const Statements statements_;
 	/* Texts and databases are told apart by their indexes. */
@@ -103,10 +124,11 @@ private:
 		entries_;
 };
 
-std::vector<HostFacts> hosts_of(const Transaction &transaction) {
+std::vector<HostFacts> hosts_of(const Transaction &transaction, const LeftOut &left_out) {
 	Entries<HostFacts, std::string> entries;
-	for (const Span &span : transaction.spans) {
-		if (!is_http_call(span)) {
+	for (size_t i = 0; i < transaction.spans.size(); i++) {
+		const Span &span = transaction.spans[i];
+		if (!is_http_call(span) || left_out.has(i)) {
 			continue;
 		}
 		std::string host = host_of(span.host);
@@ -130,10 +152,13 @@ int severity_of(std::string_view level) {
 }
 
 /* What was thrown and not caught is in the document twice. */
-std::vector<FailureFacts> failures_of(const Transaction &transaction) {
+std::vector<FailureFacts> failures_of(const Transaction &transaction, const LeftOut &left_out) {
 	Entries<FailureFacts, std::string> entries;
-	for (const Span &span : transaction.spans) {
-		for (const Failure &failure : span.failures) {
+	for (size_t i = 0; i < transaction.spans.size(); i++) {
+		if (left_out.has(i)) {
+			continue;
+		}
+		for (const Failure &failure : transaction.spans[i].failures) {
 			FailureGroup group = group_of(failure);
 			FailureFacts &facts = entries.at(
 				group.key,
@@ -160,8 +185,10 @@ std::vector<FailureFacts> failures_of(const Transaction &transaction) {
 
 } // namespace
 
-Facts facts_of(const Transaction &transaction) {
-	return {StatementCounter(transaction).count(), hosts_of(transaction), failures_of(transaction)};
+Facts facts_of(const Transaction &transaction, const std::vector<bool> &is_left_out) {
+	LeftOut left_out(is_left_out);
+	return {StatementCounter(transaction, left_out).count(), hosts_of(transaction, left_out),
+			failures_of(transaction, left_out)};
 }
 
 } // namespace kaq

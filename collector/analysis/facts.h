@@ -69,7 +69,8 @@ struct Facts {
 	std::vector<FailureFacts> failures;
 };
 
-/* Each list in the order of first appearance. */
-Facts facts_of(const Transaction &transaction);
+/* Each list in the order of first appearance. Of the spans that are left out nothing counts;
+ * `is_left_out` has one for each, or none at all. */
+Facts facts_of(const Transaction &transaction, const std::vector<bool> &is_left_out = {});
 
 } // namespace kaq

@@ -4,10 +4,10 @@
 #include <limits>
 #include <map>
 #include <string_view>
-#include <tuple>
 #include <unordered_map>
 
 #include "analysis/critical_path_private.h"
+#include "analysis/fork.h"
 
 namespace kaq {
 namespace {
@@ -19,45 +19,6 @@ struct Place {
 
 const Span &root_of(const Transaction &transaction) {
 	return transaction.spans.front();
-}
-
-/* What the processes of a fork have in common: the request before it. */
-using Origin = std::tuple<std::string_view, std::string_view, std::string_view, std::string_view,
-						  int64_t, int64_t>;
-
-Origin origin_of(const Transaction &transaction) {
-	const Span &root = root_of(transaction);
-	return {transaction.application, transaction.instance_id, transaction.name,
-			root.parent_id,          transaction.start,       root.start};
-}
-
-/*
- * Which spans of a child its parent has recorded as well. A call that was open at the fork is in
- * both, too, and ends at different times; what comes behind the first call that is not in both has
- * happened after the fork.
- */
-std::vector<bool> repeated_spans(const Transaction &parent, const Transaction &child) {
-	using Key = std::tuple<int32_t, std::string_view, std::string_view, int64_t>;
-	std::map<Key, std::vector<int32_t>> candidates; /* the last one comes first */
-	for (size_t i = parent.spans.size(); i-- > 1;) {
-		const Span &span = parent.spans[i];
-		candidates[{span.parent, span.name, span.component, span.start}].push_back(
-			static_cast<int32_t>(i));
-	}
-	std::vector<bool> is_repeated(child.spans.size(), false);
-	std::vector<int32_t> same(child.spans.size(), 0);
-	for (size_t i = 1; i < child.spans.size(); i++) {
-		const Span &span = child.spans[i];
-		int32_t outer = same[static_cast<size_t>(std::max(span.parent, 0))];
-		auto found = candidates.find({outer, span.name, span.component, span.start});
-		if (found == candidates.end() || found->second.empty()) {
-			break;
-		}
-		same[i] = found->second.back();
-		found->second.pop_back();
-		is_repeated[i] = parent.spans[static_cast<size_t>(same[i])].end == span.end;
-	}
-	return is_repeated;
 }
 
 class Assembler {
@@ -92,9 +53,9 @@ public:
 
 private:
 	void find_forks() {
-		std::map<Origin, std::vector<size_t>> families;
+		std::map<uint64_t, std::vector<size_t>> families;
 		for (size_t i = 0; i < given_.size(); i++) {
-			families[origin_of(*given_[i])].push_back(i);
+			families[fork_family(*given_[i])].push_back(i);
 		}
 		for (auto &entry : families) {
 			std::vector<size_t> &family = entry.second;
@@ -158,7 +119,8 @@ private:
 			const TraceRequest &parent = requests()[static_cast<size_t>(request.caller_request)];
 			request.forked_from = request.caller_request;
 			request.shift = parent.shift;
-			request.is_repeated = repeated_spans(*parent.transaction, *request.transaction);
+			request.is_repeated =
+				repeated_spans(marks_of(*parent.transaction), marks_of(*request.transaction));
 		} else if (request.caller_request >= 0) {
 			request.shift = shift_of(request);
 		}

@@ -113,7 +113,7 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	caretaker_ = std::make_unique<Caretaker>(*store_, configuration_);
 	std::vector<Pipeline::Sink> sinks;
 	for (size_t i = 0; i < kReaders; i++) {
-		sinks.emplace_back([this, recorder = std::make_shared<Recorder>(*store_)](
+		sinks.emplace_back([this, recorder = std::make_shared<Recorder>(*store_, forks_)](
 							   const std::shared_ptr<const Transaction> &transaction) {
 			keep(*transaction, *recorder);
 		});

@@ -72,6 +72,7 @@ private:
 	/* Outlives what takes requests in. */
 	std::unique_ptr<Store> store_;
 	RequestMetrics request_metrics_;
+	ForkLookup forks_;
 	std::unique_ptr<Caretaker> caretaker_;
 	uint64_t policy_version_ = 0; /* of the suspensions in the policy */
 	std::mutex facts_mutex_;

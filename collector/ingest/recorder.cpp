@@ -8,7 +8,7 @@
 namespace kaq {
 
 Recorder::Recorded Recorder::record(const Transaction &transaction) {
-	Record record = record_of(transaction);
+	Record record = record_of(transaction, forks_.repeated(transaction));
 	FindingOptions options;
 	options.serving = serving_.of(transaction.thread, transaction.end);
 	std::vector<Finding> findings = findings_of(transaction, options);

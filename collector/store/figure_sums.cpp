@@ -12,17 +12,18 @@ int64_t time_of(int64_t start, int64_t now) {
 	return start < now - kEarliest || start > now + kLatest ? now : start;
 }
 
-Figures figures_of(const Summary &summary, int64_t time) {
+Figures figures_of(const Record &record, int64_t time) {
+	const Summary &summary = record.summary;
 	Figures figures;
 	figures.requests = figures.count = 1;
 	figures.failed = summary.is_failed ? 1 : 0;
 	figures.total = figures.longest = summary.duration;
 	figures.cpu = summary.cpu;
 	figures.memory = summary.memory;
-	figures.queries = summary.queries;
-	figures.query_time = summary.query_time;
-	figures.calls = summary.calls;
-	figures.external_time = summary.external_time;
+	figures.queries = summary.queries - record.repeated.queries;
+	figures.query_time = summary.query_time - record.repeated.query_time;
+	figures.calls = summary.calls - record.repeated.calls;
+	figures.external_time = summary.external_time - record.repeated.external_time;
 	figures.first = figures.last = time;
 	figures.example = summary.id;
 	figures.durations.add(summary.duration);
@@ -87,7 +88,7 @@ void FigureSums::add(Record &record, int64_t now) {
 	if (is_new) {
 		row->second.key = std::move(key);
 	}
-	row->second.figures.add(figures_of(record.summary, time));
+	row->second.figures.add(figures_of(record, time));
 	add_facts(record, now, rows);
 }
 

@@ -28,8 +28,17 @@ struct RequestText {
 	std::string text;
 };
 
+/* Of a request's figures, the part that another process of a fork has reported as well. */
+struct RepeatedWork {
+	int64_t queries = 0;
+	int64_t query_time = 0; /* milliseconds, as the other times */
+	int64_t calls = 0;
+	int64_t external_time = 0;
+};
+
 struct Record {
 	Summary summary;
+	RepeatedWork repeated; /* no part of the facts */
 	std::string host;
 	std::string instance;
 	RequestVerdict verdict;
@@ -41,6 +50,8 @@ struct Record {
 /* All but the verdict and the document. At most kMostTexts texts, of at most kLongestFactText
  * bytes each. */
 constexpr size_t kMostTexts = 2000;
-Record record_of(const Transaction &transaction);
+/* `is_repeated` tells which spans another process of a fork has reported as well; none at all where
+ * it has none. */
+Record record_of(const Transaction &transaction, const std::vector<bool> &is_repeated = {});
 
 } // namespace kaq
