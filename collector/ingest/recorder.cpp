@@ -10,7 +10,7 @@ namespace kaq {
 Recorder::Recorded Recorder::record(const Transaction &transaction) {
 	Record record = record_of(transaction, forks_.repeated(transaction));
 	FindingOptions options;
-	options.serving = serving_.of(transaction.thread, transaction.end);
+	options.serving = record.serving = serving_.of(transaction.thread, transaction.end);
 	std::vector<Finding> findings = findings_of(transaction, options);
 	Verdict verdict = verdict_of(findings);
 	record.verdict.sentence = std::move(verdict.sentence);

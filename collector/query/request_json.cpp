@@ -2,7 +2,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "analysis/findings.h"
 #include "analysis/folding.h"
 #include "analysis/http_call.h"
 #include "analysis/layers.h"
@@ -123,9 +122,11 @@ void add_statements(json &spans, const Transaction &transaction) {
 	}
 }
 
-json findings_json(const Transaction &transaction) {
+json findings_json(const Transaction &transaction, Serving serving) {
+	FindingOptions options;
+	options.serving = serving;
 	json list = json::array();
-	for (const Finding &finding : findings_of(transaction)) {
+	for (const Finding &finding : findings_of(transaction, options)) {
 		list.push_back({{"kind", finding_name(finding.kind)},
 						{"sentence", finding.sentence},
 						{"gain_ms", finding.gain},
@@ -175,8 +176,9 @@ json spans_json(const Transaction &transaction) {
 	return spans;
 }
 
-json details_json(const Transaction &transaction) {
-	json details = {{"findings", findings_json(transaction)}, {"layers", layers_json(transaction)}};
+json details_json(const Transaction &transaction, Serving serving) {
+	json details = {{"findings", findings_json(transaction, serving)},
+					{"layers", layers_json(transaction)}};
 	set(details, "query_string", transaction.query_string);
 	set(details, "application_group", transaction.application_group);
 	set(details, "session", transaction.session_id);

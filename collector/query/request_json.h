@@ -7,6 +7,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "analysis/findings.h"
 #include "model/transaction.h"
 #include "store/store.h"
 
@@ -22,8 +23,8 @@ std::optional<Transaction> read_document(Store &store, const std::string &id);
  */
 nlohmann::json spans_json(const Transaction &transaction);
 
-/* Findings, time by layer, headers and parameters. */
-nlohmann::json details_json(const Transaction &transaction);
+/* Findings, time by layer, headers and parameters. `serving` is how its process served it. */
+nlohmann::json details_json(const Transaction &transaction, Serving serving);
 
 /* Per span the number of its shape, the same for those that do the same: by name, statement and
  * address, and the shapes of the calls within, where several in a row count as one. */

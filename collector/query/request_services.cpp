@@ -62,7 +62,7 @@ Answer show_request(ServiceContext &context, const Question &question) {
 		{"request", to_json(*row)},
 		{"requests_of_trace", context.store.trace(row->summary.trace_id).size()}};
 	if (std::optional<Transaction> transaction = read_document(context.store, row->summary.id)) {
-		body.update(details_json(*transaction));
+		body.update(details_json(*transaction, row->serving));
 		body["spans"] = spans_json(*transaction);
 		body["critical_path"] = critical_path_json(*transaction);
 	}

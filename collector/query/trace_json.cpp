@@ -26,7 +26,7 @@ json repeated_json(const TraceRequest &request) {
 }
 
 json request_json(const TraceRequest &request, const RequestRow &row, int64_t begin) {
-	json each = details_json(*request.transaction);
+	json each = details_json(*request.transaction, row.serving);
 	each["request"] = to_json(row);
 	each["spans"] = spans_json(*request.transaction);
 	each["shift_ms"] = request.shift;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "analysis/facts.h"
+#include "analysis/findings.h"
 #include "analysis/summary.h"
 #include "model/transaction.h"
 
@@ -41,13 +42,14 @@ struct Record {
 	RepeatedWork repeated; /* no part of the facts */
 	std::string host;
 	std::string instance;
+	Serving serving = Serving::kUnknown;
 	RequestVerdict verdict;
 	Facts facts;
 	std::vector<RequestText> texts; /* each once */
 	std::string document;           /* compressed; empty if it is not to be kept */
 };
 
-/* All but the verdict and the document. At most kMostTexts texts, of at most kLongestFactText
+/* All but the verdict, how its process serves, and the document. At most kMostTexts texts, of at most kLongestFactText
  * bytes each. */
 constexpr size_t kMostTexts = 2000;
 /* `is_repeated` tells which spans another process of a fork has reported as well; none at all where

@@ -26,6 +26,12 @@ std::string joined(const std::vector<std::string> &words) {
 	return text;
 }
 
+int64_t flags_of(const Record &record) {
+	return (record.summary.is_web ? kFlagWeb : 0) | (record.summary.is_failed ? kFlagFailed : 0) |
+		   (record.serving == Serving::kOneAtATime ? kFlagOneAtATime : 0) |
+		   (record.serving == Serving::kThreads ? kFlagThreads : 0);
+}
+
 void run(SQLite::Statement &statement) {
 	statement.exec();
 	statement.reset();
@@ -177,14 +183,14 @@ void RequestFile::note_start(int64_t start) {
 	last_ = std::max(last_, start);
 }
 
-void RequestFile::bind_summary(const Summary &summary) {
+void RequestFile::bind_summary(const Summary &summary, int64_t flags) {
 	add_request_.bindNoCopy(2, summary.id);
 	add_request_.bindNoCopy(3, summary.trace_id);
 	int column = 4;
 	for (int64_t number : {summary.start, summary.duration, summary.cpu, summary.memory,
 						   summary.status, summary.spans, summary.queries, summary.calls,
 						   summary.failures, summary.query_time, summary.external_time,
-						   (summary.is_web ? kFlagWeb : 0) | (summary.is_failed ? kFlagFailed : 0),
+						   flags,
 						   name_id(NameKind::kApplication, summary.application),
 						   name_id(NameKind::kName, summary.name)}) {
 		add_request_.bind(column++, number);
@@ -195,7 +201,7 @@ void RequestFile::add(const Record &record) {
 	const Summary &summary = record.summary;
 	int64_t row = next_row_++;
 	add_request_.bind(1, row);
-	bind_summary(summary);
+	bind_summary(summary, flags_of(record));
 	add_request_.bind(18, name_id(NameKind::kHost, record.host));
 	add_request_.bind(19, name_id(NameKind::kMethod, summary.method));
 	add_request_.bind(20, name_id(NameKind::kInstance, record.instance));

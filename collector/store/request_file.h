@@ -32,6 +32,9 @@ enum class NameKind {
 /* Bits of a request's flags. */
 constexpr int64_t kFlagWeb = 1;
 constexpr int64_t kFlagFailed = 2;
+/* How its process serves; neither where that is not known. */
+constexpr int64_t kFlagOneAtATime = 4;
+constexpr int64_t kFlagThreads = 8;
 
 class RequestFile {
 public:
@@ -59,7 +62,7 @@ private:
 	int64_t text_id(const RequestText &text);
 	int64_t text_set_id(const std::vector<RequestText> &texts);
 	void note_start(int64_t start);
-	void bind_summary(const Summary &summary);
+	void bind_summary(const Summary &summary, int64_t flags);
 	void load_names();
 	int64_t next_of(const std::string &table, const std::string &column);
 

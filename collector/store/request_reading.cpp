@@ -126,6 +126,9 @@ std::optional<RequestRow> RequestReader::read(int64_t row) {
 	request.verdict.kinds = split_words(kinds);
 	summary.is_web = (flags & kFlagWeb) != 0;
 	summary.is_failed = (flags & kFlagFailed) != 0;
+	request.serving = (flags & kFlagOneAtATime) != 0 ? Serving::kOneAtATime
+					  : (flags & kFlagThreads) != 0  ? Serving::kThreads
+													 : Serving::kUnknown;
 	return request;
 }
 
@@ -150,6 +153,7 @@ std::optional<Record> read_record(SQLite::Database &database, int64_t row) {
 	record.summary = std::move(request->summary);
 	record.host = std::move(request->host);
 	record.instance = std::move(request->instance);
+	record.serving = request->serving;
 	record.verdict = std::move(request->verdict);
 	SQLite::Statement set(database, "SELECT members FROM text_sets WHERE id = (SELECT texts FROM "
 									"requests WHERE row = ?)");

@@ -111,7 +111,7 @@ void SqliteStore::copy_to_pinned(const std::vector<std::string> &ids) {
 			}
 			return !record;
 		});
-		if (record && complete({record->summary, {}, {}, {}, false, false}).is_pinned) {
+		if (record && complete({record->summary, {}, {}, {}, {}, false, false}).is_pinned) {
 			continue;
 		}
 		if (record) {

@@ -31,6 +31,7 @@ struct RequestRow {
 	Summary summary;
 	std::string host;
 	std::string instance;
+	Serving serving = Serving::kUnknown; /* as its process did when it was recorded */
 	RequestVerdict verdict;
 	bool has_document = false;
 	bool is_pinned = false;

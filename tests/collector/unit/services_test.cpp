@@ -53,10 +53,12 @@ protected:
 	}
 
 	/* With its document; the root gets the id. */
-	void put(Transaction transaction, const std::string &id) {
+	void put(Transaction transaction, const std::string &id,
+			 Serving serving = Serving::kUnknown) {
 		transaction.spans.front().id = transaction.texts.keep(id);
 		transaction.application = "shop";
 		Record record = record_of(transaction);
+		record.serving = serving;
 		record.document = compressor_.compress(to_document(transaction));
 		store_.put(std::move(record));
 	}
@@ -162,6 +164,24 @@ TEST_F(ServicesTest, SaysWhereAQueryIsWrong) {
 TEST_F(ServicesTest, ProposesTheParameterThatWasMeant) {
 	json error = ask("GET", "/api/v1/requests", {{"lmit", "1"}}).body.at("error");
 	EXPECT_EQ(error.at("hint"), "did you mean limit?");
+}
+
+TEST_F(ServicesTest, ShowsWaitingWhereTheProcessServedOneRequestAtATime) {
+	for (auto [serving, id] : {std::pair{Serving::kUnknown, "00000000000000c1"},
+							   {Serving::kThreads, "00000000000000c2"},
+							   {Serving::kOneAtATime, "00000000000000c3"}}) {
+		put(Request("/").open("Lock::take").waits(600).close().works(100).done(), id, serving);
+		bool is_said = serving == Serving::kOneAtATime;
+		json findings = get("/api/v1/request", {{"id", id}}).at("findings");
+		ASSERT_EQ(findings.size(), is_said ? 1u : 0u) << id;
+		EXPECT_EQ(is_said ? findings[0].at("kind") : json("waiting"), "waiting");
+	}
+	store_.pin("00000000000000c3");
+	for (const json &each : get("/api/v1/trace", {{"id", "00000000000000c3"}}).at("requests")) {
+		bool is_said = each.at("request").at("id") == "00000000000000c3";
+		EXPECT_EQ(each.at("findings").size(), is_said ? 1u : 0u);
+	}
+	EXPECT_EQ(store_.forget(Filter()), 4);
 }
 
 TEST_F(ServicesTest, ShowsEverythingOfARequest) {

@@ -32,6 +32,7 @@ TEST_F(SqliteStoreTest, GivesBackWhatWasPut) {
 	one.summary.external_time = 30;
 	one.summary.path = "/cart/7?x='\"%";
 	one.summary.is_failed = true;
+	one.serving = Serving::kThreads;
 	one.verdict = {"61 times the same statement", 480, {"repeated-statement", "slow-call"}};
 	put(one, R"({"a":1})");
 	store().flush();
@@ -59,6 +60,7 @@ TEST_F(SqliteStoreTest, GivesBackWhatWasPut) {
 	EXPECT_TRUE(summary.is_failed);
 	EXPECT_EQ(found->host, "shop.example");
 	EXPECT_EQ(found->instance, "i1");
+	EXPECT_EQ(found->serving, Serving::kThreads);
 	EXPECT_EQ(found->verdict.sentence, one.verdict.sentence);
 	EXPECT_EQ(found->verdict.gain, 480);
 	EXPECT_EQ(found->verdict.kinds, one.verdict.kinds);

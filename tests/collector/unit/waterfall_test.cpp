@@ -15,7 +15,7 @@ using namespace kaq;
 using nlohmann::json;
 
 json answer_of(const Transaction &transaction) {
-	json answer = details_json(transaction);
+	json answer = details_json(transaction, Serving::kUnknown);
 	answer["spans"] = spans_json(transaction);
 	answer["critical_path"] = critical_path_json(transaction);
 	return answer;
