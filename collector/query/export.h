@@ -13,16 +13,16 @@
 
 namespace kaq {
 
-using Trace = std::vector<const Transaction *>;
+using ExportedRequests = std::vector<const Transaction *>;
 
 /* The JSON of speedscope: an evented profile for each lane of each request, in milliseconds. */
-std::string to_speedscope(const Trace &trace);
+std::string to_speedscope(const ExportedRequests &trace);
 
 /* The trace event format in JSON, which Perfetto and Chromium read: a process for each request, a
  * thread for each lane, an arrow from each call to the request that it made; in microseconds. */
-std::string to_trace_events(const Trace &trace);
+std::string to_trace_events(const ExportedRequests &trace);
 
 /* Everything that is known, as docs/export.md describes it. */
-std::string to_json_document(const Trace &trace);
+std::string to_json_document(const ExportedRequests &trace);
 
 } // namespace kaq

@@ -109,7 +109,7 @@ json transaction_json(const Transaction &transaction) {
 
 } // namespace
 
-std::string to_json_document(const Trace &trace) {
+std::string to_json_document(const ExportedRequests &trace) {
 	json requests = json::array();
 	for (const Transaction *transaction : in_order(trace)) {
 		requests.push_back(transaction_json(*transaction));

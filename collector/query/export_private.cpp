@@ -6,7 +6,7 @@
 
 namespace kaq {
 
-Trace in_order(Trace trace) {
+ExportedRequests in_order(ExportedRequests trace) {
 	std::stable_sort(trace.begin(), trace.end(),
 					 [](const Transaction *one, const Transaction *other) {
 						 return one->spans.front().start < other->spans.front().start;
@@ -14,7 +14,7 @@ Trace in_order(Trace trace) {
 	return trace;
 }
 
-int64_t start_of(const Trace &trace) {
+int64_t start_of(const ExportedRequests &trace) {
 	return in_order(trace).front()->spans.front().start;
 }
 

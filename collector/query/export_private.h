@@ -10,10 +10,10 @@
 namespace kaq {
 
 /* By start; of the same start as they were. */
-Trace in_order(Trace trace);
+ExportedRequests in_order(ExportedRequests trace);
 
 /* Of its earliest root span. */
-int64_t start_of(const Trace &trace);
+int64_t start_of(const ExportedRequests &trace);
 
 /* The request's label for its first lane, with a number for the others. */
 std::string lane_label(const std::string &request, size_t number);

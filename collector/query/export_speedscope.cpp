@@ -69,7 +69,7 @@ json profile(const std::string &name, int64_t origin, const std::vector<PlacedSp
 
 } // namespace
 
-std::string to_speedscope(const Trace &trace) {
+std::string to_speedscope(const ExportedRequests &trace) {
 	Frames frames;
 	json profiles = json::array();
 	int64_t origin = start_of(trace);

@@ -129,7 +129,7 @@ private:
 
 } // namespace
 
-std::string to_trace_events(const Trace &trace) {
+std::string to_trace_events(const ExportedRequests &trace) {
 	int64_t origin = start_of(trace);
 	Events events(origin);
 	for (const Transaction *transaction : in_order(trace)) {

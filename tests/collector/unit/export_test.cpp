@@ -75,7 +75,7 @@ protected:
 	}
 
 	/* The callee first: it is the order of time that counts. */
-	Trace trace() const {
+	ExportedRequests trace() const {
 		return {&stock, &shop};
 	}
 };
@@ -303,7 +303,7 @@ TEST(Export, AnyRequestsHaveAllTheirSpans) {
 		Transaction one = random_request(random);
 		Transaction other = random_request(random);
 		size_t count = one.spans.size() + other.spans.size();
-		Trace trace = {&one, &other};
+		ExportedRequests trace = {&one, &other};
 		ASSERT_EQ(count, check_speedscope(json::parse(to_speedscope(trace))));
 		json slices = json::parse(to_trace_events(trace));
 		ASSERT_EQ(count, check_slices(slices));

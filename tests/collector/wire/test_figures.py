@@ -258,6 +258,7 @@ def test_every_member_is_described(collector):
         told = get(collector, "/api/v1/" + path)
         assert told[name]
         assert set().union(*told[name]) == members_of(schemas, schemas[schema])
+        assert set(told["range"]) <= members_of(schemas, schemas["Range"])
 
 
 def shown(collector, columns, *arguments):
