@@ -225,6 +225,7 @@ TEST_F(SqliteStoreTest, PinnedRequestsStayAndAreFoundOnce) {
 	settings_.most_bytes = 1;
 	Record one = record(1, now_);
 	one.texts = {{TextKind::kStatement, "SELECT a FROM product"}};
+	one.serving = Serving::kOneAtATime;
 	put(one, R"({"kept":true})");
 	EXPECT_TRUE(store().pin(id_of(1)));
 	EXPECT_TRUE(store().pin(one.summary.trace_id));
@@ -241,6 +242,7 @@ TEST_F(SqliteStoreTest, PinnedRequestsStayAndAreFoundOnce) {
 	EXPECT_EQ(files().size(), 1u);
 	ASSERT_EQ(store().search(search).rows.size(), 1u);
 	EXPECT_TRUE(store().search(search).rows[0].is_pinned);
+	EXPECT_EQ(store().search(search).rows[0].serving, Serving::kOneAtATime);
 	EXPECT_EQ(store().document(id_of(1)), R"({"kept":true})");
 	close();
 	EXPECT_TRUE(store().request(id_of(1))->is_pinned);
