@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstring>
 
 #include <fmt/format.h>
@@ -137,19 +138,31 @@ void look_at_numbers(Findings &findings) {
 	}
 }
 
+/* Whether user functions are recorded without a hook, which engines before 8.4 cannot do. */
+bool is_observed(const Findings &findings) {
+	int major = 0;
+	int minor = 0;
+	std::string version = findings.php.value("PHP Version");
+	bool has_version = sscanf(version.c_str(), "%d.%d", &major, &minor) == 2;
+	bool is_able = has_version && (major > 8 || (major == 8 && minor >= 4));
+	return is_able && findings.is("kaq.track_zend_execute", "2");
+}
+
 /* What keeps the engine from compiling code, or what code costs that is not compiled. */
 void look_at_jit(Findings &findings) {
 	std::string jit = findings.php.value("opcache.jit");
 	std::string room = findings.php.value("opcache.jit_buffer_size");
 	bool is_wanted = is_on(findings.php.value("opcache.enable")) && !jit.empty() && jit != "0" &&
 					 jit != "off" && jit != "disable" && !room.empty() && room[0] != '0';
-	if (is_wanted && !findings.is("kaq.track_zend_execute", "0")) {
-		findings.add(Health::kWarning,
-					 fmt::format("opcache.jit is {}, and switches itself off, since user functions "
-								 "are recorded",
-								 printable(jit)),
-					 "kaq.track_zend_execute=0 to have the JIT instead of user functions, or "
-					 "opcache.jit=disable to have no warning");
+	bool is_hooked = !findings.is("kaq.track_zend_execute", "0") && !is_observed(findings);
+	if (is_wanted && is_hooked) {
+		findings.add(
+			Health::kWarning,
+			fmt::format("opcache.jit is {}, and switches itself off, since user functions "
+						"are recorded",
+						printable(jit)),
+			"kaq.track_zend_execute=0 to have the JIT instead of user functions, from PHP 8.4 "
+			"on =2 to have both, or opcache.jit=disable to have no warning");
 	}
 }
 

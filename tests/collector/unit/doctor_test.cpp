@@ -184,6 +184,12 @@ TEST_F(DoctorTest, TheJitAndRecordedFunctionsExcludeEachOther) {
 	EXPECT_TRUE(says(look_at(php(jit)), Health::kWarning, "opcache.jit is tracing"));
 	jit["kaq.track_zend_execute"] = "0";
 	EXPECT_TRUE(is_fine(look_at(php(jit))));
+	jit["kaq.track_zend_execute"] = "2";
+	EXPECT_TRUE(says(look_at(php(jit)), Health::kWarning, "opcache.jit is tracing"));
+	for (const char *version : {"8.4.1", "9.0.0"}) {
+		jit["PHP Version"] = version;
+		EXPECT_TRUE(is_fine(look_at(php(jit)))) << version;
+	}
 	jit["kaq.track_zend_execute"] = "1";
 	jit["opcache.jit_buffer_size"] = "0";
 	EXPECT_TRUE(is_fine(look_at(php(jit))));
