@@ -20,7 +20,6 @@
 #include "ingest/rules_policy.h"
 #include "query/summary_json.h"
 #include "store/request_view.h"
-#include "store/sqlite_store.h"
 #include "util/log.h"
 #include "util/system_time.h"
 
@@ -268,6 +267,7 @@ void Daemon::reload() {
 					 setting + " cannot change while the collector runs: it stays as it was");
 		}
 		configuration_ = std::move(*next);
+		store_->use(store_settings(configuration_));
 		caretaker_->use(configuration_);
 		handshake_->use(policy());
 		handshake_->allow(configuration_.listen.handshake_networks);

@@ -24,7 +24,7 @@
 #include "net/data_server.h"
 #include "net/handshake_probe.h"
 #include "net/handshake_server.h"
-#include "store/store.h"
+#include "store/sqlite_store.h"
 #include "util/memory_budget.h"
 #include "util/watchdog.h"
 
@@ -70,7 +70,7 @@ private:
 	Configuration configuration_;
 
 	/* Outlives what takes requests in. */
-	std::unique_ptr<Store> store_;
+	std::unique_ptr<SqliteStore> store_;
 	RequestMetrics request_metrics_;
 	ForkLookup forks_;
 	std::unique_ptr<Caretaker> caretaker_;

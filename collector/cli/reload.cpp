@@ -44,6 +44,7 @@ std::vector<std::string> keep_fixed_settings(const Configuration &running, Confi
 	keep_fixed(now.http_port, then.http_port, "listen.http", changed);
 	keep_fixed(now.socket_group, then.socket_group, "listen.socket_group", changed);
 	keep_fixed(running.store.directory, next.store.directory, "store.directory", changed);
+	keep_fixed(running.names.cap, next.names.cap, "names.cap", changed);
 	return changed;
 }
 

@@ -21,8 +21,16 @@ constexpr size_t kMostNames = 5000;
 
 } // namespace
 
-DocumentBudget::DocumentBudget(const DocumentSettings &settings)
-	: settings_(settings), most_(static_cast<double>(settings.bytes) * kBurst), left_(most_) {
+DocumentBudget::DocumentBudget(const DocumentSettings &settings) {
+	use(settings);
+	left_ = most_;
+}
+
+void DocumentBudget::use(const DocumentSettings &settings) {
+	double most = static_cast<double>(settings.bytes) * kBurst;
+	left_ *= most_ > 0 ? most / most_ : 0;
+	most_ = most;
+	settings_ = settings;
 }
 
 bool DocumentBudget::is_slow(const Summary &summary, int64_t now) {

@@ -26,6 +26,9 @@ public:
 	/* The budget is full at first. */
 	explicit DocumentBudget(const DocumentSettings &settings);
 
+	/* Other settings from now on; as much of the budget is left as before, in proportion. */
+	void use(const DocumentSettings &settings);
+
 	/* Whether to keep the document of this request. */
 	bool wants(const Summary &summary, int64_t now);
 	/* What keeping something took. */
@@ -37,9 +40,9 @@ public:
 private:
 	bool is_slow(const Summary &summary, int64_t now);
 
-	const DocumentSettings settings_;
-	const double most_;
-	double left_;
+	DocumentSettings settings_;
+	double most_ = 0;
+	double left_ = 0;
 	int64_t filled_ = 0;
 	/* Durations by transaction since `begun_`, to know which are slow. */
 	std::unordered_map<std::string, Histogram> durations_;

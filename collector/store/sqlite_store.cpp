@@ -70,6 +70,25 @@ SqliteStore::~SqliteStore() {
 	}
 }
 
+void SqliteStore::use(SqliteSettings settings) {
+	std::lock_guard lock(mutex_);
+	tasks_.emplace_back([this, settings = std::move(settings)] { take_over(settings); });
+	wake_.notify_one();
+}
+
+void SqliteStore::take_over(const SqliteSettings &settings) {
+	std::lock_guard lock(mutex_);
+	settings_.most_bytes = settings.most_bytes;
+	settings_.age = settings.age;
+	settings_.file_bytes = settings.file_bytes;
+	settings_.file_time = settings.file_time;
+	settings_.figures = settings.figures;
+	settings_.documents = settings.documents;
+	budget_.use(with_bytes(settings.documents, settings.most_bytes));
+	/* What is too much now goes at once. */
+	retained_ = 0;
+}
+
 std::string SqliteStore::figure_path() const {
 	return settings_.directory + "/figures.sqlite";
 }

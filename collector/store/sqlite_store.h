@@ -45,6 +45,10 @@ public:
 	/* Writes what was put. */
 	~SqliteStore() override;
 
+	/* Takes over sizes and times before long; the directory, the caps of names, the queue and the
+	 * clock stay as they are. Any thread. */
+	void use(SqliteSettings settings);
+
 	bool wants_document(const Summary &summary) override;
 	void put(Record record) override;
 	void put_asked(int64_t time, const std::vector<AskedCount> &counts) override;
@@ -68,6 +72,8 @@ public:
 private:
 	using File = RequestDirectory::File;
 	using Task = std::function<void()>;
+
+	void take_over(const SqliteSettings &settings);
 
 	void run();
 	/* Does something on the writing thread and waits for it; its exceptions come back. */
@@ -101,7 +107,8 @@ private:
 	std::string figure_path() const;
 	int64_t now() const;
 
-	const SqliteSettings settings_;
+	/* What may change does so on the writing thread, with the lock. */
+	SqliteSettings settings_;
 	DatabasePool pool_;
 	RequestDirectory files_;
 	PartCounts counts_;

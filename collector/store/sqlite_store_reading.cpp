@@ -242,9 +242,12 @@ StoreStatus SqliteStore::status() {
 	}
 	std::reverse(status.parts.begin(), status.parts.end());
 	counts_.keep_only(paths);
-	status.most_bytes = settings_.most_bytes;
 	status.figure_bytes = bytes_of_database(figure_path());
-	status.most_figure_bytes = settings_.figures.most_bytes;
+	{
+		std::lock_guard lock(mutex_);
+		status.most_bytes = settings_.most_bytes;
+		status.most_figure_bytes = settings_.figures.most_bytes;
+	}
 	status.requests_put = put_;
 	status.documents_kept = kept_;
 	status.documents_left_out = left_out_;

@@ -86,6 +86,22 @@ TEST(DocumentBudget, KeepsAllIfItIsTold) {
 	EXPECT_TRUE(budget.wants(summary(1), kNow));
 }
 
+TEST(DocumentBudget, OtherSettingsKeepWhatIsLeftInProportion) {
+	DocumentBudget budget(settings());
+	budget.wants(summary(1), kNow);
+	budget.spend(700);
+	DocumentSettings more = settings();
+	more.bytes *= 10;
+	budget.use(more);
+	EXPECT_NEAR(budget.share(), 0.5, 0.01);
+	budget.spend(1000);
+	EXPECT_NEAR(budget.share(), 0.25, 0.01);
+	more.keeps_all = true;
+	budget.use(more);
+	budget.spend(100000);
+	EXPECT_TRUE(budget.wants(summary(2), kNow));
+}
+
 TEST(DocumentBudget, AClockThatStepsBackGivesNothing) {
 	DocumentBudget budget(settings());
 	budget.wants(summary(1), kNow);

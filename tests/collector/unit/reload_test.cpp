@@ -23,10 +23,11 @@ TEST(Reload, PortsAddressesAndTheStoreStay) {
 	next.listen.http_port = 3;
 	next.listen.socket_group = "x";
 	next.store.directory = "/b";
+	next.names.cap = 7;
 	next.store.size_cap = 1 << 30;
-	std::vector<std::string> wanted = {"listen.addresses",    "listen.handshake",
-									   "listen.data",         "listen.http",
-									   "listen.socket_group", "store.directory"};
+	std::vector<std::string> wanted = {"listen.addresses", "listen.handshake",    "listen.data",
+									   "listen.http",      "listen.socket_group", "store.directory",
+									   "names.cap"};
 	EXPECT_EQ(wanted, keep_fixed_settings(running, next));
 	EXPECT_EQ(running.listen.addresses, next.listen.addresses);
 	EXPECT_EQ(20021, next.listen.handshake_port);
@@ -34,6 +35,7 @@ TEST(Reload, PortsAddressesAndTheStoreStay) {
 	EXPECT_EQ(20023, next.listen.http_port);
 	EXPECT_EQ("kaq", next.listen.socket_group);
 	EXPECT_EQ("/a", next.store.directory);
+	EXPECT_EQ(2000u, next.names.cap);
 	EXPECT_EQ(1u << 30, next.store.size_cap);
 }
 

@@ -414,6 +414,39 @@ TEST_F(SqliteStoreTest, KnowsHowManyRowsThereAreWhateverHappensToThem) {
 }
 
 /* They are counted once: what a third party removes behind the store's back is not noticed. */
+TEST_F(SqliteStoreTest, TakesOverSizesAndTimesWhileItRuns) {
+	settings_.file_time = kMinute;
+	for (int i = 1; i <= 5; i++) {
+		put(record(i, now_));
+		store().flush();
+		now_ += kMinute;
+	}
+	EXPECT_EQ(files().size(), 5u);
+	SqliteSettings other = settings_;
+	other.directory = "/elsewhere";
+	other.age = 3 * kMinute;
+	other.most_bytes = 100 << 20;
+	other.figures.most_bytes = 50 << 20;
+	store().use(other);
+	settle();
+	EXPECT_EQ(store().status().most_bytes, 100 << 20);
+	EXPECT_EQ(store().status().most_figure_bytes, 50 << 20);
+	EXPECT_LT(files().size(), 5u);
+	EXPECT_FALSE(store().request(id_of(1)));
+	EXPECT_TRUE(store().request(id_of(5)));
+	other.file_time = kHour;
+	other.age = 24 * kHour;
+	store().use(other);
+	store().flush();
+	size_t count = files().size();
+	for (int i = 6; i <= 8; i++) {
+		put(record(i, now_));
+		store().flush();
+		now_ += kMinute;
+	}
+	EXPECT_EQ(files().size(), count);
+}
+
 TEST_F(SqliteStoreTest, CountsRowsOnce) {
 	settings_.file_time = kMinute;
 	put(record(1, now_));

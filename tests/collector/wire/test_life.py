@@ -120,6 +120,18 @@ def test_a_reload_takes_over_the_rest_of_the_settings(configured):
     tail.communicate(timeout=SECONDS)
 
 
+def test_a_reload_takes_over_what_the_store_may_take(configured):
+    collector = configured.start("")
+    configured.reload('[store]\nsize_cap = "600MiB"\nrollup_cap = "20MiB"\n[names]\ncap = 5\n')
+
+    def caps():
+        store = sockets.status(collector)["store"]
+        return store["most_bytes"], store["most_figure_bytes"]
+    until(lambda: caps() == (600 << 20, 20 << 20))
+    collector.stop()
+    assert "names.cap cannot change while the collector runs: it stays as it was" in collector.log
+
+
 def test_a_mistake_leaves_the_old_configuration(configured):
     collector = configured.start('[[monitor]]\nmonitored = false\n')
     configured.reload('[[monitor]]\nmonitord = true\n[listen]\nhandshake = "x"\n')
