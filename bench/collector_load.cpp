@@ -4,6 +4,7 @@
  *     collector_load echo                                    a bare epoll loop: answers each line
  *     collector_load handshakes PORT COUNT PAUSE_US          one client, one after the other
  *     collector_load payloads PORT RATE SECONDS FILE         a line of the file for each connection
+ *     collector_load fill PORT COUNT SECONDS                 small requests, spread over that time
  *
  * The first prints its port and serves until it is ended. The others print one line of figures:
  * microseconds of each handshake in order of size at 50, 90, 99 and 100 %; or payloads sent, not
@@ -177,6 +178,71 @@ static int payloads(int port, double rate, double seconds, const char *path) {
 	return 0;
 }
 
+static std::string base64(const std::string &text) {
+	static const char *const DIGITS =
+		"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+	std::string out;
+	for (size_t i = 0; i < text.size(); i += 3) {
+		size_t left = std::min<size_t>(3, text.size() - i);
+		unsigned bits = 0;
+		for (size_t k = 0; k < 3; k++) {
+			bits = bits << 8 | (k < left ? static_cast<unsigned char>(text[i + k]) : 0);
+		}
+		for (size_t k = 0; k < 4; k++) {
+			out += k <= left ? DIGITS[bits >> (18 - 6 * k) & 63] : '=';
+		}
+	}
+	return out;
+}
+
+/* Every 500th fails, one in 97 took ten times as long; four applications of 50 names each. */
+static std::string small_request(size_t number, long long start) {
+	static const char *const FORMAT =
+		R"({"apm":{"data":true,"application_info":{"application_type":"PHP",)"
+		R"("application_name":"shop%zu","application_group":"","instance_id":"i1"},)"
+		R"("transaction_info":{"t_name":"/shop/page%c%c/%zu","http_host":"shop.example",)"
+		R"("s_time":%lld,"e_time":%lld,"http_method_name":"GET","bytes_in":0,"bytes_out":5120,)"
+		R"("transaction_type":1,"thread_id":4242,"httpcode":%d,"cputime":10,)"
+		R"("memalloc":4194304,"trace_id":"%032zx"},"method_info":{"span_info":[)"
+		R"({"st":%lld,"et":%lld,"mo":0,"fn":"main","cn":"PHP","si":"%016zx"},)"
+		R"({"st":%lld,"et":%lld,"mo":1,"fn":"PDO::query","cn":"PDO","si":"%016zx",)"
+		R"("psi":"%016zx","qs":"SELECT * FROM product WHERE category_%c = 7","ex":1}]},)"
+		R"("app_parameters":{}}})";
+	long long duration = static_cast<long long>(20 + number * 7919 % 180);
+	duration *= number % 97 == 0 ? 10 : 1;
+	size_t id = 0x1000000000000000 + number * 2;
+	auto letter = [](size_t value) { return static_cast<int>('a' + value); };
+	char text[2048];
+	snprintf(text, sizeof text, FORMAT, number % 4, letter(number / 4 % 10),
+			 letter(number / 40 % 5), number, start, start + duration,
+			 number % 500 == 0 ? 500 : 200, number + 1, start, start + duration, id, start + 2,
+			 start + 2 + duration / 2, id + 1, id, letter(number % 20));
+	return base64(text) + "\n";
+}
+
+static int fill(int port, size_t total, long long seconds) {
+	constexpr size_t TOGETHER = 100;
+	timespec time;
+	clock_gettime(CLOCK_REALTIME, &time);
+	long long first = (static_cast<long long>(time.tv_sec) - seconds) * 1000;
+	size_t refused = 0;
+	double begin = now();
+	for (size_t i = 0; i < total; i += TOGETHER) {
+		std::string lines;
+		for (size_t k = i; k < std::min(i + TOGETHER, total); k++) {
+			long long start = first + static_cast<long long>(static_cast<double>(k) * 1000 *
+															 static_cast<double>(seconds) /
+															 static_cast<double>(total));
+			lines += small_request(k, start);
+		}
+		int fd = connected(port);
+		refused += fd < 0 || !write_all(fd, lines.data(), lines.size()) ? TOGETHER : 0;
+		close(fd);
+	}
+	printf("%zu %zu %.3f\n", total - refused, refused, now() - begin);
+	return 0;
+}
+
 int main(int count, char **arguments) {
 	std::string verb = count > 1 ? arguments[1] : "";
 	if (verb == "echo") {
@@ -188,7 +254,11 @@ int main(int count, char **arguments) {
 	if (verb == "payloads" && count == 6) {
 		return payloads(atoi(arguments[2]), atof(arguments[3]), atof(arguments[4]), arguments[5]);
 	}
+	if (verb == "fill" && count == 5) {
+		return fill(atoi(arguments[2]), static_cast<size_t>(atoll(arguments[3])),
+					atoll(arguments[4]));
+	}
 	fprintf(stderr, "usage: collector_load echo | handshakes PORT COUNT PAUSE_US | "
-					"payloads PORT RATE SECONDS FILE\n");
+					"payloads PORT RATE SECONDS FILE | fill PORT COUNT SECONDS\n");
 	return 2;
 }

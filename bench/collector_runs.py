@@ -1,197 +1,119 @@
 """What the collector costs, beside a bare epoll loop that answers the same: its handshakes, idle and
-under load; payloads taken in a second; its memory; how fast it answers questions."""
+under load; payloads taken in a second; its memory; how fast it answers questions; instructions of a
+payload."""
 import argparse
-import base64
+import contextlib
 import json
 import os
 import pathlib
-import random
 import re
-import shutil
 import statistics
-import subprocess
 import sys
 import tempfile
 import time
-import urllib.request
 
-PORTS = re.compile(r"handshakes (\d+), payloads (\d+), http (\d+); store (.*)\n")
-SPANS = 160
+from collector_harness import SPANS, Collector, Load, payload
+
 PAYLOADS = 400
-START_SECONDS = 30
-STATEMENTS = ["SELECT p.id, p.name, p.price FROM product p WHERE p.category_id = %d ORDER BY p.name",
-              "SELECT * FROM cart_item WHERE cart_id = %d",
-              "UPDATE session SET seen_at = %d WHERE id = 'abc'",
-              "SELECT value FROM setting WHERE name = 'currency' AND shop_id = %d"]
+DAY = 24 * 3600
+ASKED = 30
+# What somebody looks for, from what all have to what none has.
+SEARCHES = ("app:shop1", "app:shop1 >300ms", "txn:/shop/pageba/*", 'sql:"FROM product"',
+            "sql:category_c status:500", "status:500 since:6h", "txn:/nothing*", "sql:nothing")
 
 
-def span(number, start, end, name, component, more=None):
-    return {"st": start, "et": end, "mo": 0, "fn": name, "cn": component, "si": "%016x" % number,
-            **(more or {})}
-
-
-def payload(seed):
-    """A line as the extension sends it: one request with 160 spans, 31 KB."""
-    pick = random.Random(seed)
-    start = int(time.time() * 1000) - 1000 + seed
-    duration = int(pick.lognormvariate(4.5, 0.8))
-    root = pick.getrandbits(64)
-    spans = [span(root, start, start + duration, "main", "PHP")]
-    for index in range(SPANS - 1):
-        begin = start + index * duration // SPANS
-        kind = index % 4
-        if kind == 0:
-            more = {"qs": STATEMENTS[index % len(STATEMENTS)] % pick.randrange(100000), "ex": 1,
-                    "psi": "%016x" % root, "mo": index + 1}
-            spans.append(span(pick.getrandbits(64), begin, begin + 1, "PDO::query", "PDO", more))
-        else:
-            name = "Shop\\Cart\\Handler%d::method%d" % (index % 7, index % 40)
-            spans.append(span(pick.getrandbits(64), begin, begin + 2, name, "PHP",
-                              {"psi": "%016x" % root, "mo": index + 1}))
-    document = {"apm": {"data": True,
-                        "application_info": {"application_type": "PHP",
-                                             "application_name": "shop%d" % (seed % 3),
-                                             "application_group": "", "instance_id": "i1"},
-                        "transaction_info": {
-                            "t_name": "/shop/%s/%d" % (pick.choice(["cart", "product", "search"]),
-                                                       pick.randrange(1000)),
-                            "http_host": "shop.example", "s_time": start, "e_time": start + duration,
-                            "http_method_name": "GET", "bytes_in": 0, "bytes_out": 5120,
-                            "transaction_type": 1, "thread_id": 4242, "httpcode": 200,
-                            "cputime": duration // 2, "memalloc": 4194304,
-                            "trace_id": "%032x" % pick.getrandbits(128),
-                            "http_headers": {"Host": "shop.example", "Accept": "text/html",
-                                             "User-Agent": "Mozilla/5.0 (X11; Linux x86_64)"}},
-                        "method_info": {"span_info": spans}, "app_parameters": {}}}
-    return base64.b64encode(json.dumps(document, separators=(",", ":")).encode()).decode()
-
-
-class Collector:
-    def __init__(self, program, directory, configuration=""):
-        self.store = pathlib.Path(directory) / "store"
-        self.store.mkdir()
-        path = pathlib.Path(directory) / "collector.toml"
-        path.write_text("[store]\n" + configuration)
-        self.program = program
-        self.process = subprocess.Popen(
-            [program, "collect", "--handshake", "0", "--data", "0", "--http", "0", "--store",
-             str(self.store), "--config", str(path)], stdout=subprocess.PIPE, text=True)
-        found = PORTS.search(self.process.stdout.readline())
-        self.handshake, self.data, self.http = (int(port) for port in found.groups()[:3])
-        self.token = (self.store / "token").read_text().strip()
-
-    def resident(self):
-        """MiB."""
-        status = pathlib.Path("/proc/%d/status" % self.process.pid).read_text()
-        return int(re.search(r"VmRSS:\s+(\d+)", status).group(1)) / 1024
-
-    def get(self, path):
-        """(seconds, JSON) of a question."""
-        request = urllib.request.Request("http://127.0.0.1:%d%s" % (self.http, path),
-                                         headers={"Authorization": "Bearer " + self.token})
-        begin = time.perf_counter()
-        with urllib.request.urlopen(request, timeout=60) as answer:
-            text = answer.read()
-        return time.perf_counter() - begin, json.loads(text)
-
-    def processor(self):
-        """Seconds of processor time used so far."""
-        fields = pathlib.Path("/proc/%d/stat" % self.process.pid).read_text().split()
-        return (int(fields[13]) + int(fields[14])) / os.sysconf("SC_CLK_TCK")
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait(30)
-
-
-class Load:
-    def __init__(self, program, payloads):
-        self.program, self.payloads = program, payloads
-
-    def start_echo(self):
-        process = subprocess.Popen([self.program, "echo"], stdout=subprocess.PIPE, text=True)
-        return process, int(process.stdout.readline())
-
-    def handshakes(self, port, count, pause=0):
-        """Microseconds at 50, 90, 99 and 100 %."""
-        done = subprocess.run([self.program, "handshakes", str(port), str(count), str(pause)],
-                              stdout=subprocess.PIPE, text=True, check=True, timeout=600)
-        return [float(text) for text in done.stdout.split()]
-
-    def start_payloads(self, port, rate, seconds):
-        return subprocess.Popen([self.program, "payloads", str(port), str(rate), str(seconds),
-                                 self.payloads], stdout=subprocess.PIPE, text=True)
-
-    @staticmethod
-    def finish(process):
-        """(sent, not taken, seconds)"""
-        words = process.communicate(timeout=600)[0].split()
-        return int(words[0]), int(words[1]), float(words[2])
+@contextlib.contextmanager
+def echo_beside(load):
+    process, port = load.start_echo()
+    try:
+        yield port
+    finally:
+        process.terminate()
+        process.wait()
 
 
 def measure_handshakes(load, collector, rounds, count):
-    """Paired: one round of each, in turn. Medians of p50 for collector and echo."""
-    echo, port = load.start_echo()
-    pairs = []
-    try:
+    """Paired: one round of the collector and one of the echo in turn."""
+    with echo_beside(load) as port:
         load.handshakes(port, 200)
         load.handshakes(collector.handshake, 200)
-        for _ in range(rounds):
-            pairs.append((load.handshakes(collector.handshake, count),
-                          load.handshakes(port, count)))
-    finally:
-        echo.terminate()
-        echo.wait()
-    return pairs
+        return [(load.handshakes(collector.handshake, count), load.handshakes(port, count))
+                for _ in range(rounds)]
 
 
 def under_load(load, collector, port, rate, seconds):
     sender = load.start_payloads(collector.data, rate, seconds)
     time.sleep(0.5)
     times = load.handshakes(port, int((seconds - 1.5) * 200), 4000)
-    return times, load.finish(sender)
+    load.finish(sender)
+    return times
 
 
 def measure_under_load(load, collector, rate, rounds, seconds):
-    echo, port = load.start_echo()
-    pairs = []
-    try:
-        for _ in range(rounds):
-            mine, _ = under_load(load, collector, collector.handshake, rate, seconds)
-            floor, _ = under_load(load, collector, port, rate, seconds)
-            pairs.append((mine, floor))
-    finally:
-        echo.terminate()
-        echo.wait()
-    return pairs
-
-
-def stored(collector):
-    status = collector.get("/api/v1/status")[1]["store"]
-    return status
+    with echo_beside(load) as port:
+        return [(under_load(load, collector, collector.handshake, rate, seconds),
+                 under_load(load, collector, port, rate, seconds)) for _ in range(rounds)]
 
 
 def measure_rate(load, program, rate, seconds, keeps_all):
     """Sends at that rate; what became of it."""
-    directory = tempfile.mkdtemp(prefix="kaq-bench-")
-    collector = Collector(program, directory, "keep_all = %s\n" % ("true" if keeps_all else "false"))
-    try:
+    with Collector(program, "keep_all = %s\n" % ("true" if keeps_all else "false")) as collector:
+        before = collector.processor()
         sent, refused, took = load.finish(load.start_payloads(collector.data, rate, seconds))
-        deadline = time.monotonic() + 20
-        while time.monotonic() < deadline and stored(collector)["requests_put"] < sent:
-            time.sleep(0.2)
-        time.sleep(1.5)
-        status = stored(collector)
-        _, top = collector.get("/api/v1/top?since=1h")
-        return {"rate": rate, "seconds": took, "sent": sent, "refused": refused,
-                "put": status["requests_put"], "kept": status["documents_kept"],
-                "lost": status["requests_lost"],
+        collector.wait_for(sent, 20)
+        status = collector.stored()
+        _, top = collector.get("/api/v1/top", since="1h")
+        return {"rate": rate, "keeps_all": keeps_all, "taken_per_second": sent / took,
+                "sent": sent, "refused": refused, "put": status["requests_put"],
+                "documents": status["documents_kept"], "lost": status["requests_lost"],
                 "counted": sum(row["count"] for row in top["rows"]),
-                "resident": collector.resident(),
-                "processor_us": collector.processor() / max(sent, 1) * 1e6}
-    finally:
-        collector.stop()
-        shutil.rmtree(directory)
+                "resident_mib": collector.resident(),
+                "processor_us": (collector.processor() - before) / max(sent, 1) * 1e6}
+
+
+def times_of(collector, path, questions):
+    """Milliseconds of each, in order of size."""
+    return sorted(collector.get(path, **question)[0] * 1000 for question in questions)
+
+
+def measure_questions(load, program, count):
+    """About so many requests of the last day: median and slowest answer in milliseconds."""
+    with Collector(program) as collector:
+        sent, refused, took = load.fill(collector.data, count, DAY - 600)
+        collector.wait_for(sent, 600)
+        _, found = collector.get("/api/v1/requests", q="since:24h", limit=1000)
+        traces = [row["trace_id"] for row in found["rows"]][:: 1000 // ASKED]
+        figures = {"requests": sent, "refused": refused, "filled_per_second": sent / took,
+                   "put": collector.stored()["requests_put"], "resident_mib": collector.resident()}
+        asked = {"trace by id": ("/api/v1/trace", [{"id": each} for each in traces]),
+                 "top over a day": ("/api/v1/top", [{"since": "24h"}] * ASKED)}
+        for search in SEARCHES:
+            words = {"q": search if "since:" in search else search + " since:24h"}
+            asked["find " + search] = ("/api/v1/requests", [words] * 5)
+        figures["questions_ms"] = {}
+        for name, (path, questions) in asked.items():
+            times = times_of(collector, path, questions)
+            figures["questions_ms"][name] = [statistics.median(times), times[-1]]
+        return figures
+
+
+def instructions_of(load, program, seconds):
+    """Of a run that takes 20 payloads a second for so long."""
+    with tempfile.TemporaryDirectory(prefix="kaq-bench-") as directory:
+        wrapper = ("valgrind", "--tool=callgrind", "--callgrind-out-file=%s/out" % directory,
+                   "--log-file=%s/log" % directory)
+        with Collector(program, "keep_all = true\n", wrapper) as collector:
+            sent, _, _ = load.finish(load.start_payloads(collector.data, 20, seconds))
+            collector.wait_for(sent, 60)
+        text = pathlib.Path(directory, "out").read_text()
+        return sent, int(re.search(r"^(?:summary|totals): (\d+)", text, re.M).group(1))
+
+
+def count_instructions(load, program):
+    """Of one payload, every document kept; start and end cancel out."""
+    few, less = instructions_of(load, program, 5)
+    many, more = instructions_of(load, program, 25)
+    return (more - less) / (many - few)
 
 
 def ratio(pairs, index):
@@ -202,49 +124,75 @@ def line(text, *values):
     print("  " + text % values, flush=True)
 
 
+def report_pairs(text, pairs, index, target):
+    mine = statistics.median(one[index] for one, _ in pairs)
+    floor = statistics.median(other[index] for _, other in pairs)
+    line("%s: %.0f us, bare epoll loop %.0f us, ratio %.2f (target %.1f)", text, mine, floor,
+         ratio(pairs, index), target)
+    return {"collector_us": mine, "floor_us": floor, "ratio": ratio(pairs, index)}
+
+
 def report_handshakes(load, program, quick):
-    directory = tempfile.mkdtemp(prefix="kaq-bench-")
-    collector = Collector(program, directory)
-    try:
+    with Collector(program) as collector:
         pairs = measure_handshakes(load, collector, 3 if quick else 15, 500 if quick else 2000)
-        line("handshake, one client: p50 %.0f us, bare epoll loop %.0f us, ratio %.2f (target 1.5)",
-             statistics.median(mine[0] for mine, _ in pairs),
-             statistics.median(floor[0] for _, floor in pairs), ratio(pairs, 0))
+        alone = report_pairs("handshake, one client, p50", pairs, 0, 1.5)
         pairs = measure_under_load(load, collector, 1500, 1 if quick else 5, 4 if quick else 10)
-        line("handshake while 1500 payloads/s come in: p99 %.0f us, bare epoll loop %.0f us, "
-             "ratio %.2f (target 2)", statistics.median(mine[2] for mine, _ in pairs),
-             statistics.median(floor[2] for _, floor in pairs), ratio(pairs, 2))
-    finally:
-        collector.stop()
-        shutil.rmtree(directory)
+        loaded = report_pairs("handshake beside 1500 payloads/s, p99", pairs, 2, 2)
+    return {"alone": alone, "under_load": loaded}
 
 
 def report_rates(load, program, quick):
+    rates = []
     for rate, keeps_all in ((2500, True), (5000, False)):
         found = measure_rate(load, program, rate, 4 if quick else 20, keeps_all)
         line("%d payloads/s sent, %s: %.0f/s taken; %d sent, %d refused, %d put, %d counted, "
              "%d documents kept, %d lost; %.0f MiB resident; %.0f us of processor time each",
              rate, "every document kept" if keeps_all else "documents by rule",
-             found["sent"] / found["seconds"], found["sent"], found["refused"], found["put"],
-             found["counted"], found["kept"], found["lost"], found["resident"],
+             found["taken_per_second"], found["sent"], found["refused"], found["put"],
+             found["counted"], found["documents"], found["lost"], found["resident_mib"],
              found["processor_us"])
+        rates.append(found)
+    return rates
+
+
+def report_questions(load, program, quick):
+    found = measure_questions(load, program, 50000 if quick else 1000000)
+    line("%d requests of a day, %.0f/s taken, %d refused, %d put; %.0f MiB resident",
+         found["requests"], found["filled_per_second"], found["refused"], found["put"],
+         found["resident_mib"])
+    for name, (median, slowest) in found["questions_ms"].items():
+        line("%-34s %7.1f ms, slowest %7.1f", name, median, slowest)
+    return found
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--program", required=True)
     parser.add_argument("--load", required=True)
+    parser.add_argument("--part", action="append",
+                        choices=("handshakes", "rates", "questions", "instructions"))
     parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--json", default="")
     options = parser.parse_args()
+    wanted = options.part or ("handshakes", "rates", "questions", "instructions")
     lines = [payload(seed) for seed in range(PAYLOADS)]
+    figures = {}
     with tempfile.NamedTemporaryFile("w", suffix=".payloads") as file:
         file.write("\n".join(lines) + "\n")
         file.flush()
-        print("\ncollector: payloads of %d bytes, %d spans; sender and collector share the machine"
-              % (statistics.mean(map(len, lines)), SPANS))
+        print("\ncollector: payloads of %d bytes, %d spans; sender and collector share %d "
+              "processors, load %.1f" % (statistics.mean(map(len, lines)), SPANS, os.cpu_count(),
+                                         os.getloadavg()[0]))
         load = Load(options.load, file.name)
-        report_handshakes(load, options.program, options.quick)
-        report_rates(load, options.program, options.quick)
+        for name, report in (("handshakes", report_handshakes), ("rates", report_rates),
+                             ("questions", report_questions)):
+            if name in wanted:
+                figures[name] = report(load, options.program, options.quick)
+        if "instructions" in wanted:
+            figures["instructions"] = count_instructions(load, options.program)
+            line("%.0f instructions a payload", figures["instructions"])
+    if options.json:
+        pathlib.Path(options.json).write_text(json.dumps(figures, indent=1) + "\n")
 
 
 if __name__ == "__main__":
