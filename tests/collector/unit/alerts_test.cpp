@@ -131,7 +131,7 @@ protected:
 	void restart(const std::vector<AlertRule> &rules) {
 		kaq_test::Directory directory;
 		std::string file = directory.path() + "/alerts";
-		ASSERT_TRUE(kaq::write_rows(file, rows_of({engine_->memory(), {}})));
+		ASSERT_TRUE(kaq::write_rows(file, kaq::rows_of({engine_->memory(), {}})));
 		engine_.emplace(source_);
 		engine_->use(rules);
 		engine_->recall(kaq::read_alerts(file).memory);

@@ -47,7 +47,7 @@ def test_a_query_chooses_by_calls_and_findings(collector):
     with Sender(collector, sockets.payload("/a"), sockets.payload("/b", spans=[failed]),
                 sockets.payload("/c", spans=[good])):
         for query, found in (("verdict:failed-call", {"/b"}), ("call:api.example*", {"/b", "/c"}),
-                             ("call:api.example:8080", {"/b"}), ("-has:verdict call:*", {"/c"})):
+                             ("call:api.example:8080", {"/b"}), ("call:* -has:verdict", {"/c"})):
             assert paths(collector.run("tail", query, "--json", "-n", "6")) == found
     for query, found in (("call:API.example:8080", {"/b"}), ("call:api.example", {"/c"}),
                          ("verdict:failed-call", {"/b"})):
