@@ -49,8 +49,8 @@ struct Record {
 	std::string document;           /* compressed; empty if it is not to be kept */
 };
 
-/* All but the verdict, how its process serves, and the document. At most kMostTexts texts, of at most kLongestFactText
- * bytes each. */
+/* All but the verdict, how its process serves, and the document. At most kMostTexts texts, of at
+ * most kLongestFactText bytes each. */
 constexpr size_t kMostTexts = 2000;
 /* `is_repeated` tells which spans another process of a fork has reported as well; none at all where
  * it has none. */

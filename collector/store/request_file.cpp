@@ -187,12 +187,11 @@ void RequestFile::bind_summary(const Summary &summary, int64_t flags) {
 	add_request_.bindNoCopy(2, summary.id);
 	add_request_.bindNoCopy(3, summary.trace_id);
 	int column = 4;
-	for (int64_t number : {summary.start, summary.duration, summary.cpu, summary.memory,
-						   summary.status, summary.spans, summary.queries, summary.calls,
-						   summary.failures, summary.query_time, summary.external_time,
-						   flags,
-						   name_id(NameKind::kApplication, summary.application),
-						   name_id(NameKind::kName, summary.name)}) {
+	for (int64_t number :
+		 {summary.start, summary.duration, summary.cpu, summary.memory, summary.status,
+		  summary.spans, summary.queries, summary.calls, summary.failures, summary.query_time,
+		  summary.external_time, flags, name_id(NameKind::kApplication, summary.application),
+		  name_id(NameKind::kName, summary.name)}) {
 		add_request_.bind(column++, number);
 	}
 }
