@@ -62,11 +62,11 @@ def measure_rate(load, program, rate, seconds, keeps_all):
         sent, refused, took = load.finish(load.start_payloads(collector.data, rate, seconds))
         collector.wait_for(sent, 20)
         status = collector.stored()
-        _, top = collector.get("/api/v1/top", since="1h")
+        _, top = collector.get("/api/v1/top", **{"from": "1h", "limit": 10000})
         return {"rate": rate, "keeps_all": keeps_all, "taken_per_second": sent / took,
                 "sent": sent, "refused": refused, "put": status["requests_put"],
                 "documents": status["documents_kept"], "lost": status["requests_lost"],
-                "counted": sum(row["count"] for row in top["rows"]),
+                "counted": sum(row["requests"] for row in top["transactions"]),
                 "resident_mib": collector.resident(),
                 "processor_us": (collector.processor() - before) / max(sent, 1) * 1e6}
 
@@ -82,11 +82,11 @@ def measure_questions(load, program, count):
         sent, refused, took = load.fill(collector.data, count, DAY - 600)
         collector.wait_for(sent, 600)
         _, found = collector.get("/api/v1/requests", q="since:24h", limit=1000)
-        traces = [row["trace_id"] for row in found["rows"]][:: 1000 // ASKED]
+        traces = [row["trace_id"] for row in found["requests"]][:: 1000 // ASKED]
         figures = {"requests": sent, "refused": refused, "filled_per_second": sent / took,
                    "put": collector.stored()["requests_put"], "resident_mib": collector.resident()}
         asked = {"trace by id": ("/api/v1/trace", [{"id": each} for each in traces]),
-                 "top over a day": ("/api/v1/top", [{"since": "24h"}] * ASKED)}
+                 "top over a day": ("/api/v1/top", [{"from": "24h"}] * ASKED)}
         for search in SEARCHES:
             words = {"q": search if "since:" in search else search + " since:24h"}
             asked["find " + search] = ("/api/v1/requests", [words] * 5)

@@ -9,7 +9,6 @@ namespace {
 /* The own time of a function of user code, in all its calls. */
 struct Function {
 	std::string_view name;
-	std::vector<int32_t> spans;
 	int64_t time = 0;
 	bool is_root = false;
 };
@@ -23,7 +22,6 @@ std::vector<Function> functions_of(const Transaction &transaction) {
 		if (layer_of(spans[i]) == Layer::kCode) {
 			Function &function = by_name[spans[i].name];
 			function.name = spans[i].name;
-			function.spans.push_back(static_cast<int32_t>(i));
 			function.time += own[i];
 			function.is_root = function.is_root || i == 0;
 		}
@@ -31,7 +29,7 @@ std::vector<Function> functions_of(const Transaction &transaction) {
 	std::vector<Function> functions;
 	functions.reserve(by_name.size());
 	for (auto &entry : by_name) {
-		functions.push_back(std::move(entry.second));
+		functions.push_back(entry.second);
 	}
 	std::sort(functions.begin(), functions.end(), [](const Function &one, const Function &other) {
 		return one.time != other.time ? one.time > other.time : one.name < other.name;
@@ -42,7 +40,7 @@ std::vector<Function> functions_of(const Transaction &transaction) {
 class TimeFinder {
 public:
 	TimeFinder(const Examined &request, std::vector<Finding> &findings)
-		: request_(request), findings_(findings), functions_(functions_of(request.transaction)) {
+		: request_(request), findings_(findings) {
 		/* Of a script of the command line nobody waits for the answer, and it has its process for
 		 * itself. */
 		bool is_alone =
@@ -54,10 +52,17 @@ public:
 	}
 
 	void run() {
+		bool may_wait = request_.transaction.is_web && request_.matters(waiting_, kWaits);
+		if (!may_wait && request_.duration < kSlowFunction.least) {
+			return;
+		}
+		functions_ = functions_of(request_.transaction);
 		if (functions_.empty()) {
 			return;
 		}
-		find_waiting();
+		if (may_wait) {
+			find_waiting();
+		}
 		/* Most of them are fast enough. */
 		for (const Function &function : functions_) {
 			if (function.time < kSlowFunction.least) {
@@ -68,6 +73,18 @@ public:
 	}
 
 private:
+	/* All its calls; few functions are asked for theirs. */
+	std::vector<int32_t> spans_of(const Function &function) const {
+		const std::vector<Span> &spans = request_.transaction.spans;
+		std::vector<int32_t> found;
+		for (size_t i = 0; i < spans.size(); i++) {
+			if (spans[i].name == function.name && layer_of(spans[i]) == Layer::kCode) {
+				found.push_back(static_cast<int32_t>(i));
+			}
+		}
+		return found;
+	}
+
 	/* Beyond the processor's time no code has worked: for certain the slowest function waits. */
 	bool is_waiting(const Function &function) const {
 		bool is_slowest = &function == &functions_.front();
@@ -75,16 +92,13 @@ private:
 	}
 
 	void find_waiting() {
-		if (!request_.transaction.is_web || !request_.matters(waiting_, kWaits)) {
-			return;
-		}
 		const Function &function = functions_.front();
 		bool is_certain = is_waiting(function) && !function.is_root;
 		std::string where = is_certain ? " in " + said(function.name) : "";
 		findings_.push_back(make_finding(
 			FindingKind::kWaiting,
 			"Waiting" + where + ", neither working nor calling: " + request_.share(waiting_),
-			waiting_, is_certain ? function.spans : std::vector<int32_t>()));
+			waiting_, is_certain ? spans_of(function) : std::vector<int32_t>()));
 	}
 
 	void find_slow(const Function &function) {
@@ -92,19 +106,18 @@ private:
 		if (!request_.matters(time, function.is_root ? kSlowMain : kSlowFunction)) {
 			return;
 		}
-		std::string times = function.spans.size() == 1
-								? ""
-								: " in " + std::to_string(function.spans.size()) + " calls";
+		std::vector<int32_t> spans = spans_of(function);
+		std::string times =
+			spans.size() == 1 ? "" : " in " + std::to_string(spans.size()) + " calls";
 		std::string what =
 			function.is_root ? "Code that is in no slow function" : said(function.name) + " itself";
 		findings_.push_back(make_finding(FindingKind::kSlowCode,
-										 what + times + ": " + request_.share(time), time,
-										 function.spans));
+										 what + times + ": " + request_.share(time), time, spans));
 	}
 
 	const Examined &request_;
 	std::vector<Finding> &findings_;
-	const std::vector<Function> functions_;
+	std::vector<Function> functions_;
 	int64_t waiting_ = 0; /* 0 as well where that cannot be known */
 };
 

@@ -1,27 +1,58 @@
 #include "model/document.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace kaq {
 namespace {
 
-/* Writes JSON without blanks; knows where a comma is due. */
+/* The first byte that JSON wants escaped, or the end; eight bytes at a time. */
+size_t escape_at(std::string_view text) {
+	constexpr uint64_t kOnes = 0x0101010101010101;
+	constexpr uint64_t kHigh = 0x80 * kOnes;
+	auto has_zero = [](uint64_t bytes) { return (bytes - kOnes) & ~bytes & kHigh; };
+	size_t at = 0;
+	for (; at + 8 <= text.size(); at += 8) {
+		uint64_t bytes;
+		std::memcpy(&bytes, text.data() + at, 8);
+		uint64_t below_blank = (bytes - ' ' * kOnes) & ~bytes & kHigh;
+		if (below_blank | has_zero(bytes ^ '"' * kOnes) | has_zero(bytes ^ '\\' * kOnes)) {
+			break;
+		}
+	}
+	auto is_plain = [](char each) {
+		return static_cast<unsigned char>(each) >= ' ' && each != '"' && each != '\\';
+	};
+	while (at < text.size() && is_plain(text[at])) {
+		at++;
+	}
+	return at;
+}
+
+/* Writes JSON without blanks; knows where a comma is due. Members have names of our own, which
+ * need no escapes; named() takes any. */
 class Writer {
 public:
+	explicit Writer(size_t about_bytes) : out_(about_bytes, '\0') {
+	}
+
 	void open(char bracket) {
 		separate();
-		out_ += bracket;
+		put(bracket);
 		is_first_ = true;
 	}
 
 	void open(std::string_view name, char bracket) {
 		key(name);
-		out_ += bracket;
+		put(bracket);
 		is_first_ = true;
 	}
 
 	void close(char bracket) {
-		out_ += bracket;
+		put(bracket);
 		is_first_ = false;
 	}
 
@@ -32,78 +63,118 @@ public:
 
 	void number(int64_t value) {
 		separate();
-		out_ += std::to_string(value);
+		digits(value);
 	}
 
 	/* Left out if it is empty. */
 	void member(std::string_view name, std::string_view value) {
 		if (!value.empty()) {
-			named(name, value);
+			key(name);
+			quote(value);
 		}
-	}
-
-	void named(std::string_view name, std::string_view value) {
-		key(name);
-		quote(value);
 	}
 
 	/* Left out if it is 0. */
 	void member(std::string_view name, int64_t value) {
 		if (value != 0) {
 			key(name);
-			out_ += std::to_string(value);
+			digits(value);
 		}
 	}
 
-	void member(std::string_view name, double value) {
+	void named(std::string_view name, std::string_view value) {
+		text(name);
+		put(':');
+		quote(value);
+	}
+
+	void named(std::string_view name, double value) {
 		char digits[32];
-		snprintf(digits, sizeof digits, "%.17g", value);
-		key(name);
-		out_ += digits;
+		int size = snprintf(digits, sizeof digits, "%.17g", value);
+		text(name);
+		put(':');
+		put({digits, static_cast<size_t>(size)});
 	}
 
 	std::string result() {
+		out_.resize(size_);
 		return std::move(out_);
 	}
 
 private:
+	/* Room for that many bytes more. */
+	char *room(size_t bytes) {
+		if (out_.size() - size_ < bytes) {
+			out_.resize(std::max(2 * out_.size(), size_ + bytes));
+		}
+		return out_.data() + size_;
+	}
+
+	void put(char byte) {
+		*room(1) = byte;
+		size_++;
+	}
+
+	void put(std::string_view bytes) {
+		std::memcpy(room(bytes.size()), bytes.data(), bytes.size());
+		size_ += bytes.size();
+	}
+
 	void separate() {
 		if (!is_first_) {
-			out_ += ',';
+			put(',');
 		}
 		is_first_ = false;
 	}
 
 	void key(std::string_view name) {
-		separate();
-		quote(name);
-		out_ += ':';
+		char *out = room(name.size() + 4);
+		char *begin = out;
+		if (!is_first_) {
+			*out++ = ',';
+		}
+		is_first_ = false;
+		*out++ = '"';
+		out = std::copy(name.begin(), name.end(), out);
+		*out++ = '"';
+		*out++ = ':';
+		size_ += static_cast<size_t>(out - begin);
+	}
+
+	void digits(int64_t value) {
+		constexpr size_t kMost = 24;
+		char *out = room(kMost);
+		size_ += static_cast<size_t>(std::to_chars(out, out + kMost, value).ptr - out);
 	}
 
 	void quote(std::string_view text) {
-		out_ += '"';
-		size_t kept_from = 0;
-		for (size_t at = 0; at < text.size(); at++) {
-			auto byte = static_cast<unsigned char>(text[at]);
-			if (byte >= ' ' && byte != '"' && byte != '\\') {
-				continue;
+		put('"');
+		while (true) {
+			size_t plain = escape_at(text);
+			put(text.substr(0, plain));
+			if (plain == text.size()) {
+				break;
 			}
-			out_.append(text, kept_from, at - kept_from);
-			kept_from = at + 1;
-			if (byte == '"' || byte == '\\') {
-				out_ += '\\';
-				out_ += text[at];
-			} else {
-				char escape[7];
-				snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(byte));
-				out_ += escape;
-			}
+			escape(text[plain]);
+			text.remove_prefix(plain + 1);
 		}
-		out_.append(text, kept_from);
-		out_ += '"';
+		put('"');
 	}
 
-	std::string out_;
+	void escape(char byte) {
+		if (byte == '"' || byte == '\\') {
+			put('\\');
+			put(byte);
+			return;
+		}
+		char escaped[7];
+		snprintf(escaped, sizeof escaped, "\\u%04x",
+				 static_cast<unsigned>(static_cast<unsigned char>(byte)));
+		put({escaped, 6});
+	}
+
+	std::string out_; /* longer than what has been written */
+	size_t size_ = 0;
 	bool is_first_ = true;
 };
 
@@ -124,7 +195,7 @@ void write_measures(Writer &writer, std::string_view name, const std::vector<Mea
 	}
 	writer.open(name, '{');
 	for (const Measure &measure : measures) {
-		writer.member(measure.name, measure.value);
+		writer.named(measure.name, measure.value);
 	}
 	writer.close('}');
 }
@@ -218,7 +289,8 @@ void write_info(Writer &writer, const Transaction &t) {
 } // namespace
 
 std::string to_document(const Transaction &t) {
-	Writer writer;
+	/* The texts are as long as the document was. */
+	Writer writer(t.texts.bytes() + 1024);
 	writer.open('{');
 	writer.open("apm", '{');
 	writer.open("application_info", '{');

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "util/base64.h"
+#include "util/key_table.h"
 #include "util/utf8.h"
 
 namespace kaq {
@@ -188,7 +189,7 @@ using SpanSetter = void (*)(S &, const R &, const E &);
 using TransactionSetter = void (*)(T &, const R &, const E &);
 
 /* What each member of a span sets. */
-const std::unordered_map<std::string_view, SpanSetter> kSpanMembers = {
+const KeyTable<SpanSetter> kSpanMembers = {
 	{"st", [](S &s, const R &r, const E &v) { s.start = r.time(v); }},
 	{"et", [](S &s, const R &r, const E &v) { s.end = r.time(v); }},
 	{"fn", [](S &s, const R &r, const E &v) { s.name = r.text(v); }},
@@ -211,7 +212,7 @@ const std::unordered_map<std::string_view, SpanSetter> kSpanMembers = {
 };
 
 /* What each member of the section about the request sets. */
-const std::unordered_map<std::string_view, TransactionSetter> kTransactionMembers = {
+const KeyTable<TransactionSetter> kTransactionMembers = {
 	{"t_name", [](T &t, const R &r, const E &v) { t.name = r.text(v); }},
 	{"normalised_tname", [](T &t, const R &r, const E &v) { t.normalised_name = r.text(v); }},
 	{"http_host", [](T &t, const R &r, const E &v) { t.host = r.text(v); }},
@@ -248,9 +249,9 @@ void read_origin(Transaction &transaction, const MemberReader &reader, const ele
 void read_transaction_info(Transaction &transaction, const MemberReader &reader,
 						   const object &info) {
 	for (auto member : info) {
-		auto known = kTransactionMembers.find(member.key);
-		if (known != kTransactionMembers.end()) {
-			known->second(transaction, reader, member.value);
+		const TransactionSetter *set = kTransactionMembers.find(member.key);
+		if (set != nullptr) {
+			(*set)(transaction, reader, member.value);
 		} else if (member.key == "origin") {
 			read_origin(transaction, reader, member.value);
 		}
@@ -295,9 +296,9 @@ bool read_spans(Transaction &transaction, const MemberReader &reader, const arra
 		}
 		Span &span = transaction.spans.emplace_back();
 		for (auto member : members) {
-			auto known = kSpanMembers.find(member.key);
-			if (known != kSpanMembers.end()) {
-				known->second(span, reader, member.value);
+			const SpanSetter *set = kSpanMembers.find(member.key);
+			if (set != nullptr) {
+				(*set)(span, reader, member.value);
 			}
 		}
 	}
@@ -339,6 +340,8 @@ void mend_leading_commas(std::string &json) {
 		}
 	}
 }
+
+static_assert(kRoomBehind >= simdjson::SIMDJSON_PADDING);
 
 struct PayloadReader::Parser {
 	simdjson::dom::parser parser;

@@ -56,7 +56,9 @@ std::optional<std::string> decode_base64(std::string_view text) {
 	}
 	size_t padding = padding_of(text);
 	size_t whole = text.size() / 4 - (padding ? 1 : 0);
-	std::string bytes(text.size() / 4 * 3, '\0');
+	std::string bytes;
+	bytes.reserve(text.size() / 4 * 3 + kRoomBehind);
+	bytes.resize(text.size() / 4 * 3);
 	const unsigned char *in = reinterpret_cast<const unsigned char *>(text.data());
 	char *out = bytes.data();
 	uint32_t seen = 0;

@@ -3,17 +3,21 @@
 #include <zstd.h>
 
 #include <new>
+#include <vector>
 
 namespace kaq {
 namespace {
 
 /* Payloads come by the thousand; what a higher level saves is not worth its time. */
 constexpr int kLevel = 1;
+/* Between two texts. */
+constexpr size_t kMostRoomKept = size_t{1} << 20;
 
 } // namespace
 
 struct Compressor::Context {
 	ZSTD_CCtx *zstd = ZSTD_createCCtx();
+	std::vector<char> room;
 	~Context() {
 		ZSTD_freeCCtx(zstd);
 	}
@@ -28,14 +32,20 @@ Compressor::Compressor() : context_(std::make_unique<Context>()) {
 Compressor::~Compressor() = default;
 
 std::string Compressor::compress(std::string_view text) {
-	std::string bytes(ZSTD_compressBound(text.size()), '\0');
-	size_t size = ZSTD_compressCCtx(context_->zstd, bytes.data(), bytes.size(), text.data(),
+	std::vector<char> &room = context_->room;
+	size_t most = ZSTD_compressBound(text.size());
+	if (room.size() < most) {
+		room.resize(most);
+	}
+	size_t size = ZSTD_compressCCtx(context_->zstd, room.data(), room.size(), text.data(),
 									text.size(), kLevel);
 	if (ZSTD_isError(size)) {
 		throw std::bad_alloc(); /* nothing else can go wrong with that much room */
 	}
-	bytes.resize(size);
-	bytes.shrink_to_fit();
+	std::string bytes(room.data(), size);
+	if (room.size() > kMostRoomKept) {
+		room = {};
+	}
 	return bytes;
 }
 

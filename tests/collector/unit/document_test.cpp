@@ -59,3 +59,34 @@ TEST(Document, NeedsNothingButASpan) {
 	ASSERT_TRUE(read);
 	EXPECT_EQ(to_document(t), to_document(*read));
 }
+
+TEST(Document, EscapesEveryByteThatNeedsItWhereverItStands) {
+	PayloadReader reader;
+	for (int byte = 1; byte < 0x80; byte++) {
+		for (size_t length : {1, 7, 8, 9, 17}) {
+			for (size_t at = 0; at < length; at++) {
+				std::string text(length, 'x');
+				text[at] = static_cast<char>(byte);
+				Transaction t;
+				t.spans.emplace_back();
+				t.name = text;
+				t.parameters.push_back({text, text});
+				t.sums.push_back({text, 1.5});
+				auto read = reader.read_json(to_document(t));
+				ASSERT_TRUE(read) << byte << " at " << at << " of " << length;
+				EXPECT_EQ(text, read->name);
+			}
+		}
+	}
+}
+
+TEST(Document, LeavesCharactersOfSeveralBytesAsTheyAre) {
+	Transaction t;
+	t.spans.emplace_back();
+	t.name = "\xE2\x82\xAC\xC3\xA4\xF0\x9F\x98\x80 and \xC2\x80\xC2\xA2\xC3\x9C";
+	PayloadReader reader;
+	auto read = reader.read_json(to_document(t));
+	ASSERT_TRUE(read);
+	EXPECT_EQ(t.name, read->name);
+	EXPECT_NE(std::string::npos, to_document(t).find(t.name));
+}
