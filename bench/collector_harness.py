@@ -14,6 +14,8 @@ import urllib.request
 
 PORTS = re.compile(r"handshakes (\d+), payloads (\d+), http (\d+); store (.*)\n")
 SPANS = 160
+PATIENCE = 5  # seconds without another request
+TOGETHER = 10000
 STATEMENTS = ["SELECT p.id, p.name, p.price FROM product p WHERE p.category_id = %d ORDER BY p.name",
               "SELECT * FROM cart_item WHERE cart_id = %d",
               "UPDATE session SET seen_at = %d WHERE id = 'abc'",
@@ -99,11 +101,14 @@ class Collector:
     def stored(self):
         return self.get("/api/v1/status")[1]["store"]
 
-    def wait_for(self, requests, seconds):
-        """Until so many were put and can be read, or the time is up."""
-        deadline = time.monotonic() + seconds
-        while time.monotonic() < deadline and self.stored()["requests_put"] < requests:
-            time.sleep(0.2)
+    def wait_for(self, requests):
+        """Until so many were put and can be read, or no more come."""
+        put, since = -1, time.monotonic()
+        while put < requests and time.monotonic() - since < PATIENCE:
+            now = self.stored()["requests_put"]
+            if now != put:
+                put, since = now, time.monotonic()
+            time.sleep(0.05)
         time.sleep(1.5)
 
     def __enter__(self):
@@ -132,11 +137,17 @@ class Load:
                               stdout=subprocess.PIPE, text=True, check=True, timeout=600)
         return [float(text) for text in done.stdout.split()]
 
-    def fill(self, port, count, seconds):
-        """Small requests, spread over the time before now."""
-        return self.finish(subprocess.Popen(
-            [self.program, "fill", str(port), str(count), str(seconds)], stdout=subprocess.PIPE,
-            text=True))
+    def fill(self, collector, count, seconds):
+        """Small requests, spread over the time before now, no faster than they are taken."""
+        refused = 0
+        for begin in range(0, count, TOGETHER):
+            end = min(begin + TOGETHER, count)
+            words = (self.program, "fill", collector.data, begin, end, count, seconds)
+            refused += self.finish(subprocess.Popen([str(word) for word in words],
+                                                    stdout=subprocess.PIPE, text=True))[1]
+            while collector.stored()["requests_put"] < begin - refused:
+                time.sleep(0.02)
+        return refused
 
     def start_payloads(self, port, rate, seconds):
         return subprocess.Popen([self.program, "payloads", str(port), str(rate), str(seconds),

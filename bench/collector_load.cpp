@@ -4,7 +4,8 @@
  *     collector_load echo                                    a bare epoll loop: answers each line
  *     collector_load handshakes PORT COUNT PAUSE_US          one client, one after the other
  *     collector_load payloads PORT RATE SECONDS FILE         a line of the file for each connection
- *     collector_load fill PORT COUNT SECONDS                 small requests, spread over that time
+ *     collector_load fill PORT FROM TO COUNT SECONDS         those of COUNT small requests that are
+ *                                                            spread over that time
  *
  * The first prints its port and serves until it is ended. The others print one line of figures:
  * microseconds of each handshake in order of size at 50, 90, 99 and 100 %; or payloads sent, not
@@ -216,30 +217,29 @@ static std::string small_request(size_t number, long long start) {
 	snprintf(text, sizeof text, FORMAT, number % 4, letter(number / 4 % 10),
 			 letter(number / 40 % 5), number, start, start + duration,
 			 number % 500 == 0 ? 500 : 200, number + 1, start, start + duration, id, start + 2,
-			 start + 2 + duration / 2, id + 1, id, letter(number % 20));
+			 start + 2 + duration / 2, id + 1, id, letter(number / 4 % 10));
 	return base64(text) + "\n";
 }
 
-static int fill(int port, size_t total, long long seconds) {
+static int fill(int port, size_t from, size_t to, size_t count, double seconds) {
 	constexpr size_t TOGETHER = 100;
 	timespec time;
 	clock_gettime(CLOCK_REALTIME, &time);
-	long long first = (static_cast<long long>(time.tv_sec) - seconds) * 1000;
+	double first = (static_cast<double>(time.tv_sec) - seconds) * 1000;
+	double apart = seconds * 1000 / static_cast<double>(count);
 	size_t refused = 0;
 	double begin = now();
-	for (size_t i = 0; i < total; i += TOGETHER) {
+	for (size_t i = from; i < to; i += TOGETHER) {
 		std::string lines;
-		for (size_t k = i; k < std::min(i + TOGETHER, total); k++) {
-			long long start = first + static_cast<long long>(static_cast<double>(k) * 1000 *
-															 static_cast<double>(seconds) /
-															 static_cast<double>(total));
-			lines += small_request(k, start);
+		for (size_t k = i; k < std::min(i + TOGETHER, to); k++) {
+			lines +=
+				small_request(k, static_cast<long long>(first + static_cast<double>(k) * apart));
 		}
 		int fd = connected(port);
 		refused += fd < 0 || !write_all(fd, lines.data(), lines.size()) ? TOGETHER : 0;
 		close(fd);
 	}
-	printf("%zu %zu %.3f\n", total - refused, refused, now() - begin);
+	printf("%zu %zu %.3f\n", to - from - refused, refused, now() - begin);
 	return 0;
 }
 
@@ -254,11 +254,11 @@ int main(int count, char **arguments) {
 	if (verb == "payloads" && count == 6) {
 		return payloads(atoi(arguments[2]), atof(arguments[3]), atof(arguments[4]), arguments[5]);
 	}
-	if (verb == "fill" && count == 5) {
-		return fill(atoi(arguments[2]), static_cast<size_t>(atoll(arguments[3])),
-					atoll(arguments[4]));
+	if (verb == "fill" && count == 7) {
+		auto number = [&](int at) { return static_cast<size_t>(atoll(arguments[at])); };
+		return fill(atoi(arguments[2]), number(3), number(4), number(5), atof(arguments[6]));
 	}
 	fprintf(stderr, "usage: collector_load echo | handshakes PORT COUNT PAUSE_US | "
-					"payloads PORT RATE SECONDS FILE | fill PORT COUNT SECONDS\n");
+					"payloads PORT RATE SECONDS FILE | fill PORT FROM TO COUNT SECONDS\n");
 	return 2;
 }

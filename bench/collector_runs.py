@@ -60,7 +60,7 @@ def measure_rate(load, program, rate, seconds, keeps_all):
     with Collector(program, "keep_all = %s\n" % ("true" if keeps_all else "false")) as collector:
         before = collector.processor()
         sent, refused, took = load.finish(load.start_payloads(collector.data, rate, seconds))
-        collector.wait_for(sent, 20)
+        collector.wait_for(sent)
         status = collector.stored()
         _, top = collector.get("/api/v1/top", **{"from": "1h", "limit": 10000})
         return {"rate": rate, "keeps_all": keeps_all, "taken_per_second": sent / took,
@@ -79,11 +79,13 @@ def times_of(collector, path, questions):
 def measure_questions(load, program, count):
     """About so many requests of the last day: median and slowest answer in milliseconds."""
     with Collector(program) as collector:
-        sent, refused, took = load.fill(collector.data, count, DAY - 600)
-        collector.wait_for(sent, 600)
+        begin = time.monotonic()
+        refused = load.fill(collector, count, DAY - 600)
+        collector.wait_for(count - refused)
+        took = time.monotonic() - begin
         _, found = collector.get("/api/v1/requests", q="since:24h", limit=1000)
         traces = [row["trace_id"] for row in found["requests"]][:: 1000 // ASKED]
-        figures = {"requests": sent, "refused": refused, "filled_per_second": sent / took,
+        figures = {"requests": count, "refused": refused, "filled_per_second": count / took,
                    "put": collector.stored()["requests_put"], "resident_mib": collector.resident()}
         asked = {"trace by id": ("/api/v1/trace", [{"id": each} for each in traces]),
                  "top over a day": ("/api/v1/top", [{"from": "24h"}] * ASKED)}
@@ -104,7 +106,7 @@ def instructions_of(load, program, seconds):
                    "--log-file=%s/log" % directory)
         with Collector(program, "keep_all = true\n", wrapper) as collector:
             sent, _, _ = load.finish(load.start_payloads(collector.data, 20, seconds))
-            collector.wait_for(sent, 60)
+            collector.wait_for(sent)
         text = pathlib.Path(directory, "out").read_text()
         return sent, int(re.search(r"^(?:summary|totals): (\d+)", text, re.M).group(1))
 
@@ -156,7 +158,7 @@ def report_rates(load, program, quick):
 
 
 def report_questions(load, program, quick):
-    found = measure_questions(load, program, 50000 if quick else 1000000)
+    found = measure_questions(load, program, int(os.environ.get("N","50000")) if quick else 1000000)
     line("%d requests of a day, %.0f/s taken, %d refused, %d put; %.0f MiB resident",
          found["requests"], found["filled_per_second"], found["refused"], found["put"],
          found["resident_mib"])

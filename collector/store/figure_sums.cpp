@@ -79,6 +79,9 @@ void FigureSums::add(Record &record, int64_t now) {
 	std::lock_guard lock(mutex_);
 	rename(record.summary, now);
 	int64_t time = time_of(record.summary.start, now);
+	if (is_full() && minutes_.count(time - time % kMinute) == 0) {
+		time = now;
+	}
 	Rows &rows = minutes_[time - time % kMinute];
 	FigureKey key;
 	key.application = record.summary.application;
@@ -124,13 +127,15 @@ void FigureSums::add_row(FigureKey key, const Figures &figures, int64_t now, Row
 	if (found == rows.end()) {
 		auto application = by_application_.try_emplace(key.application, caps_.names).first;
 		NameCap &cap = application->second.keys[static_cast<size_t>(key.kind)];
-		if (!cap.admit({reinterpret_cast<const char *>(&hash), sizeof(hash)}, now)) {
+		if (is_full() || !cap.admit({reinterpret_cast<const char *>(&hash), sizeof(hash)}, now)) {
 			key.text = kOtherNames;
 			key.details = {};
 			hash = key.hash();
 		}
-		found = rows.try_emplace(hash).first;
+		auto [place, is_new] = rows.try_emplace(hash);
+		found = place;
 		found->second.key = std::move(key);
+		rows_ += is_new ? 1 : 0;
 	}
 	found->second.figures.add(figures);
 }
@@ -140,6 +145,7 @@ std::vector<FigurePeriod> FigureSums::take() {
 	{
 		std::lock_guard lock(mutex_);
 		taken.swap(minutes_);
+		rows_ = 0;
 	}
 	std::vector<FigurePeriod> periods;
 	for (auto &[time, rows] : taken) {
@@ -161,11 +167,13 @@ void FigureSums::put_back(std::vector<FigurePeriod> periods) {
 			auto [place, is_new] = rows.try_emplace(hash);
 			if (is_new) {
 				place->second.key = std::move(row.key);
+				rows_++;
 			}
 			place->second.figures.add(row.figures);
 		}
 	}
-	while (minutes_.size() > kMostMinutes) {
+	while (minutes_.size() > kMostMinutes || (is_full() && minutes_.size() > 1)) {
+		rows_ -= minutes_.begin()->second.size();
 		minutes_.erase(minutes_.begin());
 	}
 }

@@ -35,6 +35,8 @@ struct FigurePeriod {
 class FigureSums {
 public:
 	static constexpr size_t kMostMinutes = 60;
+	/* Of all minutes; some 100 MiB. Beyond them what has no row yet counts as "other". */
+	static constexpr size_t kMostRows = 200000;
 
 	explicit FigureSums(FigureCaps caps) : caps_(caps), applications_(caps.applications) {
 	}
@@ -65,12 +67,16 @@ private:
 	void rename(Summary &summary, int64_t now);
 	void add_facts(const Record &record, int64_t now, Rows &rows);
 	void add_row(FigureKey key, const Figures &figures, int64_t now, Rows &rows);
+	bool is_full() const {
+		return rows_ >= kMostRows;
+	}
 
 	const FigureCaps caps_;
 	mutable std::mutex mutex_;
 	NameCap applications_;
 	std::unordered_map<std::string, Application> by_application_;
 	std::map<int64_t, Rows> minutes_;
+	size_t rows_ = 0; /* in all of them */
 	int64_t renamed_ = 0;
 };
 

@@ -346,6 +346,28 @@ TEST_F(FiguresTest, WhatCouldNotBeWrittenIsAddedToWhatComesNext) {
 	EXPECT_EQ(kept.back().time, kNow + 69 * kMinute) << "the newest stay";
 }
 
+TEST_F(FiguresTest, RowsThatWaitAreBoundedHoweverTheTimesAreSpread) {
+	constexpr size_t kRequests = FigureSums::kMostRows + 5000;
+	for (size_t i = 0; i < kRequests; i++) {
+		int64_t minute = static_cast<int64_t>(i) % 300000;
+		Record one = record(static_cast<int64_t>(i), kNow - minute * kMinute);
+		now_ = kNow;
+		put(one);
+	}
+	size_t rows = 0;
+	int64_t requests = 0;
+	for (const FigurePeriod &period : sums_.take()) {
+		rows += period.rows.size();
+		for (const auto &[hash, row] : period.rows) {
+			requests += row.key.kind == FigureKind::kTransaction ? row.figures.requests : 0;
+		}
+	}
+	EXPECT_LE(rows, FigureSums::kMostRows + 10);
+	EXPECT_EQ(requests, static_cast<int64_t>(kRequests)) << "and none is left out";
+	put(record(1, kNow));
+	EXPECT_EQ(sums_.take().size(), 1u) << "there is room again";
+}
+
 TEST_F(FiguresTest, AskedCountsAddUp) {
 	file_.write({}, {{{kNow, "shop", "/cart"}, {15, 3}}});
 	file_.write({}, {{{kNow + kMinute, "blog", "/"}, {7, 7}}, {{kNow, "shop", "/cart"}, {1, 1}}});
