@@ -60,6 +60,62 @@ TEST(WithoutLiterals, OpenTextsHideTheRest) {
 	EXPECT_EQ("", plain(""));
 }
 
+TEST(WithoutLiterals, DollarsQuoteTexts) {
+	EXPECT_EQ("SELECT ?", plain("SELECT $$it's X$$"));
+	EXPECT_EQ("pw = ? WHERE a = ?", plain("pw = $a$X $b$ $$ Y$a$ WHERE a = 1"));
+	EXPECT_EQ("a = ?", plain("a = $$X"));
+	EXPECT_EQ("a = $1 AND b$c = $2", plain("a = $1 AND b$c = $2"));
+}
+
+TEST(WithoutLiterals, OracleNamesTheEndOfATextItself) {
+	EXPECT_EQ("SELECT ? FROM dual", plain("SELECT q'[it's X]' FROM dual"));
+	EXPECT_EQ("SELECT ?, b", plain("SELECT Nq'!it's X!', b"));
+	EXPECT_EQ("SELECT ?", plain("SELECT Q'{it's X"));
+	EXPECT_EQ("SELECT ?", plain("SELECT q'"));
+}
+
+TEST(WithoutLiterals, CommentsMayBeNested) {
+	EXPECT_EQ("SELECT ? FROM t", plain("SELECT 1 /* a /* b */ X */ FROM t"));
+	EXPECT_EQ("SELECT a FROM t", plain("SELECT /* a /* b */ a FROM t /* c */"));
+	EXPECT_EQ("a b c", plain("a /* /* */ b /*/*/ c"));
+}
+
+/* A backslash is an escape, or the last character of the text: that a path ends with. */
+TEST(WithoutLiterals, BackslashesAreReadEitherWay) {
+	EXPECT_EQ("SET dir = ?", plain(R"(SET dir = 'C:\', pw = 'my X')"));
+	EXPECT_EQ("SET dir = ?", plain(R"(SET dir = 'C:\', note = 'my X here' WHERE a = 1)"));
+	EXPECT_EQ("a = ?", plain(R"(a = "C:\", pw = "my X" AND b = 1)"));
+	EXPECT_EQ("(?", plain(R"(('C:\', 'it''s X', b))"));
+	EXPECT_EQ("a = ?, b = ? WHERE c = ?", plain(R"(a = 'it\'s', b = 'don\'t' WHERE c = 'x')"));
+	EXPECT_EQ("a = ? WHERE c = ?", plain(R"(a = 'say \'hello\', and go' WHERE c = 'x')"));
+	EXPECT_EQ("a = ? WHERE c = ?", plain(R"(a = 'the boys\' toys' WHERE c = 5)"));
+	EXPECT_EQ("a = ?, b", plain(R"(a = E'C:\', X', b)"));
+}
+
+TEST(WithoutLiterals, PasswordsOfOracleHaveNoQuotes) {
+	EXPECT_EQ("ALTER USER scott IDENTIFIED BY ? ACCOUNT UNLOCK",
+			  plain("ALTER USER scott IDENTIFIED  BY tiger ACCOUNT UNLOCK"));
+	EXPECT_EQ("ORDER BY tiger", plain("ORDER BY tiger"));
+}
+
+TEST(WithoutLiterals, OperatorsAreNoComments) {
+	EXPECT_EQ("SELECT a #>> ? FROM t", plain("SELECT a #>> '{b}' FROM t"));
+}
+
+TEST(HasPlaces, OfEachKind) {
+	for (const char *text :
+		 {"a = ?", "a = $1", "a = :name", "a = :1", "a = @name", "a IN (?, 2)"}) {
+		EXPECT_TRUE(kaq::has_places(text)) << text;
+	}
+}
+
+TEST(HasPlaces, NotInLiterals) {
+	for (const char *text : {"", "a = 'what?'", "a = '12:30'", "a::int", "a = '$1'", "@@max",
+							 "a = 1 -- ?", "`a?`", "a@'host'", "a$1"}) {
+		EXPECT_FALSE(kaq::has_places(text)) << text;
+	}
+}
+
 TEST(WithoutLiterals, IsStable) {
 	for (const char *statement :
 		 {"SELECT * FROM t WHERE a IN (1, 2)", "INSERT INTO t VALUES (1), (2)", "a = 'x' -- y",
