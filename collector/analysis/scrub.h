@@ -5,31 +5,15 @@
  */
 #pragma once
 
-#include <string>
-#include <string_view>
-#include <vector>
-
+#include "analysis/secret_texts.h"
 #include "model/transaction.h"
 
 namespace kaq {
 
-struct ScrubSettings {
-	bool keeps_literals = false;           /* of statements */
-	std::vector<std::string> secret_names; /* besides the known ones; whole, whatever the case */
-};
-
-void scrub(Transaction &transaction, const ScrubSettings &settings);
-
-/* Whether the name of a header or a parameter says that its value is secret. */
-bool is_secret_name(std::string_view name, const ScrubSettings &settings = {});
-
-/* What stands for a secret: "[hidden, 9 to 16 bytes]". */
-std::string hidden(std::string_view secret);
-
 /*
- * A text without the secrets that can be found in any text: `name=value` and `"name":"value"` with
- * a secret name, the user's part of URLs, numbers of payment cards.
+ * Every text of the transaction. Statements that are repeated with the same values are told apart
+ * from others by Span::values, since their literals are gone afterwards.
  */
-std::string without_secrets(std::string_view text, const ScrubSettings &settings = {});
+void scrub(Transaction &transaction, const ScrubSettings &settings);
 
 } // namespace kaq
