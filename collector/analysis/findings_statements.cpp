@@ -2,6 +2,7 @@
 #include <array>
 #include <cctype>
 #include <map>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -191,15 +192,16 @@ private:
 
 	void find_duplicates() {
 		Writes writes(statements_, repeatable_, written_);
-		std::map<std::pair<std::string_view, int64_t>, Duplicates> all;
+		std::map<std::tuple<std::string_view, int32_t, int64_t>, Duplicates> all;
 		for (const Execution &execution : statements_.executions) {
 			if (Writes::is_write(execution.text, statements_)) {
 				writes.add(execution.text);
 			}
 			bool is_known = !execution.has_places && execution.source >= 0;
 			if (is_known && !repeatable_[execution.text].empty()) {
-				std::string_view raw = request_.span(execution.source).query;
-				Duplicates &same = all[{raw, writes.before(execution.text)}];
+				const Span &source = request_.span(execution.source);
+				Duplicates &same =
+					all[{source.query, source.values, writes.before(execution.text)}];
 				same.group.add(execution.span, cost_of(execution.span));
 				same.text = execution.text;
 			}

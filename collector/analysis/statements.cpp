@@ -100,26 +100,6 @@ bool is_one_of(std::string_view word, const std::array<std::string_view, count> 
 	return std::find(words.begin(), words.end(), word) != words.end();
 }
 
-/* Whether the text stands for other values in another execution: a literal that became '?', or a
- * place for a parameter. */
-bool leaves_values_open(std::string_view text) {
-	for (size_t at = 0; at < text.size(); at++) {
-		if (text[at] == '?') {
-			return true;
-		}
-		if (text[at] != '$' && text[at] != ':') {
-			continue;
-		}
-		bool is_followed =
-			at + 1 < text.size() && (isalnum(static_cast<unsigned char>(text[at + 1])) != 0);
-		bool is_cast = text[at] == ':' && at > 0 && text[at - 1] == ':';
-		if (is_followed && !is_cast) {
-			return true;
-		}
-	}
-	return false;
-}
-
 /* What a component has prepared last, and whether it is known which of several is meant. */
 struct Prepared {
 	int32_t span = -1;
@@ -260,7 +240,7 @@ private:
 		made.source = index;
 		const Text &text = text_of(shortened(span.query, kLongestStatement));
 		made.text = text.index;
-		made.has_places = text.has_places;
+		made.has_places = text.has_places && span.values == 0;
 		made.database = database_[span.component];
 		return made;
 	}
@@ -274,7 +254,7 @@ private:
 	const Text &text_of(std::string_view raw) {
 		auto known = by_raw_.find(raw);
 		if (known == by_raw_.end()) {
-			Text text = {text_index(without_literals(raw, false)), leaves_values_open(raw)};
+			Text text = {text_index(without_literals(raw, false)), has_places(raw)};
 			known = by_raw_.emplace(raw, text).first;
 		}
 		return known->second;

@@ -246,6 +246,7 @@ void write_span(Writer &writer, const Span &span) {
 	writer.member("si", span.id);
 	writer.member("psi", span.parent_id);
 	writer.member("qs", span.query);
+	writer.member("sv", static_cast<int64_t>(span.values));
 	writer.member("esc", span.status);
 	writer.member("hn", span.host);
 	writer.member("pn", span.port);

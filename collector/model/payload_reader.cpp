@@ -48,6 +48,11 @@ public:
 				   : 0;
 	}
 
+	static int32_t small_number(const element &value) {
+		return static_cast<int32_t>(
+			std::clamp<int64_t>(number(value), 0, std::numeric_limits<int32_t>::max()));
+	}
+
 	/* Far enough for everybody, and small enough to be calculated with. */
 	static int64_t time(const element &value) {
 		constexpr int64_t kLatest = int64_t{1} << 42;
@@ -201,6 +206,7 @@ const KeyTable<SpanSetter> kSpanMembers = {
 	{"si", [](S &s, const R &r, const E &v) { s.id = r.text(v); }},
 	{"psi", [](S &s, const R &r, const E &v) { s.parent_id = r.text(v); }},
 	{"qs", [](S &s, const R &r, const E &v) { s.query = r.text(v); }},
+	{"sv", [](S &s, const R &r, const E &v) { s.values = r.small_number(v); }},
 	{"esc", [](S &s, const R &r, const E &v) { s.status = r.number(v); }},
 	{"hn", [](S &s, const R &r, const E &v) { s.host = r.text(v); }},
 	{"pn", [](S &s, const R &r, const E &v) { s.port = r.number(v); }},

@@ -146,6 +146,38 @@ VerdictCase same_user() {
 			"4 times the same statement with the same values", request.done()};
 }
 
+/* Four times the same row, and nothing but its literal says so. */
+VerdictCase same_setting() {
+	Request request = wordpress("/");
+	for (int i = 0; i < 4; i++) {
+		request.mysqli("SELECT v FROM conf WHERE id = 7", 80);
+	}
+	return {"same setting", FindingKind::kDuplicateStatement, 3 * 80,
+			"4 times the same statement with the same values", request.done()};
+}
+
+/* Prepared once, with a literal and no place for another. */
+VerdictCase same_prepared() {
+	Request request = symfony("/currency");
+	request.open("Currency::rate").prepare("SELECT rate FROM currency WHERE code = 'CHF'");
+	for (int i = 0; i < 5; i++) {
+		request.execute(30);
+	}
+	return {"same prepared", FindingKind::kDuplicateStatement, 4 * 30,
+			"5 times the same statement with the same values under Currency::rate", request.done()};
+}
+
+/* As before prepared statements: values are literals, and none is the same. */
+VerdictCase literals_of_a_loop() {
+	Request request = wordpress("/archive/");
+	request.open("Archive::posts");
+	for (int i = 0; i < 40; i++) {
+		request.mysqli("SELECT * FROM wp_posts WHERE ID = " + std::to_string(100 + i), 6);
+	}
+	return {"literals of a loop", FindingKind::kRepeatedStatement, 39 * 6,
+			"40 times the same statement under Archive::posts", request.done()};
+}
+
 VerdictCase slow_report() {
 	Request request = symfony("/admin/report");
 	request.open("ReportController::revenue").works(20);
@@ -223,11 +255,28 @@ VerdictCase distant_cache() {
 
 std::vector<VerdictCase> statement_cases() {
 	std::vector<VerdictCase> cases;
-	for (auto make :
-		 {post_meta, lazy_loading, links_of_a_page, loop_in_a_loop, row_by_row_import,
-		  prepared_once, uneven_times, two_loops, loop_and_strays, settings_again, same_user,
-		  slow_report, slow_search, three_slow_months, slow_prepared_one, repeated_beside_slow,
-		  slow_beside_repeated, one_entry_at_a_time, distant_cache}) {
+	for (auto make : {post_meta,
+					  lazy_loading,
+					  links_of_a_page,
+					  loop_in_a_loop,
+					  row_by_row_import,
+					  prepared_once,
+					  uneven_times,
+					  two_loops,
+					  loop_and_strays,
+					  settings_again,
+					  same_user,
+					  same_setting,
+					  same_prepared,
+					  literals_of_a_loop,
+					  slow_report,
+					  slow_search,
+					  three_slow_months,
+					  slow_prepared_one,
+					  repeated_beside_slow,
+					  slow_beside_repeated,
+					  one_entry_at_a_time,
+					  distant_cache}) {
 		cases.push_back(make());
 	}
 	return cases;
