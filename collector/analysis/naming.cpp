@@ -1,7 +1,9 @@
 #include "analysis/naming.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <cstdint>
 
 #include "util/query_string.h"
 
@@ -64,7 +66,47 @@ bool is_address(std::string_view text) {
 	return at != std::string_view::npos && at > 0 && text.find('.', at) != std::string_view::npos;
 }
 
-/* Long, and letters and digits change places as they do in no word. */
+/* Which letters follow each letter in words of English, French, German, Italian and Spanish: a bit
+ * for each, 'a' the lowest one. */
+constexpr std::array<uint32_t, 26> kUsualPairs = {
+	0x37fbffe, 0x01e4953, 0x11e4d95, 0x1164959, 0x3ffffff, 0x01e4971, 0x01e69d1,
+	0x15e7951, 0x23ffe7f, 0x0104111, 0x01e6911, 0x33c7d7f, 0x01cd113, 0x37fefff,
+	0x37fffff, 0x01ec9b1, 0x0100000, 0x37efdff, 0x37ffdf7, 0x35e49d7, 0x2aeffff,
+	0x0224111, 0x0166191, 0x0088110, 0x0049111, 0x2584111};
+
+bool is_usual_pair(char one, char other) {
+	auto row = static_cast<size_t>((one | 0x20) - 'a');
+	return ((kUsualPairs[row] >> ((other | 0x20) - 'a')) & 1) != 0;
+}
+
+/* Whether it is made of letters and digits as chance has them, and not of words: letters stand side
+ * by side that do so in few words, or beside digits. */
+bool is_random(std::string_view text) {
+	constexpr size_t kFewest = 4;
+	constexpr size_t kOneOutOf = 5;
+	size_t pairs = 0;
+	size_t unusual = 0;
+	for (size_t i = 1; i < text.size(); i++) {
+		if (text[i - 1] == '%') {
+			i += 2; /* an encoded character */
+			continue;
+		}
+		bool are_letters = is_letter(text[i - 1]) && is_letter(text[i]);
+		bool are_digits = is_digit(text[i - 1]) && is_digit(text[i]);
+		bool are_mixed = (is_letter(text[i - 1]) && is_digit(text[i])) ||
+						 (is_digit(text[i - 1]) && is_letter(text[i]));
+		/* Words begin with a capital. */
+		bool is_between_words = text[i - 1] >= 'a' && text[i] <= 'Z';
+		pairs += are_letters || are_digits || are_mixed ? 1 : 0;
+		unusual +=
+			are_mixed || (are_letters && !is_between_words && !is_usual_pair(text[i - 1], text[i]))
+				? 1
+				: 0;
+	}
+	return unusual >= kFewest && unusual * kOneOutOf >= pairs;
+}
+
+/* Long, and letters and digits change places, or stand side by side, as they do in no words. */
 bool is_token(std::string_view text) {
 	if (text.size() < kShortestToken) {
 		return false;
@@ -79,7 +121,7 @@ bool is_token(std::string_view text) {
 		digits += is_digit(text[i]);
 		changes += i > 0 && is_digit(text[i]) != is_digit(text[i - 1]);
 	}
-	return digits >= 3 && changes >= 4;
+	return (digits >= 3 && changes >= 4) || is_random(text);
 }
 
 /* ".html", ".mp4" */
@@ -102,15 +144,36 @@ std::string normalised_segment(std::string_view segment) {
 	return is_varying(segment) ? "*" : std::string(segment);
 }
 
-std::string with_parameters(std::string name, std::string_view query,
-							const std::vector<std::string> &parameters) {
+/* A wiki's special pages are few, the others are many: "Special:Search", "Talk:*", "*". */
+std::string title_name(std::string_view title) {
+	constexpr std::string_view kSpecial = "Special:";
+	constexpr size_t kLongestNamespace = 32;
+	if (title.substr(0, kSpecial.size()) == kSpecial) {
+		return normalised_path(title.substr(0, title.find('/'))) +
+			   (title.find('/') == std::string_view::npos ? "" : "/*");
+	}
+	size_t colon = title.find(':');
+	bool has_namespace = colon != std::string_view::npos && colon <= kLongestNamespace;
+	return has_namespace ? std::string(title.substr(0, colon + 1)) + "*" : "*";
+}
+
+std::string with_parameters(std::string name, std::string_view query, const NamingRule &rule) {
 	char separator = '?';
-	for (const std::string &each : parameters) {
+	auto add = [&](const std::string &parameter, const std::string &value) {
+		name += separator + parameter + "=" + value;
+		separator = '&';
+	};
+	if (!rule.title.empty()) {
+		std::string_view value = query_parameter(query, rule.title);
+		if (!value.empty()) {
+			add(rule.title, title_name(form_decoded(value)));
+		}
+	}
+	for (const std::string &each : rule.parameters) {
 		std::string_view value = query_parameter(query, each);
 		if (!value.empty()) {
 			/* "%2F" and "%3A" are common in the names of pages, and read badly. */
-			name += separator + each + "=" + normalised_path(percent_decoded(value));
-			separator = '&';
+			add(each, normalised_path(percent_decoded(value)));
 		}
 	}
 	return name;
@@ -180,8 +243,8 @@ std::string transaction_name(std::string_view application, std::string_view path
 	if (!rule) {
 		name = normalised_path(path);
 	} else {
-		name = with_parameters(rule->name.empty() ? normalised_path(path) : rule->name, query,
-							   rule->parameters);
+		name =
+			with_parameters(rule->name.empty() ? normalised_path(path) : rule->name, query, *rule);
 	}
 	if (name.size() > kLongestName) {
 		name.resize(kLongestName);
@@ -191,12 +254,13 @@ std::string transaction_name(std::string_view application, std::string_view path
 
 const std::vector<NamingRule> &usual_naming_rules() {
 	static const std::vector<NamingRule> rules = {
-		{"", "*/admin-ajax.php", "", {"action"}},                   /* WordPress */
-		{"", "*/wp-admin/admin.php", "", {"page"}},                 /* WordPress */
-		{"", "*/api.php", "", {"action", "list"}},                  /* MediaWiki */
-		{"", "*/load.php", "", {"only"}},                           /* MediaWiki */
-		{"", "*/doku.php*", "", {"do"}},                            /* DokuWiki */
-		{"", "*/index.php", "", {"route", "action", "do", "page"}}, /* MediaWiki, phpMyAdmin */
+		{"", "*/admin-ajax.php", "", {"action"}},                            /* WordPress */
+		{"", "*/wp-admin/admin.php", "", {"page"}},                          /* WordPress */
+		{"", "*/api.php", "", {"action", "list"}},                           /* MediaWiki */
+		{"", "*/load.php", "", {"only"}},                                    /* MediaWiki */
+		{"", "*/doku.php*", "", {"do"}},                                     /* DokuWiki */
+		{"", "*/index.php", "", {"route", "action", "do", "page"}, "title"}, /* MediaWiki,
+																				 phpMyAdmin */
 		{"", "/", "", {"route", "rest_route", "do", "action"}},
 	};
 	return rules;

@@ -18,6 +18,8 @@ struct NamingRule {
 	std::string path;        /* of the request, without its query */
 	std::string name;        /* what to call it; empty: as without a rule, with the parameters */
 	std::vector<std::string> parameters; /* of the query that belong into the name, in this order */
+	std::string title = {}; /* a parameter before them, the title of a wiki's page: of it the name
+							   has what tells kinds of pages apart; empty: none */
 };
 
 /* For WordPress, MediaWiki, phpMyAdmin and DokuWiki. They come after those of the configuration. */

@@ -2,16 +2,37 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 using kaq::matches_glob;
 using kaq::NamingRule;
 using kaq::normalised_path;
 using kaq::transaction_name;
 
 TEST(NormalisedPath, WordsStay) {
-	for (const char *path :
-		 {"", "/", "/cart", "/cart/items", "/wiki/Main_Page", "/a.php", "/de/über-uns", "/face",
-		  "/deadbeef", "/cafe/decade", "/v1beta", "/oauth2/token", "/index.php/x", "/a//b/",
-		  "/accessibility-statement-for-everyone"}) {
+	for (const char *path : {"",
+							 "/",
+							 "/cart",
+							 "/cart/items",
+							 "/wiki/Main_Page",
+							 "/a.php",
+							 "/de/über-uns",
+							 "/face",
+							 "/deadbeef",
+							 "/cafe/decade",
+							 "/v1beta",
+							 "/oauth2/token",
+							 "/index.php/x",
+							 "/a//b/",
+							 "/accessibility-statement-for-everyone",
+							 "/donaudampfschifffahrtsgesellschaft",
+							 "/WikiPagesWithLongTitlesInCamelCase",
+							 "/rechtsschutzversicherungsgesellschaften",
+							 "/top-10-things-to-do-this-summer",
+							 "/anticonstitutionnellement",
+							 "/getElementsByTagNameNS",
+							 "/electroencefalografistas",
+							 "/%C3%BCber-die-gesellschaft-und-ihre-ziele"}) {
 		EXPECT_EQ(path, normalised_path(path));
 	}
 }
@@ -21,10 +42,27 @@ TEST(NormalisedPath, WhatVariesBecomesAStar) {
 		 {"7", "12345", "3.5", "2024-05-01", "20240501", "12:30:00", "1,000",
 		  "0f8fad5b-d9cb-469f-a165-70867728950e", "d41d8cd98f00b204e9800998ecf8427e", "1a2b3c4d",
 		  "anna@shop.example", "anna%40shop.example", "eyJhbGciOiJIUzI1NiJ9.abc123",
-		  "x9f8Kd72mQp0vL3aT5zR"}) {
+		  "x9f8Kd72mQp0vL3aT5zR", "Abcdefghijklmnopqrstuvwxyz", "eyJhbGciOiJIUzI1NiJ9abc",
+		  "qWvTzKpLmXcRdYhNbGfJsA", "mzxwqkjhvbtrpdlcgfnsyw"}) {
 		EXPECT_EQ("/cart/*", normalised_path(std::string("/cart/") + segment)) << segment;
 		EXPECT_EQ("/*/edit", normalised_path(std::string("/") + segment + "/edit")) << segment;
 	}
+}
+
+/* As many systems make them: 22 characters of which each is one of 64. */
+TEST(NormalisedPath, NearlyAllRandomTokensBecomeAStar) {
+	constexpr std::string_view kCharacters =
+		"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+	std::mt19937 random(1);
+	int kept = 0;
+	for (int i = 0; i < 10000; i++) {
+		std::string token;
+		while (token.size() < 22) {
+			token += kCharacters[random() % kCharacters.size()];
+		}
+		kept += normalised_path(token) == "*" ? 0 : 1;
+	}
+	EXPECT_LE(kept, 100);
 }
 
 TEST(NormalisedPath, EndingOfANumberStays) {
@@ -58,7 +96,7 @@ TEST(TransactionName, ParametersChooseThePage) {
 	const auto &usual = kaq::usual_naming_rules();
 	EXPECT_EQ("/index.php?route=/table/sql",
 			  transaction_name("", "/index.php", "x=1&route=%2Ftable%2Fsql&db=shop", usual));
-	EXPECT_EQ("/w/index.php?action=edit",
+	EXPECT_EQ("/w/index.php?title=*&action=edit",
 			  transaction_name("", "/w/index.php", "title=Main&action=edit", usual));
 	EXPECT_EQ("/wp-admin/admin-ajax.php?action=heartbeat",
 			  transaction_name("", "/wp-admin/admin-ajax.php", "action=heartbeat", usual));
@@ -66,6 +104,19 @@ TEST(TransactionName, ParametersChooseThePage) {
 	EXPECT_EQ("/index.php", transaction_name("", "/index.php", "", usual));
 	EXPECT_EQ("/index.php", transaction_name("", "/index.php", "xroute=1&action=", usual));
 	EXPECT_EQ("/index.php?action=*", transaction_name("", "/index.php", "action=42", usual));
+}
+
+TEST(TransactionName, TitlesOfAWikiAreTheirKind) {
+	const auto &usual = kaq::usual_naming_rules();
+	for (auto [title, name] : {std::pair{"Special:Search", "Special:Search"},
+							   {"Special%3ASearch", "Special:Search"},
+							   {"Special:Contributions/Anna", "Special:Contributions/*"},
+							   {"Main_Page", "*"},
+							   {"Talk:Main+Page", "Talk:*"},
+							   {"A/B", "*"}}) {
+		EXPECT_EQ("/w/index.php?title=" + std::string(name),
+				  transaction_name("", "/w/index.php", "title=" + std::string(title), usual));
+	}
 }
 
 TEST(TransactionName, IsBounded) {
