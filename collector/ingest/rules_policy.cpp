@@ -36,8 +36,11 @@ bool RulesPolicy::is_suspended(const std::string &application, const std::string
 HandshakeAnswer RulesPolicy::answer(const HandshakeRequest &request) {
 	HandshakeAnswer answer;
 	answer.instance_id = instance_id_of(request);
-	answer.application_id = application_id_of(request.application);
-	if (request.application == kProbeApplication) {
+	/* As a request's own payload is called, so that both are counted under one name. */
+	std::string application = without_secrets(request.application, settings_.scrub);
+	answer.application_id = application_id_of(application);
+	bool is_nobody = request.application.empty() && request.transaction.empty();
+	if (is_nobody || request.application == kProbeApplication) {
 		return answer;
 	}
 	std::string_view asked = std::string_view(request.transaction).substr(0, kLongestPath);
@@ -54,7 +57,7 @@ HandshakeAnswer RulesPolicy::answer(const HandshakeRequest &request) {
 		answer.transaction = naming->name;
 	}
 	HandshakeCount count;
-	count.application = request.application;
+	count.application = std::move(application);
 	count.name = transaction_name(request.application, path, "", all_names_);
 	count.instance = answer.instance_id;
 	uint32_t share = is_suspended(count.application, count.instance) ? 0 : rule.share;

@@ -54,6 +54,24 @@ TEST_F(Rules, WithoutRulesEverythingIsMonitoredUnderItsOwnName) {
 	EXPECT_EQ("/cart/*", counts().at(0).name);
 }
 
+/* Rules know it as it is. */
+TEST_F(Rules, SecretsAreCountedUnderNoName) {
+	settings.monitor = {rule("*token=abc*", "*", 0)};
+	HandshakeAnswer answer = ask("/reset/token=abcdef", "Shop token=abcdef");
+	EXPECT_FALSE(answer.is_monitored);
+	EXPECT_EQ(std::string::npos, answer.application_id.find("abcdef"));
+	HandshakeCount count = counts().at(0);
+	EXPECT_EQ("Shop token=[hidden, 5 to 8 bytes]", count.application);
+	EXPECT_EQ("/reset/token=[hidden, 5 to 8 bytes]", count.name);
+}
+
+TEST_F(Rules, WhatNamesNobodyIsNotCounted) {
+	ask("", "");
+	EXPECT_TRUE(counts().empty());
+	ask("/", "");
+	EXPECT_EQ(1u, counts().size());
+}
+
 TEST_F(Rules, TheFirstThatMatchesCounts) {
 	settings.monitor = {rule("Shop", "/health*", 0), rule("Sh?p", "*", kWholeShare),
 						rule("*", "*", 0)};
