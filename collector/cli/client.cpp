@@ -1,10 +1,12 @@
 #include "cli/client.h"
 
 #include <curl/curl.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
+#include <cstring>
 
 #include "cli/format.h"
 #include "cli/places.h"
@@ -130,8 +132,10 @@ Reply Client::ask_store(const std::string &method, const std::string &path,
 		return {0, "no collector runs on " + store_ +
 					   ", and without one nothing can be changed: start it with 'kaq collect'"};
 	}
-	if (!std::filesystem::is_directory(store_)) {
-		return {0, "there is no store in " + store_};
+	if (access(store_.c_str(), R_OK | X_OK) != 0) {
+		return {0, errno == ENOENT || errno == ENOTDIR
+					   ? "there is no store in " + store_
+					   : "cannot look into " + store_ + ": " + strerror(errno)};
 	}
 	Question question;
 	for (const auto &[name, value] : parameters) {

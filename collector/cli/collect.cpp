@@ -1,6 +1,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <exception>
@@ -34,6 +35,8 @@ void raise_descriptor_limit() {
 } // namespace
 
 int collect(const CollectOptions &options) {
+	/* What visitors did is nobody else's business. */
+	umask(0077);
 	block_signals();
 	raise_descriptor_limit();
 	try {

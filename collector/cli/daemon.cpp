@@ -2,6 +2,7 @@
 
 #include <grp.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -65,11 +66,24 @@ std::string reachable(const std::string &address) {
 	return address == "::" ? "::1" : address;
 }
 
-/* Where the group is there and we may, its members can use the socket. */
-void give_to_group(const std::string &path, const std::string &name) {
+/* Where the group is there and we may, its members can use the socket, and get to it through a
+ * directory that is nobody else's. They can read nothing in it. */
+void give_to_group(const std::string &directory, const std::string &socket,
+				   const std::string &name) {
 	const group *found = getgrnam(name.c_str());
-	if (found && chown(path.c_str(), static_cast<uid_t>(-1), found->gr_gid) != 0) {
-		log_line(LogLevel::kWarning, "cannot give " + path + " to the group " + name);
+	if (!found) {
+		return;
+	}
+	auto give = [found](const std::string &path) {
+		return chown(path.c_str(), static_cast<uid_t>(-1), found->gr_gid) == 0;
+	};
+	struct stat facts = {};
+	bool is_closed = stat(directory.c_str(), &facts) == 0 && facts.st_uid == geteuid() &&
+					 (facts.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+	bool is_given =
+		give(socket) && (!is_closed || (give(directory) && chmod(directory.c_str(), 0710) == 0));
+	if (!is_given) {
+		log_line(LogLevel::kWarning, "cannot give " + socket + " to the group " + name);
 	}
 }
 
@@ -130,7 +144,7 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	http_ = std::make_unique<HttpServer>(
 		HttpSettings{kHttpAddress, listen.http_port, socket, token},
 		[this](const HttpRequest &request) { return routes_->answer(request); }, feed_);
-	give_to_group(socket, listen.socket_group);
+	give_to_group(configuration_.store.directory, socket, listen.socket_group);
 	add_counters();
 	tell_services();
 }

@@ -40,8 +40,8 @@ std::string default_store() {
 		return kServiceStore;
 	}
 	std::string store = user_store();
-	std::filesystem::create_directories(store);
-	chmod(store.c_str(), 0700);
+	std::filesystem::create_directories(std::filesystem::path(store).parent_path());
+	mkdir(store.c_str(), 0700);
 	return store;
 }
 
@@ -62,6 +62,7 @@ std::string token_of(const std::string &store) {
 	std::string path = store + "/token";
 	std::string token;
 	std::ifstream file(path);
+	chmod(path.c_str(), 0600);
 	if (file >> token && token.size() == 2 * kTokenBytes) {
 		return token;
 	}

@@ -1,10 +1,13 @@
 #include "store/schema.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 
 #include "store/filter_sql.h"
+#include "util/unique_fd.h"
 
 namespace kaq {
 
@@ -65,7 +68,21 @@ CREATE TABLE asked(time INTEGER, application TEXT, name TEXT, asked INTEGER, mon
 CREATE TABLE marks(time INTEGER NOT NULL, application TEXT NOT NULL, text TEXT NOT NULL);
 )";
 
+void make_private(const std::string &path) {
+	/* A file that is there is not opened: closing it would end SQLite's locks on it. */
+	UniqueFd made(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+	for (const char *companion : {"", "-wal", "-shm"}) {
+		struct stat facts = {};
+		std::string each = path + companion;
+		if (lstat(each.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) &&
+			(facts.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+			chmod(each.c_str(), 0600);
+		}
+	}
+}
+
 std::unique_ptr<SQLite::Database> open_to_write(const std::string &path, const char *tables) {
+	make_private(path);
 	auto database = std::make_unique<SQLite::Database>(
 		path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_NOMUTEX, 2000);
 	/* What is deleted is to be gone. A commit need not wait for the disk: only a crash of the whole

@@ -26,6 +26,10 @@ std::unique_ptr<SQLite::Database> open_to_write(const std::string &path, const c
  * code SQLITE_EMPTY where another thread is about to make the tables. */
 std::unique_ptr<SQLite::Database> open_to_read(const std::string &path);
 
+/* Leaves a file, new or old, to its owner alone; so that nobody else reads what visitors did. The
+ * companions that SQLite makes are as the file is. */
+void make_private(const std::string &path);
+
 /* The file holds no database, or a broken one. */
 bool is_damage(const SQLite::Exception &error);
 

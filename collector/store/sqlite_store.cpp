@@ -1,8 +1,11 @@
 #include "store/sqlite_store.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <future>
 
@@ -25,13 +28,29 @@ constexpr int64_t kMinute = 60 * 1000;
 /* Rows that wait while the file cannot be written. */
 constexpr size_t kMostAsked = 100000;
 
+/* A new one is its owner's alone; one that is there stays as it is. */
 std::string made_directory(const std::string &directory) {
 	std::error_code error;
-	std::filesystem::create_directories(directory, error);
-	if (!std::filesystem::is_directory(directory)) {
-		throw StoreError("cannot make " + directory + ": " + error.message());
+	std::filesystem::path path(directory);
+	path = path.has_filename() ? path : path.parent_path();
+	if (path.has_parent_path()) {
+		std::filesystem::create_directories(path.parent_path(), error);
+	}
+	if (mkdir(path.c_str(), 0700) != 0 && !std::filesystem::is_directory(path, error)) {
+		throw StoreError("cannot make " + directory + ": " +
+						 (error ? error.message() : strerror(errno)));
 	}
 	return directory;
+}
+
+/* Files of any age, those that are damaged too. */
+void make_files_private(const std::string &directory) {
+	std::error_code error;
+	for (const auto &entry : std::filesystem::directory_iterator(directory, error)) {
+		if (entry.path().extension() == ".sqlite") {
+			make_private(entry.path().string());
+		}
+	}
 }
 
 DocumentSettings with_bytes(DocumentSettings settings, int64_t bytes) {
@@ -55,6 +74,7 @@ SqliteStore::SqliteStore(SqliteSettings settings)
 	  budget_(with_bytes(settings_.documents, settings_.most_bytes)) {
 	load_pinned();
 	if (!settings_.is_read_only) {
+		make_files_private(settings_.directory);
 		thread_ = std::thread([this] { run(); });
 	}
 }
