@@ -249,6 +249,17 @@ TEST(WithoutSecrets, UsersWithoutAScheme) {
 	}
 }
 
+/* Who sends the text must not decide how often it is read: if each of these were looked at from the
+ * text's begin, this would take hours. */
+TEST(WithoutSecrets, ALongTextOfSchemesIsReadOnce) {
+	std::string text;
+	while (text.size() < 4 * 1024 * 1024) {
+		text += "://";
+	}
+	EXPECT_EQ(text, without_secrets(text));
+	EXPECT_EQ("a@b" + text + "[hidden, 1 to 4 bytes]@d", without_secrets("a@b" + text + "c@d"));
+}
+
 TEST(WithoutSecrets, CardNumbers) {
 	const std::string mark = "[hidden, 9 to 16 bytes]", long_mark = "[hidden, 17 to 32 bytes]";
 	EXPECT_EQ("card " + mark + ".", without_secrets("card 4111111111111111."));
