@@ -386,6 +386,7 @@ void Daemon::add_counters() {
 	add("payloads did not end in time", payloads.late);
 	const PipelineCounts &read = pipeline_->counts();
 	add("payloads ended within a line", read.incomplete);
+	add("payloads had more parameters, headers or errors than are kept", read.cut);
 	for (size_t i = 0; i < kPayloadErrors; i++) {
 		std::string name(payload_error_name(static_cast<PayloadError>(i)));
 		add(("payloads could not be read: " + name).c_str(), read.errors[i]);

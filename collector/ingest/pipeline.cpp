@@ -125,6 +125,7 @@ void Pipeline::take_line(std::string_view line, const PipelineSettings &settings
 		return;
 	}
 	counts_.transactions.fetch_add(1, std::memory_order_relaxed);
+	counts_.cut.fetch_add(worker.reader.was_cut() ? 1 : 0, std::memory_order_relaxed);
 	/* The name is made of what is left. */
 	scrub(*transaction, settings.scrub);
 	transaction->normalised_name = transaction->texts.keep(transaction_name(

@@ -37,6 +37,7 @@ struct PipelineCounts {
 	std::array<std::atomic<uint64_t>, kNotices> notices{};
 	std::array<std::atomic<uint64_t>, kPayloadErrors> errors{};
 	std::atomic<uint64_t> incomplete{0}; /* no line feed at the end */
+	std::atomic<uint64_t> cut{0};        /* transactions with more in lists and maps than is kept */
 };
 
 struct PipelineSettings {

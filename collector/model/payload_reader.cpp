@@ -23,12 +23,58 @@ constexpr size_t kMostSpans = 1000000;
 /* Of the lists and maps in one parameter. */
 constexpr int kDeepestField = 32;
 constexpr size_t kMostFields = 10000;
+constexpr size_t kLongestName = 1024;
+/* What the lists and maps of a document may take: what the extension writes takes less than twice
+ * its length, but "1," can be told as many, each with the names around it. */
+constexpr size_t kLeastRoom = 1024 * 1024;
+constexpr size_t kRoomPerByte = 4;
+/* A span of the extension is longer; so many shorter ones may be in any document. */
+constexpr size_t kShortestSpan = 32;
+constexpr size_t kShortSpans = 1000;
+
+/* The memory that is left for one document's lists and maps. */
+class Room {
+public:
+	explicit Room(size_t document) : left_(kLeastRoom + kRoomPerByte * document) {
+	}
+
+	/* False if that is too much; then there is none for anything else either. */
+	bool take(size_t bytes) {
+		is_full_ = is_full_ || bytes > left_;
+		left_ -= is_full_ ? 0 : bytes;
+		return !is_full_;
+	}
+	bool is_full() const {
+		return is_full_;
+	}
+	/* Something was left out for another reason. */
+	void note_cut() {
+		was_cut_ = true;
+	}
+	bool was_cut() const {
+		return was_cut_ || is_full_;
+	}
+
+private:
+	size_t left_;
+	bool is_full_ = false;
+	bool was_cut_ = false;
+};
+
+/* Not longer than a name may be, and whole characters. */
+std::string_view cut_name(std::string_view name) {
+	size_t end = std::min(name.size(), kLongestName);
+	while (end > 0 && end < name.size() && (static_cast<unsigned char>(name[end]) & 0xc0) == 0x80) {
+		end--;
+	}
+	return name.substr(0, end);
+}
 
 /* Reads members of a JSON object and keeps their texts. A member of another type counts as
  * missing. */
 class MemberReader {
 public:
-	explicit MemberReader(TextArena &texts) : texts_(texts) {
+	MemberReader(TextArena &texts, Room &room) : texts_(texts), room_(room) {
 	}
 
 	std::string_view text(const element &value) const {
@@ -77,7 +123,8 @@ public:
 		if (value.get_object().get(members) == simdjson::SUCCESS) {
 			for (auto member : members) {
 				double number;
-				if (member.value.get_double().get(number) == simdjson::SUCCESS) {
+				if (member.value.get_double().get(number) == simdjson::SUCCESS &&
+					room_.take(sizeof(Measure))) {
 					found.push_back({texts_.keep(member.key), number});
 				}
 			}
@@ -92,24 +139,31 @@ private:
 	void add(std::vector<Field> &found, const std::string &name, const element &value,
 			 int depth) const {
 		if (found.size() >= kMostFields || depth > kDeepestField) {
+			room_.note_cut();
 			return;
 		}
-		switch (value.type()) {
-		case element_type::ARRAY:
-		case element_type::OBJECT:
+		element_type type = value.type();
+		if (type == element_type::ARRAY || type == element_type::OBJECT) {
 			add_elements(found, name, value, depth);
-			break;
-		case element_type::STRING:
-			found.push_back({texts_.keep(name), text(value)});
-			break;
-		default:
-			found.push_back({texts_.keep(name), texts_.keep(simdjson::minify(value))});
-			break;
+			return;
+		}
+		std::string other;
+		if (type != element_type::STRING) {
+			other = simdjson::minify(value);
+		}
+		if (room_.take(sizeof(Field) + name.size() + other.size())) {
+			found.push_back({texts_.keep(name), other.empty() ? text(value) : texts_.keep(other)});
 		}
 	}
 
-	static std::string inner_name(const std::string &outer, std::string_view inner) {
-		return outer.empty() ? std::string(inner) : outer + "[" + std::string(inner) + "]";
+	/* What is too long ends where it does not fit. */
+	std::string inner_name(const std::string &outer, std::string_view inner) const {
+		size_t around = outer.empty() ? 0 : outer.size() + 2;
+		if (around + inner.size() <= kLongestName) {
+			return outer.empty() ? std::string(inner) : outer + "[" + std::string(inner) + "]";
+		}
+		room_.note_cut();
+		return outer.empty() ? std::string(cut_name(inner)) : outer;
 	}
 
 	void add_elements(std::vector<Field> &found, const std::string &name, const element &value,
@@ -118,17 +172,24 @@ private:
 		array list;
 		if (value.get_object().get(members) == simdjson::SUCCESS) {
 			for (auto member : members) {
+				if (room_.is_full()) {
+					return;
+				}
 				add(found, inner_name(name, member.key), member.value, depth + 1);
 			}
 		} else if (value.get_array().get(list) == simdjson::SUCCESS) {
 			size_t at = 0;
 			for (element each : list) {
+				if (room_.is_full()) {
+					return;
+				}
 				add(found, inner_name(name, std::to_string(at++)), each, depth + 1);
 			}
 		}
 	}
 
 	TextArena &texts_;
+	Room &room_;
 };
 
 std::vector<Failure> MemberReader::failures(const element &value) const {
@@ -139,7 +200,7 @@ std::vector<Failure> MemberReader::failures(const element &value) const {
 	}
 	for (element each : list) {
 		object members;
-		if (each.get_object().get(members) != simdjson::SUCCESS) {
+		if (each.get_object().get(members) != simdjson::SUCCESS || !room_.take(sizeof(Failure))) {
 			continue;
 		}
 		Failure failure;
@@ -173,7 +234,8 @@ std::vector<StackFrame> MemberReader::stack(const element &value) const {
 	}
 	for (element each : list) {
 		array parts;
-		if (each.get_array().get(parts) != simdjson::SUCCESS || parts.size() != 4) {
+		if (each.get_array().get(parts) != simdjson::SUCCESS || parts.size() != 4 ||
+			!room_.take(sizeof(StackFrame))) {
 			continue;
 		}
 		StackFrame frame;
@@ -290,10 +352,12 @@ void join_spans(std::vector<Span> &spans) {
 	}
 }
 
-bool read_spans(Transaction &transaction, const MemberReader &reader, const array &list) {
-	if (list.size() > kMostSpans) {
-		return false;
-	}
+/* Whether these are more spans than a document of that many bytes can hold. */
+bool are_too_many(size_t spans, size_t bytes) {
+	return spans > kMostSpans || (spans > kShortSpans && spans > bytes / kShortestSpan);
+}
+
+void read_spans(Transaction &transaction, const MemberReader &reader, const array &list) {
 	transaction.spans.reserve(list.size());
 	for (element each : list) {
 		object members;
@@ -309,7 +373,6 @@ bool read_spans(Transaction &transaction, const MemberReader &reader, const arra
 		}
 	}
 	join_spans(transaction.spans);
-	return true;
 }
 
 } // namespace
@@ -367,6 +430,7 @@ tl::expected<Transaction, PayloadError> PayloadReader::read(std::string_view lin
 }
 
 tl::expected<Transaction, PayloadError> PayloadReader::read_json(std::string json) {
+	was_cut_ = false;
 	if (!simdjson::validate_utf8(json)) {
 		json = replace_invalid_utf8(json);
 	}
@@ -384,14 +448,16 @@ tl::expected<Transaction, PayloadError> PayloadReader::read_json(std::string jso
 		apm["method_info"]["span_info"].get(spans) != simdjson::SUCCESS || spans.size() == 0) {
 		return tl::unexpected(PayloadError::kNotATransaction);
 	}
-	Transaction transaction;
-	transaction.texts.expect(json.size());
-	MemberReader reader(transaction.texts);
-	read_application_info(transaction, reader, application);
-	read_transaction_info(transaction, reader, info);
-	if (!read_spans(transaction, reader, spans)) {
+	if (are_too_many(spans.size(), json.size())) {
 		return tl::unexpected(PayloadError::kTooManySpans);
 	}
+	Transaction transaction;
+	transaction.texts.expect(json.size());
+	Room room(json.size());
+	MemberReader reader(transaction.texts, room);
+	read_application_info(transaction, reader, application);
+	read_transaction_info(transaction, reader, info);
+	read_spans(transaction, reader, spans);
 	element measures;
 	if (apm["app_parameters"]["sum"].get(measures) == simdjson::SUCCESS) {
 		transaction.sums = reader.measures(measures);
@@ -399,6 +465,7 @@ tl::expected<Transaction, PayloadError> PayloadReader::read_json(std::string jso
 	if (apm["app_parameters"]["average"].get(measures) == simdjson::SUCCESS) {
 		transaction.averages = reader.measures(measures);
 	}
+	was_cut_ = room.was_cut();
 	return transaction;
 }
 

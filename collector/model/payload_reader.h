@@ -2,8 +2,9 @@
  * Makes transactions of what the extension sends: Base64 of a JSON document with two places that
  * are no JSON and texts that need not be UTF-8. Nothing in it is trusted.
  *
- * A reader keeps its memory from one payload to the next, bounded by the largest; it is used by one
- * thread at a time.
+ * What a payload becomes takes memory in proportion to its size: names and lists that would take
+ * more are cut. A reader keeps its memory from one payload to the next, bounded by the largest; it
+ * is used by one thread at a time.
  */
 #pragma once
 
@@ -35,9 +36,15 @@ public:
 	/* The same without Base64. */
 	tl::expected<Transaction, PayloadError> read_json(std::string json);
 
+	/* Whether the last one told more in lists and maps than is kept of it. */
+	bool was_cut() const {
+		return was_cut_;
+	}
+
 private:
 	struct Parser;
 	std::unique_ptr<Parser> parser_;
+	bool was_cut_ = false;
 };
 
 /*

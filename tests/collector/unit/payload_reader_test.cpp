@@ -220,6 +220,73 @@ TEST_F(Reader, DeepParametersEnd) {
 	EXPECT_EQ("b", t.parameters[0].name);
 }
 
+/* Each member of a map repeats the names around it. */
+TEST_F(Reader, NamesOfParametersAreBounded) {
+	std::string members;
+	for (int i = 0; i < 9990; i++) {
+		members += (i > 0 ? ",\"" : "\"") + std::to_string(i) + "\":1";
+	}
+	std::string json = payload("\"http_input_params\":{\"" + std::string(30000, 'a') + "\":{" +
+								   members + "},\"" + std::string(30000, 'b') + "\":2}",
+							   kRoot);
+	Transaction t = read(json);
+	ASSERT_FALSE(t.parameters.empty());
+	EXPECT_TRUE(reader.was_cut());
+	for (const kaq::Field &field : t.parameters) {
+		ASSERT_LE(field.name.size(), 1024u);
+	}
+	EXPECT_LT(t.texts.bytes(), 5 * json.size() + 2 * 1024 * 1024);
+	EXPECT_EQ("a", read(payload(R"("http_input_params":{"a":"b"})", kRoot)).parameters[0].name);
+	EXPECT_FALSE(reader.was_cut());
+}
+
+TEST_F(Reader, ANameIsCutBetweenCharacters) {
+	std::string name = "a";
+	while (name.size() < 2000) {
+		name += "\u20ac";
+	}
+	Transaction t = read(payload("\"http_input_params\":{\"" + name + "\":{\"x\":1}}", kRoot));
+	ASSERT_EQ(1u, t.parameters.size());
+	EXPECT_EQ(name.substr(0, 1024), t.parameters[0].name);
+	t = read(payload("\"http_input_params\":{\"" + name.substr(1) + "\":{\"x\":1}}", kRoot));
+	ASSERT_EQ(1u, t.parameters.size());
+	EXPECT_EQ(name.substr(1, 1023), t.parameters[0].name);
+}
+
+/* Whatever is written shortest takes no more memory than in proportion. */
+TEST_F(Reader, ListsAreBoundedByTheSizeOfTheirDocument) {
+	std::string ones = "1";
+	std::string nothings = "{}";
+	for (int i = 0; i < 9990; i++) {
+		ones += ",1";
+		nothings += ",{}";
+	}
+	std::string span = R"(,{"fn":"f","si":"1","erqh":{"h":[)" + ones + R"(]},"ei":[)" + nothings +
+					   R"(],"mst":[)" + nothings + "]}";
+	std::string spans = kRoot;
+	for (int i = 0; i < 100; i++) {
+		spans += span;
+	}
+	std::string json = payload("", spans);
+	Transaction t = read(json);
+	size_t bytes = 0;
+	for (const kaq::Span &each : t.spans) {
+		bytes += each.sent_headers.size() * sizeof(kaq::Field) +
+				 each.failures.size() * sizeof(kaq::Failure);
+	}
+	EXPECT_GT(bytes, 1024u * 1024);
+	EXPECT_LT(bytes, 4 * json.size() + 1024 * 1024);
+	EXPECT_TRUE(reader.was_cut());
+}
+
+TEST_F(Reader, SpansThatAreNoneAreTooMany) {
+	std::string spans = kRoot;
+	for (int i = 0; i < 100000; i++) {
+		spans += ",{}";
+	}
+	expect_error(PayloadError::kTooManySpans, payload("", spans));
+}
+
 TEST_F(Reader, TextsStayWhereTheTransactionGoes) {
 	Transaction first = read(payload(R"("t_name":"one")", kRoot));
 	Transaction second = read(payload(R"("t_name":"two")", kRoot));
