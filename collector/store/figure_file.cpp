@@ -1,5 +1,7 @@
 #include "store/figure_file.h"
 
+#include <algorithm>
+
 #include "store/figure_columns.h"
 #include "store/schema.h"
 
@@ -12,6 +14,8 @@ constexpr int64_t kHour = 60 * kMinute;
 constexpr size_t kMostKnownKeys = 200000;
 /* Deleted at a time, so that a flush does not wait long. */
 constexpr int64_t kRowsAtATime = 20000;
+/* Of making room for what is new. */
+constexpr int kMostSteps = 20;
 
 std::string columns_of(const std::string &table, const std::string &what) {
 	return "SELECT " + what + " FROM " + table;
@@ -82,6 +86,7 @@ void FigureFile::write_key(int64_t hash, const FigureKey &key) {
 
 void FigureFile::add_asked(const AskedSums::value_type &row) {
 	const auto &[time, application, name] = row.first;
+	asked_summed_ = std::min(asked_summed_, time - 1);
 	add_asked_.bind(1, time);
 	add_asked_.bindNoCopy(2, application);
 	add_asked_.bindNoCopy(3, name);
@@ -149,29 +154,151 @@ int64_t FigureFile::end_of_times(const std::string &table, const std::string &en
 		.getInt64();
 }
 
+/* The oldest that was asked by the minute. Each time is looked at once, and nothing within it. */
+std::optional<int64_t> FigureFile::next_asked_minute() {
+	SQLite::Statement next(*database_, "SELECT min(time) FROM asked WHERE time > ?");
+	for (;;) {
+		next.bind(1, asked_summed_);
+		next.executeStep();
+		SQLite::Column found = next.getColumn(0);
+		if (found.isNull()) {
+			return std::nullopt;
+		}
+		int64_t time = found.getInt64();
+		next.reset();
+		if (time % kMinute != kAskedHourMark) {
+			return time;
+		}
+		asked_summed_ = time;
+	}
+}
+
+/* Returns how many rows it has summed up. */
+int64_t FigureFile::sum_up_asked_hour(int64_t hour) {
+	constexpr const char *kOfTheHour = " FROM asked WHERE time >= ?1 AND time < ?2 AND time != ?3";
+	SQLite::Statement add(*database_,
+						  std::string("INSERT INTO asked SELECT ?3, application, name, sum(asked), "
+									  "sum(monitored)") +
+							  kOfTheHour +
+							  " GROUP BY application, name ON CONFLICT DO UPDATE SET "
+							  "asked = asked + excluded.asked, monitored = monitored + "
+							  "excluded.monitored");
+	SQLite::Statement remove(*database_, std::string("DELETE") + kOfTheHour);
+	for (SQLite::Statement *statement : {&add, &remove}) {
+		statement->bind(1, hour);
+		statement->bind(2, hour + kHour);
+		statement->bind(3, hour + kAskedHourMark);
+	}
+	database_->exec("BEGIN IMMEDIATE");
+	add.exec();
+	int64_t removed = remove.exec();
+	database_->exec("COMMIT");
+	return removed;
+}
+
+void FigureFile::sum_up_asked(int64_t time) {
+	int64_t left = kRowsAtATime;
+	std::optional<int64_t> minute = next_asked_minute();
+	while (left > 0 && minute && *minute < time - time % kHour) {
+		int64_t hour = *minute - *minute % kHour;
+		left -= sum_up_asked_hour(hour);
+		asked_summed_ = hour + kHour - 1;
+		minute = next_asked_minute();
+	}
+}
+
+/* Without what is free already and waits for being given back. */
+int64_t FigureFile::used_bytes() {
+	auto number = [this](const char *name) {
+		return database_->execAndGet(std::string("PRAGMA ") + name).getInt64();
+	};
+	return (number("page_count") - number("freelist_count")) * number("page_size");
+}
+
+/* A twentieth of the time that is known by the minute; false if none is. */
+bool FigureFile::delete_oldest_minutes() {
+	int64_t first = end_of_times("minutes", "min", 0);
+	int64_t last = end_of_times("minutes", "max", 0);
+	if (std::optional<int64_t> asked = next_asked_minute()) {
+		first = first == 0 ? *asked : std::min(first, *asked);
+		last = std::max(last, database_->execAndGet("SELECT max(time) FROM asked").getInt64());
+	}
+	if (last == 0) {
+		return false;
+	}
+	int64_t until = first + kHour + (last - first) / 20;
+	delete_before("minutes", until);
+	sum_up_asked(until);
+	return true;
+}
+
+/* The same of the hours; the newest stays. */
+bool FigureFile::delete_oldest_hours() {
+	int64_t first = end_of_times("hours", "min", 0);
+	int64_t last = end_of_times("hours", "max", 0);
+	int64_t asked = database_->execAndGet("SELECT coalesce(min(time), 0) FROM asked").getInt64();
+	int64_t last_asked =
+		database_->execAndGet("SELECT coalesce(max(time), 0) FROM asked").getInt64();
+	if (asked > 0) {
+		first = first == 0 ? asked : std::min(first, asked);
+		last = std::max(last, last_asked - last_asked % kHour);
+	}
+	int64_t until = std::min(first + kHour + (last - first) / 20, last);
+	until -= until % kHour;
+	if (until <= first) {
+		return false;
+	}
+	delete_before("hours", until);
+	SQLite::Statement remove(*database_, "DELETE FROM asked WHERE time < ?");
+	remove.bind(1, until);
+	remove.exec();
+	return true;
+}
+
 /* Minutes first, since the hours hold the same in less room. */
 void FigureFile::delete_oldest(const FigureRetention &retention) {
-	for (const char *table : {"minutes", "hours"}) {
-		if (bytes_of_database(path_) <= retention.most_bytes) {
-			return;
-		}
-		int64_t first = end_of_times(table, "min", 0);
-		int64_t last = end_of_times(table, "max", 0);
-		if (last > first) {
-			delete_before(table, first + kHour + (last - first) / 20);
-			database_->exec("PRAGMA incremental_vacuum");
-			database_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
+	if (bytes_of_database(path_) <= retention.most_bytes) {
+		return;
+	}
+	/* With some room to grow into. */
+	int64_t enough = retention.most_bytes / 20 * 19;
+	for (int step = 0; step < kMostSteps && used_bytes() > enough; step++) {
+		if (!delete_oldest_minutes() && !delete_oldest_hours()) {
+			break;
 		}
 	}
+	database_->exec("PRAGMA incremental_vacuum");
+	database_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
+}
+
+void FigureFile::forget_examples(const std::unordered_set<std::string> &ids) {
+	if (ids.empty()) {
+		return;
+	}
+	database_->exec("CREATE TEMP TABLE forgotten(id TEXT PRIMARY KEY)");
+	SQLite::Statement add(*database_, "INSERT INTO forgotten VALUES(?)");
+	for (const std::string &id : ids) {
+		add.bindNoCopy(1, id);
+		add.exec();
+		add.reset();
+	}
+	for (const char *table : {"minutes", "hours"}) {
+		database_->exec(std::string("UPDATE ") + table +
+						" SET example = '' WHERE example IN (SELECT id FROM forgotten)");
+	}
+	database_->exec("DROP TABLE forgotten");
+	database_->exec("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 void FigureFile::retain(const FigureRetention &retention, int64_t now) {
 	bool has_more = delete_before("minutes", now - retention.minutes);
 	has_more = delete_before("hours", now - retention.hours) || has_more;
+	sum_up_asked(now - retention.minutes);
+	int64_t oldest = now - retention.hours;
 	for (const char *table : {"asked", "marks"}) {
 		SQLite::Statement remove(*database_,
 								 "DELETE FROM " + std::string(table) + " WHERE time < ?");
-		remove.bind(1, now - retention.hours);
+		remove.bind(1, oldest - oldest % kHour);
 		remove.exec();
 	}
 	if (!has_more) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <unordered_set>
@@ -26,6 +27,10 @@ struct FigureRetention {
 	int64_t most_bytes = 512LL * 1024 * 1024;
 };
 
+/* A sum by the hour of what was asked stands that far behind the hour's begin, where no minute's
+ * does. */
+constexpr int64_t kAskedHourMark = 1;
+
 /* By minute, application and name. */
 struct AskedSum {
 	int64_t asked = 0;
@@ -42,8 +47,10 @@ public:
 	/* Adds to what is there, in one transaction, all or nothing. */
 	void write(const std::vector<FigurePeriod> &minutes, const AskedSums &asked);
 	void add_mark(const Mark &mark);
-	/* Deletes what is too old, and the oldest of what is too much. Bounded in time: the rest at the
-	 * next call. */
+	/* These requests are no examples of anything any more. */
+	void forget_examples(const std::unordered_set<std::string> &ids);
+	/* Deletes what is too old, and the oldest of what is too much; how many asked is summed up by
+	 * the hour where the minutes go. Bounded in time: the rest at the next call. */
 	void retain(const FigureRetention &retention, int64_t now);
 
 private:
@@ -53,7 +60,13 @@ private:
 	void add_asked(const AskedSums::value_type &row);
 	bool delete_before(const std::string &table, int64_t time);
 	int64_t end_of_times(const std::string &table, const std::string &end, int kind);
+	std::optional<int64_t> next_asked_minute();
+	void sum_up_asked(int64_t time);
+	int64_t sum_up_asked_hour(int64_t hour);
+	int64_t used_bytes();
 	void delete_oldest(const FigureRetention &retention);
+	bool delete_oldest_minutes();
+	bool delete_oldest_hours();
 
 	std::unique_ptr<SQLite::Database> database_;
 	SQLite::Statement add_key_;
@@ -61,6 +74,7 @@ private:
 	std::unique_ptr<Table> minutes_;
 	std::unique_ptr<Table> hours_;
 	std::unordered_set<int64_t> known_keys_;
+	int64_t asked_summed_ = -1; /* up to there nothing was asked by the minute */
 	const std::string path_;
 };
 

@@ -194,11 +194,14 @@ std::vector<FigurePoint> read_curve(SQLite::Database &database, const FigureSear
 std::vector<AskedCount> read_asked(SQLite::Database &database, const TimeRange &range,
 								   const std::string &application) {
 	SQLite::Statement rows(database, "SELECT application, name, sum(asked), sum(monitored) FROM "
-									 "asked WHERE time>=? AND time<? AND (?3='' OR application=?3) "
-									 "GROUP BY application, name");
-	rows.bind(1, floor_to(std::max<int64_t>(range.from, 0), kMinute));
+									 "asked WHERE ((time>=?1 AND time<?2) OR time=?3) AND "
+									 "(?4='' OR application=?4) GROUP BY application, name");
+	int64_t from = std::max<int64_t>(range.from, 0);
+	rows.bind(1, floor_to(from, kMinute));
 	rows.bind(2, range.to);
-	rows.bind(3, application);
+	/* The hour that the range begins in, if the minutes are gone. */
+	rows.bind(3, floor_to(from, kHour) + kAskedHourMark);
+	rows.bind(4, application);
 	std::vector<AskedCount> counts;
 	while (rows.executeStep()) {
 		counts.push_back({rows.getColumn(0).getString(), rows.getColumn(1).getString(),

@@ -379,4 +379,74 @@ TEST_F(FiguresTest, AskedCountsAddUp) {
 	EXPECT_EQ(read_asked(*open_to_read(path_), {}, "").size(), 2u);
 }
 
+/* As the figures are, and no row is counted twice or lost. */
+TEST_F(FiguresTest, AskedCountsAreSummedUpByTheHourWhereTheMinutesAreGone) {
+	AskedSums asked;
+	for (int64_t minute = 0; minute < 4 * 60; minute++) {
+		asked[{kNow + minute * kMinute, "shop", "/cart"}] = {10, 1};
+		asked[{kNow + minute * kMinute, "shop", "/"}] = {1, 1};
+	}
+	file_.write({}, asked);
+	FigureRetention retention;
+	retention.minutes = 2 * kHour;
+	auto rows = [this] {
+		return open_to_read(path_)->execAndGet("SELECT count(*) FROM asked").getInt64();
+	};
+	auto asked_in = [this](int64_t from, int64_t to) {
+		int64_t sum = 0;
+		for (const AskedCount &each : read_asked(*open_to_read(path_), {from, to}, "shop")) {
+			sum += each.asked;
+		}
+		return sum;
+	};
+	EXPECT_EQ(asked_in(kNow + 30 * kMinute, kNow + 4 * kHour), 11 * 210);
+	file_.retain(retention, kNow + 4 * kHour);
+	EXPECT_EQ(rows(), 2 * (2 + 120));
+	EXPECT_EQ(asked_in(0, kNow + 100 * kHour), 11 * 240);
+	EXPECT_EQ(asked_in(kNow, kNow + kHour), 11 * 60);
+	EXPECT_EQ(asked_in(kNow + 30 * kMinute, kNow + 40 * kMinute), 11 * 60) << "the whole hour";
+	EXPECT_EQ(asked_in(kNow + 3 * kHour, kNow + 3 * kHour + 5 * kMinute), 11 * 5);
+	/* What comes late is added to what is there. */
+	file_.write({}, {{{kNow + 5 * kMinute, "shop", "/cart"}, {100, 0}}});
+	file_.retain(retention, kNow + 4 * kHour);
+	EXPECT_EQ(rows(), 2 * (2 + 120));
+	EXPECT_EQ(asked_in(kNow, kNow + kHour), 11 * 60 + 100);
+	retention.hours = 3 * kHour;
+	file_.retain(retention, kNow + 4 * kHour + 2);
+	EXPECT_EQ(asked_in(0, kNow + 100 * kHour), 11 * 180);
+}
+
+TEST_F(FiguresTest, AskedCountsAreNeverMoreThanTheCapEither) {
+	FigureRetention retention;
+	retention.most_bytes = 1024 * 1024;
+	for (int64_t hour = 0; hour < 10; hour++) {
+		AskedSums asked;
+		for (int64_t minute = 0; minute < 60; minute++) {
+			for (int64_t name = 0; name < 60; name++) {
+				asked[{kNow + hour * kHour + minute * kMinute, "shop",
+					   "/some/page/number/" + std::to_string(name)}] = {1, 1};
+			}
+		}
+		file_.write({}, asked);
+		now_ = kNow + hour * kHour;
+		put(record(hour, now_));
+		write();
+	}
+	int64_t end = kNow + 10 * kHour;
+	ASSERT_GT(bytes_of_database(path_), 1500 * 1024);
+	for (int i = 0; i < 5; i++) {
+		file_.retain(retention, end);
+	}
+	EXPECT_LE(bytes_of_database(path_), 1024 * 1024);
+	EXPECT_EQ(read({})["/cart"].count, 10) << "the hours stay";
+	int64_t asked = 0;
+	for (const AskedCount &each : read_asked(*open_to_read(path_), {0, end}, "shop")) {
+		asked += each.asked;
+	}
+	EXPECT_EQ(asked, 10 * 60 * 60);
+	FigureSearch last;
+	last.range = {end - kHour, end - kHour + kMinute};
+	EXPECT_EQ(read(last)["/cart"].count, 1);
+}
+
 } // namespace
