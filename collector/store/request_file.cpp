@@ -1,5 +1,6 @@
 #include "store/request_file.h"
 
+#include <sqlite3.h>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -30,6 +31,21 @@ int64_t flags_of(const Record &record) {
 	return (record.summary.is_web ? kFlagWeb : 0) | (record.summary.is_failed ? kFlagFailed : 0) |
 		   (record.serving == Serving::kOneAtATime ? kFlagOneAtATime : 0) |
 		   (record.serving == Serving::kThreads ? kFlagThreads : 0);
+}
+
+/* What is wrong is what was to be written, and not where. */
+bool is_of_row(const SQLite::Exception &error) {
+	switch (error.getErrorCode()) {
+	case SQLITE_CONSTRAINT:
+	case SQLITE_ERROR:
+	case SQLITE_MISMATCH:
+	case SQLITE_MISUSE:
+	case SQLITE_RANGE:
+	case SQLITE_TOOBIG:
+		return true;
+	default:
+		return false;
+	}
 }
 
 void run(SQLite::Statement &statement) {
@@ -137,8 +153,9 @@ int64_t RequestFile::name_id(NameKind kind, std::string_view text) {
 	int64_t id = next_name_++;
 	add_name_.bind(1, id);
 	add_name_.bind(2, static_cast<int>(kind));
-	add_name_.bindNoCopy(3, key.c_str() + 1);
+	add_name_.bind(3, std::string(text));
 	run(add_name_);
+	new_names_.push_back(key);
 	name_ids_.emplace(std::move(key), id);
 	return id;
 }
@@ -147,6 +164,7 @@ int64_t RequestFile::text_id(const RequestText &text) {
 	uint64_t hash = hash_of(text.text, static_cast<uint64_t>(text.kind));
 	auto [place, is_new] = text_ids_.try_emplace(hash, next_text_);
 	if (is_new) {
+		new_texts_.push_back(hash);
 		next_text_++;
 		add_text_.bind(1, place->second);
 		add_text_.bind(2, static_cast<int>(text.kind));
@@ -167,8 +185,10 @@ int64_t RequestFile::text_set_id(const std::vector<RequestText> &texts) {
 	}
 	std::sort(ids.begin(), ids.end());
 	std::string bytes = text_set_to_bytes(ids);
-	auto [place, is_new] = set_ids_.try_emplace(hash_of(bytes, 0), next_set_);
+	uint64_t hash = hash_of(bytes, 0);
+	auto [place, is_new] = set_ids_.try_emplace(hash, next_set_);
 	if (is_new) {
+		new_sets_.push_back(hash);
 		next_set_++;
 		add_set_.bind(1, place->second);
 		add_set_.bindNoCopy(2, bytes.data(), static_cast<int>(bytes.size()));
@@ -196,8 +216,47 @@ void RequestFile::bind_summary(const Summary &summary, int64_t flags) {
 	}
 }
 
+void RequestFile::forget_new() {
+	for (const std::string &name : new_names_) {
+		name_ids_.erase(name);
+	}
+	for (uint64_t text : new_texts_) {
+		text_ids_.erase(text);
+	}
+	for (uint64_t set : new_sets_) {
+		set_ids_.erase(set);
+	}
+}
+
+bool RequestFile::add_if_possible(const Record &record, std::string &reason) {
+	RowCounts counts = counts_;
+	database_->exec("SAVEPOINT request");
+	try {
+		add(record);
+		database_->exec("RELEASE request");
+		return true;
+	} catch (const SQLite::Exception &error) {
+		if (!is_of_row(error)) {
+			throw;
+		}
+		reason = error.what();
+	}
+	for (SQLite::Statement *statement :
+		 {&add_request_, &add_document_, &add_name_, &add_text_, &add_index_, &add_set_}) {
+		statement->tryReset();
+	}
+	database_->exec("ROLLBACK TO request");
+	database_->exec("RELEASE request");
+	forget_new();
+	counts_ = counts;
+	return false;
+}
+
 void RequestFile::add(const Record &record) {
 	const Summary &summary = record.summary;
+	new_names_.clear();
+	new_texts_.clear();
+	new_sets_.clear();
 	int64_t row = next_row_++;
 	add_request_.bind(1, row);
 	bind_summary(summary, flags_of(record));

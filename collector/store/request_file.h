@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Statement.h>
@@ -44,6 +45,9 @@ public:
 
 	void begin();
 	void add(const Record &record);
+	/* The same; false, with the reason, where nothing but this one cannot be added: then all else
+	 * stays as it is. Takes longer. */
+	bool add_if_possible(const Record &record, std::string &reason);
 	void commit();
 	/* Undoes what came after begin(), as far as that is possible. */
 	void roll_back() noexcept;
@@ -58,6 +62,7 @@ public:
 	}
 
 private:
+	void forget_new();
 	int64_t name_id(NameKind kind, std::string_view text);
 	int64_t text_id(const RequestText &text);
 	int64_t text_set_id(const std::vector<RequestText> &texts);
@@ -77,6 +82,10 @@ private:
 	/* By the hashes of texts and of lists of their numbers. */
 	std::unordered_map<uint64_t, int64_t> text_ids_;
 	std::unordered_map<uint64_t, int64_t> set_ids_;
+	/* Of the request that was added last: its keys in the three above that nobody had before. */
+	std::vector<std::string> new_names_;
+	std::vector<uint64_t> new_texts_;
+	std::vector<uint64_t> new_sets_;
 	int64_t next_row_ = 1;
 	int64_t next_name_ = 1;
 	int64_t next_text_ = 1;

@@ -46,6 +46,30 @@ std::vector<std::string> split_words(const std::string &text) {
 	return words;
 }
 
+void add_texts(SQLite::Database &database, int64_t row, Record &record) {
+	SQLite::Statement set(database, "SELECT members FROM text_sets WHERE id = (SELECT texts FROM "
+									"requests WHERE row = ?)");
+	set.bind(1, row);
+	std::string members = set.executeStep() ? set.getColumn(0).getString() : std::string();
+	SQLite::Statement text(database, "SELECT kind, text FROM texts WHERE id = ?");
+	for (int64_t id : text_set_from_bytes(members)) {
+		text.bind(1, id);
+		if (text.executeStep()) {
+			record.texts.push_back(
+				{static_cast<TextKind>(text.getColumn(0).getInt()), text.getColumn(1).getString()});
+		}
+		text.reset();
+	}
+}
+
+void add_document(SQLite::Database &database, int64_t row, Record &record) {
+	SQLite::Statement document(database, "SELECT document FROM documents WHERE row = ?");
+	document.bind(1, row);
+	if (document.executeStep()) {
+		record.document = document.getColumn(0).getString();
+	}
+}
+
 /* Comes after everything that begins with the text: identifiers are hexadecimal. */
 std::string end_of_prefix(const std::string &begin) {
 	return begin + "\x7f";
@@ -144,7 +168,7 @@ std::optional<std::string> read_document(SQLite::Database &database, int64_t row
 		kLongestDocument);
 }
 
-std::optional<Record> read_record(SQLite::Database &database, int64_t row) {
+std::optional<Record> read_record(SQLite::Database &database, int64_t row, bool is_damaged) {
 	std::optional<RequestRow> request = RequestReader(database).read(row);
 	if (!request) {
 		return std::nullopt;
@@ -155,23 +179,14 @@ std::optional<Record> read_record(SQLite::Database &database, int64_t row) {
 	record.instance = std::move(request->instance);
 	record.serving = request->serving;
 	record.verdict = std::move(request->verdict);
-	SQLite::Statement set(database, "SELECT members FROM text_sets WHERE id = (SELECT texts FROM "
-									"requests WHERE row = ?)");
-	set.bind(1, row);
-	std::string members = set.executeStep() ? set.getColumn(0).getString() : std::string();
-	SQLite::Statement text(database, "SELECT kind, text FROM texts WHERE id = ?");
-	for (int64_t id : text_set_from_bytes(members)) {
-		text.bind(1, id);
-		if (text.executeStep()) {
-			record.texts.push_back(
-				{static_cast<TextKind>(text.getColumn(0).getInt()), text.getColumn(1).getString()});
+	for (auto *read : {add_texts, add_document}) {
+		try {
+			read(database, row, record);
+		} catch (const SQLite::Exception &error) {
+			if (!is_damaged) {
+				throw;
+			}
 		}
-		text.reset();
-	}
-	SQLite::Statement document(database, "SELECT document FROM documents WHERE row = ?");
-	document.bind(1, row);
-	if (document.executeStep()) {
-		record.document = document.getColumn(0).getString();
 	}
 	return record;
 }

@@ -43,8 +43,9 @@ private:
 };
 
 std::optional<std::string> read_document(SQLite::Database &database, int64_t row);
-/* Everything that is known of a request, to be written elsewhere; no facts. */
-std::optional<Record> read_record(SQLite::Database &database, int64_t row);
+/* Everything that is known of a request, to be written elsewhere; no facts. Where `is_damaged`,
+ * texts and document are left out if they cannot be read. */
+std::optional<Record> read_record(SQLite::Database &database, int64_t row, bool is_damaged = false);
 
 /* The newest row whose identifier, or trace, begins like that. */
 std::optional<int64_t> find_request(SQLite::Database &database, const std::string &begin);

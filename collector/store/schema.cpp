@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
+#include <cstdio>
 #include <filesystem>
 
 #include "store/filter_sql.h"
@@ -108,10 +110,43 @@ std::unique_ptr<SQLite::Database> open_to_write(const std::string &path, const c
 	return database;
 }
 
+namespace {
+
+bool is_on_read_only_medium(const std::string &path) {
+	struct statvfs medium;
+	return statvfs(path.c_str(), &medium) == 0 && (medium.f_flag & ST_RDONLY) != 0;
+}
+
+std::string immutable_uri(const std::string &path) {
+	std::string uri = "file:";
+	for (char character : path) {
+		if (character == '?' || character == '#' || character == '%') {
+			char escaped[4];
+			snprintf(escaped, sizeof(escaped), "%%%02X", static_cast<unsigned>(character));
+			uri += escaped;
+		} else {
+			uri += character;
+		}
+	}
+	return uri + "?immutable=1";
+}
+
+/* A file in WAL mode may need its companions to be made before it can be read, where that can be
+ * done. Where nothing can change, it is read without them. */
+std::unique_ptr<SQLite::Database> open_anywhere(const std::string &path) {
+	if (is_on_read_only_medium(path)) {
+		return std::make_unique<SQLite::Database>(
+			immutable_uri(path), SQLite::OPEN_READONLY | SQLite::OPEN_URI | SQLite::OPEN_NOMUTEX,
+			2000);
+	}
+	return std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE | SQLite::OPEN_NOMUTEX,
+											  2000);
+}
+
+} // namespace
+
 std::unique_ptr<SQLite::Database> open_to_read(const std::string &path) {
-	/* A file in WAL mode may need its companions to be made before it can be read. */
-	auto database = std::make_unique<SQLite::Database>(
-		path, SQLite::OPEN_READWRITE | SQLite::OPEN_NOMUTEX, 2000);
+	auto database = open_anywhere(path);
 	database->exec("PRAGMA query_only = ON");
 	database->exec("PRAGMA cache_size = -1000");
 	database->exec("PRAGMA mmap_size = 268435456");

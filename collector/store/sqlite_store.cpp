@@ -10,6 +10,7 @@
 #include <future>
 
 #include "store/schema.h"
+#include "util/log.h"
 #include "util/system_time.h"
 
 namespace kaq {
@@ -24,6 +25,7 @@ constexpr int64_t kRetainEvery = 10 * 1000;
 constexpr size_t kMostTextsInFile = 300000;
 /* Connections kept open: more than the files of the longest usual retention. */
 constexpr size_t kIdleConnections = 256;
+constexpr std::chrono::milliseconds kBetweenSalvages{500};
 constexpr int64_t kMinute = 60 * 1000;
 /* Rows that wait while the file cannot be written. */
 constexpr size_t kMostAsked = 100000;
@@ -70,16 +72,20 @@ int64_t bytes_of(const Record &record) {
 
 SqliteStore::SqliteStore(SqliteSettings settings)
 	: settings_(std::move(settings)), pool_(kIdleConnections),
-	  files_(made_directory(settings_.directory), pool_), sums_(settings_.caps),
-	  budget_(with_bytes(settings_.documents, settings_.most_bytes)) {
+	  files_(made_directory(settings_.directory), pool_, settings_.is_read_only),
+	  sums_(settings_.caps), budget_(with_bytes(settings_.documents, settings_.most_bytes)) {
 	load_pinned();
 	if (!settings_.is_read_only) {
 		make_files_private(settings_.directory);
 		thread_ = std::thread([this] { run(); });
+		salvager_ = std::make_unique<Periodic>("kaq-salvage", kBetweenSalvages,
+											   [this] { salvage_files(); });
 	}
 }
 
 SqliteStore::~SqliteStore() {
+	is_salvaging_ = false;
+	salvager_.reset();
 	{
 		std::lock_guard lock(mutex_);
 		is_ending_ = true;
@@ -228,12 +234,12 @@ void SqliteStore::flush() {
 /* The last file is written on after a restart, as long as it is young. */
 void SqliteStore::open_file() {
 	int64_t time = now();
-	/* A reader may have found it to be damaged. */
+	/* By the clock that is now: a file's name may be far ahead of it, after it has stepped back. A
+	 * reader may have found the file to be damaged. */
 	bool is_full =
-		file_ &&
-		(!files_.has(file_info_) || time - file_info_.begun >= settings_.file_time ||
-		 time < file_info_.begun - settings_.file_time || file_->texts() > kMostTextsInFile ||
-		 bytes_of_database(file_info_.path) >= settings_.file_bytes);
+		file_ && (!files_.has(file_info_) || time - file_since_ >= settings_.file_time ||
+				  time < file_since_ - settings_.file_time || file_->texts() > kMostTextsInFile ||
+				  bytes_of_database(file_info_.path) >= settings_.file_bytes);
 	if (file_ && !is_full) {
 		return;
 	}
@@ -242,6 +248,7 @@ void SqliteStore::open_file() {
 		bytes_of_database(file_info_.path) < settings_.file_bytes) {
 		try {
 			file_ = std::make_unique<RequestFile>(file_info_.path);
+			file_since_ = std::min(file_info_.begun, time);
 			return;
 		} catch (const SQLite::Exception &damage) {
 			if (!is_damage(damage)) {
@@ -257,17 +264,36 @@ void SqliteStore::open_file() {
 		remove_database(file_info_.path);
 		throw;
 	}
+	file_since_ = time;
 	files_.add(file_info_);
 }
 
-void SqliteStore::write_batch(std::deque<Record> &records) {
+/* What was added once and failed is added one by one, so that whatever is wrong with one of them
+ * takes no other with it. */
+void SqliteStore::write_batch(const std::deque<Record> &records, bool is_retry) {
 	open_file();
+	int64_t refused = 0;
+	std::string reason;
 	file_->begin();
 	for (const Record &record : records) {
-		file_->add(record);
+		if (!is_retry) {
+			file_->add(record);
+		} else if (!file_->add_if_possible(record, reason)) {
+			refused++;
+		}
 	}
 	file_->commit();
 	counts_.set(file_info_.path, file_->counts());
+	if (refused > 0) {
+		lose(refused, reason);
+	}
+}
+
+void SqliteStore::lose(int64_t requests, const std::string &reason) {
+	lost_ += requests;
+	log_some(LogLevel::kError, "store-lost",
+			 std::to_string(requests) + " requests are lost, since they cannot be written to " +
+				 settings_.directory + ": " + reason);
 }
 
 /* What is damaged is put aside, and for what has no room older things make some; then it is tried
@@ -285,21 +311,23 @@ void SqliteStore::recover(const SQLite::Exception &error) {
 	}
 }
 
-void SqliteStore::write_requests(std::deque<Record> &records) {
+void SqliteStore::write_requests(const std::deque<Record> &records) {
 	if (records.empty()) {
 		return;
 	}
-	for (int attempt = 0; attempt < 2; attempt++) {
+	std::string reason;
+	for (bool is_retry : {false, true}) {
 		try {
-			write_batch(records);
+			write_batch(records, is_retry);
 			is_writing_ = true;
 			return;
 		} catch (const SQLite::Exception &error) {
+			reason = error.what();
 			recover(error);
 		}
 	}
 	is_writing_ = false;
-	lost_ += static_cast<int64_t>(records.size());
+	lose(static_cast<int64_t>(records.size()), reason);
 }
 
 /* What cannot be written is added to what comes next. */
@@ -322,8 +350,12 @@ void SqliteStore::write_figures() {
 		figure_file_.reset();
 		is_writing_ = false;
 		if (is_damage(error)) {
-			files_.put_aside({figure_path(), 0, false}, error.what());
+			files_.put_aside({figure_path(), now(), false}, error.what());
 		}
+		log_some(LogLevel::kError, "store-figures",
+				 std::string("the figures cannot be written; they wait in memory, the last hour "
+							 "of them: ") +
+					 error.what());
 		sums_.put_back(std::move(periods));
 		std::lock_guard lock(mutex_);
 		add_asked(asked);

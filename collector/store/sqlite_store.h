@@ -21,6 +21,7 @@
 #include "store/request_directory.h"
 #include "store/request_file.h"
 #include "store/store.h"
+#include "util/periodic.h"
 
 namespace kaq {
 
@@ -69,6 +70,11 @@ public:
 	int64_t forget(const Filter &filter) override;
 	StoreStatus status() override;
 
+	/* Requests that could not be written. */
+	uint64_t lost() const {
+		return static_cast<uint64_t>(lost_.load());
+	}
+
 private:
 	using File = RequestDirectory::File;
 	using Task = std::function<void()>;
@@ -78,8 +84,9 @@ private:
 	void run();
 	/* Does something on the writing thread and waits for it; its exceptions come back. */
 	void on_writer(const std::function<void()> &task);
-	void write_requests(std::deque<Record> &records);
-	void write_batch(std::deque<Record> &records);
+	void write_requests(const std::deque<Record> &records);
+	void write_batch(const std::deque<Record> &records, bool is_retry);
+	void lose(int64_t requests, const std::string &reason);
 	void open_file();
 	void recover(const SQLite::Exception &error);
 	void write_figures();
@@ -87,8 +94,11 @@ private:
 	void retain();
 	void copy_to_pinned(const std::vector<std::string> &ids);
 	std::vector<std::string> ids_of(const std::string &id);
-	int64_t delete_requests(const std::string &path, const Filter &filter);
+	std::vector<std::string> delete_requests(const std::string &path, const Filter &filter);
 	void load_pinned();
+	/* Brings back what can be read of files that were put aside. */
+	void salvage_files();
+	void salvage_file(const RequestDirectory::Aside &aside);
 
 	/* Visits files, newest first, until visit(connection, file) returns false. A damaged one is put
 	 * aside. */
@@ -127,6 +137,7 @@ private:
 	/* Of the writing thread. */
 	std::unique_ptr<RequestFile> file_;
 	File file_info_;
+	int64_t file_since_ = 0; /* when it was begun to be written to, by the clock as it was then */
 	std::unique_ptr<FigureFile> figure_file_;
 	int64_t retained_ = 0;
 
@@ -136,6 +147,8 @@ private:
 	std::atomic<int64_t> lost_{0};
 	std::atomic<bool> is_writing_{true};
 	std::thread thread_;
+	std::atomic<bool> is_salvaging_{true}; /* false: it is to end */
+	std::unique_ptr<Periodic> salvager_;
 };
 
 } // namespace kaq

@@ -3,8 +3,10 @@
 
 #include "store/filter_sql.h"
 #include "store/request_reading.h"
+#include "store/salvage.h"
 #include "store/schema.h"
 #include "store/sqlite_store.h"
+#include "util/log.h"
 
 namespace kaq {
 namespace {
@@ -34,21 +36,25 @@ void drop_orphans(SQLite::Database &database) {
 	database.exec("INSERT INTO texts_index(texts_index) VALUES('rebuild')");
 }
 
-int64_t delete_from(const std::string &path, const Filter &filter) {
+/* The identifiers of what was deleted. */
+std::vector<std::string> delete_from(const std::string &path, const Filter &filter) {
 	auto database = open_to_write(path, kRequestTables);
 	SqlCondition condition = to_sql(filter, *database);
 	database->exec("BEGIN IMMEDIATE");
-	int64_t deleted = 0;
+	std::vector<std::string> deleted;
 	{
-		SQLite::Statement remove(*database, "DELETE FROM requests WHERE " + condition.text);
+		SQLite::Statement remove(*database,
+								 "DELETE FROM requests WHERE " + condition.text + " RETURNING id");
 		condition.bind(remove, 1);
-		deleted = remove.exec();
+		while (remove.executeStep()) {
+			deleted.push_back(remove.getColumn(0).getString());
+		}
 	}
-	if (deleted > 0) {
+	if (!deleted.empty()) {
 		drop_orphans(*database);
 	}
 	database->exec("COMMIT");
-	if (deleted > 0) {
+	if (!deleted.empty()) {
 		database->exec("VACUUM");
 		database->exec("PRAGMA wal_checkpoint(TRUNCATE)");
 	}
@@ -57,10 +63,11 @@ int64_t delete_from(const std::string &path, const Filter &filter) {
 
 } // namespace
 
-int64_t SqliteStore::delete_requests(const std::string &path, const Filter &filter) {
+std::vector<std::string> SqliteStore::delete_requests(const std::string &path,
+													  const Filter &filter) {
 	pool_.forget(path);
 	try {
-		int64_t deleted = delete_from(path, filter);
+		std::vector<std::string> deleted = delete_from(path, filter);
 		counts_.forget(path);
 		return deleted;
 	} catch (...) {
@@ -140,7 +147,7 @@ bool SqliteStore::unpin(const std::string &id) {
 		for (const std::string &one : ids) {
 			Filter filter;
 			filter.condition = {TextIs{TextField::kId, glob_of(one)}};
-			was_pinned = delete_requests(files_.pinned_path(), filter) > 0 || was_pinned;
+			was_pinned = !delete_requests(files_.pinned_path(), filter).empty() || was_pinned;
 		}
 		load_pinned();
 	});
@@ -156,17 +163,56 @@ void SqliteStore::add_mark(const Mark &mark) {
 	});
 }
 
+/* A pinned request is in two files, and one all the same. What was put aside cannot be searched. */
 int64_t SqliteStore::forget(const Filter &filter) {
-	int64_t deleted = 0;
+	std::unordered_set<std::string> deleted;
 	on_writer([&] {
 		/* The newest file is written on with what is left in it. */
 		file_.reset();
 		for (const File &file : files_.files()) {
-			deleted += delete_requests(file.path, filter);
+			for (std::string &id : delete_requests(file.path, filter)) {
+				deleted.insert(std::move(id));
+			}
 		}
+		files_.remove_asides();
 		load_pinned();
+		if (!figure_file_ && bytes_of_database(figure_path()) > 0) {
+			figure_file_ = std::make_unique<FigureFile>(figure_path());
+		}
+		if (figure_file_) {
+			figure_file_->forget_examples(deleted);
+		}
 	});
-	return deleted;
+	return static_cast<int64_t>(deleted.size());
+}
+
+void SqliteStore::salvage_files() {
+	while (is_salvaging_) {
+		std::optional<RequestDirectory::Aside> aside = files_.next_aside();
+		if (!aside) {
+			return;
+		}
+		salvage_file(*aside);
+	}
+}
+
+/* One that could not be tried to its end is tried again at the next start. */
+void SqliteStore::salvage_file(const RequestDirectory::Aside &aside) {
+	const std::string fresh = settings_.directory + "/salvage.sqlite";
+	try {
+		remove_database(fresh);
+		RequestDirectory::Salvaged salvaged = salvage(aside.path, fresh, is_salvaging_);
+		if (is_salvaging_) {
+			on_writer([&] {
+				files_.settle(aside, fresh, salvaged);
+				load_pinned();
+			});
+		}
+	} catch (const std::exception &error) {
+		log_line(LogLevel::kError,
+				 "what can be read of " + aside.path + " cannot be saved: " + error.what());
+	}
+	remove_database(fresh);
 }
 
 } // namespace kaq

@@ -112,6 +112,7 @@ Found SqliteStore::search(const Search &search) {
 		return !found.is_partial;
 	});
 	read_candidates(best, search.limit, found);
+	found.damages = files_.damages(search.filter.range);
 	return found;
 }
 

@@ -48,9 +48,10 @@ struct Search {
 
 struct Found {
 	std::vector<RequestRow> rows;
-	bool has_more = false;   /* the limit was reached */
-	bool is_partial = false; /* the time was up before all was looked at */
-	int64_t looked_at = 0;   /* requests */
+	bool has_more = false;            /* the limit was reached */
+	bool is_partial = false;          /* the time was up before all was looked at */
+	int64_t looked_at = 0;            /* requests */
+	std::vector<std::string> damages; /* why requests may be missing, in words */
 };
 
 /* A condition on figures; what is empty is no condition. */
@@ -136,7 +137,8 @@ public:
 	/* Keeps a trace, or one request, whatever else is thrown away; false if there is none. */
 	virtual bool pin(const std::string &id) = 0;
 	virtual bool unpin(const std::string &id) = 0;
-	/* Deletes requests with everything that is known of them but the figures; returns how many.
+	/* Deletes requests with everything that is known of them; returns how many. Figures keep the
+	 * sums, with names, statements and messages that have no literals, but name none of them.
 	 * Takes seconds for each hour that is searched. */
 	virtual int64_t forget(const Filter &filter) = 0;
 

@@ -238,7 +238,7 @@ TEST_F(SqliteStoreTest, PinnedRequestsStayAndAreFoundOnce) {
 		put(record(i, now_));
 		store().flush();
 	}
-	store().flush();
+	settle();
 	EXPECT_EQ(files().size(), 1u);
 	ASSERT_EQ(store().search(search).rows.size(), 1u);
 	EXPECT_TRUE(store().search(search).rows[0].is_pinned);
@@ -265,7 +265,7 @@ TEST_F(SqliteStoreTest, WhatIsForgottenIsGoneFromTheDisk) {
 	EXPECT_NE(all_bytes_below(settings_.directory).find("planted"), std::string::npos);
 	Filter filter;
 	filter.condition = {TextIs{TextField::kPath, "/planted*"}};
-	EXPECT_EQ(store().forget(filter), 11);
+	EXPECT_EQ(store().forget(filter), 10) << "the pinned one has a copy, and is one request";
 	Search search;
 	EXPECT_EQ(store().search(search).rows.size(), 10u);
 	search.filter.condition = {Words{WordField::kFunction, {"sharedfunction"}, false}};
@@ -291,7 +291,7 @@ TEST_F(SqliteStoreTest, ADamagedFileIsPutAsideAndTheRestGoesOn) {
 	EXPECT_FALSE(store().request(id_of(1)));
 	EXPECT_TRUE(store().request(id_of(2)));
 	ASSERT_EQ(store().status().damages.size(), 1u);
-	EXPECT_NE(store().status().damages[0].find("put aside"), std::string::npos);
+	EXPECT_NE(store().status().damages[0].find("damaged"), std::string::npos);
 }
 
 TEST_F(SqliteStoreTest, ATruncatedNewestFileIsReplaced) {
