@@ -1,0 +1,107 @@
+/* The time that is looked at: some last hours, or from one moment to another. */
+import { changed, go, here, timeOf, USUAL_RANGE, type Address } from '../state/address';
+import { openDialog } from '../ui/dialog';
+import { el, replace } from '../ui/dom';
+import { time } from '../ui/format';
+
+const PRESETS: readonly (readonly [string, string])[] = [
+	['15m', 'Last 15 minutes'],
+	['1h', 'Last hour'],
+	['3h', 'Last 3 hours'],
+	['12h', 'Last 12 hours'],
+	['24h', 'Last 24 hours'],
+	['7d', 'Last 7 days'],
+	['30d', 'Last 30 days'],
+	['400d', 'Last 400 days'],
+];
+const CUSTOM = 'custom';
+
+export function rangeText(address: Address): string {
+	const preset = PRESETS.find(([from]) => from === address.from && !address.to);
+	if (preset) {
+		return preset[1];
+	}
+	const now = Date.now();
+	const end = address.to ? time(timeOf(address.to, now)) : 'now';
+	return `${time(timeOf(address.from, now))} to ${end}`;
+}
+
+/* As `datetime-local` has it: in the viewer's zone, without its name. */
+function localText(ms: number): string {
+	return new Date(ms - new Date(ms).getTimezoneOffset() * 60000).toISOString().slice(0, 19);
+}
+
+function field(label: string, ms: number): [HTMLElement, HTMLInputElement] {
+	const input = el('input', { type: 'datetime-local', step: 1, value: localText(ms), required: true });
+	return [el('label', { class: 'field' }, label, input), input];
+}
+
+function askForRange(): void {
+	const now = Date.now();
+	const address = here();
+	const [fromField, from] = field('From', timeOf(address.from, now) || now - 3600000);
+	const [toField, to] = field('To', timeOf(address.to, now) || now);
+	const check = () => to.setCustomValidity(to.value > from.value ? '' : 'It ends before it begins.');
+	const form = el(
+		'form',
+		{
+			class: 'stack',
+			on: {
+				input: check,
+				submit: (event) => {
+					event.preventDefault();
+					dialog.close();
+					go(changed(here(), { from: String(Date.parse(from.value)), to: String(Date.parse(to.value)) }));
+				},
+			},
+		},
+		fromField,
+		toField,
+		el('button', { type: 'submit', class: 'primary' }, 'Show'),
+	);
+	const dialog = openDialog('Time range', form);
+}
+
+function choose(value: string): void {
+	if (value === CUSTOM) {
+		askForRange();
+	} else if (value) {
+		go(changed(here(), { from: value, to: '' }));
+	}
+}
+
+/* Moves the range by half of its length; by 1 to later, by -1 to earlier. */
+export function moveRange(direction: 1 | -1): void {
+	const now = Date.now();
+	const [from, to] = [timeOf(here().from, now), timeOf(here().to, now)];
+	const shift = ((to - from) / 2) * direction;
+	if (Number.isFinite(shift)) {
+		go(changed(here(), { from: String(Math.round(from + shift)), to: String(Math.round(to + shift)) }));
+	}
+}
+
+export function rangeControl(): { readonly element: HTMLElement; update(address: Address): void } {
+	const select = el('select', {
+		'aria-label': 'Time range',
+		on: {
+			change: () => {
+				const { value } = select;
+				update(here());
+				choose(value);
+			},
+		},
+	});
+	const update = (address: Address) => {
+		const current = address.to || !PRESETS.some(([from]) => from === address.from);
+		replace(
+			select,
+			current && el('option', { value: '' }, rangeText(address)),
+			PRESETS.map(([from, text]) => el('option', { value: from }, text)),
+			el('option', { value: CUSTOM }, 'From … to …'),
+		);
+		select.value = current ? '' : address.from || USUAL_RANGE;
+	};
+	const shift = (label: string, text: string, direction: 1 | -1) =>
+		el('button', { type: 'button', 'aria-label': label, title: label, on: { click: () => moveRange(direction) } }, text);
+	return { element: el('div', { class: 'joined' }, shift('Earlier', '‹', -1), select, shift('Later', '›', 1)), update };
+}

@@ -1,0 +1,34 @@
+/* Links to pages, which keep the time range, the application and the host. */
+import { elsewhere, here, hrefOf, type Changes, type Own, type PageName } from '../state/address';
+import { el, shortened, type Child } from './dom';
+
+const LONGEST_TITLE = 2000;
+
+export function pageHref(page: PageName, own: Own = {}, changes: Omit<Changes, 'own'> = {}): string {
+	return hrefOf(elsewhere(here(), page, own, { q: '', ...changes }));
+}
+
+export function pageLink(page: PageName, own: Own, changes: Omit<Changes, 'own'>, ...children: readonly Child[]): HTMLAnchorElement {
+	return el('a', { href: pageHref(page, own, changes) }, children);
+}
+
+export function requestLink(id: string, ...children: readonly Child[]): HTMLAnchorElement {
+	return el('a', { href: pageHref('request', { id }) }, children);
+}
+
+export function transactionLink(application: string, transaction: string): HTMLAnchorElement {
+	return el(
+		'a',
+		{
+			class: 'cut',
+			href: pageHref('transaction', { txn: transaction }, { app: application }),
+			title: shortened(transaction, LONGEST_TITLE),
+		},
+		shortened(transaction, 300) || '(no name)',
+	);
+}
+
+/* A term of the query language that means the text itself; `*` and `?` are no wildcards in it. */
+export function term(field: string, text: string): string {
+	return `${field}:"${text.replace(/[\\"]/g, '\\$&')}"`;
+}
