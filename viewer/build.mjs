@@ -1,20 +1,29 @@
-// Bundles the pages: node build.mjs DIRECTORY. Everything in DIRECTORY is what the collector serves,
-// but for shared_file.*, which become parts of a file that somebody downloads. Needs esbuild and the
-// libraries of package.json beside it, or where NODE_PATH says.
-import { existsSync, mkdirSync, readFileSync, readdirSync, copyFileSync } from 'node:fs';
-import { dirname, join } from 'node:path';
+// Bundles the pages: node build.mjs DIRECTORY. What the collector serves is in DIRECTORY/files, and
+// DIRECTORY/viewer_files.cpp has it for the compiler. Needs the packages of package.json.
+import { createHash } from 'node:crypto';
+import { copyFileSync, existsSync, mkdirSync, readFileSync, readdirSync, rmSync, writeFileSync } from 'node:fs';
+import { dirname, extname, join, resolve } from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { gzipSync } from 'node:zlib';
 import { build } from 'esbuild';
 
 const LARGEST_BUNDLE = 150 * 1000; // bytes, gzipped, all files together
 
+const TYPES = {
+	'.html': 'text/html; charset=utf-8',
+	'.js': 'text/javascript; charset=utf-8',
+	'.css': 'text/css; charset=utf-8',
+	'.svg': 'image/svg+xml',
+};
+
 const here = dirname(fileURLToPath(import.meta.url));
-const target = process.argv[2];
-if (!target) {
+if (process.argv.length !== 3) {
 	console.error('usage: node build.mjs DIRECTORY');
 	process.exit(2);
 }
+const directory = resolve(process.argv[2]);
+const target = join(directory, 'files');
+const packed = join(directory, 'packed');
 
 // The libraries that the pages hold, for the box that names them.
 function licences() {
@@ -32,7 +41,10 @@ function licences() {
 const entries = ['src/app.ts', 'src/shared_file.ts', 'style/app.css', 'style/shared_file.css']
 	.map((each) => join(here, each))
 	.filter((each) => existsSync(each));
-mkdirSync(target, { recursive: true });
+for (const each of [target, packed]) {
+	rmSync(each, { recursive: true, force: true });
+	mkdirSync(each, { recursive: true });
+}
 await build({
 	entryPoints: entries,
 	entryNames: '[name]',
@@ -50,12 +62,43 @@ for (const each of ['index.html', 'icon.svg']) {
 	copyFileSync(join(here, each), join(target, each));
 }
 
-let sum = 0;
-for (const each of readdirSync(target).sort()) {
-	const size = gzipSync(readFileSync(join(target, each)), { level: 9 }).length;
-	sum += size;
-	console.log(`${each} ${size}`);
+// The file's bytes between two symbols of the program.
+function embedded(symbol, path) {
+	return [
+		`asm(".section .rodata\\n"`,
+		`\t".hidden ${symbol}_begin\\n.globl ${symbol}_begin\\n${symbol}_begin:\\n"`,
+		`\t".incbin \\"${path}\\"\\n"`,
+		`\t".hidden ${symbol}_end\\n.globl ${symbol}_end\\n${symbol}_end:\\n"`,
+		`\t".byte 0\\n.previous\\n");`,
+		`extern "C" const char ${symbol}_begin[], ${symbol}_end[];`,
+		'',
+	].join('\n');
 }
+
+let sum = 0;
+let symbols = '';
+let rows = '';
+const names = readdirSync(target).sort();
+names.forEach((name, i) => {
+	const bytes = readFileSync(join(target, name));
+	const gzip = gzipSync(bytes, { level: 9 });
+	writeFileSync(join(packed, `${name}.gz`), gzip);
+	sum += gzip.length;
+	console.log(`${name} ${gzip.length}`);
+	const etag = createHash('sha256').update(bytes).digest('hex').slice(0, 16);
+	const [plain, small] = [`kaq_viewer_${i}`, `kaq_viewer_${i}_gzip`];
+	const view = (symbol) => `{${symbol}_begin, static_cast<size_t>(${symbol}_end - ${symbol}_begin)}`;
+	symbols += embedded(plain, join(target, name)) + embedded(small, join(packed, `${name}.gz`));
+	rows += `\t\t{"/${name}", "${TYPES[extname(name)]}", "\\"${etag}\\"", ${view(plain)}, ${view(small)}},\n`;
+});
+writeFileSync(
+	join(directory, 'viewer_files.cpp'),
+	`#include "http/viewer_files.h"\n\n#include <cstddef>\n\n${symbols}
+const std::vector<kaq::ViewerFile> &kaq::viewer_files() {
+	static const std::vector<ViewerFile> kFiles = {\n${rows}\t};
+	return kFiles;
+}\n`,
+);
 console.log(`all ${sum} bytes gzipped`);
 if (sum > LARGEST_BUNDLE) {
 	console.error(`the pages are larger than ${LARGEST_BUNDLE} bytes`);

@@ -205,6 +205,7 @@ Profile profile_of(const Transaction &transaction) {
 		ProfileRow &row = rows.rows[static_cast<size_t>(places[i])];
 		row.own += own[i];
 		if (place >= 0) {
+			row.layer = layer_of(spans[i]);
 			row.count++;
 			row.total += spans[i].duration();
 		}
@@ -245,6 +246,37 @@ Profile typical_profile(const std::vector<const Transaction *> &transactions) {
 		}
 	}
 	return typical;
+}
+
+struct ProfileSum::State {
+	Rows rows;
+	int64_t duration = 0;
+};
+
+ProfileSum::ProfileSum() : state_(std::make_unique<State>()) {
+}
+
+ProfileSum::~ProfileSum() = default;
+
+void ProfileSum::add(const Profile &profile) {
+	state_->duration += profile.duration;
+	std::vector<int32_t> places = merge(state_->rows, profile);
+	for (size_t i = 0; i < places.size(); i++) {
+		if (places[i] >= 0) {
+			ProfileRow &sum = state_->rows.rows[static_cast<size_t>(places[i])];
+			const ProfileRow &row = profile.rows[i];
+			sum.layer = row.layer;
+			sum.count += row.count;
+			sum.total += row.total;
+			sum.own += row.own;
+		}
+	}
+}
+
+Profile ProfileSum::take() {
+	Profile sum = {state_->duration, std::move(state_->rows.rows)};
+	state_ = std::make_unique<State>();
+	return sum;
 }
 
 std::string_view change_name(Change change) {

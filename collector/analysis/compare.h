@@ -8,10 +8,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "analysis/layers.h"
 #include "model/transaction.h"
 
 namespace kaq {
@@ -20,8 +22,9 @@ constexpr size_t kMostProfileRows = 10000;
 
 /* All calls of one kind at one place. */
 struct ProfileRow {
-	std::string name;    /* "Cart::items", "PDO::query" */
-	std::string detail;  /* the statement, the address of an HTTP call; else empty */
+	std::string name;   /* "Cart::items", "PDO::query" */
+	std::string detail; /* the statement, the address of an HTTP call; else empty */
+	Layer layer = Layer::kCode;
 	int32_t parent = -1; /* index of the row of the calls around them; -1 for the root */
 	int64_t count = 0;
 	int64_t total = 0; /* with what they call */
@@ -43,6 +46,23 @@ Profile profile_of(const Transaction &transaction);
  * transaction does not have counts as 0 there. Rows that fewer than half of them have are left out.
  */
 Profile typical_profile(const std::vector<const Transaction *> &transactions);
+
+/* Profiles of several transactions added up, row by row. */
+class ProfileSum {
+public:
+	ProfileSum();
+	~ProfileSum();
+	ProfileSum(const ProfileSum &) = delete;
+	ProfileSum &operator=(const ProfileSum &) = delete;
+
+	void add(const Profile &profile);
+	/* Of all that were added, with the sum of their durations. */
+	Profile take();
+
+private:
+	struct State;
+	std::unique_ptr<State> state_;
+};
 
 /* Why a row takes longer or shorter: kCount if it is more by how often it ran, kDuration if by how
  * long each call took. */

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string>
 
+#include "http/viewer_pages.h"
+
 namespace kaq {
 namespace {
 
@@ -74,7 +76,8 @@ AccessVerdict check_access(const Access &access, std::string_view token, std::st
 	if (is_foreign(access)) {
 		return AccessVerdict::kWrongOrigin;
 	}
-	if (path == "/healthz" || path == kLoginPath || has_token(access, token)) {
+	bool is_open = path == "/healthz" || path == kLoginPath || is_viewer_path(path);
+	if (is_open || has_token(access, token)) {
 		return AccessVerdict::kAllowed;
 	}
 	return AccessVerdict::kNoToken;

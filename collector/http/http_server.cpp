@@ -137,18 +137,29 @@ private:
 		if (message[http::field::content_type] == "application/x-www-form-urlencoded") {
 			request.form = message.body();
 		}
+		request.takes_gzip = takes_gzip(header_of(message, http::field::accept_encoding));
+		request.known_etag = std::string(header_of(message, http::field::if_none_match));
 		request.is_local = is_local_;
 		request.has_token = !is_local_ && has_token(access_of(message), shared_.settings.token);
 		return request;
 	}
 
+	template <typename Message>
+	static std::string_view header_of(const Message &message, http::field name) {
+		auto value = message[name];
+		return {value.data(), value.size()};
+	}
+
+	/* Every browser says it by name. */
+	static bool takes_gzip(std::string_view encodings) {
+		return encodings.find("gzip") != std::string_view::npos &&
+			   encodings.find("gzip;q=0") == std::string_view::npos;
+	}
+
 	template <typename Message> static Access access_of(const Message &message) {
-		auto header = [&message](http::field name) {
-			auto value = message[name];
-			return std::string_view(value.data(), value.size());
-		};
-		return {header(http::field::host), header(http::field::origin),
-				header(http::field::authorization), header(http::field::cookie)};
+		return {header_of(message, http::field::host), header_of(message, http::field::origin),
+				header_of(message, http::field::authorization),
+				header_of(message, http::field::cookie)};
 	}
 
 	template <typename Message>
@@ -184,7 +195,9 @@ private:
 		}
 		response->set(http::field::content_type, answer.type);
 		response->keep_alive(keeps_alive);
-		response->content_length(answer.body.size());
+		if (response->result() != http::status::not_modified) {
+			response->content_length(answer.body.size());
+		}
 		if (parser_->get().method() != http::verb::head) {
 			response->body() = std::move(answer.body);
 		}

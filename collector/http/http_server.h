@@ -4,8 +4,8 @@
  * done by a few workers; what would have to wait too long for one is refused.
  *
  * On the TCP port every request has to name this host (so that no other site's name can be made to
- * lead here), must not come from another site's page, and needs the token, but for /healthz and
- * /login.
+ * lead here), must not come from another site's page, and needs the token, but for /healthz,
+ * /login and the pages, which have nothing recorded in them.
  */
 #pragma once
 
@@ -28,6 +28,8 @@ struct HttpRequest {
 	std::string form;       /* the body, if it is one of a form */
 	bool is_local = false;  /* it came over the Unix socket */
 	bool has_token = false; /* it came over TCP with the token */
+	bool takes_gzip = false;
+	std::string known_etag; /* of what the browser has of it already */
 };
 
 struct HttpAnswer {

@@ -1,6 +1,7 @@
 #include "http/routes.h"
 
 #include "http/access.h"
+#include "http/viewer_pages.h"
 #include "query/mistake_json.h"
 #include "query/parser.h"
 #include "util/query_string.h"
@@ -73,7 +74,9 @@ HttpAnswer Routes::answer(const HttpRequest &request) {
 	if (request.path == "/api/v1/live") {
 		return live(request);
 	}
-	return unknown(request);
+	std::optional<HttpAnswer> page =
+		is_viewer_path(request.path) ? viewer_answer(request) : std::nullopt;
+	return page ? std::move(*page) : unknown(request);
 }
 
 HttpAnswer Routes::log_in(const HttpRequest &request) {

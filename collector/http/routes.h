@@ -1,6 +1,6 @@
 /*
- * What is served where: health, logging in, the live feed, and the services of query/service.h,
- * which run on the server's workers. Called on the server's thread.
+ * What is served where: health, logging in, the live feed, the pages, and the services of
+ * query/service.h, which run on the server's workers. Called on the server's thread.
  */
 #pragma once
 

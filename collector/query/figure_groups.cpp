@@ -24,7 +24,8 @@ size_t badness(const std::string &level) {
 		   (kLevels.size() + 1);
 }
 
-/* The same for the rows of one group. */
+} // namespace
+
 FigureKey key_of_group(FigureKey key) {
 	key.transaction.clear();
 	if (key.kind == FigureKind::kStatement) {
@@ -34,8 +35,6 @@ FigureKey key_of_group(FigureKey key) {
 	}
 	return key;
 }
-
-} // namespace
 
 std::vector<FigureGroup> groups_of(std::vector<FigureRow> rows) {
 	std::unordered_map<int64_t, size_t> places;

@@ -27,6 +27,9 @@ struct FigureGroup {
 	std::map<std::string, GroupPart> callers; /* of a statement */
 };
 
+/* The same for the keys of one group. */
+FigureKey key_of_group(FigureKey key);
+
 /* A group for each application and text, of statements also for each component, server and
  * database. */
 std::vector<FigureGroup> groups_of(std::vector<FigureRow> rows);

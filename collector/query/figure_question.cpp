@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 
 #include "query/parameters.h"
 #include "query/ranking.h"
@@ -21,6 +22,18 @@ int64_t minute_of(int64_t time) {
 FigureQuestion::FigureQuestion(ServiceContext &context, const Question &question)
 	: context_(context), range_(range_of(context, question, kHour)), now_(context.clock()),
 	  application_(text_of(question, "app")), transaction_(text_of(question, "txn")) {
+	const std::string &host = text_of(question, "host");
+	if (host.empty() && text_of(question, "q").empty()) {
+		return;
+	}
+	filter_ = query_of(context, question);
+	filter_->range.from =
+		std::max(filter_->range.from, minute_of(std::max<int64_t>(range_.from, 0)));
+	filter_->range.to = std::min(filter_->range.to, range_.to);
+	if (!host.empty()) {
+		filter_->condition =
+			both({TextIs{TextField::kHost, glob_of(host)}}, std::move(filter_->condition));
+	}
 }
 
 bool FigureQuestion::is_application(const std::string &application) const {
@@ -32,7 +45,60 @@ bool FigureQuestion::is_transaction(const std::string &transaction) const {
 	return transaction_.empty() || is_like(transaction, transaction_);
 }
 
+std::vector<FigureStep> FigureQuestion::all_steps(FigureKind kind, int64_t step) const {
+	if (filter_) {
+		RequestSums sums = context_.store.request_sums(*filter_, step);
+		is_partial_ = is_partial_ || sums.is_partial;
+		return std::move(sums.steps);
+	}
+	FigureSearch search;
+	search.kind = kind;
+	search.range = range_;
+	return context_.store.figure_steps(search, step);
+}
+
+std::vector<FigureStep> FigureQuestion::steps(FigureKind kind, int64_t step) const {
+	std::vector<FigureStep> steps = all_steps(kind, step);
+	keep_if(steps, [this](const FigureStep &each) {
+		return is_application(each.key.application) && is_transaction(each.key.transaction);
+	});
+	return steps;
+}
+
+std::vector<FigurePoint> FigureQuestion::points(FigureKind kind, const std::string &text,
+												int64_t step) const {
+	if (!filter_) {
+		FigureSearch search;
+		search.kind = kind;
+		search.range = range_;
+		search.application = application_;
+		search.transaction = transaction_;
+		search.text = text;
+		return context_.store.curve(search, step);
+	}
+	std::map<int64_t, Figures> sums;
+	for (const FigureStep &each : all_steps(kind, step)) {
+		if ((application_.empty() || each.key.application == application_) &&
+			(transaction_.empty() || each.key.transaction == transaction_)) {
+			sums[each.time].add(each.figures);
+		}
+	}
+	std::vector<FigurePoint> points;
+	points.reserve(sums.size());
+	for (auto &[time, figures] : sums) {
+		points.push_back({time, std::move(figures)});
+	}
+	return points;
+}
+
 std::vector<FigureRow> FigureQuestion::all_rows(FigureKind kind) const {
+	if (filter_) {
+		std::vector<FigureRow> rows;
+		for (FigureStep &each : all_steps(kind, 0)) {
+			rows.push_back({std::move(each.key), std::move(each.figures)});
+		}
+		return rows;
+	}
 	FigureSearch search;
 	search.kind = kind;
 	search.range = range_;
@@ -48,7 +114,20 @@ std::vector<FigureRow> FigureQuestion::rows(FigureKind kind) const {
 }
 
 std::vector<AskedCount> FigureQuestion::asked() const {
-	return context_.store.asked(range_, "");
+	return filter_ ? std::vector<AskedCount>() : context_.store.asked(range_, "");
+}
+
+Filter FigureQuestion::stored() const {
+	Filter filter = filter_ ? *filter_ : Filter{range_, {And{}}};
+	if (!application_.empty()) {
+		filter.condition = both({TextIs{TextField::kApplication, glob_of(application_)}},
+								std::move(filter.condition));
+	}
+	if (!transaction_.empty()) {
+		filter.condition =
+			both({TextIs{TextField::kName, transaction_}}, std::move(filter.condition));
+	}
+	return filter;
 }
 
 Condition FigureQuestion::with_verdict() const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,15 +18,30 @@ constexpr int64_t kMinuteMs = 60 * 1000;
 
 class FigureQuestion {
 public:
-	/* Reads "from", "to", "app" and "txn"; the last hour where they are left out. Throws
-	 * ServiceMistake. */
+	/*
+	 * Reads "from", "to", "app" and "txn"; the last hour where they are left out. With "q" or
+	 * "host" figures of transactions are summed over the stored requests that are meant, as no
+	 * others tell that; questions about anything else do not take them. Throws ServiceMistake.
+	 */
 	FigureQuestion(ServiceContext &context, const Question &question);
 
 	/* Of all applications, and of all transactions. */
 	std::vector<FigureRow> all_rows(FigureKind kind) const;
 	/* Those that are asked for. */
 	std::vector<FigureRow> rows(FigureKind kind) const;
+	/* Of those that are asked for, each key by itself. */
+	std::vector<FigureStep> steps(FigureKind kind, int64_t step) const;
+	/* Nothing where the requests that are stored are summed up. */
 	std::vector<AskedCount> asked() const;
+	/* Over all keys; the application and the transaction are whole names. */
+	std::vector<FigurePoint> points(FigureKind kind, const std::string &text, int64_t step) const;
+	/* Whether not all requests were looked at. */
+	bool is_partial() const {
+		return is_partial_;
+	}
+
+	/* The stored requests that are asked for. */
+	Filter stored() const;
 
 	/* Requests that are asked for and of which there is something to say. */
 	Condition with_verdict() const;
@@ -46,8 +62,12 @@ public:
 	nlohmann::json range_json() const;
 
 private:
+	std::vector<FigureStep> all_steps(FigureKind kind, int64_t step) const;
+
 	ServiceContext &context_;
 	TimeRange range_;
+	std::optional<Filter> filter_; /* of stored requests */
+	mutable bool is_partial_ = false;
 	int64_t now_;
 	std::string application_;
 	std::string transaction_;

@@ -7,6 +7,7 @@
 #include "query/parameters.h"
 #include "query/ranking.h"
 #include "query/service_table.h"
+#include "query/top_json.h"
 
 namespace kaq {
 namespace {
@@ -86,6 +87,17 @@ int64_t time_of(const std::vector<FigureGroup> &groups) {
 	return time;
 }
 
+/* By the hashes of the groups' keys. */
+using GroupCurves = std::map<int64_t, std::map<int64_t, Figures>>;
+
+GroupCurves curves_of(const FigureQuestion &asked_for, FigureKind kind, int64_t step) {
+	GroupCurves curves;
+	for (FigureStep &each : asked_for.steps(kind, step)) {
+		curves[key_of_group(std::move(each.key)).hash()][each.time].add(each.figures);
+	}
+	return curves;
+}
+
 /* The groups in their order as the answer's list of that name. */
 template <typename ToJson>
 Answer group_answer(ServiceContext &context, const Question &question, FigureKind kind,
@@ -100,12 +112,20 @@ Answer group_answer(ServiceContext &context, const Question &question, FigureKin
 			return std::tie(one.key.application, one.key.text, one.key.details) <
 				   std::tie(other.key.application, other.key.text, other.key.details);
 		});
+	int64_t step = step_of(question, asked_for.range(), context.clock(), 0);
+	GroupCurves curves = step > 0 ? curves_of(asked_for, kind, step) : GroupCurves();
 	json list = json::array();
 	for (const FigureGroup &group : groups) {
-		list.push_back(to_json(group, all_time));
+		json each = to_json(group, all_time);
+		if (step > 0) {
+			each["curve"] = curve_json(curves[key_of_group(group.key).hash()]);
+		}
+		list.push_back(std::move(each));
 	}
-	return json_answer(
-		{{"range", asked_for.range_json()}, {name, std::move(list)}, {"more", has_more}});
+	return json_answer({{"range", asked_for.range_json()},
+						{"step_ms", step > 0 ? json(step) : json()},
+						{name, std::move(list)},
+						{"more", has_more}});
 }
 
 json statement_json(const FigureGroup &group, int64_t all_time) {

@@ -70,7 +70,7 @@ TimeRange range_of(const ServiceContext &context, const Question &question, int6
 	return range;
 }
 
-Filter filter_of(const ServiceContext &context, const Question &question) {
+Filter query_of(const ServiceContext &context, const Question &question) {
 	ParseSettings settings;
 	settings.now = context.clock();
 	auto parsed = parse_query(text_of(question, "q"), settings);
@@ -78,14 +78,22 @@ Filter filter_of(const ServiceContext &context, const Question &question) {
 		const Mistake &first = parsed.error().front();
 		throw ServiceMistake(400, first.text, first.hint, "q", parsed.error());
 	}
-	Filter filter = std::move(*parsed);
+	return std::move(*parsed);
+}
+
+Condition both(Condition one, Condition other) {
+	return {And{{std::move(one), std::move(other)}}};
+}
+
+Filter filter_of(const ServiceContext &context, const Question &question) {
+	Filter filter = query_of(context, question);
 	TimeRange range = range_of(context, question);
 	filter.range.from = std::max(filter.range.from, range.from);
 	filter.range.to = std::min(filter.range.to, range.to);
 	const std::string &application = text_of(question, "app");
 	if (!application.empty()) {
-		Condition is_application{TextIs{TextField::kApplication, glob_of(application)}};
-		filter.condition = {And{{std::move(is_application), std::move(filter.condition)}}};
+		filter.condition = both({TextIs{TextField::kApplication, glob_of(application)}},
+								std::move(filter.condition));
 	}
 	return filter;
 }

@@ -56,6 +56,12 @@ int64_t time_of(const ServiceContext &context, const Question &question, const s
  * or now; 0: at the beginning of time. */
 TimeRange range_of(const ServiceContext &context, const Question &question, int64_t usual = 0);
 
+/* "q" alone. */
+Filter query_of(const ServiceContext &context, const Question &question);
+
+/* What fulfils both. */
+Condition both(Condition one, Condition other);
+
 /* "q", "from", "to" and "app" together. */
 Filter filter_of(const ServiceContext &context, const Question &question);
 

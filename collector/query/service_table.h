@@ -15,7 +15,17 @@ Answer unpin_request(ServiceContext &context, const Question &question);
 
 /* top_services.cpp */
 Answer top_transactions(ServiceContext &context, const Question &question);
+
+/* application_services.cpp */
+Answer list_applications(ServiceContext &context, const Question &question);
+Answer list_asked_hosts(ServiceContext &context, const Question &question);
+
+/* curve_services.cpp */
 Answer curve_of(ServiceContext &context, const Question &question);
+Answer durations_of(ServiceContext &context, const Question &question);
+
+/* profile_service.cpp */
+Answer profile_requests(ServiceContext &context, const Question &question);
 
 /* group_services.cpp */
 Answer list_statements(ServiceContext &context, const Question &question);

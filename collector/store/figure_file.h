@@ -82,6 +82,9 @@ private:
 std::vector<FigureRow> read_figures(SQLite::Database &database, const FigureSearch &search);
 std::vector<FigurePoint> read_curve(SQLite::Database &database, const FigureSearch &search,
 									int64_t step);
+/* Of each key by itself; a step of 0 has all of its time. */
+std::vector<FigureStep> read_figure_steps(SQLite::Database &database, const FigureSearch &search,
+										  int64_t step);
 std::vector<AskedCount> read_asked(SQLite::Database &database, const TimeRange &range,
 								   const std::string &application);
 std::vector<Mark> read_marks(SQLite::Database &database, const TimeRange &range);

@@ -191,6 +191,30 @@ std::vector<FigurePoint> read_curve(SQLite::Database &database, const FigureSear
 	return points;
 }
 
+std::vector<FigureStep> read_figure_steps(SQLite::Database &database, const FigureSearch &search,
+										  int64_t step) {
+	FigureReader reader(database, search);
+	std::map<std::pair<int64_t, int64_t>, Figures> sums;
+	for (const Part &part : reader.parts(step % kHour == 0)) {
+		reader.visit(part,
+					 [&](int64_t key, int64_t time, const SQLite::Statement &row, int column) {
+						 int64_t begin = step == 0 ? 0 : floor_to(time, step);
+						 add_figures(sums[{key, begin}], row, column);
+					 });
+	}
+	std::vector<FigureStep> steps;
+	steps.reserve(sums.size());
+	int64_t steps_key = 0;
+	for (auto &[place, figures] : sums) {
+		/* In the order of the keys, so that each is looked up once. */
+		bool is_known = !steps.empty() && place.first == steps_key;
+		steps.push_back({is_known ? steps.back().key : reader.key(place.first), place.second,
+						 std::move(figures)});
+		steps_key = place.first;
+	}
+	return steps;
+}
+
 std::vector<AskedCount> read_asked(SQLite::Database &database, const TimeRange &range,
 								   const std::string &application) {
 	SQLite::Statement rows(database, "SELECT application, name, sum(asked), sum(monitored) FROM "

@@ -12,21 +12,13 @@ int64_t time_of(int64_t start, int64_t now) {
 	return start < now - kEarliest || start > now + kLatest ? now : start;
 }
 
+/* Without what a forked process has in common with the one that it comes from. */
 Figures figures_of(const Record &record, int64_t time) {
-	const Summary &summary = record.summary;
-	Figures figures;
-	figures.requests = figures.count = 1;
-	figures.failed = summary.is_failed ? 1 : 0;
-	figures.total = figures.longest = summary.duration;
-	figures.cpu = summary.cpu;
-	figures.memory = summary.memory;
-	figures.queries = summary.queries - record.repeated.queries;
-	figures.query_time = summary.query_time - record.repeated.query_time;
-	figures.calls = summary.calls - record.repeated.calls;
-	figures.external_time = summary.external_time - record.repeated.external_time;
-	figures.first = figures.last = time;
-	figures.example = summary.id;
-	figures.durations.add(summary.duration);
+	Figures figures = figures_of(record.summary, time);
+	figures.queries -= record.repeated.queries;
+	figures.query_time -= record.repeated.query_time;
+	figures.calls -= record.repeated.calls;
+	figures.external_time -= record.repeated.external_time;
 	return figures;
 }
 

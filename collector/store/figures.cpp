@@ -37,4 +37,21 @@ void Figures::add(const Figures &other) {
 	durations.add(other.durations);
 }
 
+Figures figures_of(const Summary &summary, int64_t time) {
+	Figures figures;
+	figures.requests = figures.count = 1;
+	figures.failed = summary.is_failed ? 1 : 0;
+	figures.total = figures.longest = summary.duration;
+	figures.cpu = summary.cpu;
+	figures.memory = summary.memory;
+	figures.queries = summary.queries;
+	figures.query_time = summary.query_time;
+	figures.calls = summary.calls;
+	figures.external_time = summary.external_time;
+	figures.first = figures.last = time;
+	figures.example = summary.id;
+	figures.durations.add(summary.duration);
+	return figures;
+}
+
 } // namespace kaq

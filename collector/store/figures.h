@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "analysis/summary.h"
 #include "util/histogram.h"
 
 namespace kaq {
@@ -65,5 +66,15 @@ struct FigurePoint {
 	int64_t time = 0; /* its begin */
 	Figures figures;
 };
+
+/* One step of one key's curve. */
+struct FigureStep {
+	FigureKey key;
+	int64_t time = 0; /* its begin */
+	Figures figures;
+};
+
+/* Of one request. `time` is when it counts, its start unless that cannot be. */
+Figures figures_of(const Summary &summary, int64_t time);
 
 } // namespace kaq

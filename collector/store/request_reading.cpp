@@ -4,6 +4,7 @@
 
 #include "store/filter_sql.h"
 #include "store/request_file.h"
+#include "store/time_limit.h"
 #include "util/compression.h"
 
 namespace kaq {
@@ -11,31 +12,6 @@ namespace {
 
 /* Far above what the data port takes. */
 constexpr size_t kLongestDocument = 512 * 1024 * 1024;
-/* Steps of SQLite's machine between two looks at the clock. */
-constexpr int kStepsBetweenLooks = 20000;
-
-/* Ends what runs on a connection when the time is up. */
-class TimeLimit {
-public:
-	TimeLimit(SQLite::Database &database, Deadline deadline)
-		: database_(database), deadline_(deadline) {
-		sqlite3_progress_handler(database.getHandle(), kStepsBetweenLooks, is_up, this);
-	}
-	~TimeLimit() {
-		sqlite3_progress_handler(database_.getHandle(), 0, nullptr, nullptr);
-	}
-	TimeLimit(const TimeLimit &) = delete;
-	TimeLimit &operator=(const TimeLimit &) = delete;
-
-private:
-	static int is_up(void *limit) {
-		return std::chrono::steady_clock::now() > static_cast<TimeLimit *>(limit)->deadline_;
-	}
-
-	SQLite::Database &database_;
-	const Deadline deadline_;
-};
-
 std::vector<std::string> split_words(const std::string &text) {
 	std::vector<std::string> words;
 	for (size_t begin = 0; begin < text.size();) {

@@ -3,8 +3,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <SQLiteCpp/Database.h>
@@ -32,6 +36,31 @@ struct FileMatches {
 /* The starts of the first and the last request in the file. */
 TimeRange range_of_file(SQLite::Database &database);
 FileMatches search_file(SQLite::Database &database, const Search &search, Deadline deadline);
+
+/* Transactions summed up by step; a step of 0 has all of their time. */
+class RequestSummer {
+public:
+	/* REQUIRES: what is passed outlives it. */
+	RequestSummer(const Filter &filter, int64_t step, Deadline deadline)
+		: filter_(filter), step_(step), deadline_(deadline) {
+	}
+
+	/* Adds what the file has. `is_new` is asked for each request's identifier; what it refuses is
+	 * left out. False if the time was up. */
+	bool add(SQLite::Database &database, const std::function<bool(const std::string &)> &is_new);
+	std::vector<FigureStep> take();
+
+private:
+	const Filter &filter_;
+	const int64_t step_;
+	const Deadline deadline_;
+	/* By application, name and begin. */
+	std::map<std::tuple<std::string, std::string, int64_t>, Figures> sums_;
+};
+
+/* Which applications were asked under which hosts, and how often; added to the sums. */
+using HostSums = std::map<std::pair<std::string, std::string>, int64_t>;
+void add_hosts(SQLite::Database &database, const TimeRange &range, HostSums &sums);
 
 class RequestReader {
 public:

@@ -62,6 +62,9 @@ public:
 	std::optional<std::string> document(const std::string &id) override;
 	std::vector<FigureRow> figures(const FigureSearch &search) override;
 	std::vector<FigurePoint> curve(const FigureSearch &search, int64_t step) override;
+	std::vector<FigureStep> figure_steps(const FigureSearch &search, int64_t step) override;
+	RequestSums request_sums(const Filter &filter, int64_t step) override;
+	std::vector<AskedHost> hosts(const TimeRange &range) override;
 	std::vector<AskedCount> asked(const TimeRange &range, const std::string &application) override;
 	void add_mark(const Mark &mark) override;
 	std::vector<Mark> marks(const TimeRange &range) override;

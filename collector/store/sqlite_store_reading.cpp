@@ -1,8 +1,11 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
 #include <map>
 #include <set>
+#include <unordered_set>
 
 #include "store/request_reading.h"
 #include "store/schema.h"
@@ -12,6 +15,8 @@ namespace kaq {
 namespace {
 
 constexpr size_t kShortestBegin = 4;
+/* For sums over requests. */
+constexpr std::chrono::seconds kSumTime{5};
 
 /* A file that several requests are read from. */
 struct OpenFile {
@@ -203,6 +208,52 @@ std::vector<FigureRow> SqliteStore::figures(const FigureSearch &search) {
 std::vector<FigurePoint> SqliteStore::curve(const FigureSearch &search, int64_t step) {
 	return read_figure_file(
 		[&search, step](SQLite::Database &database) { return read_curve(database, search, step); });
+}
+
+std::vector<FigureStep> SqliteStore::figure_steps(const FigureSearch &search, int64_t step) {
+	return read_figure_file([&search, step](SQLite::Database &database) {
+		return read_figure_steps(database, search, step);
+	});
+}
+
+RequestSums SqliteStore::request_sums(const Filter &filter, int64_t step) {
+	RequestSummer summer(filter, step, std::chrono::steady_clock::now() + kSumTime);
+	std::unordered_set<std::string> pinned;
+	{
+		std::lock_guard lock(mutex_);
+		pinned = pinned_;
+	}
+	/* One that is pinned may come twice. */
+	auto is_new = [&pinned,
+				   seen = std::unordered_set<std::string>()](const std::string &id) mutable {
+		return pinned.count(id) == 0 || seen.insert(id).second;
+	};
+	RequestSums sums;
+	visit_files([&](SQLite::Database &database, const File &) {
+		TimeRange range = range_of_file(database);
+		bool is_outside = range.to <= filter.range.from || range.from >= filter.range.to;
+		sums.is_partial = !is_outside && !summer.add(database, std::ref(is_new));
+		return !sums.is_partial;
+	});
+	sums.steps = summer.take();
+	return sums;
+}
+
+std::vector<AskedHost> SqliteStore::hosts(const TimeRange &range) {
+	HostSums sums;
+	visit_files([&](SQLite::Database &database, const File &file) {
+		TimeRange all = range_of_file(database);
+		if (!file.is_pinned && all.to > range.from && all.from < range.to) {
+			add_hosts(database, range, sums);
+		}
+		return true;
+	});
+	std::vector<AskedHost> hosts;
+	hosts.reserve(sums.size());
+	for (auto &[key, requests] : sums) {
+		hosts.push_back({key.first, key.second, requests});
+	}
+	return hosts;
 }
 
 std::vector<AskedCount> SqliteStore::asked(const TimeRange &range, const std::string &application) {

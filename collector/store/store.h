@@ -78,6 +78,19 @@ struct AskedCount {
 	int64_t monitored = 0;
 };
 
+/* Requests that are stored, summed up. */
+struct RequestSums {
+	std::vector<FigureStep> steps;
+	bool is_partial = false; /* the time was up before all was looked at */
+};
+
+/* A host's name that an application was asked under. */
+struct AskedHost {
+	std::string application;
+	std::string host;
+	int64_t requests = 0; /* that are stored */
+};
+
 struct StoreStatus {
 	struct Part {
 		int64_t begun = 0;
@@ -127,6 +140,13 @@ public:
 	/* Sums over all keys, a point for each step of `step` milliseconds that has any; `step` is a
 	 * multiple of a minute. */
 	virtual std::vector<FigurePoint> curve(const FigureSearch &search, int64_t step) = 0;
+	/* The same for each key by itself, in no particular order; 0 is one step from the begin of time
+	 * to its end. */
+	virtual std::vector<FigureStep> figure_steps(const FigureSearch &search, int64_t step) = 0;
+	/* Of transactions, from the stored requests that fulfil the filter. */
+	virtual RequestSums request_sums(const Filter &filter, int64_t step) = 0;
+	/* In no particular order. */
+	virtual std::vector<AskedHost> hosts(const TimeRange &range) = 0;
 	/* A row for each application and name. */
 	virtual std::vector<AskedCount> asked(const TimeRange &range,
 										  const std::string &application) = 0;

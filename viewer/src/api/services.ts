@@ -1,15 +1,19 @@
 /* The services of the interface, one function each. */
 import { ask, tell, type Parameters } from './ask';
 import type {
+	Applications,
+	AskedHost,
 	CalledHost,
 	Comparison,
 	Completions,
 	Curve,
+	DurationBuckets,
 	FailureGroup,
 	FigureKind,
 	FoundKind,
 	Mark,
 	OneRequest,
+	Profile,
 	Range,
 	Requests,
 	Statement,
@@ -25,6 +29,12 @@ export interface Scope {
 	readonly txn?: string | undefined;
 }
 
+/* Questions about transactions may be narrowed by a query and a host, too. */
+export interface Narrowed extends Scope {
+	readonly q?: string | undefined;
+	readonly host?: string | undefined;
+}
+
 type Listed<Name extends string, Row> = Readonly<Record<Name, readonly Row[]>> & {
 	readonly range: Range;
 	readonly more: boolean;
@@ -34,6 +44,8 @@ type Listed<Name extends string, Row> = Readonly<Record<Name, readonly Row[]>> &
 interface ListOptions {
 	readonly sort?: string;
 	readonly limit?: number;
+	/* With it each row has a curve. */
+	readonly step?: number;
 }
 
 export const api = {
@@ -45,8 +57,14 @@ export const api = {
 	trace: (id: string, signal?: AbortSignal) => ask<Trace>('/api/v1/trace', { id }, signal),
 	compare: (parameters: { a: string; b: string; limit?: number }, signal?: AbortSignal) =>
 		ask<Comparison>('/api/v1/compare', parameters, signal),
-	top: (parameters: Scope & ListOptions & { apdex?: number }, signal?: AbortSignal) =>
+	top: (parameters: Narrowed & ListOptions & { apdex?: number }, signal?: AbortSignal) =>
 		ask<Top>('/api/v1/top', { ...parameters }, signal),
+	applications: (parameters: Narrowed & { apdex?: number; step?: number; limit?: number }, signal?: AbortSignal) =>
+		ask<Applications>('/api/v1/applications', { ...parameters }, signal),
+	hosts: (parameters: Omit<Scope, 'txn'> & { limit?: number }, signal?: AbortSignal) =>
+		ask<{ readonly hosts: readonly AskedHost[] }>('/api/v1/hosts', { ...parameters }, signal),
+	durations: (parameters: Narrowed, signal?: AbortSignal) => ask<DurationBuckets>('/api/v1/durations', { ...parameters }, signal),
+	profile: (parameters: Narrowed & { limit?: number }, signal?: AbortSignal) => ask<Profile>('/api/v1/profile', { ...parameters }, signal),
 	queries: (parameters: Scope & ListOptions, signal?: AbortSignal) =>
 		ask<Listed<'statements', Statement>>('/api/v1/queries', { ...parameters }, signal),
 	errors: (parameters: Scope & ListOptions, signal?: AbortSignal) =>
@@ -55,7 +73,7 @@ export const api = {
 		ask<Listed<'hosts', CalledHost>>('/api/v1/calls', { ...parameters }, signal),
 	findings: (parameters: Scope & ListOptions, signal?: AbortSignal) =>
 		ask<Listed<'findings', FoundKind>>('/api/v1/findings', { ...parameters }, signal),
-	curve: (parameters: Scope & { kind?: FigureKind; text?: string; step?: number }, signal?: AbortSignal) =>
+	curve: (parameters: Narrowed & { kind?: FigureKind; text?: string; step?: number; apdex?: number }, signal?: AbortSignal) =>
 		ask<Curve>('/api/v1/curve', { ...parameters }, signal),
 	marks: (parameters: Omit<Scope, 'txn'>, signal?: AbortSignal) =>
 		ask<{ readonly marks: readonly Mark[] }>('/api/v1/marks', { ...parameters }, signal),

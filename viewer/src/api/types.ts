@@ -217,9 +217,13 @@ export interface TopFigures extends Durations {
 	readonly slowest: string | null;
 }
 
+/* A step of a row's curve: time, count, failed, p95, total. */
+export type CurveStep = readonly [number, number, number, number | null, number];
+
 export interface TopRow extends TopFigures {
 	readonly application: string;
 	readonly transaction: string;
+	readonly curve?: readonly CurveStep[];
 }
 
 export interface ApplicationCount {
@@ -236,6 +240,71 @@ export interface Top {
 	readonly total: TopFigures;
 	readonly applications: readonly ApplicationCount[];
 	readonly suspended?: readonly unknown[];
+	readonly step_ms?: number | null;
+	readonly partial?: boolean;
+	readonly more: boolean;
+}
+
+export interface Application extends TopFigures {
+	readonly application: string;
+	readonly points: readonly Point[];
+}
+
+export interface Applications {
+	readonly range: Range;
+	readonly step_ms: number;
+	readonly apdex_threshold_ms: number;
+	readonly applications: readonly Application[];
+	readonly partial: boolean;
+	readonly more: boolean;
+}
+
+/* Shorter than `to_ms`. */
+export interface Bucket {
+	readonly from_ms: number;
+	readonly to_ms: number;
+	readonly count: number;
+}
+
+export interface DurationBuckets extends Durations {
+	readonly range: Range;
+	readonly count: number;
+	readonly buckets: readonly Bucket[];
+	readonly partial: boolean;
+}
+
+/* A name that an application was asked under. */
+export interface AskedHost {
+	readonly application: string;
+	readonly host: string;
+	readonly requests: number;
+}
+
+export type LayerTimes = Readonly<Record<Layer, number>>;
+
+export interface ProfileSums {
+	readonly requests: number;
+	readonly duration_ms: number;
+	readonly cpu_ms: number;
+	readonly layers: LayerTimes;
+}
+
+export interface ProfileRow {
+	readonly name: string;
+	readonly detail?: string;
+	readonly layer: Layer;
+	/* Index of the row of the calls around them; -1 for the first. */
+	readonly parent: number;
+	readonly count: number;
+	readonly total_ms: number;
+	readonly self_ms: number;
+}
+
+/* What a sample of the stored requests did, added up call by call. */
+export interface Profile extends ProfileSums {
+	readonly range: Range;
+	readonly points: readonly (ProfileSums & { readonly time_ms: number })[];
+	readonly rows: readonly ProfileRow[];
 	readonly more: boolean;
 }
 
@@ -247,6 +316,7 @@ export interface Group {
 	readonly example: string;
 	readonly transactions: readonly Part[];
 	readonly transactions_count: number;
+	readonly curve?: readonly CurveStep[];
 }
 
 export interface Timed extends Group, Durations {
@@ -298,12 +368,14 @@ export interface Point extends Durations {
 	readonly database_ms: number;
 	readonly external_ms: number;
 	readonly cpu_ms: number;
+	readonly apdex: number | null;
 }
 
 export interface Curve {
 	readonly range: Range;
 	readonly step_ms: number;
 	readonly points: readonly Point[];
+	readonly partial?: boolean;
 }
 
 export type FigureKind = 'transaction' | 'statement' | 'host' | 'error';

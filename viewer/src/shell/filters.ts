@@ -4,22 +4,19 @@ import { changed, elsewhere, fixed, go, here, hrefOf, type Address } from '../st
 import { el, replace } from '../ui/dom';
 import { rangeControl } from './range';
 
-/* Of that many of the newest requests the hosts are offered. */
-const LOOKED_AT = 500;
-
 interface Known {
 	readonly applications: readonly string[];
 	readonly hosts: readonly string[];
 }
 
-async function known(address: Address): Promise<Known> {
+async function namesOf(address: Address): Promise<Known> {
 	const range = { from: address.from, to: address.to };
-	const [top, found] = await Promise.all([
-		api.top({ ...range, limit: 1000 }),
-		api.requests({ ...range, limit: LOOKED_AT }),
+	const [known, asked] = await Promise.all([
+		api.applications({ ...range, limit: 1000 }),
+		api.hosts({ ...range, limit: 1000 }),
 	]);
-	const applications = new Set([...top.applications, ...top.transactions].map((each) => each.application));
-	const hosts = new Set(found.requests.map((each) => each.host));
+	const applications = new Set(known.applications.map((each) => each.application));
+	const hosts = new Set(asked.hosts.map((each) => each.host));
 	const sorted = (names: Set<string>) => [...names].filter(Boolean).sort((a, b) => a.localeCompare(b));
 	return { applications: sorted(applications), hosts: sorted(hosts) };
 }
@@ -93,7 +90,7 @@ export function filters(): Filters {
 		if (wanted !== askedFor) {
 			askedFor = wanted;
 			// The page itself says what is wrong where this fails.
-			known(address).then(
+			namesOf(address).then(
 				(names) => {
 					offered = names;
 					show(here());

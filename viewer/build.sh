@@ -1,0 +1,46 @@
+#!/bin/sh
+# Makes the pages that are built into the collector: viewer/build.sh DIRECTORY. The result is
+# DIRECTORY/made, with viewer_files.cpp for the compiler. Without npm, or where its packages cannot be
+# had, that has no pages in it, and this says so; a mistake in the sources is an error.
+set -eu
+
+here=$(CDPATH='' cd -- "$(dirname -- "$0")" && pwd)
+build=$1
+copy=$build/source
+
+# without REASON: a collector without pages.
+without() {
+	printf 'The collector is built without its pages: %s\n' "$1" >&2
+	rm -rf "$build/made"
+	mkdir -p "$build/made"
+	cat >"$build/made/viewer_files.cpp" <<'CPP'
+#include "http/viewer_files.h"
+
+const std::vector<kaq::ViewerFile> &kaq::viewer_files() {
+	static const std::vector<ViewerFile> kNone;
+	return kNone;
+}
+CPP
+	exit 0
+}
+
+command -v npm >/dev/null && command -v node >/dev/null || without 'npm is not installed'
+
+# Packages are kept beside the build, never in the checkout.
+mkdir -p "$copy"
+for each in package.json package-lock.json .npmrc; do
+	cp "$here/$each" "$copy/$each.new"
+done
+if ! cmp -s "$copy/package-lock.json.new" "$copy/package-lock.json" || [ ! -d "$copy/node_modules/esbuild" ]; then
+	mv "$copy/package.json.new" "$copy/package.json"
+	mv "$copy/.npmrc.new" "$copy/.npmrc"
+	rm -f "$copy/package-lock.json"
+	mv "$copy/package-lock.json.new" "$copy/package-lock.json"
+	if ! (cd "$copy" && npm ci --omit=dev --ignore-scripts --no-audit --no-fund >"$build/npm.log" 2>&1 </dev/null); then
+		rm -f "$copy/package-lock.json"
+		without "npm cannot have the packages ($build/npm.log)"
+	fi
+fi
+rm -rf "$copy/src" "$copy/style" "$build/made"
+cp -R "$here/src" "$here/style" "$here/build.mjs" "$here/index.html" "$here/icon.svg" "$copy/"
+node "$copy/build.mjs" "$build/made" >"$build/viewer.log"

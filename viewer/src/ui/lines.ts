@@ -1,0 +1,197 @@
+/*
+ * Lines over time. All of a page have one cursor; what is dragged over becomes the time range. Marks,
+ * such as releases, are drawn as dashed lines and named when the cursor is near.
+ */
+import uPlot from 'uplot';
+import type { Mark } from '../api/types';
+import { changed, go, here } from '../state/address';
+import { el, replace, shortened } from './dom';
+import { exactTime, NOTHING, time } from './format';
+import { colour, onTheme } from './theme';
+
+export interface Line {
+	readonly name: string;
+	readonly values: readonly (number | null)[];
+	/* Of style/tokens.css. */
+	readonly colour: string;
+	/* Stands on the line before it, with the area between them filled. */
+	readonly stacked?: boolean;
+}
+
+export interface LinesOptions {
+	/* For those who do not see it. */
+	readonly label: string;
+	readonly times: readonly number[];
+	readonly step: number;
+	readonly lines: readonly Line[];
+	readonly format: (value: number | null) => string;
+	readonly marks?: readonly Mark[];
+	readonly height?: number;
+	/* The axis reaches at least up to there. */
+	readonly least?: number;
+	readonly most?: number;
+}
+
+const HEIGHT = 120;
+const AXIS = 58;
+const SMALLEST_DRAG = 6; /* pixels */
+
+/* One cursor for every chart that is shown. */
+const cursors = uPlot.sync('time');
+
+function sums(lines: readonly Line[]): (readonly (number | null)[])[] {
+	const below: number[] = [];
+	return lines.map((line) =>
+		line.stacked ? line.values.map((value, i) => (below[i] = (below[i] ?? 0) + (value ?? 0))) : line.values,
+	);
+}
+
+function drawMarks(plot: uPlot, marks: readonly Mark[]): void {
+	const { ctx, bbox } = plot;
+	ctx.save();
+	ctx.strokeStyle = colour('--mark');
+	ctx.fillStyle = colour('--mark');
+	ctx.lineWidth = devicePixelRatio;
+	for (const mark of marks) {
+		const x = Math.round(plot.valToPos(mark.time_ms / 1000, 'x', true));
+		if (x >= bbox.left && x <= bbox.left + bbox.width) {
+			ctx.setLineDash([4 * devicePixelRatio, 3 * devicePixelRatio]);
+			ctx.beginPath();
+			ctx.moveTo(x, bbox.top);
+			ctx.lineTo(x, bbox.top + bbox.height);
+			ctx.stroke();
+			ctx.fillRect(x - 3 * devicePixelRatio, bbox.top, 6 * devicePixelRatio, 4 * devicePixelRatio);
+		}
+	}
+	ctx.restore();
+}
+
+function selected(plot: uPlot): void {
+	const { left, width } = plot.select;
+	if (width < SMALLEST_DRAG) {
+		return;
+	}
+	const [from, to] = [plot.posToVal(left, 'x') * 1000, plot.posToVal(left + width, 'x') * 1000];
+	plot.setSelect({ left: 0, width: 0, top: 0, height: 0 }, false);
+	go(changed(here(), { from: String(Math.floor(from / 60000) * 60000), to: String(Math.ceil(to / 60000) * 60000) }));
+}
+
+function axes(options: LinesOptions): uPlot.Axis[] {
+	const common = {
+		stroke: () => colour('--muted'),
+		font: `11px ${getComputedStyle(document.body).fontFamily}`,
+		grid: { stroke: () => colour('--line'), width: 1 },
+		ticks: { show: false },
+	};
+	const span = (options.times.at(-1) ?? 0) - (options.times[0] ?? 0);
+	const texts = new Intl.DateTimeFormat(
+		'en-GB',
+		span > 3 * 864e5 ? { day: 'numeric', month: 'short' } : { hour: '2-digit', minute: '2-digit' },
+	);
+	return [
+		{ ...common, size: 22, space: 60, values: (_, splits) => splits.map((value) => texts.format(value * 1000)) },
+		{ ...common, size: AXIS, space: 28, gap: 4, values: (_, splits) => splits.map((value) => options.format(value)) },
+	];
+}
+
+function series(options: LinesOptions): uPlot.Series[] {
+	return [
+		{},
+		...options.lines.map((line) => ({
+			label: line.name,
+			stroke: () => colour(line.colour),
+			width: line.stacked ? 0 : 1.5,
+			...(line.stacked ? { fill: () => colour(line.colour) } : {}),
+			spanGaps: false,
+			points: { size: 4, show: options.times.length < 3 },
+		})),
+	];
+}
+
+function legend(options: LinesOptions): { readonly element: HTMLElement; readonly show: (index: number | null) => void } {
+	const when = el('span', { class: 'readout-time' });
+	const values = options.lines.map(() => el('span', { class: 'readout-value' }));
+	const element = el(
+		'div',
+		{ class: 'readout' },
+		options.lines.map((line, i) =>
+			el('span', { class: 'readout-line', style: { '--key': `var(${line.colour})` } }, el('i', { class: 'key' }), line.name, ' ', values[i]),
+		),
+		when,
+	);
+	const show = (index: number | null) => {
+		const at = index === null ? undefined : options.times[index];
+		options.lines.forEach((line, i) => {
+			const value = index === null ? undefined : line.values[index];
+			replace(values[i] ?? element, at === undefined ? '' : value === undefined ? NOTHING : options.format(value));
+		});
+		const near = at === undefined ? [] : (options.marks ?? []).filter((mark) => Math.abs(mark.time_ms - at) <= options.step);
+		replace(when, at !== undefined && time(at), near.map((mark) => el('b', { class: 'mark-text' }, ` ▾ ${shortened(mark.text, 60)}`)));
+		when.title = at === undefined ? '' : exactTime(at);
+	};
+	return { element, show };
+}
+
+function summary(options: LinesOptions): string {
+	const texts = options.lines.map((line) => {
+		const known = line.values.filter((value): value is number => value !== null);
+		return known.length === 0
+			? `${line.name}: nothing`
+			: `${line.name}: ${options.format(Math.min(...known))} to ${options.format(Math.max(...known))}, at the end ${options.format(known.at(-1) ?? null)}`;
+	});
+	return `${options.label}. ${texts.join('; ')}`;
+}
+
+function make(options: LinesOptions, width: number, show: (index: number | null) => void, into: HTMLElement): uPlot {
+	const stacked = options.lines.some((line) => line.stacked);
+	const values = sums(options.lines);
+	// The highest sum is drawn first, and the others over it.
+	const order = options.lines.map((_, i) => (stacked ? options.lines.length - 1 - i : i));
+	const drawn = { ...options, lines: order.flatMap((i) => options.lines[i] ?? []) };
+	const data = [options.times.map((each) => each / 1000), ...order.map((i) => values[i] ?? [])];
+	return new uPlot(
+		{
+			width,
+			height: options.height ?? HEIGHT,
+			padding: [6, 8, 0, 0],
+			legend: { show: false },
+			cursor: { sync: { key: cursors.key, setSeries: false }, y: false, points: { size: 6 }, drag: { setScale: false, x: true, y: false } },
+			scales: {
+				x: { time: true },
+				y: { range: (_, __, max) => [0, Math.min(options.most ?? Infinity, Math.max(max * 1.08, options.least ?? 0) || 1)] },
+			},
+			axes: axes(options),
+			series: series(drawn),
+			hooks: {
+				draw: [(plot) => drawMarks(plot, options.marks ?? [])],
+				setCursor: [(plot) => show(plot.cursor.idx ?? null)],
+				setSelect: [selected],
+			},
+		},
+		data as unknown as uPlot.AlignedData,
+		into,
+	);
+}
+
+export function lines(options: LinesOptions): HTMLElement {
+	const { element: readout, show } = legend(options);
+	const canvas = el('div', { class: 'lines-plot', role: 'img', 'aria-label': summary(options), style: { height: `${options.height ?? HEIGHT}px` } });
+	const element = el('div', { class: 'lines' }, readout, canvas);
+	let plot: uPlot | undefined;
+	const forgetTheme = onTheme(() => plot?.redraw(false));
+	// A chart that is taken out of the page has no size any more: it ends.
+	const sizes = new ResizeObserver(() => {
+		const width = canvas.clientWidth;
+		if (!canvas.isConnected) {
+			sizes.disconnect();
+			forgetTheme();
+			plot?.destroy();
+		} else if (plot) {
+			plot.setSize({ width, height: options.height ?? HEIGHT });
+		} else if (width > 0) {
+			plot = make(options, width, show, canvas);
+		}
+	});
+	sizes.observe(canvas);
+	return element;
+}
