@@ -140,7 +140,12 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	const std::string token = token_of(configuration_.store.directory);
 	services_ =
 		std::make_unique<ServiceContext>(ServiceContext{*store_, system_time, nullptr, nullptr});
-	routes_ = std::make_unique<Routes>(*services_, login_codes_, token);
+	doctor_ =
+		std::make_unique<DoctorService>(options_.configuration, configuration_.store.directory);
+	routes_ = std::make_unique<Routes>(
+		*services_, login_codes_, token,
+		DoctorRoutes{[this] { return doctor_->show(); },
+					 [this](const std::string &report) { return doctor_->keep(report); }});
 	http_ = std::make_unique<HttpServer>(
 		HttpSettings{kHttpAddress, listen.http_port, socket, token},
 		[this](const HttpRequest &request) { return routes_->answer(request); }, feed_);

@@ -13,6 +13,7 @@
 #include "cli/caretaker.h"
 #include "cli/configuration.h"
 #include "cli/counter_log.h"
+#include "cli/doctor_service.h"
 #include "cli/metrics.h"
 #include "cli/verbs.h"
 #include "http/http_server.h"
@@ -90,6 +91,7 @@ private:
 	MetricsGate metrics_;
 	LoginCodes login_codes_;
 	std::unique_ptr<ServiceContext> services_;
+	std::unique_ptr<DoctorService> doctor_;
 	std::unique_ptr<Routes> routes_;
 	std::unique_ptr<HttpServer> http_;
 

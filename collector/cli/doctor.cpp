@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <memory>
 
 #include "cli/client.h"
@@ -12,6 +13,7 @@
 #include "cli/format.h"
 #include "cli/places.h"
 #include "cli/terminal.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -19,18 +21,12 @@ namespace {
 constexpr size_t kSubjectWidth = 15;
 constexpr size_t kHealthWidth = 9;
 
-Colour colour_of(Health health) {
-	switch (health) {
-	case Health::kOk:
-		return Colour::kGreen;
-	case Health::kUnknown:
-		return Colour::kDim;
-	case Health::kWarning:
-		return Colour::kYellow;
-	case Health::kProblem:
-		break;
-	}
-	return Colour::kRed;
+Colour colour_of(const std::string &health) {
+	static const std::map<std::string, Colour> kColours = {{"ok", Colour::kGreen},
+														   {"unknown", Colour::kDim},
+														   {"warning", Colour::kYellow},
+														   {"problem", Colour::kRed}};
+	return kColours.at(health);
 }
 
 std::string reachable_address(const nlohmann::json &collector, const DoctorContext &context) {
@@ -66,15 +62,21 @@ DoctorContext look_around(const DoctorOptions &options) {
 	return context;
 }
 
-void show(const char *subject, const CheckResult &result, const Terminal &terminal) {
-	std::string health = padded(health_name(result.health), kHealthWidth);
-	printf("%s%s%s\n", terminal.paint(health, colour_of(result.health)).c_str(),
-		   padded(subject, kSubjectWidth).c_str(), printable(result.what).c_str());
-	if (!result.advice.empty()) {
-		std::string advice =
-			padded("", kHealthWidth + kSubjectWidth) + "-> " + printable(result.advice);
-		puts(terminal.paint(advice, Colour::kDim).c_str());
+void show(const nlohmann::json &check, const Terminal &terminal) {
+	std::string health = check["health"];
+	std::string advice = check["advice"];
+	std::string subject = check["subject"];
+	std::string what = check["what"];
+	printf("%s%s%s\n", terminal.paint(padded(health, kHealthWidth), colour_of(health)).c_str(),
+		   padded(subject, kSubjectWidth).c_str(), printable(what).c_str());
+	if (!advice.empty()) {
+		std::string line = padded("", kHealthWidth + kSubjectWidth) + "-> " + printable(advice);
+		puts(terminal.paint(line, Colour::kDim).c_str());
 	}
+}
+
+std::string text_of_report(const nlohmann::json &report) {
+	return report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 nlohmann::json to_json(const char *subject, const CheckResult &result) {
@@ -132,31 +134,42 @@ const std::vector<Check> &checks() {
 	return kChecks;
 }
 
-int doctor(const DoctorOptions &options) {
+nlohmann::json examine(const DoctorOptions &options) {
 	DoctorContext context = look_around(options);
-	Terminal terminal = standard_output();
-	nlohmann::json shown = nlohmann::json::array();
-	size_t problems = 0;
-	size_t warnings = 0;
+	nlohmann::json list = nlohmann::json::array();
+	std::map<Health, size_t> counts;
 	for (const Check &check : checks()) {
 		for (const CheckResult &result : check.run(context)) {
-			problems += result.health == Health::kProblem ? 1 : 0;
-			warnings += result.health == Health::kWarning ? 1 : 0;
-			if (options.common.is_json) {
-				shown.push_back(to_json(check.subject, result));
-			} else {
-				show(check.subject, result, terminal);
-			}
+			counts[result.health]++;
+			list.push_back(to_json(check.subject, result));
 		}
 	}
+	return {{"time_ms", system_time()},
+			{"superuser", context.is_superuser},
+			{"running", context.is_running},
+			{"problems", counts[Health::kProblem]},
+			{"warnings", counts[Health::kWarning]},
+			{"checks", std::move(list)}};
+}
+
+int doctor(const DoctorOptions &options) {
+	nlohmann::json report = examine(options);
+	bool is_superuser = report["superuser"];
 	if (options.common.is_json) {
-		nlohmann::json all = {{"problems", problems}, {"warnings", warnings}, {"checks", shown}};
-		puts(all.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+		puts(text_of_report(report).c_str());
 	} else {
-		printf("\n%s%s\n", summary_of(problems, warnings).c_str(),
-			   context.is_superuser ? "" : "; root would see more");
+		Terminal terminal = standard_output();
+		for (const nlohmann::json &check : report["checks"]) {
+			show(check, terminal);
+		}
+		printf("\n%s%s\n", summary_of(report["problems"], report["warnings"]).c_str(),
+			   is_superuser ? "" : "; root would see more");
 	}
-	return problems > 0 ? kFailed : kDone;
+	if (is_superuser && report["running"] && options.root.empty()) {
+		/* For the pages; that it is kept is no part of what was asked for. */
+		Client(options.common).post("/api/v1/doctor", {{"report", text_of_report(report)}});
+	}
+	return report["problems"] > 0 ? kFailed : kDone;
 }
 
 void add_doctor(CLI::App &app, int &status) {

@@ -74,7 +74,12 @@ struct DoctorOptions {
 	std::string root;
 };
 
-/* Prints what was found; kFailed if there is a problem. */
+/* What is found: "time_ms", whether it was "superuser", the numbers of "problems" and "warnings",
+ * and the "checks", each with its "subject", "health", "what" and "advice". Takes seconds. */
+nlohmann::json examine(const DoctorOptions &options);
+
+/* Prints what was found; kFailed if there is a problem. What root sees a running collector keeps.
+ */
 int doctor(const DoctorOptions &options);
 
 } // namespace kaq

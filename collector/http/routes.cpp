@@ -11,6 +11,7 @@ namespace {
 
 constexpr const char *kText = "text/plain";
 constexpr std::string_view kInterface = "/api/";
+constexpr std::string_view kDoctorPath = "/api/v1/doctor";
 /* A browser stays logged in for a month. */
 constexpr const char *kCookieAttributes = "; Max-Age=2592000; Path=/; HttpOnly; SameSite=Strict";
 
@@ -59,6 +60,9 @@ HttpAnswer Routes::answer(const HttpRequest &request) {
 	if (service && (service->audience == Audience::kEverybody || request.is_local)) {
 		return serve(*service, request);
 	}
+	if (request.path == kDoctorPath && doctor_.show) {
+		return ask_doctor(request);
+	}
 	const char *other = service ? nullptr : other_method(request.path);
 	if (other || (method != "GET" && !service)) {
 		HttpAnswer answer = to_http(error_answer(405, "this is for another method"));
@@ -89,6 +93,22 @@ HttpAnswer Routes::log_in(const HttpRequest &request) {
 	answer.headers.push_back(
 		{"Set-Cookie", std::string(kTokenCookie) + "=" + token_ + kCookieAttributes});
 	answer.headers.push_back({"Location", "/"});
+	return answer;
+}
+
+/* Anybody may see its reports who may see the rest; only this host's verbs bring one. */
+HttpAnswer Routes::ask_doctor(const HttpRequest &request) {
+	bool is_asked = request.method == "GET" || request.method == "HEAD";
+	HttpAnswer answer;
+	if (is_asked) {
+		answer.work = [this] { return to_http(doctor_.show()); };
+	} else if (request.method == "POST" && request.is_local) {
+		std::map<std::string, std::string> form = form_parameters(request.form);
+		answer.work = [this, report = form["report"]] { return to_http(doctor_.keep(report)); };
+	} else {
+		answer = to_http(error_answer(405, "this is for another method"));
+		answer.headers.push_back({"Allow", "GET"});
+	}
 	return answer;
 }
 

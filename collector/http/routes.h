@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "http/http_server.h"
@@ -12,22 +13,31 @@
 
 namespace kaq {
 
+/* Asks the doctor; called on the server's workers. */
+struct DoctorRoutes {
+	std::function<Answer()> show;
+	/* Keeps a report that was made on this host. */
+	std::function<Answer(const std::string &report)> keep;
+};
+
 class Routes {
 public:
 	/* REQUIRES: the context and the codes outlive it. */
-	Routes(ServiceContext &context, LoginCodes &codes, std::string token)
-		: context_(context), codes_(codes), token_(std::move(token)) {
+	Routes(ServiceContext &context, LoginCodes &codes, std::string token, DoctorRoutes doctor = {})
+		: context_(context), codes_(codes), token_(std::move(token)), doctor_(std::move(doctor)) {
 	}
 
 	HttpAnswer answer(const HttpRequest &request);
 
 private:
 	HttpAnswer log_in(const HttpRequest &request);
+	HttpAnswer ask_doctor(const HttpRequest &request);
 	HttpAnswer serve(const Service &service, const HttpRequest &request);
 
 	ServiceContext &context_;
 	LoginCodes &codes_;
 	const std::string token_;
+	const DoctorRoutes doctor_;
 };
 
 } // namespace kaq

@@ -7,6 +7,7 @@ import type {
 	Comparison,
 	Completions,
 	Curve,
+	DoctorReports,
 	DurationBuckets,
 	FailureGroup,
 	FigureKind,
@@ -17,6 +18,7 @@ import type {
 	Range,
 	Requests,
 	Statement,
+	Status,
 	Top,
 	Trace,
 } from './types';
@@ -79,7 +81,8 @@ export const api = {
 		ask<{ readonly marks: readonly Mark[] }>('/api/v1/marks', { ...parameters }, signal),
 	completions: (q: string, cursor: number, signal?: AbortSignal) =>
 		ask<Completions>('/api/v1/completions', { q, cursor }, signal),
-	status: (signal?: AbortSignal) => ask<Readonly<Record<string, unknown>>>('/api/v1/status', {}, signal),
+	status: (signal?: AbortSignal) => ask<Status>('/api/v1/status', {}, signal),
+	doctor: (signal?: AbortSignal) => ask<DoctorReports>('/api/v1/doctor', {}, signal),
 	pin: (id: string) => tell<{ readonly id: string }>('/api/v1/pin', { id }),
 	unpin: (id: string) => tell<{ readonly id: string }>('/api/v1/unpin', { id }),
 };

@@ -404,3 +404,50 @@ export interface MistakeBody {
 	readonly parameter?: string;
 	readonly mistakes?: readonly QueryMistake[];
 }
+
+export interface DoctorCheck {
+	readonly subject: string;
+	readonly health: 'ok' | 'unknown' | 'warning' | 'problem';
+	readonly what: string;
+	readonly advice: string;
+}
+
+export interface DoctorReport {
+	readonly time_ms: number;
+	readonly superuser: boolean;
+	readonly problems: number;
+	readonly warnings: number;
+	readonly checks: readonly DoctorCheck[];
+}
+
+export interface DoctorReports {
+	/* What the collector's own user sees. */
+	readonly collector: DoctorReport;
+	/* The last one of root. */
+	readonly root: DoctorReport | null;
+}
+
+export interface Status {
+	readonly now_ms: number;
+	readonly collector?: {
+		readonly started_ms?: number;
+		readonly handshake_port?: number;
+		readonly data_port?: number;
+		readonly load_share?: number;
+		readonly requests?: { readonly asked: number; readonly recorded: number; readonly left_out_for_load: number };
+		readonly handshake?: { readonly p50_us: number; readonly p99_us: number; readonly measured: number; readonly failed: number };
+	};
+	readonly store: {
+		readonly bytes: number;
+		readonly most_bytes: number;
+		readonly figure_bytes: number;
+		readonly most_figure_bytes: number;
+		readonly requests_put: number;
+		readonly documents_kept: number;
+		readonly documents_left_out: number;
+		readonly requests_lost: number;
+		readonly writing: boolean;
+		readonly parts: readonly { readonly begun_ms: number; readonly requests: number; readonly documents: number }[];
+		readonly damages: readonly string[];
+	};
+}

@@ -1,6 +1,6 @@
 /* How every application is, and what would gain most. */
 import { api } from '../api/services';
-import type { Application, Applications, FoundKind, Mark } from '../api/types';
+import type { Application, Applications, FoundKind, Mark, TopFigures } from '../api/types';
 import { type Address } from '../state/address';
 import { el, type Child } from '../ui/dom';
 import { apdexLevel, errorLevel, figures, type Figure } from '../ui/figures';
@@ -18,15 +18,20 @@ const FINDINGS = 5;
 /* With charts; the others are named. */
 const APPLICATIONS = 12;
 
+/* Without a handshake to count them there are as many as were recorded. */
+export function isEstimate(row: TopFigures): boolean {
+	return !row.exact && row.requests !== row.recorded;
+}
+
 function rate(application: Application): string {
-	return `${application.exact ? '' : '~ '}${perMinute(application.calls_per_minute)}`;
+	return `${isEstimate(application) ? '~ ' : ''}${perMinute(application.calls_per_minute)}`;
 }
 
 function figuresOf(application: Application, threshold: number): Figure[] {
 	const monitored = application.monitored_share;
 	return [
 		{ name: 'Requests', value: count(application.requests) },
-		{ name: 'Rate', value: rate(application), help: application.exact ? 'Counted at the handshakes' : 'Estimated from what was recorded' },
+		{ name: 'Rate', value: rate(application), help: isEstimate(application) ? 'Estimated from what was recorded' : 'Counted' },
 		...(monitored !== null && monitored < 0.9995
 			? [{ name: 'Recorded', value: share(monitored), help: 'Everything but the rate rests on these' }]
 			: []),

@@ -18,7 +18,7 @@ import { requestColumns } from './columns';
 import { failureCell } from './errors';
 import { hostCell } from './external';
 import { markList, marksOf } from './marks';
-import { findingsPanel } from './overview';
+import { findingsPanel, isEstimate } from './overview';
 import { statementCell } from './queries';
 import { exactly, narrowedBy, scopeOf, stepFor } from './scope';
 
@@ -38,7 +38,7 @@ function head(address: Address, top: Top): Child {
 	return [
 		figures([
 			{ name: 'Calls', value: count(row.requests) },
-			{ name: 'Rate', value: `${row.exact ? '' : '~ '}${perMinute(row.calls_per_minute)}` },
+			{ name: 'Rate', value: `${isEstimate(row) ? '~ ' : ''}${perMinute(row.calls_per_minute)}` },
 			{ name: 'Share of all time', value: share(row.time_share) },
 			{ name: 'p50', value: duration(row.p50_ms) },
 			{ name: 'p95', value: duration(row.p95_ms) },

@@ -12,6 +12,7 @@ import { emptyState } from '../ui/states';
 import { table, type Column } from '../ui/table';
 import { queryField } from '../search/query_field';
 import { applicationColumn, curveColumn, errorColumn, percentileColumns, timeColumns } from './columns';
+import { isEstimate } from './overview';
 import { narrowedBy, stepFor } from './scope';
 
 const MOST = 500;
@@ -36,7 +37,7 @@ function columns(top: Top, address: Address): Column<TopRow>[] {
 			align: 'right',
 			by: (row) => row.requests,
 			cell: (row) =>
-				el('span', { title: `${count(row.requests)}; recorded: ${count(row.recorded)}` }, `${row.exact || row.recorded === row.requests ? '' : '~ '}${shortCount(row.requests)}`),
+				el('span', { title: `${count(row.requests)}; recorded: ${count(row.recorded)}` }, `${isEstimate(row) ? '~ ' : ''}${shortCount(row.requests)}`),
 		},
 		{ key: 'rate', title: 'Rate', align: 'right', by: (row) => row.calls_per_minute, cell: (row) => perMinute(row.calls_per_minute) },
 		...percentileColumns<TopRow>(),

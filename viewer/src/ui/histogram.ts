@@ -3,6 +3,9 @@ import type { Bucket } from '../api/types';
 import { el } from './dom';
 import { count, duration, plural } from './format';
 
+/* Columns that have room for a word each. */
+const SHORT = 14;
+
 /* As the interface has them: 1 2 3 5 7, then 10 15 20 30 50 70 of each power of ten. */
 function bounds(from: number, to: number): number[] {
 	const all = [0, 1, 2, 3, 5, 7];
@@ -43,7 +46,7 @@ export function histogram({ buckets, href, marks }: HistogramOptions): HTMLEleme
 	});
 	return el(
 		'div',
-		{ class: 'histogram', role: 'group', 'aria-label': `Durations of ${count(all)} requests` },
+		{ class: columns.length > SHORT ? 'histogram is-long' : 'histogram', role: 'group', 'aria-label': `Durations of ${count(all)} requests` },
 		columns,
 	);
 }

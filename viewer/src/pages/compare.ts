@@ -1,0 +1,125 @@
+/* What differs: between two requests, against the typical one, or between two times. */
+import { compareRequests } from '../compare/requests';
+import { compareWindows, windowsOf } from '../compare/windows';
+import { changed, elsewhere, go, here, timeOf, type Address } from '../state/address';
+import { el, replace, type Child } from '../ui/dom';
+import type { Page } from '../ui/page';
+import { Panel } from '../ui/panel';
+import { emptyState } from '../ui/states';
+import { markList, marksOf } from './marks';
+
+const KINDS = [
+	['typical', 'A request and the typical one'],
+	['requests', 'Two requests'],
+	['windows', 'Two times'],
+] as const;
+
+type Kind = (typeof KINDS)[number][0];
+
+function kindOf({ own }: Address): Kind {
+	return KINDS.find(([kind]) => kind === own.what)?.[0] ?? (own.from1 ? 'windows' : own.b ? 'requests' : 'typical');
+}
+
+function kindSwitch(address: Address): HTMLElement {
+	return el(
+		'div',
+		{ class: 'joined', role: 'group', 'aria-label': 'What is compared' },
+		KINDS.map(([kind, text]) =>
+			el('button', { type: 'button', 'aria-pressed': String(kindOf(address) === kind), on: { click: () => go(changed(here(), { own: { what: kind } })) } }, text),
+		),
+	);
+}
+
+function idField(label: string, name: string, address: Address): [HTMLElement, HTMLInputElement] {
+	const input = el('input', { type: 'text', class: 'mono', name, value: address.own[name] ?? '', placeholder: 'its id', required: true, minlength: 4, size: 18, spellcheck: 'false', autocomplete: 'off' });
+	return [el('label', { class: 'field' }, label, input), input];
+}
+
+function requestsForm(address: Address, kind: Kind): HTMLElement {
+	const [aField, a] = idField(kind === 'typical' ? 'Request' : 'Before', 'a', address);
+	const [bField, b] = idField('After', 'b', address);
+	return el(
+		'form',
+		{
+			class: 'row compare-form',
+			on: {
+				submit: (event) => {
+					event.preventDefault();
+					go(elsewhere(here(), 'compare', { what: kind, a: a.value.trim(), ...(kind === 'requests' ? { b: b.value.trim() } : {}) }));
+				},
+			},
+		},
+		aField,
+		kind === 'requests' && bField,
+		el('button', { type: 'submit' }, 'Compare'),
+	);
+}
+
+/* As `datetime-local` has it. */
+function localText(ms: number): string {
+	return new Date(ms - new Date(ms).getTimezoneOffset() * 60000).toISOString().slice(0, 16);
+}
+
+function windowsForm(address: Address): HTMLElement {
+	const now = Date.now();
+	const [from, to] = [timeOf(address.from, now) || now - 3600000, timeOf(address.to, now) || now];
+	const usual: Readonly<Record<string, number>> = { from1: from, to1: (from + to) / 2, from2: (from + to) / 2, to2: to };
+	const inputs = Object.entries(usual).map(([name, ms]): [string, HTMLInputElement] => {
+		const given = timeOf(address.own[name] ?? '', now);
+		return [name, el('input', { type: 'datetime-local', name, required: true, value: localText(address.own[name] && given ? given : ms) })];
+	});
+	const field = (label: string, index: number) => el('label', { class: 'field' }, label, inputs[index]?.[1]);
+	return el(
+		'form',
+		{
+			class: 'row compare-form',
+			on: {
+				submit: (event) => {
+					event.preventDefault();
+					const own = Object.fromEntries(inputs.map(([name, input]) => [name, String(Date.parse(input.value))]));
+					go(elsewhere(here(), 'compare', { what: 'windows', ...own, txn: address.own.txn ?? '' }));
+				},
+			},
+		},
+		field('Before, from', 0),
+		field('to', 1),
+		field('After, from', 2),
+		field('to', 3),
+		el('button', { type: 'submit' }, 'Compare'),
+	);
+}
+
+async function content(address: Address, signal: AbortSignal): Promise<Child> {
+	const { a, b } = address.own;
+	const kind = kindOf(address);
+	const windows = windowsOf(address);
+	if (kind === 'windows') {
+		return windows
+			? compareWindows(windows, address, signal)
+			: emptyState('Which times?', 'Say them above, or take a mark: the time before it is compared with the time after it.');
+	}
+	if (!a || (kind === 'requests' && !b)) {
+		return emptyState('Which requests?', 'Their ids are on their pages, which also lead here; a search lists them.');
+	}
+	return compareRequests(a, kind === 'typical' ? 'typical' : (b ?? ''), signal);
+}
+
+export function comparePage(): Page {
+	const panel = new Panel('', { what: 'The comparison' });
+	const form = el('div', { class: 'stack' });
+	const marks = el('div');
+	return {
+		element: el('div', { class: 'page' }, el('h1', {}, 'Compare'), form, marks, panel.element),
+		title: () => 'Compare',
+		show: (address) => {
+			const kind = kindOf(address);
+			replace(form, kindSwitch(address), kind === 'windows' ? windowsForm(address) : requestsForm(address, kind));
+			replace(marks);
+			if (kind === 'windows') {
+				void marksOf(address, AbortSignal.timeout(10000)).then((found) => replace(marks, markList(found, address)));
+			}
+			void panel.fill((signal) => content(address, signal));
+		},
+		end: () => panel.end(),
+	};
+}
