@@ -7,7 +7,6 @@
 namespace kaq {
 namespace {
 
-constexpr std::string_view kInterface = "/api/";
 /* What all pages begin with; the program in it reads from the address which one is meant. */
 constexpr std::string_view kPage = "/index.html";
 
@@ -43,9 +42,9 @@ const ViewerFile *find_file(std::string_view path) {
 	return nullptr;
 }
 
-/* Pages are one word, files have a dot. */
+/* Files have a dot. */
 bool is_page(std::string_view path) {
-	return path.substr(1).find_first_of("./") == std::string_view::npos;
+	return path.find('.') == std::string_view::npos;
 }
 
 HttpAnswer answer_with(const ViewerFile &file, const HttpRequest &request) {
@@ -69,7 +68,8 @@ HttpAnswer answer_with(const ViewerFile &file, const HttpRequest &request) {
 } // namespace
 
 bool is_viewer_path(std::string_view path) {
-	return path.substr(0, kInterface.size()) != kInterface && path != "/metrics";
+	bool is_one_word = path.substr(0, 1) == "/" && path.find('/', 1) == std::string_view::npos;
+	return is_one_word && path != "/metrics";
 }
 
 std::optional<HttpAnswer> viewer_answer(const HttpRequest &request) {

@@ -11,7 +11,7 @@
 
 namespace kaq {
 
-/* Whether this path is none of the interface's. */
+/* Whether this path is a page's or a file's: one word, and none of the interface's. */
 bool is_viewer_path(std::string_view path);
 
 /* The file of that path, or the page that all others begin with; nothing if there is no such file.

@@ -52,6 +52,16 @@ TEST(Access, HealthNeedsNoToken) {
 	EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", "", ""}, "/healthz/"));
 }
 
+TEST(Access, PagesNeedNoTokenButTheRightName) {
+	for (const char *path : {"/", "/request", "/app.js"}) {
+		EXPECT_EQ(AccessVerdict::kAllowed, verdict({"localhost", "", "", ""}, path)) << path;
+		EXPECT_EQ(AccessVerdict::kWrongHost, verdict({"evil.example", "", "", ""}, path)) << path;
+	}
+	for (const char *path : {"/api/v1/top", "/metrics", "/a/b"}) {
+		EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", "", ""}, path)) << path;
+	}
+}
+
 TEST(Access, LoggingInNeedsNoTokenButTheRightName) {
 	EXPECT_EQ(AccessVerdict::kAllowed, verdict({"localhost", "", "", ""}, "/login"));
 	EXPECT_EQ(AccessVerdict::kWrongHost, verdict({"evil.example", "", "", ""}, "/login"));

@@ -1,11 +1,13 @@
 """What the collector and its doctor find out about PHP processes, their crashes and themselves."""
 import base64
+import http.client
 import json
 import os
 import pathlib
 import re
 import socket
 import time
+import urllib.parse
 
 import pytest
 
@@ -227,3 +229,33 @@ def test_crashes_elsewhere_change_nothing(configured):
         configured.crash(process, "libother.so(+0x1)")
     until(lambda: facts(collector)["crashes"] == {"all": 5, "in_extension": 0})
     assert is_monitored(collector)
+
+
+def asked_over_http(collector, method, **form):
+    connection = http.client.HTTPConnection("127.0.0.1", collector.http, timeout=SECONDS)
+    connection.request(method, "/api/v1/doctor", urllib.parse.urlencode(form),
+                       {"Authorization": "Bearer " + collector.token,
+                        "Content-Type": "application/x-www-form-urlencoded"})
+    response = connection.getresponse()
+    body = response.read()
+    connection.close()
+    return response, json.loads(body)
+
+
+def test_the_pages_have_what_the_collector_sees_and_what_root_saw(collector):
+    seen = asked_over_http(collector, "GET")[1]
+    assert seen["root"] is None
+    assert {check["subject"] for check in seen["collector"]["checks"]} >= {"collector", "port", "disk"}
+    assert seen["collector"]["superuser"] == (os.geteuid() == 0)
+    collector.run("doctor")
+    kept = asked_over_http(collector, "GET")[1]["root"]
+    if os.geteuid() == 0:
+        assert kept["superuser"] and kept["checks"]
+    else:
+        assert kept is None
+
+
+def test_nobody_brings_a_report_from_elsewhere(collector):
+    response, _ = asked_over_http(collector, "POST", report='{"checks":[]}')
+    assert (response.status, response.getheader("Allow")) == (405, "GET")
+    assert not (collector.store / "doctor.json").exists()

@@ -1,4 +1,5 @@
 """The collector's HTTP: who may ask, and the live feed."""
+import gzip
 import http.client
 import json
 import urllib.parse
@@ -33,7 +34,7 @@ def test_health_needs_no_token(collector):
     connection.close()
 
 
-@pytest.mark.parametrize("path", ["/", "/api/v1/live", "/api/v1/none", "/healthz/x"])
+@pytest.mark.parametrize("path", ["/api/v1/live", "/api/v1/none", "/healthz/x", "/metrics"])
 def test_all_else_needs_the_token(collector, path):
     assert status(collector, path) == 401
     assert status(collector, path, {"Authorization": "Bearer wrong"}) == 401
@@ -48,11 +49,43 @@ def test_another_sites_name_leads_nowhere(collector):
 def test_another_sites_page_may_not_ask(collector):
     assert status(collector, "/", {**bearer(collector), "Origin": "http://evil.example"}) == 403
     own = {"Origin": "http://127.0.0.1:%d" % collector.http}
-    assert status(collector, "/", {**bearer(collector), **own}) == 404
+    assert status(collector, "/", {**bearer(collector), **own}) == 200
 
 
 def test_only_reading_is_known(collector):
     assert status(collector, "/", bearer(collector), "POST") == 405
+
+
+def test_pages_need_no_token_and_tell_nothing(collector):
+    for path in ("/", "/request?id=0000", "/anything"):
+        connection, response = get(collector, path)
+        assert response.status == 200
+        assert response.getheader("Content-Type") == "text/html; charset=utf-8"
+        assert response.getheader("Content-Security-Policy") == "default-src 'self'"
+        body = response.read().decode()
+        assert "<title>kaq</title>" in body and collector.token not in body
+        connection.close()
+    assert status(collector, "/none.js") == 404
+    assert status(collector, "/a/b") == 401
+    assert status(collector, "/", method="POST") == 405
+
+
+def test_a_page_that_the_browser_has_is_not_sent_again(collector):
+    connection, response = get(collector, "/app.js", {"Accept-Encoding": "gzip, br"})
+    if response.status == 404:
+        pytest.skip("the collector was built without its pages")
+    packed = response.read()
+    assert response.getheader("Content-Encoding") == "gzip"
+    assert response.getheader("Cache-Control") == "no-cache"
+    etag = response.getheader("ETag")
+    connection.close()
+    connection, response = get(collector, "/app.js")
+    assert response.getheader("Content-Encoding") is None
+    assert gzip.decompress(packed) == response.read()
+    connection.close()
+    connection, response = get(collector, "/app.js", {"If-None-Match": etag})
+    assert (response.status, response.read()) == (304, b"")
+    connection.close()
 
 
 def test_a_head_that_is_too_long_is_refused(collector):

@@ -41,12 +41,23 @@ function minutes(window: { readonly from: string; readonly to: string }): number
 	return Math.max(1, (Math.min(now, timeOf(window.to, now)) - timeOf(window.from, now)) / 60000);
 }
 
-/* `180 ms → 240 ms`, and by how much it grew. */
-function change(before: number | null | undefined, after: number | null | undefined, format: (value: number | null | undefined) => string): HTMLElement {
-	const grown = before && after ? after / before - 1 : 0;
-	const level = grown > 0.1 ? 'bad' : grown < -0.1 ? 'good' : 'muted';
-	const percent = before && after ? `${grown >= 0 ? '+' : ''}${(grown * 100).toFixed(0)} %` : after ? 'new' : before ? 'gone' : '';
-	return el('span', { class: 'change' }, `${format(before)} → ${format(after)} `, el('span', { class: `${before && after ? level : 'muted'} small` }, percent));
+type Known = number | null | undefined;
+
+/* By how much it grew, in words; nothing where that is less than a hundredth. */
+function grownText(before: Known, after: Known): string {
+	if (!before || !after) {
+		return after ? 'new' : before ? 'gone' : '';
+	}
+	const percent = Math.round((after / before - 1) * 100);
+	return percent === 0 ? '' : `${percent > 0 ? '+' : ''}${percent} %`;
+}
+
+/* `180 ms → 240 ms`, and by how much it grew. More is worse, unless it says nothing about that. */
+function change(before: Known, after: Known, format: (value: Known) => string, tells: 'worse' | 'nothing' = 'worse'): HTMLElement {
+	const grown = (after ?? 0) - (before ?? 0);
+	const matters = tells === 'worse' && Math.abs(grown) > 0.1 * (before ?? 0);
+	const level = !matters ? 'muted' : grown > 0 ? 'bad' : 'good';
+	return el('span', { class: 'change' }, `${format(before)} → ${format(after)} `, el('span', { class: `${level} small` }, grownText(before, after)));
 }
 
 interface Totals {
@@ -90,7 +101,7 @@ function transactions(rows: readonly Pair<TopRow>[], windows: Windows): HTMLElem
 			title: 'Rate',
 			align: 'right',
 			by: (row) => (row.after?.requests ?? 0) / minutes(windows.after),
-			cell: (row) => change((row.before?.requests ?? 0) / minutes(windows.before), (row.after?.requests ?? 0) / minutes(windows.after), perMinute),
+			cell: (row) => change((row.before?.requests ?? 0) / minutes(windows.before), (row.after?.requests ?? 0) / minutes(windows.after), perMinute, 'nothing'),
 		},
 		{ key: 'queries', title: 'Queries', align: 'right', by: (row) => (row.after?.queries_per_request ?? 0) - (row.before?.queries_per_request ?? 0), cell: (row) => change(row.before?.queries_per_request, row.after?.queries_per_request, shortCount) },
 		{ key: 'errors', title: 'Errors', align: 'right', by: (row) => (row.after?.error_share ?? 0) - (row.before?.error_share ?? 0), cell: (row) => change(row.before?.error_share, row.after?.error_share, share) },

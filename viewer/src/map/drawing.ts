@@ -17,7 +17,7 @@ function nodeText(node: GraphNode): Child {
 					' · p95 ',
 					duration(application.p95_ms),
 					' · ',
-					el('span', { class: errorLevel(application.error_share) }, `${share(application.error_share)} errors`),
+					el('span', { class: errorLevel(application.error_share) }, application.error_share ? `${share(application.error_share)} errors` : 'no errors'),
 				)
 			: el('span', { class: 'small muted' }, node.kind === 'host' ? 'external host' : 'database'),
 	];
@@ -69,7 +69,7 @@ export function drawGraph(graph: Graph, minutes: number): HTMLElement {
 		const isBad = edge.count > 0 && edge.failed / edge.count >= 0.02;
 		const path = svg('path', { class: isBad ? 'map-line is-bad' : 'map-line', fill: 'none' });
 		drawing.append(path);
-		const label = el('span', { class: isBad ? 'map-label bad' : 'map-label' }, edgeText(edge, minutes), isBad && ` · ${share(edge.failed / edge.count)} failed`);
+		const label = el('span', { class: isBad ? 'map-label bad' : 'map-label' }, edgeText(edge, minutes), isBad && ` · ${share(edge.failed / edge.count)} err`);
 		labels.append(label);
 		return { edge, path, label };
 	});
