@@ -24,7 +24,9 @@ CPP
 	exit 0
 }
 
-command -v npm >/dev/null && command -v node >/dev/null || without 'npm is not installed'
+if ! command -v npm >/dev/null || ! command -v node >/dev/null; then
+	without 'npm is not installed'
+fi
 
 # Packages are kept beside the build, never in the checkout.
 mkdir -p "$copy"

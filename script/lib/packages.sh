@@ -6,6 +6,10 @@
 KAQ_COLLECTOR_LIBRARIES=(libboost-dev libcli11-dev libcurl4-openssl-dev libexpected-dev libfmt-dev
 	libsimdjson-dev libspdlog-dev libsqlitecpp-dev libsystemd-dev libtomlplusplus-dev libxxhash-dev
 	libzstd-dev nlohmann-json3-dev prometheus-cpp-dev)
+# shellcheck disable=SC2034
+# What its pages are made with. Where Node comes from elsewhere, npm comes with it.
+KAQ_VIEWER_TOOLS=(nodejs)
+command -v npm >/dev/null || KAQ_VIEWER_TOOLS+=(npm)
 
 # kaq_missing_packages PACKAGE...: prints those that are not installed.
 kaq_missing_packages() {

@@ -347,6 +347,41 @@ kaq_suite_engine_suite() {
 	kaq_report "engine-suite $key" $((SECONDS - begin)) "$log" "$status" sum "$KAQ_RUN/engine-suite-$key"
 }
 
+# kaq_viewer_packages COPY LOG: the viewer's sources with all of its npm packages.
+kaq_viewer_packages() {
+	local copy=$1
+	mkdir -p "$copy"
+	rm -rf "$copy/src" "$copy/style"
+	cmp -s "$KAQ_ROOT/viewer/package-lock.json" "$copy/package-lock.json" || rm -rf "$copy/node_modules"
+	cp -R "$KAQ_ROOT/viewer/." "$copy/"
+	[[ -d $copy/node_modules ]] ||
+		(cd "$copy" && kaq_bounded 600 npm ci --ignore-scripts --no-audit --no-fund) >>"$2" 2>&1 </dev/null
+}
+
+# The collector's pages in a browser, and their sources.
+kaq_suite_viewer() {
+	local log="$KAQ_LOGS/viewer.log" begin=$SECONDS status=0 collector
+	local copy="$KAQ_CACHE/build/viewer"
+	: >"$log"
+	if ! kaq_viewer_packages "$copy" "$log"; then
+		rm -rf "$copy/node_modules"
+		kaq_report_broken viewer $((SECONDS - begin)) "$log" 'npm cannot have the packages'
+		return 0
+	fi
+	if ! collector=$(kaq_bounded 1800 "$KAQ_ROOT/script/build" --collector 2>>"$log" </dev/null); then
+		kaq_report_broken viewer $((SECONDS - begin)) "$log" 'the collector does not build'
+		return 0
+	fi
+	cp "$collector" "$KAQ_RUN/kaq-viewer"
+	(
+		cd "$KAQ_ROOT/tests/viewer" &&
+			KAQ_COLLECTOR="$KAQ_RUN/kaq-viewer" KAQ_VIEWER_MODULES="$copy" \
+				kaq_bounded 1200 node --test --test-reporter=./reporter.mjs
+	) >"$KAQ_RUN/viewer" 2>>"$log" </dev/null || status=$?
+	cat "$KAQ_RUN/viewer" >>"$log"
+	kaq_report viewer $((SECONDS - begin)) "$log" "$status" sum "$KAQ_RUN/viewer"
+}
+
 # kaq_python: the distribution's, which has the distribution's pytest.
 kaq_python() {
 	kaq_first_existing /usr/bin/python3 "$(command -v python3)"

@@ -108,6 +108,7 @@ class Table<Row> {
 		const select: HTMLSelectElement = el(
 			'select',
 			{ 'aria-label': 'Sort by', on: { change: () => this.sortBy(select.value) } },
+			!sortable.some((column) => column.key === this.sort.key) && el('option', { value: '' }, '–'),
 			sortable.map((column) => el('option', { value: column.key }, column.title)),
 		);
 		select.value = this.sort.key;
