@@ -427,9 +427,18 @@ export interface DoctorReports {
 	readonly root: DoctorReport | null;
 }
 
+/* What is not monitored any more, since its processes crashed; without an application: everything. */
+export interface Suspension {
+	readonly application: string;
+	readonly instance: string;
+	readonly since_ms: number;
+	readonly reason: string;
+}
+
 export interface Status {
 	readonly now_ms: number;
 	readonly collector?: {
+		readonly suspended?: readonly Suspension[];
 		readonly started_ms?: number;
 		readonly handshake_port?: number;
 		readonly data_port?: number;

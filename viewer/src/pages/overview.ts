@@ -1,10 +1,10 @@
 /* How every application is, and what would gain most. */
 import { api } from '../api/services';
-import type { Application, Applications, FoundKind, Mark, TopFigures } from '../api/types';
+import type { Application, Applications, FoundKind, Mark, Suspension, TopFigures } from '../api/types';
 import { type Address } from '../state/address';
-import { el, type Child } from '../ui/dom';
+import { el, replace, shortened, type Child } from '../ui/dom';
 import { apdexLevel, errorLevel, figures, type Figure } from '../ui/figures';
-import { count, duration, perMinute, plural, score, share, shortCount } from '../ui/format';
+import { count, duration, perMinute, plural, score, share, shortCount, timeElement } from '../ui/format';
 import { lines } from '../ui/lines';
 import { pageLink, requestLink, transactionLink } from '../ui/link';
 import type { Page } from '../ui/page';
@@ -153,7 +153,29 @@ export function findingsPanel(title: string): { readonly panel: Panel; readonly 
 	return { panel, show };
 }
 
+/* Requests run on, but nobody sees them: that has to be said where one looks first. */
+function suspensionNotice({ application, since_ms: since, reason }: Suspension): HTMLElement {
+	return el(
+		'p',
+		{ class: 'notice', role: 'alert' },
+		el('b', {}, `${shortened(application, 200) || 'Every application'} is not monitored since `, timeElement(since)),
+		`: ${shortened(reason, 500)}. `,
+		command('kaq resume'),
+		' brings it back.',
+	);
+}
+
+async function suspensionNotices(): Promise<HTMLElement[]> {
+	try {
+		return ((await api.status()).collector?.suspended ?? []).map(suspensionNotice);
+	} catch {
+		// What is asked beside it says what is wrong.
+		return [];
+	}
+}
+
 export function overviewPage(): Page {
+	const notices = el('div', { class: 'notices' });
 	const findings = findingsPanel('What would gain most');
 	const applications = new Panel('Applications', { what: 'The applications' });
 	const content = async (address: Address, signal: AbortSignal): Promise<Child> => {
@@ -177,10 +199,11 @@ export function overviewPage(): Page {
 				];
 	};
 	return {
-		element: el('div', { class: 'page' }, el('h1', { class: 'unseen' }, 'Overview'), findings.panel.element, applications.element),
+		element: el('div', { class: 'page' }, el('h1', { class: 'unseen' }, 'Overview'), notices, findings.panel.element, applications.element),
 		title: (address) => address.app || 'Overview',
 		show: (address) => {
 			findings.show(address);
+			void suspensionNotices().then((found) => replace(notices, found));
 			void applications.fill((signal) => content(address, signal));
 		},
 		end: () => {
