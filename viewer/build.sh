@@ -38,7 +38,7 @@ if ! cmp -s "$copy/package-lock.json.new" "$copy/package-lock.json" || [ ! -d "$
 	mv "$copy/.npmrc.new" "$copy/.npmrc"
 	rm -f "$copy/package-lock.json"
 	mv "$copy/package-lock.json.new" "$copy/package-lock.json"
-	if ! (cd "$copy" && npm ci --omit=dev --ignore-scripts --no-audit --no-fund >"$build/npm.log" 2>&1 </dev/null); then
+	if ! (cd "$copy" && timeout 300 npm ci --omit=dev --ignore-scripts --no-audit --no-fund >"$build/npm.log" 2>&1 </dev/null); then
 		rm -f "$copy/package-lock.json"
 		without "npm cannot have the packages ($build/npm.log)"
 	fi

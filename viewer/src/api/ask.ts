@@ -77,3 +77,9 @@ export async function tell<Answer>(path: string, parameters: Parameters): Promis
 	const response = await send(addressOf(path, parameters), { method: 'POST' });
 	return (await response.json()) as Answer;
 }
+
+/* Whether a stream can be had: what is wrong with the question is thrown, the stream itself left. */
+export async function checkStream(path: string, parameters: Parameters): Promise<void> {
+	const response = await send(addressOf(path, parameters), {});
+	await response.body?.cancel();
+}

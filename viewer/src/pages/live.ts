@@ -1,6 +1,5 @@
 /* Requests as they end. */
-import { addressOf } from '../api/ask';
-import { api } from '../api/services';
+import { addressOf, checkStream } from '../api/ask';
 import type { RequestRow } from '../api/types';
 import { queryField } from '../search/query_field';
 import { changed, go, here, type Address } from '../state/address';
@@ -12,6 +11,7 @@ import { command, emptyState, errorState } from '../ui/states';
 import { table } from '../ui/table';
 import { requestColumns } from './columns';
 
+const LIVE = '/api/v1/live';
 const MOST = 200;
 /* They stay in the order in which they ended. */
 const COLUMNS = requestColumns({ without: [] }).map(({ key, title, cell, ...column }) => ({
@@ -86,8 +86,8 @@ class LivePage implements Page {
 		this.seen = this.lost = this.held = 0;
 		this.draw();
 		try {
-			// A stream tells nothing about what is wrong with its query: the same in an ordinary question does.
-			await api.requests({ q: query, limit: 1 });
+			// An EventSource does not tell what is wrong with its query.
+			await checkStream(LIVE, { q: query });
 		} catch (error) {
 			replace(this.list, errorState('The live requests', error, () => void this.listen(query)));
 			return;
@@ -95,7 +95,7 @@ class LivePage implements Page {
 		if (query !== this.asked) {
 			return;
 		}
-		const source = new EventSource(addressOf('/api/v1/live', { q: query }));
+		const source = new EventSource(addressOf(LIVE, { q: query }));
 		this.source = source;
 		source.addEventListener('message', (event: MessageEvent<string>) => this.add(JSON.parse(event.data) as RequestRow));
 		source.addEventListener('lost', (event: MessageEvent<string>) => {
