@@ -4,9 +4,11 @@
 export function layoutProblems() {
 	const problems = [];
 	const name = (element) => `${element.tagName.toLowerCase()}.${element.className?.baseVal ?? element.className}: ${(element.textContent ?? '').trim().slice(0, 40)}`;
+	// What is clipped away is there for those who do not see it.
+	const isForListeners = (element) => element !== null && (getComputedStyle(element).clipPath !== 'none' || isForListeners(element.parentElement));
 	const isShown = (element) => {
 		const style = getComputedStyle(element);
-		return style.visibility !== 'hidden' && element.getClientRects().length > 0 && !element.closest('.unseen, .skip, [hidden], .u-wrap');
+		return style.visibility !== 'hidden' && element.getClientRects().length > 0 && !element.closest('.skip, [hidden], .u-wrap') && !isForListeners(element);
 	};
 	if (document.documentElement.scrollWidth > innerWidth) {
 		problems.push(`the page is ${document.documentElement.scrollWidth - innerWidth} pixels too wide`);

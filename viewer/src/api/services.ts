@@ -57,7 +57,7 @@ export const api = {
 	) => ask<Requests>('/api/v1/requests', parameters, signal),
 	request: (id: string, signal?: AbortSignal) => ask<OneRequest>('/api/v1/request', { id }, signal),
 	trace: (id: string, signal?: AbortSignal) => ask<Trace>('/api/v1/trace', { id }, signal),
-	compare: (parameters: { a: string; b: string; limit?: number }, signal?: AbortSignal) =>
+	compare: (parameters: { a: string; b?: string; typical?: boolean; limit?: number }, signal?: AbortSignal) =>
 		ask<Comparison>('/api/v1/compare', parameters, signal),
 	top: (parameters: Narrowed & ListOptions & { apdex?: number }, signal?: AbortSignal) =>
 		ask<Top>('/api/v1/top', { ...parameters }, signal),

@@ -86,6 +86,8 @@ function shown(found: Comparison): Child {
 	);
 }
 
-export async function compareRequests(a: string, b: string, signal: AbortSignal): Promise<Child> {
-	return shown(await api.compare({ a, b, limit: MOST }, signal));
+/* Without `b` it is the typical one. */
+export async function compareRequests(a: string, b: string | undefined, signal: AbortSignal): Promise<Child> {
+	const other = b === undefined ? { typical: true } : { b };
+	return shown(await api.compare({ a, ...other, limit: MOST }, signal));
 }

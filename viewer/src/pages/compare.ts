@@ -101,7 +101,7 @@ async function content(address: Address, signal: AbortSignal): Promise<Child> {
 	if (!a || (kind === 'requests' && !b)) {
 		return emptyState('Which requests?', 'Their ids are on their pages, which also lead here; a search lists them.');
 	}
-	return compareRequests(a, kind === 'typical' ? 'typical' : (b ?? ''), signal);
+	return compareRequests(a, kind === 'typical' ? undefined : b, signal);
 }
 
 export function comparePage(): Page {

@@ -50,7 +50,7 @@ function open(row: Statement, curve: Child): Child {
 	return el(
 		'div',
 		{ class: 'stack' },
-		el('pre', { class: 'statement-whole' }, shortened(row.statement, LONGEST_SHOWN)),
+		el('pre', { class: 'statement-whole', tabindex: 0 }, shortened(row.statement, LONGEST_SHOWN)),
 		el(
 			'p',
 			{ class: 'row' },
