@@ -61,7 +61,7 @@ function differences(rows: readonly Difference[]): HTMLElement {
 				),
 		},
 		{ key: 'growth', title: 'Growth', help: 'What it adds to the request, without what it calls', align: 'right', by: (row) => row.growth_ms, cell: (row) => growthCell(row, most) },
-		{ key: 'change', title: 'Why', by: (row) => CHANGES[row.change], cell: (row) => CHANGES[row.change] },
+		{ key: 'change', title: 'Why', className: 'time-cell', by: (row) => CHANGES[row.change], cell: (row) => CHANGES[row.change] },
 		{ key: 'count', title: 'Calls', align: 'right', by: (row) => row.count_after - row.count_before, cell: (row) => `${count(row.count_before)} → ${count(row.count_after)}` },
 		{ key: 'self', title: 'Own time', align: 'right', by: (row) => row.self_after_ms, cell: (row) => `${duration(row.self_before_ms)} → ${duration(row.self_after_ms)}` },
 		{ key: 'total', title: 'With its calls', align: 'right', by: (row) => row.total_after_ms, cell: (row) => `${duration(row.total_before_ms)} → ${duration(row.total_after_ms)}` },
