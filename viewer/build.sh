@@ -21,6 +21,8 @@ const std::vector<kaq::ViewerFile> &kaq::viewer_files() {
 	return kNone;
 }
 CPP
+	# Older than everything it is made from, so that the next build tries again.
+	touch -t 197001020000 "$build/made/viewer_files.cpp"
 	exit 0
 }
 
@@ -38,7 +40,8 @@ if ! cmp -s "$copy/package-lock.json.new" "$copy/package-lock.json" || [ ! -d "$
 	mv "$copy/.npmrc.new" "$copy/.npmrc"
 	rm -f "$copy/package-lock.json"
 	mv "$copy/package-lock.json.new" "$copy/package-lock.json"
-	if ! (cd "$copy" && timeout 300 npm ci --omit=dev --ignore-scripts --no-audit --no-fund >"$build/npm.log" 2>&1 </dev/null); then
+	if ! (cd "$copy" && timeout 300 npm ci --omit=dev --ignore-scripts --no-audit --no-fund \
+		--fetch-retries=1 --fetch-retry-mintimeout=1000 >"$build/npm.log" 2>&1 </dev/null); then
 		rm -f "$copy/package-lock.json"
 		without "npm cannot have the packages ($build/npm.log)"
 	fi
