@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "analysis/compare.h"
+#include "analysis/findings.h"
 #include "analysis/layers.h"
 #include "query/figure_question.h"
 #include "query/parameters.h"
@@ -24,8 +25,9 @@ struct LayerSums {
 	int64_t requests = 0;
 	int64_t duration = 0;
 	int64_t cpu = 0;
+	int64_t waiting = 0;
 
-	void add(const Transaction &transaction) {
+	void add(const Transaction &transaction, Serving serving) {
 		LayerTimes each = layer_times(transaction);
 		for (size_t i = 0; i < times.size(); i++) {
 			times[i] += each[i];
@@ -33,6 +35,10 @@ struct LayerSums {
 		requests++;
 		duration += transaction.duration();
 		cpu += transaction.cpu;
+		/* Elsewhere the processor time is that of several requests. */
+		if (serving == Serving::kOneAtATime) {
+			waiting += std::max<int64_t>(0, time_of(each, Layer::kCode) - transaction.cpu);
+		}
 	}
 
 	json to_json() const {
@@ -84,13 +90,10 @@ public:
 
 	json to_json() {
 		Profile profile = sum_.take();
-		return {{"requests", all_.requests},
-				{"duration_ms", all_.duration},
-				{"cpu_ms", all_.cpu},
-				{"layers", all_.to_json()},
-				{"points", std::move(points_)},
-				{"rows", rows_json(profile)},
-				{"more", has_more_}};
+		return {{"requests", all_.requests},  {"duration_ms", all_.duration},
+				{"cpu_ms", all_.cpu},         {"waiting_ms", all_.waiting},
+				{"layers", all_.to_json()},   {"points", std::move(points_)},
+				{"rows", rows_json(profile)}, {"more", has_more_}};
 	}
 
 private:
@@ -116,6 +119,7 @@ private:
 							   {"requests", sums.requests},
 							   {"duration_ms", sums.duration},
 							   {"cpu_ms", sums.cpu},
+							   {"waiting_ms", sums.waiting},
 							   {"layers", sums.to_json()}});
 		}
 	}
@@ -125,8 +129,8 @@ private:
 			row.has_document ? read_document(context_.store, row.summary.id) : std::nullopt;
 		if (document && !document->spans.empty()) {
 			sum_.add(profile_of(*document));
-			sums.add(*document);
-			all_.add(*document);
+			sums.add(*document, row.serving);
+			all_.add(*document, row.serving);
 		}
 	}
 

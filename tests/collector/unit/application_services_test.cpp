@@ -250,4 +250,20 @@ TEST_F(ApplicationServicesTest, AProfileAddsUpTheStoredRequests) {
 	EXPECT_EQ(0, ask("/api/v1/profile", {{"txn", "/none"}}).at("requests"));
 }
 
+TEST_F(ApplicationServicesTest, AProfileTellsWaitingOnlyWhereItIsKnown) {
+	for (Serving serving : {Serving::kOneAtATime, Serving::kThreads, Serving::kUnknown}) {
+		Request request("/wait");
+		Transaction transaction = request.works(30).waits(50).done();
+		Record one = record(++number_, kNow - kMinute);
+		one.summary.name = "/wait " + std::to_string(number_);
+		one.serving = serving;
+		put(one, to_document(transaction));
+		settle();
+		json answer = ask("/api/v1/profile", {{"txn", one.summary.name}, {"from", "2h"}});
+		EXPECT_EQ(1, answer.at("requests"));
+		EXPECT_EQ(serving == Serving::kOneAtATime ? 50 : 0, answer.at("waiting_ms"));
+		EXPECT_EQ(80, answer.at("layers").at("code"));
+	}
+}
+
 } // namespace

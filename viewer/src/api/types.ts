@@ -286,6 +286,8 @@ export interface ProfileSums {
 	readonly requests: number;
 	readonly duration_ms: number;
 	readonly cpu_ms: number;
+	/* What code neither worked nor called; 0 where that cannot be known. */
+	readonly waiting_ms: number;
 	readonly layers: LayerTimes;
 }
 

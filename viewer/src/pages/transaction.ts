@@ -66,18 +66,13 @@ function bucketHref(txn: string): (bucket: Bucket) => string {
 		pageHref('search', { order: 'slowest' }, { q: transactionQuery(txn, `duration:>=${bucket.from_ms}ms duration:<${bucket.to_ms}ms`) });
 }
 
-/* What of the code's time the processor did not work. */
-function waitingOf(sums: ProfileSums): number {
-	return Math.max(0, sums.layers.code - sums.cpu_ms);
-}
-
 const LAYER_LINES = [
-	{ name: 'PHP', colour: '--layer-code', of: (sums: ProfileSums) => Math.min(sums.layers.code, sums.cpu_ms) },
+	{ name: 'PHP', colour: '--layer-code', of: (sums: ProfileSums) => sums.layers.code - sums.waiting_ms },
 	{ name: 'database', colour: '--layer-database', of: (sums: ProfileSums) => sums.layers.database },
 	{ name: 'cache', colour: '--layer-cache', of: (sums: ProfileSums) => sums.layers.cache },
 	{ name: 'HTTP', colour: '--layer-http', of: (sums: ProfileSums) => sums.layers.http },
 	{ name: 'other calls', colour: '--layer-other', of: (sums: ProfileSums) => sums.layers.other },
-	{ name: 'waiting', colour: '--layer-waiting', of: waitingOf },
+	{ name: 'waiting', colour: '--layer-waiting', of: (sums: ProfileSums) => sums.waiting_ms },
 ];
 
 function layersPart(profile: Profile): Child {
