@@ -151,14 +151,14 @@ std::vector<FigurePeriod> FigureSums::take() {
 	return periods;
 }
 
-void FigureSums::put_back(std::vector<FigurePeriod> periods) {
+void FigureSums::put_back(const std::vector<FigurePeriod> &periods) {
 	std::lock_guard lock(mutex_);
-	for (FigurePeriod &period : periods) {
+	for (const FigurePeriod &period : periods) {
 		Rows &rows = minutes_[period.time];
-		for (auto &[hash, row] : period.rows) {
+		for (const auto &[hash, row] : period.rows) {
 			auto [place, is_new] = rows.try_emplace(hash);
 			if (is_new) {
-				place->second.key = std::move(row.key);
+				place->second.key = row.key;
 				rows_++;
 			}
 			place->second.figures.add(row.figures);

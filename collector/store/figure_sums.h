@@ -49,7 +49,7 @@ public:
 	/* All that was added since the last call. */
 	std::vector<FigurePeriod> take();
 	/* What was taken and could not be written. Of more than kMostMinutes the oldest go. */
-	void put_back(std::vector<FigurePeriod> periods);
+	void put_back(const std::vector<FigurePeriod> &periods);
 	/* Requests that were renamed. */
 	int64_t renamed() const;
 

@@ -356,7 +356,7 @@ void SqliteStore::write_figures() {
 				 std::string("the figures cannot be written; they wait in memory, the last hour "
 							 "of them: ") +
 					 error.what());
-		sums_.put_back(std::move(periods));
+		sums_.put_back(periods);
 		std::lock_guard lock(mutex_);
 		add_asked(asked);
 	}

@@ -331,7 +331,7 @@ TEST_F(FiguresTest, WhatCouldNotBeWrittenIsAddedToWhatComesNext) {
 	put(record(1, kNow));
 	std::vector<FigurePeriod> taken = sums_.take();
 	put(record(2, kNow));
-	sums_.put_back(std::move(taken));
+	sums_.put_back(taken);
 	write();
 	EXPECT_EQ(read({})["/cart"].count, 2);
 	for (int64_t minute = 0; minute < 70; minute++) {
