@@ -1,4 +1,4 @@
-/* kaq export: a request or a trace for other programs. */
+/* kaq export: a request or a trace as a file that shows itself, or for other programs. */
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -32,7 +32,7 @@ void add_export(CLI::App &app, int &status) {
 	auto options = std::make_shared<ExportOptions>();
 	CLI::App &verb = *app.add_subcommand("export", "write a request or a trace for other programs");
 	verb.add_option("id", options->id, "of the request or the trace")->required()->type_name("ID");
-	verb.add_option("--format", options->format, "speedscope, perfetto or json (json)")
+	verb.add_option("--format", options->format, "html, speedscope, perfetto or json (json)")
 		->type_name("FORMAT");
 	add_store_option(verb, options->common.store);
 	add_configuration_option(verb, options->common.configuration);

@@ -16,7 +16,13 @@ constexpr std::string_view kDoctorPath = "/api/v1/doctor";
 constexpr const char *kCookieAttributes = "; Max-Age=2592000; Path=/; HttpOnly; SameSite=Strict";
 
 HttpAnswer to_http(const Answer &answer) {
-	return {answer.status, answer.text.empty() ? "application/json" : answer.type, text_of(answer)};
+	HttpAnswer http{answer.status, answer.text.empty() ? "application/json" : answer.type,
+					text_of(answer)};
+	if (!answer.file.empty()) {
+		http.headers.push_back(
+			{"Content-Disposition", "attachment; filename=\"" + answer.file + "\""});
+	}
+	return http;
 }
 
 HttpAnswer live(const HttpRequest &request) {

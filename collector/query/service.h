@@ -28,6 +28,7 @@ struct Answer {
 	nlohmann::json body;
 	std::string text; /* in the place of the body, where the answer is no JSON or is JSON already */
 	std::string type = "application/json"; /* of the text */
+	std::string file = {}; /* where browsers are to keep the text as a file: its name, in ASCII */
 };
 
 /* What services need; all of it outlives them, and its functions are called on any thread. */

@@ -72,6 +72,12 @@ export async function ask<Answer>(path: string, parameters: Parameters, signal?:
 	return (await response.json()) as Answer;
 }
 
+/* For what is too large to be read at once. */
+export async function askStream(path: string, parameters: Parameters, signal: AbortSignal): Promise<ReadableStream<Uint8Array>> {
+	const response = await send(addressOf(path, parameters), { signal });
+	return response.body ?? new ReadableStream<Uint8Array>({ start: (control) => control.close() });
+}
+
 /* Has the collector change something. */
 export async function tell<Answer>(path: string, parameters: Parameters): Promise<Answer> {
 	const response = await send(addressOf(path, parameters), { method: 'POST' });

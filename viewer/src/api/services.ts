@@ -87,7 +87,7 @@ export const api = {
 	unpin: (id: string) => tell<{ readonly id: string }>('/api/v1/unpin', { id }),
 };
 
-export const EXPORT_FORMATS = ['speedscope', 'perfetto', 'json'] as const;
+export const EXPORT_FORMATS = ['html', 'speedscope', 'perfetto', 'json'] as const;
 
 /* Parameters of a link that downloads a request or a trace for another program. */
 export function exportParameters(id: string, format: (typeof EXPORT_FORMATS)[number]): Parameters {

@@ -1,34 +1,152 @@
 /* One request, and a whole trace across services. */
-import { api } from '../api/services';
-import { el } from '../ui/dom';
-import { duration, timeElement } from '../ui/format';
+import { exportParameters, EXPORT_FORMATS } from '../api/services';
+import { addressOf, isAborted } from '../api/ask';
+import { here, remember, type Address } from '../state/address';
+import { openDialog } from '../ui/dialog';
+import { el, replace, shortened, type Child } from '../ui/dom';
+import { count } from '../ui/format';
+import { setPageCommands } from '../ui/keys';
+import { pageLink, requestLink, term, transactionLink } from '../ui/link';
 import type { Page } from '../ui/page';
-import { Panel } from '../ui/panel';
+import { command, emptyState, errorState } from '../ui/states';
+import { askModel, type Kind } from './ask';
+import { requestTitle, type Model } from './model';
+import type { Links, Surroundings } from './surroundings';
+import { TraceView } from './view';
+
+const LONGEST_TERM = 1500;
+
+const LINKS: Links = {
+	request: (id, ...children) => requestLink(id, ...children),
+	trace: (id, ...children) => pageLink('trace', { id }, {}, ...children),
+	statement: (statement, ...children) => pageLink('search', {}, { q: term('sql', shortenedStatement(statement)) }, ...children),
+	transaction: (application, name) => transactionLink(application, name),
+	typical: (id, ...children) => pageLink('compare', { a: id, typical: '1' }, {}, ...children),
+};
+
+/* To a whole word: half a word is found nowhere. */
+function shortenedStatement(statement: string): string {
+	return statement.length > LONGEST_TERM ? statement.slice(0, statement.lastIndexOf(' ', LONGEST_TERM)) : statement;
+}
+
+const FORMAT_TEXTS: Readonly<Record<(typeof EXPORT_FORMATS)[number], string>> = {
+	html: 'One HTML file, to be opened without the collector',
+	speedscope: 'For speedscope, a flame graph',
+	perfetto: 'For Perfetto and tracing pages',
+	json: 'JSON, everything that is known',
+};
+
+const FILE_ENDS: Readonly<Record<string, string>> = { html: 'html', speedscope: 'speedscope.json', perfetto: 'trace.json', json: 'json' };
+
+function download(kind: Kind, id: string, format: (typeof EXPORT_FORMATS)[number]): HTMLElement {
+	return el(
+		'a',
+		{ class: 'button', href: addressOf('/api/v1/export', exportParameters(id, format)), download: `${kind}-${id.slice(0, 16)}.${FILE_ENDS[format] ?? 'json'}` },
+		el('b', {}, format === 'html' ? 'HTML file' : format),
+		el('span', { class: 'muted' }, FORMAT_TEXTS[format]),
+	);
+}
+
+function openShare(kind: Kind, id: string): void {
+	openDialog(
+		'Share',
+		el('p', {}, 'A file holds what the collector keeps: secrets and the values of statements are not in it.'),
+		el('div', { class: 'downloads' }, EXPORT_FORMATS.map((format) => download(kind, id, format))),
+		el('p', { class: 'muted' }, 'The same in a terminal: ', command(`kaq export --format html ${id.slice(0, 40)} > ${kind}.html`)),
+	);
+}
+
+const surroundings: Surroundings = {
+	links: LINKS,
+	tools: (kind, id) => el('button', { type: 'button', class: 'primary', on: { click: () => openShare(kind, id) } }, 'Share'),
+	get: (name) => here().own[name] ?? '',
+	set: (own) => remember({ own }),
+};
+
+/* Its figures are all that is left of it. */
+function withoutSpans(model: Model): Child {
+	const row = model.without[0];
+	return emptyState(
+		row ? `The calls of ${shortened(requestTitle(row), 200)} are not known: its document was not kept.` : 'There are no calls.',
+		'More came than the store has room for. Failed and slow requests are kept first; "size_cap" in the configuration gives more room, and ',
+		command('kaq pin'),
+		' keeps a request whatever comes.',
+	);
+}
+
+class TracePage implements Page {
+	readonly element = el('div', { class: 'page' });
+	private view: TraceView | undefined;
+	private question: AbortController | undefined;
+	private shown = '';
+	private filters = '';
+	private name = '';
+
+	constructor(private readonly kind: Kind) {}
+
+	title(address: Address): string {
+		return this.name || `${this.kind === 'request' ? 'Request' : 'Trace'} ${address.own.id ?? ''}`;
+	}
+
+	show(address: Address): void {
+		const id = address.own.id ?? '';
+		const { from, to, app, host } = address;
+		const filters = [from, to, app, host].join(' ');
+		const isOnlyFilters = id === this.shown && filters !== this.filters;
+		this.shown = id;
+		this.filters = filters;
+		// Time and application narrow other pages: a request stays what it is.
+		if (!isOnlyFilters) {
+			void this.ask(id);
+		}
+	}
+
+	end(): void {
+		this.question?.abort();
+		this.view?.end();
+	}
+
+	private async ask(id: string): Promise<void> {
+		this.question?.abort();
+		const question = new AbortController();
+		this.question = question;
+		const progress = el('p', { class: 'muted', role: 'status' }, 'Asking the collector …');
+		const waiting = setTimeout(() => replace(this.element, progress), 300);
+		try {
+			const model = await askModel(this.kind, id, question.signal, (spans) => replace(progress, `${count(spans)} spans have come …`));
+			if (this.question === question) {
+				this.fill(model);
+			}
+		} catch (error) {
+			if (this.question === question && !isAborted(error)) {
+				replace(this.element, errorState(this.kind === 'request' ? 'The request' : 'The trace', error, () => void this.ask(id)));
+			}
+		} finally {
+			clearTimeout(waiting);
+		}
+	}
+
+	private fill(model: Model): void {
+		this.view?.end();
+		this.view = undefined;
+		const row = model.parts[0]?.row ?? model.without[0];
+		this.name = row ? `${shortened(requestTitle(row), 80)}${model.isTrace ? ' (trace)' : ''}` : '';
+		document.title = `${this.name} – kaq`;
+		if (model.size === 0) {
+			replace(this.element, withoutSpans(model));
+			return;
+		}
+		this.view = new TraceView(model, surroundings);
+		replace(this.element, this.view.element);
+		this.view.restore();
+		setPageCommands(this.view.commands);
+	}
+}
 
 export function requestPage(): Page {
-	const panel = new Panel('', { what: 'The request' });
-	return {
-		element: panel.element,
-		title: (address) => `Request ${address.own.id ?? ''}`,
-		show: (address) =>
-			void panel.fill(async (signal) => {
-				const { request } = await api.request(address.own.id ?? '', signal);
-				return el('p', {}, request.name, ' ', duration(request.duration_ms), ' ', timeElement(request.start_ms));
-			}),
-		end: () => panel.end(),
-	};
+	return new TracePage('request');
 }
 
 export function tracePage(): Page {
-	const panel = new Panel('', { what: 'The trace' });
-	return {
-		element: panel.element,
-		title: (address) => `Trace ${address.own.id ?? ''}`,
-		show: (address) =>
-			void panel.fill(async (signal) => {
-				const trace = await api.trace(address.own.id ?? '', signal);
-				return el('p', {}, trace.trace_id, ' ', duration(trace.duration_ms));
-			}),
-		end: () => panel.end(),
-	};
+	return new TracePage('trace');
 }

@@ -1,0 +1,63 @@
+/* What is to be said about the request: the verdict first. A click shows the spans that it rests on. */
+import { el, shortened, type Child } from '../ui/dom';
+import { duration, plural, share } from '../ui/format';
+import type { FindingOfPart } from './model';
+import type { ViewState } from './state';
+
+const AT_FIRST = 4;
+
+function gain(finding: FindingOfPart): Child {
+	if (finding.gain_ms <= 0) {
+		return el('span', { class: 'finding-gain' });
+	}
+	const whole = Math.max(1, finding.part.row.duration_ms);
+	return el(
+		'span',
+		{ class: 'finding-gain', title: 'What the request would be faster by, at most' },
+		el('b', {}, duration(finding.gain_ms)),
+		el('span', { class: 'muted small' }, ` to gain, ${share(finding.gain_ms / whole)}`),
+		el('i', { class: 'gain-bar', style: { '--part': `${Math.min(100, (finding.gain_ms / whole) * 100)}%` }, 'aria-hidden': 'true' }),
+	);
+}
+
+/* `onShow` brings the waterfall to sight. */
+export function findingsElement(state: ViewState, onShow: () => void): HTMLElement {
+	const { model } = state;
+	const { findings } = model;
+	if (findings.length === 0) {
+		return el('p', { class: 'muted findings-none' }, 'Nothing stands out: no repeated statement, no slow or failed call.');
+	}
+	const buttons = findings.map((finding, i) => {
+		const of = `finding ${i}`;
+		const show = () => {
+			if (state.marksOf === of) {
+				state.unmark();
+				return;
+			}
+			state.mark(of, finding.nodes);
+			if (finding.nodes[0] !== undefined) {
+				state.choose(state.tree.visible[state.tree.rowOf[finding.nodes[0]] ?? 0]);
+			}
+			onShow();
+		};
+		return el(
+			'button',
+			{ type: 'button', class: i === 0 ? 'finding is-verdict' : 'finding', 'aria-pressed': 'false', title: finding.nodes.length > 0 ? 'Show the calls that this rests on' : undefined, on: { click: show } },
+			el('span', { class: 'finding-text', dir: 'auto' }, model.isTrace && el('span', { class: 'service' }, shortened(finding.part.row.application, 60)), shortened(finding.sentence, 400)),
+			gain(finding),
+			el('span', { class: 'muted small finding-where' }, finding.nodes.length > 0 ? `show ${plural(finding.nodes.length, 'call')}` : ''),
+		);
+	});
+	state.on((change) => {
+		if (change === 'marks') {
+			buttons.forEach((button, i) => button.setAttribute('aria-pressed', String(state.marksOf === `finding ${i}`)));
+		}
+	});
+	const rest = buttons.slice(AT_FIRST);
+	return el(
+		'section',
+		{ class: 'findings', 'aria-label': 'Findings' },
+		buttons.slice(0, AT_FIRST),
+		rest.length > 0 && el('details', {}, el('summary', {}, plural(rest.length, 'more finding')), rest),
+	);
+}

@@ -1,0 +1,97 @@
+/* The tabs of errors, of what was asked and answered, and of memory and processor time. */
+import type { Fields, RequestOfTrace } from '../api/types';
+import { el, shortened, type Child } from '../ui/dom';
+import { bytes, duration, plural, share } from '../ui/format';
+import { failureElement } from './details';
+import { layerBar, statusElement } from './head';
+import { requestTitle, titleOf, type Model, type Part } from './model';
+import type { ViewState } from './state';
+import { failedNodes } from './statements';
+import { facts, fieldSection, longText, section, stackList } from './texts';
+
+const ERRORS_AT_FIRST = 100;
+
+export function errorsTab(state: ViewState, onShow: () => void): Child {
+	const { model } = state;
+	const nodes = failedNodes(model);
+	if (nodes.length === 0) {
+		return el('p', { class: 'muted' }, 'Nothing failed: no error, no uncaught exception, no call without an answer.');
+	}
+	const item = (node: number): Child => {
+		const span = model.spans[node];
+		const show = () => {
+			state.reveal(node);
+			onShow();
+		};
+		return el(
+			'li',
+			{ class: 'error-item', 'data-row': true },
+			el('p', { class: 'row' }, el('button', { type: 'button', class: 'link', on: { click: show } }, shortened(titleOf(model, node), 160)), el('span', { class: 'muted small' }, `${duration(model.start[node])} after the begin`)),
+			span?.failures?.map(failureElement) ?? el('p', { class: 'bad' }, span?.endpoint ? (span.status ? `answered ${span.status}` : 'no answer') : 'failed'),
+			(span?.stack ?? []).length > 0 && el('details', {}, el('summary', {}, 'Stack'), stackList(span?.stack ?? [])),
+		);
+	};
+	const left = nodes.length - ERRORS_AT_FIRST;
+	return [el('ol', { class: 'errors' }, nodes.slice(0, ERRORS_AT_FIRST).map(item)), left > 0 && el('p', { class: 'muted' }, `and ${plural(left, 'more')}; "n" in the waterfall goes through all`)];
+}
+
+function each(model: Model, show: (part: Part) => Child): Child {
+	if (!model.isTrace) {
+		return model.parts[0] && show(model.parts[0]);
+	}
+	return model.parts.map((part, i) =>
+		el('details', { class: 'panel', open: i === 0 }, el('summary', {}, el('b', {}, shortened(part.row.application, 60)), ' ', shortened(requestTitle(part.row), 200), ' ', statusElement(part.row)), show(part)),
+	);
+}
+
+function none(details: RequestOfTrace): Child {
+	const { request_headers: sent, parameters, response_headers: received, custom_parameters: custom } = details;
+	return [sent, parameters, received, custom].every((list) => (list ?? []).length === 0) && el('p', { class: 'muted' }, 'No headers and no parameters were recorded.');
+}
+
+export function requestTab(model: Model): Child {
+	return each(model, ({ row, details }) => [
+		facts([
+			['Method', row.method],
+			['Path', longText(row.path, undefined, 1000)],
+			['Query', details.query_string && longText(details.query_string, undefined, 1000)],
+			['Status', row.web && row.status > 0 && String(row.status)],
+			['Host', row.host],
+			['Instance', row.instance],
+			['Group', details.application_group],
+			['Session', details.session && el('span', { class: 'mono' }, shortened(details.session, 200))],
+			['Received', details.bytes_in !== undefined && details.bytes_in > 0 && bytes(details.bytes_in)],
+			['Sent', details.bytes_out !== undefined && details.bytes_out > 0 && bytes(details.bytes_out)],
+		]),
+		el('div', { class: 'columns' }, fieldSection('Parameters', details.parameters), fieldSection('Request headers', details.request_headers), fieldSection('Response headers', details.response_headers), fieldSection('What the script attached', details.custom_parameters)),
+		none(details),
+	]);
+}
+
+function pairs(list: readonly (readonly unknown[])[] | undefined): Fields {
+	return (list ?? []).map(([name, value]) => [String(name), String(value)] as const);
+}
+
+export function resourcesTab(model: Model): Child {
+	return each(model, ({ row, details }) => {
+		const wall = Math.max(1, row.duration_ms);
+		return [
+			el(
+				'dl',
+				{ class: 'meters' },
+				meter('Processor', row.cpu_ms, wall, `${duration(row.cpu_ms)} of ${duration(row.duration_ms)}: ${share(row.cpu_ms / wall)}`),
+				meter('Databases', row.query_ms, wall, `${duration(row.query_ms)}: ${share(row.query_ms / wall)}`),
+				meter('External calls', row.external_ms, wall, `${duration(row.external_ms)}: ${share(row.external_ms / wall)}`),
+			),
+			el('p', { class: 'muted small' }, 'Processor time is that of the whole process while the request ran: in a server with threads, other requests are in it.'),
+			facts([['Memory, at most', row.memory_bytes > 0 && bytes(row.memory_bytes)]]),
+			section('Time by layer', layerBar(details.layers ?? {})),
+			fieldSection('Sums that the script told', pairs(details.sums)),
+			fieldSection('Averages that the script told', pairs(details.averages)),
+		];
+	});
+}
+
+function meter(name: string, value: number, whole: number, text: string): Child {
+	return el('div', {}, el('dt', {}, name), el('dd', {}, el('span', { class: 'bar', style: { '--part': `${Math.min(100, (value / whole) * 100)}%` } }), text));
+}

@@ -1,0 +1,150 @@
+/* A request, or a trace, with all that is known of it: the same in the collector's pages and in a file. */
+import { el } from '../ui/dom';
+import type { Command } from '../ui/keys';
+import { findingsElement } from './findings';
+import { requestHead, traceHead } from './head';
+import type { Model } from './model';
+import { ViewState } from './state';
+import { failedNodes, statementGroups } from './statements';
+import type { Surroundings } from './surroundings';
+import { errorsTab, requestTab, resourcesTab } from './tab_parts';
+import { SqlTab } from './tab_sql';
+import { Tabs } from './tabs';
+import { Timeline } from './timeline';
+
+const PATIENCE_MS = 250;
+
+export class TraceView {
+	readonly element: HTMLElement;
+	readonly state: ViewState;
+	readonly timeline: Timeline;
+	private readonly tabs: Tabs;
+	private waiting = 0;
+	private isRestored = false;
+
+	constructor(
+		private readonly model: Model,
+		private readonly surroundings: Surroundings,
+	) {
+		this.state = new ViewState(model);
+		const toTimeline = () => {
+			this.tabs.show('timeline');
+			this.timeline.show('waterfall');
+			this.timeline.element.scrollIntoView({ block: 'nearest' });
+			this.hold();
+		};
+		this.timeline = new Timeline(this.state, surroundings.links, () => this.hold());
+		const statements = () => new SqlTab(this.state, surroundings.links, toTimeline).element;
+		this.tabs = new Tabs(
+			'What is known of it',
+			[
+				{ name: 'timeline', title: 'Timeline', content: () => this.timeline.element },
+				{ name: 'sql', title: 'SQL', count: statementGroups(model).length, content: statements },
+				{ name: 'errors', title: 'Errors', count: failedNodes(model).length, content: () => errorsTab(this.state, toTimeline) },
+				{ name: 'request', title: model.isTrace ? 'Requests' : 'Request', content: () => requestTab(model) },
+				{ name: 'resources', title: 'Memory, CPU', content: () => resourcesTab(model) },
+			],
+			() => this.hold(),
+		);
+		const first = model.parts[0];
+		const head = model.isTrace || !first ? traceHead(model, surroundings) : requestHead(model, first.row, surroundings);
+		this.element = el('div', { class: 'page trace-page' }, head, findingsElement(this.state, toTimeline), this.tabs.element);
+		this.tabs.show('timeline');
+	}
+
+	/* REQUIRES: the element is in the page. */
+	restore(): void {
+		const { state, timeline } = this;
+		const { get } = this.surroundings;
+		state.tree.changes = get('open');
+		state.tree.lay();
+		state.tell('rows');
+		const [from, to] = get('zoom').split('-').map(Number);
+		if (from !== undefined && to !== undefined && to > from) {
+			state.zoomTo((zoom) => zoom.set(from, to));
+		}
+		timeline.show(get('view') === 'flame' ? 'flame' : 'waterfall');
+		const finding = Number(get('finding') || -1);
+		const shown = this.model.findings[finding];
+		if (shown) {
+			state.mark(`finding ${finding}`, shown.nodes);
+		}
+		this.restoreChoice(get('span'));
+		if (get('frame')) {
+			timeline.flame.opened = Number(get('frame'));
+		}
+		if (get('top')) {
+			timeline.waterfall.top = Number(get('top'));
+		}
+		this.tabs.show(get('tab') || 'timeline');
+		this.isRestored = true;
+		state.on(() => this.holdSoon());
+		timeline.waterfall.onScroll(() => this.holdSoon());
+	}
+
+	get commands(): readonly Command[] {
+		return this.timeline.commands.map((command) => ({ ...command, run: (event) => (this.isForTimeline(command, event) ? command.run(event) : false) }));
+	}
+
+	end(): void {
+		clearTimeout(this.waiting);
+		this.timeline.end();
+	}
+
+	/* What the verdict rests on is chosen at first. */
+	private restoreChoice(key: string): void {
+		const { state, model } = this;
+		const node = Number(/\d+$/.exec(key)?.[0] ?? -1);
+		if (node >= 0 && node < model.size) {
+			state.reveal(node, key);
+			return;
+		}
+		const evidence = model.findings[0]?.nodes[0];
+		const row = evidence === undefined || key === 'none' ? undefined : state.tree.visible[state.tree.rowOf[evidence] ?? -1];
+		if (row) {
+			state.choose(row);
+		}
+	}
+
+	/* On another tab, and where something else has the focus, keys mean what they mean everywhere. */
+	private isForTimeline(command: Command, event: KeyboardEvent): boolean {
+		if (command.keys.includes('w') || command.keys.includes('f')) {
+			this.tabs.show('timeline');
+			return true;
+		}
+		const isOwnKey = event.target instanceof HTMLElement && event.target.closest('[role=tablist], .table, .details, .request-head, .findings, header.top') !== null;
+		const moves = event.key.startsWith('Arrow') || ['Enter', 'Home', 'End', 'PageUp', 'PageDown'].includes(event.key);
+		return this.tabs.current === 'timeline' && !(isOwnKey && moves);
+	}
+
+	private holdSoon(): void {
+		clearTimeout(this.waiting);
+		this.waiting = setTimeout(() => this.hold(), PATIENCE_MS);
+	}
+
+	/* Has the address say what is shown. */
+	private hold(): void {
+		const { state, timeline } = this;
+		if (!this.isRestored) {
+			return;
+		}
+		const { zoom, choice } = state;
+		const usual = this.usualKey();
+		this.surroundings.set({
+			tab: this.tabs.current === 'timeline' ? '' : this.tabs.current,
+			view: timeline.look === 'flame' ? 'flame' : '',
+			span: choice ? (choice.key === usual ? '' : choice.key || String(choice.nodes[0] ?? '')) : usual ? 'none' : '',
+			zoom: zoom.isWhole ? '' : `${Number(zoom.from.toFixed(3))}-${Number(zoom.to.toFixed(3))}`,
+			open: state.tree.changes.slice(0, 2000),
+			top: timeline.waterfall.top > 0 ? String(timeline.waterfall.top) : '',
+			frame: timeline.flame.opened >= 0 ? String(timeline.flame.opened) : '',
+			finding: state.marksOf.startsWith('finding ') ? state.marksOf.slice(8) : '',
+		});
+	}
+
+	private usualKey(): string {
+		const evidence = this.model.findings[0]?.nodes[0];
+		return evidence === undefined ? '' : (this.state.tree.visible[this.state.tree.rowOf[evidence] ?? -1]?.key ?? '');
+	}
+}
+
