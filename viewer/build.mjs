@@ -1,11 +1,13 @@
 // Bundles the pages: node build.mjs DIRECTORY. What the collector serves is in DIRECTORY/files, and
-// DIRECTORY/viewer_files.cpp has it for the compiler. Needs the packages of package.json.
+// DIRECTORY/viewer_files.cpp has it for the compiler; DIRECTORY/shared_file.html is the page of files
+// that hold a request, and shared_file_page.cpp has that. Needs the packages of package.json.
 import { createHash } from 'node:crypto';
-import { copyFileSync, existsSync, mkdirSync, readFileSync, readdirSync, rmSync, writeFileSync } from 'node:fs';
+import { copyFileSync, mkdirSync, readFileSync, readdirSync, rmSync, writeFileSync } from 'node:fs';
 import { dirname, extname, join, resolve } from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { gzipSync } from 'node:zlib';
 import { build } from 'esbuild';
+import { sharedFilePage } from './shared_file.mjs';
 
 const LARGEST_BUNDLE = 150 * 1000; // bytes, gzipped, all files together
 
@@ -38,26 +40,31 @@ function licences() {
 		});
 }
 
-const entries = ['src/app.ts', 'src/shared_file.ts', 'style/app.css', 'style/shared_file.css']
-	.map((each) => join(here, each))
-	.filter((each) => existsSync(each));
 for (const each of [target, packed]) {
 	rmSync(each, { recursive: true, force: true });
 	mkdirSync(each, { recursive: true });
 }
-await build({
-	entryPoints: entries,
-	entryNames: '[name]',
-	outdir: target,
-	bundle: true,
-	minify: true,
-	format: 'iife',
-	target: ['es2022'],
-	charset: 'utf8',
-	legalComments: 'none',
-	define: { KAQ_LICENCES: JSON.stringify(licences()) },
-	logLevel: 'warning',
-});
+
+function bundle(entries, outdir) {
+	return build({
+		entryPoints: entries.map((each) => join(here, each)),
+		entryNames: '[name]',
+		outdir,
+		bundle: true,
+		minify: true,
+		format: 'iife',
+		target: ['es2022'],
+		charset: 'utf8',
+		legalComments: 'none',
+		define: { KAQ_LICENCES: JSON.stringify(licences()) },
+		logLevel: 'warning',
+	});
+}
+
+await bundle(['src/app.ts', 'style/app.css'], target);
+await bundle(['src/shared_file.ts', 'style/shared_file.css'], packed);
+const sharedFile = join(directory, 'shared_file.html');
+writeFileSync(sharedFile, sharedFilePage(...['js', 'css'].map((end) => readFileSync(join(packed, `shared_file.${end}`), 'utf8'))));
 for (const each of ['index.html', 'icon.svg']) {
 	copyFileSync(join(here, each), join(target, each));
 }
@@ -75,7 +82,13 @@ function embedded(symbol, path) {
 	].join('\n');
 }
 
-let sum = 0;
+function view(symbol) {
+	return `{${symbol}_begin, static_cast<size_t>(${symbol}_end - ${symbol}_begin)}`;
+}
+
+const sharedSize = gzipSync(readFileSync(sharedFile), { level: 9 }).length;
+console.log(`shared_file.html ${sharedSize}`);
+let sum = sharedSize;
 let symbols = '';
 let rows = '';
 const names = readdirSync(target).sort();
@@ -87,7 +100,6 @@ names.forEach((name, i) => {
 	console.log(`${name} ${gzip.length}`);
 	const etag = createHash('sha256').update(bytes).digest('hex').slice(0, 16);
 	const [plain, small] = [`kaq_viewer_${i}`, `kaq_viewer_${i}_gzip`];
-	const view = (symbol) => `{${symbol}_begin, static_cast<size_t>(${symbol}_end - ${symbol}_begin)}`;
 	symbols += embedded(plain, join(target, name)) + embedded(small, join(packed, `${name}.gz`));
 	rows += `\t\t{"/${name}", "${TYPES[extname(name)]}", "\\"${etag}\\"", ${view(plain)}, ${view(small)}},\n`;
 });
@@ -97,6 +109,13 @@ writeFileSync(
 const std::vector<kaq::ViewerFile> &kaq::viewer_files() {
 	static const std::vector<ViewerFile> kFiles = {\n${rows}\t};
 	return kFiles;
+}\n`,
+);
+writeFileSync(
+	join(directory, 'shared_file_page.cpp'),
+	`#include "query/shared_file.h"\n\n#include <cstddef>\n\n${embedded('kaq_shared_file', sharedFile)}
+std::string_view kaq::shared_file_page() {
+	return ${view('kaq_shared_file')};
 }\n`,
 );
 console.log(`all ${sum} bytes gzipped`);

@@ -1,7 +1,8 @@
 #!/bin/sh
 # Makes the pages that are built into the collector: viewer/build.sh DIRECTORY. The result is
-# DIRECTORY/made, with viewer_files.cpp for the compiler. Without npm, or where its packages cannot be
-# had, that has no pages in it, and this says so; a mistake in the sources is an error.
+# DIRECTORY/made, with viewer_files.cpp and shared_file_page.cpp for the compiler. Without npm, or where
+# its packages cannot be had, they have no pages in them, and this says so; a mistake in the sources is
+# an error.
 set -eu
 
 here=$(CDPATH='' cd -- "$(dirname -- "$0")" && pwd)
@@ -21,8 +22,15 @@ const std::vector<kaq::ViewerFile> &kaq::viewer_files() {
 	return kNone;
 }
 CPP
-	# Older than everything it is made from, so that the next build tries again.
-	touch -t 197001020000 "$build/made/viewer_files.cpp"
+	cat >"$build/made/shared_file_page.cpp" <<'CPP'
+#include "query/shared_file.h"
+
+std::string_view kaq::shared_file_page() {
+	return {};
+}
+CPP
+	# Older than everything they are made from, so that the next build tries again.
+	touch -t 197001020000 "$build/made/viewer_files.cpp" "$build/made/shared_file_page.cpp"
 	exit 0
 }
 
@@ -47,5 +55,5 @@ if ! cmp -s "$copy/package-lock.json.new" "$copy/package-lock.json" || [ ! -d "$
 	fi
 fi
 rm -rf "$copy/src" "$copy/style" "$build/made"
-cp -R "$here/src" "$here/style" "$here/build.mjs" "$here/index.html" "$here/icon.svg" "$copy/"
+cp -R "$here/src" "$here/style" "$here/build.mjs" "$here/shared_file.mjs" "$here/index.html" "$here/icon.svg" "$copy/"
 node "$copy/build.mjs" "$build/made" >"$build/viewer.log"

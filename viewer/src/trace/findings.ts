@@ -8,12 +8,12 @@ const AT_FIRST = 4;
 
 function gain(finding: FindingOfPart): Child {
 	if (finding.gain_ms <= 0) {
-		return el('span', { class: 'finding-gain' });
+		return el('span', { class: 'verdict-gain' });
 	}
 	const whole = Math.max(1, finding.part.row.duration_ms);
 	return el(
 		'span',
-		{ class: 'finding-gain', title: 'What the request would be faster by, at most' },
+		{ class: 'verdict-gain', title: 'What the request would be faster by, at most' },
 		el('b', {}, duration(finding.gain_ms)),
 		el('span', { class: 'muted small' }, ` to gain, ${share(finding.gain_ms / whole)}`),
 		el('i', { class: 'gain-bar', style: { '--part': `${Math.min(100, (finding.gain_ms / whole) * 100)}%` }, 'aria-hidden': 'true' }),
@@ -25,7 +25,7 @@ export function findingsElement(state: ViewState, onShow: () => void): HTMLEleme
 	const { model } = state;
 	const { findings } = model;
 	if (findings.length === 0) {
-		return el('p', { class: 'muted findings-none' }, 'Nothing stands out: no repeated statement, no slow or failed call.');
+		return el('p', { class: 'muted' }, 'Nothing stands out: no repeated statement, no slow or failed call.');
 	}
 	const buttons = findings.map((finding, i) => {
 		const of = `finding ${i}`;
@@ -42,10 +42,10 @@ export function findingsElement(state: ViewState, onShow: () => void): HTMLEleme
 		};
 		return el(
 			'button',
-			{ type: 'button', class: i === 0 ? 'finding is-verdict' : 'finding', 'aria-pressed': 'false', title: finding.nodes.length > 0 ? 'Show the calls that this rests on' : undefined, on: { click: show } },
-			el('span', { class: 'finding-text', dir: 'auto' }, model.isTrace && el('span', { class: 'service' }, shortened(finding.part.row.application, 60)), shortened(finding.sentence, 400)),
+			{ type: 'button', class: i === 0 ? 'verdict is-first' : 'verdict', 'aria-pressed': 'false', title: finding.nodes.length > 0 ? 'Show the calls that this rests on' : undefined, on: { click: show } },
+			el('span', { class: 'verdict-text', dir: 'auto' }, model.isTrace && el('span', { class: 'service' }, shortened(finding.part.row.application, 60)), shortened(finding.sentence, 400)),
 			gain(finding),
-			el('span', { class: 'muted small finding-where' }, finding.nodes.length > 0 ? `show ${plural(finding.nodes.length, 'call')}` : ''),
+			el('span', { class: 'muted small verdict-where' }, finding.nodes.length > 0 ? `show ${plural(finding.nodes.length, 'call')}` : ''),
 		);
 	});
 	state.on((change) => {
@@ -56,7 +56,7 @@ export function findingsElement(state: ViewState, onShow: () => void): HTMLEleme
 	const rest = buttons.slice(AT_FIRST);
 	return el(
 		'section',
-		{ class: 'findings', 'aria-label': 'Findings' },
+		{ class: 'verdicts', 'aria-label': 'Findings' },
 		buttons.slice(0, AT_FIRST),
 		rest.length > 0 && el('details', {}, el('summary', {}, plural(rest.length, 'more finding')), rest),
 	);

@@ -56,7 +56,7 @@ export function layersOf(model: Model): Record<string, number> {
 function requestFigures(row: RequestRow): Child {
 	return el(
 		'dl',
-		{ class: 'figures' },
+		{ class: 'request-figures' },
 		figure('took', el('b', {}, duration(row.duration_ms))),
 		row.cpu_ms > 0 && figure('processor', duration(row.cpu_ms)),
 		row.memory_bytes > 0 && figure('memory', bytes(row.memory_bytes)),
@@ -138,7 +138,7 @@ export function traceHead(model: Model, surroundings: Surroundings): HTMLElement
 			el('span', { class: 'mono' }, shortened(model.id, 80)),
 			model.leftOut > 0 && el('span', { class: 'warn' }, `${plural(model.leftOut, 'more request')} left out: too many to be shown`),
 		),
-		el('dl', { class: 'figures' }, figure('took', el('b', {}, duration(model.duration))), figure('spans', plural(model.size, 'span'))),
+		el('dl', { class: 'request-figures' }, figure('took', el('b', {}, duration(model.duration))), figure('spans', plural(model.size, 'span'))),
 		layerBar(layersOf(model)),
 		requestTree(model, surroundings),
 	);

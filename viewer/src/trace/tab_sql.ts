@@ -70,7 +70,7 @@ export class SqlTab {
 		const below = el('tr', { class: 'details-row', hidden: true });
 		const toggle: HTMLButtonElement = el(
 			'button',
-			{ type: 'button', class: 'link statement', 'aria-expanded': 'false', on: { click: () => this.toggle(toggle, below, group) } },
+			{ type: 'button', class: 'link statement-button', 'aria-expanded': 'false', on: { click: () => this.toggle(toggle, below, group) } },
 			el('span', { class: 'mono cut' }, shortened(group.statement, 300)),
 		);
 		const row = el(
