@@ -2,7 +2,7 @@
 import { askStream } from '../api/ask';
 import type { OneRequest, Trace } from '../api/types';
 import { ModelBuilder, type Model } from './model';
-import { AnswerSplitter, Breaks } from './split';
+import { AnswerSplitter, Breaks, nextTask } from './split';
 
 export type Kind = 'request' | 'trace';
 
@@ -19,10 +19,11 @@ export async function askModel(kind: Kind, id: string, signal: AbortSignal, onPr
 			break;
 		}
 		splitter.push(value);
-		onProgress(builder.size);
-		await breaks.take();
+		if (await breaks.take()) {
+			onProgress(builder.size);
+		}
 	}
 	const answer = splitter.end();
-	await breaks.take();
+	await nextTask();
 	return kind === 'request' ? builder.request(answer as OneRequest) : builder.trace(answer as Trace);
 }

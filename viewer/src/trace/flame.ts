@@ -5,7 +5,7 @@
 import { el } from '../ui/dom';
 import { duration, share, times } from '../ui/format';
 import { Drawing } from './canvas';
-import { flameTree, type FlameTree, type Frame } from './flame_tree';
+import { FlameTree, type Frame } from './flame_tree';
 import { LAYERS } from './model';
 import type { ViewState } from './state';
 import { hideTip, showTip } from './tip';
@@ -26,6 +26,8 @@ export class Flame {
 	private known: FlameTree | undefined;
 	private root: Frame | undefined;
 	private hovered: Frame | undefined;
+	private chosenNode: number | undefined;
+	private chosenFrame: Frame | undefined;
 
 	constructor(private readonly state: ViewState) {
 		this.scroller = el('div', { class: 'waterfall-scroll flame-scroll', role: 'tree', tabindex: 0, 'aria-label': 'Calls, as a flame graph' });
@@ -51,13 +53,17 @@ export class Flame {
 
 	/* Made when it is first looked at. */
 	get tree(): FlameTree {
-		this.known ??= flameTree(this.state.model);
+		this.known ??= new FlameTree(this.state.model);
 		return this.known;
 	}
 
 	get chosen(): Frame | undefined {
 		const node = this.state.choice?.nodes[0];
-		return node === undefined ? undefined : this.tree.frameOf[node];
+		if (node !== this.chosenNode) {
+			this.chosenNode = node;
+			this.chosenFrame = node === undefined ? undefined : this.tree.frameOf(node);
+		}
+		return this.chosenFrame;
 	}
 
 	/* The frame that has the whole width, by one of its spans; -1: all have it. */
@@ -66,7 +72,7 @@ export class Flame {
 	}
 
 	set opened(node: number) {
-		this.root = node < 0 ? undefined : this.tree.frameOf[node];
+		this.root = node < 0 ? undefined : this.tree.frameOf(node);
 		this.drawing.redraw();
 	}
 
@@ -93,9 +99,9 @@ export class Flame {
 			this.choose(this.tree.tops[0]);
 			return;
 		}
-		const beside = chosen.above?.below ?? this.tree.tops;
+		const beside = this.beside(chosen);
 		const at = beside.indexOf(chosen);
-		const next = { up: chosen.above, down: chosen.below[0], left: beside[at - 1], right: beside[at + 1] }[direction];
+		const next = { up: chosen.above, down: this.tree.below(chosen)[0], left: beside[at - 1], right: beside[at + 1] }[direction];
 		if (next) {
 			if (this.root && !isWithin(next, this.root)) {
 				this.open(next);
@@ -106,6 +112,9 @@ export class Flame {
 
 	/* After it was hidden. */
 	resize(): void {
+		if (this.scroller.offsetParent === null) {
+			return;
+		}
 		this.spacer.style.setProperty('height', `${(this.tree.deepest + 1) * FRAME_HEIGHT + 4}px`);
 		this.drawing.element.style.setProperty('height', `${this.scroller.clientHeight}px`);
 		this.drawing.resize();
@@ -114,6 +123,10 @@ export class Flame {
 	end(): void {
 		hideTip();
 		this.drawing.end();
+	}
+
+	private beside(frame: Frame): readonly Frame[] {
+		return frame.above ? this.tree.below(frame.above) : this.tree.tops;
 	}
 
 	private get scale(): number {
@@ -134,7 +147,7 @@ export class Flame {
 		const at = (this.root?.at ?? 0) + (event.clientX - box.left) / this.scale;
 		let frame = this.tree.tops.find((each) => at >= each.at && at < each.at + each.value);
 		while (frame && frame.depth < depth) {
-			frame = frame.below.find((each) => at >= each.at && at < each.at + each.value);
+			frame = this.tree.below(frame).find((each) => at >= each.at && at < each.at + each.value);
 		}
 		return frame;
 	}
@@ -156,7 +169,7 @@ export class Flame {
 			if (y + FRAME_HEIGHT > top) {
 				this.paint(frame, left, right, y - top);
 			}
-			for (const each of frame.below) {
+			for (const each of tree.below(frame)) {
 				waiting.push(each);
 			}
 		}
@@ -226,7 +239,7 @@ export class Flame {
 		for (let frame = chosen; frame; frame = frame.above) {
 			shown.unshift(frame);
 		}
-		shown.push(...(chosen?.below ?? []));
+		shown.push(...(chosen ? this.tree.below(chosen) : []));
 		this.mirror.replaceChildren(...shown.slice(0, 300).map((frame) => this.item(frame, frame === chosen)));
 		if (chosen) {
 			this.scroller.setAttribute('aria-activedescendant', `${this.name}-${chosen.id}`);
@@ -234,7 +247,7 @@ export class Flame {
 	}
 
 	private item(frame: Frame, isChosen: boolean): HTMLElement {
-		const beside = frame.above?.below ?? this.tree.tops;
+		const beside = this.beside(frame);
 		const many = frame.nodes.length > 1 ? `${frame.nodes.length} times ` : '';
 		return el(
 			'div',

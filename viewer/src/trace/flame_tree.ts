@@ -1,6 +1,6 @@
 /*
  * The frames of a flame graph: calls that are reached in the same way and do the same are one frame, as
- * wide as they and all below them took themselves.
+ * wide as they and all below them took themselves. What is below a frame is made when it is looked at.
  */
 import { childrenOf, titleOf, type Model } from './model';
 
@@ -12,66 +12,53 @@ export interface Frame {
 	readonly above: Frame | undefined;
 	readonly depth: number;
 	/* Of all its calls. */
-	self: number;
+	readonly self: number;
 	/* With all that is below. */
-	value: number;
-	isFailed: boolean;
-	/* The widest comes first. */
-	below: readonly Frame[];
+	readonly value: number;
+	readonly isFailed: boolean;
 	/* Where it begins, in milliseconds from the left end. */
 	at: number;
 }
 
-export interface FlameTree {
+interface Making {
+	readonly node: number;
+	readonly label: string;
+	readonly nodes: number[];
+	self: number;
+	value: number;
+	isFailed: boolean;
+}
+
+export class FlameTree {
 	readonly tops: readonly Frame[];
 	readonly value: number;
 	readonly deepest: number;
-	readonly frameOf: readonly (Frame | undefined)[];
-}
-
-interface Making extends Frame {
-	nodes: number[];
-	below: Making[];
-}
-
-class FlameMaker {
-	readonly frameOf: (Frame | undefined)[];
+	private readonly values: Float64Array;
+	private readonly known = new Map<Frame, readonly Frame[]>();
 	private ids = 0;
-	private deepest = 0;
 
 	constructor(private readonly model: Model) {
-		this.frameOf = new Array<Frame | undefined>(model.size);
+		this.values = valuesOf(model);
+		this.tops = this.framesOf(model.roots, undefined);
+		this.value = Math.max(1, place(this.tops, 0));
+		this.deepest = model.depth.reduce((most, depth) => Math.max(most, depth), 0);
 	}
 
-	make(): FlameTree {
-		const tops = this.framesOf(this.model.roots, undefined);
-		// Callers come before what they call.
-		const all: Making[] = [];
-		const waiting = [...tops];
-		for (let frame = waiting.pop(); frame; frame = waiting.pop()) {
-			all.push(frame);
-			frame.below = this.framesOf(this.callsOf(frame.nodes), frame);
-			for (const each of frame.below) {
-				waiting.push(each);
-			}
+	/* The widest comes first. */
+	below(frame: Frame): readonly Frame[] {
+		let frames = this.known.get(frame);
+		if (!frames) {
+			frames = this.framesOf(this.callsOf(frame.nodes), frame).sort((one, other) => other.value - one.value || one.id - other.id);
+			place(frames, frame.at);
+			this.known.set(frame, frames);
 		}
-		for (const frame of all.reverse()) {
-			frame.value = frame.self + frame.below.reduce((sum, each) => sum + each.value, 0);
-			frame.below.sort((one, other) => other.value - one.value || one.id - other.id);
-		}
-		let at = 0;
-		for (const top of tops) {
-			top.at = at;
-			at += top.value;
-		}
-		for (const frame of all.reverse()) {
-			let begin = frame.at;
-			for (const each of frame.below) {
-				each.at = begin;
-				begin += each.value;
-			}
-		}
-		return { tops, value: Math.max(1, at), deepest: this.deepest, frameOf: this.frameOf };
+		return frames;
+	}
+
+	frameOf(node: number): Frame | undefined {
+		const above = this.model.parent[node] ?? -1;
+		const frame = above < 0 ? undefined : this.frameOf(above);
+		return (frame ? this.below(frame) : this.tops).find((each) => each.nodes.includes(node));
 	}
 
 	private callsOf(nodes: readonly number[]): number[] {
@@ -84,33 +71,46 @@ class FlameMaker {
 		return calls;
 	}
 
-	private framesOf(nodes: readonly number[], above: Making | undefined): Making[] {
+	private framesOf(nodes: readonly number[], above: Frame | undefined): Frame[] {
 		const { model } = this;
-		const frames = new Map<string, Making>();
+		const frames = new Map<number | string, Making>();
 		for (const node of nodes) {
 			const isRequest = model.parts[model.part[node] ?? 0]?.first === node;
-			const key = isRequest ? titleOf(model, node) : `${model.label[node] ?? 0}`;
+			const label = model.label[node] ?? 0;
+			const key = isRequest ? titleOf(model, node) : label;
 			let frame = frames.get(key);
 			if (!frame) {
-				frame = this.frame(isRequest ? key : (model.labels[model.label[node] ?? 0] ?? ''), node, above);
+				frame = { node, label: isRequest ? String(key) : (model.labels[label] ?? ''), nodes: [], self: 0, value: 0, isFailed: false };
 				frames.set(key, frame);
 			}
 			frame.nodes.push(node);
 			frame.self += model.self[node] ?? 0;
+			frame.value += this.values[node] ?? 0;
 			frame.isFailed ||= model.isFailed[node] === 1;
-			this.frameOf[node] = frame;
 		}
-		return [...frames.values()];
-	}
-
-	private frame(label: string, node: number, above: Making | undefined): Making {
 		const depth = above ? above.depth + 1 : 0;
-		this.deepest = Math.max(this.deepest, depth);
-		const layer = this.model.layer[node] ?? 0;
-		return { id: ++this.ids, label, layer, nodes: [], above, depth, self: 0, value: 0, isFailed: false, below: [], at: 0 };
+		return [...frames.values()].map(({ node, ...each }) => ({ ...each, id: ++this.ids, layer: model.layer[node] ?? 0, above, depth, at: 0 }));
 	}
 }
 
-export function flameTree(model: Model): FlameTree {
-	return new FlameMaker(model).make();
+/* Beside each other; returns how wide they are together. */
+function place(frames: readonly Frame[], from: number): number {
+	let at = from;
+	for (const frame of frames) {
+		frame.at = at;
+		at += frame.value;
+	}
+	return at - from;
+}
+
+/* Of each span what it and all below it took themselves. */
+function valuesOf(model: Model): Float64Array {
+	const values = model.self.slice();
+	for (let i = model.size; i-- > 0;) {
+		const above = model.parent[i] ?? -1;
+		if (above >= 0 && !model.isRepeated[i]) {
+			values[above] = (values[above] ?? 0) + (values[i] ?? 0);
+		}
+	}
+	return values;
 }

@@ -81,13 +81,7 @@ export function isHttpCall(span: Span): boolean {
 
 /* What a span does, without what differs from one call to the next. */
 function labelOf(span: Span): string {
-	if (span.statement) {
-		return plain(span.statement);
-	}
-	if (span.endpoint) {
-		return plain(span.endpoint);
-	}
-	return plain(span.host ? `${span.name}  ${span.host}` : span.name || '(no name)');
+	return span.statement ?? span.endpoint ?? (span.host ? `${span.name}  ${span.host}` : span.name);
 }
 
 export function requestTitle(row: RequestRow): string {
@@ -158,7 +152,7 @@ export class ModelBuilder {
 	private number(label: string): number {
 		let number = this.numbers.get(label);
 		if (number === undefined) {
-			number = this.labels.push(label) - 1;
+			number = this.labels.push(plain(label) || '(no name)') - 1;
 			this.numbers.set(label, number);
 		}
 		return number;
@@ -190,7 +184,7 @@ export class ModelBuilder {
 		for (let i = 0; i < spans.length; i++) {
 			end = Math.max(end, columns.end[i] ?? 0);
 		}
-		const roots = [...columns.parent.keys()].filter((i) => columns.parent[i] === -1);
+		const roots = parts.map((part) => part.first).filter((first) => columns.parent[first] === -1);
 		return { ...known, ...columns, duration: end, size: spans.length, spans, parts, without, labels: this.labels, findings: findingsOf(parts), roots };
 	}
 }
@@ -331,10 +325,21 @@ function link(columns: Writable): void {
 }
 
 function addSteps(columns: Writable, parts: readonly Part[], path: readonly PathStep[]): void {
-	const known = path.filter((step) => step.span < (parts[step.request ?? 0]?.count ?? 0));
-	columns.stepNode = Uint32Array.from(known, (step) => (parts[step.request ?? 0]?.first ?? 0) + step.span);
-	columns.stepFrom = Float64Array.from(known, (step) => step.from_ms);
-	columns.stepTo = Float64Array.from(known, (step) => step.to_ms);
+	const nodes = new Uint32Array(path.length);
+	const [from, to] = [new Float64Array(path.length), new Float64Array(path.length)];
+	let steps = 0;
+	for (const step of path) {
+		const part = parts[step.request ?? 0];
+		if (part && step.span < part.count) {
+			nodes[steps] = part.first + step.span;
+			from[steps] = step.from_ms;
+			to[steps] = step.to_ms;
+			steps++;
+		}
+	}
+	columns.stepNode = nodes.subarray(0, steps);
+	columns.stepFrom = from.subarray(0, steps);
+	columns.stepTo = to.subarray(0, steps);
 }
 
 export function childrenOf(model: Columns, node: number): Uint32Array {

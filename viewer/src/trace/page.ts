@@ -11,6 +11,7 @@ import type { Page } from '../ui/page';
 import { command, emptyState, errorState } from '../ui/states';
 import { askModel, type Kind } from './ask';
 import { requestTitle, type Model } from './model';
+import { nextTask } from './split';
 import type { Links, Surroundings } from './surroundings';
 import { TraceView } from './view';
 
@@ -114,8 +115,9 @@ class TracePage implements Page {
 		const waiting = setTimeout(() => replace(this.element, progress), 300);
 		try {
 			const model = await askModel(this.kind, id, question.signal, (spans) => replace(progress, `${count(spans)} spans have come …`));
+			await nextTask();
 			if (this.question === question) {
-				this.fill(model);
+				await this.fill(model, question.signal);
 			}
 		} catch (error) {
 			if (this.question === question && !isAborted(error)) {
@@ -126,7 +128,7 @@ class TracePage implements Page {
 		}
 	}
 
-	private fill(model: Model): void {
+	private async fill(model: Model, signal: AbortSignal): Promise<void> {
 		this.view?.end();
 		this.view = undefined;
 		const row = model.parts[0]?.row ?? model.without[0];
@@ -136,10 +138,16 @@ class TracePage implements Page {
 			replace(this.element, withoutSpans(model));
 			return;
 		}
-		this.view = new TraceView(model, surroundings);
-		replace(this.element, this.view.element);
-		this.view.restore();
-		setPageCommands(this.view.commands);
+		const view = new TraceView(model, surroundings);
+		await nextTask();
+		if (signal.aborted) {
+			view.end();
+			return;
+		}
+		this.view = view;
+		replace(this.element, view.element);
+		view.restore();
+		setPageCommands(view.commands);
 	}
 }
 

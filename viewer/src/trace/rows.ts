@@ -45,6 +45,7 @@ const LARGE_PART = 0.01;
 
 const KIND_LETTERS: Readonly<Record<RowKind, string>> = { call: '', alike: 'a', each: 'e', silent: 's' };
 const TOGETHER = 'm';
+const ALL_SIGNS = { open: '*', closed: '-*' } as const;
 
 const SILENT_TEXTS = { polls: 'polls of transfers', options: 'calls that set up transfers' } as const;
 
@@ -55,6 +56,7 @@ export class RowTree {
 	/* Of each span the visible row that stands for it. */
 	readonly rowOf: Int32Array;
 	private readonly toggled = new Map<string, boolean>();
+	private all: 'open' | 'closed' | undefined;
 
 	constructor(readonly model: Model) {
 		this.rowOf = new Int32Array(model.size);
@@ -76,40 +78,27 @@ export class RowTree {
 		}
 	}
 
-	openAll(): void {
-		const waiting = [...this.tops];
-		for (let row = waiting.pop(); row; row = waiting.pop()) {
-			if (row.mayOpen && row.kind !== 'each' && !isLeafGroup(row)) {
-				this.setOpen(row, true);
-				for (const each of this.below(row)) {
-					waiting.push(each);
-				}
-			}
-		}
-	}
-
-	closeAll(): void {
+	/* All rows, but for calls that are one row. REQUIRES: lay() afterwards. */
+	setAll(isOpen: boolean): void {
+		this.all = isOpen ? 'open' : 'closed';
 		this.toggled.clear();
-		const waiting = [...this.tops];
-		for (let row = waiting.pop(); row; row = waiting.pop()) {
-			if (row.depth > 0 && row.mayOpen) {
-				this.setOpen(row, false);
-			}
-			for (const each of row.below ?? []) {
-				waiting.push(each);
-			}
-		}
 	}
 
 	/* What was opened and closed by hand. */
 	get changes(): string {
-		return [...this.toggled].map(([key, isOpen]) => (isOpen ? '' : '-') + key).join('~');
+		const all = this.all ? [ALL_SIGNS[this.all]] : [];
+		return [...all, ...[...this.toggled].map(([key, isOpen]) => (isOpen ? '' : '-') + key)].join('~');
 	}
 
 	set changes(text: string) {
 		this.toggled.clear();
+		this.all = undefined;
 		for (const each of text.split('~').filter(Boolean)) {
-			this.toggled.set(each.replace(/^-/, ''), !each.startsWith('-'));
+			if (each === ALL_SIGNS.open || each === ALL_SIGNS.closed) {
+				this.all = each === ALL_SIGNS.open ? 'open' : 'closed';
+			} else {
+				this.toggled.set(each.replace(/^-/, ''), !each.startsWith('-'));
+			}
 		}
 	}
 
@@ -174,6 +163,9 @@ export class RowTree {
 		if (row.kind === 'each' || row.kind === 'silent' || isLeafGroup(row)) {
 			return false;
 		}
+		if (this.all) {
+			return this.all === 'open' || row.depth === 0;
+		}
 		return model.size <= FEW_SPANS || row.hasFailed || row.depth === 0 || row.total >= model.duration * LARGE_PART;
 	}
 
@@ -207,6 +199,9 @@ export class RowTree {
 	/* Of each kind of silent calls a row. */
 	private silentRows(calls: readonly number[], above: Row): Row[] {
 		const rows: Row[] = [];
+		if (!calls.some((node) => this.model.spans[node]?.fold)) {
+			return rows;
+		}
 		for (const fold of ['polls', 'options'] as const) {
 			const nodes = calls.filter((node) => this.model.spans[node]?.fold === fold);
 			if (nodes.length > 0) {
@@ -219,6 +214,9 @@ export class RowTree {
 	/* Calls of one shape together, where there are some; otherwise each for itself. */
 	private alike(calls: readonly number[], fewest: number): number[][] {
 		const { shape, spans, parts, part } = this.model;
+		if (calls.length < fewest) {
+			return calls.filter((node) => !spans[node]?.fold).map((node) => [node]);
+		}
 		const lists = new Map<number, number[]>();
 		for (const node of calls) {
 			if (spans[node]?.fold) {

@@ -164,10 +164,13 @@ export function nextTask(): Promise<void> {
 export class Breaks {
 	private since = performance.now();
 
-	async take(): Promise<void> {
-		if (performance.now() - this.since > PATIENCE_MS) {
-			await nextTask();
-			this.since = performance.now();
+	/* Whether there was one. */
+	async take(): Promise<boolean> {
+		if (performance.now() - this.since <= PATIENCE_MS) {
+			return false;
 		}
+		await nextTask();
+		this.since = performance.now();
+		return true;
 	}
 }

@@ -10,20 +10,37 @@ export interface StatementGroup {
 	readonly failed: number;
 }
 
+interface Making {
+	readonly statement: string;
+	readonly database: string;
+	readonly server: string | undefined;
+	readonly name: string | undefined;
+	readonly nodes: number[];
+	total: number;
+	longest: number;
+	failed: number;
+}
+
 /* What took longest comes first. */
 export function statementGroups(model: Model): StatementGroup[] {
-	const groups = new Map<string, { statement: string; database: string; nodes: number[]; total: number; longest: number; failed: number }>();
+	const known = new Map<string, Making[]>();
+	const groups: Making[] = [];
 	for (let node = 0; node < model.size; node++) {
 		const span = model.spans[node];
 		if (span?.statement === undefined || model.isRepeated[node]) {
 			continue;
 		}
-		const database = [span.database_server, span.database_name].filter(Boolean).join(' / ');
-		const key = `${database}\n${span.statement}`;
-		let group = groups.get(key);
+		let same = known.get(span.statement);
+		if (!same) {
+			same = [];
+			known.set(span.statement, same);
+		}
+		let group = same.find((each) => each.server === span.database_server && each.name === span.database_name);
 		if (!group) {
-			group = { statement: span.statement, database, nodes: [], total: 0, longest: 0, failed: 0 };
-			groups.set(key, group);
+			const database = [span.database_server, span.database_name].filter(Boolean).join(' / ');
+			group = { statement: span.statement, server: span.database_server, name: span.database_name, database, nodes: [], total: 0, longest: 0, failed: 0 };
+			same.push(group);
+			groups.push(group);
 		}
 		const took = (model.end[node] ?? 0) - (model.start[node] ?? 0);
 		group.nodes.push(node);
@@ -31,7 +48,7 @@ export function statementGroups(model: Model): StatementGroup[] {
 		group.longest = Math.max(group.longest, took);
 		group.failed += model.isFailed[node] ?? 0;
 	}
-	return [...groups.values()].sort((one, other) => other.total - one.total || other.nodes.length - one.nodes.length);
+	return groups.sort((one, other) => other.total - one.total || other.nodes.length - one.nodes.length);
 }
 
 /* Spans that hold an error, by their start. */

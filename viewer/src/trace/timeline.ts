@@ -114,8 +114,8 @@ export class Timeline {
 			{ keys: ['n'], text: 'Next error', run: does(() => this.nextFailure(1)) },
 			{ keys: ['N'], text: 'Error before', run: does(() => this.nextFailure(-1)) },
 			{ keys: ['p'], text: 'Next part of the critical path', run: does(() => this.nextStep()) },
-			{ keys: ['e'], text: 'Open all rows', run: does(() => this.openAll()) },
-			{ keys: ['c'], text: 'Close all rows', run: does(() => this.closeAll()) },
+			{ keys: ['e'], text: 'Open all rows', run: does(() => this.setAll(true)) },
+			{ keys: ['c'], text: 'Close all rows', run: does(() => this.setAll(false)) },
 			{ keys: ['s'], text: 'Find a call', run: does(() => this.find.focus()) },
 			{ keys: ['Escape'], text: 'Choose and mark nothing', run: does(() => this.clear()) },
 		];
@@ -133,7 +133,7 @@ export class Timeline {
 			{ class: 'timeline-tools row' },
 			el('div', { class: 'joined', role: 'group', 'aria-label': 'Drawing' }, this.looks.waterfall, this.looks.flame),
 			el('div', { class: 'joined', role: 'group', 'aria-label': 'Zoom' }, button('−', 'Zoom out ( - )', () => this.zoom(1 / ZOOM_STEP)), button('+', 'Zoom in ( + )', () => this.zoom(ZOOM_STEP)), button('All', 'All of the time ( 0 )', () => this.zoom(Infinity))),
-			el('div', { class: 'joined of-rows', role: 'group', 'aria-label': 'Rows' }, button('Open all', 'Open all rows ( e )', () => this.openAll()), button('Close all', 'Close all rows ( c )', () => this.closeAll())),
+			el('div', { class: 'joined of-rows', role: 'group', 'aria-label': 'Rows' }, button('Open all', 'Open all rows ( e )', () => this.setAll(true)), button('Close all', 'Close all rows ( c )', () => this.setAll(false))),
 			this.find,
 			this.found,
 		);
@@ -237,14 +237,8 @@ export class Timeline {
 		}
 	}
 
-	private openAll(): void {
-		this.state.tree.openAll();
-		this.state.tree.lay();
-		this.state.tell('rows');
-	}
-
-	private closeAll(): void {
-		this.state.tree.closeAll();
+	private setAll(isOpen: boolean): void {
+		this.state.tree.setAll(isOpen);
 		this.state.tree.lay();
 		this.state.tell('rows');
 	}

@@ -18,6 +18,7 @@ type Zone = 'head' | 'twisty' | 'name' | 'bars';
 
 interface Place {
 	readonly row: Row | undefined;
+	readonly index: number;
 	readonly zone: Zone;
 	readonly time: number;
 }
@@ -30,6 +31,8 @@ export class Waterfall {
 	private readonly mirror: RowMirror;
 	private places: Places = placesFor(800, 1);
 	private hovered = -1;
+	/* Worked out when it is asked for. */
+	private chosenRow: number | undefined;
 	private pointerTime = -1;
 	private steps: (number[] | undefined)[] = [];
 	private isMarked: Uint8Array | undefined;
@@ -49,6 +52,9 @@ export class Waterfall {
 		new ResizeObserver(() => this.resize()).observe(this.scroller);
 		this.listen();
 		state.on((change) => {
+			if (change === 'choice' || change === 'rows') {
+				this.chosenRow = undefined;
+			}
 			if (change === 'rows') {
 				this.layRows();
 			}
@@ -70,12 +76,21 @@ export class Waterfall {
 
 	/* Of the chosen row among those that are visible; -1 if there is none. */
 	get chosen(): number {
+		this.chosenRow ??= this.findChosen();
+		return this.chosenRow;
+	}
+
+	private findChosen(): number {
 		const { choice } = this.state;
 		if (!choice) {
 			return -1;
 		}
-		const known = choice.key ? this.rows.findIndex((row) => row.key === choice.key) : -1;
-		return known >= 0 ? known : (this.state.tree.rowOf[choice.nodes[0] ?? 0] ?? -1);
+		const likely = this.state.tree.rowOf[choice.nodes[0] ?? 0] ?? -1;
+		if (!choice.key || this.rows[likely]?.key === choice.key) {
+			return likely;
+		}
+		const known = this.rows.findIndex((row) => row.key === choice.key);
+		return known >= 0 ? known : likely;
 	}
 
 	get top(): number {
@@ -130,12 +145,12 @@ export class Waterfall {
 	private layMarks(): void {
 		const { marks, tree } = this.state;
 		this.isMarked = marks && new Uint8Array(tree.visible.length);
-		marks?.forEach((is, node) => {
+		for (let node = 0; marks && this.isMarked && node < marks.length; node++) {
 			const row = tree.rowOf[node] ?? -1;
-			if (is && row >= 0 && this.isMarked) {
+			if (marks[node] && row >= 0) {
 				this.isMarked[row] = 1;
 			}
-		});
+		}
 	}
 
 	private resize(): void {
@@ -200,7 +215,7 @@ export class Waterfall {
 		const { places, state } = this;
 		const time = state.zoom.from + ((x - places.names) / (places.width - places.names)) * (state.zoom.to - state.zoom.from);
 		if (y < HEAD_HEIGHT) {
-			return { row: undefined, zone: x < places.names ? 'name' : 'head', time };
+			return { row: undefined, index: -1, zone: x < places.names ? 'name' : 'head', time };
 		}
 		const within = y - HEAD_HEIGHT + this.scroller.scrollTop;
 		const index = Math.floor(within / places.rowHeight);
@@ -208,7 +223,7 @@ export class Waterfall {
 		const isBar = places.isStacked ? within - index * places.rowHeight > 20 : x >= places.names;
 		const twisty = 4 + (row?.depth ?? 0) * places.indent;
 		const isTwisty = row?.mayOpen && x >= twisty - 4 && x < twisty + TWISTY_WIDTH + 2;
-		return { row, zone: isBar ? 'bars' : isTwisty ? 'twisty' : 'name', time };
+		return { row, index: row ? index : -1, zone: isBar ? 'bars' : isTwisty ? 'twisty' : 'name', time };
 	}
 
 	private listen(): void {
@@ -256,7 +271,7 @@ export class Waterfall {
 		const place = this.placeAt(event);
 		const { drag, state } = this;
 		if (!drag) {
-			this.hover(place.row ? this.rows.indexOf(place.row) : -1, place.zone === 'bars' || place.zone === 'head' ? place.time : -1);
+			this.hover(place.index, place.zone === 'bars' || place.zone === 'head' ? place.time : -1);
 			if (place.row && event.pointerType === 'mouse') {
 				showTip(event, rowTip(state.model, place.row));
 			} else {
