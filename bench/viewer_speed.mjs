@@ -1,13 +1,15 @@
 /*
  * How long the viewer takes for a long request, in Chromium: node bench/viewer_speed.mjs [--quick]
- * [--json FILE]. tests/viewer/site.mjs says what it takes from the environment.
+ * [--json FILE]. KAQ_COLLECTOR names the collector, KAQ_VIEWER_MODULES where the packages are if that
+ * is not viewer/, KAQ_CHROMIUM another browser than Debian's.
  *
  * Script of a frame is what runs in the page's own callbacks of events and frames between two frames;
  * frames themselves say little on a machine that draws without a GPU. A freeze is a task of the main
  * thread of 50 ms and more.
  */
 import { writeFileSync } from 'node:fs';
-import { openPage, Site, sleep, startBrowser } from '../tests/viewer/site.mjs';
+import { setTimeout as sleep } from 'node:timers/promises';
+import { Collector, openPage, startBrowser } from '../tests/viewer/collector.mjs';
 import { largeRequest } from '../tests/viewer/large.mjs';
 
 const TARGETS = { open_ms: 300, frame_ms: 8, freeze_ms: 200 };
@@ -79,18 +81,18 @@ async function take(page) {
 	});
 }
 
-async function timeOpening(browser, site, id, times) {
+async function timeOpening(browser, collector, id, times) {
 	const opened = [];
 	let freeze = 0;
 	for (let i = 0; i < times; i++) {
-		const page = await openPage(browser, site);
+		const { page, close } = await openPage(browser, collector);
 		await page.addInitScript(watch);
-		await page.visit('/doctor');
+		await page.goto(`${collector.url}/search`);
 		await sleep(700);
 		opened.push(await page.evaluate(clickAndWait, `/request?id=${id}`));
 		await sleep(300);
 		freeze = Math.max(freeze, (await take(page)).freeze);
-		await page.context().close();
+		await close();
 	}
 	return { open_ms: percentile(opened, 0.5), open_worst_ms: Math.max(...opened), freeze_ms: freeze };
 }
@@ -107,10 +109,10 @@ async function timeFrames(page, step) {
 	return { frame_ms: percentile(frames, 0.95), freeze_ms: freeze };
 }
 
-async function timeUse(browser, site, id) {
-	const page = await openPage(browser, site);
+async function timeUse(browser, collector, id) {
+	const { page, problems, close } = await openPage(browser, collector);
 	await page.addInitScript(watch);
-	await page.visit(`/request?id=${id}`);
+	await page.goto(`${collector.url}/request?id=${id}`);
 	await page.waitForSelector('.waterfall-scroll [role=treeitem]', { state: 'attached' });
 	await page.locator('.waterfall-scroll').first().scrollIntoViewIfNeeded();
 	const box = await page.locator('.waterfall-scroll').first().boundingBox();
@@ -138,11 +140,10 @@ async function timeUse(browser, site, id) {
 	await page.keyboard.type('price');
 	await sleep(600);
 	figures.find = { freeze_ms: (await take(page)).freeze };
-	const mistakes = page.mistakes.filter((each) => !each.startsWith('Failed to load'));
-	if (mistakes.length > 0) {
-		throw new Error(mistakes.join('\n'));
+	await close();
+	if (problems.length > 0) {
+		throw new Error(problems.join('\n'));
 	}
-	await page.context().close();
 	return figures;
 }
 
@@ -158,16 +159,19 @@ function print(spans, name, figures) {
 const isQuick = process.argv.includes('--quick');
 const json = process.argv[process.argv.indexOf('--json') + 1];
 const figures = {};
-const site = await Site.start();
+const collector = await Collector.start();
 try {
 	const browser = await startBrowser();
 	try {
 		for (const [spans, times] of [[10000, isQuick ? 2 : 7], [100000, isQuick ? 1 : 3]]) {
 			const request = largeRequest(spans);
-			await site.record([request.line], request.id);
+			await collector.take([request.line]);
 			const begun = performance.now();
-			await site.ask(`/api/v1/request?id=${request.id}`);
-			const own = { answer: { whole_ms: performance.now() - begun }, open: await timeOpening(browser, site, request.id, times), ...(await timeUse(browser, site, request.id)) };
+			const { spans: known } = await collector.ask('/api/v1/request', { id: request.id });
+			if (known.length !== spans) {
+				throw new Error(`${known.length} spans of ${spans} were kept`);
+			}
+			const own = { answer: { whole_ms: performance.now() - begun }, open: await timeOpening(browser, collector, request.id, times), ...(await timeUse(browser, collector, request.id)) };
 			Object.entries(own).forEach(([name, each]) => print(spans, name, each));
 			figures[spans] = own;
 		}
@@ -175,7 +179,7 @@ try {
 		await browser.close();
 	}
 } finally {
-	await site.stop();
+	await collector.stop();
 }
 if (process.argv.includes('--json')) {
 	writeFileSync(json, `${JSON.stringify(figures, null, '\t')}\n`);

@@ -22,7 +22,7 @@ const LINKS: Links = {
 	trace: (id, ...children) => pageLink('trace', { id }, {}, ...children),
 	statement: (statement, ...children) => pageLink('search', {}, { q: term('sql', shortenedStatement(statement)) }, ...children),
 	transaction: (application, name) => transactionLink(application, name),
-	typical: (id, ...children) => pageLink('compare', { a: id, typical: '1' }, {}, ...children),
+	typical: (id, ...children) => pageLink('compare', { a: id, what: 'typical' }, {}, ...children),
 };
 
 /* To a whole word: half a word is found nowhere. */

@@ -88,7 +88,7 @@ class Formatter {
 	private part(token: Token, word: string, at: number): void {
 		const { level } = this;
 		if (level.isQuery && this.beginsLine(word, at)) {
-			this.line(word === 'and' || word === 'or' || word === 'on' ? level.indent + 1 : level.indent);
+			this.line(word === 'and' || word === 'or' ? level.indent + 1 : level.indent);
 		}
 		if (word === 'between') {
 			this.isBetween = true;
@@ -160,7 +160,10 @@ class Formatter {
 
 	private isCall(at: number): boolean {
 		const before = this.list[at - 1];
-		return before !== undefined && (before.kind === 'word' || (before.kind === 'keyword' && ['if', 'left', 'right', 'replace', 'values', 'in'].includes(this.before) && this.before !== 'in'));
+		if (before?.kind === 'word') {
+			return this.list[at - 2]?.text.toLowerCase() !== 'into';
+		}
+		return before?.kind === 'keyword' && ['if', 'left', 'right', 'replace'].includes(this.before);
 	}
 
 	/* Of a line that is long already. */

@@ -1,0 +1,55 @@
+/* How statements are laid out, and that nothing of them changes but the space between the parts. */
+import assert from 'node:assert/strict';
+import test from 'node:test';
+import { chance } from './shop.mjs';
+import { source } from './source.mjs';
+
+const { tokens, formatted } = await source('trace/sql.ts');
+
+function lines(sql) {
+	return formatted(tokens(sql)).map((token) => token.text).join('');
+}
+
+const CASES = [
+	['SELECT id, name FROM item WHERE id = ? AND price BETWEEN 1 AND 2 OR a = b', 'SELECT id, name\nFROM item\nWHERE id = ?\n  AND price BETWEEN 1 AND 2\n  OR a = b'],
+	['select count(*) from a left join b on a.id=b.a group by x order by y desc limit 10', 'select count(*)\nfrom a\nleft join b on a.id = b.a\ngroup by x\norder by y desc\nlimit 10'],
+	['SELECT * FROM (SELECT 1 FROM t) s WHERE x IN (1, 2)', 'SELECT *\nFROM (\n    SELECT 1\n    FROM t\n) s\nWHERE x IN (1, 2)'],
+	['INSERT INTO t (a, b) VALUES (?, ?)', 'INSERT INTO t (a, b)\nVALUES (?, ?)'],
+	['UPDATE t SET a = 1 WHERE b = \'x AND y\'', "UPDATE t\nSET a = 1\nWHERE b = 'x AND y'"],
+	['SELECT a FROM t FOR UPDATE', 'SELECT a\nFROM t FOR UPDATE'],
+];
+
+test('clauses begin lines', () => {
+	for (const [sql, wanted] of CASES) {
+		assert.equal(lines(sql), wanted);
+	}
+});
+
+function bare(list) {
+	return list.filter((token) => token.kind !== 'space').map((token) => token.text);
+}
+
+const PARTS = ['SELECT', ' ', 'FROM', '(', ')', ',', "'a''b'", '"q"', '`w`', "'open", '-- c\n', '/* x */', '/* open', '12.5', ':name', '::int', '?', '$1', 'x.y', '=', '<>', '\n', '\\', 'ü', '<script>', '\u202E', ';', 'AND', 'BETWEEN', 'LEFT', 'JOIN', '@v', '0x1f'];
+
+test('no token is lost, changed or moved', () => {
+	const random = chance(5);
+	for (let i = 0; i < 3000; i++) {
+		const sql = Array.from({ length: Math.floor(random() * 14) }, () => PARTS[Math.floor(random() * PARTS.length)]).join(random() < 0.5 ? ' ' : '');
+		const list = tokens(sql);
+		assert.equal(list.map((token) => token.text).join(''), sql);
+		assert.deepEqual(bare(formatted(list)), bare(list));
+	}
+});
+
+test('parts are told apart', () => {
+	const kinds = Object.fromEntries(tokens("SELECT `a`, 'x', 1.5, :p, ? -- c").map((token) => [token.text, token.kind]));
+	assert.deepEqual([kinds.SELECT, kinds['`a`'], kinds["'x'"], kinds['1.5'], kinds[':p'], kinds['?'], kinds['-- c']], ['keyword', 'word', 'text', 'number', 'parameter', 'parameter', 'comment']);
+});
+
+test('a long text takes no long time', () => {
+	const begun = performance.now();
+	formatted(tokens(`SELECT ${'a, '.repeat(20000)} b FROM ${'('.repeat(2000)}`));
+	tokens("'".padEnd(1e5, 'x'));
+	tokens('/*'.repeat(3e4));
+	assert.ok(performance.now() - begun < 4000);
+});
