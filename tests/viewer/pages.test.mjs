@@ -1,13 +1,10 @@
 /* Every page, at both widths and in both themes: nothing fails, nothing is cut off, everybody can use it. */
 import assert from 'node:assert/strict';
-import { readFileSync } from 'node:fs';
 import { after, before, test } from 'node:test';
+import { accessibilityProblems } from './accessibility.mjs';
 import { Collector, openPage, settled, show, startBrowser } from './collector.mjs';
 import { layoutProblems } from './layout.mjs';
-import { requirePackage } from './modules.mjs';
 import { shopRequests } from './shop.mjs';
-
-const axe = readFileSync(requirePackage.resolve('axe-core/axe.min.js'), 'utf8');
 
 let collector;
 let browser;
@@ -46,13 +43,6 @@ async function pagePaths() {
 		doctor: '/doctor',
 		'no such page': '/nothing',
 	};
-}
-
-async function accessibilityProblems(page) {
-	// The page's policy lets no other program in; a debugger's evaluation is none of the page's.
-	await page.evaluate(axe);
-	const { violations } = await page.evaluate(() => globalThis.axe.run(document, { runOnly: ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa'] }));
-	return violations.flatMap((each) => each.nodes.map((node) => `${each.id}: ${node.target.join(' ')} ${node.failureSummary ?? ''}`));
 }
 
 for (const [width, height] of [[1280, 900], [390, 800]]) {

@@ -72,7 +72,7 @@ export class DetailsPanel {
 		const { model } = this.state;
 		const took = (model.end[node] ?? 0) - (model.start[node] ?? 0);
 		const part = model.parts[model.part[node] ?? 0];
-		const held = heldUp(model, [node]);
+		const held = model.held[node] ?? 0;
 		const statement = span.query ?? span.statement;
 		return [
 			facts([
@@ -123,7 +123,7 @@ export class DetailsPanel {
 		const { nodes } = choice;
 		const took = Float64Array.from(nodes, (node) => (model.end[node] ?? 0) - (model.start[node] ?? 0)).sort();
 		const total = took.reduce((sum, each) => sum + each, 0);
-		const held = heldUp(model, nodes);
+		const held = nodes.reduce((sum, node) => sum + (model.held[node] ?? 0), 0);
 		const first = model.spans[nodes[0] ?? 0];
 		if (!first) {
 			return null;
@@ -169,18 +169,6 @@ export class DetailsPanel {
 
 function spanName(span: Span): string {
 	return [span.component, span.name].filter(Boolean).join('  ');
-}
-
-/* For how long the critical path runs through them. */
-export function heldUp(model: Model, nodes: readonly number[]): number {
-	const wanted = new Set(nodes);
-	let sum = 0;
-	for (let i = 0; i < model.stepNode.length; i++) {
-		if (wanted.has(model.stepNode[i] ?? -1)) {
-			sum += (model.stepTo[i] ?? 0) - (model.stepFrom[i] ?? 0);
-		}
-	}
-	return sum;
 }
 
 /* The functions that they are called in, by how often. */

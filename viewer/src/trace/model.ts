@@ -42,6 +42,8 @@ export interface Columns {
 	/* Calls of span `i`: `children` from `childrenFrom[i]` to `childrenFrom[i + 1]`, by their start. */
 	readonly childrenFrom: Uint32Array;
 	readonly children: Uint32Array;
+	/* For how long the critical path runs through it. */
+	readonly held: Float64Array;
 	/* Steps of the critical path. */
 	readonly stepNode: Uint32Array;
 	readonly stepFrom: Float64Array;
@@ -220,6 +222,7 @@ function columnsOf(spans: readonly Span[], parts: readonly Part[], label: Uint32
 		isRepeated: new Uint8Array(size),
 		childrenFrom: new Uint32Array(size + 1),
 		children: new Uint32Array(size),
+		held: new Float64Array(size),
 		stepNode: new Uint32Array(0),
 		stepFrom: new Float64Array(0),
 		stepTo: new Float64Array(0),
@@ -334,6 +337,7 @@ function addSteps(columns: Writable, parts: readonly Part[], path: readonly Path
 			nodes[steps] = part.first + step.span;
 			from[steps] = step.from_ms;
 			to[steps] = step.to_ms;
+			columns.held[part.first + step.span] = (columns.held[part.first + step.span] ?? 0) + step.to_ms - step.from_ms;
 			steps++;
 		}
 	}

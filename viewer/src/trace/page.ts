@@ -113,6 +113,7 @@ class TracePage implements Page {
 		this.question = question;
 		const progress = el('p', { class: 'muted', role: 'status' }, 'Asking the collector …');
 		const waiting = setTimeout(() => replace(this.element, progress), 300);
+		this.element.setAttribute('aria-busy', 'true');
 		try {
 			const model = await askModel(this.kind, id, question.signal, (spans) => replace(progress, `${count(spans)} spans have come …`));
 			await nextTask();
@@ -125,6 +126,9 @@ class TracePage implements Page {
 			}
 		} finally {
 			clearTimeout(waiting);
+			if (this.question === question) {
+				this.element.removeAttribute('aria-busy');
+			}
 		}
 	}
 

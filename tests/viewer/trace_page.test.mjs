@@ -1,0 +1,311 @@
+/* The pages of a request and of a trace, as somebody uses them. */
+import assert from 'node:assert/strict';
+import { after, before, test } from 'node:test';
+import { accessibilityProblems } from './accessibility.mjs';
+import { Collector, openPage, settled, show, startBrowser } from './collector.mjs';
+import { largeRequest } from './large.mjs';
+import { layoutProblems } from './layout.mjs';
+import { shopRequests } from './shop.mjs';
+
+const ROWS = '.waterfall-scroll:not(.flame-scroll) [role=treeitem]';
+
+let collector;
+let browser;
+let opened;
+let ids;
+
+before(async () => {
+	collector = await Collector.start();
+	const large = largeRequest(10000);
+	await collector.take([...shopRequests(250, 40), large.line]);
+	const slowest = async (q) => (await collector.ask('/api/v1/requests', { q, order: 'slowest', limit: 1 })).requests[0];
+	const order = await slowest('txn:/order');
+	ids = { cart: (await slowest('txn:/cart')).id, checkout: (await slowest('txn:/checkout')).id, order: order.id, trace: order.trace_id, large: large.id };
+	browser = await startBrowser();
+	opened = await openPage(browser, collector);
+});
+
+after(async () => {
+	await browser?.close();
+	await collector?.stop();
+});
+
+async function open(path) {
+	const { page } = opened;
+	await page.goto('about:blank');
+	await show(page, collector.url + path);
+	await page.waitForSelector('.trace-page');
+	return page;
+}
+
+/* The rows as somebody hears them. */
+async function rows(page) {
+	await page.waitForTimeout(250);
+	return page.locator(ROWS).allTextContents();
+}
+
+function active(page) {
+	return page.evaluate(() => {
+		const tree = [...document.querySelectorAll('[role=tree]')].find((each) => each.offsetParent !== null);
+		return document.getElementById(tree.getAttribute('aria-activedescendant') ?? '')?.textContent ?? '';
+	});
+}
+
+function own(page) {
+	return Object.fromEntries(new URL(page.url()).searchParams);
+}
+
+async function heldIn(page, name, value) {
+	await page.waitForFunction(([key, wanted]) => (new URL(location.href).searchParams.get(key) ?? '') === wanted, [name, value]);
+}
+
+test('the verdict is on top, what it rests on is chosen, and its statement stands beside', async () => {
+	const answer = await collector.ask('/api/v1/request', { id: ids.cart });
+	const page = await open(`/request?id=${ids.cart}`);
+	const [finding] = answer.findings;
+	assert.match(await page.locator('.verdict').first().textContent(), new RegExp(`${finding.count} times the same statement`));
+	assert.match(await active(page), new RegExp(`^${finding.spans.length} times SELECT id, name, price FROM item WHERE id = \\?, database`));
+	const sum = finding.spans.reduce((total, span) => total + answer.spans[span].duration_ms, 0);
+	assert.match(await page.locator('.details').textContent(), new RegExp(`Together${sum} ms`));
+	assert.equal(await page.locator('.details .sql').first().textContent(), 'SELECT id, name, price\nFROM item\nWHERE id = ?');
+});
+
+test('a finding marks the calls that it rests on, and takes the marks back', async () => {
+	const page = await open(`/request?id=${ids.cart}`);
+	const verdict = page.locator('.verdict').first();
+	await verdict.click();
+	assert.equal(await verdict.getAttribute('aria-pressed'), 'true');
+	await heldIn(page, 'finding', '0');
+	await verdict.click();
+	assert.equal(await verdict.getAttribute('aria-pressed'), 'false');
+	await heldIn(page, 'finding', '');
+});
+
+test('repeated statements are one row that opens into each of them', async () => {
+	const answer = await collector.ask('/api/v1/request', { id: ids.cart });
+	const statements = answer.spans.filter((span) => span.statement).length;
+	const page = await open(`/request?id=${ids.cart}`);
+	assert.equal((await rows(page)).filter((row) => /times SELECT/.test(row)).length, 1);
+	await page.keyboard.press('ArrowRight');
+	await page.keyboard.press('ArrowRight');
+	assert.match(await active(page), /^SELECT id, name, price/);
+	const tree = page.locator(`${ROWS}[aria-selected=true]`);
+	assert.equal(await tree.getAttribute('aria-setsize'), String(statements));
+	assert.equal(await tree.getAttribute('aria-posinset'), '1');
+	await page.keyboard.press('ArrowLeft');
+	await page.keyboard.press('ArrowLeft');
+	assert.equal((await rows(page)).filter((row) => /times SELECT/.test(row)).length, 1);
+});
+
+const KEYS = [
+	['Home', async (page) => assert.match(await active(page), /^GET \/cart/)],
+	['ArrowDown', async (page) => assert.match(await active(page), /^Session::start/)],
+	['j', async (page) => assert.match(await active(page), /^Redis::get/)],
+	['k', async (page) => assert.match(await active(page), /^Session::start/)],
+	['ArrowUp', async (page) => assert.match(await active(page), /^GET \/cart/)],
+	['End', async (page) => assert.match(await active(page), /^View::render/)],
+	['PageUp', async (page) => assert.match(await active(page), /^GET \/cart/)],
+	['PageDown', async (page) => assert.match(await active(page), /^View::render/)],
+	['+', async (page) => page.waitForURL(/zoom=/)],
+	['.', async (page) => page.waitForURL(/zoom=/)],
+	[',', async (page) => page.waitForURL(/zoom=/)],
+	['0', async (page) => heldIn(page, 'zoom', '')],
+	['z', async (page) => page.waitForURL(/zoom=/)],
+	['-', async (page) => page.waitForURL(/zoom=/)],
+	['0', async (page) => heldIn(page, 'zoom', '')],
+	['c', async (page) => heldIn(page, 'open', '-*')],
+	['e', async (page) => heldIn(page, 'open', '*')],
+	['Home', async (page) => assert.match(await active(page), /^GET \/cart/)],
+	['ArrowLeft', async (page) => assert.equal((await rows(page)).length, 1)],
+	['ArrowRight', async (page) => assert.ok((await rows(page)).length > 1)],
+	['l', async (page) => assert.match(await active(page), /^Session::start/)],
+	['h', async (page) => page.waitForTimeout(1)],
+	['h', async (page) => assert.match(await active(page), /^GET \/cart/)],
+	['p', async (page) => page.waitForURL(/span=/)],
+	['Enter', async (page) => assert.ok(await page.evaluate(() => document.activeElement.matches('.details')))],
+	['f', async (page) => heldIn(page, 'view', 'flame')],
+	['w', async (page) => heldIn(page, 'view', '')],
+	['Escape', async (page) => heldIn(page, 'span', 'none')],
+	['s', async (page) => assert.ok(await page.evaluate(() => document.activeElement.matches('.find')))],
+];
+
+test('every key of the waterfall does what the help says', async () => {
+	const page = await open(`/request?id=${ids.cart}`);
+	await page.locator('.waterfall-scroll').first().focus();
+	await page.keyboard.press('Escape');
+	for (const [key, check] of KEYS) {
+		await page.keyboard.press(key);
+		await check(page);
+		if (key === 'Enter') {
+			await page.locator('.waterfall-scroll').first().focus();
+		}
+	}
+});
+
+test('n and N go through what failed', async () => {
+	const page = await open(`/request?id=${ids.checkout}`);
+	await page.keyboard.press('Escape');
+	await page.keyboard.press('n');
+	assert.match(await active(page), /^Payment::charge.*failed/);
+	await page.keyboard.press('n');
+	assert.match(await active(page), /pay\.example.*failed/);
+	await page.keyboard.press('N');
+	assert.match(await active(page), /^Payment::charge/);
+	assert.match(await page.locator('.details').textContent(), /PaymentFailed.*the bank answered.*Payment\.php:33/s);
+});
+
+test('the help lists the keys of the page', async () => {
+	const page = await open(`/request?id=${ids.cart}`);
+	await page.keyboard.press('?');
+	const text = await page.locator('dialog').textContent();
+	for (const [key] of KEYS) {
+		const shown = { ArrowDown: '↓', ArrowUp: '↑', ArrowLeft: '←', ArrowRight: '→', Escape: 'Esc' }[key] ?? key;
+		assert.ok(text.includes(shown), key);
+	}
+	await page.keyboard.press('Escape');
+});
+
+test('a flame graph is gone through with the arrows', async () => {
+	const page = await open(`/request?id=${ids.cart}&view=flame&span=none`);
+	await page.keyboard.press('ArrowDown');
+	assert.match(await active(page), /^GET \/cart/);
+	await page.keyboard.press('ArrowDown');
+	assert.match(await active(page), /^Cart::items/, 'the widest is the first');
+	await page.keyboard.press('ArrowDown');
+	assert.match(await active(page), /times SELECT id, name, price/);
+	await page.keyboard.press('ArrowUp');
+	await page.keyboard.press('ArrowRight');
+	assert.match(await active(page), /^View::render/);
+	await page.keyboard.press('z');
+	await page.waitForURL(/frame=/);
+	await page.keyboard.press('0');
+	await heldIn(page, 'frame', '');
+});
+
+test('of ten thousand spans only what is seen is drawn and read out', async () => {
+	const page = await open(`/request?id=${ids.large}`);
+	await page.keyboard.press('e');
+	await page.keyboard.press('End');
+	assert.match(await active(page), /./);
+	const { canvas, room, whole } = await page.evaluate(() => {
+		const scroller = document.querySelector('.waterfall-scroll');
+		return { canvas: scroller.querySelector('canvas').clientHeight, room: scroller.clientHeight, whole: scroller.scrollHeight };
+	});
+	assert.ok(canvas <= room && whole > 50 * room, `${canvas} of ${whole}`);
+	assert.ok((await rows(page)).length < 100);
+	await page.keyboard.press('Home');
+	await page.waitForTimeout(300);
+	assert.ok((await rows(page))[0].startsWith('GET /long/10000'));
+});
+
+test('a link restores the view', async () => {
+	const page = await open(`/request?id=${ids.large}`);
+	await page.keyboard.press('e');
+	for (const key of ['PageDown', 'PageDown', 'ArrowDown', '+', '+']) {
+		await page.keyboard.press(key);
+	}
+	await page.waitForURL(/top=/);
+	await page.waitForTimeout(500);
+	const [shown, chosen, held] = [await rows(page), await active(page), own(page)];
+	await page.goto('about:blank');
+	await show(page, `${collector.url}/request?${new URLSearchParams(held)}`);
+	await page.waitForSelector('.trace-page');
+	assert.deepEqual(await rows(page), shown);
+	assert.equal(await active(page), chosen);
+	await page.waitForTimeout(500);
+	assert.deepEqual(own(page), held);
+});
+
+test('what is found is marked, counted and gone through', async () => {
+	const answer = await collector.ask('/api/v1/request', { id: ids.large });
+	const wanted = answer.spans.filter((span) => (span.statement ?? '').includes('item_7')).length;
+	const page = await open(`/request?id=${ids.large}`);
+	await page.keyboard.press('s');
+	await page.keyboard.type('item_7');
+	await page.waitForFunction(() => /call/.test(document.querySelector('.find + span').textContent));
+	assert.equal(await page.locator('.find + span').textContent(), `${wanted} calls`);
+	await page.keyboard.press('Enter');
+	assert.match(await active(page), /item_7/);
+	await page.keyboard.press('Escape');
+	assert.equal(await page.locator('.find').inputValue(), '');
+});
+
+test('statements are grouped with their sums, and lead to their calls', async () => {
+	const answer = await collector.ask('/api/v1/request', { id: ids.large });
+	const sums = new Map();
+	for (const span of answer.spans.filter((each) => each.statement)) {
+		const known = sums.get(span.statement) ?? { count: 0, total: 0 };
+		sums.set(span.statement, { count: known.count + 1, total: known.total + span.duration_ms });
+	}
+	const [statement, first] = [...sums].sort(([, one], [, other]) => other.total - one.total)[0];
+	const page = await open(`/request?id=${ids.large}&tab=sql`);
+	const cells = await page.locator('.sql-table tbody tr').first().locator('td').allTextContents();
+	assert.ok(cells[0].startsWith(statement));
+	assert.equal(cells[1], String(first.count));
+	assert.equal(cells[2], `${first.total} ms`);
+	assert.equal(await page.locator('.sql-table tbody tr[data-row]').count(), sums.size);
+	await page.locator('.statement-button').first().click();
+	assert.match(await page.locator('.sql-table .sql').textContent(), /^SELECT id, name, price\nFROM item_/);
+	await page.getByRole('button', { name: 'Show', exact: true }).first().click();
+	assert.match(await active(page), new RegExp(statement.slice(0, 30)));
+});
+
+test('tabs tell of errors, of what was asked, and of what was used', async () => {
+	const page = await open(`/request?id=${ids.checkout}&tab=errors`);
+	assert.match(await page.locator('.errors').textContent(), /PaymentFailed Error.*the bank answered 503 for order/s);
+	await page.getByRole('tab', { name: 'Request' }).click();
+	await heldIn(page, 'tab', 'request');
+	assert.match(await page.locator('[role=tabpanel]:not([hidden])').textContent(), /MethodPOST.*Path\/checkout.*Status500/s);
+	await page.keyboard.press('ArrowRight');
+	assert.match(await page.locator('[role=tabpanel]:not([hidden])').textContent(), /Processor.*Memory, at most4 MiB/s);
+	await page.keyboard.press('w');
+	await heldIn(page, 'tab', '');
+});
+
+test('a trace shows each request below the call that made it', async () => {
+	const answer = await collector.ask('/api/v1/trace', { id: ids.trace });
+	const page = await open(`/trace?id=${ids.trace}`);
+	assert.equal(await page.locator('.request-tree li').count(), answer.requests.length);
+	const levels = await page.locator(ROWS).evaluateAll((items) => items.map((item) => [item.textContent, Number(item.getAttribute('aria-level'))]));
+	const level = (text) => levels.find(([row]) => row.startsWith(text))[1];
+	assert.equal(level('Stock GET /stock/item'), level('http://stock.example') + 1);
+	assert.equal(level('Prices GET /price'), level('http://prices.example') + 1);
+	await page.getByRole('link', { name: 'GET /price' }).click();
+	await page.waitForURL(/\/request\?/);
+	await settled(page);
+	assert.equal(await page.locator('h1').textContent(), 'GET /price');
+});
+
+test('what there is not is said, with what to do', async () => {
+	const { page, problems } = opened;
+	await show(page, `${collector.url}/request?id=ffffffffffffffff`);
+	assert.match(await page.locator('.state-error').textContent(), /there is no request or trace.*Try again/s);
+	problems.length = 0;
+});
+
+for (const [width, height] of [[1280, 900], [390, 800]]) {
+	for (const colorScheme of ['light', 'dark']) {
+		test(`requests and traces are whole at ${width} pixels in the ${colorScheme} theme`, { timeout: 240000 }, async (context) => {
+			const { page, problems, close } = await openPage(browser, collector, { viewport: { width, height }, colorScheme });
+			const paths = [`/request?id=${ids.cart}`, `/request?id=${ids.cart}&view=flame`, `/request?id=${ids.large}`, `/trace?id=${ids.trace}`];
+			paths.push(...['sql', 'errors', 'request', 'resources'].flatMap((tab) => [`/request?id=${ids.checkout}&tab=${tab}`, `/trace?id=${ids.trace}&tab=${tab}`]));
+			for (const path of paths) {
+				await context.test(path, async () => {
+					await page.goto('about:blank');
+					await show(page, collector.url + path);
+					await page.waitForSelector('.trace-page');
+					assert.deepEqual(await page.evaluate(layoutProblems), []);
+					assert.deepEqual(await accessibilityProblems(page), []);
+					assert.deepEqual(problems.splice(0), []);
+				});
+			}
+			await page.locator('.tools button').first().click();
+			assert.deepEqual(await accessibilityProblems(page), []);
+			await close();
+		});
+	}
+}
+
+test('nothing went wrong in the pages', () => {
+	assert.deepEqual(opened.problems, []);
+});
