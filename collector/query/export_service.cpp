@@ -66,9 +66,9 @@ Answer shared_file(ServiceContext &context, const Question &question, const Requ
 		throw not_kept();
 	}
 	Answer answer;
-	answer.text = to_shared_file(shared_file_page(),
-								 is_request ? SharedKind::kRequest : SharedKind::kTrace,
-								 std::move(body), context.clock());
+	answer.text =
+		to_shared_file(shared_file_page(), is_request ? SharedKind::kRequest : SharedKind::kTrace,
+					   std::move(body), context.clock());
 	answer.type = "text/html; charset=utf-8";
 	answer.file = is_request ? file_name("request", row.summary.id)
 							 : file_name("trace", row.summary.trace_id);

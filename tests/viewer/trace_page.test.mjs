@@ -257,7 +257,7 @@ test('tabs tell of errors, of what was asked, and of what was used', async () =>
 	await heldIn(page, 'tab', 'request');
 	assert.match(await page.locator('[role=tabpanel]:not([hidden])').textContent(), /MethodPOST.*Path\/checkout.*Status500/s);
 	await page.keyboard.press('ArrowRight');
-	assert.match(await page.locator('[role=tabpanel]:not([hidden])').textContent(), /Processor.*Memory, at most4 MiB/s);
+	assert.match(await page.locator('[role=tabpanel]:not([hidden])').textContent(), /Peak memory4 MiB.*Processor.*by function/s);
 	await page.keyboard.press('w');
 	await heldIn(page, 'tab', '');
 });
@@ -274,6 +274,17 @@ test('a trace shows each request below the call that made it', async () => {
 	await page.waitForURL(/\/request\?/);
 	await settled(page);
 	assert.equal(await page.locator('h1').textContent(), 'GET /price');
+});
+
+test('a request is pinned, and let go', async () => {
+	const page = await open(`/request?id=${ids.order}`);
+	const isPinned = async () => (await collector.ask('/api/v1/request', { id: ids.order })).request.pinned;
+	await page.getByRole('button', { name: 'Pin', exact: true }).click();
+	await page.getByRole('button', { name: 'Pinned' }).waitFor();
+	assert.equal(await isPinned(), true);
+	await page.getByRole('button', { name: 'Pinned' }).click();
+	await page.getByRole('button', { name: 'Pin', exact: true }).waitFor();
+	assert.equal(await isPinned(), false);
 });
 
 test('what there is not is said, with what to do', async () => {
@@ -299,7 +310,7 @@ for (const [width, height] of [[1280, 900], [390, 800]]) {
 					assert.deepEqual(problems.splice(0), []);
 				});
 			}
-			await page.locator('.tools button').first().click();
+			await page.getByRole('button', { name: 'Share' }).click();
 			assert.deepEqual(await accessibilityProblems(page), []);
 			await close();
 		});

@@ -122,6 +122,16 @@ def test_export_writes_json(cart, form):
     assert cart.run("export", "--format", "pdf", "00000000000000c1").returncode == 2
 
 
+def test_export_writes_a_file_that_shows_itself(cart):
+    written = cart.run("export", "--format", "html", "00000000000000c1")
+    if written.returncode == 1 and "built without its pages" in written.stderr:
+        pytest.skip("the collector was built without npm")
+    text = out(written)
+    assert "Cart::items" in text and "Content-Security-Policy" in text
+    assert text.count("<script>") == 1
+    assert cart.run("export", "--format", "html", "ffffffff").returncode == 1
+
+
 def test_pinned_requests_say_so(cart):
     out(cart.run("pin", "00000000000000c1"))
     assert "pinned" in out(cart.run("show", "00000000000000c1"))

@@ -73,7 +73,7 @@ export function requestHead(model: Model, row: RequestRow, surroundings: Surroun
 	return el(
 		'header',
 		{ class: 'request-head' },
-		el('div', { class: 'row' }, el('h1', { dir: 'auto' }, shortened(requestTitle(row), 300)), statusElement(row), el('div', { class: 'tools' }, surroundings.tools('request', row.id))),
+		el('div', { class: 'row' }, el('h1', { dir: 'auto' }, shortened(requestTitle(row), 300)), statusElement(row), el('div', { class: 'tools' }, surroundings.tools('request', row.id, row.pinned ?? false))),
 		el(
 			'p',
 			{ class: 'row muted small' },
@@ -84,8 +84,7 @@ export function requestHead(model: Model, row: RequestRow, surroundings: Surroun
 			el('span', { class: 'mono' }, shortened(row.id, 60)),
 			others > 0 && (links?.trace(row.trace_id, `${plural(others, 'more request')} of its trace`) ?? `${plural(others, 'more request')} of its trace`),
 			links?.typical(row.id, 'Compare with the usual'),
-			row.pinned && el('span', {}, 'pinned'),
-		),
+			),
 		requestFigures(row),
 		layerBar(layersOf(model)),
 	);
@@ -129,7 +128,7 @@ export function traceHead(model: Model, surroundings: Surroundings): HTMLElement
 	return el(
 		'header',
 		{ class: 'request-head' },
-		el('div', { class: 'row' }, el('h1', { dir: 'auto' }, 'Trace', first && ` of ${shortened(requestTitle(first), 300)}`), el('div', { class: 'tools' }, surroundings.tools('trace', model.id))),
+		el('div', { class: 'row' }, el('h1', { dir: 'auto' }, 'Trace', first && ` of ${shortened(requestTitle(first), 300)}`), el('div', { class: 'tools' }, surroundings.tools('trace', model.id, model.parts.every((part) => part.row.pinned)))),
 		el(
 			'p',
 			{ class: 'row muted small' },

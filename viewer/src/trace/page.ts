@@ -1,5 +1,5 @@
 /* One request, and a whole trace across services. */
-import { exportParameters, EXPORT_FORMATS } from '../api/services';
+import { api, exportParameters, EXPORT_FORMATS } from '../api/services';
 import { addressOf, isAborted } from '../api/ask';
 import { here, remember, type Address } from '../state/address';
 import { openDialog } from '../ui/dialog';
@@ -51,15 +51,39 @@ function download(kind: Kind, id: string, format: (typeof EXPORT_FORMATS)[number
 function openShare(kind: Kind, id: string): void {
 	openDialog(
 		'Share',
-		el('p', {}, 'A file holds what the collector keeps: secrets and the values of statements are not in it.'),
+		el('p', {}, 'A file holds what the collector keeps of it: what was taken out before that is not in it either.'),
 		el('div', { class: 'downloads' }, EXPORT_FORMATS.map((format) => download(kind, id, format))),
 		el('p', { class: 'muted' }, 'The same in a terminal: ', command(`kaq export --format html ${id.slice(0, 40)} > ${kind}.html`)),
 	);
 }
 
+/* Kept, whatever else is thrown away. */
+function pinButton(id: string, isPinned: boolean): HTMLElement {
+	let isOn = isPinned;
+	const show = () => {
+		button.setAttribute('aria-pressed', String(isOn));
+		button.textContent = isOn ? 'Pinned' : 'Pin';
+	};
+	const change = async () => {
+		button.disabled = true;
+		try {
+			await (isOn ? api.unpin(id) : api.pin(id));
+			isOn = !isOn;
+			show();
+		} catch (error) {
+			openDialog('Pin', errorState('It', error));
+		} finally {
+			button.disabled = false;
+		}
+	};
+	const button = el('button', { type: 'button', title: 'Keep it, whatever else is thrown away', on: { click: () => void change() } });
+	show();
+	return button;
+}
+
 const surroundings: Surroundings = {
 	links: LINKS,
-	tools: (kind, id) => el('button', { type: 'button', class: 'primary', on: { click: () => openShare(kind, id) } }, 'Share'),
+	tools: (kind, id, isPinned) => [pinButton(id, isPinned), el('button', { type: 'button', class: 'primary', on: { click: () => openShare(kind, id) } }, 'Share')],
 	get: (name) => here().own[name] ?? '',
 	set: (own) => remember({ own }),
 };

@@ -1,5 +1,5 @@
 /* Statements of a request, grouped by what they are without their values. */
-import type { Model } from './model';
+import { titleOf, type Model, type Part } from './model';
 
 export interface StatementGroup {
 	readonly statement: string;
@@ -49,6 +49,33 @@ export function statementGroups(model: Model): StatementGroup[] {
 		group.failed += model.isFailed[node] ?? 0;
 	}
 	return groups.sort((one, other) => other.total - one.total || other.nodes.length - one.nodes.length);
+}
+
+export interface CodeGroup {
+	readonly label: string;
+	readonly nodes: readonly number[];
+	/* Without what they called. */
+	readonly self: number;
+}
+
+/* Functions of the site's own code in one request, those first that took most time themselves. */
+export function codeGroups(model: Model, part: Part): CodeGroup[] {
+	const groups = new Map<number, { label: string; nodes: number[]; self: number }>();
+	for (let node = part.first; node < part.first + part.count; node++) {
+		const self = model.self[node] ?? 0;
+		if (model.layer[node] !== 0 || self <= 0 || model.isRepeated[node]) {
+			continue;
+		}
+		const label = model.label[node] ?? 0;
+		const group = groups.get(label);
+		if (group) {
+			group.nodes.push(node);
+			group.self += self;
+		} else {
+			groups.set(label, { label: node === part.first ? titleOf(model, node) : (model.labels[label] ?? ''), nodes: [node], self });
+		}
+	}
+	return [...groups.values()].sort((one, other) => other.self - one.self);
 }
 
 /* Spans that hold an error, by their start. */

@@ -17,7 +17,7 @@ export interface Links {
 export interface Surroundings {
 	readonly links: Links | undefined;
 	/* Beside the heading. */
-	readonly tools: (kind: 'request' | 'trace', id: string) => Child;
+	readonly tools: (kind: 'request' | 'trace', id: string, isPinned: boolean) => Child;
 	/* What of the view is restored, by names, and where it is held. */
 	readonly get: (name: string) => string;
 	readonly set: (changes: Readonly<Record<string, string>>) => void;

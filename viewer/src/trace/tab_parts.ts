@@ -1,12 +1,12 @@
 /* The tabs of errors, of what was asked and answered, and of memory and processor time. */
 import type { Fields, RequestOfTrace } from '../api/types';
 import { el, shortened, type Child } from '../ui/dom';
-import { bytes, duration, plural, share } from '../ui/format';
+import { bytes, duration, plural, share, times } from '../ui/format';
 import { failureElement } from './details';
 import { layerBar, statusElement } from './head';
 import { requestTitle, titleOf, type Model, type Part } from './model';
 import type { ViewState } from './state';
-import { failedNodes } from './statements';
+import { codeGroups, failedNodes, type CodeGroup } from './statements';
 import { facts, fieldSection, longText, section, stackList } from './texts';
 
 const ERRORS_AT_FIRST = 100;
@@ -72,20 +72,47 @@ function pairs(list: readonly (readonly unknown[])[] | undefined): Fields {
 	return (list ?? []).map(([name, value]) => [String(name), String(value)] as const);
 }
 
-export function resourcesTab(model: Model): Child {
-	return each(model, ({ row, details }) => {
+const FUNCTIONS = 15;
+
+/* Which functions of the code took the time, and how often they ran. */
+function ownTimes(state: ViewState, part: Part, onShow: () => void): Child {
+	const groups = codeGroups(state.model, part).slice(0, FUNCTIONS);
+	const most = groups[0]?.self ?? 1;
+	const item = ({ label, nodes, self }: CodeGroup): Child => {
+		const show = () => {
+			state.mark(`function ${nodes[0] ?? 0}`, nodes);
+			state.choose(state.tree.visible[state.tree.rowOf[nodes[0] ?? 0] ?? 0]);
+			onShow();
+		};
+		return el(
+			'li',
+			{},
+			el('button', { type: 'button', class: 'link', on: { click: show } }, shortened(label, 160)),
+			el('span', { class: 'muted small' }, nodes.length > 1 ? times(nodes.length) : ''),
+			el('span', { class: 'number' }, duration(self)),
+			el('span', { class: 'bar', style: { '--part': `${(self / most) * 100}%` } }),
+		);
+	};
+	return groups.length > 0 && section('PHP code by function, without what it calls', el('ol', { class: 'own-times' }, groups.map(item)));
+}
+
+export function resourcesTab(state: ViewState, onShow: () => void): Child {
+	const { model } = state;
+	return each(model, (part) => {
+		const { row, details } = part;
 		const wall = Math.max(1, row.duration_ms);
 		return [
 			el(
 				'dl',
 				{ class: 'meters' },
+				row.memory_bytes > 0 && el('div', {}, el('dt', {}, 'Peak memory'), el('dd', {}, el('b', {}, bytes(row.memory_bytes)))),
 				meter('Processor', row.cpu_ms, wall, `${duration(row.cpu_ms)} of ${duration(row.duration_ms)}: ${share(row.cpu_ms / wall)}`),
 				meter('Databases', row.query_ms, wall, `${duration(row.query_ms)}: ${share(row.query_ms / wall)}`),
 				meter('External calls', row.external_ms, wall, `${duration(row.external_ms)}: ${share(row.external_ms / wall)}`),
 			),
 			el('p', { class: 'muted small' }, 'Processor time is that of the whole process while the request ran: in a server with threads, other requests are in it.'),
-			facts([['Memory, at most', row.memory_bytes > 0 && bytes(row.memory_bytes)]]),
-			section('Time by layer', layerBar(details.layers ?? {})),
+			model.isTrace && section('Time by layer', layerBar(details.layers ?? {})),
+			ownTimes(state, part, onShow),
 			fieldSection('Sums that the script told', pairs(details.sums)),
 			fieldSection('Averages that the script told', pairs(details.averages)),
 		];

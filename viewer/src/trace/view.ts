@@ -42,7 +42,7 @@ export class TraceView {
 				{ name: 'sql', title: 'SQL', count: statementGroups(model).length, content: statements },
 				{ name: 'errors', title: 'Errors', count: failedNodes(model).length, content: () => errorsTab(this.state, toTimeline) },
 				{ name: 'request', title: model.isTrace ? 'Requests' : 'Request', content: () => requestTab(model) },
-				{ name: 'resources', title: 'Memory, CPU', content: () => resourcesTab(model) },
+				{ name: 'resources', title: 'Memory, CPU', content: () => resourcesTab(this.state, toTimeline) },
 			],
 			() => this.hold(),
 		);
