@@ -56,7 +56,8 @@ function clickAndWait(href) {
 		const look = () => {
 			const canvas = document.querySelector('.waterfall-canvas');
 			if (canvas && canvas.height > 0) {
-				requestAnimationFrame(() => requestAnimationFrame(() => done(performance.now() - begun)));
+				// It is drawn in the next frame's callbacks, and there after it.
+				requestAnimationFrame(() => setTimeout(() => done(performance.now() - begun)));
 			} else {
 				requestAnimationFrame(look);
 			}

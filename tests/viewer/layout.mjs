@@ -8,7 +8,7 @@ export function layoutProblems() {
 	const isForListeners = (element) => element !== null && (getComputedStyle(element).clipPath !== 'none' || isForListeners(element.parentElement));
 	const isShown = (element) => {
 		const style = getComputedStyle(element);
-		return style.visibility !== 'hidden' && element.getClientRects().length > 0 && !element.closest('.skip, [hidden], .u-wrap') && !isForListeners(element);
+		return style.visibility !== 'hidden' && element.checkVisibility() && element.getClientRects().length > 0 && !element.closest('.skip, [hidden], .u-wrap') && !isForListeners(element);
 	};
 	if (document.documentElement.scrollWidth > innerWidth) {
 		problems.push(`the page is ${document.documentElement.scrollWidth - innerWidth} pixels too wide`);

@@ -88,9 +88,9 @@ test('the button has the same file', async () => {
 	await show(page, `${collector.url}/trace?id=${order.trace_id}`);
 	await page.getByRole('button', { name: 'Share' }).click();
 	const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('link', { name: /HTML file/ }).click()]);
-	const body = (path) => readFileSync(path, 'utf8').replace(/"written_ms":\d+/, '');
+	const body = (path) => readFileSync(path, 'utf8').replace(/"written_ms":\d+/, '').trim();
 	await exported(order.trace_id);
-	assert.equal(body(await download.path()), body(join(directory, `${order.trace_id}.html`)));
+	assert.ok(body(await download.path()) === body(join(directory, `${order.trace_id}.html`)));
 	assert.match(download.suggestedFilename(), /^trace-\w+\.html$/);
 	const formats = await page.locator('.downloads a').evaluateAll((links) => links.map((link) => new URL(link.href).searchParams.get('format')));
 	assert.deepEqual(formats, ['html', 'speedscope', 'perfetto', 'json']);
@@ -167,7 +167,7 @@ for (const kind of ['request', 'trace', 'file of a request', 'file of a trace'])
 		const { page, problems } = opened;
 		page.on('dialog', (dialog) => problems.push(`dialog ${dialog.message()}`));
 		for (const view of VIEWS) {
-			await page.goto('about:blank');
+			await page.goto(isFile ? 'about:blank' : `${collector.url}/doctor`);
 			await page.goto(isFile ? `${file}#${view}` : `${collector.url}/${kind}?id=${id}&${view}`);
 			await page.waitForSelector('.trace-page');
 			await goThrough(page);
@@ -175,7 +175,7 @@ for (const kind of ['request', 'trace', 'file of a request', 'file of a trace'])
 			assert.equal(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), true, `${view} is too wide`);
 		}
 		assert.ok((await page.locator('h1').textContent()).includes('<'), 'the attack is there to be seen');
-		assert.deepEqual(problems.filter((each) => !each.includes('about:blank')), []);
+		assert.deepEqual(problems.filter((each) => each !== 'asked about:blank'), []);
 		await opened.close();
 	});
 }

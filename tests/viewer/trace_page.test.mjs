@@ -32,7 +32,6 @@ after(async () => {
 
 async function open(path) {
 	const { page } = opened;
-	await page.goto('about:blank');
 	await show(page, collector.url + path);
 	await page.waitForSelector('.trace-page');
 	return page;
@@ -122,7 +121,7 @@ const KEYS = [
 	['h', async (page) => page.waitForTimeout(1)],
 	['h', async (page) => assert.match(await active(page), /^GET \/cart/)],
 	['p', async (page) => page.waitForURL(/span=/)],
-	['Enter', async (page) => assert.ok(await page.evaluate(() => document.activeElement.matches('.details')))],
+	['Enter', async (page) => assert.ok(await page.evaluate(() => document.activeElement.matches('.details-body')))],
 	['f', async (page) => heldIn(page, 'view', 'flame')],
 	['w', async (page) => heldIn(page, 'view', '')],
 	['Escape', async (page) => heldIn(page, 'span', 'none')],
@@ -207,7 +206,7 @@ test('a link restores the view', async () => {
 	await page.waitForURL(/top=/);
 	await page.waitForTimeout(500);
 	const [shown, chosen, held] = [await rows(page), await active(page), own(page)];
-	await page.goto('about:blank');
+	await show(page, `${collector.url}/transactions`);
 	await show(page, `${collector.url}/request?${new URLSearchParams(held)}`);
 	await page.waitForSelector('.trace-page');
 	assert.deepEqual(await rows(page), shown);
@@ -239,13 +238,13 @@ test('statements are grouped with their sums, and lead to their calls', async ()
 	}
 	const [statement, first] = [...sums].sort(([, one], [, other]) => other.total - one.total)[0];
 	const page = await open(`/request?id=${ids.large}&tab=sql`);
-	const cells = await page.locator('.sql-table tbody tr').first().locator('td').allTextContents();
-	assert.ok(cells[0].startsWith(statement));
-	assert.equal(cells[1], String(first.count));
-	assert.equal(cells[2], `${first.total} ms`);
-	assert.equal(await page.locator('.sql-table tbody tr[data-row]').count(), sums.size);
-	await page.locator('.statement-button').first().click();
-	assert.match(await page.locator('.sql-table .sql').textContent(), /^SELECT id, name, price\nFROM item_/);
+	const cells = await page.locator('.tab-panel .table tbody tr').first().locator('td').allTextContents();
+	assert.ok(cells[1].startsWith(statement));
+	assert.equal(cells[2], String(first.count));
+	assert.equal(cells[3], `${first.total} ms`);
+	assert.equal(await page.locator('.tab-panel .table tbody tr[data-row]').count(), sums.size);
+	await page.locator('.tab-panel .opener').first().click();
+	assert.match(await page.locator('.tab-panel .table .sql').textContent(), /^SELECT id, name, price\nFROM item_/);
 	await page.getByRole('button', { name: 'Show', exact: true }).first().click();
 	assert.match(await active(page), new RegExp(statement.slice(0, 30)));
 });
@@ -266,6 +265,7 @@ test('a trace shows each request below the call that made it', async () => {
 	const answer = await collector.ask('/api/v1/trace', { id: ids.trace });
 	const page = await open(`/trace?id=${ids.trace}`);
 	assert.equal(await page.locator('.request-tree li').count(), answer.requests.length);
+	await rows(page);
 	const levels = await page.locator(ROWS).evaluateAll((items) => items.map((item) => [item.textContent, Number(item.getAttribute('aria-level'))]));
 	const level = (text) => levels.find(([row]) => row.startsWith(text))[1];
 	assert.equal(level('Stock GET /stock/item'), level('http://stock.example') + 1);
@@ -302,7 +302,6 @@ for (const [width, height] of [[1280, 900], [390, 800]]) {
 			paths.push(...['sql', 'errors', 'request', 'resources'].flatMap((tab) => [`/request?id=${ids.checkout}&tab=${tab}`, `/trace?id=${ids.trace}&tab=${tab}`]));
 			for (const path of paths) {
 				await context.test(path, async () => {
-					await page.goto('about:blank');
 					await show(page, collector.url + path);
 					await page.waitForSelector('.trace-page');
 					assert.deepEqual(await page.evaluate(layoutProblems), []);

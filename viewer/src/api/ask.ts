@@ -72,10 +72,9 @@ export async function ask<Answer>(path: string, parameters: Parameters, signal?:
 	return (await response.json()) as Answer;
 }
 
-/* For what is too large to be read at once. */
-export async function askStream(path: string, parameters: Parameters, signal: AbortSignal): Promise<ReadableStream<Uint8Array>> {
-	const response = await send(addressOf(path, parameters), { signal });
-	return response.body ?? new ReadableStream<Uint8Array>({ start: (control) => control.close() });
+/* For what may be too large to be read at once. */
+export function askResponse(path: string, parameters: Parameters, signal: AbortSignal): Promise<Response> {
+	return send(addressOf(path, parameters), { signal });
 }
 
 /* Has the collector change something. */

@@ -24,40 +24,52 @@ export function failureElement(failure: Failure): HTMLElement {
 }
 
 export class DetailsPanel {
-	readonly element = el('aside', { class: 'details panel', 'aria-label': 'Details of what is chosen', tabindex: -1 });
+	readonly element = el('aside', { class: 'details panel', 'aria-label': 'Details of what is chosen' });
+	private body = el('div');
+	private waiting = 0;
 
 	constructor(
 		private readonly state: ViewState,
 		private readonly links: Links | undefined,
 	) {
 		state.on((change) => {
+			// Whoever goes fast through the rows wants to see the last of them.
 			if (change === 'choice') {
-				this.show();
+				this.waiting ||= requestAnimationFrame(() => this.show());
 			}
 		});
 		this.show();
 	}
 
+	focus(): void {
+		this.body.focus();
+		this.body.scrollIntoView({ block: 'nearest' });
+	}
+
 	private show(): void {
+		this.waiting = 0;
+		// A new one is at its top, without the page being laid out to find that out.
+		this.body = el('div', { class: 'details-body', tabindex: -1 }, this.content());
+		replace(this.element, this.body);
+	}
+
+	private content(): Child {
 		const { choice, model } = this.state;
 		const node = choice?.nodes[0];
 		if (!choice || node === undefined) {
-			replace(this.element, el('p', { class: 'muted' }, 'Choose a call to see everything that is known of it.'));
-			return;
+			return el('p', { class: 'muted' }, 'Choose a call to see everything that is known of it.');
 		}
 		const close = el('button', { type: 'button', class: 'plain', 'aria-label': 'Close', on: { click: () => this.state.choose(undefined) } }, '✕');
 		const span = model.spans[node];
 		const layer = LAYERS[model.layer[node] ?? 0] ?? 'other';
 		const many = choice.nodes.length > 1;
 		const way = wayTo(model, node).slice(0, -1);
-		replace(
-			this.element,
+		return [
 			el('header', { class: 'details-head' }, el('h2', {}, many && `${times(choice.nodes.length)} `, shortened(choice.label, 160)), close),
 			el('p', { class: 'row small' }, layerChip(layer), span && el('span', { class: 'mono cut' }, shortened(spanName(span), 200)), choice.nodes.some((each) => model.isFailed[each]) && el('b', { class: 'bad' }, 'failed')),
 			many ? this.ofMany(choice) : span && this.ofOne(node, span),
 			way.length > 0 && section('Called by', this.way(way)),
-		);
-		this.element.scrollTop = 0;
+		];
 	}
 
 	/* The way down to it; each step can be chosen. */

@@ -34,10 +34,7 @@ export function findingsElement(state: ViewState, onShow: () => void): HTMLEleme
 				state.unmark();
 				return;
 			}
-			state.mark(of, finding.nodes);
-			if (finding.nodes[0] !== undefined) {
-				state.choose(state.tree.visible[state.tree.rowOf[finding.nodes[0]] ?? 0]);
-			}
+			state.point(of, finding.nodes);
 			onShow();
 		};
 		return el(

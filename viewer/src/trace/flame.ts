@@ -112,7 +112,7 @@ export class Flame {
 
 	/* After it was hidden. */
 	resize(): void {
-		if (this.scroller.offsetParent === null) {
+		if (this.element.hidden) {
 			return;
 		}
 		this.spacer.style.setProperty('height', `${(this.tree.deepest + 1) * FRAME_HEIGHT + 4}px`);
@@ -231,7 +231,7 @@ export class Flame {
 
 	/* The chosen frame, what is above it and right below, as elements. */
 	private describe(): void {
-		if (this.scroller.offsetParent === null) {
+		if (this.element.hidden) {
 			return;
 		}
 		const { chosen } = this;

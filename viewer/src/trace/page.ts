@@ -1,4 +1,5 @@
 /* One request, and a whole trace across services. */
+import { statementQuery } from '../pages/queries';
 import { api, exportParameters, EXPORT_FORMATS } from '../api/services';
 import { addressOf, isAborted } from '../api/ask';
 import { here, remember, type Address } from '../state/address';
@@ -6,7 +7,7 @@ import { openDialog } from '../ui/dialog';
 import { el, replace, shortened, type Child } from '../ui/dom';
 import { count } from '../ui/format';
 import { setPageCommands } from '../ui/keys';
-import { pageLink, requestLink, term, transactionLink } from '../ui/link';
+import { pageLink, requestLink, transactionLink } from '../ui/link';
 import type { Page } from '../ui/page';
 import { command, emptyState, errorState } from '../ui/states';
 import { askModel, type Kind } from './ask';
@@ -15,20 +16,16 @@ import { nextTask } from './split';
 import type { Links, Surroundings } from './surroundings';
 import { TraceView } from './view';
 
-const LONGEST_TERM = 1500;
+/* What is done with more spans is done in several tasks. */
+const LONG = 20000;
 
 const LINKS: Links = {
 	request: (id, ...children) => requestLink(id, ...children),
 	trace: (id, ...children) => pageLink('trace', { id }, {}, ...children),
-	statement: (statement, ...children) => pageLink('search', {}, { q: term('sql', shortenedStatement(statement)) }, ...children),
+	statement: (statement, ...children) => pageLink('search', {}, { q: statementQuery(statement) }, ...children),
 	transaction: (application, name) => transactionLink(application, name),
 	typical: (id, ...children) => pageLink('compare', { a: id, what: 'typical' }, {}, ...children),
 };
-
-/* To a whole word: half a word is found nowhere. */
-function shortenedStatement(statement: string): string {
-	return statement.length > LONGEST_TERM ? statement.slice(0, statement.lastIndexOf(' ', LONGEST_TERM)) : statement;
-}
 
 const FORMAT_TEXTS: Readonly<Record<(typeof EXPORT_FORMATS)[number], string>> = {
 	html: 'One HTML file, to be opened without the collector',
@@ -140,7 +137,9 @@ class TracePage implements Page {
 		this.element.setAttribute('aria-busy', 'true');
 		try {
 			const model = await askModel(this.kind, id, question.signal, (spans) => replace(progress, `${count(spans)} spans have come …`));
-			await nextTask();
+			if (model.size > LONG) {
+				await nextTask();
+			}
 			if (this.question === question) {
 				await this.fill(model, question.signal);
 			}
@@ -167,7 +166,9 @@ class TracePage implements Page {
 			return;
 		}
 		const view = new TraceView(model, surroundings);
-		await nextTask();
+		if (model.size > LONG) {
+			await nextTask();
+		}
 		if (signal.aborted) {
 			view.end();
 			return;

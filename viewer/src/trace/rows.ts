@@ -40,6 +40,7 @@ export interface Row {
 /* Fewer calls that do the same stand for themselves. */
 const FEWEST_ALIKE = 3;
 const FEW_SPANS = 150;
+const AT_ONCE = 300;
 /* Of the whole time: what took less is closed at first in a long request. */
 const LARGE_PART = 0.01;
 
@@ -56,9 +57,13 @@ export class RowTree {
 	/* Of each span the visible row that stands for it. */
 	readonly rowOf: Int32Array;
 	private readonly toggled = new Map<string, boolean>();
+	/* What leads to the first call that the verdict rests on. */
+	private readonly toEvidence: ReadonlySet<number>;
 	private all: 'open' | 'closed' | undefined;
 
 	constructor(readonly model: Model) {
+		const evidence = model.findings[0]?.nodes[0];
+		this.toEvidence = new Set(evidence === undefined ? [] : wayTo(model, evidence).slice(0, -1));
 		this.rowOf = new Int32Array(model.size);
 		this.tops = model.roots.map((node) => this.callRow(node, undefined));
 		number(this.tops);
@@ -66,7 +71,8 @@ export class RowTree {
 	}
 
 	isOpen(row: Row): boolean {
-		return row.mayOpen && (this.toggled.get(row.key) ?? this.isOpenAtFirst(row));
+		const changed = this.toggled.size > 0 ? this.toggled.get(row.key) : undefined;
+		return row.mayOpen && (changed ?? this.isOpenAtFirst(row));
 	}
 
 	/* REQUIRES: lay() afterwards. */
@@ -82,6 +88,25 @@ export class RowTree {
 	setAll(isOpen: boolean): void {
 		this.all = isOpen ? 'open' : 'closed';
 		this.toggled.clear();
+	}
+
+	/* Makes the rows that are shown when all are open, and stops whenever some were made. */
+	*makeAll(): Generator<undefined> {
+		const waiting = [...this.tops];
+		let made = 0;
+		for (let row = waiting.pop(); row; row = waiting.pop()) {
+			if (row.mayOpen && !opensOneByOne(row)) {
+				const below = this.below(row);
+				for (const each of below) {
+					waiting.push(each);
+				}
+				made += below.length;
+			}
+			if (made > AT_ONCE) {
+				made = 0;
+				yield;
+			}
+		}
 	}
 
 	/* What was opened and closed by hand. */
@@ -160,17 +185,23 @@ export class RowTree {
 
 	private isOpenAtFirst(row: Row): boolean {
 		const { model } = this;
-		if (row.kind === 'each' || row.kind === 'silent' || isLeafGroup(row)) {
+		if (opensOneByOne(row)) {
 			return false;
 		}
 		if (this.all) {
 			return this.all === 'open' || row.depth === 0;
 		}
-		return model.size <= FEW_SPANS || row.hasFailed || row.depth === 0 || row.total >= model.duration * LARGE_PART;
+		return (
+			model.size <= FEW_SPANS ||
+			row.hasFailed ||
+			row.depth === 0 ||
+			row.total >= model.duration * LARGE_PART ||
+			row.nodes.some((node) => this.toEvidence.has(node))
+		);
 	}
 
 	private rowsBelow(row: Row): Row[] {
-		if (row.kind === 'each' || row.kind === 'silent' || isLeafGroup(row)) {
+		if (opensOneByOne(row)) {
 			return row.nodes.map((node) => this.callRow(node, row));
 		}
 		const calls = this.callsOf(row);
@@ -284,9 +315,9 @@ function number(rows: readonly Row[]): readonly Row[] {
 	return rows;
 }
 
-/* Calls that call nothing themselves open into the calls, not into what they share. */
-function isLeafGroup(row: Row): boolean {
-	return row.kind === 'alike' && row.calls === 0;
+/* Into its calls, and not into what they have in common. */
+function opensOneByOne(row: Row): boolean {
+	return row.kind === 'each' || row.kind === 'silent' || (row.kind === 'alike' && row.calls === 0);
 }
 
 /* Rows of calls that were put together are besides those of the calls one by one. */

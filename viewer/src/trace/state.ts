@@ -70,6 +70,14 @@ export class ViewState {
 		this.tell('marks');
 	}
 
+	/* Marks spans and brings the first of them to sight. */
+	point(of: string, nodes: readonly number[]): void {
+		this.mark(of, nodes);
+		if (nodes[0] !== undefined) {
+			this.reveal(nodes[0]);
+		}
+	}
+
 	unmark(): void {
 		this.marks = undefined;
 		this.marksOf = '';

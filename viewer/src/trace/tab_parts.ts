@@ -80,8 +80,7 @@ function ownTimes(state: ViewState, part: Part, onShow: () => void): Child {
 	const most = groups[0]?.self ?? 1;
 	const item = ({ label, nodes, self }: CodeGroup): Child => {
 		const show = () => {
-			state.mark(`function ${nodes[0] ?? 0}`, nodes);
-			state.choose(state.tree.visible[state.tree.rowOf[nodes[0] ?? 0] ?? 0]);
+			state.point(`function ${nodes[0] ?? 0}`, nodes);
 			onShow();
 		};
 		return el(

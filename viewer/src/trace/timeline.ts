@@ -7,6 +7,7 @@ import { Flame } from './flame';
 import { LAYER_TEXTS } from './head';
 import { Minimap } from './minimap';
 import { LAYERS, titleOf } from './model';
+import { Breaks } from './split';
 import { failedNodes } from './statements';
 import type { ViewState } from './state';
 import type { Links } from './surroundings';
@@ -114,8 +115,8 @@ export class Timeline {
 			{ keys: ['n'], text: 'Next error', run: does(() => this.nextFailure(1)) },
 			{ keys: ['N'], text: 'Error before', run: does(() => this.nextFailure(-1)) },
 			{ keys: ['p'], text: 'Next part of the critical path', run: does(() => this.nextStep()) },
-			{ keys: ['e'], text: 'Open all rows', run: does(() => this.setAll(true)) },
-			{ keys: ['c'], text: 'Close all rows', run: does(() => this.setAll(false)) },
+			{ keys: ['e'], text: 'Open all rows', run: does(() => void this.setAll(true)) },
+			{ keys: ['c'], text: 'Close all rows', run: does(() => void this.setAll(false)) },
 			{ keys: ['s'], text: 'Find a call', run: does(() => this.find.focus()) },
 			{ keys: ['Escape'], text: 'Choose and mark nothing', run: does(() => this.clear()) },
 		];
@@ -133,7 +134,7 @@ export class Timeline {
 			{ class: 'timeline-tools row' },
 			el('div', { class: 'joined', role: 'group', 'aria-label': 'Drawing' }, this.looks.waterfall, this.looks.flame),
 			el('div', { class: 'joined', role: 'group', 'aria-label': 'Zoom' }, button('−', 'Zoom out ( - )', () => this.zoom(1 / ZOOM_STEP)), button('+', 'Zoom in ( + )', () => this.zoom(ZOOM_STEP)), button('All', 'All of the time ( 0 )', () => this.zoom(Infinity))),
-			el('div', { class: 'joined of-rows', role: 'group', 'aria-label': 'Rows' }, button('Open all', 'Open all rows ( e )', () => this.setAll(true)), button('Close all', 'Close all rows ( c )', () => this.setAll(false))),
+			el('div', { class: 'joined of-rows', role: 'group', 'aria-label': 'Rows' }, button('Open all', 'Open all rows ( e )', () => void this.setAll(true)), button('Close all', 'Close all rows ( c )', () => void this.setAll(false))),
 			this.find,
 			this.found,
 		);
@@ -214,8 +215,7 @@ export class Timeline {
 		if (event.target instanceof HTMLElement && event.target.matches('a, button, summary')) {
 			return false;
 		}
-		this.details.element.focus();
-		this.details.element.scrollIntoView({ block: 'nearest' });
+		this.details.focus();
 		return true;
 	}
 
@@ -237,9 +237,14 @@ export class Timeline {
 		}
 	}
 
-	private setAll(isOpen: boolean): void {
-		this.state.tree.setAll(isOpen);
-		this.state.tree.lay();
+	private async setAll(isOpen: boolean): Promise<void> {
+		const { tree } = this.state;
+		const breaks = new Breaks();
+		for (const rows = isOpen ? tree.makeAll() : undefined; rows && !rows.next().done;) {
+			await breaks.take();
+		}
+		tree.setAll(isOpen);
+		tree.lay();
 		this.state.tell('rows');
 	}
 

@@ -8,7 +8,7 @@ import { ViewState } from './state';
 import { failedNodes, statementGroups } from './statements';
 import type { Surroundings } from './surroundings';
 import { errorsTab, requestTab, resourcesTab } from './tab_parts';
-import { SqlTab } from './tab_sql';
+import { sqlTab } from './tab_sql';
 import { Tabs } from './tabs';
 import { Timeline } from './timeline';
 
@@ -34,7 +34,7 @@ export class TraceView {
 			this.hold();
 		};
 		this.timeline = new Timeline(this.state, surroundings.links, () => this.hold());
-		const statements = () => new SqlTab(this.state, surroundings.links, toTimeline).element;
+		const statements = () => sqlTab(this.state, surroundings.links, toTimeline);
 		this.tabs = new Tabs(
 			'What is known of it',
 			[

@@ -30,6 +30,8 @@ export class Waterfall {
 	private readonly spacer = el('div', { class: 'waterfall-space' });
 	private readonly mirror: RowMirror;
 	private places: Places = placesFor(800, 1);
+	/* As the scroller has it: to ask for it would have the page laid out in the middle of a drawing. */
+	private scrolled = 0;
 	private hovered = -1;
 	/* Worked out when it is asked for. */
 	private chosenRow: number | undefined;
@@ -94,11 +96,11 @@ export class Waterfall {
 	}
 
 	get top(): number {
-		return Math.round(this.scroller.scrollTop / this.places.rowHeight);
+		return Math.round(this.scrolled / this.places.rowHeight);
 	}
 
 	set top(row: number) {
-		this.scroller.scrollTop = row * this.places.rowHeight;
+		this.scrollToPixel(row * this.places.rowHeight);
 	}
 
 	focus(): void {
@@ -107,7 +109,7 @@ export class Waterfall {
 
 	/* How many rows fit. */
 	get page(): number {
-		return Math.max(1, Math.floor((this.scroller.clientHeight - HEAD_HEIGHT) / this.places.rowHeight) - 1);
+		return Math.max(1, Math.floor((this.drawing.height - HEAD_HEIGHT) / this.places.rowHeight) - 1);
 	}
 
 	onScroll(listener: () => void): void {
@@ -116,18 +118,22 @@ export class Waterfall {
 
 	scrollTo(index: number): void {
 		const { rowHeight } = this.places;
-		const { scroller } = this;
-		const room = scroller.clientHeight - HEAD_HEIGHT;
-		if (index * rowHeight < scroller.scrollTop) {
-			scroller.scrollTop = Math.max(0, index * rowHeight - rowHeight * 2);
-		} else if ((index + 1) * rowHeight > scroller.scrollTop + room) {
-			scroller.scrollTop = (index + 1) * rowHeight - room + rowHeight * 2;
+		const room = this.drawing.height - HEAD_HEIGHT;
+		if (index * rowHeight < this.scrolled) {
+			this.scrollToPixel((index - 2) * rowHeight);
+		} else if ((index + 1) * rowHeight > this.scrolled + room) {
+			this.scrollToPixel((index + 3) * rowHeight - room);
 		}
 	}
 
 	end(): void {
 		hideTip();
 		this.drawing.end();
+	}
+
+	private scrollToPixel(pixels: number): void {
+		this.scroller.scrollTop = Math.max(0, pixels);
+		this.scrolled = this.scroller.scrollTop;
 	}
 
 	private layRows(): void {
@@ -175,7 +181,7 @@ export class Waterfall {
 		const { drawing, places, state, rows } = this;
 		const { context, palette } = drawing;
 		drawing.clear(palette.back);
-		const scrolled = this.scroller.scrollTop;
+		const { scrolled } = this;
 		const first = Math.max(0, Math.floor(scrolled / places.rowHeight));
 		const last = Math.min(rows.length, Math.ceil((scrolled + drawing.height - HEAD_HEIGHT) / places.rowHeight));
 		const axis = new AxisPainter(drawing, places.names, places.width, state.zoom);
@@ -217,7 +223,7 @@ export class Waterfall {
 		if (y < HEAD_HEIGHT) {
 			return { row: undefined, index: -1, zone: x < places.names ? 'name' : 'head', time };
 		}
-		const within = y - HEAD_HEIGHT + this.scroller.scrollTop;
+		const within = y - HEAD_HEIGHT + this.scrolled;
 		const index = Math.floor(within / places.rowHeight);
 		const row = this.rows[index];
 		const isBar = places.isStacked ? within - index * places.rowHeight > 20 : x >= places.names;
@@ -228,7 +234,10 @@ export class Waterfall {
 
 	private listen(): void {
 		const { scroller } = this;
-		scroller.addEventListener('scroll', () => this.drawing.redraw());
+		scroller.addEventListener('scroll', () => {
+			this.scrolled = scroller.scrollTop;
+			this.drawing.redraw();
+		});
 		scroller.addEventListener('focus', () => this.drawing.redraw());
 		scroller.addEventListener('blur', () => this.drawing.redraw());
 		scroller.addEventListener('wheel', (event) => this.wheel(event), { passive: false });
