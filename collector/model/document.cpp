@@ -116,7 +116,7 @@ private:
 	}
 
 	void put(std::string_view bytes) {
-		std::memcpy(room(bytes.size()), bytes.data(), bytes.size());
+		std::copy(bytes.begin(), bytes.end(), room(bytes.size()));
 		size_ += bytes.size();
 	}
 

@@ -61,8 +61,8 @@ struct Span {
 	int64_t end = 0;
 	int64_t status = 0; /* of an HTTP call; 0 if there was none */
 	int64_t port = 0;
-	int32_t values = 0; /* of several spans whose statements had the same literals: a number that
-						   these share; 0: no other had the same, or nobody knows */
+	int32_t values = 0;  /* of several spans whose statements had the same literals: a number that
+							these share; 0: no other had the same, or nobody knows */
 	int32_t parent = -1; /* index of the parent in the list of spans; -1 for the root */
 	bool is_external = false;
 	bool is_async = false;

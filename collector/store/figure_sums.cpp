@@ -79,9 +79,15 @@ void FigureSums::add(Record &record, int64_t now) {
 	key.application = record.summary.application;
 	key.transaction = record.summary.name;
 	int64_t hash = key.hash();
+	if (is_full() && rows.count(hash) == 0) {
+		key.transaction = record.summary.name = kOtherNames;
+		hash = key.hash();
+		renamed_++;
+	}
 	auto [row, is_new] = rows.try_emplace(hash);
 	if (is_new) {
 		row->second.key = std::move(key);
+		rows_++;
 	}
 	row->second.figures.add(figures_of(record, time));
 	add_facts(record, now, rows);

@@ -6,65 +6,16 @@ using kaq::is_secret_name;
 using kaq::without_secrets;
 
 TEST(SecretName, SaysSo) {
-	for (const char *name : {"password",
-							 "Password",
-							 "user_password",
-							 "new-passwd",
-							 "pwd",
-							 "pass",
-							 "token",
-							 "csrf_token",
-							 "client_secret",
-							 "api_key",
-							 "X-Api-Key",
-							 "apiKey",
-							 "keys",
-							 "key",
-							 "key[0]",
-							 "PHPSESSID",
-							 "session_id",
-							 "card",
-							 "card_number",
-							 "creditCard",
-							 "Authorization",
-							 "Cookie",
-							 "Proxy-Authorization",
-							 "Set-Cookie",
-							 "sid",
-							 "cvv2",
-							 "a[password]",
-							 "passphrase",
-							 "pass[pass1]",
-							 "pass1",
-							 "pass1-text",
-							 "wp_credentials",
-							 "user_pass",
-							 "user[pass]",
-							 "pw",
-							 "Php-Auth-Pw",
-							 "userpass",
-							 "privateKeyPem",
-							 "APIKey",
-							 "accessTokens",
-							 "dbpw",
-							 "PassWord",
-							 "SECRET",
-							 "cardnumber",
-							 "HTTP_COOKIE",
-							 "_wpnonce",
-							 "user_pin",
-							 "cards",
-							 "secretKey",
-							 "sessionid",
-							 "basic_auth",
-							 "x-amz-authorization",
-							 "connect.sid",
-							 "otp",
-							 "licensekey",
-							 "cardNo",
-							 "X-Xsrf-Header",
-							 "userPw1",
-							 "pin"}) {
+	std::istringstream names(
+		"password Password user_password new-passwd pwd pass token csrf_token "
+		"client_secret api_key X-Api-Key apiKey keys key key[0] PHPSESSID session_id "
+		"card card_number creditCard Authorization Cookie Proxy-Authorization Set-Cookie "
+		"sid cvv2 a[password] passphrase pass[pass1] pass1 pass1-text wp_credentials "
+		"user_pass user[pass] pw Php-Auth-Pw userpass privateKeyPem APIKey accessTokens "
+		"dbpw PassWord SECRET cardnumber HTTP_COOKIE _wpnonce user_pin cards secretKey "
+		"sessionid basic_auth x-amz-authorization connect.sid otp licensekey cardNo "
+		"X-Xsrf-Header userPw1 pin ");
+	for (std::string name; names >> name;) {
 		EXPECT_TRUE(is_secret_name(name)) << name;
 	}
 }
@@ -205,7 +156,7 @@ TEST(WithoutSecrets, ArgumentsInATrace) {
 						"  thrown"));
 	EXPECT_EQ("#10 [internal function]: f([hidden, 5 to 8 bytes]) #11 /b(1): g(Object(A), 5)",
 			  without_secrets("#10 [internal function]: f('it's\n') #11 /b(1): g(Object(A), 5)"));
-	EXPECT_EQ("issue #5: call f('x')", without_secrets("issue #5: call f('x')"));
+	EXPECT_EQ("note #5: call f('x')", without_secrets("note #5: call f('x')"));
 }
 
 TEST(WithoutSecrets, CommandLinesTagsAndKeys) {
@@ -257,7 +208,7 @@ TEST(WithoutSecrets, ALongTextOfSchemesIsReadOnce) {
 		text += "://";
 	}
 	EXPECT_EQ(text, without_secrets(text));
-	EXPECT_EQ("a@b" + text + "[hidden, 1 to 4 bytes]@d", without_secrets("a@b" + text + "c@d"));
+	EXPECT_EQ("a@b://[hidden, more than 1024 bytes]@d", without_secrets("a@b" + text + "c@d"));
 }
 
 TEST(WithoutSecrets, CardNumbers) {
@@ -457,7 +408,8 @@ TEST(Scrub, SameValuesAreToldFromOthers) {
 							  "SELECT a FROM t WHERE b = ?", "SELECT c FROM t WHERE b = 1",
 							  "SELECT c FROM t WHERE b = 1", "SELECT a FROM t WHERE b = 1"}) {
 		t.spans.emplace_back().query = query;
-		t.spans.back().values = 77; /* nobody else is believed */
+		t.spans.back().is_external = true; /* it runs, once */
+		t.spans.back().values = 77;        /* nobody else is believed */
 	}
 	scrub(t, {});
 	std::vector<int32_t> values;
