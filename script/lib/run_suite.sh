@@ -11,6 +11,8 @@ source "$KAQ_ROOT/script/lib/engines.sh"
 source "$KAQ_ROOT/script/lib/standins.sh"
 # shellcheck source=script/lib/report.sh
 source "$KAQ_ROOT/script/lib/report.sh"
+# shellcheck source=script/lib/viewer_packages.sh
+source "$KAQ_ROOT/script/lib/viewer_packages.sh"
 # shellcheck source=script/lib/suites.sh
 source "$KAQ_ROOT/script/lib/suites.sh"
 

@@ -347,17 +347,6 @@ kaq_suite_engine_suite() {
 	kaq_report "engine-suite $key" $((SECONDS - begin)) "$log" "$status" sum "$KAQ_RUN/engine-suite-$key"
 }
 
-# kaq_viewer_packages COPY LOG: the viewer's sources with all of its npm packages.
-kaq_viewer_packages() {
-	local copy=$1
-	mkdir -p "$copy"
-	rm -rf "$copy/src" "$copy/style"
-	cmp -s "$KAQ_ROOT/viewer/package-lock.json" "$copy/package-lock.json" || rm -rf "$copy/node_modules"
-	cp -R "$KAQ_ROOT/viewer/." "$copy/"
-	[[ -d $copy/node_modules ]] ||
-		(cd "$copy" && kaq_bounded 600 npm ci --ignore-scripts --no-audit --no-fund) >>"$2" 2>&1 </dev/null
-}
-
 # The collector's pages in a browser, and their sources.
 kaq_suite_viewer() {
 	local log="$KAQ_LOGS/viewer.log" begin=$SECONDS status=0 collector

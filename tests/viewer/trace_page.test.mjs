@@ -184,6 +184,7 @@ test('a flame graph is gone through with the arrows', async () => {
 test('of ten thousand spans only what is seen is drawn and read out', async () => {
 	const page = await open(`/request?id=${ids.large}`);
 	await page.keyboard.press('e');
+	await heldIn(page, 'open', '*');
 	await page.keyboard.press('End');
 	assert.match(await active(page), /./);
 	const { canvas, room, whole } = await page.evaluate(() => {
@@ -200,6 +201,7 @@ test('of ten thousand spans only what is seen is drawn and read out', async () =
 test('a link restores the view', async () => {
 	const page = await open(`/request?id=${ids.large}`);
 	await page.keyboard.press('e');
+	await heldIn(page, 'open', '*');
 	for (const key of ['PageDown', 'PageDown', 'ArrowDown', '+', '+']) {
 		await page.keyboard.press(key);
 	}

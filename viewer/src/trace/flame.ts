@@ -111,7 +111,12 @@ export class Flame {
 	}
 
 	/* After it was hidden. */
-	resize(): void {
+	lookedAt(): void {
+		this.resize();
+		this.describe();
+	}
+
+	private resize(): void {
 		if (this.element.hidden) {
 			return;
 		}

@@ -33,6 +33,7 @@ export class Timeline {
 	private readonly find: HTMLInputElement;
 	private readonly found = el('span', { class: 'muted small', role: 'status' });
 	private readonly body: HTMLElement;
+	private foundNode = -1;
 	private readonly hint = el('p', { class: 'muted small legend-hint' });
 
 	constructor(
@@ -82,7 +83,7 @@ export class Timeline {
 		this.element.classList.toggle('is-flame', look === 'flame');
 		this.body.classList.toggle('has-choice', this.state.choice !== undefined);
 		if (look === 'flame') {
-			this.flame.resize();
+			this.flame.lookedAt();
 		}
 		replace(
 			this.hint,
@@ -259,6 +260,7 @@ export class Timeline {
 	private search(): void {
 		const { state } = this;
 		const text = this.find.value.trim().toLowerCase();
+		this.foundNode = -1;
 		if (text === '') {
 			replace(this.found);
 			state.unmark();
@@ -284,15 +286,21 @@ export class Timeline {
 			this.focus();
 			event.preventDefault();
 		} else if (event.key === 'Enter' && state.marks) {
-			const marked = [...state.marks.keys()].filter((node) => state.marks?.[node]);
-			const at = Number(this.find.dataset.at ?? -1);
-			const next = marked.findIndex((node) => (event.shiftKey ? false : node > at));
-			const node = marked[Math.max(0, next)];
-			if (node !== undefined) {
-				this.find.dataset.at = String(node);
-				replace(this.found, `${count(Math.max(0, next) + 1)} of ${plural(marked.length, 'call')}: ${titleOf(state.model, node).slice(0, 40)}`);
-				state.reveal(node);
-			}
+			this.nextFound(event.shiftKey ? -1 : 1);
+		}
+	}
+
+	private nextFound(direction: 1 | -1): void {
+		const { marks, model } = this.state;
+		const marked: number[] = [];
+		marks?.forEach((is, node) => is && marked.push(node));
+		const at = marked.indexOf(this.foundNode) + direction;
+		const next = (at < 0 ? marked.length - 1 : at) % Math.max(1, marked.length);
+		const node = marked[next];
+		if (node !== undefined) {
+			this.foundNode = node;
+			replace(this.found, `${count(next + 1)} of ${plural(marked.length, 'call')}: ${titleOf(model, node).slice(0, 40)}`);
+			this.state.reveal(node);
 		}
 	}
 

@@ -13,6 +13,7 @@ import { Tabs } from './tabs';
 import { Timeline } from './timeline';
 
 const PATIENCE_MS = 250;
+const LONGEST_LIST = 2000;
 
 export class TraceView {
 	readonly element: HTMLElement;
@@ -135,7 +136,7 @@ export class TraceView {
 			view: timeline.look === 'flame' ? 'flame' : '',
 			span: choice ? (choice.key === usual ? '' : choice.key || String(choice.nodes[0] ?? '')) : usual ? 'none' : '',
 			zoom: zoom.isWhole ? '' : `${Number(zoom.from.toFixed(3))}-${Number(zoom.to.toFixed(3))}`,
-			open: state.tree.changes.slice(0, 2000),
+			open: shortList(state.tree.changes),
 			top: timeline.waterfall.top > 0 ? String(timeline.waterfall.top) : '',
 			frame: timeline.flame.opened >= 0 ? String(timeline.flame.opened) : '',
 			finding: state.marksOf.startsWith('finding ') ? state.marksOf.slice(8) : '',
@@ -148,3 +149,7 @@ export class TraceView {
 	}
 }
 
+/* As many of the rows that were opened as an address may hold. */
+function shortList(text: string): string {
+	return text.length > LONGEST_LIST ? text.slice(0, text.lastIndexOf('~', LONGEST_LIST)) : text;
+}
