@@ -329,6 +329,21 @@ def visit_aloud(port, page):
     visit(url, wanted)
 
 
+def serve(collector, port):
+    """Until somebody ends it, or the collector ends by itself."""
+    status, link = run([collector.program, "open", "--store", collector.store], REQUEST_SECONDS)
+    if status != 0:
+        raise DemoFailed("The collector gives no link to its pages.")
+    print("\nAll of it in a browser, by a link that works once:\n  %s\n"
+          "The shop itself, for more requests:\n  http://127.0.0.1:%d/\nCtrl-C ends both."
+          % (link.decode().strip(), port), flush=True)
+    try:
+        collector.process.wait()
+    except KeyboardInterrupt:
+        return
+    raise DemoFailed("The collector has ended.")
+
+
 def play(options, collector, log):
     known = {request["id"] for request in own_requests(collector)}
     command = php_command(options, collector)
@@ -342,17 +357,19 @@ def play(options, collector, log):
         if has_curl:
             visit_aloud(port, TRACED_PAGE)
             show_trace(collector, TRACED_PAGE[0], known)
+        prompt("php job.php " + " ".join(JOB_ARGUMENTS))
+        print(run_job(command, environment))
+        collector.show(show_arrival(collector, "the job", known)["id"])
+        print("%d requests and a command-line job: each arrived as one transaction." % len(PAGES))
+        if has_curl:
+            print("One more request and those that it caused in %d other services: one trace."
+                  % len(SERVICES))
+        else:
+            print("This engine has no curl: the trace through several services was left out.")
+        if options.serve:
+            serve(collector, port)
     finally:
         stop(servers)
-    prompt("php job.php " + " ".join(JOB_ARGUMENTS))
-    print(run_job(command, environment))
-    collector.show(show_arrival(collector, "the job", known)["id"])
-    print("%d requests and a command-line job: each arrived as one transaction." % len(PAGES))
-    if has_curl:
-        print("One more request and those that it caused in %d other services: one trace."
-              % len(SERVICES))
-    else:
-        print("This engine has no curl: the trace through several services was left out.")
 
 
 def on_interruption(handler):
@@ -367,6 +384,8 @@ def main():
     parser.add_argument("--collector", required=True, metavar="FILE", help="the built kaq")
     parser.add_argument("--free-ports", action="store_true",
                         help="use any free ports for the collector, not the usual ones")
+    parser.add_argument("--serve", action="store_true",
+                        help="keep the collector and the shop running until Ctrl-C")
     options = parser.parse_args()
     sys.stdout.reconfigure(errors="replace")
     try:

@@ -7,6 +7,7 @@ import re
 import signal
 import subprocess
 import sys
+import threading
 import time
 import urllib.request
 import xml.etree.ElementTree
@@ -215,6 +216,37 @@ def test_interruption_while_a_process_is_being_started_waits_until_it_is_known(m
             signal.signal(ending, handler)
         play.stop(play.STARTED)
     assert [process.returncode for process in play.STARTED] == [-signal.SIGTERM]
+
+
+def test_demonstration_serves_until_it_is_ended(engine):
+    """Its link logs a browser in, and Ctrl-C is the usual end."""
+    playing = subprocess.Popen(
+        [sys.executable, os.path.join(DEMO, "play.py"), *engine, "--serve"],
+        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        start_new_session=True)
+    watchdog = threading.Timer(SECONDS, playing.kill)
+    watchdog.start()
+    try:
+        addresses = []
+        for line in playing.stdout:
+            addresses += re.findall(rb"^  (http://\S+)$", line)
+            if line.startswith(b"Ctrl-C"):
+                break
+        pages, shop = addresses
+        with urllib.request.urlopen(pages.decode(), timeout=SECONDS) as answer:
+            assert answer.status == 200 and "kaq_token" not in answer.geturl()
+        with urllib.request.urlopen(shop.decode(), timeout=SECONDS) as answer:
+            assert answer.status == 200
+        playing.send_signal(signal.SIGINT)
+        _, said = playing.communicate(timeout=SECONDS)
+        assert (playing.returncode, said) == (0, b"")
+        with pytest.raises(ProcessLookupError):
+            os.killpg(playing.pid, 0)
+    finally:
+        watchdog.cancel()
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(playing.pid, signal.SIGKILL)
+        playing.wait(SECONDS)
 
 
 @pytest.mark.parametrize("seconds", [0.2, 0.5, 0.8])
