@@ -4,7 +4,6 @@
 class Store
 {
     private $db = null;
-    private $file = null;
 
     private static $products = [
         [1, 'Teapot', 2450, 'kitchen'],
@@ -30,10 +29,8 @@ class Store
 
     private function connect()
     {
-        $this->file = tempnam(sys_get_temp_dir(), 'kaq-demo-');
-        $this->db = new PDO('sqlite:' . $this->file);
+        $this->db = new PDO('sqlite::memory:');
         $this->db->setAttribute(PDO::ATTR_ERRMODE, PDO::ERRMODE_EXCEPTION);
-        $this->db->exec('PRAGMA synchronous = OFF');
         $this->db->exec('CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, cents INT, room TEXT)');
         $this->fill();
     }
@@ -83,9 +80,5 @@ class Store
     public function close()
     {
         $this->db = null;
-        if ($this->file !== null) {
-            unlink($this->file);
-            $this->file = null;
-        }
     }
 }
