@@ -113,7 +113,7 @@ test('a query is completed, helped with, and its mistakes are told', async () =>
 	const field = page.getByRole('combobox', { name: 'Query' });
 	await field.click();
 	await field.pressSequentially('has:ver');
-	await page.locator('.offer').first().waitFor();
+	await page.locator('.offer', { hasText: 'verdict' }).first().waitFor();
 	await page.keyboard.press('ArrowDown');
 	await page.keyboard.press('Enter');
 	assert.match(await field.inputValue(), /^has:verdict/);

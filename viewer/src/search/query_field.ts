@@ -69,6 +69,8 @@ class Field implements QueryField {
 	private question: AbortController | undefined;
 	private timer = 0;
 	private offered: Completions | undefined;
+	/* What is offered is for this text alone. */
+	private offeredFor = '';
 	private chosen = -1;
 
 	constructor(private readonly options: QueryFieldOptions) {
@@ -115,7 +117,7 @@ class Field implements QueryField {
 
 	private onKey(event: KeyboardEvent): void {
 		const candidates = this.offered?.candidates ?? [];
-		const isOpen = !this.list.hidden;
+		const isOpen = !this.list.hidden && this.offeredFor === this.input.value;
 		if (event.key === 'Enter') {
 			if (isOpen && this.chosen >= 0) {
 				this.take(candidates[this.chosen]);
@@ -150,6 +152,7 @@ class Field implements QueryField {
 		try {
 			const cursor = bytesTo(text, this.input.selectionStart ?? text.length);
 			this.offered = await api.completions(text, cursor, this.question.signal);
+			this.offeredFor = text;
 			this.offer(text);
 		} catch (error) {
 			if (!isAborted(error)) {
@@ -209,7 +212,7 @@ class Field implements QueryField {
 	}
 
 	private take(candidate: Candidate | undefined): void {
-		if (!candidate || !this.offered) {
+		if (!candidate || !this.offered || this.offeredFor !== this.input.value) {
 			return;
 		}
 		const text = this.input.value;
