@@ -153,7 +153,7 @@ std::string title_name(std::string_view title) {
 			   (title.find('/') == std::string_view::npos ? "" : "/*");
 	}
 	size_t colon = title.find(':');
-	bool has_namespace = colon != std::string_view::npos && colon <= kLongestNamespace;
+	bool has_namespace = colon <= kLongestNamespace;
 	return has_namespace ? std::string(title.substr(0, colon + 1)) + "*" : "*";
 }
 

@@ -81,7 +81,7 @@ struct RootTable {
 				}
 				bit++;
 			}
-			ends |= uint64_t{1} << (bit - 1);
+			ends |= (uint64_t{1} << bit) >> 1;
 		}
 	}
 

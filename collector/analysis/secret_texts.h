@@ -22,10 +22,10 @@ enum class TextSyntax { kAny, kQuery };
  * What is percent-encoded is looked at decoded. In a query a value ends at '&' alone.
  */
 std::string without_secrets(std::string_view text, const ScrubSettings &settings = {},
-							TextSyntax kind = TextSyntax::kAny);
+							TextSyntax syntax = TextSyntax::kAny);
 
 /* The same; false, and `cleaned` untouched, if there are none: nearly always. */
-bool find_secrets(std::string_view text, const ScrubSettings &settings, TextSyntax kind,
+bool find_secrets(std::string_view text, const ScrubSettings &settings, TextSyntax syntax,
 				  std::string &cleaned);
 
 } // namespace kaq
