@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -57,15 +58,30 @@ private:
 	/* A usual payload fits. */
 	static constexpr size_t kFirstRoom = 16 * 1024;
 
+	struct Free {
+		void operator()(char *data) const {
+			std::free(data);
+		}
+	};
+
+	/* What has come twice as far needs twice the room, or as much as there is. */
 	bool grow(size_t least) {
-		size_t room = std::max(least > kFirstRoom ? 2 * least : least, kFirstRoom);
-		if (!budget_->take(room)) {
+		size_t wanted = std::max(least > kFirstRoom ? 2 * least : least, kFirstRoom);
+		return resize(wanted) || resize(least);
+	}
+
+	/* Large memory is moved by the system, so that it is never held twice. */
+	bool resize(size_t room) {
+		if (!budget_->take(room - room_)) {
 			return false;
 		}
-		std::unique_ptr<char[]> data(new char[room]);
-		std::copy(data_.get(), data_.get() + size_, data.get());
-		budget_->give_back(room_);
-		data_ = std::move(data);
+		void *data = std::realloc(data_.get(), room);
+		if (!data) {
+			budget_->give_back(room - room_);
+			return false;
+		}
+		static_cast<void>(data_.release());
+		data_.reset(static_cast<char *>(data));
 		room_ = room;
 		return true;
 	}
@@ -78,7 +94,7 @@ private:
 	}
 
 	MemoryBudget *budget_ = nullptr;
-	std::unique_ptr<char[]> data_;
+	std::unique_ptr<char, Free> data_;
 	size_t size_ = 0;
 	size_t room_ = 0;
 };

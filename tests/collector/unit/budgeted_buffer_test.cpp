@@ -35,6 +35,21 @@ TEST(BudgetedBuffer, GivesEverythingBack) {
 	EXPECT_EQ(size_t(1) << 20, budget.left());
 }
 
+/* Whoever reads 64 KiB at a time gets as far as the budget, but for one piece. */
+TEST(BudgetedBuffer, OneCanHaveTheWholeBudget) {
+	MemoryBudget budget(10 << 20);
+	BudgetedBuffer buffer(budget);
+	const std::string piece(1 << 16, 'x');
+	size_t all = 0;
+	while (buffer.append(piece)) {
+		all += piece.size();
+	}
+	EXPECT_EQ(size_t{10} << 20, all);
+	EXPECT_EQ(std::string(all, 'x'), buffer.bytes());
+	buffer.clear();
+	EXPECT_EQ(size_t{10} << 20, budget.left());
+}
+
 TEST(BudgetedBuffer, RefusesWhatTheBudgetDoesNotHaveAndKeepsTheRest) {
 	MemoryBudget budget(40000);
 	BudgetedBuffer buffer(budget);
