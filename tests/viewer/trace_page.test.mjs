@@ -50,6 +50,29 @@ function active(page) {
 	});
 }
 
+/* Pages draw when they have time to: what is looked for comes, or the reason why not is told. */
+async function eventually(check) {
+	const end = Date.now() + 10000;
+	for (;;) {
+		try {
+			return await check();
+		} catch (error) {
+			if (!(error instanceof assert.AssertionError) || Date.now() > end) {
+				throw error;
+			}
+			await new Promise((resolve) => setTimeout(resolve, 50));
+		}
+	}
+}
+
+function heard(page, wanted) {
+	return eventually(async () => assert.match(await active(page), wanted));
+}
+
+function told(place, wanted) {
+	return eventually(async () => assert.match(await place.textContent(), wanted));
+}
+
 function own(page) {
 	return Object.fromEntries(new URL(page.url()).searchParams);
 }
@@ -62,10 +85,10 @@ test('the verdict is on top, what it rests on is chosen, and its statement stand
 	const answer = await collector.ask('/api/v1/request', { id: ids.cart });
 	const page = await open(`/request?id=${ids.cart}`);
 	const [finding] = answer.findings;
-	assert.match(await page.locator('.verdict').first().textContent(), new RegExp(`${finding.count} times the same statement`));
-	assert.match(await active(page), new RegExp(`^${finding.spans.length} times SELECT id, name, price FROM item WHERE id = \\?, database`));
+	await told(page.locator('.verdict').first(), new RegExp(`${finding.count} times the same statement`));
+	await heard(page, new RegExp(`^${finding.spans.length} times SELECT id, name, price FROM item WHERE id = \\?, database`));
 	const sum = finding.spans.reduce((total, span) => total + answer.spans[span].duration_ms, 0);
-	assert.match(await page.locator('.details').textContent(), new RegExp(`Together${sum} ms`));
+	await told(page.locator('.details'), new RegExp(`Together${sum} ms`));
 	assert.equal(await page.locator('.details .sql').first().textContent(), 'SELECT id, name, price\nFROM item\nWHERE id = ?');
 });
 
@@ -87,7 +110,7 @@ test('repeated statements are one row that opens into each of them', async () =>
 	assert.equal((await rows(page)).filter((row) => /times SELECT/.test(row)).length, 1);
 	await page.keyboard.press('ArrowRight');
 	await page.keyboard.press('ArrowRight');
-	assert.match(await active(page), /^SELECT id, name, price/);
+	await heard(page, /^SELECT id, name, price/);
 	const tree = page.locator(`${ROWS}[aria-selected=true]`);
 	assert.equal(await tree.getAttribute('aria-setsize'), String(statements));
 	assert.equal(await tree.getAttribute('aria-posinset'), '1');
@@ -97,14 +120,14 @@ test('repeated statements are one row that opens into each of them', async () =>
 });
 
 const KEYS = [
-	['Home', async (page) => assert.match(await active(page), /^GET \/cart/)],
-	['ArrowDown', async (page) => assert.match(await active(page), /^Session::start/)],
-	['j', async (page) => assert.match(await active(page), /^Redis::get/)],
-	['k', async (page) => assert.match(await active(page), /^Session::start/)],
-	['ArrowUp', async (page) => assert.match(await active(page), /^GET \/cart/)],
-	['End', async (page) => assert.match(await active(page), /^View::render/)],
-	['PageUp', async (page) => assert.match(await active(page), /^GET \/cart/)],
-	['PageDown', async (page) => assert.match(await active(page), /^View::render/)],
+	['Home', (page) => heard(page, /^GET \/cart/)],
+	['ArrowDown', (page) => heard(page, /^Session::start/)],
+	['j', (page) => heard(page, /^Redis::get/)],
+	['k', (page) => heard(page, /^Session::start/)],
+	['ArrowUp', (page) => heard(page, /^GET \/cart/)],
+	['End', (page) => heard(page, /^View::render/)],
+	['PageUp', (page) => heard(page, /^GET \/cart/)],
+	['PageDown', (page) => heard(page, /^View::render/)],
 	['+', async (page) => page.waitForURL(/zoom=/)],
 	['.', async (page) => page.waitForURL(/zoom=/)],
 	[',', async (page) => page.waitForURL(/zoom=/)],
@@ -114,18 +137,18 @@ const KEYS = [
 	['0', async (page) => heldIn(page, 'zoom', '')],
 	['c', async (page) => heldIn(page, 'open', '-*')],
 	['e', async (page) => heldIn(page, 'open', '*')],
-	['Home', async (page) => assert.match(await active(page), /^GET \/cart/)],
-	['ArrowLeft', async (page) => assert.equal((await rows(page)).length, 1)],
-	['ArrowRight', async (page) => assert.ok((await rows(page)).length > 1)],
-	['l', async (page) => assert.match(await active(page), /^Session::start/)],
+	['Home', (page) => heard(page, /^GET \/cart/)],
+	['ArrowLeft', (page) => eventually(async () => assert.equal((await rows(page)).length, 1))],
+	['ArrowRight', (page) => eventually(async () => assert.ok((await rows(page)).length > 1))],
+	['l', (page) => heard(page, /^Session::start/)],
 	['h', async (page) => page.waitForTimeout(1)],
-	['h', async (page) => assert.match(await active(page), /^GET \/cart/)],
+	['h', (page) => heard(page, /^GET \/cart/)],
 	['p', async (page) => page.waitForURL(/span=/)],
-	['Enter', async (page) => assert.ok(await page.evaluate(() => document.activeElement.matches('.details-body')))],
+	['Enter', (page) => page.waitForFunction(() => document.activeElement.matches('.details-body'))],
 	['f', async (page) => heldIn(page, 'view', 'flame')],
 	['w', async (page) => heldIn(page, 'view', '')],
 	['Escape', async (page) => heldIn(page, 'span', 'none')],
-	['s', async (page) => assert.ok(await page.evaluate(() => document.activeElement.matches('.find')))],
+	['s', (page) => page.waitForFunction(() => document.activeElement.matches('.find'))],
 ];
 
 test('every key of the waterfall does what the help says', async () => {
@@ -145,12 +168,12 @@ test('n and N go through what failed', async () => {
 	const page = await open(`/request?id=${ids.checkout}`);
 	await page.keyboard.press('Escape');
 	await page.keyboard.press('n');
-	assert.match(await active(page), /^Payment::charge.*failed/);
+	await heard(page, /^Payment::charge.*failed/);
 	await page.keyboard.press('n');
-	assert.match(await active(page), /pay\.example.*failed/);
+	await heard(page, /pay\.example.*failed/);
 	await page.keyboard.press('N');
-	assert.match(await active(page), /^Payment::charge/);
-	assert.match(await page.locator('.details').textContent(), /PaymentFailed.*the bank answered.*Payment\.php:33/s);
+	await heard(page, /^Payment::charge/);
+	await told(page.locator('.details'), /PaymentFailed.*the bank answered.*Payment\.php:33/s);
 });
 
 test('the help lists the keys of the page', async () => {
@@ -167,14 +190,14 @@ test('the help lists the keys of the page', async () => {
 test('a flame graph is gone through with the arrows', async () => {
 	const page = await open(`/request?id=${ids.cart}&view=flame&span=none`);
 	await page.keyboard.press('ArrowDown');
-	assert.match(await active(page), /^GET \/cart/);
+	await heard(page, /^GET \/cart/);
 	await page.keyboard.press('ArrowDown');
-	assert.match(await active(page), /^Cart::items/, 'the widest is the first');
+	await heard(page, /^Cart::items/);
 	await page.keyboard.press('ArrowDown');
-	assert.match(await active(page), /times SELECT id, name, price/);
+	await heard(page, /times SELECT id, name, price/);
 	await page.keyboard.press('ArrowUp');
 	await page.keyboard.press('ArrowRight');
-	assert.match(await active(page), /^View::render/);
+	await heard(page, /^View::render/);
 	await page.keyboard.press('z');
 	await page.waitForURL(/frame=/);
 	await page.keyboard.press('0');
@@ -186,16 +209,17 @@ test('of ten thousand spans only what is seen is drawn and read out', async () =
 	await page.keyboard.press('e');
 	await heldIn(page, 'open', '*');
 	await page.keyboard.press('End');
-	assert.match(await active(page), /./);
-	const { canvas, room, whole } = await page.evaluate(() => {
-		const scroller = document.querySelector('.waterfall-scroll');
-		return { canvas: scroller.querySelector('canvas').clientHeight, room: scroller.clientHeight, whole: scroller.scrollHeight };
+	await heard(page, /./);
+	await eventually(async () => {
+		const { canvas, room, whole } = await page.evaluate(() => {
+			const scroller = document.querySelector('.waterfall-scroll');
+			return { canvas: scroller.querySelector('canvas').clientHeight, room: scroller.clientHeight, whole: scroller.scrollHeight };
+		});
+		assert.ok(canvas <= room && whole > 50 * room, `${canvas} of ${whole}`);
 	});
-	assert.ok(canvas <= room && whole > 50 * room, `${canvas} of ${whole}`);
 	assert.ok((await rows(page)).length < 100);
 	await page.keyboard.press('Home');
-	await page.waitForTimeout(300);
-	assert.ok((await rows(page))[0].startsWith('GET /long/10000'));
+	await eventually(async () => assert.ok((await rows(page))[0].startsWith('GET /long/10000')));
 });
 
 test('a link restores the view', async () => {
@@ -226,7 +250,7 @@ test('what is found is marked, counted and gone through', async () => {
 	await page.waitForFunction(() => /call/.test(document.querySelector('.find + span').textContent));
 	assert.equal(await page.locator('.find + span').textContent(), `${wanted} calls`);
 	await page.keyboard.press('Enter');
-	assert.match(await active(page), /item_7/);
+	await heard(page, /item_7/);
 	await page.keyboard.press('Escape');
 	assert.equal(await page.locator('.find').inputValue(), '');
 });
@@ -246,19 +270,19 @@ test('statements are grouped with their sums, and lead to their calls', async ()
 	assert.equal(cells[3], `${first.total} ms`);
 	assert.equal(await page.locator('.tab-panel .table tbody tr[data-row]').count(), sums.size);
 	await page.locator('.tab-panel .opener').first().click();
-	assert.match(await page.locator('.tab-panel .table .sql').textContent(), /^SELECT id, name, price\nFROM item_/);
+	await told(page.locator('.tab-panel .table .sql'), /^SELECT id, name, price\nFROM item_/);
 	await page.getByRole('button', { name: 'Show', exact: true }).first().click();
-	assert.match(await active(page), new RegExp(statement.slice(0, 30)));
+	await heard(page, new RegExp(statement.slice(0, 30)));
 });
 
 test('tabs tell of errors, of what was asked, and of what was used', async () => {
 	const page = await open(`/request?id=${ids.checkout}&tab=errors`);
-	assert.match(await page.locator('.errors').textContent(), /PaymentFailed Error.*the bank answered 503 for order/s);
+	await told(page.locator('.errors'), /PaymentFailed Error.*the bank answered 503 for order/s);
 	await page.getByRole('tab', { name: 'Request' }).click();
 	await heldIn(page, 'tab', 'request');
-	assert.match(await page.locator('[role=tabpanel]:not([hidden])').textContent(), /MethodPOST.*Path\/checkout.*Status500/s);
+	await told(page.locator('[role=tabpanel]:not([hidden])'), /MethodPOST.*Path\/checkout.*Status500/s);
 	await page.keyboard.press('ArrowRight');
-	assert.match(await page.locator('[role=tabpanel]:not([hidden])').textContent(), /Peak memory4 MiB.*Processor.*by function/s);
+	await told(page.locator('[role=tabpanel]:not([hidden])'), /Peak memory4 MiB.*Processor.*by function/s);
 	await page.keyboard.press('w');
 	await heldIn(page, 'tab', '');
 });
@@ -292,7 +316,7 @@ test('a request is pinned, and let go', async () => {
 test('what there is not is said, with what to do', async () => {
 	const { page, problems } = opened;
 	await show(page, `${collector.url}/request?id=ffffffffffffffff`);
-	assert.match(await page.locator('.state-error').textContent(), /there is no request or trace.*Try again/s);
+	await told(page.locator('.state-error'), /there is no request or trace.*Try again/s);
 	problems.length = 0;
 });
 
