@@ -42,6 +42,11 @@ export class DetailsPanel {
 	}
 
 	focus(): void {
+		if (this.waiting) {
+			// What is about to be replaced would lose it.
+			cancelAnimationFrame(this.waiting);
+			this.show();
+		}
 		this.body.focus();
 		this.body.scrollIntoView({ block: 'nearest' });
 	}
