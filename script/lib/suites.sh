@@ -49,15 +49,6 @@ kaq_build_for_suites() {
 	cp "$built" "$so" && kaq_report_line ok "build $key" 1 0 0 $((SECONDS - begin))
 }
 
-# kaq_forget_other_checkout BUILD: the cache serves every checkout, but CMake
-# refuses a build directory that another one made.
-kaq_forget_other_checkout() {
-	if [[ -f $1/CMakeCache.txt ]] &&
-		! grep -qE "^CMAKE_HOME_DIRECTORY:INTERNAL=$KAQ_ROOT(/|\$)" "$1/CMakeCache.txt"; then
-		rm -rf "$1"
-	fi
-}
-
 # kaq_cmake SOURCE BUILD LOG OPTION...: configures and builds.
 kaq_cmake() {
 	local source=$1 build=$2 log=$3
@@ -291,7 +282,7 @@ kaq_suite_wire() {
 	kaq_pytest wire "$@" KAQ_STANDINS_SO="$standins"
 }
 
-# kaq_collector_of_run KEY LOG: the collector, with sanitizers, copied for this engine's run.
+# kaq_collector_of_run KEY LOG: the collector, with sanitizers, copied for the run of an engine or suite.
 kaq_collector_of_run() {
 	mkdir -p "$KAQ_RUN/$1"
 	kaq_collector_cmake g++ "$2" &&
@@ -349,7 +340,7 @@ kaq_suite_engine_suite() {
 
 # The collector's pages in a browser, and their sources.
 kaq_suite_viewer() {
-	local log="$KAQ_LOGS/viewer.log" begin=$SECONDS status=0 collector
+	local log="$KAQ_LOGS/viewer.log" begin=$SECONDS status=0
 	local copy="$KAQ_CACHE/build/viewer"
 	: >"$log"
 	if ! kaq_viewer_packages "$copy" "$log"; then
@@ -357,18 +348,17 @@ kaq_suite_viewer() {
 		kaq_report_broken viewer $((SECONDS - begin)) "$log" 'npm cannot have the packages'
 		return 0
 	fi
-	if ! collector=$(kaq_bounded 1800 "$KAQ_ROOT/script/build" --collector 2>>"$log" </dev/null); then
+	if ! kaq_locked collector kaq_collector_of_run viewer "$log"; then
 		kaq_report_broken viewer $((SECONDS - begin)) "$log" 'the collector does not build'
 		return 0
 	fi
-	cp "$collector" "$KAQ_RUN/kaq-viewer"
 	(
 		cd "$KAQ_ROOT/tests/viewer" &&
-			KAQ_COLLECTOR="$KAQ_RUN/kaq-viewer" KAQ_VIEWER_MODULES="$copy" \
+			KAQ_COLLECTOR="$KAQ_RUN/viewer/kaq" KAQ_VIEWER_MODULES="$copy" \
 				kaq_bounded 1200 node --test --test-reporter=./reporter.mjs
-	) >"$KAQ_RUN/viewer" 2>>"$log" </dev/null || status=$?
-	cat "$KAQ_RUN/viewer" >>"$log"
-	kaq_report viewer $((SECONDS - begin)) "$log" "$status" sum "$KAQ_RUN/viewer"
+	) >"$KAQ_RUN/viewer/results" 2>>"$log" </dev/null || status=$?
+	cat "$KAQ_RUN/viewer/results" >>"$log"
+	kaq_report viewer $((SECONDS - begin)) "$log" "$status" sum "$KAQ_RUN/viewer/results"
 }
 
 # kaq_python: the distribution's, which has the distribution's pytest.
