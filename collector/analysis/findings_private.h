@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "analysis/findings.h"
+#include "analysis/intervals.h"
 #include "analysis/layers.h"
 #include "model/transaction.h"
 
@@ -37,6 +38,11 @@ struct Examined {
 
 	const Span &span(int32_t index) const {
 		return transaction.spans[static_cast<size_t>(index)];
+	}
+
+	/* Of a span, what is within the request: it may outlive it. */
+	int64_t time_of(int32_t index) const {
+		return clipped(interval_of(span(index)), interval_of(transaction.spans.front())).duration();
 	}
 
 	/* "480 of 620 ms" */

@@ -150,8 +150,8 @@ public:
 		  repeatable_(statements_.texts.size()), duplicate_gain_(statements_.texts.size()) {
 		for (const Execution &each : statements_.executions) {
 			costs_[static_cast<size_t>(each.span)] =
-				request.span(each.span).duration() +
-				(each.prepared < 0 ? 0 : request.span(each.prepared).duration());
+				request.time_of(each.span) +
+				(each.prepared < 0 ? 0 : request.time_of(each.prepared));
 		}
 		look_at_texts();
 	}
@@ -301,14 +301,15 @@ void find_cache_calls(const Examined &request, std::vector<Finding> &findings) {
 	std::map<std::string_view, Group> groups;
 	for (size_t i = 0; i < spans.size(); i++) {
 		if (layer_of(spans[i]) == Layer::kCache && spans[i].is_external && spans[i].host.empty()) {
-			groups[spans[i].name].add(static_cast<int32_t>(i), spans[i].duration());
+			groups[spans[i].name].add(static_cast<int32_t>(i),
+									  request.time_of(static_cast<int32_t>(i)));
 		}
 	}
 	for (const auto &[name, all] : groups) {
 		Common common = common_caller(request, all.spans);
 		Group under;
 		for (int32_t span : common.members) {
-			under.add(span, request.span(span).duration());
+			under.add(span, request.time_of(span));
 		}
 		bool are_many = under.spans.size() >= static_cast<size_t>(kFewestRepetitions);
 		if (are_many && request.matters(under.gain(), kRepeated)) {

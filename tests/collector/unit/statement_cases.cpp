@@ -251,6 +251,15 @@ VerdictCase distant_cache() {
 			"times memcached::get under MessageCache::load", request.done()};
 }
 
+/* What runs on after the page was sent has not held it up. */
+VerdictCase outlived() {
+	Request request = symfony("/outlived");
+	request.works(100).query("SELECT * FROM log WHERE day = ?", 500);
+	request.last().end += 700;
+	return {"a statement that outlives its request", FindingKind::kSlowStatement, 500, "on log",
+			request.done()};
+}
+
 } // namespace
 
 std::vector<VerdictCase> statement_cases() {
@@ -276,7 +285,8 @@ std::vector<VerdictCase> statement_cases() {
 					  repeated_beside_slow,
 					  slow_beside_repeated,
 					  one_entry_at_a_time,
-					  distant_cache}) {
+					  distant_cache,
+					  outlived}) {
 		cases.push_back(make());
 	}
 	return cases;
