@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <list>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -38,17 +39,26 @@ constexpr std::chrono::seconds kIdleTime{60};
 constexpr std::chrono::seconds kHeartbeat{15};
 constexpr size_t kLongestHeader = 16 * 1024;
 constexpr size_t kLongestBody = 1024 * 1024;
-constexpr size_t kMostConnections = 512;
 constexpr int kBacklog = 128;
 constexpr size_t kWorkers = 4;
 /* Of what the workers do or are to do. */
 constexpr size_t kMostWork = 64;
 
+class Session;
+
+/* The connections of the port, or of the socket: neither shuts out the other. */
+struct Crowd {
+	std::atomic<size_t> connections{0};
+	std::list<Session *> idle; /* that wait for their peers, the longest first */
+};
+
 struct Shared {
 	HttpSettings settings;
 	HttpServer::Handler handler;
 	LiveFeed &feed;
-	std::atomic<size_t> connections{0};
+	Crowd tcp = {};
+	Crowd local = {};
+	std::atomic<uint64_t> crowded_out{0};
 	size_t work = 0; /* that is being done or waits */
 	asio::thread_pool *workers = nullptr;
 };
@@ -58,14 +68,23 @@ public:
 	Session(asio::io_context &context, asio::generic::stream_protocol::socket socket,
 			Shared &shared, bool is_local)
 		: context_(context), stream_(std::move(socket)), heartbeat_(context), shared_(shared),
-		  is_local_(is_local) {
-		shared_.connections++;
+		  crowd_(is_local ? shared.local : shared.tcp), is_local_(is_local),
+		  place_(crowd_.idle.end()) {
+		crowd_.connections++;
 	}
 	~Session() {
-		shared_.connections--;
+		be_busy();
+		crowd_.connections--;
+	}
+
+	/* For another one's sake. */
+	void give_way() {
+		be_busy();
+		stream_.close();
 	}
 
 	void read() {
+		be_idle();
 		parser_.emplace();
 		parser_->header_limit(kLongestHeader);
 		parser_->body_limit(kLongestBody);
@@ -77,7 +96,19 @@ public:
 	}
 
 private:
+	void be_idle() {
+		be_busy();
+		place_ = crowd_.idle.insert(crowd_.idle.end(), this);
+	}
+	void be_busy() {
+		if (place_ != crowd_.idle.end()) {
+			crowd_.idle.erase(place_);
+			place_ = crowd_.idle.end();
+		}
+	}
+
 	void on_read(Error error) {
+		be_busy();
 		if (error == http::error::header_limit || error == http::error::body_limit) {
 			send({413, "text/plain", "too long\n"}, false);
 			return;
@@ -201,6 +232,7 @@ private:
 		if (parser_->get().method() != http::verb::head) {
 			response->body() = std::move(answer.body);
 		}
+		be_idle();
 		stream_.expires_after(kIdleTime);
 		http::async_write(stream_, *response,
 						  [self = shared_from_this(), response, keeps_alive](Error error, size_t) {
@@ -290,12 +322,28 @@ private:
 	beast::flat_buffer buffer_;
 	std::optional<http::request_parser<http::string_body>> parser_;
 	Shared &shared_;
+	Crowd &crowd_;
 	const bool is_local_;
+	std::list<Session *>::iterator place_; /* in the crowd's list; its end: it is not there */
 	bool is_first_ = true;
 	bool is_writing_ = false;
 	std::string out_;
 	std::shared_ptr<LiveFeed::Listener> listener_;
 };
+
+/* What only waits costs its owner nothing, so that it must not keep others out; what is at work, or
+ * a live stream, stays. */
+bool make_room(Crowd &crowd, Shared &shared) {
+	if (crowd.connections < shared.settings.most_connections) {
+		return true;
+	}
+	shared.crowded_out++;
+	if (crowd.idle.empty()) {
+		return false;
+	}
+	crowd.idle.front()->give_way();
+	return true;
+}
 
 template <typename Acceptor>
 void accept_on(asio::io_context &context, Acceptor &acceptor, Shared &shared, bool is_local) {
@@ -303,7 +351,7 @@ void accept_on(asio::io_context &context, Acceptor &acceptor, Shared &shared, bo
 		if (error == asio::error::operation_aborted) {
 			return;
 		}
-		if (!error && shared.connections < kMostConnections) {
+		if (!error && make_room(is_local ? shared.local : shared.tcp, shared)) {
 			std::make_shared<Session>(context, std::move(socket), shared, is_local)->read();
 		}
 		accept_on(context, acceptor, shared, is_local);
@@ -381,7 +429,11 @@ uint16_t HttpServer::port() const {
 }
 
 size_t HttpServer::open_connections() const {
-	return state_->shared.connections;
+	return state_->shared.tcp.connections + state_->shared.local.connections;
+}
+
+const std::atomic<uint64_t> &HttpServer::crowded_out() const {
+	return state_->shared.crowded_out;
 }
 
 void HttpServer::start() {

@@ -9,6 +9,7 @@
  */
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -48,6 +49,8 @@ struct HttpSettings {
 	uint16_t port = 0;       /* 0: a free one */
 	std::string socket_path; /* of the Unix socket; empty: none */
 	std::string token;       /* never empty */
+	/* At a time, of each of the two. Of more the one is closed that has been idle for longest. */
+	size_t most_connections = 512;
 };
 
 class HttpServer {
@@ -66,6 +69,8 @@ public:
 	uint16_t port() const;
 	/* Connections that are open, also those of the socket. Any thread. */
 	size_t open_connections() const;
+	/* Connections that made room for others, or for which there was none. Any thread. */
+	const std::atomic<uint64_t> &crowded_out() const;
 	void start();
 
 private:
