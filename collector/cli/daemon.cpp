@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -22,6 +24,7 @@
 #include "query/summary_json.h"
 #include "store/request_view.h"
 #include "util/log.h"
+#include "util/random.h"
 #include "util/system_time.h"
 
 namespace kaq {
@@ -37,6 +40,7 @@ constexpr std::chrono::seconds kBetweenCounts{1};
 constexpr std::chrono::seconds kBetweenCounters{10};
 constexpr std::chrono::seconds kBetweenProbes{5};
 constexpr const char *kHttpAddress = "127.0.0.1";
+constexpr size_t kTokenBytes = 24;
 
 SqliteSettings store_settings(const Configuration &configuration) {
 	const StoreSettings &wanted = configuration.store;
@@ -64,6 +68,41 @@ std::string reachable(const std::string &address) {
 		return "127.0.0.1";
 	}
 	return address == "::" ? "::1" : address;
+}
+
+/* Nothing where the medium cannot be written to: then nobody else writes there either. */
+std::unique_ptr<FileLock> take(const std::string &store) {
+	try {
+		std::error_code ignored;
+		std::filesystem::create_directories(store, ignored);
+		return std::make_unique<FileLock>(lock_of(store));
+	} catch (const std::system_error &error) {
+		if (error.code().value() == EWOULDBLOCK) {
+			throw std::runtime_error(
+				fmt::format("the collector of process {} has the store {}: end it, or name another "
+							"store with --store DIR",
+							FileLock::holder(lock_of(store)), store));
+		}
+		if (error.code().value() != EROFS) {
+			throw;
+		}
+	}
+	log_line(LogLevel::kError,
+			 store + " cannot be written to: handshakes are answered, but no request is kept, and "
+					 "the verbs find no socket there");
+	return nullptr;
+}
+
+/* One that nobody knows where it cannot be kept. */
+std::string token_for(const std::string &store, bool is_writable) {
+	try {
+		return token_of(store);
+	} catch (const std::system_error &) {
+		if (is_writable) {
+			throw;
+		}
+		return random_hex(kTokenBytes);
+	}
 }
 
 /* Where the group is there and we may, its members can use the socket, and get to it through a
@@ -121,7 +160,8 @@ Configuration effective_configuration(const CollectOptions &options) {
 Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	: options_(options), configuration_(std::move(configuration)), budget_(kPayloadMemory) {
 	const ListenSettings &listen = configuration_.listen;
-	const std::string socket = socket_of(configuration_.store.directory);
+	lock_ = take(configuration_.store.directory);
+	const std::string socket = lock_ ? socket_of(configuration_.store.directory) : "";
 	store_ = std::make_unique<SqliteStore>(store_settings(configuration_));
 	caretaker_ = std::make_unique<Caretaker>(*store_, configuration_);
 	std::vector<Pipeline::Sink> sinks;
@@ -137,7 +177,7 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	data_ = std::make_unique<DataServer>(
 		ListenPlace{listen.addresses, listen.data_port, listen.data_networks}, budget_,
 		[this](BudgetedBuffer &&bytes) { return pipeline_->accept(std::move(bytes)); });
-	const std::string token = token_of(configuration_.store.directory);
+	const std::string token = token_for(configuration_.store.directory, lock_ != nullptr);
 	services_ =
 		std::make_unique<ServiceContext>(ServiceContext{*store_, system_time, nullptr, nullptr});
 	doctor_ =
@@ -149,7 +189,9 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	http_ = std::make_unique<HttpServer>(
 		HttpSettings{kHttpAddress, listen.http_port, socket, token},
 		[this](const HttpRequest &request) { return routes_->answer(request); }, feed_);
-	give_to_group(configuration_.store.directory, socket, listen.socket_group);
+	if (!socket.empty()) {
+		give_to_group(configuration_.store.directory, socket, listen.socket_group);
+	}
 	add_counters();
 	tell_services();
 }
@@ -389,6 +431,7 @@ void Daemon::add_counters() {
 	add("payloads were dropped: they are too long", payloads.too_long);
 	add("payloads were dropped: too many wait for being read", payloads.not_taken);
 	add("payloads did not end in time", payloads.late);
+	add("HTTP connections were closed: too many at a time", http_->crowded_out());
 	const PipelineCounts &read = pipeline_->counts();
 	add("payloads ended within a line", read.incomplete);
 	add("payloads had more parameters, headers or errors than are kept", read.cut);

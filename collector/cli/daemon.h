@@ -26,6 +26,7 @@
 #include "net/handshake_probe.h"
 #include "net/handshake_server.h"
 #include "store/sqlite_store.h"
+#include "util/file_lock.h"
 #include "util/memory_budget.h"
 #include "util/watchdog.h"
 
@@ -37,8 +38,8 @@ Configuration effective_configuration(const CollectOptions &options);
 
 class Daemon {
 public:
-	/* Opens the ports; throws std::system_error if one cannot be had. REQUIRES: SIGTERM, SIGINT and
-	 * SIGHUP are blocked. */
+	/* Opens the ports; throws std::system_error if one cannot be had, and std::runtime_error if
+	 * another collector has the store. REQUIRES: SIGTERM, SIGINT and SIGHUP are blocked. */
 	Daemon(const CollectOptions &options, Configuration configuration);
 	~Daemon();
 	Daemon(const Daemon &) = delete;
@@ -69,6 +70,8 @@ private:
 
 	const CollectOptions options_;
 	Configuration configuration_;
+	/* The first to come and the last to go. None where the store cannot be written to. */
+	std::unique_ptr<FileLock> lock_;
 
 	/* Outlives what takes requests in. */
 	std::unique_ptr<SqliteStore> store_;

@@ -1,0 +1,38 @@
+#include "util/file_lock.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <system_error>
+
+#include "records.h"
+
+using kaq::FileLock;
+
+TEST(FileLock, IsOneProcesssAtATime) {
+	kaq_test::Directory directory;
+	std::string path = directory.path() + "/lock";
+	EXPECT_EQ(FileLock::holder(path), 0);
+	auto lock = std::make_unique<FileLock>(path);
+	EXPECT_EQ(FileLock::holder(path), getpid());
+	try {
+		FileLock second(path);
+		FAIL() << "there are two";
+	} catch (const std::system_error &error) {
+		EXPECT_EQ(error.code().value(), EWOULDBLOCK);
+	}
+	lock.reset();
+	FileLock third(path);
+}
+
+TEST(FileLock, NeedsItsDirectory) {
+	try {
+		FileLock lock("/nowhere/at/all");
+		FAIL();
+	} catch (const std::system_error &error) {
+		EXPECT_EQ(error.code().value(), ENOENT);
+	}
+}
