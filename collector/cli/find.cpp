@@ -37,6 +37,14 @@ void print_found(const nlohmann::json &found, const Terminal &terminal) {
 	}
 }
 
+/* Also where nothing was found: that may be why. */
+void print_damages(const nlohmann::json &found) {
+	for (const nlohmann::json &damage : found.value("damages", nlohmann::json::array())) {
+		fprintf(stderr, "kaq: requests of that time are missing: %s\n",
+				printable(damage.get<std::string>()).c_str());
+	}
+}
+
 int find(const FindOptions &options) {
 	Parameters parameters = parameters_of(options.filter);
 	parameters["limit"] = std::to_string(options.count);
@@ -53,6 +61,9 @@ int find(const FindOptions &options) {
 		fprintf(stderr, "kaq: no request was found\n");
 	} else {
 		print_found(found, standard_output());
+	}
+	if (!options.common.is_json) {
+		print_damages(found);
 	}
 	return is_empty ? kFailed : kDone;
 }

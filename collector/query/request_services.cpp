@@ -49,6 +49,7 @@ Answer find_requests(ServiceContext &context, const Question &question) {
 	return json_answer({{"requests", std::move(requests)},
 						{"more", found.has_more},
 						{"partial", found.is_partial},
+						{"damages", found.damages},
 						{"looked_at", found.looked_at}});
 }
 

@@ -73,11 +73,6 @@ public:
 	int64_t forget(const Filter &filter) override;
 	StoreStatus status() override;
 
-	/* Requests that could not be written. */
-	uint64_t lost() const {
-		return static_cast<uint64_t>(lost_.load());
-	}
-
 private:
 	using File = RequestDirectory::File;
 	using Task = std::function<void()>;
