@@ -47,7 +47,7 @@ size_t on_piece(char *data, size_t size, size_t count, void *text) {
 }
 
 Reply reply_of(const Answer &answer) {
-	return {answer.status, text_of(answer)};
+	return {answer.status, text_of(answer), true};
 }
 
 } // namespace

@@ -16,8 +16,9 @@
 namespace kaq {
 
 struct Reply {
-	int status = 0;   /* of HTTP; 0: nobody could be asked */
-	std::string text; /* as it was sent; why not, if nobody could be asked */
+	int status = 0;           /* of HTTP; 0: nobody could be asked */
+	std::string text;         /* as it was sent; why not, if nobody could be asked */
+	bool is_of_files = false; /* no collector answered, and the store's files did */
 
 	bool is_good() const {
 		return status == 200;

@@ -44,7 +44,9 @@ DoctorContext look_around(const DoctorOptions &options) {
 	context.root = options.root;
 	context.configuration_file = configuration_file(options.common.configuration);
 	context.configuration = load_configuration(options.common.configuration);
-	context.store = store_directory(options.common.store, options.common.configuration);
+	bool has_place = context.configuration || !options.common.store.empty();
+	context.store = has_place ? store_directory(options.common.store, options.common.configuration)
+							  : store_to_ask();
 	context.is_superuser = geteuid() == 0;
 	CommonOptions common = options.common;
 	common.store = context.store;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <system_error>
 
 #include "cli/configuration.h"
@@ -45,13 +46,36 @@ std::string default_store() {
 	return store;
 }
 
-std::string store_directory(const std::string &option, const std::string &configuration_file) {
+std::string store_to_ask(const std::string &service, const std::string &user) {
+	bool is_service =
+		access(socket_of(service).c_str(), R_OK | W_OK) == 0 || access(service.c_str(), W_OK) == 0;
+	return is_service ? service : user;
+}
+
+std::string store_to_ask() {
+	return store_to_ask(kServiceStore, user_store());
+}
+
+std::string store_directory(const std::string &option, const std::string &file) {
 	if (!option.empty()) {
 		return option;
 	}
-	ConfigurationOrMistakes configuration = load_configuration(configuration_file);
-	return configuration && !configuration->store.directory.empty() ? configuration->store.directory
-																	: default_store();
+	std::string path = configuration_file(file);
+	if (file.empty() && access(path.c_str(), R_OK) != 0) {
+		return store_to_ask();
+	}
+	ConfigurationOrMistakes configuration = load_configuration(file);
+	if (!configuration) {
+		std::string text = mistakes_text(path, configuration.error());
+		text.pop_back();
+		throw std::runtime_error(text);
+	}
+	const std::string &directory = configuration->store.directory;
+	return directory.empty() ? store_to_ask() : directory;
+}
+
+std::string lock_of(const std::string &store) {
+	return store + "/lock";
 }
 
 std::string socket_of(const std::string &store) {

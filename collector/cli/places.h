@@ -5,16 +5,26 @@
 
 namespace kaq {
 
-/* Of the service if it runs as such (it may write there), else of the user; created if it is
- * missing, for the owner alone. Throws std::system_error. */
+/* Where a collector keeps things: of the service if it runs as such (it may write there), else of
+ * the user; created if it is missing, for the owner alone. Throws std::system_error. */
 std::string default_store();
 
-/* Of the option, else of the configuration file (the usual one if its path is empty), else the
- * default. A file with mistakes names none. */
+/* Where a verb looks for the collector: of the service where its socket may be used, else of the
+ * user. Creates nothing. */
+std::string store_to_ask();
+/* The same with other places than the usual ones. */
+std::string store_to_ask(const std::string &service, const std::string &user);
+
+/* Of the option, else of the configuration file (the usual one if its path is empty), else the one
+ * to ask. Throws std::runtime_error with a line for each mistake of the file; the usual one may be
+ * unreadable. */
 std::string store_directory(const std::string &option, const std::string &configuration_file);
 
 /* The Unix socket of the collector that has this store. */
 std::string socket_of(const std::string &store);
+
+/* What one collector at a time holds. */
+std::string lock_of(const std::string &store);
 
 /* The token of the store's collector, made the first time. Throws std::system_error. */
 std::string token_of(const std::string &store);

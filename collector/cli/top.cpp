@@ -185,12 +185,14 @@ int top_live(const TopOptions &options) {
 		std::string note = "kaq top  " + clock_text() + "  q ends it";
 		if (reply.is_good()) {
 			shown = text_of(reply.json(), terminal);
+			note += reply.is_of_files ? "  no collector runs: what follows is what was stored" : "";
 		} else {
 			note += "  what follows is old: the collector does not answer";
 		}
-		screen.draw(terminal.paint(shortened_to(note, static_cast<size_t>(terminal.width_or(80))),
-								   reply.is_good() ? Colour::kDim : Colour::kRed) +
-					"\n" + shown);
+		screen.draw(
+			terminal.paint(shortened_to(note, static_cast<size_t>(terminal.width_or(80))),
+						   reply.is_good() && !reply.is_of_files ? Colour::kDim : Colour::kRed) +
+			"\n" + shown);
 	} while (screen.wait(kRefresh));
 	return kDone;
 }
