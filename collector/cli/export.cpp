@@ -1,20 +1,38 @@
 /* kaq export: a request or a trace as a file that shows itself, or for other programs. */
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "cli/client.h"
 #include "cli/command_line.h"
+#include "cli/format.h"
 
 namespace kaq {
 namespace {
+
+constexpr size_t kEnd = 100;
 
 struct ExportOptions {
 	CommonOptions common;
 	std::string id;
 	std::string format = "json";
 };
+
+/* What is missing in the file. */
+void say(const Reply &reply, const char *member, const char *why) {
+	/* It stands at the end; what is long is not taken apart for it. */
+	std::string end = reply.text.substr(reply.text.size() - std::min(reply.text.size(), kEnd));
+	size_t at = end.rfind(std::string("\"") + member + "\":");
+	int64_t count = at == std::string::npos ? 0 : atoll(end.c_str() + at + strlen(member) + 3);
+	if (count > 0) {
+		fprintf(stderr, "kaq: %s of the trace missing: %s\n",
+				count_of(count, "request is", "requests are").c_str(), why);
+	}
+}
 
 int export_request(const ExportOptions &options) {
 	Reply reply = Client(options.common)
@@ -23,6 +41,8 @@ int export_request(const ExportOptions &options) {
 		return fail(reply);
 	}
 	print_json(reply);
+	say(reply, "not_kept", "their documents were not kept");
+	say(reply, "left_out", "they are too many for one file; export them one by one");
 	return kDone;
 }
 

@@ -196,7 +196,12 @@ void print_request_of_trace(const json &each, const Terminal &terminal) {
 	std::string status = std::to_string(number(request, "status"));
 	parts.add(status, terminal.paint(status, colour_of_request(request)));
 	parts.add(duration_text(number(request, "duration_ms")));
-	parts.add(each.contains("spans") ? "" : "without its calls: its document was not kept");
+	if (!each.contains("spans")) {
+		parts.add(each.value("left_out", false)
+					  ? "without its calls, which are too many here: kaq show " +
+							text(request, "id")
+					  : "without its calls: its document was not kept");
+	}
 	int64_t shift = number(each, "shift_ms");
 	if (shift != 0) {
 		parts.add("its clock moved by " + count_text(shift) + " ms");

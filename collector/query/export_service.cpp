@@ -1,16 +1,11 @@
-#include <list>
-
 #include "query/export.h"
 #include "query/parameters.h"
-#include "query/request_json.h"
 #include "query/service_table.h"
 #include "query/shared_file.h"
+#include "query/trace_documents.h"
 
 namespace kaq {
 namespace {
-
-/* Of one trace; more are left out. */
-constexpr size_t kMostDocuments = 100;
 
 using Writer = std::string (*)(const std::vector<const Transaction *> &);
 
@@ -36,6 +31,13 @@ std::vector<RequestRow> rows_of(ServiceContext &context, const std::string &id) 
 	}
 	std::optional<std::string> trace_id = context.store.trace_id(id);
 	return trace_id ? context.store.trace(*trace_id) : std::vector<RequestRow>();
+}
+
+/* Another member of a JSON object, where there is anything to say. */
+void say(std::string &object, const char *name, size_t count) {
+	if (count > 0) {
+		object.insert(object.rfind('}'), std::string(",\"") + name + "\":" + std::to_string(count));
+	}
 }
 
 ServiceMistake not_kept() {
@@ -89,21 +91,15 @@ Answer export_requests(ServiceContext &context, const Question &question) {
 	if (is_file) {
 		return shared_file(context, question, rows.front());
 	}
-	std::list<Transaction> documents;
-	std::vector<const Transaction *> transactions;
-	for (const RequestRow &row : rows) {
-		if (documents.size() == kMostDocuments) {
-			break;
-		}
-		if (std::optional<Transaction> document = read_document(context.store, row.summary.id)) {
-			transactions.push_back(&documents.emplace_back(std::move(*document)));
-		}
-	}
+	TraceDocuments found = read_documents(context.store, rows);
+	std::vector<const Transaction *> transactions = found.transactions();
 	if (transactions.empty()) {
 		throw not_kept();
 	}
 	Answer answer;
 	answer.text = write(transactions);
+	say(answer.text, "not_kept", found.not_kept.size());
+	say(answer.text, "left_out", found.left_out.size());
 	return answer;
 }
 

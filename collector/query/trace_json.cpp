@@ -1,13 +1,13 @@
 #include "query/trace_json.h"
 
 #include <algorithm>
-#include <list>
 
 #include <nlohmann/json.hpp>
 
 #include "analysis/trace.h"
 #include "query/request_json.h"
 #include "query/summary_json.h"
+#include "query/trace_documents.h"
 
 namespace kaq {
 namespace {
@@ -55,23 +55,8 @@ json path_json(const Trace &trace, int64_t begin) {
 } // namespace
 
 json trace_json(Store &store, const std::vector<RequestRow> &rows) {
-	std::list<Transaction> documents;
-	std::vector<const Transaction *> transactions;
-	std::vector<const RequestRow *> sources;
-	json without = json::array();
-	size_t left_out = 0;
-	for (const RequestRow &row : rows) {
-		bool has_room = documents.size() < kMostDocumentsOfATrace;
-		std::optional<Transaction> document =
-			has_room && row.has_document ? read_document(store, row.summary.id) : std::nullopt;
-		if (document) {
-			transactions.push_back(&documents.emplace_back(std::move(*document)));
-			sources.push_back(&row);
-		} else {
-			without.push_back({{"request", to_json(row)}});
-			left_out += row.has_document ? 1 : 0;
-		}
-	}
+	TraceDocuments found = read_documents(store, rows);
+	std::vector<const Transaction *> transactions = found.transactions();
 	Trace trace = assemble_trace(transactions);
 	json requests = json::array();
 	int64_t begin = 0;
@@ -81,15 +66,20 @@ json trace_json(Store &store, const std::vector<RequestRow> &rows) {
 		begin = requests.empty() ? shifted(root.start, request.shift) : begin;
 		end = std::max(end, shifted(root.end, request.shift));
 		auto at = std::find(transactions.begin(), transactions.end(), request.transaction);
-		const RequestRow &row = *sources[static_cast<size_t>(at - transactions.begin())];
+		const RequestRow &row = *found.sources[static_cast<size_t>(at - transactions.begin())];
 		requests.push_back(request_json(request, row, begin));
 	}
 	json critical_path = path_json(trace, begin);
-	requests.insert(requests.end(), without.begin(), without.end());
+	for (const RequestRow *row : found.not_kept) {
+		requests.push_back({{"request", to_json(*row)}});
+	}
+	for (const RequestRow *row : found.left_out) {
+		requests.push_back({{"request", to_json(*row)}, {"left_out", true}});
+	}
 	return {{"start_ms", begin},
 			{"duration_ms", elapsed(begin, end)},
 			{"requests", std::move(requests)},
-			{"left_out", left_out},
+			{"left_out", found.left_out.size()},
 			{"critical_path", std::move(critical_path)}};
 }
 

@@ -9,13 +9,10 @@
 
 namespace kaq {
 
-/* More documents of one trace are left out, and counted. */
-constexpr size_t kMostDocumentsOfATrace = 100;
-
 /*
  * Requests with their documents, each below the call that caused it, times on one clock; the
  * critical path; the trace's begin and duration. What was kept without a document stands at the end
- * of the list.
+ * of the list, and so does what is left out as too much, which says so.
  */
 nlohmann::json trace_json(Store &store, const std::vector<RequestRow> &rows);
 
