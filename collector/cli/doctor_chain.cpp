@@ -175,7 +175,7 @@ CheckResults check_losses(const DoctorContext &context) {
 	if (int64_t lost = store.value("requests_lost", int64_t{0})) {
 		results.push_back({Health::kWarning,
 						   count_of(lost, "request", "requests") + " could not be written",
-						   "the store was too slow or its disk full; the figures have them"});
+						   "the log says why: the store was too slow, or its disk full"});
 	}
 	if (!store.value("writing", true)) {
 		results.push_back({Health::kProblem, "the store cannot be written to",

@@ -27,7 +27,14 @@ class Receiver:
                 status = statuses[min(len(receiver.posted), len(statuses) - 1)]
                 receiver.posted.append((self.path, self.headers["Content-Type"], json.loads(body)))
                 self.send_response(status)
+                if status in (301, 302, 307, 308):
+                    self.send_header("Location", "http://127.0.0.1:%d/elsewhere" % receiver.port)
                 self.send_header("Content-Length", "0")
+                self.end_headers()
+
+            def do_GET(self):
+                receiver.posted.append((self.path, None, None))
+                self.send_response(200)
                 self.end_headers()
 
             def log_message(self, *_):
@@ -128,12 +135,13 @@ def test_a_restart_posts_nothing_twice_and_nothing_late(tmp_path):
         receiver.close()
 
 
-def test_a_web_address_that_refuses_is_asked_once(tmp_path):
+@pytest.mark.parametrize("status", [404, 302, 307])
+def test_a_web_address_that_refuses_is_asked_once(tmp_path, status):
     store = tmp_path / "store"
     store.mkdir()
     put_slow_requests(store)
     file = tmp_path / "collector.toml"
-    receiver = Receiver(404)
+    receiver = Receiver(status)
     try:
         file.write_text(RULE % receiver.port)
         collector = conftest.Collector(os.environ["KAQ_COLLECTOR"], store, ("--config", str(file)))
@@ -146,8 +154,8 @@ def test_a_web_address_that_refuses_is_asked_once(tmp_path):
         assert sockets.ask(collector.handshake, sockets.handshake()).startswith("{")
         collector.stop()
         assert len(receiver.posted) == 1
-        assert "could not be posted to 127.0.0.1:%d: it answered with status 404" % receiver.port \
-            in collector.log
+        assert "could not be posted to 127.0.0.1:%d: it answered with status %d" % \
+            (receiver.port, status) in collector.log
         assert "/hook" not in collector.log
     finally:
         receiver.close()
