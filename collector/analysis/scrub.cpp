@@ -8,6 +8,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "analysis/layers.h"
 #include "analysis/sql_text.h"
 #include "analysis/statement_messages.h"
 
@@ -118,18 +119,30 @@ private:
 		}
 	}
 
-	/* Of a script of the command line. */
+	/* Those of a script of the command line are called so. */
 	void hide_arguments(std::vector<Field> &arguments) {
-		for (size_t i = 1; i < arguments.size() && !transaction_.is_web; i++) {
-			std::string_view value = arguments[i].value;
-			if (is_secret_option(arguments[i - 1].value, settings_) && value.substr(0, 1) != "-") {
+		constexpr std::string_view kArgument = "$argv[";
+		for (size_t i = 1; i < arguments.size(); i++) {
+			bool is_value = arguments[i].name.substr(0, kArgument.size()) == kArgument &&
+							arguments[i].value.substr(0, 1) != "-";
+			if (is_value && is_secret_option(arguments[i - 1].value, settings_)) {
 				hide(arguments[i].value);
 			}
 		}
 	}
 
+	/* Commands of a cache have no quotes around what they are given. */
+	static std::string command_alone(std::string_view command) {
+		size_t end = command.find_first_of(" \t\r\n");
+		return std::string(command.substr(0, end)) + (end == std::string_view::npos ? "" : " ?");
+	}
+
 	void clean_query(Span &span) {
 		std::string_view raw = span.query;
+		if (!settings_.keeps_literals && layer_of(span.component) == Layer::kCache) {
+			span.query = texts_.keep(command_alone(raw));
+			return;
+		}
 		auto [place, is_new] = statements_.try_emplace(raw);
 		Statement &statement = place->second;
 		if (is_new) {

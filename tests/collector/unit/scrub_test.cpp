@@ -385,19 +385,42 @@ TEST(Scrub, WhatIsNoSecretStays) {
 }
 
 TEST(Scrub, ArgumentsOfTheCommandLine) {
-	for (bool is_web : {false, true}) {
-		kaq::Transaction t = request_with_one_span();
-		t.is_web = is_web;
-		t.parameters = {{"$argv[0]", "job.php"},   {"$argv[1]", "--password"}, {"$argv[2]", "abc"},
-						{"$argv[3]", "--token"},   {"$argv[4]", "-v"},         {"$argv[5]", "pass"},
-						{"$argv[6]", "--key=abc"}, {"$argv[7]", "abc"}};
-		scrub(t, {});
-		EXPECT_EQ(is_web ? "abc" : "[hidden, 1 to 4 bytes]", t.parameters[2].value);
-		EXPECT_EQ("-v", t.parameters[4].value);
-		EXPECT_EQ("pass", t.parameters[5].value);
-		EXPECT_EQ("--key=[hidden, 1 to 4 bytes]", t.parameters[6].value);
-		EXPECT_EQ("abc", t.parameters[7].value);
+	kaq::Transaction t = request_with_one_span();
+	t.parameters = {{"$argv[0]", "job.php"},
+					{"$argv[1]", "--password"},
+					{"$argv[2]", "abc"},
+					{"$argv[3]", "--token"},
+					{"$argv[4]", "-v"},
+					{"$argv[5]", "pass"},
+					{"$argv[6]", "--key=abc"},
+					{"$argv[7]", "abc"},
+					{"a", "--pw"},
+					{"b", "abc"}};
+	scrub(t, {});
+	EXPECT_EQ("[hidden, 1 to 4 bytes]", t.parameters[2].value);
+	EXPECT_EQ("-v", t.parameters[4].value);
+	EXPECT_EQ("pass", t.parameters[5].value);
+	EXPECT_EQ("--key=[hidden, 1 to 4 bytes]", t.parameters[6].value);
+	EXPECT_EQ("abc", t.parameters[7].value);
+	EXPECT_EQ("abc", t.parameters[9].value);
+}
+
+TEST(Scrub, CommandsOfACacheKeepTheirNameAlone) {
+	kaq::Transaction t;
+	for (const char *command : {"AUTH abc", "SET PHPREDIS_SESSION:abc 5", "PING"}) {
+		t.spans.emplace_back().query = command;
+		t.spans.back().component = "Redis";
 	}
+	kaq::ScrubSettings settings;
+	settings.keeps_literals = true;
+	kaq::Transaction kept;
+	kept.spans.push_back(t.spans[0]);
+	scrub(t, {});
+	scrub(kept, settings);
+	EXPECT_EQ("AUTH ?", t.spans[0].query);
+	EXPECT_EQ("SET ?", t.spans[1].query);
+	EXPECT_EQ("PING", t.spans[2].query);
+	EXPECT_EQ("AUTH abc", kept.spans[0].query);
 }
 
 /* Which statements ran with the same values, since nobody can tell it afterwards. */
