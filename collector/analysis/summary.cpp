@@ -30,13 +30,14 @@ void add_spans(Summary &summary, const Transaction &transaction) {
 
 Summary summarise(const Transaction &transaction) {
 	Summary summary;
-	summary.id = transaction.spans.front().id;
-	summary.trace_id = transaction.trace_id;
-	summary.application = transaction.application;
-	summary.path = transaction.name;
-	summary.name =
-		transaction.normalised_name.empty() ? transaction.name : transaction.normalised_name;
-	summary.method = transaction.method;
+	summary.id = shortened(transaction.spans.front().id, kLongestSummaryWord);
+	summary.trace_id = shortened(transaction.trace_id, kLongestSummaryWord);
+	summary.application = shortened(transaction.application, kLongestSummaryName);
+	summary.path = shortened(transaction.name, kLongestSummaryName);
+	summary.name = transaction.normalised_name.empty()
+					   ? summary.path
+					   : shortened(transaction.normalised_name, kLongestSummaryName);
+	summary.method = shortened(transaction.method, kLongestSummaryWord);
 	summary.start = transaction.start;
 	summary.duration = transaction.duration();
 	summary.cpu = transaction.cpu;

@@ -35,6 +35,10 @@ struct Summary {
 	bool is_failed = false; /* status 500 and above, or an error that is worse than a warning */
 };
 
+/* Texts are cut: what a name or a path has at most, and what everything else has. */
+constexpr size_t kLongestSummaryName = 8192;
+constexpr size_t kLongestSummaryWord = 256;
+
 Summary summarise(const Transaction &transaction);
 
 } // namespace kaq

@@ -1,10 +1,19 @@
 #include "ingest/pipeline.h"
 
+#include <malloc.h>
+
+#include <exception>
+#include <string>
+
+#include "util/log.h"
+
 namespace kaq {
 namespace {
 
 /* The memory that they hold is bounded elsewhere. */
 constexpr size_t kMostQueued = 65536;
+/* What is longer takes several times as much while it is read: one at a time does. */
+constexpr size_t kLargeLine = 4 * 1024 * 1024;
 
 constexpr std::string_view kNoticePrefix = "message:\t";
 
@@ -119,6 +128,24 @@ void Pipeline::take_line(std::string_view line, const PipelineSettings &settings
 		count(counts_.notices, notice_of(line.substr(kNoticePrefix.size())));
 		return;
 	}
+	std::unique_lock alone(large_mutex_, std::defer_lock);
+	if (line.size() > kLargeLine) {
+		alone.lock();
+	}
+	try {
+		take_payload(line, settings, worker);
+	} catch (const std::exception &error) {
+		counts_.failed.fetch_add(1, std::memory_order_relaxed);
+		log_some(LogLevel::kError, "payload",
+				 std::string("a payload was given up: ") + error.what());
+	}
+	if (alone) {
+		malloc_trim(0);
+	}
+}
+
+void Pipeline::take_payload(std::string_view line, const PipelineSettings &settings,
+							Worker &worker) {
 	tl::expected<Transaction, PayloadError> transaction = worker.reader.read(line);
 	if (!transaction) {
 		count(counts_.errors, transaction.error());

@@ -23,7 +23,7 @@ namespace kaq {
 /* What the extension says instead of sending a transaction. */
 enum class Notice { kNotMonitored, kNoUri, kPortFilter, kProbe, kOther };
 constexpr size_t kNotices = 5;
-constexpr size_t kPayloadErrors = 4;
+constexpr size_t kPayloadErrors = 5;
 
 /* By which the collector's own programs see whether the data port is served. */
 constexpr std::string_view kProbeLine = "message:\tkaq.probe\n";
@@ -38,6 +38,7 @@ struct PipelineCounts {
 	std::array<std::atomic<uint64_t>, kPayloadErrors> errors{};
 	std::atomic<uint64_t> incomplete{0}; /* no line feed at the end */
 	std::atomic<uint64_t> cut{0};        /* transactions with more in lists and maps than is kept */
+	std::atomic<uint64_t> failed{0};     /* given up for want of memory, or a mistake of ours */
 };
 
 struct PipelineSettings {
@@ -76,8 +77,10 @@ private:
 	void run(Worker &worker);
 	void take_lines(std::string_view bytes, const PipelineSettings &settings, Worker &worker);
 	void take_line(std::string_view line, const PipelineSettings &settings, Worker &worker);
+	void take_payload(std::string_view line, const PipelineSettings &settings, Worker &worker);
 	std::shared_ptr<const PipelineSettings> settings();
 
+	std::mutex large_mutex_; /* held while a large line is read */
 	std::mutex settings_mutex_;
 	std::shared_ptr<const PipelineSettings> settings_;
 	BoundedQueue<BudgetedBuffer> queue_;

@@ -19,7 +19,11 @@ using simdjson::dom::element_type;
 using simdjson::dom::object;
 
 /* The extension's own limit on spans is 10 000 unless a site has raised it. */
-constexpr size_t kMostSpans = 1000000;
+constexpr size_t kMostSpans = 200000;
+/* That many spans have fewer. Each takes up to 16 bytes while it is read. */
+constexpr size_t kMostValues = 6000000;
+/* What was needed for a longer document is given back. */
+constexpr size_t kLargeDocument = 4 * 1024 * 1024;
 /* Of the lists and maps in one parameter. */
 constexpr int kDeepestField = 32;
 constexpr size_t kMostFields = 10000;
@@ -375,20 +379,29 @@ void read_spans(Transaction &transaction, const MemberReader &reader, const arra
 	join_spans(transaction.spans);
 }
 
+/* Values and names of a document, no fewer than there are. */
+size_t values_of(const std::string &json) {
+	size_t values = 0;
+	bool in_string = false;
+	for (size_t at = 0; at < json.size(); at++) {
+		char character = json[at];
+		if (character == '"') {
+			in_string = !in_string;
+		} else if (in_string) {
+			at += character == '\\' ? 1 : 0;
+		} else {
+			values += character == ',' || character == ':' || character == '[' || character == '{';
+		}
+	}
+	return values;
+}
+
 } // namespace
 
 std::string_view payload_error_name(PayloadError error) {
-	switch (error) {
-	case PayloadError::kNotBase64:
-		return "not-base64";
-	case PayloadError::kNotJson:
-		return "not-json";
-	case PayloadError::kNotATransaction:
-		return "not-a-transaction";
-	case PayloadError::kTooManySpans:
-		return "too-many-spans";
-	}
-	return "unknown";
+	constexpr std::string_view kNames[] = {"not-base64", "not-json", "not-a-transaction",
+										   "too-many-spans", "too-many-values"};
+	return kNames[static_cast<size_t>(error)];
 }
 
 void mend_leading_commas(std::string &json) {
@@ -426,7 +439,12 @@ tl::expected<Transaction, PayloadError> PayloadReader::read(std::string_view lin
 	if (!json) {
 		return tl::unexpected(PayloadError::kNotBase64);
 	}
-	return read_json(std::move(*json));
+	bool is_large = json->size() > kLargeDocument;
+	auto transaction = read_json(std::move(*json));
+	if (is_large) {
+		parser_ = std::make_unique<Parser>();
+	}
+	return transaction;
 }
 
 tl::expected<Transaction, PayloadError> PayloadReader::read_json(std::string json) {
@@ -435,6 +453,9 @@ tl::expected<Transaction, PayloadError> PayloadReader::read_json(std::string jso
 		json = replace_invalid_utf8(json);
 	}
 	mend_leading_commas(json);
+	if (json.size() / 2 > kMostValues && values_of(json) > kMostValues) {
+		return tl::unexpected(PayloadError::kTooManyValues);
+	}
 	element root;
 	if (parser_->parser.parse(json).get(root) != simdjson::SUCCESS) {
 		return tl::unexpected(PayloadError::kNotJson);

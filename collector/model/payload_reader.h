@@ -3,8 +3,8 @@
  * are no JSON and texts that need not be UTF-8. Nothing in it is trusted.
  *
  * What a payload becomes takes memory in proportion to its size: names and lists that would take
- * more are cut. A reader keeps its memory from one payload to the next, bounded by the largest; it
- * is used by one thread at a time.
+ * more are cut. A reader keeps its memory from one payload to the next, but for a very large one;
+ * while it reads it needs up to ten times what it is given. It is used by one thread at a time.
  */
 #pragma once
 
@@ -19,7 +19,7 @@
 namespace kaq {
 
 /* Why a payload was refused. */
-enum class PayloadError { kNotBase64, kNotJson, kNotATransaction, kTooManySpans };
+enum class PayloadError { kNotBase64, kNotJson, kNotATransaction, kTooManySpans, kTooManyValues };
 
 /* A word for each, as metrics and logs use it: "not-base64". */
 std::string_view payload_error_name(PayloadError error);

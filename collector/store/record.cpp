@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "analysis/http_call.h"
+#include "analysis/statements.h"
 #include "store/request_view.h"
 
 namespace kaq {
@@ -16,7 +17,7 @@ public:
 	}
 
 	void add(TextKind kind, std::string_view text) {
-		text = text.substr(0, kLongestFactText);
+		text = shortened(text, kLongestFactText);
 		if (text.empty() || texts_.size() >= kMostTexts) {
 			return;
 		}
@@ -60,8 +61,8 @@ Record record_of(const Transaction &transaction, const std::vector<bool> &is_rep
 	Record record;
 	record.summary = summarise(transaction);
 	record.repeated = repeated_work(transaction, record.summary, is_repeated);
-	record.host = transaction.host;
-	record.instance = transaction.instance_id;
+	record.host = shortened(transaction.host, kLongestSummaryWord);
+	record.instance = shortened(transaction.instance_id, kLongestSummaryWord);
 	record.facts = facts_of(transaction, is_repeated);
 	TextList texts(record.texts);
 	/* What is put together here, for as long as the list looks at it. */

@@ -11,7 +11,7 @@ namespace kaq {
 namespace {
 
 /* Far above what the data port takes. */
-constexpr size_t kLongestDocument = 512 * 1024 * 1024;
+constexpr size_t kLongestDocument = 256 * 1024 * 1024;
 std::vector<std::string> split_words(const std::string &text) {
 	std::vector<std::string> words;
 	for (size_t begin = 0; begin < text.size();) {

@@ -208,6 +208,56 @@ TEST_F(Reader, WhatIsNoJsonIsRefused) {
 	expect_error(PayloadError::kNotJson, std::string("{\"a\":\"\0\"}", 9));
 }
 
+TEST_F(Reader, NumbersThatNobodyCanHoldAreRefused) {
+	for (const char *number : {"1e400", "18446744073709551616", "-9223372036854775809", "00", "1e",
+							   "--1", "NaN", "0x10"}) {
+		expect_error(PayloadError::kNotJson, payload("\"cputime\":" + std::string(number), kRoot));
+	}
+	EXPECT_EQ(0, read(payload("\"cputime\":1e300", kRoot)).cpu);
+}
+
+TEST_F(Reader, NestingIsRefusedAtWhateverDepth) {
+	for (size_t depth : {2000, 1000000}) {
+		for (const char *open : {"[", "{\"a\":"}) {
+			std::string deep;
+			for (size_t i = 0; i < depth; i++) {
+				deep += open;
+			}
+			expect_error(PayloadError::kNotJson, deep);
+			expect_error(PayloadError::kNotJson, payload("\"custom_params\":" + deep, kRoot));
+		}
+	}
+}
+
+TEST_F(Reader, ATextMayHaveANul) {
+	Transaction t = read(payload(R"("t_name":"/a\u0000b")", kRoot));
+	EXPECT_EQ(std::string_view("/a\0b", 4), t.name);
+}
+
+static std::string repeated(const std::string &text, size_t times) {
+	std::string all;
+	all.reserve(text.size() * times);
+	for (size_t i = 0; i < times; i++) {
+		all += text;
+	}
+	return all;
+}
+
+/* Little that is sent stands for much that is held. */
+TEST_F(Reader, MoreValuesThanARequestCanHaveAreRefused) {
+	std::string many = repeated("0,", 6100000) + "0";
+	expect_error(PayloadError::kTooManyValues, payload("\"custom_params\":[" + many + "]", kRoot));
+	/* Within a text, they are none. */
+	Transaction t = read(payload("\"http_query_str\":\"\\\"" + many + "\"", kRoot));
+	EXPECT_EQ(many.size() + 1, t.query_string.size());
+}
+
+TEST_F(Reader, MoreSpansThanARequestCanHaveAreRefused) {
+	const std::string span = R"({"st":1000,"et":1500,"fn":"function","si":"00000000000000ab"},)";
+	expect_error(PayloadError::kTooManySpans, payload("", repeated(span, 200000) + kRoot));
+	EXPECT_EQ(200000u, read(payload("", repeated(span, 199999) + kRoot)).spans.size());
+}
+
 TEST_F(Reader, LineIsBase64) {
 	EXPECT_EQ(PayloadError::kNotBase64, reader.read("no base64").error());
 	EXPECT_EQ(PayloadError::kNotATransaction, reader.read("e30=").error());

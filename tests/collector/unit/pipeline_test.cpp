@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
-
+#include <stdexcept>
 #include <vector>
 
 using kaq::BudgetedBuffer;
@@ -115,6 +115,26 @@ TEST_F(Lines, RequestsGetTheirNames) {
 	pipeline.reset();
 	EXPECT_EQ((std::vector<std::string>{"/user/7"}), names);
 	EXPECT_EQ((std::vector<std::string>{"/user/*"}), normalised);
+}
+
+/* Whatever a payload does to its reader, the next one is read. */
+TEST(Pipeline, APayloadThatFailsIsCountedAndForgotten) {
+	MemoryBudget budget(1 << 20);
+	int told = 0;
+	auto sink = [&told](const std::shared_ptr<const Transaction> &) {
+		if (++told == 1) {
+			throw std::runtime_error("no memory");
+		}
+	};
+	Pipeline pipeline({}, sink);
+	BudgetedBuffer bytes(budget);
+	ASSERT_TRUE(bytes.append(kLine + kLine));
+	ASSERT_TRUE(pipeline.accept(std::move(bytes)));
+	for (int i = 0; i < 1000 && pipeline.counts().transactions < 2; i++) {
+		std::this_thread::sleep_for(std::chrono::milliseconds(5));
+	}
+	EXPECT_EQ(2u, pipeline.counts().transactions);
+	EXPECT_EQ(1u, pipeline.counts().failed);
 }
 
 /* The first request is not done before the second one is: only two threads can do that. */
