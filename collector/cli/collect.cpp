@@ -1,12 +1,12 @@
 #include <pthread.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <exception>
 
 #include "cli/daemon.h"
+#include "cli/descriptors.h"
 #include "cli/verbs.h"
 
 namespace kaq {
@@ -23,24 +23,15 @@ void block_signals() {
 	signal(SIGPIPE, SIG_IGN);
 }
 
-/* As many connections as the ports serve, where the system lets us. */
-void raise_descriptor_limit() {
-	rlimit limit;
-	if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-		limit.rlim_cur = limit.rlim_max;
-		setrlimit(RLIMIT_NOFILE, &limit);
-	}
-}
-
 } // namespace
 
 int collect(const CollectOptions &options) {
 	/* What visitors did is nobody else's business. */
 	umask(0077);
 	block_signals();
-	raise_descriptor_limit();
 	try {
-		Daemon(options, effective_configuration(options)).run();
+		ConnectionLimits limits = connection_limits(raise_descriptor_limit());
+		Daemon(options, effective_configuration(options), limits).run();
 		return 0;
 	} catch (const std::exception &error) {
 		fprintf(stderr, "kaq: %s\n", error.what());

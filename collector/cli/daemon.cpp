@@ -36,7 +36,7 @@ constexpr size_t kPayloadMemory = 96 * 1024 * 1024;
 constexpr size_t kReaders = 2;
 constexpr std::chrono::milliseconds kDrainTime{5000};
 constexpr timespec kBetweenLooks{0, 200 * 1000 * 1000};
-constexpr std::chrono::seconds kBetweenCounts{1};
+constexpr std::chrono::seconds kBetweenFacts{1};
 constexpr std::chrono::seconds kBetweenCounters{10};
 constexpr std::chrono::seconds kBetweenProbes{5};
 constexpr const char *kHttpAddress = "127.0.0.1";
@@ -144,6 +144,17 @@ void say(const ConfigurationMistakes &mistakes, const std::string &file) {
 	}
 }
 
+void say_limits(const ConnectionLimits &limits) {
+	if (limits.payloads < DataServer::kMostConnections) {
+		log_line(
+			LogLevel::kWarning,
+			fmt::format("the system allows so few descriptors that no more than {} payloads, {} "
+						"handshakes and {} HTTP connections are served at a time; "
+						"LimitNOFILE= of the service, or ulimit -Hn, raises that",
+						limits.payloads, limits.handshakes, limits.http));
+	}
+}
+
 } // namespace
 
 Configuration effective_configuration(const CollectOptions &options) {
@@ -157,7 +168,7 @@ Configuration effective_configuration(const CollectOptions &options) {
 	return std::move(*configuration);
 }
 
-Daemon::Daemon(const CollectOptions &options, Configuration configuration)
+Daemon::Daemon(const CollectOptions &options, Configuration configuration, ConnectionLimits limits)
 	: options_(options), configuration_(std::move(configuration)), budget_(kPayloadMemory) {
 	const ListenSettings &listen = configuration_.listen;
 	lock_ = take(configuration_.store.directory);
@@ -173,10 +184,12 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 	}
 	pipeline_ = std::make_unique<Pipeline>(pipeline_settings(configuration_), std::move(sinks));
 	handshake_ = std::make_unique<HandshakeServer>(
-		ListenPlace{listen.addresses, listen.handshake_port, listen.handshake_networks}, policy());
+		ListenPlace{listen.addresses, listen.handshake_port, listen.handshake_networks}, policy(),
+		limits.handshakes);
 	data_ = std::make_unique<DataServer>(
 		ListenPlace{listen.addresses, listen.data_port, listen.data_networks}, budget_,
-		[this](BudgetedBuffer &&bytes) { return pipeline_->accept(std::move(bytes)); });
+		[this](BudgetedBuffer &&bytes) { return pipeline_->accept(std::move(bytes)); },
+		limits.payloads);
 	const std::string token = token_for(configuration_.store.directory, lock_ != nullptr);
 	services_ =
 		std::make_unique<ServiceContext>(ServiceContext{*store_, system_time, nullptr, nullptr});
@@ -187,11 +200,12 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration)
 		DoctorRoutes{[this] { return doctor_->show(); },
 					 [this](const std::string &report) { return doctor_->keep(report); }});
 	http_ = std::make_unique<HttpServer>(
-		HttpSettings{kHttpAddress, listen.http_port, socket, token},
+		HttpSettings{kHttpAddress, listen.http_port, socket, token, limits.http},
 		[this](const HttpRequest &request) { return routes_->answer(request); }, feed_);
 	if (!socket.empty()) {
 		give_to_group(configuration_.store.directory, socket, listen.socket_group);
 	}
+	say_limits(limits);
 	add_counters();
 	tell_services();
 }
@@ -345,9 +359,10 @@ void Daemon::look() {
 	Clock::time_point now = Clock::now();
 	look_at_load(now);
 	look_at_suspensions();
-	if (now - counts_taken_ >= kBetweenCounts) {
-		counts_taken_ = now;
-		keep(counter_.take());
+	/* Soon, since what is in memory is lost with the process. */
+	keep(counter_.take());
+	if (now - facts_published_ >= kBetweenFacts) {
+		facts_published_ = now;
 		publish_facts();
 	}
 	if (now - counters_said_ >= kBetweenCounters) {
@@ -431,10 +446,15 @@ void Daemon::add_counters() {
 	add("payloads were dropped: they are too long", payloads.too_long);
 	add("payloads were dropped: too many wait for being read", payloads.not_taken);
 	add("payloads did not end in time", payloads.late);
-	add("HTTP connections were closed: too many at a time", http_->crowded_out());
+	const HttpCounts &http = http_->counts();
+	add("HTTP connections were closed: too many at a time", http.crowded_out);
+	add("HTTP requests were refused: they are too long", http.too_long);
+	add("HTTP requests were refused: they cannot be read", http.malformed);
+	add("HTTP requests did not end in time", http.late);
 	const PipelineCounts &read = pipeline_->counts();
 	add("payloads ended within a line", read.incomplete);
 	add("payloads had more parameters, headers or errors than are kept", read.cut);
+	add("payloads were given up", read.failed);
 	for (size_t i = 0; i < kPayloadErrors; i++) {
 		std::string name(payload_error_name(static_cast<PayloadError>(i)));
 		add(("payloads could not be read: " + name).c_str(), read.errors[i]);

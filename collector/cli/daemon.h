@@ -13,6 +13,7 @@
 #include "cli/caretaker.h"
 #include "cli/configuration.h"
 #include "cli/counter_log.h"
+#include "cli/descriptors.h"
 #include "cli/doctor_service.h"
 #include "cli/metrics.h"
 #include "cli/verbs.h"
@@ -40,7 +41,7 @@ class Daemon {
 public:
 	/* Opens the ports; throws std::system_error if one cannot be had, and std::runtime_error if
 	 * another collector has the store. REQUIRES: SIGTERM, SIGINT and SIGHUP are blocked. */
-	Daemon(const CollectOptions &options, Configuration configuration);
+	Daemon(const CollectOptions &options, Configuration configuration, ConnectionLimits limits);
 	~Daemon();
 	Daemon(const Daemon &) = delete;
 	Daemon &operator=(const Daemon &) = delete;
@@ -103,7 +104,7 @@ private:
 	std::unique_ptr<Watchdog> watchdog_;
 	CounterLog counter_log_;
 	HandshakeCount totals_;
-	Clock::time_point counts_taken_{};
+	Clock::time_point facts_published_{};
 	Clock::time_point counters_said_{};
 };
 

@@ -93,6 +93,13 @@ void add_ports(MetricsWriter &to, const MetricsSources &from) {
 	to.add({{"reason", "too-long"}}, payloads.too_long);
 	to.add({{"reason", "no-memory"}}, payloads.no_memory);
 	to.add({{"reason", "queue-full"}}, payloads.not_taken);
+	const HttpCounts &http = from.http.counts();
+	to.family("kaq_http_refused_total", MetricType::Counter,
+			  "HTTP connections and requests that were refused, by reason.");
+	to.add({{"reason", "too-many"}}, http.crowded_out);
+	to.add({{"reason", "too-long"}}, http.too_long);
+	to.add({{"reason", "malformed"}}, http.malformed);
+	to.add({{"reason", "late"}}, http.late);
 }
 
 void add_reading(MetricsWriter &to, const MetricsSources &from) {
@@ -105,6 +112,7 @@ void add_reading(MetricsWriter &to, const MetricsSources &from) {
 			   from.read.errors[i]);
 	}
 	to.add({{"reason", "incomplete"}}, from.read.incomplete);
+	to.add({{"reason", "failed"}}, from.read.failed);
 	to.family("kaq_notices_total", MetricType::Counter,
 			  "What the extension said in the place of a transaction, by kind.");
 	for (size_t i = 0; i < kNotices; i++) {

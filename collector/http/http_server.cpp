@@ -12,6 +12,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,6 +40,10 @@ constexpr std::chrono::seconds kIdleTime{60};
 constexpr std::chrono::seconds kHeartbeat{15};
 constexpr size_t kLongestHeader = 16 * 1024;
 constexpr size_t kLongestBody = 1024 * 1024;
+/* What was needed to make one is given back to the system. */
+constexpr size_t kLargeAnswer = 1024 * 1024;
+/* Until descriptors may be there again. */
+constexpr std::chrono::milliseconds kWithoutDescriptors{100};
 constexpr int kBacklog = 128;
 constexpr size_t kWorkers = 4;
 /* Of what the workers do or are to do. */
@@ -56,9 +61,9 @@ struct Shared {
 	HttpSettings settings;
 	HttpServer::Handler handler;
 	LiveFeed &feed;
+	HttpCounts counts{};
 	Crowd tcp = {};
 	Crowd local = {};
-	std::atomic<uint64_t> crowded_out{0};
 	size_t work = 0; /* that is being done or waits */
 	asio::thread_pool *workers = nullptr;
 };
@@ -90,9 +95,9 @@ public:
 		parser_->body_limit(kLongestBody);
 		stream_.expires_after(is_first_ ? kRequestTime : kIdleTime);
 		is_first_ = false;
-		http::async_read(
+		http::async_read_header(
 			stream_, buffer_, *parser_,
-			[self = shared_from_this()](Error error, size_t) { self->on_read(error); });
+			[self = shared_from_this()](Error error, size_t) { self->on_header(error); });
 	}
 
 private:
@@ -107,19 +112,52 @@ private:
 		}
 	}
 
-	void on_read(Error error) {
-		be_busy();
-		if (error == http::error::header_limit || error == http::error::body_limit) {
-			send({413, "text/plain", "too long\n"}, false);
+	/* Nobody needs to send a body to be refused. */
+	void on_header(Error error) {
+		if (error) {
+			fail(error);
 			return;
 		}
+		const auto &message = parser_->get();
+		if (std::optional<HttpAnswer> refusal = is_local_ ? std::nullopt : refuse(message)) {
+			send(std::move(*refusal), message.keep_alive() && parser_->is_done());
+		} else if (parser_->is_done()) {
+			on_read({});
+		} else {
+			http::async_read(
+				stream_, buffer_, *parser_,
+				[self = shared_from_this()](Error error, size_t) { self->on_read(error); });
+		}
+	}
+
+	void fail(Error error) {
+		HttpCounts &counts = shared_.counts;
+		if (error == http::error::header_limit || error == http::error::body_limit) {
+			counts.too_long++;
+			send({413, "text/plain", "too long\n"}, false);
+		} else if (error == beast::error::timeout) {
+			counts.late += is_begun() ? 1 : 0;
+		} else if (error != http::error::end_of_stream && error != http::error::partial_message &&
+				   error.category() == make_error_code(http::error::bad_method).category()) {
+			counts.malformed++;
+			send({400, "text/plain", "no HTTP\n"}, false);
+		}
+	}
+
+	/* Whether the request has begun that did not come in time. */
+	bool is_begun() const {
+		return buffer_.size() > 0 || parser_->got_some();
+	}
+
+	void on_read(Error error) {
+		be_busy();
 		if (error) {
+			fail(error);
 			return;
 		}
 		const auto &message = parser_->get();
 		HttpRequest request = request_of(message);
-		std::optional<HttpAnswer> refusal = is_local_ ? std::nullopt : refuse(request, message);
-		HttpAnswer answer = refusal ? std::move(*refusal) : shared_.handler(request);
+		HttpAnswer answer = shared_.handler(request);
 		if (answer.work) {
 			do_work(std::move(answer.work));
 		} else if (answer.is_live && message.method() != http::verb::head) {
@@ -193,9 +231,10 @@ private:
 				header_of(message, http::field::cookie)};
 	}
 
-	template <typename Message>
-	std::optional<HttpAnswer> refuse(const HttpRequest &request, const Message &message) const {
-		switch (check_access(access_of(message), shared_.settings.token, request.path)) {
+	template <typename Message> std::optional<HttpAnswer> refuse(const Message &message) const {
+		std::string_view target(message.target().data(), message.target().size());
+		std::string path(target.substr(0, target.find('?')));
+		switch (check_access(access_of(message), shared_.settings.token, path)) {
 		case AccessVerdict::kAllowed:
 			return std::nullopt;
 		case AccessVerdict::kWrongHost:
@@ -232,10 +271,17 @@ private:
 		if (parser_->get().method() != http::verb::head) {
 			response->body() = std::move(answer.body);
 		}
+		auto &message = *response;
+		bool is_large = message.body().size() > kLargeAnswer;
 		be_idle();
 		stream_.expires_after(kIdleTime);
-		http::async_write(stream_, *response,
-						  [self = shared_from_this(), response, keeps_alive](Error error, size_t) {
+		http::async_write(stream_, message,
+						  [self = shared_from_this(), response = std::move(response), keeps_alive,
+						   is_large](Error error, size_t) mutable {
+							  response.reset();
+							  if (is_large) {
+								  malloc_trim(0);
+							  }
 							  if (!error && keeps_alive) {
 								  self->read();
 							  }
@@ -337,7 +383,7 @@ bool make_room(Crowd &crowd, Shared &shared) {
 	if (crowd.connections < shared.settings.most_connections) {
 		return true;
 	}
-	shared.crowded_out++;
+	shared.counts.crowded_out++;
 	if (crowd.idle.empty()) {
 		return false;
 	}
@@ -346,9 +392,27 @@ bool make_room(Crowd &crowd, Shared &shared) {
 }
 
 template <typename Acceptor>
+void accept_on(asio::io_context &context, Acceptor &acceptor, Shared &shared, bool is_local);
+
+/* Without descriptors the next one could not be accepted either, again and again. */
+template <typename Acceptor>
+void accept_later(asio::io_context &context, Acceptor &acceptor, Shared &shared, bool is_local) {
+	auto timer = std::make_shared<asio::steady_timer>(context, kWithoutDescriptors);
+	timer->async_wait([timer, &context, &acceptor, &shared, is_local](Error error) {
+		if (!error) {
+			accept_on(context, acceptor, shared, is_local);
+		}
+	});
+}
+
+template <typename Acceptor>
 void accept_on(asio::io_context &context, Acceptor &acceptor, Shared &shared, bool is_local) {
 	acceptor.async_accept([&context, &acceptor, &shared, is_local](Error error, auto socket) {
 		if (error == asio::error::operation_aborted) {
+			return;
+		}
+		if (error && error != asio::error::connection_aborted) {
+			accept_later(context, acceptor, shared, is_local);
 			return;
 		}
 		if (!error && make_room(is_local ? shared.local : shared.tcp, shared)) {
@@ -424,16 +488,16 @@ HttpServer::~HttpServer() {
 	}
 }
 
+const HttpCounts &HttpServer::counts() const {
+	return state_->shared.counts;
+}
+
 uint16_t HttpServer::port() const {
 	return state_->tcp.local_endpoint().port();
 }
 
 size_t HttpServer::open_connections() const {
 	return state_->shared.tcp.connections + state_->shared.local.connections;
-}
-
-const std::atomic<uint64_t> &HttpServer::crowded_out() const {
-	return state_->shared.crowded_out;
 }
 
 void HttpServer::start() {

@@ -44,13 +44,24 @@ struct HttpAnswer {
 	std::function<HttpAnswer()> work = {};
 };
 
+constexpr size_t kMostHttpConnections = 512;
+
 struct HttpSettings {
 	std::string address = "127.0.0.1";
 	uint16_t port = 0;       /* 0: a free one */
 	std::string socket_path; /* of the Unix socket; empty: none */
 	std::string token;       /* never empty */
 	/* At a time, of each of the two. Of more the one is closed that has been idle for longest. */
-	size_t most_connections = 512;
+	size_t most_connections = kMostHttpConnections;
+};
+
+/* Of both. */
+struct HttpCounts {
+	/* Connections that made room for others, or for which there was none. */
+	std::atomic<uint64_t> crowded_out{0};
+	std::atomic<uint64_t> too_long{0};  /* heads and bodies */
+	std::atomic<uint64_t> malformed{0}; /* no HTTP */
+	std::atomic<uint64_t> late{0};      /* did not end in time */
 };
 
 class HttpServer {
@@ -69,8 +80,8 @@ public:
 	uint16_t port() const;
 	/* Connections that are open, also those of the socket. Any thread. */
 	size_t open_connections() const;
-	/* Connections that made room for others, or for which there was none. Any thread. */
-	const std::atomic<uint64_t> &crowded_out() const;
+	/* Any thread. */
+	const HttpCounts &counts() const;
 	void start();
 
 private:

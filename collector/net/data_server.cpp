@@ -5,10 +5,12 @@ namespace {
 
 /* A payload of as many spans as the extension records by itself, with long statements, is some 10
  * MiB. */
-constexpr size_t kLongestInput = 64 * 1024 * 1024;
+constexpr size_t kLongestInput = 32 * 1024 * 1024;
 
 /* The extension writes for at most a second. */
-constexpr TcpLimits kLimits = {4096, std::chrono::milliseconds(5000), 256 * 1024, 1024};
+constexpr std::chrono::milliseconds kDeadline{5000};
+constexpr size_t kBytesPerSecond = 256 * 1024;
+constexpr int kBacklog = 1024;
 
 void count(std::atomic<uint64_t> &counter) {
 	counter.fetch_add(1, std::memory_order_relaxed);
@@ -16,8 +18,10 @@ void count(std::atomic<uint64_t> &counter) {
 
 } // namespace
 
-DataServer::DataServer(const ListenPlace &place, MemoryBudget &budget, Receiver receiver)
-	: TcpServer(place, kLimits, "kaq-data"), budget_(budget), receiver_(std::move(receiver)) {
+DataServer::DataServer(const ListenPlace &place, MemoryBudget &budget, Receiver receiver,
+					   size_t most_connections)
+	: TcpServer(place, {most_connections, kDeadline, kBytesPerSecond, kBacklog}, "kaq-data"),
+	  budget_(budget), receiver_(std::move(receiver)) {
 }
 
 DataServer::~DataServer() {

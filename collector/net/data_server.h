@@ -32,8 +32,11 @@ public:
 	 * dropped. Called on the server's thread. */
 	using Receiver = std::function<bool(BudgetedBuffer &&bytes)>;
 
+	static constexpr size_t kMostConnections = 4096;
+
 	/* Throws std::system_error if the port cannot be had. */
-	DataServer(const ListenPlace &place, MemoryBudget &budget, Receiver receiver);
+	DataServer(const ListenPlace &place, MemoryBudget &budget, Receiver receiver,
+			   size_t most_connections = kMostConnections);
 	~DataServer() override;
 
 	const DataCounts &counts() const {

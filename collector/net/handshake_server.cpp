@@ -8,12 +8,15 @@ constexpr size_t kLongestRequest = 64 * 1024;
 
 /* The extension waits up to a second for its answer. More waiting connections than the backlog are
  * refused by the kernel, which costs a page less than waiting. */
-constexpr TcpLimits kLimits = {1024, std::chrono::milliseconds(1000), 0, 128};
+constexpr std::chrono::milliseconds kDeadline{1000};
+constexpr int kBacklog = 128;
 
 } // namespace
 
-HandshakeServer::HandshakeServer(const ListenPlace &place, std::unique_ptr<HandshakePolicy> policy)
-	: TcpServer(place, kLimits, "kaq-handshake"), policy_(std::move(policy)) {
+HandshakeServer::HandshakeServer(const ListenPlace &place, std::unique_ptr<HandshakePolicy> policy,
+								 size_t most_connections)
+	: TcpServer(place, {most_connections, kDeadline, 0, kBacklog}, "kaq-handshake"),
+	  policy_(std::move(policy)) {
 }
 
 HandshakeServer::~HandshakeServer() {
@@ -71,6 +74,11 @@ void HandshakeServer::on_late(Connection &) {
 
 void HandshakeServer::on_refused() {
 	counts_.refused.fetch_add(1, std::memory_order_relaxed);
+}
+
+/* The extension writes its request at once, and all of it. */
+bool HandshakeServer::may_make_room(const Connection &connection) const {
+	return !connection.is_answered;
 }
 
 void HandshakeServer::on_foreign() {

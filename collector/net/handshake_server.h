@@ -21,8 +21,11 @@ struct HandshakeCounts {
 
 class HandshakeServer : public TcpServer {
 public:
+	static constexpr size_t kMostConnections = 1024;
+
 	/* Throws std::system_error if the port cannot be had. */
-	HandshakeServer(const ListenPlace &place, std::unique_ptr<HandshakePolicy> policy);
+	HandshakeServer(const ListenPlace &place, std::unique_ptr<HandshakePolicy> policy,
+					size_t most_connections = kMostConnections);
 	~HandshakeServer() override;
 
 	/* The policy from one of the next requests on. Any thread. */
@@ -36,6 +39,7 @@ private:
 	Next on_end_of_input(Connection &connection) override;
 	void on_late(Connection &connection) override;
 	void on_refused() override;
+	bool may_make_room(const Connection &connection) const override;
 	void on_foreign() override;
 	void on_closed(const Connection &connection) override;
 	void on_tick() override;

@@ -22,6 +22,8 @@ constexpr size_t kPiece = 65536;
 /* So that one busy connection does not keep the others waiting. */
 constexpr int kPiecesAtATime = 16;
 constexpr std::chrono::milliseconds kTick{100};
+/* Whoever means it has said something by then. */
+constexpr std::chrono::milliseconds kPatience{200};
 constexpr std::chrono::milliseconds kDrainLook{5};
 
 [[noreturn]] void cannot_listen(int error, const std::string &address, uint16_t port) {
@@ -210,15 +212,51 @@ void TcpServer::admit(UniqueFd fd, const sockaddr &peer) {
 		on_foreign();
 		return;
 	}
-	if (connections_.size() >= limits_.connections) {
+	waiting_longest();
+	bool has_room = connections_.size() < limits_.connections || make_room(connection.opened);
+	if (!has_room || !watch(number)) {
 		close_with_reset(connection);
 		on_refused();
 		return;
 	}
-	loop_.watch(number, EPOLLIN, this);
 	open_connections_.fetch_add(1, std::memory_order_relaxed);
+	waiting_.emplace_back(number, connection.opened);
 	/* What has come already need not wait for the next turn of the loop. */
 	read_from(connections_.emplace(number, std::move(connection)).first->second);
+}
+
+/* The system has a limit on what can be watched, too. */
+bool TcpServer::watch(int fd) {
+	try {
+		loop_.watch(fd, EPOLLIN, this);
+		return true;
+	} catch (const std::system_error &) {
+		return false;
+	}
+}
+
+/* Of those that may make room the oldest; none if there is none. */
+TcpServer::Connection *TcpServer::waiting_longest() {
+	while (!waiting_.empty()) {
+		auto found = connections_.find(waiting_.front().first);
+		if (found != connections_.end() && found->second.opened == waiting_.front().second &&
+			may_make_room(found->second)) {
+			return &found->second;
+		}
+		waiting_.pop_front();
+	}
+	return nullptr;
+}
+
+bool TcpServer::make_room(Clock::time_point now) {
+	Connection *oldest = waiting_longest();
+	if (!oldest || now - oldest->opened < kPatience) {
+		return false;
+	}
+	close_with_reset(*oldest);
+	on_refused();
+	end(*oldest);
+	return true;
 }
 
 /* Without a descriptor nobody could be told so: one is held back for that. */

@@ -1,7 +1,8 @@
 /*
  * A listening TCP port and its connections, on a thread of their own. What is said on a connection
  * is up to the derived class. Every connection has an end: its peer's, an answer given, or a
- * deadline.
+ * deadline. Where there are too many, one that has kept us waiting makes room for the next; if
+ * there is none, that is refused.
  *
  * Order of calls: constructor (listens), start(), stop_listening(), drain(); the derived class's
  * destructor calls join().
@@ -11,10 +12,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "net/event_loop.h"
@@ -24,7 +27,7 @@
 namespace kaq {
 
 struct TcpLimits {
-	size_t connections;                 /* at a time; one more is refused with a reset */
+	size_t connections;                 /* at a time */
 	std::chrono::milliseconds deadline; /* from accepting to the end of input */
 	size_t bytes_per_second;            /* that keep a connection open after it; 0: nothing does */
 	int backlog;                        /* connections that wait for being accepted */
@@ -92,8 +95,13 @@ protected:
 	/* The connection ends, for whatever reason. */
 	virtual void on_closed(const Connection &) {
 	}
-	/* There were too many already. */
+	/* It was ended with a reset since there were too many. */
 	virtual void on_refused() = 0;
+	/* Whether the connection, which has had some time, may make room for others. Once it may not,
+	 * it never may. */
+	virtual bool may_make_room(const Connection &connection) const {
+		return connection.received == 0;
+	}
 	/* It came from a network that is not allowed. */
 	virtual void on_foreign() = 0;
 
@@ -117,6 +125,9 @@ private:
 	/* True if more may wait. */
 	bool accept_some(int listener);
 	void admit(UniqueFd fd, const sockaddr &peer);
+	bool watch(int fd);
+	bool make_room(Clock::time_point now);
+	Connection *waiting_longest();
 	bool refuse_one(int listener);
 	bool is_allowed(int fd, const sockaddr &peer) const;
 	bool is_listener(int fd) const;
@@ -138,6 +149,8 @@ private:
 	std::atomic<uint64_t> beats_{0};
 	std::unordered_map<int, Connection> connections_;
 	std::atomic<size_t> open_connections_{0};
+	/* Those that may make room, and some that may not any more; the oldest first. */
+	std::deque<std::pair<int, Clock::time_point>> waiting_;
 	std::atomic<bool> is_to_stop_listening_{false};
 	std::atomic<bool> is_drained_{false}; /* and nobody listens */
 	std::thread thread_;

@@ -101,7 +101,7 @@ TEST_F(HttpConnectionsTest, IdleOnesMakeRoomTheLongestIdleFirst) {
 	ask(idle.back(), "/healthz");
 	EXPECT_EQ(heard(idle.back()).substr(0, 12), "HTTP/1.1 200");
 	EXPECT_LE(server_.open_connections(), kMost + 1);
-	EXPECT_GE(server_.crowded_out(), 2 * kMost);
+	EXPECT_GE(server_.counts().crowded_out, 2 * kMost);
 	opened_.set_value();
 }
 

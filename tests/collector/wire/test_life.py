@@ -17,8 +17,8 @@ import conftest
 import sockets
 
 SECONDS = 30
-# More than half of the memory for payloads, however much room they are given.
-HALF_FULL = 50 << 20
+# Twice that is more than half of the memory for payloads.
+HALF_FULL = 28 << 20
 SHARE = '[[monitor]]\ntransaction = "/cart"\nshare = "10%"\n'
 
 
@@ -232,9 +232,10 @@ def test_it_listens_on_several_addresses(configured):
 
 def test_under_load_it_records_less_and_then_again_all(configured):
     collector = configured.start("")
-    with sockets.connect(collector.data) as sending:
-        # It lies in memory as long as its end has not come.
-        sending.sendall(b"x" * HALF_FULL)
+    with sockets.connect(collector.data) as one, sockets.connect(collector.data) as other:
+        # They lie in memory as long as their end has not come.
+        one.sendall(b"x" * HALF_FULL)
+        other.sendall(b"x" * HALF_FULL)
         until(lambda: status(collector) == 910)
     until(lambda: all(status(collector) == 920 for _ in range(300)))
     assert collector.stop()[0] == 0
@@ -244,8 +245,9 @@ def test_under_load_it_records_less_and_then_again_all(configured):
 
 def test_where_the_share_may_not_be_lowered_it_stays(configured):
     collector = configured.start("[overload]\nlower_share = false\n")
-    with sockets.connect(collector.data) as sending:
-        sending.sendall(b"x" * HALF_FULL)
+    with sockets.connect(collector.data) as one, sockets.connect(collector.data) as other:
+        one.sendall(b"x" * HALF_FULL)
+        other.sendall(b"x" * HALF_FULL)
         begin = time.monotonic()
         while time.monotonic() - begin < 2:
             assert status(collector) == 920

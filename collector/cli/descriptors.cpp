@@ -1,0 +1,40 @@
+#include "cli/descriptors.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+
+#include "http/http_server.h"
+#include "net/data_server.h"
+#include "net/handshake_server.h"
+
+namespace kaq {
+namespace {
+
+/* The store keeps three for each of its files, 256 files at most. */
+constexpr size_t kForEverythingElse = 1024;
+constexpr size_t kAll =
+	HandshakeServer::kMostConnections + DataServer::kMostConnections + kMostHttpConnections;
+
+} // namespace
+
+size_t raise_descriptor_limit() {
+	rlimit limit;
+	if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+		return 0;
+	}
+	rlimit raised = {limit.rlim_max, limit.rlim_max};
+	return setrlimit(RLIMIT_NOFILE, &raised) == 0 ? raised.rlim_cur : limit.rlim_cur;
+}
+
+ConnectionLimits connection_limits(size_t descriptors) {
+	size_t rest = std::min(descriptors / 2, kForEverythingElse);
+	size_t available = std::min(descriptors - rest, kAll);
+	auto share = [available](size_t usual) {
+		return std::max<size_t>(usual * available / kAll, 1);
+	};
+	return {share(HandshakeServer::kMostConnections), share(DataServer::kMostConnections),
+			share(kMostHttpConnections)};
+}
+
+} // namespace kaq
