@@ -14,24 +14,32 @@
 
 namespace kaq {
 
+/* Tells a file from another one that has got its name. */
+struct FileIdentity {
+	uint64_t device = 0;
+	uint64_t number = 0; /* 0: there is none */
+};
+
 class DatabasePool {
 	struct Idle {
 		std::string path;
 		std::unique_ptr<SQLite::Database> database;
+		FileIdentity identity; /* of the file that it was opened on */
 	};
 
 public:
 	/* A connection, given back at the end of its life. It must not outlive the pool. */
 	class Lease {
 	public:
-		Lease(DatabasePool &pool, std::string path, std::unique_ptr<SQLite::Database> database)
-			: pool_(&pool), path_(std::move(path)), database_(std::move(database)) {
+		Lease(DatabasePool &pool, Idle &&one)
+			: pool_(&pool), path_(std::move(one.path)), database_(std::move(one.database)),
+			  identity_(one.identity) {
 		}
 		Lease(Lease &&) = default;
 		Lease &operator=(Lease &&) = delete;
 		~Lease() {
 			if (database_) {
-				pool_->give_back(std::move(path_), std::move(database_));
+				pool_->give_back({std::move(path_), std::move(database_), identity_});
 			}
 		}
 		SQLite::Database &operator*() {
@@ -49,6 +57,7 @@ public:
 		DatabasePool *pool_;
 		std::string path_;
 		std::unique_ptr<SQLite::Database> database_;
+		FileIdentity identity_;
 	};
 
 	/* No more than `most` are open without being used. */
@@ -61,7 +70,7 @@ public:
 	void forget(const std::string &path);
 
 private:
-	void give_back(std::string path, std::unique_ptr<SQLite::Database> database);
+	void give_back(Idle &&one);
 
 	const size_t most_;
 	std::mutex mutex_;

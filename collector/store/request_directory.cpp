@@ -147,7 +147,8 @@ std::vector<RequestDirectory::File> RequestDirectory::files() const {
 		std::lock_guard lock(mutex_);
 		files.assign(files_.rbegin(), files_.rend());
 	}
-	if (fs::exists(pinned_path())) {
+	std::error_code error;
+	if (fs::exists(pinned_path(), error)) {
 		files.push_back({pinned_path(), 0, true});
 	}
 	return files;
@@ -290,12 +291,13 @@ std::optional<RequestDirectory::Aside> RequestDirectory::next_aside() {
 /* Its name tells from then on what is lost. */
 void RequestDirectory::settle(const Aside &aside, const std::string &fresh,
 							  const Salvaged &salvaged) {
+	std::error_code error;
 	File file = aside.original;
 	bool has_place = salvaged.saved > 0;
 	if (file.is_pinned) {
-		has_place = has_place && !fs::exists(pinned_path());
+		has_place = has_place && !fs::exists(pinned_path(), error);
 	} else {
-		while (fs::exists(file.path)) {
+		while (fs::exists(file.path, error)) {
 			file.path = directory_ + "/" + name_of(++file.begun);
 		}
 	}

@@ -134,7 +134,9 @@ std::string immutable_uri(const std::string &path) {
 /* A file in WAL mode may need its companions to be made before it can be read, where that can be
  * done. Where nothing can change, it is read without them. */
 std::unique_ptr<SQLite::Database> open_anywhere(const std::string &path) {
-	if (is_on_read_only_medium(path)) {
+	std::error_code none;
+	auto written_ahead = std::filesystem::file_size(path + "-wal", none);
+	if (is_on_read_only_medium(path) && (none || written_ahead == 0)) {
 		return std::make_unique<SQLite::Database>(
 			immutable_uri(path), SQLite::OPEN_READONLY | SQLite::OPEN_URI | SQLite::OPEN_NOMUTEX,
 			2000);

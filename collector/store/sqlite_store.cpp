@@ -18,8 +18,11 @@ namespace {
 
 /* How long what was put waits for more, so that they are written together. */
 constexpr std::chrono::milliseconds kGather{200};
-constexpr std::chrono::milliseconds kFigurePeriod{1000};
-constexpr size_t kBatch = 1000;
+/* Both together: what was put a second ago is written, whatever becomes of the process. */
+constexpr std::chrono::milliseconds kFigurePeriod{400};
+constexpr size_t kBatch = 500;
+constexpr int64_t kLargestBatch = 4 * 1024 * 1024; /* bytes */
+constexpr std::chrono::seconds kBetweenMakingRoom{10};
 constexpr int64_t kRetainEvery = 10 * 1000;
 /* A file with more texts takes too much memory while it is written to. */
 constexpr size_t kMostTextsInFile = 300000;
@@ -234,12 +237,15 @@ void SqliteStore::flush() {
 /* The last file is written on after a restart, as long as it is young. */
 void SqliteStore::open_file() {
 	int64_t time = now();
+	int64_t bytes = file_ ? bytes_of_database(file_info_.path) : 0;
+	if (file_ && bytes == 0) {
+		files_.remove(file_info_); /* as somebody has done already */
+	}
 	/* By the clock that is now: a file's name may be far ahead of it, after it has stepped back. A
 	 * reader may have found the file to be damaged. */
-	bool is_full =
-		file_ && (!files_.has(file_info_) || time - file_since_ >= settings_.file_time ||
-				  time < file_since_ - settings_.file_time || file_->texts() > kMostTextsInFile ||
-				  bytes_of_database(file_info_.path) >= settings_.file_bytes);
+	bool is_full = file_ && (!files_.has(file_info_) || time - file_since_ >= settings_.file_time ||
+							 time < file_since_ - settings_.file_time ||
+							 file_->texts() > kMostTextsInFile || bytes >= settings_.file_bytes);
 	if (file_ && !is_full) {
 		return;
 	}
@@ -257,6 +263,7 @@ void SqliteStore::open_file() {
 			files_.put_aside(file_info_, damage.what());
 		}
 	}
+	mkdir(settings_.directory.c_str(), 0700); /* it may have been removed */
 	file_info_ = files_.name_new(time);
 	try {
 		file_ = std::make_unique<RequestFile>(file_info_.path);
@@ -270,20 +277,21 @@ void SqliteStore::open_file() {
 
 /* What was added once and failed is added one by one, so that whatever is wrong with one of them
  * takes no other with it. */
-void SqliteStore::write_batch(const std::deque<Record> &records, bool is_retry) {
+void SqliteStore::write_batch(Records from, Records to, bool is_retry) {
 	open_file();
 	int64_t refused = 0;
 	std::string reason;
 	file_->begin();
-	for (const Record &record : records) {
+	for (; from != to; ++from) {
 		if (!is_retry) {
-			file_->add(record);
-		} else if (!file_->add_if_possible(record, reason)) {
+			file_->add(*from);
+		} else if (!file_->add_if_possible(*from, reason)) {
 			refused++;
 		}
 	}
 	file_->commit();
 	counts_.set(file_info_.path, file_->counts());
+	next_room_ = {};
 	if (refused > 0) {
 		lose(refused, reason);
 	}
@@ -296,8 +304,8 @@ void SqliteStore::lose(int64_t requests, const std::string &reason) {
 				 settings_.directory + ": " + reason);
 }
 
-/* What is damaged is put aside, and for what has no room older things make some; then it is tried
- * once more. */
+/* What is damaged is put aside, and for what has no room older requests make some, but not again
+ * and again where that does not help; then it is tried once more. */
 void SqliteStore::recover(const SQLite::Exception &error) {
 	if (file_) {
 		file_->roll_back();
@@ -306,19 +314,37 @@ void SqliteStore::recover(const SQLite::Exception &error) {
 			files_.put_aside(file_info_, error.what());
 		}
 	}
-	if (error.getErrorCode() == SQLITE_FULL) {
-		files_.retain(files_.bytes() / 4 * 3, 0);
+	auto time = std::chrono::steady_clock::now();
+	if (error.getErrorCode() == SQLITE_FULL && time >= next_room_) {
+		next_room_ = time + kBetweenMakingRoom;
+		int64_t before = files_.bytes();
+		files_.retain(before / 4 * 3, 0);
+		log_some(LogLevel::kError, "store-full",
+				 "the disk is full: the oldest requests were removed from " + settings_.directory +
+					 ", " + std::to_string((before - files_.bytes()) >> 20) + " MiB");
 	}
 }
 
+/* In batches also where many wait, since an unfinished one is lost with the process. */
 void SqliteStore::write_requests(const std::deque<Record> &records) {
-	if (records.empty()) {
-		return;
+	for (Records from = records.begin(); from != records.end();) {
+		Records to = from;
+		for (int64_t bytes = 0;
+			 to != records.end() && to - from < static_cast<std::ptrdiff_t>(kBatch) &&
+			 bytes < kLargestBatch;
+			 ++to) {
+			bytes += bytes_of(*to);
+		}
+		write_batch_or_lose(from, to);
+		from = to;
 	}
+}
+
+void SqliteStore::write_batch_or_lose(Records from, Records to) {
 	std::string reason;
 	for (bool is_retry : {false, true}) {
 		try {
-			write_batch(records, is_retry);
+			write_batch(from, to, is_retry);
 			is_writing_ = true;
 			return;
 		} catch (const SQLite::Exception &error) {
@@ -327,7 +353,7 @@ void SqliteStore::write_requests(const std::deque<Record> &records) {
 		}
 	}
 	is_writing_ = false;
-	lose(static_cast<int64_t>(records.size()), reason);
+	lose(to - from, reason);
 }
 
 /* What cannot be written is added to what comes next. */
@@ -340,6 +366,9 @@ void SqliteStore::write_figures() {
 	}
 	if (periods.empty() && asked.empty()) {
 		return;
+	}
+	if (bytes_of_database(figure_path()) == 0) {
+		figure_file_.reset(); /* somebody has removed it */
 	}
 	try {
 		if (!figure_file_) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -83,7 +84,9 @@ private:
 	/* Does something on the writing thread and waits for it; its exceptions come back. */
 	void on_writer(const std::function<void()> &task);
 	void write_requests(const std::deque<Record> &records);
-	void write_batch(const std::deque<Record> &records, bool is_retry);
+	using Records = std::deque<Record>::const_iterator;
+	void write_batch(Records from, Records to, bool is_retry);
+	void write_batch_or_lose(Records from, Records to);
 	void lose(int64_t requests, const std::string &reason);
 	void open_file();
 	void recover(const SQLite::Exception &error);
@@ -138,6 +141,8 @@ private:
 	int64_t file_since_ = 0; /* when it was begun to be written to, by the clock as it was then */
 	std::unique_ptr<FigureFile> figure_file_;
 	int64_t retained_ = 0;
+	/* When older requests may make room on a full disk again, if nothing can be written before. */
+	std::chrono::steady_clock::time_point next_room_{};
 
 	std::atomic<int64_t> put_{0};
 	std::atomic<int64_t> kept_{0};

@@ -7,6 +7,7 @@
 #include "store/schema.h"
 #include "store/sqlite_store.h"
 #include "util/log.h"
+#include "util/log.h"
 
 namespace kaq {
 namespace {
@@ -88,8 +89,13 @@ void SqliteStore::load_pinned() {
 		while (ids.executeStep()) {
 			pinned_.insert(ids.getColumn(0).getString());
 		}
-	} catch (const SQLite::Exception &damage) {
-		files_.put_aside({files_.pinned_path(), 0, true}, damage.what());
+	} catch (const SQLite::Exception &error) {
+		if (is_damage(error)) {
+			files_.put_aside({files_.pinned_path(), 0, true}, error.what());
+		} else {
+			log_some(LogLevel::kError, "store-pinned",
+					 std::string("pinned requests cannot be read: ") + error.what());
+		}
 	}
 }
 
