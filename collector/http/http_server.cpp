@@ -23,7 +23,7 @@
 #include <system_error>
 #include <thread>
 
-#include "http/access.h"
+#include "http/http_messages.h"
 
 namespace kaq {
 namespace {
@@ -119,7 +119,8 @@ private:
 			return;
 		}
 		const auto &message = parser_->get();
-		if (std::optional<HttpAnswer> refusal = is_local_ ? std::nullopt : refuse(message)) {
+		if (std::optional<HttpAnswer> refusal =
+				is_local_ ? std::nullopt : refusal_of(message, shared_.settings.token)) {
 			send(std::move(*refusal), message.keep_alive() && parser_->is_done());
 		} else if (parser_->is_done()) {
 			on_read({});
@@ -156,7 +157,7 @@ private:
 			return;
 		}
 		const auto &message = parser_->get();
-		HttpRequest request = request_of(message);
+		HttpRequest request = request_of(message, is_local_, shared_.settings.token);
 		HttpAnswer answer = shared_.handler(request);
 		if (answer.work) {
 			do_work(std::move(answer.work));
@@ -194,80 +195,8 @@ private:
 		}
 	}
 
-	template <typename Message> HttpRequest request_of(const Message &message) const {
-		std::string_view target(message.target().data(), message.target().size());
-		size_t mark = target.find('?');
-		HttpRequest request;
-		request.method = std::string(message.method_string());
-		request.path = std::string(target.substr(0, mark));
-		if (mark != std::string_view::npos) {
-			request.query = std::string(target.substr(mark + 1));
-		}
-		if (message[http::field::content_type] == "application/x-www-form-urlencoded") {
-			request.form = message.body();
-		}
-		request.takes_gzip = takes_gzip(header_of(message, http::field::accept_encoding));
-		request.known_etag = std::string(header_of(message, http::field::if_none_match));
-		request.is_local = is_local_;
-		request.has_token = !is_local_ && has_token(access_of(message), shared_.settings.token);
-		return request;
-	}
-
-	template <typename Message>
-	static std::string_view header_of(const Message &message, http::field name) {
-		auto value = message[name];
-		return {value.data(), value.size()};
-	}
-
-	/* Every browser says it by name. */
-	static bool takes_gzip(std::string_view encodings) {
-		return encodings.find("gzip") != std::string_view::npos &&
-			   encodings.find("gzip;q=0") == std::string_view::npos;
-	}
-
-	template <typename Message> static Access access_of(const Message &message) {
-		return {header_of(message, http::field::host), header_of(message, http::field::origin),
-				header_of(message, http::field::authorization),
-				header_of(message, http::field::cookie)};
-	}
-
-	template <typename Message> std::optional<HttpAnswer> refuse(const Message &message) const {
-		std::string_view target(message.target().data(), message.target().size());
-		std::string path(target.substr(0, target.find('?')));
-		switch (check_access(access_of(message), shared_.settings.token, path)) {
-		case AccessVerdict::kAllowed:
-			return std::nullopt;
-		case AccessVerdict::kWrongHost:
-			return HttpAnswer{421, "text/plain", "this host is not served here\n"};
-		case AccessVerdict::kWrongOrigin:
-			return HttpAnswer{403, "text/plain", "not from another site's page\n"};
-		case AccessVerdict::kNoToken:
-			break;
-		}
-		return HttpAnswer{401, "text/plain", "log in with the link that 'kaq open' prints\n"};
-	}
-
-	template <typename Body> void add_headers(http::response<Body> &response) const {
-		response.set(http::field::server, "kaq");
-		response.set("Content-Security-Policy", "default-src 'self'");
-		response.set("X-Content-Type-Options", "nosniff");
-		response.set("Referrer-Policy", "no-referrer");
-		response.set(http::field::cache_control, "no-store");
-	}
-
 	void send(HttpAnswer answer, bool keeps_alive) {
-		auto response = std::make_shared<http::response<http::string_body>>();
-		response->result(static_cast<unsigned>(answer.status));
-		response->version(11);
-		add_headers(*response);
-		for (const auto &[name, value] : answer.headers) {
-			response->set(name, value);
-		}
-		response->set(http::field::content_type, answer.type);
-		response->keep_alive(keeps_alive);
-		if (response->result() != http::status::not_modified) {
-			response->content_length(answer.body.size());
-		}
+		auto response = std::make_shared<AnswerMessage>(head_of(answer, keeps_alive));
 		if (parser_->get().method() != http::verb::head) {
 			response->body() = std::move(answer.body);
 		}

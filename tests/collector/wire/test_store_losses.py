@@ -128,6 +128,7 @@ def test_what_is_lost_is_logged(store):
     running = start(store)
     try:
         shutil.rmtree(store)
+        store.write_text("no directory can be made here")
         sockets.send(running.data, sockets.payload())
     finally:
         # What was received is written, or tried to be, before it ends.
