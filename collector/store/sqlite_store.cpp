@@ -277,15 +277,15 @@ void SqliteStore::open_file() {
 
 /* What was added once and failed is added one by one, so that whatever is wrong with one of them
  * takes no other with it. */
-void SqliteStore::write_batch(Records from, Records to, bool is_retry) {
+void SqliteStore::write_batch(const Records &from, const Records &to, bool is_retry) {
 	open_file();
 	int64_t refused = 0;
 	std::string reason;
 	file_->begin();
-	for (; from != to; ++from) {
+	for (Records record = from; record != to; ++record) {
 		if (!is_retry) {
-			file_->add(*from);
-		} else if (!file_->add_if_possible(*from, reason)) {
+			file_->add(*record);
+		} else if (!file_->add_if_possible(*record, reason)) {
 			refused++;
 		}
 	}
@@ -340,7 +340,7 @@ void SqliteStore::write_requests(const std::deque<Record> &records) {
 	}
 }
 
-void SqliteStore::write_batch_or_lose(Records from, Records to) {
+void SqliteStore::write_batch_or_lose(const Records &from, const Records &to) {
 	std::string reason;
 	for (bool is_retry : {false, true}) {
 		try {

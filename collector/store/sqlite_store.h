@@ -85,8 +85,8 @@ private:
 	void on_writer(const std::function<void()> &task);
 	void write_requests(const std::deque<Record> &records);
 	using Records = std::deque<Record>::const_iterator;
-	void write_batch(Records from, Records to, bool is_retry);
-	void write_batch_or_lose(Records from, Records to);
+	void write_batch(const Records &from, const Records &to, bool is_retry);
+	void write_batch_or_lose(const Records &from, const Records &to);
 	void lose(int64_t requests, const std::string &reason);
 	void open_file();
 	void recover(const SQLite::Exception &error);
