@@ -106,7 +106,7 @@ public:
 			spans += i % 3 ? "," + span(random_(), begin, begin + duration / 30,
 										"Cart::step" + std::to_string(kind % 7 * 10 + i), "PHP", "")
 						   : "," + span(random_(), begin, begin + duration / 40, "PDO::query",
-										"PDO", statement());
+										"PDO", statement(kind));
 		}
 		char head[600];
 		snprintf(head, sizeof head,
@@ -130,8 +130,10 @@ private:
 		return text;
 	}
 
-	std::string statement() {
-		return R"(,"ex":1,"qs":"SELECT a, b FROM t)" + std::to_string(random_() % kStatements) +
+	/* A page has some statements of its own and shares others. */
+	std::string statement(int kind) {
+		uint64_t number = (static_cast<uint64_t>(kind) + random_() % 7) % kStatements;
+		return R"(,"ex":1,"qs":"SELECT a, b FROM t)" + std::to_string(number) +
 			   " WHERE id = " + std::to_string(random_() % 100000) + "\"";
 	}
 
