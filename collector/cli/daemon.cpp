@@ -195,12 +195,14 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration, Conne
 		std::make_unique<ServiceContext>(ServiceContext{*store_, system_time, nullptr, nullptr});
 	doctor_ =
 		std::make_unique<DoctorService>(options_.configuration, configuration_.store.directory);
+	sessions_ = std::make_unique<Sessions>(lock_ ? sessions_of(configuration_.store.directory) : "",
+										   system_time());
 	routes_ = std::make_unique<Routes>(
-		*services_, login_codes_, token,
+		*services_, login_codes_, *sessions_,
 		DoctorRoutes{[this] { return doctor_->show(); },
 					 [this](const std::string &report) { return doctor_->keep(report); }});
 	http_ = std::make_unique<HttpServer>(
-		HttpSettings{kHttpAddress, listen.http_port, socket, token, limits.http},
+		HttpSettings{kHttpAddress, listen.http_port, socket, token, sessions_.get(), limits.http},
 		[this](const HttpRequest &request) { return routes_->answer(request); }, feed_);
 	if (!socket.empty()) {
 		give_to_group(configuration_.store.directory, socket, listen.socket_group);

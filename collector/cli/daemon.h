@@ -94,6 +94,7 @@ private:
 	std::unique_ptr<DataServer> data_;
 	MetricsGate metrics_;
 	LoginCodes login_codes_;
+	std::unique_ptr<Sessions> sessions_;
 	std::unique_ptr<ServiceContext> services_;
 	std::unique_ptr<DoctorService> doctor_;
 	std::unique_ptr<Routes> routes_;

@@ -82,6 +82,10 @@ std::string socket_of(const std::string &store) {
 	return store + "/collector.sock";
 }
 
+std::string sessions_of(const std::string &store) {
+	return store + "/sessions";
+}
+
 std::string token_of(const std::string &store) {
 	std::string path = store + "/token";
 	std::string token;

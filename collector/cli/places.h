@@ -26,6 +26,9 @@ std::string socket_of(const std::string &store);
 /* What one collector at a time holds. */
 std::string lock_of(const std::string &store);
 
+/* The file of its browsers' sessions. */
+std::string sessions_of(const std::string &store);
+
 /* The token of the store's collector, made the first time. Throws std::system_error. */
 std::string token_of(const std::string &store);
 

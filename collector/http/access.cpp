@@ -33,16 +33,15 @@ std::string_view bearer_of(std::string_view authorization) {
 															: std::string_view();
 }
 
-std::string_view cookie_of(std::string_view cookies) {
+std::string_view cookie_of(std::string_view cookies, std::string_view name) {
 	while (!cookies.empty()) {
 		size_t end = cookies.find(';');
 		std::string_view each = cookies.substr(0, end);
 		while (!each.empty() && each.front() == ' ') {
 			each.remove_prefix(1);
 		}
-		if (each.substr(0, kTokenCookie.size()) == kTokenCookie &&
-			each.substr(kTokenCookie.size(), 1) == "=") {
-			return each.substr(kTokenCookie.size() + 1);
+		if (each.substr(0, name.size()) == name && each.substr(name.size(), 1) == "=") {
+			return each.substr(name.size() + 1);
 		}
 		cookies = end == std::string_view::npos ? std::string_view() : cookies.substr(end + 1);
 	}
@@ -64,12 +63,14 @@ bool is_same_secret(std::string_view given, std::string_view secret) {
 	return difference == 0;
 }
 
-bool has_token(const Access &access, std::string_view token) {
-	return is_same_secret(bearer_of(access.authorization), token) ||
-		   is_same_secret(cookie_of(access.cookie), token);
+bool is_known(const Access &access, const AccessRules &rules, int64_t now) {
+	return is_same_secret(bearer_of(access.authorization), rules.token) ||
+		   (rules.sessions &&
+			rules.sessions->has(cookie_of(access.cookie, session_cookie(rules.port)), now));
 }
 
-AccessVerdict check_access(const Access &access, std::string_view token, std::string_view path) {
+AccessVerdict check_access(const Access &access, const AccessRules &rules, std::string_view path,
+						   int64_t now) {
 	if (!is_own_name(access.host)) {
 		return AccessVerdict::kWrongHost;
 	}
@@ -77,7 +78,7 @@ AccessVerdict check_access(const Access &access, std::string_view token, std::st
 		return AccessVerdict::kWrongOrigin;
 	}
 	bool is_open = path == "/healthz" || path == kLoginPath || is_viewer_path(path);
-	if (is_open || has_token(access, token)) {
+	if (is_open || is_known(access, rules, now)) {
 		return AccessVerdict::kAllowed;
 	}
 	return AccessVerdict::kNoToken;

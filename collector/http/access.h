@@ -1,7 +1,11 @@
 /* Who may ask over TCP. No state; any thread. */
 #pragma once
 
+#include <cstdint>
+#include <string>
 #include <string_view>
+
+#include "http/sessions.h"
 
 namespace kaq {
 
@@ -13,21 +17,26 @@ struct Access {
 	std::string_view cookie;
 };
 
+/* What lets in. */
+struct AccessRules {
+	std::string token; /* never empty: of programs, as bearer */
+	uint16_t port = 0; /* that they ask, after which the browsers' cookie is named */
+	const Sessions *sessions = nullptr; /* of browsers; null: none */
+};
+
 enum class AccessVerdict { kAllowed, kWrongHost, kWrongOrigin, kNoToken };
 
-/* REQUIRES: the token is not empty. */
-AccessVerdict check_access(const Access &access, std::string_view token, std::string_view path);
+/* Now is in milliseconds since the epoch. */
+AccessVerdict check_access(const Access &access, const AccessRules &rules, std::string_view path,
+						   int64_t now);
 
-/* Whether it brings the token, whatever else is wrong with it. REQUIRES: the token is not empty. */
-bool has_token(const Access &access, std::string_view token);
+/* Whether it brings the token or a session, whatever else is wrong with it. */
+bool is_known(const Access &access, const AccessRules &rules, int64_t now);
 
 /* Compares in a time that tells nothing about the secret. REQUIRES: it is not empty. */
 bool is_same_secret(std::string_view given, std::string_view secret);
 
-/* Where a browser gets the cookie; open to everybody, since it asks for a code. */
+/* Where a browser gets its session; open to everybody, since it asks for a code. */
 constexpr std::string_view kLoginPath = "/login";
-
-/* The cookie that holds the token. */
-constexpr std::string_view kTokenCookie = "kaq_token";
 
 } // namespace kaq

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "http/access.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -28,10 +28,10 @@ Access access_of(const RequestMessage &message) {
 
 } // namespace
 
-std::optional<HttpAnswer> refusal_of(const RequestMessage &message, std::string_view token) {
+std::optional<HttpAnswer> refusal_of(const RequestMessage &message, const AccessRules &rules) {
 	std::string_view target(message.target().data(), message.target().size());
 	std::string path(target.substr(0, target.find('?')));
-	switch (check_access(access_of(message), token, path)) {
+	switch (check_access(access_of(message), rules, path, system_time())) {
 	case AccessVerdict::kAllowed:
 		return std::nullopt;
 	case AccessVerdict::kWrongHost:
@@ -44,7 +44,7 @@ std::optional<HttpAnswer> refusal_of(const RequestMessage &message, std::string_
 	return HttpAnswer{401, "text/plain", "log in with the link that 'kaq open' prints\n"};
 }
 
-HttpRequest request_of(const RequestMessage &message, bool is_local, std::string_view token) {
+HttpRequest request_of(const RequestMessage &message, bool is_local, const AccessRules &rules) {
 	std::string_view target(message.target().data(), message.target().size());
 	size_t mark = target.find('?');
 	HttpRequest request;
@@ -59,7 +59,8 @@ HttpRequest request_of(const RequestMessage &message, bool is_local, std::string
 	request.takes_gzip = takes_gzip(header_of(message, http::field::accept_encoding));
 	request.known_etag = std::string(header_of(message, http::field::if_none_match));
 	request.is_local = is_local;
-	request.has_token = !is_local && has_token(access_of(message), token);
+	request.port = rules.port;
+	request.is_known = !is_local && is_known(access_of(message), rules, system_time());
 	return request;
 }
 

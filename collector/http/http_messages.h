@@ -6,8 +6,8 @@
 #include <boost/beast/http/string_body.hpp>
 
 #include <optional>
-#include <string_view>
 
+#include "http/access.h"
 #include "http/http_server.h"
 
 namespace kaq {
@@ -16,11 +16,10 @@ using RequestMessage = boost::beast::http::request<boost::beast::http::string_bo
 using AnswerMessage = boost::beast::http::response<boost::beast::http::string_body>;
 
 /* The answer to one that came over TCP and must not be served; none if it may. Its body need not
- * have been read. REQUIRES: the token is not empty. */
-std::optional<HttpAnswer> refusal_of(const RequestMessage &message, std::string_view token);
+ * have been read. */
+std::optional<HttpAnswer> refusal_of(const RequestMessage &message, const AccessRules &rules);
 
-/* REQUIRES: the token is not empty. */
-HttpRequest request_of(const RequestMessage &message, bool is_local, std::string_view token);
+HttpRequest request_of(const RequestMessage &message, bool is_local, const AccessRules &rules);
 
 /* Without its body. */
 AnswerMessage head_of(const HttpAnswer &answer, bool keeps_alive);

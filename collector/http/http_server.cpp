@@ -61,6 +61,7 @@ struct Shared {
 	HttpSettings settings;
 	HttpServer::Handler handler;
 	LiveFeed &feed;
+	AccessRules access = {};
 	HttpCounts counts{};
 	Crowd tcp = {};
 	Crowd local = {};
@@ -120,7 +121,7 @@ private:
 		}
 		const auto &message = parser_->get();
 		if (std::optional<HttpAnswer> refusal =
-				is_local_ ? std::nullopt : refusal_of(message, shared_.settings.token)) {
+				is_local_ ? std::nullopt : refusal_of(message, shared_.access)) {
 			send(std::move(*refusal), message.keep_alive() && parser_->is_done());
 		} else if (parser_->is_done()) {
 			on_read({});
@@ -157,7 +158,7 @@ private:
 			return;
 		}
 		const auto &message = parser_->get();
-		HttpRequest request = request_of(message, is_local_, shared_.settings.token);
+		HttpRequest request = request_of(message, is_local_, shared_.access);
 		HttpAnswer answer = shared_.handler(request);
 		if (answer.work) {
 			do_work(std::move(answer.work));
@@ -366,6 +367,8 @@ struct HttpServer::State {
 		tcp.set_option(asio::ip::tcp::acceptor::reuse_address(true));
 		tcp.bind(endpoint);
 		tcp.listen(kBacklog);
+		shared.access = {shared.settings.token, tcp.local_endpoint().port(),
+						 shared.settings.sessions};
 	}
 
 	/* The directory decides who may connect. */

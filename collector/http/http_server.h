@@ -4,8 +4,8 @@
  * done by a few workers; what would have to wait too long for one is refused.
  *
  * On the TCP port every request has to name this host (so that no other site's name can be made to
- * lead here), must not come from another site's page, and needs the token, but for /healthz,
- * /login and the pages, which have nothing recorded in them.
+ * lead here), must not come from another site's page, and needs the token or a session, but
+ * for /healthz, /login and the pages, which have nothing recorded in them.
  */
 #pragma once
 
@@ -19,16 +19,18 @@
 #include <vector>
 
 #include "http/live_feed.h"
+#include "http/sessions.h"
 
 namespace kaq {
 
 struct HttpRequest {
 	std::string method;
 	std::string path;
-	std::string query;      /* behind the question mark, as it was sent */
-	std::string form;       /* the body, if it is one of a form */
-	bool is_local = false;  /* it came over the Unix socket */
-	bool has_token = false; /* it came over TCP with the token */
+	std::string query;     /* behind the question mark, as it was sent */
+	std::string form;      /* the body, if it is one of a form */
+	uint16_t port = 0;     /* of TCP, that the server has */
+	bool is_local = false; /* it came over the Unix socket */
+	bool is_known = false; /* it came over TCP with the token or a session */
 	bool takes_gzip = false;
 	std::string known_etag; /* of what the browser has of it already */
 };
@@ -51,6 +53,8 @@ struct HttpSettings {
 	uint16_t port = 0;       /* 0: a free one */
 	std::string socket_path; /* of the Unix socket; empty: none */
 	std::string token;       /* never empty */
+	/* Of browsers; null: none. It outlives the server. */
+	const Sessions *sessions = nullptr;
 	/* At a time, of each of the two. Of more the one is closed that has been idle for longest. */
 	size_t most_connections = kMostHttpConnections;
 };

@@ -5,6 +5,7 @@
 #include "query/mistake_json.h"
 #include "query/parser.h"
 #include "util/query_string.h"
+#include "util/system_time.h"
 
 namespace kaq {
 namespace {
@@ -12,8 +13,7 @@ namespace {
 constexpr const char *kText = "text/plain";
 constexpr std::string_view kInterface = "/api/";
 constexpr std::string_view kDoctorPath = "/api/v1/doctor";
-/* A browser stays logged in for a month. */
-constexpr const char *kCookieAttributes = "; Max-Age=2592000; Path=/; HttpOnly; SameSite=Strict";
+constexpr const char *kCookieAttributes = "; Path=/; HttpOnly; SameSite=Strict; Max-Age=";
 
 HttpAnswer to_http(const Answer &answer) {
 	HttpAnswer http{answer.status, answer.text.empty() ? "application/json" : answer.type,
@@ -91,13 +91,15 @@ HttpAnswer Routes::answer(const HttpRequest &request) {
 
 HttpAnswer Routes::log_in(const HttpRequest &request) {
 	std::string code = form_decoded(query_parameter(request.query, "code"));
-	if (!codes_.take(code) && !request.has_token) {
+	if (!codes_.take(code) && !request.is_known) {
 		return {401, kText,
 				"this link was used before, or is too old: 'kaq open' prints another\n"};
 	}
 	HttpAnswer answer{303, kText, "logged in\n"};
+	std::string session = sessions_.begin(system_time());
 	answer.headers.push_back(
-		{"Set-Cookie", std::string(kTokenCookie) + "=" + token_ + kCookieAttributes});
+		{"Set-Cookie", session_cookie(request.port) + "=" + session + kCookieAttributes +
+						   std::to_string(std::chrono::seconds(Sessions::kLifetime).count())});
 	answer.headers.push_back({"Location", "/"});
 	return answer;
 }

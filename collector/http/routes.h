@@ -9,6 +9,7 @@
 
 #include "http/http_server.h"
 #include "http/login_codes.h"
+#include "http/sessions.h"
 #include "query/service.h"
 
 namespace kaq {
@@ -22,9 +23,9 @@ struct DoctorRoutes {
 
 class Routes {
 public:
-	/* REQUIRES: the context and the codes outlive it. */
-	Routes(ServiceContext &context, LoginCodes &codes, std::string token, DoctorRoutes doctor = {})
-		: context_(context), codes_(codes), token_(std::move(token)), doctor_(std::move(doctor)) {
+	/* REQUIRES: the context, the codes and the sessions outlive it. */
+	Routes(ServiceContext &context, LoginCodes &codes, Sessions &sessions, DoctorRoutes doctor = {})
+		: context_(context), codes_(codes), sessions_(sessions), doctor_(std::move(doctor)) {
 	}
 
 	HttpAnswer answer(const HttpRequest &request);
@@ -36,7 +37,7 @@ private:
 
 	ServiceContext &context_;
 	LoginCodes &codes_;
-	const std::string token_;
+	Sessions &sessions_;
 	const DoctorRoutes doctor_;
 };
 

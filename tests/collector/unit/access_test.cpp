@@ -5,27 +5,49 @@
 using kaq::Access;
 using kaq::AccessVerdict;
 using kaq::check_access;
+using kaq::Sessions;
 
-static AccessVerdict verdict(const Access &access, std::string_view path = "/api/v1/live") {
-	return check_access(access, "secret", path);
+constexpr int64_t kNow = 1000;
+
+static AccessVerdict verdict(const Access &access, std::string_view path = "/api/v1/live",
+							 const Sessions *sessions = nullptr) {
+	return check_access(access, {"secret", 20023, sessions}, path, kNow);
 }
 
-TEST(Access, TokenComesAsBearerOrCookie) {
+TEST(Access, TokenComesAsBearerAlone) {
 	EXPECT_EQ(AccessVerdict::kAllowed, verdict({"localhost:20023", "", "Bearer secret", ""}));
-	EXPECT_EQ(AccessVerdict::kAllowed, verdict({"127.0.0.1", "", "", "kaq_token=secret"}));
-	EXPECT_EQ(AccessVerdict::kAllowed,
-			  verdict({"[::1]:20023", "", "", "a=b; kaq_token=secret; c=d"}));
+	Sessions sessions("", kNow);
+	sessions.begin(kNow);
+	for (const char *cookie : {"kaq_token=secret", "kaq_session_20023=secret"}) {
+		EXPECT_EQ(AccessVerdict::kNoToken,
+				  verdict({"127.0.0.1", "", "", cookie}, "/api/v1/live", &sessions))
+			<< cookie;
+	}
+}
+
+TEST(Access, ASessionComesAsTheCookieOfThisPortAlone) {
+	Sessions sessions("", kNow);
+	std::string session = sessions.begin(kNow);
+	auto with = [&](const std::string &authorization, const std::string &cookie) {
+		return verdict({"127.0.0.1", "", authorization, cookie}, "/api/v1/live", &sessions);
+	};
+	EXPECT_EQ(AccessVerdict::kAllowed, with("", "kaq_session_20023=" + session));
+	EXPECT_EQ(AccessVerdict::kAllowed, with("", "a=b; kaq_session_20023=" + session + "; c=d"));
+	EXPECT_EQ(AccessVerdict::kNoToken, with("Bearer " + session, ""));
+	EXPECT_EQ(AccessVerdict::kNoToken, with("", "kaq_session_20024=" + session));
+	EXPECT_EQ(AccessVerdict::kNoToken, with("", "kaq_session_20023="));
+	EXPECT_EQ(AccessVerdict::kNoToken, with("", ""));
+	EXPECT_EQ(AccessVerdict::kNoToken,
+			  verdict({"127.0.0.1", "", "", "kaq_session_20023=" + session}));
 }
 
 TEST(Access, AnyOtherTokenIsRefused) {
 	for (const char *token : {"", "secre", "secret2", "SECRET", "secrets", "ecret"}) {
 		std::string bearer = std::string("Bearer ") + token;
-		std::string cookie = std::string("kaq_token=") + token;
-		EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", bearer, cookie})) << token;
+		EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", bearer, ""})) << token;
 	}
 	EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", "secret", ""}));
-	EXPECT_EQ(AccessVerdict::kNoToken,
-			  verdict({"localhost", "", "Basic secret", "xkaq_token=secret"}));
+	EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", "Basic secret", ""}));
 }
 
 TEST(Access, OtherNamesLeadNowhere) {

@@ -23,7 +23,7 @@ class HttpConnectionsTest : public testing::Test {
 protected:
 	HttpConnectionsTest()
 		: server_(
-			  {"127.0.0.1", 0, directory_.path() + "/socket", "t", kMost},
+			  {"127.0.0.1", 0, directory_.path() + "/socket", "t", nullptr, kMost},
 			  [this](const HttpRequest &request) { return answer(request); }, feed_) {
 		server_.start();
 	}

@@ -38,7 +38,9 @@ def test_health_needs_no_token(collector):
 def test_all_else_needs_the_token(collector, path):
     assert status(collector, path) == 401
     assert status(collector, path, {"Authorization": "Bearer wrong"}) == 401
-    assert status(collector, path, {"Cookie": "kaq_token=" + collector.token}) in (200, 404)
+    for name in ("kaq_token", "kaq_session_%d" % collector.http):
+        assert status(collector, path, {"Cookie": name + "=" + collector.token}) == 401
+    assert status(collector, path, bearer(collector)) in (200, 404)
 
 
 def test_another_sites_name_leads_nowhere(collector):

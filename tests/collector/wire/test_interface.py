@@ -19,7 +19,8 @@ def ask(collector, method, path, headers=None, **parameters):
     """(status, headers, body) with the token."""
     connection = http.client.HTTPConnection("127.0.0.1", collector.http, timeout=10)
     given = {"Authorization": "Bearer " + collector.token, **(headers or {})}
-    connection.request(method, path + "?" + urllib.parse.urlencode(parameters), headers=given)
+    query = urllib.parse.urlencode(parameters)
+    connection.request(method, path + ("?" + query if query else ""), headers=given)
     response = connection.getresponse()
     body = response.read()
     connection.close()
@@ -104,8 +105,16 @@ def test_services_need_the_token_and_their_method(collector):
     assert status == 404 and json.loads(body)["error"]["message"]
 
 
+def log_in(collector):
+    """The cookie of a browser that was logged in, as it sends it."""
+    link = urllib.parse.urlsplit(collector.run("open").stdout.strip())
+    status, headers, _ = ask(collector, "GET", "/login?" + link.query, {"Authorization": ""})
+    assert status == 303
+    return headers["Set-Cookie"].partition(";")[0]
+
+
 def test_another_sites_page_changes_nothing(collector):
-    headers = {"Origin": "http://evil.example", "Cookie": "kaq_token=" + collector.token}
+    headers = {"Origin": "http://evil.example", "Authorization": "", "Cookie": log_in(collector)}
     assert ask(collector, "POST", "/api/v1/mark", headers, text="x")[0] == 403
     assert get(collector, "/api/v1/marks") == {"marks": []}
 
@@ -133,9 +142,24 @@ def test_a_link_logs_a_browser_in_once(collector):
     cookie = headers["Set-Cookie"]
     assert "HttpOnly" in cookie and "SameSite=Strict" in cookie
     logged_in = {"Authorization": "", "Cookie": cookie.partition(";")[0]}
+    assert cookie.startswith("kaq_session_%d=" % collector.http) and collector.token not in cookie
     assert ask(collector, "GET", "/api/v1/status", logged_in)[0] == 200
+    session = cookie.partition("=")[2].partition(";")[0]
+    assert ask(collector, "GET", "/api/v1/status", {"Authorization": "Bearer " + session})[0] == 401
     assert ask(collector, "GET", address.path, nobody, code=code)[0] == 401
     assert ask(collector, "GET", address.path, nobody, code="")[0] == 401
+
+
+def test_a_restart_logs_no_browser_out(collector):
+    value = log_in(collector).partition("=")[2]
+    assert (collector.store / "sessions").stat().st_mode & 0o077 == 0
+    assert collector.stop() == (0, "")
+    again = type(collector)(collector.program, collector.store)
+    try:
+        logged_in = {"Authorization": "", "Cookie": "kaq_session_%d=%s" % (again.http, value)}
+        assert ask(again, "GET", "/api/v1/status", logged_in)[0] == 200
+    finally:
+        assert again.stop() == (0, "")
 
 
 def test_who_comes_over_tcp_gets_no_link(collector):
