@@ -10,6 +10,7 @@
 #include "cli/client.h"
 #include "cli/command_line.h"
 #include "cli/format.h"
+#include "cli/table.h"
 
 namespace kaq {
 namespace {
@@ -19,6 +20,9 @@ struct ChangeOptions {
 	FilterOptions filter;
 	std::string text; /* an id, a mark */
 	std::string time;
+	std::string id; /* of the mark that is removed */
+	int64_t count = 1000;
+	bool is_list = false;
 	bool is_sure = false;
 };
 
@@ -83,7 +87,50 @@ int forget(const ChangeOptions &options) {
 	return status == kDone && forgotten == 0 ? kFailed : status;
 }
 
+int list_marks(const ChangeOptions &options) {
+	Parameters parameters = parameters_of(options.filter);
+	parameters["limit"] = std::to_string(options.count);
+	Reply reply = Client(options.common).get("/api/v1/marks", parameters);
+	if (!reply.is_good()) {
+		return fail(reply, options.filter.query);
+	}
+	nlohmann::json found = reply.json();
+	const nlohmann::json &marks = found.at("marks");
+	if (options.common.is_json) {
+		print_json(reply);
+	} else if (marks.empty()) {
+		fprintf(stderr, "kaq: no mark was found\n");
+	} else {
+		Table table(
+			{{"id"}, {"time"}, {"application", Align::kLeft, 8}, {"text", Align::kLeft, 8}});
+		for (const nlohmann::json &each : marks) {
+			table.add({each.value("id", ""), full_time_text(each.value("time_ms", int64_t{0})),
+					   each.value("application", ""), each.value("text", "")});
+		}
+		fputs(table.text(standard_output()).c_str(), stdout);
+		if (found.value("more", false)) {
+			fprintf(stderr, "kaq: the last %s: -n N shows more\n",
+					count_of(options.count, "mark", "marks").c_str());
+		}
+	}
+	return marks.empty() ? kFailed : kDone;
+}
+
+int unmark(const ChangeOptions &options) {
+	Reply reply = Client(options.common).post("/api/v1/unmark", {{"id", options.id}});
+	return tell(options, reply, [](const nlohmann::json &mark) {
+		return "removed the mark of " + full_time_text(mark.value("time_ms", int64_t{0})) + ": " +
+			   printable(mark.value("text", ""));
+	});
+}
+
 int mark(const ChangeOptions &options) {
+	if (options.is_list) {
+		return list_marks(options);
+	}
+	if (!options.id.empty()) {
+		return unmark(options);
+	}
 	Reply reply = Client(options.common)
 					  .post("/api/v1/mark", {{"text", options.text},
 											 {"app", options.filter.application},
@@ -148,13 +195,34 @@ void add_forget(CLI::App &app, int &status) {
 void add_mark(CLI::App &app, int &status) {
 	auto options = std::make_shared<ChangeOptions>();
 	CLI::App &verb = *app.add_subcommand("mark", "mark a moment, such as a release");
-	verb.add_option("text", options->text, "what happened")->required()->type_name("TEXT");
-	verb.add_option("--app", options->filter.application, "only to this application")
-		->type_name("NAME");
+	CLI::Option &text = *verb.add_option("text", options->text, "what happened")->type_name("TEXT");
+	CLI::Option &list =
+		*verb.add_flag("--list", options->is_list, "show the marks, oldest first")->excludes(&text);
+	CLI::Option &remove = *verb.add_option("--remove", options->id, "remove the mark with this id")
+							   ->type_name("ID")
+							   ->excludes(&text)
+							   ->excludes(&list);
 	verb.add_option("--at", options->time, "then, not now: 1h (ago), 2026-11-22T08:30")
-		->type_name("TIME");
+		->type_name("TIME")
+		->needs(&text);
+	verb.add_option("-n,--count", options->count, "list the last N (1000)")
+		->type_name("N")
+		->needs(&list);
+	verb.add_option("--since", options->filter.from, "list only what is of then or later")
+		->type_name("TIME")
+		->needs(&list);
+	verb.add_option("--until", options->filter.to, "list only what is before that")
+		->type_name("TIME")
+		->needs(&list);
+	verb.add_option("--app", options->filter.application, "only of, or to, this application")
+		->type_name("NAME");
 	add_common_options(verb, options->common);
-	verb.callback([options, &status] { status = mark(*options); });
+	verb.callback([options, &status, &text, &list, &remove] {
+		if (text.count() + list.count() + remove.count() == 0) {
+			throw CLI::RequiredError("TEXT, --list or --remove ID");
+		}
+		status = mark(*options);
+	});
 }
 
 void add_resume(CLI::App &app, int &status) {

@@ -1,16 +1,10 @@
-/* Services about the collector itself: its state, its marks, its language. */
+/* Services about the collector itself: its state, its language. */
 #include "query/completion.h"
 #include "query/parameters.h"
 #include "query/service_table.h"
 
 namespace kaq {
 namespace {
-
-constexpr size_t kLongestMark = 200; /* bytes */
-
-nlohmann::json to_json(const Mark &mark) {
-	return {{"time_ms", mark.time}, {"application", mark.application}, {"text", mark.text}};
-}
 
 nlohmann::json to_json(const StoreStatus &status) {
 	nlohmann::json parts = nlohmann::json::array();
@@ -35,30 +29,6 @@ nlohmann::json to_json(const StoreStatus &status) {
 }
 
 } // namespace
-
-Answer add_mark(ServiceContext &context, const Question &question) {
-	Mark mark;
-	mark.text = text_of(question, "text");
-	mark.application = text_of(question, "app");
-	if (mark.text.size() > kLongestMark) {
-		throw ServiceMistake(400, "the text is too long",
-							 "it has at most " + std::to_string(kLongestMark) + " bytes", "text");
-	}
-	mark.time = time_of(context, question, "time", context.clock());
-	context.store.add_mark(mark);
-	return json_answer(to_json(mark));
-}
-
-Answer list_marks(ServiceContext &context, const Question &question) {
-	const std::string &application = text_of(question, "app");
-	nlohmann::json marks = nlohmann::json::array();
-	for (const Mark &mark : context.store.marks(range_of(context, question))) {
-		if (application.empty() || mark.application.empty() || mark.application == application) {
-			marks.push_back(to_json(mark));
-		}
-	}
-	return json_answer({{"marks", std::move(marks)}});
-}
 
 Answer list_services(ServiceContext &, const Question &) {
 	nlohmann::json list = nlohmann::json::array();

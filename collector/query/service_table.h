@@ -41,6 +41,7 @@ Answer export_requests(ServiceContext &context, const Question &question);
 
 /* collector_services.cpp */
 Answer add_mark(ServiceContext &context, const Question &question);
+Answer remove_mark(ServiceContext &context, const Question &question);
 Answer list_marks(ServiceContext &context, const Question &question);
 Answer list_services(ServiceContext &context, const Question &question);
 Answer show_status(ServiceContext &context, const Question &question);

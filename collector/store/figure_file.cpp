@@ -125,6 +125,15 @@ void FigureFile::add_mark(const Mark &mark) {
 	add.exec();
 }
 
+void FigureFile::remove_mark(const Mark &mark) {
+	SQLite::Statement remove(*database_,
+							 "DELETE FROM marks WHERE time = ? AND application = ? AND text = ?");
+	remove.bind(1, mark.time);
+	remove.bind(2, mark.application);
+	remove.bind(3, mark.text);
+	remove.exec();
+}
+
 /* Whole hours, so that what is left of the minutes is complete from an hour on. True if there is
  * more of it. */
 bool FigureFile::delete_before(const std::string &table, int64_t time) {

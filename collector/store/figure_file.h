@@ -47,6 +47,7 @@ public:
 	/* Adds to what is there, in one transaction, all or nothing. */
 	void write(const std::vector<FigurePeriod> &minutes, const AskedSums &asked);
 	void add_mark(const Mark &mark);
+	void remove_mark(const Mark &mark);
 	/* These requests are no examples of anything any more. */
 	void forget_examples(const std::unordered_set<std::string> &ids);
 	/* Deletes what is too old, and the oldest of what is too much; how many asked is summed up by

@@ -236,14 +236,16 @@ std::vector<AskedCount> read_asked(SQLite::Database &database, const TimeRange &
 
 std::vector<Mark> read_marks(SQLite::Database &database, const TimeRange &range) {
 	SQLite::Statement rows(database, "SELECT time, application, text FROM marks WHERE time>=? AND "
-									 "time<? ORDER BY time LIMIT 1000");
+									 "time<? ORDER BY time DESC, rowid DESC LIMIT ?");
 	rows.bind(1, range.from);
 	rows.bind(2, range.to);
+	rows.bind(3, static_cast<int64_t>(kMostMarks));
 	std::vector<Mark> marks;
 	while (rows.executeStep()) {
 		marks.push_back({rows.getColumn(0).getInt64(), rows.getColumn(1).getString(),
 						 rows.getColumn(2).getString()});
 	}
+	std::reverse(marks.begin(), marks.end());
 	return marks;
 }
 

@@ -68,6 +68,7 @@ public:
 	std::vector<AskedHost> hosts(const TimeRange &range) override;
 	std::vector<AskedCount> asked(const TimeRange &range, const std::string &application) override;
 	void add_mark(const Mark &mark) override;
+	void remove_mark(const Mark &mark) override;
 	std::vector<Mark> marks(const TimeRange &range) override;
 	bool pin(const std::string &id) override;
 	bool unpin(const std::string &id) override;

@@ -169,6 +169,15 @@ void SqliteStore::add_mark(const Mark &mark) {
 	});
 }
 
+void SqliteStore::remove_mark(const Mark &mark) {
+	on_writer([this, &mark] {
+		if (!figure_file_) {
+			figure_file_ = std::make_unique<FigureFile>(figure_path());
+		}
+		figure_file_->remove_mark(mark);
+	});
+}
+
 /* A pinned request is in two files, and one all the same. What was put aside cannot be searched. */
 int64_t SqliteStore::forget(const Filter &filter) {
 	std::unordered_set<std::string> deleted;

@@ -70,6 +70,8 @@ struct Mark {
 	std::string text;
 };
 
+constexpr size_t kMostMarks = 10000;
+
 /* Requests that asked whether they are to be recorded, and those that were. */
 struct AskedCount {
 	std::string application;
@@ -152,6 +154,9 @@ public:
 										  const std::string &application) = 0;
 
 	virtual void add_mark(const Mark &mark) = 0;
+	/* All that are the same as this one. */
+	virtual void remove_mark(const Mark &mark) = 0;
+	/* The newest kMostMarks of the range, oldest first. */
 	virtual std::vector<Mark> marks(const TimeRange &range) = 0;
 
 	/* Keeps a trace, or one request, whatever else is thrown away; false if there is none. */

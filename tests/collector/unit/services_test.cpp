@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <ostream>
 #include <set>
 
 #include "model/document.h"
@@ -152,6 +156,7 @@ INSTANTIATE_TEST_SUITE_P(
 		Wrong{"POST", "/api/v1/pin", {{"id", "00000000"}}, 404, "id"},
 		Wrong{"POST", "/api/v1/forget", {}, 400, "q"},
 		Wrong{"POST", "/api/v1/mark", {{"text", std::string(300, 'x')}}, 400, "text"},
+		Wrong{"POST", "/api/v1/unmark", {{"id", "00000000"}}, 404, "id"},
 		Wrong{"POST", "/api/v1/login-link", {}, 404, ""}));
 
 TEST_F(ServicesTest, SaysWhereAQueryIsWrong) {
@@ -290,6 +295,41 @@ TEST_F(ServicesTest, MarksMomentsForOneApplicationOrAll) {
 	EXPECT_EQ(marks[1].at("text"), "release 7");
 	EXPECT_EQ(get("/api/v1/marks", {{"app", "blog"}}).at("marks").size(), 1u);
 	EXPECT_EQ(get("/api/v1/marks", {{"from", "30m"}}).at("marks").size(), 1u);
+	json last = get("/api/v1/marks", {{"limit", "1"}});
+	ASSERT_EQ(last.at("marks").size(), 1u);
+	EXPECT_EQ(last.at("marks")[0].at("text"), "release 7");
+	EXPECT_EQ(last.at("more"), true);
+	EXPECT_EQ(get("/api/v1/marks", {{"limit", "2"}}).at("more"), false);
+}
+
+TEST_F(ServicesTest, RemovesAMarkByTheFirstCharactersOfItsId) {
+	std::string id =
+		ask("POST", "/api/v1/mark", {{"text", "release 7"}, {"app", "shop"}}).body.at("id");
+	ask("POST", "/api/v1/mark", {{"text", "release 7"}, {"app", "blog"}});
+	ASSERT_EQ(id.size(), 16u);
+	EXPECT_EQ(ask("POST", "/api/v1/unmark", {{"id", id.substr(0, 3)}}).status, 400);
+	EXPECT_EQ(ask("POST", "/api/v1/unmark", {{"id", id + "0"}}).status, 404);
+	Answer removed = ask("POST", "/api/v1/unmark", {{"id", id.substr(0, 12)}});
+	EXPECT_EQ(removed.status, 200);
+	EXPECT_EQ(removed.body.at("application"), "shop");
+	json marks = get("/api/v1/marks").at("marks");
+	ASSERT_EQ(marks.size(), 1u);
+	EXPECT_EQ(marks[0].at("application"), "blog");
+	EXPECT_EQ(ask("POST", "/api/v1/unmark", {{"id", id}}).status, 404);
+}
+
+TEST_F(ServicesTest, RemovesNoneOfSeveralMarksWhoseIdsBeginAlike) {
+	/* So many that some have their first four digits in common. */
+	std::map<std::string, int> beginnings;
+	for (int i = 0; i < 1000; i++) {
+		Answer added = ask("POST", "/api/v1/mark", {{"text", "release " + std::to_string(i)}});
+		beginnings[added.body.at("id").get<std::string>().substr(0, 4)]++;
+	}
+	auto common = std::find_if(beginnings.begin(), beginnings.end(),
+							   [](const auto &each) { return each.second > 1; });
+	ASSERT_NE(common, beginnings.end());
+	EXPECT_EQ(ask("POST", "/api/v1/unmark", {{"id", common->first}}).status, 400);
+	EXPECT_EQ(get("/api/v1/marks").at("marks").size(), 1000u);
 }
 
 TEST_F(ServicesTest, TellsTheStateOfTheStore) {

@@ -153,6 +153,34 @@ def test_mark_says_what_it_marked(collector):
     assert re.match(r"marked \d{4}-\d\d-\d\d .*: release 7\n", marked)
 
 
+def test_marks_are_listed_and_removed(collector):
+    none = collector.run("mark", "--list")
+    assert (none.returncode, none.stdout) == (1, "") and "no mark" in none.stderr
+    out(collector.run("mark", "release 7", "--app", "Shop", "--at", "2h"))
+    marked = json.loads(out(collector.run("mark", "release 8", "--json")))
+    listed = out(collector.run("mark", "--list")).splitlines()
+    assert listed[0].split() == ["id", "time", "application", "text"]
+    assert [re.search(r"release \d", line).group() for line in listed[1:]] == ["release 7", "release 8"]
+    assert listed[2].split()[0] == marked["id"]
+    recent = json.loads(out(collector.run("mark", "--list", "--since", "1h", "--json")))
+    assert recent["marks"] == [marked]
+    last = collector.run("mark", "--list", "-n", "1")
+    assert "release 8" in last.stdout and "release 7" not in last.stdout and "-n N" in last.stderr
+    assert "release 8" in out(collector.run("mark", "--remove", marked["id"][:6]))
+    left = json.loads(out(collector.run("mark", "--list", "--json")))
+    assert [each["text"] for each in left["marks"]] == ["release 7"]
+    again = collector.run("mark", "--remove", marked["id"])
+    assert again.returncode == 1 and "there is no such mark" in again.stderr
+
+
+@pytest.mark.parametrize("arguments", [
+    [], ["text", "--list"], ["--list", "--remove", "0000"], ["text", "--since", "1h"],
+    ["--list", "--at", "1h"], ["--remove", "0000", "-n", "1"]])
+def test_mark_does_one_thing_at_a_time(collector, arguments):
+    done = collector.run("mark", *arguments)
+    assert (done.returncode, done.stdout) == (2, "") and done.stderr
+
+
 def test_a_store_is_read_without_a_collector(cart):
     shown = cart.run("show", "00000000000000c1", "--json")
     assert cart.stop() == (0, "")
