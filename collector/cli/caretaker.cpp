@@ -33,6 +33,16 @@ nlohmann::json to_json(const Suspension &suspension) {
 			{"reason", suspension.reason}};
 }
 
+nlohmann::json to_json(const HiddenPages &pages) {
+	return {{"application", pages.application},
+			{"transaction", pages.transaction},
+			{"parameter", pages.parameter},
+			{"pages", pages.pages},
+			{"requests", pages.requests},
+			{"advice", "put [[names.rule]] with path = '" + pages.path + "' and parameters = ['" +
+						   pages.parameter + "'] into the configuration, and reload it"}};
+}
+
 std::string name_of(const Suspension &suspension) {
 	if (suspension.application.empty()) {
 		return "every application";
@@ -159,6 +169,10 @@ nlohmann::json Caretaker::facts() const {
 	for (const Suspension &each : suspensions_.all()) {
 		suspended.push_back(to_json(each));
 	}
+	nlohmann::json hidden = nlohmann::json::array();
+	for (const HiddenPages &each : pages_.found()) {
+		hidden.push_back(to_json(each));
+	}
 	std::lock_guard lock(mutex_);
 	nlohmann::json directories = nlohmann::json::array();
 	for (const CrashDirectory &each : found_) {
@@ -168,6 +182,7 @@ nlohmann::json Caretaker::facts() const {
 							   {"logs", each.logs}});
 	}
 	return {{"suspended", std::move(suspended)},
+			{"hidden_pages", std::move(hidden)},
 			{"crash_directories", std::move(directories)},
 			{"crashes", {{"all", crashes_}, {"in_extension", our_crashes_}}},
 			{"alerts",

@@ -1,6 +1,7 @@
 /*
  * What the running collector looks after beside taking requests in: logs of crashes, after which it
- * stops monitoring by itself, and alerts. Threads of its own; any thread may call anything.
+ * stops monitoring by itself, alerts, and names that hide pages. Threads of its own; any thread may
+ * call anything.
  */
 #pragma once
 
@@ -11,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "analysis/hidden_pages.h"
 #include "cli/alert_file.h"
 #include "cli/alerts.h"
 #include "cli/webhook.h"
@@ -34,12 +36,16 @@ public:
 	/* Each request that was recorded. */
 	void note(const Transaction &transaction) {
 		guard_.note(transaction);
+		pages_.note(transaction.application,
+					transaction.normalised_name.empty() ? transaction.name
+														: transaction.normalised_name,
+					transaction.name, transaction.query_string);
 	}
 
 	Suspensions &suspensions() {
 		return suspensions_;
 	}
-	/* An object with the members suspended, crash_directories, crashes and alerts. */
+	/* An object with the members suspended, hidden_pages, crash_directories, crashes and alerts. */
 	nlohmann::json facts() const;
 
 private:
@@ -50,6 +56,7 @@ private:
 
 	Suspensions suspensions_;
 	CrashGuard guard_;
+	HiddenPagesFinder pages_;
 	Webhook webhook_;
 
 	mutable std::mutex mutex_; /* of what follows */
@@ -72,8 +79,9 @@ private:
 	std::unique_ptr<Periodic> alert_thread_;
 };
 
-/* As the status has it. */
+/* As the status has them. */
 nlohmann::json to_json(const Suspension &suspension);
+nlohmann::json to_json(const HiddenPages &pages);
 /* "shop (instance 0123...)" */
 std::string name_of(const Suspension &suspension);
 

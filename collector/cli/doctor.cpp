@@ -131,6 +131,7 @@ const std::vector<Check> &checks() {
 		{"stack", check_stacks},
 		{"crash logs", check_crashes},
 		{"monitoring", check_suspensions},
+		{"names", check_names},
 		{"clock", check_clock},
 	};
 	return kChecks;

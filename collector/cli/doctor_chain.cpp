@@ -164,6 +164,27 @@ CheckResults check_payload(const DoctorContext &context) {
 			 "see the collector's log ('journalctl -u kaq')"}};
 }
 
+CheckResults check_names(const DoctorContext &context) {
+	CheckResults results;
+	nlohmann::json hidden = context.fact("hidden_pages");
+	for (size_t i = 0; i < std::min(hidden.size(), kMostShown); i++) {
+		const nlohmann::json &each = hidden[i];
+		results.push_back(
+			{Health::kWarning,
+			 fmt::format("{} of {} is {} pages and more, told apart by '{}'",
+						 printable(each.value("transaction", "")),
+						 printable(each.value("application", "")), each.value("pages", int64_t{0}),
+						 printable(each.value("parameter", ""))),
+			 printable(each.value("advice", ""))});
+	}
+	if (results.empty()) {
+		results.push_back(context.is_running
+							  ? CheckResult{Health::kOk, "no name hides many pages", ""}
+							  : CheckResult{Health::kUnknown, "no collector runs that says", ""});
+	}
+	return results;
+}
+
 CheckResults check_losses(const DoctorContext &context) {
 	CheckResults results;
 	nlohmann::json counters = context.fact("counters");

@@ -21,6 +21,7 @@ CheckResults check_account_key(const DoctorContext &context);
 CheckResults check_stacks(const DoctorContext &context);
 CheckResults check_crashes(const DoctorContext &context);
 CheckResults check_suspensions(const DoctorContext &context);
+CheckResults check_names(const DoctorContext &context);
 CheckResults check_clock(const DoctorContext &context);
 CheckResults check_disk(const DoctorContext &context);
 

@@ -20,7 +20,7 @@ using nlohmann::json;
 
 constexpr std::chrono::milliseconds kRefresh{2000};
 constexpr int64_t kUsualRows = 20;
-constexpr int64_t kLinesAround = 4; /* of the screen, above and below the rows */
+constexpr int64_t kLinesAround = 6; /* of the screen, above and below the rows */
 constexpr double kWhole = 0.9999;
 
 struct TopOptions {
@@ -128,6 +128,19 @@ std::string head_of(const json &answer) {
 	return text;
 }
 
+/* What the name with the most requests hides; empty if none does. */
+std::string hint_of(const json &answer) {
+	const json hidden = answer.value("hidden_pages", json::array());
+	if (hidden.empty()) {
+		return "";
+	}
+	const json &first = hidden.front();
+	std::string others =
+		hidden.size() == 1 ? "" : fmt::format(", and {} other names like that", hidden.size() - 1);
+	return printable(fmt::format("{} is {} pages and more{}: {}", string_of(first, "transaction"),
+								 whole_of(first, "pages"), others, string_of(first, "advice")));
+}
+
 std::string text_of(const json &answer, const Terminal &terminal) {
 	const json &rows = answer.at("transactions");
 	std::string head = head_of(answer);
@@ -160,6 +173,9 @@ int top_once(const TopOptions &options) {
 		fprintf(stderr, "kaq: nothing was recorded in that time; --since 24h looks further back\n");
 	} else {
 		fputs(text_of(answer, standard_output()).c_str(), stdout);
+		if (std::string hint = hint_of(answer); !hint.empty()) {
+			fprintf(stderr, "kaq: %s\n", hint.c_str());
+		}
 		if (answer.value("more", false)) {
 			fprintf(stderr, "kaq: there are more: -n N shows them\n");
 		}
@@ -185,6 +201,11 @@ int top_live(const TopOptions &options) {
 		std::string note = "kaq top  " + clock_text() + "  q ends it";
 		if (reply.is_good()) {
 			shown = text_of(reply.json(), terminal);
+			if (std::string hint = hint_of(reply.json()); !hint.empty()) {
+				shown += "\n" + terminal.paint(
+									shortened_to(hint, static_cast<size_t>(terminal.width_or(80))),
+									Colour::kYellow);
+			}
 			note += reply.is_of_files ? "  no collector runs: what follows is what was stored" : "";
 		} else {
 			note += "  what follows is old: the collector does not answer";

@@ -82,6 +82,18 @@ double time_of(const std::vector<TopRow> &rows) {
 	return time;
 }
 
+/* What the running collector says of transactions that are asked for. */
+json hidden_pages(const json &collector, const FigureQuestion &asked_for) {
+	json list = json::array();
+	for (const json &each : collector.value("hidden_pages", json::array())) {
+		if (asked_for.is_application(each.value("application", "")) &&
+			asked_for.is_transaction(each.value("transaction", ""))) {
+			list.push_back(each);
+		}
+	}
+	return list;
+}
+
 } // namespace
 
 Answer top_transactions(ServiceContext &context, const Question &question) {
@@ -120,6 +132,7 @@ Answer top_transactions(ServiceContext &context, const Question &question) {
 						{"applications", applications_json(asked_for, asked)},
 						{"step_ms", step > 0 ? json(step) : json()},
 						{"partial", asked_for.is_partial()},
+						{"hidden_pages", hidden_pages(collector, asked_for)},
 						{"suspended", collector.value("suspended", json::array())}});
 }
 

@@ -295,6 +295,22 @@ TEST_F(DoctorTest, WhatWasStoppedIsAProblem) {
 	EXPECT_NE(results.at(0).advice.find("kaq resume shop"), std::string::npos);
 }
 
+TEST_F(DoctorTest, NamesThatHidePagesAreToldWithARule) {
+	EXPECT_TRUE(is_fine(check_names(context_)));
+	context_.status["collector"]["hidden_pages"] = {{{"application", "shop"},
+													 {"transaction", "/index.php"},
+													 {"parameter", "module"},
+													 {"pages", 12},
+													 {"requests", 99},
+													 {"advice", "put [[names.rule]]"}}};
+	CheckResults results = check_names(context_);
+	EXPECT_TRUE(says(results, Health::kWarning, "/index.php of shop is 12 pages and more"));
+	EXPECT_EQ(results.at(0).advice, "put [[names.rule]]");
+	context_.is_running = false;
+	context_.status = nlohmann::json::object();
+	EXPECT_TRUE(says(check_names(context_), Health::kUnknown, ""));
+}
+
 TEST_F(DoctorTest, ASlowClockIsNamed) {
 	const char *file = "/sys/devices/system/clocksource/clocksource0/current_clocksource";
 	EXPECT_TRUE(says(check_clock(context_), Health::kUnknown, ""));

@@ -295,6 +295,39 @@ def test_lists_say_when_there_is_nothing_and_what_is_wrong(collector, verb):
     assert collector.run(verb, "-n", "0").returncode == 2
 
 
+def test_a_name_that_hides_pages_is_told_with_the_rule_that_helps(collector):
+    pages = ["cart", "list", "user", "order", "about", "help", "start", "news", "terms"]
+    choose = random.Random(11)
+    sent = []
+    for number in range(90):
+        line = line_of(choose, number, "/index.php", now_ms() - 1000)
+        document = json.loads(base64.b64decode(line))
+        document["apm"]["transaction_info"]["http_query_str"] = "module=%s&id=%d" % (
+            pages[number % len(pages)], number)
+        sent.append(base64.b64encode(json.dumps(document).encode()) + b"\n")
+    send_all(collector, sent)
+    hidden, = get(collector, "/api/v1/top")["hidden_pages"]
+    assert (hidden["transaction"], hidden["parameter"], hidden["pages"]) == ("/index.php", "module", 9)
+    assert get(collector, "/api/v1/top", app="none")["hidden_pages"] == []
+    said = collector.run("top").stderr
+    assert "/index.php is 9 pages and more" in said
+    rule = "[[names.rule]]\npath = '/index.php'\nparameters = ['module']\n"
+    for part in rule.splitlines():
+        assert part in said
+    configuration = collector.store.parent / "names.toml"
+    configuration.write_text(rule)
+    assert collector.stop() == (0, "")
+    again = conftest.Collector(collector.program, collector.store, ["--config", str(configuration)])
+    try:
+        sockets.send(again.data, b"".join(sent))
+        until_recorded(again, 2 * len(sent))
+        named = {row["transaction"] for row in get(again, "/api/v1/top")["transactions"]}
+        assert {"/index.php?module=" + page for page in pages} <= named
+        assert get(again, "/api/v1/top")["hidden_pages"] == []
+    finally:
+        assert again.stop() == (0, "")
+
+
 def test_a_store_is_read_where_no_collector_runs(collector):
     send_all(collector, lines(50, seed=5))
     told = json.loads(collector.run("top", "--json").stdout)
