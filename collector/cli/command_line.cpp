@@ -2,6 +2,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
+
+#include "cli/format.h"
+
 namespace kaq {
 
 const std::vector<AddVerb> &verbs() {
@@ -39,21 +43,61 @@ void add_range_options(CLI::App &verb, FilterOptions &options) {
 	verb.add_option("--app", options.application, "only of this application")->type_name("NAME");
 }
 
+namespace {
+
+constexpr const char *kStatuses =
+	"Exit status: 0 done; 1 nothing was found, or it could not be done; 2 what was typed is wrong.";
+
+/* Verbs with a footer of their own have it in the place of the program's. */
+void add_statuses(CLI::App &verb) {
+	if (verb.get_footer() != kStatuses) {
+		verb.footer(verb.get_footer() + "\n" + kStatuses);
+	}
+}
+
+/* What is typed in the place of a verb and is none; null if nothing is. */
+const char *unknown_verb(const CLI::App &app, int count, char **arguments) {
+	if (count < 2 || arguments[1][0] == '-') {
+		return nullptr;
+	}
+	auto is_it = [arguments](const CLI::App *each) { return each->check_name(arguments[1]); };
+	return app.get_subcommands(is_it).empty() ? arguments[1] : nullptr;
+}
+
+/* What nobody could be told was not done. */
+int written(int status) {
+	bool is_written = fflush(stdout) == 0 && ferror(stdout) == 0;
+	if (is_written || status != kDone) {
+		return status;
+	}
+	fprintf(stderr, "kaq: the output cannot be written\n");
+	return kFailed;
+}
+
+} // namespace
+
 int run_command_line(int count, char **arguments) {
 	CLI::App app("Collects, keeps and explains what PHP applications do.", "kaq");
 	app.require_subcommand(1);
-	app.footer("Exit status: 0 done; 1 nothing was found, or it could not be done; 2 what was "
-			   "typed is wrong.");
+	app.footer(kStatuses);
 	int status = kDone;
 	for (AddVerb add : verbs()) {
 		add(app, status);
 	}
+	for (CLI::App *verb : app.get_subcommands({})) {
+		add_statuses(*verb);
+	}
+	if (const char *unknown = unknown_verb(app, count, arguments)) {
+		fprintf(stderr, "kaq: there is no verb '%s': 'kaq -h' names those there are\n",
+				printable(unknown).c_str());
+		return kMisunderstood;
+	}
 	try {
 		app.parse(count, arguments);
 	} catch (const CLI::ParseError &error) {
-		return app.exit(error) == 0 ? kDone : kMisunderstood;
+		return written(app.exit(error) == 0 ? kDone : kMisunderstood);
 	}
-	return status;
+	return written(status);
 }
 
 } // namespace kaq

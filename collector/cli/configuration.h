@@ -114,5 +114,7 @@ std::string mistakes_text(const std::string &path, const ConfigurationMistakes &
 
 /* The whole configuration as a file that reads back as the same. */
 std::string to_toml(const Configuration &configuration);
+/* The same settings as JSON. */
+std::string to_json_text(const Configuration &configuration);
 
 } // namespace kaq

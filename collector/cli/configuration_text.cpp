@@ -102,21 +102,7 @@ toml::array alert_array(const std::vector<AlertRule> &rules) {
 	return array;
 }
 
-} // namespace
-
-const char *metric_name(AlertMetric metric) {
-	switch (metric) {
-	case AlertMetric::kErrorShare:
-		return "error_share";
-	case AlertMetric::kRate:
-		return "rate";
-	case AlertMetric::kP95:
-		break;
-	}
-	return "p95";
-}
-
-std::string to_toml(const Configuration &configuration) {
+toml::table to_table(const Configuration &configuration) {
 	toml::table scrub{{"keep_literals", configuration.scrub.keeps_literals},
 					  {"secret_names", texts(configuration.scrub.secret_names)}};
 	toml::table file{
@@ -132,8 +118,32 @@ std::string to_toml(const Configuration &configuration) {
 	if (!configuration.alerts.empty()) {
 		file.insert("alert", alert_array(configuration.alerts));
 	}
+	return file;
+}
+
+} // namespace
+
+const char *metric_name(AlertMetric metric) {
+	switch (metric) {
+	case AlertMetric::kErrorShare:
+		return "error_share";
+	case AlertMetric::kRate:
+		return "rate";
+	case AlertMetric::kP95:
+		break;
+	}
+	return "p95";
+}
+
+std::string to_toml(const Configuration &configuration) {
 	std::ostringstream text;
-	text << file << '\n';
+	text << to_table(configuration) << '\n';
+	return text.str();
+}
+
+std::string to_json_text(const Configuration &configuration) {
+	std::ostringstream text;
+	text << toml::json_formatter(to_table(configuration)) << '\n';
 	return text.str();
 }
 

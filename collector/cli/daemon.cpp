@@ -293,11 +293,29 @@ void Daemon::start() {
 		WatchdogSettings(), [this] { return handshake_->beats(); }, tell_alive, end_for_stall);
 	open_metrics();
 	caretaker_->start(fmt::format("http://{}:{}", kHttpAddress, http_->port()));
-	printf("kaq: collecting on %s: handshakes %u, payloads %u, http %u; store %s\n",
-		   fmt::format("{}", fmt::join(addresses, " and ")).c_str(), handshake_->port(),
-		   data_->port(), http_->port(), configuration_.store.directory.c_str());
-	fflush(stdout);
+	say_places();
 	tell_ready(status());
+}
+
+/* Nobody has to read it. */
+void Daemon::say_places() {
+	const std::vector<std::string> &addresses = configuration_.listen.addresses;
+	const std::string &store = configuration_.store.directory;
+	std::string line = fmt::format(
+		"kaq: collecting on {}: handshakes {}, payloads {}, http {}; store {}",
+		fmt::join(addresses, " and "), handshake_->port(), data_->port(), http_->port(), store);
+	if (options_.is_json) {
+		nlohmann::json places = {{"process", getpid()},
+								 {"addresses", addresses},
+								 {"handshake_port", handshake_->port()},
+								 {"data_port", data_->port()},
+								 {"http_port", http_->port()},
+								 {"store", store}};
+		line = places.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+	}
+	puts(line.c_str());
+	fflush(stdout);
+	clearerr(stdout);
 }
 
 void Daemon::run() {

@@ -53,6 +53,7 @@ private:
 	using Clock = std::chrono::steady_clock;
 
 	void start();
+	void say_places();
 	void stop();
 	/* All of a new configuration, or nothing. */
 	void reload();

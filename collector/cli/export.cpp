@@ -52,10 +52,13 @@ void add_export(CLI::App &app, int &status) {
 	auto options = std::make_shared<ExportOptions>();
 	CLI::App &verb = *app.add_subcommand("export", "write a request or a trace for other programs");
 	verb.add_option("id", options->id, "of the request or the trace")->required()->type_name("ID");
-	verb.add_option("--format", options->format, "html, speedscope, perfetto or json (json)")
-		->type_name("FORMAT");
+	CLI::Option &format =
+		*verb.add_option("--format", options->format, "html, speedscope, perfetto or json (json)")
+			 ->type_name("FORMAT");
 	add_store_option(verb, options->common.store);
 	add_configuration_option(verb, options->common.configuration);
+	verb.add_flag("--json", options->common.is_json, "the same as --format json")
+		->excludes(&format);
 	verb.callback([options, &status] { status = export_request(*options); });
 }
 

@@ -15,6 +15,7 @@ struct CollectOptions {
 	std::optional<uint16_t> data_port;
 	std::optional<uint16_t> http_port;
 	std::string store; /* empty: the configuration's */
+	bool is_json = false;
 };
 
 /* Runs until SIGTERM or SIGINT. */
@@ -38,8 +39,8 @@ constexpr int kMisunderstood = 2;
 int tail(const TailOptions &options);
 
 /* Says each mistake of the configuration file with its line; status 1 if there is one. */
-int config_check(const std::string &file);
-/* Prints the settings that hold, the defaults among them, as a configuration file. */
-int config_show(const std::string &file);
+int config_check(const std::string &file, bool is_json);
+/* Prints the settings that hold, the defaults among them, as a configuration file or as JSON. */
+int config_show(const std::string &file, bool is_json);
 
 } // namespace kaq

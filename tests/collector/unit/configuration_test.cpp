@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 using kaq::Configuration;
 using kaq::ConfigurationOrMistakes;
 
@@ -136,6 +138,16 @@ TEST(Configuration, RulesAreRead) {
 	EXPECT_DOUBLE_EQ(0.05, configuration->alerts[1].limit.value());
 	EXPECT_EQ(2.5, configuration->alerts[2].deviation);
 	EXPECT_FALSE(configuration->alerts[2].limit);
+}
+
+TEST(Configuration, WhatIsShownAsJsonIsTheSame) {
+	ConfigurationOrMistakes configuration = read(kEverything);
+	ASSERT_TRUE(configuration);
+	nlohmann::json shown = nlohmann::json::parse(to_json_text(*configuration));
+	EXPECT_EQ("4GiB", shown.at("store").at("size_cap"));
+	EXPECT_EQ(0.25, shown.at("monitor").at(0).at("share"));
+	EXPECT_EQ(false, shown.at("overload").at("lower_share"));
+	EXPECT_EQ((std::vector<std::string>{"/c", "/d"}), shown.at("crash_logs").at("directories"));
 }
 
 TEST(Configuration, WhatIsShownReadsBackAsTheSame) {

@@ -1,4 +1,5 @@
 """The configuration file, as the command line takes it."""
+import json
 import os
 import pathlib
 import re
@@ -64,3 +65,23 @@ def test_mistakes_end_it_with_their_lines(tmp_path, verb):
 def test_a_file_that_is_not_there_is_a_mistake(tmp_path):
     done = kaq("config", "check", "--config", str(tmp_path / "none.toml"))
     assert done.returncode == 1 and "cannot read" in done.stderr
+
+
+def test_mistakes_are_told_as_json(tmp_path):
+    path = written(tmp_path / "c.toml", "[listen]\nhandshak = 1\n")
+    done = kaq("config", "check", "--json", "--config", path)
+    told = json.loads(done.stdout)
+    assert (done.returncode, done.stderr, told["file"]) == (1, "", path)
+    assert [each["line"] for each in told["mistakes"]] == [2]
+    assert "there is no such setting" in told["mistakes"][0]["text"]
+    path = written(tmp_path / "d.toml", "[listen]\nhandshake = 1\n")
+    done = kaq("config", "check", "--json", "--config", path)
+    assert (done.returncode, json.loads(done.stdout)) == (0, {"file": path, "mistakes": []})
+
+
+def test_settings_are_shown_as_json(tmp_path):
+    path = written(tmp_path / "c.toml", "[listen]\nhandshake = 7\n[[monitor]]\nshare = '10%'\n")
+    done = kaq("config", "show", "--json", "--config", path)
+    shown = json.loads(done.stdout)
+    assert (done.returncode, shown["listen"]["handshake"], shown["listen"]["data"]) == (0, 7, 20022)
+    assert [each["share"] for each in shown["monitor"]] == [0.1]

@@ -1,10 +1,13 @@
 """Verbs from end to end: payloads go in, and what they say comes out."""
 import json
+import os
 import re
+import subprocess
 
 import pytest
 
 import requests_of
+import sockets
 from requests_of import span
 
 TRACE = "0af7651916cd43dd8448eb211c80319c"
@@ -151,6 +154,65 @@ def test_forget_needs_to_be_sure(cart):
 def test_mark_says_what_it_marked(collector):
     marked = out(collector.run("mark", "release 7", "--app", "Shop"))
     assert re.match(r"marked \d{4}-\d\d-\d\d .*: release 7\n", marked)
+
+
+def test_export_takes_json_as_every_verb_does(cart):
+    exported = out(cart.run("export", "--json", "00000000000000c1"))
+    assert exported == out(cart.run("export", "--format", "json", "00000000000000c1"))
+    assert json.loads(exported)
+    assert cart.run("export", "--json", "--format", "html", "00000000000000c1").returncode == 2
+
+
+def verbs(program, *path):
+    """Every verb that can be typed, and those of verbs."""
+    text = subprocess.run([program, *path, "-h"], capture_output=True, text=True, timeout=30).stdout
+    listed = text.partition("Subcommands:\n")[2]
+    found = re.findall(r"^  (\w+) ", listed, re.MULTILINE)
+    return [each for name in found for each in verbs(program, *path, name)] or [(path, text)]
+
+
+def test_help_tells_of_every_verb_its_statuses_and_that_it_has_json():
+    found = verbs(os.environ["KAQ_COLLECTOR"])
+    assert {("find",), ("config", "check"), ("mark",), ("collect",)} <= {path for path, _ in found}
+    for path, text in found:
+        assert "Exit status: 0 done; 1" in text, path
+        assert re.search(r"^\s+--json\b", text, re.MULTILINE), path
+        assert "[]" not in text and ":FLOAT" not in text, text
+
+
+@pytest.mark.parametrize("arguments, said", [
+    (["bogus"], "there is no verb 'bogus'"), (["finds", "x"], "there is no verb 'finds'"),
+    (["collect", "--handshake", "99999"], "not in range 0 to 65535")])
+def test_what_is_wrong_on_the_command_line_is_named(arguments, said):
+    done = subprocess.run([os.environ["KAQ_COLLECTOR"], *arguments], capture_output=True, text=True,
+                          timeout=30)
+    assert (done.returncode, done.stdout) == (2, "") and said in done.stderr
+
+
+@pytest.mark.parametrize("arguments", [["find"], ["show", "00000000000000c1"], ["top", "--since", "2000-01-01"],
+                                       ["config", "show"], ["-h"]])
+def test_output_that_cannot_be_written_is_a_failure(cart, arguments):
+    place = [] if arguments[0] in ("-h", "config") else ["--store", str(cart.store)]
+    with open("/dev/full", "w") as full:
+        done = subprocess.run([cart.program, *arguments, *place], stdout=full, stderr=subprocess.PIPE,
+                              text=True, timeout=30)
+    assert done.returncode == 1 and "cannot be written" in done.stderr
+
+
+def test_a_collector_says_as_json_where_it_listens(tmp_path):
+    (tmp_path / "store").mkdir()
+    process = subprocess.Popen(
+        [os.environ["KAQ_COLLECTOR"], "collect", "--json", "--handshake", "0", "--data", "0", "--http",
+         "0", "--store", str(tmp_path / "store")], stdout=subprocess.PIPE, text=True)
+    try:
+        told = json.loads(process.stdout.readline())
+        assert told["process"] == process.pid and told["store"] == str(tmp_path / "store")
+        assert told["addresses"] == ["127.0.0.1"]
+        for port in ("handshake_port", "data_port", "http_port"):
+            sockets.connect(told[port]).close()
+    finally:
+        process.terminate()
+        assert process.wait(timeout=30) == 0
 
 
 def test_marks_are_listed_and_removed(collector):
