@@ -11,8 +11,9 @@
 namespace kaq {
 namespace {
 
-constexpr const char *kEnter = "\033[?1049h\033[?25l";
-constexpr const char *kLeave = "\033[?25h\033[?1049l";
+/* Lines that are too long are cut by the terminal: wrapped ones would scroll the first away. */
+constexpr const char *kEnter = "\033[?1049h\033[?25l\033[?7l";
+constexpr const char *kLeave = "\033[?7h\033[?25h\033[?1049l";
 constexpr const char *kHome = "\033[H";
 constexpr const char *kClearLine = "\033[K";
 constexpr const char *kClearBelow = "\033[J";

@@ -19,6 +19,7 @@ using nlohmann::json;
 constexpr size_t kUsualRows = 40;
 constexpr size_t kMostRows = 200;
 constexpr size_t kMostFindings = 5;
+constexpr size_t kMostRequests = 20; /* of a trace */
 
 struct ShowOptions {
 	CommonOptions common;
@@ -212,6 +213,29 @@ void print_request_of_trace(const json &each, const Terminal &terminal) {
 	parts.print();
 }
 
+/* The first ones, and how many more there are; whether the calls of any are known. */
+bool print_requests(const json &requests, bool is_whole, const Terminal &terminal) {
+	bool has_calls = false;
+	size_t shown = 0;
+	int64_t failed = 0; /* of the others */
+	for (const json &each : requests) {
+		has_calls = has_calls || each.contains("spans");
+		if (is_whole || shown < kMostRequests) {
+			print_request_of_trace(each, terminal);
+			shown++;
+		} else {
+			failed += each.at("request").value("failed", false) ? 1 : 0;
+		}
+	}
+	if (shown < requests.size()) {
+		auto more = static_cast<int64_t>(requests.size() - shown);
+		std::string text = "and " + count_of(more, "more request", "more requests");
+		text += failed > 0 ? ", " + count_text(failed) + " of them failed" : "";
+		printf("%s\n", terminal.paint(text + ": --all shows them", Colour::kDim).c_str());
+	}
+	return has_calls;
+}
+
 int show_trace(const ShowOptions &options, const json &answer) {
 	Terminal terminal = standard_output();
 	const json &requests = answer.at("requests");
@@ -220,11 +244,7 @@ int show_trace(const ShowOptions &options, const json &answer) {
 		   count_of(static_cast<int64_t>(requests.size()), "request", "requests").c_str(),
 		   duration_text(number(answer, "duration_ms")).c_str(),
 		   full_time_text(number(answer, "start_ms")).c_str());
-	bool has_calls = false;
-	for (const json &each : requests) {
-		print_request_of_trace(each, terminal);
-		has_calls = has_calls || each.contains("spans");
-	}
+	bool has_calls = print_requests(requests, options.is_whole, terminal);
 	if (has_calls) {
 		print_waterfall(answer, options, terminal);
 	}
@@ -258,7 +278,8 @@ void add_show(CLI::App &app, int &status) {
 		->required()
 		->type_name("ID");
 	verb.add_flag("--trace", options->is_trace, "the whole trace of that request");
-	verb.add_flag("--all", options->is_whole, "every call, however small");
+	verb.add_flag("--all", options->is_whole,
+				  "every request of a trace and every call, however small");
 	add_common_options(verb, options->common);
 	verb.callback([options, &status] { status = show(*options); });
 }

@@ -65,12 +65,12 @@ std::string each_text(const json &row, const char *name) {
 Table top_table(const json &rows, const Terminal &terminal) {
 	bool wide = is_wide(terminal);
 	bool shares = has_shares(rows);
-	std::vector<Column> columns = {{"time", Align::kRight}, {"calls/min", Align::kRight},
-								   {"p50", Align::kRight},  {"p95", Align::kRight},
-								   {"p99", Align::kRight},  {"err", Align::kRight},
-								   {"apdex", Align::kRight}};
+	auto optional = [](const char *title) { return Column{title, Align::kRight, 0, true}; };
+	std::vector<Column> columns = {{"time", Align::kRight}, optional("calls/min"), optional("p50"),
+								   {"p95", Align::kRight},  optional("p99"),       optional("err"),
+								   optional("apdex")};
 	if (shares) {
-		columns.insert(columns.begin() + 2, {"rec", Align::kRight});
+		columns.insert(columns.begin() + 2, optional("rec"));
 	}
 	if (wide) {
 		columns.push_back({"queries", Align::kRight});

@@ -269,6 +269,15 @@ def shown(collector, columns, *arguments):
     return done.stdout
 
 
+def test_top_fits_a_narrow_terminal(collector):
+    send_all(collector, lines(300, seed=4))
+    for columns in (40, 50, 60, 66):
+        text = shown(collector, columns, "top")
+        assert max(map(len, text.splitlines())) <= columns
+        titles = text.splitlines()[2].split()
+        assert titles[0] == "time" and "p95" in titles and titles[-1].startswith("transac")
+
+
 @pytest.mark.parametrize("columns", [80, 140])
 @pytest.mark.parametrize("verb", ["top", "queries", "errors", "calls"])
 def test_lists_fit_the_terminal(collector, verb, columns):
@@ -395,6 +404,8 @@ def test_top_is_drawn_anew_and_leaves_the_terminal_as_it_was(collector, terminal
         os.write(top.main, b"q")
     top.until("\033[?1049l")
     assert top.process.wait(timeout=SECONDS) == 0
+    # Lines that are too long were cut, and are wrapped again.
+    assert top.seen.index("\033[?7l") < top.seen.index("\033[?7h")
     assert "\033[?25h" in top.seen
     assert termios.tcgetattr(top.side) == top.before
 

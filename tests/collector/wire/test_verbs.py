@@ -215,6 +215,18 @@ def test_a_collector_says_as_json_where_it_listens(tmp_path):
         assert process.wait(timeout=30) == 0
 
 
+def test_a_long_trace_is_listed_in_part(collector):
+    for number in range(25):
+        requests_of.send(collector, [span(0x1000 + number, number, number + 5, "main", parent=None)],
+                         httpcode=500 if number == 24 else 200)
+    shown = out(collector.run("show", TRACE))
+    assert shown.startswith("trace " + TRACE) and "25 requests" in shown
+    assert len(re.findall(r"^0{12}10\w\w ", shown, re.MULTILINE)) == 20
+    assert "and 5 more requests, 1 of them failed: --all shows them\n" in shown
+    whole = out(collector.run("show", "--all", TRACE))
+    assert len(re.findall(r"^0{12}10\w\w ", whole, re.MULTILINE)) == 25 and "more request" not in whole
+
+
 def test_marks_are_listed_and_removed(collector):
     none = collector.run("mark", "--list")
     assert (none.returncode, none.stdout) == (1, "") and "no mark" in none.stderr
