@@ -92,6 +92,9 @@ void read_store(TomlSection &section, StoreSettings &store) {
 	section.read_size("rollup_cap", store.rollup_cap, 16 * kMebibyte, kLargestCap);
 	section.read_duration("minutes_age", store.minutes_age, hours(1), kLongestAge);
 	section.read_duration("hours_age", store.hours_age, hours(1), kLongestAge);
+	if (!section.has("partition_size")) {
+		store.partition_size = std::min(store.partition_size, store.size_cap / 2);
+	}
 	section.read_size("partition_size", store.partition_size, kMebibyte, kLargestCap);
 	section.read_duration("partition_age", store.partition_age, minutes(1), hours(24));
 	section.read("keep_all", store.keeps_all);

@@ -140,6 +140,14 @@ TEST(Configuration, RulesAreRead) {
 	EXPECT_FALSE(configuration->alerts[2].limit);
 }
 
+TEST(Configuration, PartitionsFitASmallCapUnlessTheirSizeIsSaid) {
+	EXPECT_EQ(uint64_t{128} << 20, read("[store]\nsize_cap = \"256MiB\"")->store.partition_size);
+	EXPECT_EQ(uint64_t{256} << 20, read("[store]\nsize_cap = \"1GiB\"")->store.partition_size);
+	EXPECT_EQ(
+		uint64_t{64} << 20,
+		read("[store]\nsize_cap = \"256MiB\"\npartition_size = \"64MiB\"")->store.partition_size);
+}
+
 TEST(Configuration, WhatIsShownAsJsonIsTheSame) {
 	ConfigurationOrMistakes configuration = read(kEverything);
 	ASSERT_TRUE(configuration);
