@@ -23,6 +23,7 @@ struct GroupVerb {
 	const char *list; /* in the answer */
 	const char *orders;
 	Table (*table)(const json &rows, const Terminal &terminal);
+	const char *empty = "kaq: there were none in that time; --since 24h looks further back\n";
 };
 
 constexpr const char *kTimedOrders = "time, count, errors, p50, p95, p99, longest, last";
@@ -142,7 +143,7 @@ int show(const GroupVerb &verb, const FigureOptions &options) {
 	if (options.common.is_json) {
 		print_json(reply);
 	} else if (rows.empty()) {
-		fprintf(stderr, "kaq: there were none in that time; --since 24h looks further back\n");
+		fputs(verb.empty, stderr);
 	} else {
 		Terminal terminal = standard_output();
 		fputs(verb.table(rows, terminal).text(terminal).c_str(), stdout);
@@ -169,9 +170,12 @@ void add_queries(CLI::App &app, int &status) {
 }
 
 void add_errors(CLI::App &app, int &status) {
-	add_group_verb(app, status,
-				   {"errors", "show errors and exceptions, those that are alike as one",
-					"/api/v1/errors", "errors", "count, last, first, fatal", failure_table});
+	add_group_verb(
+		app, status,
+		{"errors", "show errors and exceptions, those that are alike as one", "/api/v1/errors",
+		 "errors", "count, last, first, fatal", failure_table,
+		 "kaq: no error or exception was recorded in that time; --since 24h looks further "
+		 "back.\n     Requests that failed by their status alone: kaq find is:failed\n"});
 }
 
 void add_calls(CLI::App &app, int &status) {
