@@ -165,11 +165,20 @@ double rounded(double value) {
 	return std::round(value * 1e4) / 1e4;
 }
 
+nlohmann::json percentile_json(const Figures &figures, double share) {
+	if (figures.durations.count() == 0) {
+		return {};
+	}
+	/* The middle of a bucket may lie beyond all that is in it. */
+	int64_t value = figures.durations.percentile(share);
+	return figures.count > 0 ? std::min(value, figures.longest) : value;
+}
+
 void add_durations(nlohmann::json &target, const Figures &figures) {
 	const Histogram &durations = figures.durations;
 	nlohmann::json none;
 	for (auto [name, share] : {std::pair("p50_ms", 0.5), {"p95_ms", 0.95}, {"p99_ms", 0.99}}) {
-		target[name] = durations.count() > 0 ? nlohmann::json(durations.percentile(share)) : none;
+		target[name] = percentile_json(figures, share);
 	}
 	bool has_any = figures.count > 0 && durations.count() > 0;
 	target["mean_ms"] = has_any ? nlohmann::json(rounded(static_cast<double>(figures.total) /

@@ -76,6 +76,9 @@ private:
 /* For JSON: a share or a rate without digits that mean nothing. */
 double rounded(double value);
 
+/* In milliseconds, and no more than the longest; null if nothing is known. */
+nlohmann::json percentile_json(const Figures &figures, double share);
+
 /* p50_ms, p95_ms, p99_ms, mean_ms and longest_ms; each null without a duration. */
 void add_durations(nlohmann::json &target, const Figures &figures);
 

@@ -50,9 +50,8 @@ double share_of(int64_t part, int64_t whole) {
 json curve_json(const std::map<int64_t, Figures> &steps) {
 	json list = json::array();
 	for (const auto &[time, figures] : steps) {
-		bool has_durations = figures.durations.count() > 0;
-		json p95 = has_durations ? json(figures.durations.percentile(0.95)) : json();
-		list.push_back({time, figures.count, figures.failed, std::move(p95), figures.total});
+		list.push_back(
+			{time, figures.count, figures.failed, percentile_json(figures, 0.95), figures.total});
 	}
 	return list;
 }

@@ -133,6 +133,18 @@ TEST_F(TopServicesTest, TellWhatTheRecordsTell) {
 	}
 }
 
+TEST_F(TopServicesTest, TellNoPercentileBeyondTheLongest) {
+	for (int64_t duration : {500, 777, 1000, 3119, 12345}) {
+		put_some("/" + std::to_string(duration), 3, duration);
+	}
+	json rows = ask(kTop).at("transactions");
+	ASSERT_EQ(5u, rows.size());
+	for (const json &row : rows) {
+		EXPECT_LE(row.at("p50_ms"), row.at("longest_ms")) << row;
+		EXPECT_LE(row.at("p99_ms"), row.at("longest_ms")) << row;
+	}
+}
+
 TEST_F(TopServicesTest, SumUpAllOfThem) {
 	put_random(1000);
 	Recomputed all;
