@@ -95,6 +95,29 @@ def test_every_member_is_described(collector, path, schema):
     assert members and set().union(*members) <= known
 
 
+def responses():
+    """[(method, path, documented statuses)]"""
+    description = yaml.safe_load(DESCRIPTION.read_text())
+    return [(method.upper(), path, {int(status) for status in route["responses"]})
+            for path, methods in description["paths"].items() for method, route in methods.items()]
+
+
+@pytest.mark.parametrize("headers, refusal", [
+    ({"Authorization": ""}, 401), ({"Origin": "http://evil.example"}, 403),
+    ({"X-Long": "x" * 20000}, 413), ({"Host": "evil.example"}, 421)])
+def test_refusals_are_described(collector, headers, refusal):
+    refused = {(method, path) for method, path, statuses in responses() if refusal in statuses}
+    is_open = {("GET", "/healthz")} if refusal == 401 else set()
+    assert {(method, path) for method, path, _ in responses()} - refused == is_open
+    for method, path in refused:
+        assert ask(collector, method, path, headers)[0] == refusal, path
+
+
+def test_what_workers_answer_may_be_busy(collector):
+    services = {(each["method"], each["path"]) for each in get(collector, "/api/v1/services")["services"]}
+    assert services <= {(method, path) for method, path, statuses in responses() if 503 in statuses}
+
+
 def test_services_need_the_token_and_their_method(collector):
     assert ask(collector, "GET", "/api/v1/status", {"Authorization": "Bearer no"})[0] == 401
     status, headers, _ = ask(collector, "POST", "/api/v1/status")
