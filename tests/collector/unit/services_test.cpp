@@ -124,6 +124,18 @@ struct Wrong {
 	const char *parameter;
 };
 
+/* The test's name. */
+void PrintTo(const Wrong &wrong, std::ostream *stream) {
+	constexpr size_t kLongest = 20;
+	*stream << wrong.method << " " << wrong.path;
+	for (const auto &[name, value] : wrong.parameters) {
+		*stream << " " << name << " ";
+		for (char each : value.substr(0, kLongest)) {
+			*stream << (isalnum(static_cast<unsigned char>(each)) ? each : '_');
+		}
+	}
+}
+
 class MistakesTest : public ServicesTest, public testing::WithParamInterface<Wrong> {};
 
 TEST_P(MistakesTest, AreSaidWithTheirParameter) {
