@@ -151,7 +151,6 @@ std::unique_ptr<SQLite::Database> open_to_read(const std::string &path) {
 	auto database = open_anywhere(path);
 	database->exec("PRAGMA query_only = ON");
 	database->exec("PRAGMA cache_size = -1000");
-	database->exec("PRAGMA mmap_size = 268435456");
 	database->exec("PRAGMA temp_store = MEMORY");
 	int version = database->execAndGet("PRAGMA user_version").getInt();
 	if (version == 0) {
