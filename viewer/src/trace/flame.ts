@@ -1,18 +1,21 @@
 /*
  * The flame graph: who called whom from top to bottom, as wide as the time that it took, the widest to
- * the left. A frame that is opened takes the whole width.
+ * the left. A frame that is opened takes the whole width; any part may be zoomed to.
  */
 import { el } from '../ui/dom';
 import { duration, share, times } from '../ui/format';
 import { Drawing } from './canvas';
 import { FlameTree, type Frame } from './flame_tree';
+import { followGestures } from './gestures';
 import { LAYERS } from './model';
+import { Zoom, type TimeRange } from './scale';
 import type { ViewState } from './state';
 import { hideTip, showTip } from './tip';
 
 const FRAME_HEIGHT = 20;
 const LEAST_PIXELS = 0.4;
 const LEAST_TEXT = 24;
+const CLICK_PIXELS = 4;
 
 let flames = 0;
 
@@ -24,10 +27,12 @@ export class Flame {
 	private readonly mirror = el('div', { class: 'unseen', role: 'presentation' });
 	private readonly name = `frames-${++flames}`;
 	private known: FlameTree | undefined;
+	private shown: Zoom | undefined;
 	private root: Frame | undefined;
 	private hovered: Frame | undefined;
 	private chosenNode: number | undefined;
 	private chosenFrame: Frame | undefined;
+	private drag: { readonly x: number; readonly from: number; readonly to: number; isDragged: boolean } | undefined;
 
 	constructor(private readonly state: ViewState) {
 		this.scroller = el('div', { class: 'waterfall-scroll flame-scroll', role: 'tree', tabindex: 0, 'aria-label': 'Calls, as a flame graph' });
@@ -39,9 +44,12 @@ export class Flame {
 		for (const type of ['scroll', 'focus', 'blur']) {
 			scroller.addEventListener(type, () => this.drawing.redraw());
 		}
-		scroller.addEventListener('pointermove', (event) => this.hover(event));
+		followGestures(scroller, this);
+		scroller.addEventListener('pointerdown', (event) => this.press(event));
+		scroller.addEventListener('pointermove', (event) => this.move(event));
+		scroller.addEventListener('pointerup', (event) => this.release(event));
+		scroller.addEventListener('pointercancel', () => (this.drag = undefined));
 		scroller.addEventListener('pointerleave', () => this.unhover());
-		scroller.addEventListener('click', (event) => this.choose(this.frameAt(event)));
 		scroller.addEventListener('dblclick', (event) => this.open(this.frameAt(event)));
 		state.on((change) => {
 			if (change === 'choice') {
@@ -66,14 +74,52 @@ export class Flame {
 		return this.chosenFrame;
 	}
 
+	get chosenRange(): TimeRange | undefined {
+		const { chosen } = this;
+		return chosen && { from: chosen.at, to: chosen.at + chosen.value };
+	}
+
 	/* The frame that has the whole width, by one of its spans; -1: all have it. */
 	get opened(): number {
 		return this.root?.nodes[0] ?? -1;
 	}
 
 	set opened(node: number) {
-		this.root = node < 0 ? undefined : this.tree.frameOf(node);
-		this.drawing.redraw();
+		this.open(node < 0 ? undefined : this.tree.frameOf(node));
+	}
+
+	/* What is shown of the width of all frames. */
+	get zoom(): Zoom {
+		this.shown ??= new Zoom(this.tree.value);
+		return this.shown;
+	}
+
+	get area(): { readonly left: number; readonly width: number } {
+		return { left: 0, width: this.drawing.width };
+	}
+
+	/* Whether it is something else than the opened frame, or all. */
+	get isZoomed(): boolean {
+		const zoom = this.shown;
+		if (!zoom) {
+			return false;
+		}
+		const usual = rangeOf(this.root, zoom);
+		return zoom.from !== usual.from || zoom.to !== usual.to;
+	}
+
+	zoomTo(change: (zoom: Zoom) => void): void {
+		const { zoom, root } = this;
+		change(zoom);
+		// Who goes out of a frame that was opened has all of them again.
+		if (root && (zoom.from < root.at || zoom.to > root.at + root.value)) {
+			this.root = undefined;
+		}
+		this.state.tell('zoom');
+	}
+
+	beginPinch(): void {
+		this.drag = undefined;
 	}
 
 	focus(): void {
@@ -81,7 +127,10 @@ export class Flame {
 	}
 
 	open(frame: Frame | undefined): void {
-		this.root = frame?.above ? frame : undefined;
+		const root = frame?.above ? frame : undefined;
+		this.root = root;
+		const { from, to } = rangeOf(root, this.zoom);
+		this.zoom.set(from, to);
 		this.state.tell('zoom');
 	}
 
@@ -135,7 +184,7 @@ export class Flame {
 	}
 
 	private get scale(): number {
-		return this.drawing.width / Math.max(1e-9, this.root?.value ?? this.tree.value);
+		return this.drawing.width / (this.zoom.to - this.zoom.from);
 	}
 
 	private scrollTo(frame: Frame): void {
@@ -149,7 +198,7 @@ export class Flame {
 	private frameAt(event: MouseEvent): Frame | undefined {
 		const box = this.scroller.getBoundingClientRect();
 		const depth = Math.floor((event.clientY - box.top + this.scroller.scrollTop) / FRAME_HEIGHT);
-		const at = (this.root?.at ?? 0) + (event.clientX - box.left) / this.scale;
+		const at = this.zoom.from + (event.clientX - box.left) / this.scale;
 		let frame = this.tree.tops.find((each) => at >= each.at && at < each.at + each.value);
 		while (frame && frame.depth < depth) {
 			frame = this.tree.below(frame).find((each) => at >= each.at && at < each.at + each.value);
@@ -158,10 +207,10 @@ export class Flame {
 	}
 
 	private draw(): void {
-		const { drawing, tree, root, scale, scroller } = this;
+		const { drawing, tree, scale, scroller } = this;
 		const { palette, width } = drawing;
 		drawing.clear(palette.back);
-		const from = root?.at ?? 0;
+		const { from } = this.zoom;
 		const [top, bottom] = [scroller.scrollTop, scroller.scrollTop + drawing.height];
 		const waiting = [...tree.tops];
 		for (let frame = waiting.pop(); frame; frame = waiting.pop()) {
@@ -205,6 +254,34 @@ export class Flame {
 			}
 			context.fillText(drawing.fit(frame.label, right - x - 4), x, y + FRAME_HEIGHT / 2);
 		}
+	}
+
+	private press(event: PointerEvent): void {
+		if (event.button === 0 && event.isPrimary && event.offsetX < this.scroller.clientWidth) {
+			this.drag = { x: event.clientX, from: this.zoom.from, to: this.zoom.to, isDragged: false };
+		}
+	}
+
+	private move(event: PointerEvent): void {
+		const { drag } = this;
+		if (drag && !drag.isDragged && Math.abs(event.clientX - drag.x) > CLICK_PIXELS) {
+			drag.isDragged = true;
+			this.scroller.setPointerCapture(event.pointerId);
+		}
+		if (drag?.isDragged) {
+			hideTip();
+			const moved = (drag.x - event.clientX) / this.scale;
+			this.zoomTo((zoom) => zoom.set(drag.from + moved, drag.to + moved));
+		} else {
+			this.hover(event);
+		}
+	}
+
+	private release(event: PointerEvent): void {
+		if (this.drag && !this.drag.isDragged) {
+			this.choose(this.frameAt(event));
+		}
+		this.drag = undefined;
 	}
 
 	private hover(event: PointerEvent): void {
@@ -267,6 +344,15 @@ export class Flame {
 			`${many}${frame.label}, ${LAYERS[frame.layer] ?? 'other'}, ${this.figures(frame)}${frame.isFailed ? ', failed' : ''}`,
 		);
 	}
+}
+
+/* What is shown once the frame is opened. */
+function rangeOf(root: Frame | undefined, { whole }: Zoom): TimeRange {
+	const usual = new Zoom(whole);
+	if (root) {
+		usual.set(root.at, root.at + root.value);
+	}
+	return usual;
 }
 
 function isWithin(frame: Frame, root: Frame): boolean {

@@ -6,6 +6,7 @@ import type { ViewState } from './state';
 
 const MOST_LEVELS = 18;
 const EDGE_PIXELS = 6;
+const EDGE_PIXELS_OF_FINGERS = 20;
 
 type Hold = 'from' | 'to' | 'both' | 'new';
 
@@ -51,11 +52,10 @@ export class Minimap {
 		if (zoom.isWhole) {
 			return 'new';
 		}
-		if (Math.abs(x - this.x(zoom.from)) < EDGE_PIXELS) {
-			return 'from';
-		}
-		if (Math.abs(x - this.x(zoom.to)) < EDGE_PIXELS) {
-			return 'to';
+		const near = event.pointerType === 'mouse' ? EDGE_PIXELS : EDGE_PIXELS_OF_FINGERS;
+		const [toFrom, toTo] = [Math.abs(x - this.x(zoom.from)), Math.abs(x - this.x(zoom.to))];
+		if (Math.min(toFrom, toTo) < near) {
+			return toFrom < toTo ? 'from' : 'to';
 		}
 		return x > this.x(zoom.from) && x < this.x(zoom.to) ? 'both' : 'new';
 	}

@@ -4,6 +4,7 @@ import { count, plural } from '../ui/format';
 import type { Command } from '../ui/keys';
 import { DetailsPanel } from './details';
 import { Flame } from './flame';
+import type { Ranged } from './gestures';
 import { LAYER_TEXTS } from './head';
 import { Minimap } from './minimap';
 import { LAYERS, titleOf } from './model';
@@ -153,24 +154,24 @@ export class Timeline {
 	}
 
 	private zoom(factor: number): void {
-		if (this.look === 'flame') {
-			const { chosen } = this.flame;
-			this.flame.open(factor < 1 ? chosen : undefined);
-			return;
-		}
-		this.state.zoomTo((zoom) => (factor === Infinity ? zoom.set(0, zoom.whole) : zoom.by(factor, this.middle())));
+		this.zoomed.zoomTo((zoom) => (factor === Infinity ? zoom.set(0, zoom.whole) : zoom.by(factor, this.middle())));
 	}
 
-	/* Of the chosen row if it is seen, so that it stays in sight. */
+	/* What the drawing that is seen is zoomed by. */
+	private get zoomed(): Pick<Ranged, 'zoom' | 'zoomTo'> {
+		return this.look === 'flame' ? this.flame : this.state;
+	}
+
+	/* Of what is chosen if it is seen, so that it stays in sight. */
 	private middle(): number {
-		const { zoom } = this.state;
-		const row = this.waterfall.rows[this.waterfall.chosen];
-		const middle = row ? (row.from + row.to) / 2 : NaN;
+		const { zoom } = this.zoomed;
+		const chosen = this.look === 'flame' ? this.flame.chosenRange : this.waterfall.rows[this.waterfall.chosen];
+		const middle = chosen ? (chosen.from + chosen.to) / 2 : NaN;
 		return middle > zoom.from && middle < zoom.to ? middle : (zoom.from + zoom.to) / 2;
 	}
 
 	private pan(share: number): void {
-		this.state.zoomTo((zoom) => zoom.move((zoom.to - zoom.from) * share));
+		this.zoomed.zoomTo((zoom) => zoom.move((zoom.to - zoom.from) * share));
 	}
 
 	private zoomOntoChoice(): void {

@@ -4,6 +4,7 @@ import type { Command } from '../ui/keys';
 import { findingsElement } from './findings';
 import { requestHead, traceHead } from './head';
 import type { Model } from './model';
+import type { TimeRange, Zoom } from './scale';
 import { ViewState } from './state';
 import { failedNodes, statementGroups } from './statements';
 import type { Surroundings } from './surroundings';
@@ -60,10 +61,7 @@ export class TraceView {
 		state.tree.changes = get('open');
 		state.tree.lay();
 		state.tell('rows');
-		const [from, to] = get('zoom').split('-').map(Number);
-		if (from !== undefined && to !== undefined && to > from) {
-			state.zoomTo((zoom) => zoom.set(from, to));
-		}
+		restoreRange(get('zoom'), (change) => state.zoomTo(change));
 		timeline.show(get('view') === 'flame' ? 'flame' : 'waterfall');
 		const finding = Number(get('finding') || -1);
 		const shown = this.model.findings[finding];
@@ -74,6 +72,7 @@ export class TraceView {
 		if (get('frame')) {
 			timeline.flame.opened = Number(get('frame'));
 		}
+		restoreRange(get('part'), (change) => timeline.flame.zoomTo(change));
 		if (get('top')) {
 			timeline.waterfall.top = Number(get('top'));
 		}
@@ -135,10 +134,11 @@ export class TraceView {
 			tab: this.tabs.current === 'timeline' ? '' : this.tabs.current,
 			view: timeline.look === 'flame' ? 'flame' : '',
 			span: choice ? (choice.key === usual ? '' : choice.key || String(choice.nodes[0] ?? '')) : usual ? 'none' : '',
-			zoom: zoom.isWhole ? '' : `${Number(zoom.from.toFixed(3))}-${Number(zoom.to.toFixed(3))}`,
+			zoom: zoom.isWhole ? '' : rangeText(zoom),
 			open: shortList(state.tree.changes),
 			top: timeline.waterfall.top > 0 ? String(timeline.waterfall.top) : '',
 			frame: timeline.flame.opened >= 0 ? String(timeline.flame.opened) : '',
+			part: timeline.flame.isZoomed ? rangeText(timeline.flame.zoom) : '',
 			finding: state.marksOf.startsWith('finding ') ? state.marksOf.slice(8) : '',
 		});
 	}
@@ -146,6 +146,17 @@ export class TraceView {
 	private usualKey(): string {
 		const evidence = this.model.findings[0]?.nodes[0];
 		return evidence === undefined ? '' : (this.state.tree.visible[this.state.tree.rowOf[evidence] ?? -1]?.key ?? '');
+	}
+}
+
+function rangeText({ from, to }: TimeRange): string {
+	return `${Number(from.toFixed(3))}-${Number(to.toFixed(3))}`;
+}
+
+function restoreRange(text: string, zoomTo: (change: (zoom: Zoom) => void) => void): void {
+	const [from, to] = text.split('-').map(Number);
+	if (from !== undefined && to !== undefined && to > from) {
+		zoomTo((zoom) => zoom.set(from, to));
 	}
 }
 

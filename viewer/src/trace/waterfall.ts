@@ -5,6 +5,7 @@
 import { el } from '../ui/dom';
 import { AxisPainter } from './axis';
 import { Drawing } from './canvas';
+import { followGestures, type Ranged } from './gestures';
 import { RowMirror } from './mirror';
 import type { Row } from './rows';
 import type { ViewState } from './state';
@@ -240,7 +241,7 @@ export class Waterfall {
 		});
 		scroller.addEventListener('focus', () => this.drawing.redraw());
 		scroller.addEventListener('blur', () => this.drawing.redraw());
-		scroller.addEventListener('wheel', (event) => this.wheel(event), { passive: false });
+		followGestures(scroller, this.ranged());
 		scroller.addEventListener('pointerdown', (event) => this.press(event));
 		scroller.addEventListener('pointermove', (event) => this.move(event));
 		scroller.addEventListener('pointerup', (event) => this.release(event));
@@ -256,23 +257,27 @@ export class Waterfall {
 		});
 	}
 
-	private wheel(event: WheelEvent): void {
-		const { zoom } = this.state;
-		const across = event.shiftKey && event.deltaX === 0 ? event.deltaY : event.deltaX;
-		if (event.ctrlKey || event.metaKey) {
-			event.preventDefault();
-			this.state.zoomTo(() => zoom.by(1.0015 ** Math.max(-400, Math.min(400, event.deltaY)), this.placeAt(event).time));
-		} else if (Math.abs(across) > Math.abs(event.deltaY) || event.shiftKey) {
-			event.preventDefault();
-			this.state.zoomTo(() => zoom.move((across / this.drawing.width) * (zoom.to - zoom.from)));
-		}
+	private ranged(): Ranged {
+		const { state } = this;
+		const area = () => ({ left: this.places.names, width: this.places.width - this.places.names });
+		return {
+			zoom: state.zoom,
+			get area() {
+				return area();
+			},
+			zoomTo: (change) => state.zoomTo(change),
+			beginPinch: () => (this.drag = undefined),
+		};
 	}
 
 	private press(event: PointerEvent): void {
-		if (event.button === 0 && event.offsetX < this.scroller.clientWidth) {
+		if (event.button === 0 && event.isPrimary && event.offsetX < this.scroller.clientWidth) {
 			const { zoom } = this.state;
 			const x = event.clientX - this.scroller.getBoundingClientRect().left;
-			this.drag = { x, at: x, from: zoom.from, to: zoom.to, zone: this.placeAt(event).zone, isDragged: false };
+			const { zone } = this.placeAt(event);
+			// Names that stand above their bars are on the axis of time, too.
+			const isBar = this.places.isStacked && zone !== 'head';
+			this.drag = { x, at: x, from: zoom.from, to: zoom.to, zone: isBar ? 'bars' : zone, isDragged: false };
 		}
 	}
 
