@@ -193,6 +193,44 @@ test('the map joins the services by the hosts that they are asked under', async 
 	}
 });
 
+test('a host narrows statements and calls to what its stored requests did', async () => {
+	const { page } = opened;
+	for (const [path, host, isIn] of [['queries', 'stock.example', (span) => span.layer === 'database'], ['external', 'prices.example', (span) => span.layer === 'http']]) {
+		const requests = await allRequests({ q: `host:"${host}"` });
+		let [count, total] = [0, 0];
+		for (const { id } of requests) {
+			const { spans } = await collector.ask('/api/v1/request', { id });
+			for (const span of spans.filter(isIn)) {
+				count++;
+				total += span.duration_ms;
+			}
+		}
+		await show(page, `${collector.url}/${path}?host=${host}`);
+		assert.ok(requests.length > 0 && count > 0);
+		assert.match(await page.locator('main').textContent(), new RegExp(`Of ${requests.length} stored requests of this host`));
+		assert.equal(await page.locator('tbody tr').count(), 1);
+		assert.equal(await page.locator('td[data-title=Times]').textContent(), String(count));
+		assertDuration(await page.locator('td[data-title=Mean]').textContent(), total / count);
+		await page.locator('.opener').first().click();
+		assert.match(await page.locator('.details-row').textContent(), path === 'queries' ? /Frommain/ : /FromRates::today/);
+	}
+});
+
+test('where figures are of all hosts the page says so, and leads to those of one', async () => {
+	const { page } = opened;
+	for (const path of ['/?', '/errors?', '/map?', '/transaction?app=Shop&txn=%2Fcheckout&']) {
+		await show(page, `${collector.url}${path}host=shop.example`);
+		assert.ok((await page.getByText('Of all hosts').count()) > 0, path);
+		await show(page, `${collector.url}${path}`);
+		assert.equal(await page.getByText('Of all hosts').count(), 0, path);
+	}
+	await show(page, `${collector.url}/errors?host=shop.example`);
+	await page.getByRole('link', { name: 'Requests of this host with errors' }).click();
+	await settled(page);
+	const expected = await allRequests({ q: 'has:error host:"shop.example"' });
+	assert.equal(parseInt(await page.getByRole('status').textContent(), 10), expected.length);
+});
+
 test('nothing went wrong in the pages', () => {
 	assert.deepEqual(opened.problems, []);
 });

@@ -61,5 +61,6 @@ export const errorsPage = groupPage<FailureGroup>({
 	},
 	columns: (answer, address) => columns(answer, address.app),
 	open: (row, address) => open(row, groupCurve(address, { kind: 'error', text: row.key, app: row.application, shows: 'count' })),
+	insteadOfHost: () => pageLink('search', {}, { q: 'has:error' }, 'Requests of this host with errors'),
 	empty: () => emptyState('No error and no exception in this time.'),
 });

@@ -1,7 +1,7 @@
 /* Hosts that are called over HTTP. */
 import { api } from '../api/services';
 import type { CalledHost } from '../api/types';
-import { el, type Child } from '../ui/dom';
+import { el, shortened, type Child } from '../ui/dom';
 import { count, duration, shortCount, timeElement } from '../ui/format';
 import { pageLink, requestLink, transactionLink } from '../ui/link';
 import { emptyState } from '../ui/states';
@@ -42,6 +42,10 @@ function open(row: CalledHost, curve: Child): Child {
 	);
 }
 
+function noCall(): HTMLElement {
+	return emptyState('No other host was called in this time.', 'Calls are seen that scripts make with curl.');
+}
+
 export const externalPage = groupPage<CalledHost>({
 	title: 'External',
 	what: 'The external hosts',
@@ -52,5 +56,13 @@ export const externalPage = groupPage<CalledHost>({
 	},
 	columns: (answer, address) => columns(answer, address.app),
 	open: (row, address) => open(row, groupCurve(address, { kind: 'host', text: row.host, app: row.application, shows: 'durations' })),
-	empty: () => emptyState('No other host was called in this time.', 'Calls are seen that scripts make with curl.'),
+	ofHost: {
+		title: 'Address',
+		layer: 'http',
+		name: (name, detail) => detail || name,
+		cell: (name) => el('span', { class: 'cut', title: shortened(name, 1000) }, shortened(name, 200)),
+		query: () => 'has:call',
+		empty: noCall,
+	},
+	empty: noCall,
 });

@@ -11,6 +11,7 @@ import { Panel } from '../ui/panel';
 import { stepsOf } from '../ui/series';
 import { table, type Column } from '../ui/table';
 import { marksOf } from './marks';
+import { ofAllHosts, ofHost, type SampledOf } from './of_host';
 import { exactly, scopeOf, stepFor } from './scope';
 
 const MOST = 300;
@@ -30,6 +31,10 @@ export interface GroupPage<Row> {
 	readonly ask: (parameters: GroupParameters, signal: AbortSignal) => Promise<GroupAnswer<Row>>;
 	readonly columns: (answer: GroupAnswer<Row>, address: Address) => readonly Column<Row>[];
 	readonly open: (row: Row, address: Address) => Child;
+	/* What can be told of one host; figures are kept over all of them. */
+	readonly ofHost?: SampledOf;
+	/* Where it cannot, what can be asked instead. */
+	readonly insteadOfHost?: () => Child;
 	/* Where there is no row. */
 	readonly empty: (address: Address) => HTMLElement;
 }
@@ -61,16 +66,20 @@ export function groupPage<Row>(page: GroupPage<Row>): () => Page {
 		const panel = new Panel('', { what: page.what });
 		const head = el('div', { class: 'page-head' });
 		const content = async (address: Address, signal: AbortSignal): Promise<Child> => {
+			if (address.host && page.ofHost) {
+				return ofHost(address, page.ofHost, signal);
+			}
 			const { txn } = address.own;
 			const answer = await page.ask(
 				{ ...scopeOf(address), ...(txn ? { txn: exactly(txn) } : {}), limit: MOST, step: stepFor(address, POINTS) },
 				signal,
 			);
+			const note = ofAllHosts(address, page.insteadOfHost?.());
 			if (answer.rows.length === 0) {
-				return page.empty(address);
+				return [note, page.empty(address)];
 			}
 			return [
-				address.host && el('p', { class: 'muted small' }, 'These figures are kept over all hosts.'),
+				note,
 				table({
 					caption: page.title,
 					columns: page.columns(answer, address),

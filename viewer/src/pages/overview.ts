@@ -12,6 +12,7 @@ import { Panel } from '../ui/panel';
 import { stepsOf } from '../ui/series';
 import { command, emptyState } from '../ui/states';
 import { marksOf } from './marks';
+import { ofAllHosts } from './of_host';
 import { exactly, FINDING_TEXTS, narrowedBy, scopeOf } from './scope';
 
 const FINDINGS = 5;
@@ -146,9 +147,12 @@ export function findingsPanel(title: string): { readonly panel: Panel; readonly 
 		void panel.fill(async (signal) => {
 			const scope = { ...scopeOf(address), ...(txn === undefined ? {} : { txn: exactly(txn) }) };
 			const found = await api.findings({ ...scope, limit: FINDINGS }, signal);
-			return found.findings.length === 0
-				? emptyState('Nothing was found that would make these requests faster.')
-				: el('ol', { class: 'findings' }, found.findings.map(findingRow));
+			return [
+				ofAllHosts(address, pageLink('search', { order: 'slowest' }, { q: 'has:verdict' }, 'Requests of this host with findings')),
+				found.findings.length === 0
+					? emptyState('Nothing was found that would make these requests faster.')
+					: el('ol', { class: 'findings' }, found.findings.map(findingRow)),
+			];
 		});
 	return { panel, show };
 }

@@ -45,7 +45,8 @@ function columns(answer: GroupAnswer<Statement>, app: string): Column<Statement>
 	];
 }
 
-function open(row: Statement, curve: Child): Child {
+/* What is known of a statement, with who executes it. */
+export function openStatement(row: Statement, curve?: Child): Child {
 	const query = statementQuery(row.statement);
 	return el(
 		'div',
@@ -68,6 +69,10 @@ function open(row: Statement, curve: Child): Child {
 	);
 }
 
+function noStatement(): HTMLElement {
+	return emptyState('No statement was executed in this time.', 'Take a longer time. Statements are seen where scripts use PDO, MySQLi and other drivers that the extension records.');
+}
+
 export const queriesPage = groupPage<Statement>({
 	title: 'Queries',
 	what: 'The statements',
@@ -78,7 +83,14 @@ export const queriesPage = groupPage<Statement>({
 	},
 	columns: (answer, address) => columns(answer, address.app),
 	open: (row, address) =>
-		open(row, groupCurve(address, { kind: 'statement', text: row.statement, app: row.application, shows: 'durations' })),
-	empty: () =>
-		emptyState('No statement was executed in this time.', 'Take a longer time. Statements are seen where scripts use PDO, MySQLi and other drivers that the extension records.'),
+		openStatement(row, groupCurve(address, { kind: 'statement', text: row.statement, app: row.application, shows: 'durations' })),
+	ofHost: {
+		title: 'Statement',
+		layer: 'database',
+		name: (name, detail) => detail || name,
+		cell: (name) => el('code', { class: 'statement', title: shortened(name, 2000) }, shortened(name, 300)),
+		query: statementQuery,
+		empty: noStatement,
+	},
+	empty: noStatement,
 });

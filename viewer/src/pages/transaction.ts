@@ -19,7 +19,8 @@ import { failureCell } from './errors';
 import { hostCell } from './external';
 import { markList, marksOf } from './marks';
 import { findingsPanel, isEstimate } from './overview';
-import { statementCell } from './queries';
+import { openStatement, statementCell } from './queries';
+import { ofAllHosts } from './of_host';
 import { exactly, narrowedBy, scopeOf, stepFor } from './scope';
 
 const ROWS = 5;
@@ -98,6 +99,7 @@ function layersPart(profile: Profile): Child {
 			label: 'Time per request by what took it',
 			times,
 			step,
+			range: profile.range,
 			height: 170,
 			format: duration,
 			lines: used.map((line) => ({
@@ -180,7 +182,7 @@ function statementTable(rows: readonly Statement[], requests: number): Child {
 		{ key: 'total', title: 'In all', align: 'right', cell: (row) => duration(row.total_ms) },
 		{ key: 'example', title: 'Example', cell: (row) => requestLink(row.example, 'open') },
 	];
-	return table({ caption: 'Statements', columns, rows });
+	return table({ caption: 'Statements', columns, rows, open: openStatement });
 }
 
 function hostTable(rows: readonly CalledHost[]): Child {
@@ -287,19 +289,20 @@ class TransactionPage implements Page {
 		const parameters = { ...scopeOf(address), txn: exactly(txn), limit: ROWS };
 		const all = (page: 'queries' | 'errors' | 'external', more: boolean) =>
 			more && el('p', {}, pageLink(page, { txn }, {}, 'All of them'));
+		const note = (page: 'queries' | 'external') => ofAllHosts(address, pageLink(page, { txn }, {}, 'Those of this host'));
 		void this.statements.fill(async (signal) => {
 			const [found, top] = await Promise.all([api.queries(parameters, signal), api.top({ ...scopeOf(address), txn: exactly(txn), limit: 1 }, signal)]);
 			return found.statements.length === 0
 				? emptyState('It executes no statements.')
-				: [statementTable(found.statements, top.total.recorded), all('queries', found.more)];
+				: [note('queries'), statementTable(found.statements, top.total.recorded), all('queries', found.more)];
 		});
 		void this.hosts.fill(async (signal) => {
 			const found = await api.calls(parameters, signal);
-			return found.hosts.length === 0 ? emptyState('It calls no other host.') : [hostTable(found.hosts), all('external', found.more)];
+			return found.hosts.length === 0 ? emptyState('It calls no other host.') : [note('external'), hostTable(found.hosts), all('external', found.more)];
 		});
 		void this.errors.fill(async (signal) => {
 			const found = await api.errors(parameters, signal);
-			return found.errors.length === 0 ? emptyState('No error and no exception.') : [failureTable(found.errors), all('errors', found.more)];
+			return found.errors.length === 0 ? emptyState('No error and no exception.') : [ofAllHosts(address), failureTable(found.errors), all('errors', found.more)];
 		});
 		void this.slowest.fill(async (signal) => {
 			const q = [transactionQuery(txn), address.q && `(${address.q})`, address.host && term('host', address.host)].filter(Boolean).join(' ');

@@ -3,7 +3,7 @@
  * such as releases, are drawn as dashed lines and named when the cursor is near.
  */
 import uPlot from 'uplot';
-import type { Mark } from '../api/types';
+import type { Mark, Range } from '../api/types';
 import { changed, go, here } from '../state/address';
 import { el, replace, shortened } from './dom';
 import { exactTime, NOTHING, time } from './format';
@@ -27,6 +27,8 @@ export interface LinesOptions {
 	readonly format: (value: number | null) => string;
 	readonly marks?: readonly Mark[];
 	readonly height?: number;
+	/* The axis of time reaches from there to there, whatever is known of it. */
+	readonly range?: Range;
 	/* The axis reaches at least up to there. */
 	readonly least?: number;
 	readonly most?: number;
@@ -83,7 +85,7 @@ function axes(options: LinesOptions): uPlot.Axis[] {
 		grid: { stroke: () => colour('--line'), width: 1 },
 		ticks: { show: false },
 	};
-	const span = (options.times.at(-1) ?? 0) - (options.times[0] ?? 0);
+	const span = (options.range?.to_ms ?? options.times.at(-1) ?? 0) - (options.range?.from_ms ?? options.times[0] ?? 0);
 	const texts = new Intl.DateTimeFormat(
 		'en-GB',
 		span > 3 * 864e5 ? { day: 'numeric', month: 'short' } : { hour: '2-digit', minute: '2-digit' },
@@ -142,6 +144,10 @@ function summary(options: LinesOptions): string {
 	return `${options.label}. ${texts.join('; ')}`;
 }
 
+function timeScale(range: Range | undefined): uPlot.Scale {
+	return { time: true, ...(range ? { range: [range.from_ms / 1000, range.to_ms / 1000] } : {}) };
+}
+
 function make(options: LinesOptions, width: number, show: (index: number | null) => void, into: HTMLElement): uPlot {
 	const stacked = options.lines.some((line) => line.stacked);
 	const values = sums(options.lines);
@@ -153,11 +159,11 @@ function make(options: LinesOptions, width: number, show: (index: number | null)
 		{
 			width,
 			height: options.height ?? HEIGHT,
-			padding: [6, 8, 0, 0],
+			padding: [6, 18, 0, 0],
 			legend: { show: false },
 			cursor: { sync: { key: cursors.key, setSeries: false }, y: false, points: { size: 6 }, drag: { setScale: false, x: true, y: false } },
 			scales: {
-				x: { time: true },
+				x: timeScale(options.range),
 				y: { range: (_, __, max) => [0, Math.min(options.most ?? Infinity, Math.max(max * 1.08, options.least ?? 0) || 1)] },
 			},
 			axes: axes(options),
