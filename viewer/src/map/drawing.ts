@@ -3,7 +3,16 @@ import { el, replace, shortened, svg, type Child } from '../ui/dom';
 import { apdexLevel, errorLevel } from '../ui/figures';
 import { duration, perMinute, share } from '../ui/format';
 import { pageHref } from '../ui/link';
-import type { Graph, GraphEdge, GraphNode } from './graph';
+import type { Graph, GraphEdge, GraphNode, NodeKind } from './graph';
+import { columnsOf } from './layers';
+
+const LABEL_HEIGHT = 15;
+/* Of many lines that end at one box, these have their figures beside them; the table has all. */
+const MOST_LABELS = 6;
+/* Where more lines end, they stand nearer. */
+const MOST_ROOM = 12 * LABEL_HEIGHT;
+
+const KIND_TEXTS: Readonly<Record<NodeKind, string>> = { application: 'applications', host: 'external hosts', database: 'databases' };
 
 function nodeText(node: GraphNode): Child {
 	const { application } = node;
@@ -44,28 +53,38 @@ interface Placed {
 	readonly label: HTMLElement;
 }
 
-export function drawGraph(graph: Graph, minutes: number): HTMLElement {
-	const boxes = new Map<string, HTMLElement>();
-	const columns: HTMLElement[] = [];
-	const last = Math.max(0, ...graph.nodes.map((node) => node.column));
-	for (let column = 0; column <= last; column++) {
-		const nodes = graph.nodes.filter((node) => node.column === column);
-		columns.push(
-			el(
-				'div',
-				{ class: 'map-column' },
-				nodes.map((node) => {
-					const level = node.application ? apdexLevel(node.application.apdex) : '';
-					const box = el('a', { class: `map-node map-${node.kind} ${level ? `map-${level}` : ''}`, href: nodeHref(node), 'data-row': true }, nodeText(node));
-					boxes.set(node.id, box);
-					return box;
-				}),
-			),
+function nodeBox(node: GraphNode, onOpen: (kind: NodeKind) => void): HTMLElement {
+	if (node.others !== undefined) {
+		return el(
+			'button',
+			{ type: 'button', class: `map-node map-${node.kind} map-others`, 'data-row': true, on: { click: () => onOpen(node.kind) } },
+			el('b', {}, `and ${node.others} more ${KIND_TEXTS[node.kind]}`),
+			el('span', { class: 'small muted' }, 'those that took least time; show them'),
 		);
 	}
+	const level = node.application ? apdexLevel(node.application.apdex) : '';
+	return el('a', { class: `map-node map-${node.kind} ${level ? `map-${level}` : ''}`, href: nodeHref(node), 'data-row': true }, nodeText(node));
+}
+
+/* `onOpen` is asked to show all of a kind. */
+export function drawGraph(graph: Graph, minutes: number, onOpen: (kind: NodeKind) => void): HTMLElement {
+	const boxes = new Map<string, HTMLElement>();
+	const columns = columnsOf(graph.nodes, graph.edges).map((nodes) =>
+		el(
+			'div',
+			{ class: 'map-column' },
+			nodes.map((node) => {
+				const box = nodeBox(node, onOpen);
+				boxes.set(node.id, box);
+				return box;
+			}),
+		),
+	);
 	const drawing = svg('svg', { class: 'map-lines', 'aria-hidden': 'true' });
 	const labels = el('div', { class: 'map-labels', 'aria-hidden': 'true' });
-	const placed = graph.edges.map((edge): Placed => {
+	// Those that took most time have their figures beside them.
+	const heaviest = [...graph.edges].sort((one, other) => other.total_ms - one.total_ms);
+	const placed = heaviest.map((edge): Placed => {
 		const isBad = edge.count > 0 && edge.failed / edge.count >= 0.02;
 		const path = svg('path', { class: isBad ? 'map-line is-bad' : 'map-line', fill: 'none' });
 		drawing.append(path);
@@ -85,24 +104,47 @@ export function drawGraph(graph: Graph, minutes: number): HTMLElement {
 	return el('div', { class: 'map', tabindex: 0, role: 'group', 'aria-label': 'Services and what they call' }, plane);
 }
 
-/* Labels of lines that end at one box stand below each other. */
+/* Where lines end at one box: from its top on, by where they come from. */
+function arrivals(boxes: ReadonlyMap<string, HTMLElement>, placed: readonly Placed[]): ReadonlyMap<string, readonly Placed[]> {
+	const all = new Map<string, Placed[]>();
+	for (const each of placed) {
+		all.set(each.edge.to, [...(all.get(each.edge.to) ?? []), each]);
+	}
+	const top = (each: Placed) => boxes.get(each.edge.from)?.offsetTop ?? 0;
+	for (const ends of all.values()) {
+		ends.slice(MOST_LABELS).forEach((each) => (each.label.hidden = true));
+		ends.sort((one, other) => top(one) - top(other));
+	}
+	return all;
+}
+
 function place(plane: HTMLElement, drawing: SVGElement, boxes: ReadonlyMap<string, HTMLElement>, placed: readonly Placed[]): void {
+	const all = arrivals(boxes, placed);
+	const room = (count: number) => Math.min(MOST_ROOM, count * LABEL_HEIGHT);
+	for (const [id, ends] of all) {
+		boxes.get(id)?.style.setProperty('min-height', `${room(ends.length) + 8}px`);
+	}
 	drawing.setAttribute('width', String(plane.scrollWidth));
 	drawing.setAttribute('height', String(plane.scrollHeight));
-	const arriving = new Map<string, number>();
-	for (const { edge, path, label } of placed) {
-		const [from, to] = [boxes.get(edge.from), boxes.get(edge.to)];
-		if (!from || !to) {
-			continue;
-		}
-		const already = arriving.get(edge.to) ?? 0;
-		arriving.set(edge.to, already + 1);
-		const [x1, y1] = [from.offsetLeft + from.offsetWidth, from.offsetTop + from.offsetHeight / 2];
-		const [x2, y2] = [to.offsetLeft, to.offsetTop + 12 + already * 15];
-		const bend = Math.max(40, (x2 - x1) / 2);
-		path.setAttribute('d', `M${x1} ${y1}C${x1 + bend} ${y1} ${x2 - bend} ${y2} ${x2 - 2} ${y2}`);
-		label.style.setProperty('right', `${plane.clientWidth - x2 + 8}px`);
-		label.style.setProperty('top', `${y2 - 16}px`);
+	for (const [id, ends] of all) {
+		let free = 0;
+		ends.forEach((each, i) => {
+			const [from, to] = [boxes.get(each.edge.from), boxes.get(id)];
+			if (from && to) {
+				const y = to.offsetTop + 12 + (i * room(ends.length)) / ends.length;
+				placeLine(each, from, to, y);
+				each.label.style.setProperty('right', `${plane.clientWidth - to.offsetLeft + 8}px`);
+				each.label.style.setProperty('top', `${Math.max(free, y - 16)}px`);
+				free = each.label.hidden ? free : Math.max(free, y - 16) + LABEL_HEIGHT;
+			}
+		});
 	}
 	replace(drawing, ...placed.map((each) => each.path));
+}
+
+function placeLine({ path }: Placed, from: HTMLElement, to: HTMLElement, y2: number): void {
+	const [x1, y1] = [from.offsetLeft + from.offsetWidth, from.offsetTop + from.offsetHeight / 2];
+	const x2 = to.offsetLeft;
+	const bend = Math.max(40, (x2 - x1) / 2);
+	path.setAttribute('d', `M${x1} ${y1}C${x1 + bend} ${y1} ${x2 - bend} ${y2} ${x2 - 2} ${y2}`);
 }

@@ -11,8 +11,8 @@ export interface GraphNode {
 	readonly kind: NodeKind;
 	readonly name: string;
 	readonly application?: Application;
-	/* From the left: behind all that call it. */
-	column: number;
+	/* It stands for so many of its kind. */
+	readonly others?: number;
 }
 
 export interface GraphEdge {
@@ -55,7 +55,7 @@ class Builder {
 	node(kind: NodeKind, name: string, application?: Application): string {
 		const id = `${kind} ${name}`;
 		if (!this.nodes.has(id)) {
-			this.nodes.set(id, { id, kind, name, column: 0, ...(application ? { application } : {}) });
+			this.nodes.set(id, { id, kind, name, ...(application ? { application } : {}) });
 		}
 		return id;
 	}
@@ -71,23 +71,7 @@ class Builder {
 	}
 
 	build(): Graph {
-		const edges = [...this.edges.values()];
-		const nodes = [...this.nodes.values()];
-		// Callers first; what calls in a circle stays where it is after as many rounds as there are nodes.
-		const by = new Map(nodes.map((node) => [node.id, node]));
-		let moved = true;
-		for (let round = 0; moved && round <= nodes.length; round++) {
-			moved = false;
-			for (const { from, to } of edges) {
-				const [caller, callee] = [by.get(from), by.get(to)];
-				const column = (caller?.column ?? 0) + 1;
-				if (callee && callee.id !== from && callee.column < column && column < nodes.length) {
-					callee.column = column;
-					moved = true;
-				}
-			}
-		}
-		return { nodes, edges };
+		return { nodes: [...this.nodes.values()], edges: [...this.edges.values()] };
 	}
 }
 

@@ -1,8 +1,9 @@
 /* Services and what they call. */
 import { api } from '../api/services';
-import type { Address } from '../state/address';
+import { changed, go, here, type Address } from '../state/address';
 import { drawGraph } from '../map/drawing';
-import { graphOf, type Graph, type GraphEdge, type GraphNode } from '../map/graph';
+import { folded } from '../map/folding';
+import { graphOf, type Graph, type GraphEdge, type GraphNode, type NodeKind } from '../map/graph';
 import { el, shortened, type Child } from '../ui/dom';
 import { errorLevel } from '../ui/figures';
 import { duration, perMinute, share, shortCount } from '../ui/format';
@@ -11,6 +12,7 @@ import type { Page } from '../ui/page';
 import { Panel } from '../ui/panel';
 import { emptyState } from '../ui/states';
 import { table, type Column } from '../ui/table';
+import { ofAllHosts } from './of_host';
 import { scopeOf } from './scope';
 
 const MOST = 500;
@@ -42,6 +44,11 @@ function edgeTable(graph: Graph, minutes: number): HTMLElement {
 	return table({ caption: 'Calls', columns, rows: graph.edges, sort: 'total' });
 }
 
+/* The way back from all of a kind. */
+function fewer(address: Address): Child {
+	return address.own.all && el('p', {}, pageLink('map', {}, {}, 'Show fewer boxes'));
+}
+
 async function content(address: Address, signal: AbortSignal): Promise<Child> {
 	const all = { from: address.from, to: address.to };
 	const [applications, hosts, calls, queries] = await Promise.all([
@@ -52,9 +59,11 @@ async function content(address: Address, signal: AbortSignal): Promise<Child> {
 	]);
 	const graph = graphOf({ applications: applications.applications, hosts: hosts.hosts, calls: calls.hosts, statements: queries.statements, app: address.app });
 	const minutes = Math.max(SHORTEST_MINUTES, applications.range.minutes ?? 0);
+	const opened = new Set((address.own.all ?? '').split(' '));
+	const open = (kind: NodeKind) => go(changed(here(), { own: { all: [...opened, kind].join(' ').trim() } }));
 	return graph.nodes.length === 0
 		? emptyState('No service was seen in this time.', 'Take a longer time, or all applications.')
-		: [drawGraph(graph, minutes), graph.edges.length > 0 ? edgeTable(graph, minutes) : emptyState('None of them calls another, or a database.')];
+		: [ofAllHosts(address), fewer(address), drawGraph(folded(graph, opened), minutes, open), graph.edges.length > 0 ? edgeTable(graph, minutes) : emptyState('None of them calls another, or a database.')];
 }
 
 export function mapPage(): Page {

@@ -1,0 +1,71 @@
+/* In which column, and where within it, each service stands: behind all that call it. */
+import type { GraphEdge, GraphNode } from './graph';
+
+/* A call back to a service that is still being followed would never end: it places nobody. */
+function forward(nodes: readonly GraphNode[], edges: readonly GraphEdge[]): readonly GraphEdge[] {
+	const from = new Map<string, GraphEdge[]>();
+	const called = new Set<string>();
+	for (const edge of edges) {
+		from.set(edge.from, [...(from.get(edge.from) ?? []), edge]);
+		called.add(edge.to);
+	}
+	const state = new Map<string, 'open' | 'done'>();
+	const kept: GraphEdge[] = [];
+	const follow = (id: string) => {
+		state.set(id, 'open');
+		for (const edge of from.get(id) ?? []) {
+			if (state.get(edge.to) === 'open') {
+				continue;
+			}
+			kept.push(edge);
+			if (!state.has(edge.to)) {
+				follow(edge.to);
+			}
+		}
+		state.set(id, 'done');
+	};
+	// Where nobody calls begins what others do.
+	const begins = [...nodes].sort((one, other) => Number(called.has(one.id)) - Number(called.has(other.id)));
+	for (const { id } of begins) {
+		if (!state.has(id)) {
+			follow(id);
+		}
+	}
+	return kept;
+}
+
+/* The columns from the left, each with the services that are called by those before it. */
+export function columnsOf(nodes: readonly GraphNode[], edges: readonly GraphEdge[]): readonly (readonly GraphNode[])[] {
+	const calls = forward(nodes, edges);
+	const column = new Map(nodes.map((node) => [node.id, 0]));
+	for (let round = 0, moved = true; moved && round < nodes.length; round++) {
+		moved = false;
+		for (const { from, to } of calls) {
+			const behind = (column.get(from) ?? 0) + 1;
+			if ((column.get(to) ?? 0) < behind) {
+				column.set(to, behind);
+				moved = true;
+			}
+		}
+	}
+	const columns: GraphNode[][] = [];
+	for (const node of nodes) {
+		(columns[column.get(node.id) ?? 0] ??= []).push(node);
+	}
+	return inOrder(columns, calls);
+}
+
+/* Near those who call them, so that lines cross seldom; the order they came in decides what is equal. */
+function inOrder(columns: readonly (readonly GraphNode[])[], calls: readonly GraphEdge[]): readonly (readonly GraphNode[])[] {
+	const place = new Map<string, number>();
+	return columns.map((nodes) => {
+		const middle = (node: GraphNode) => {
+			const callers = calls.filter((edge) => edge.to === node.id).map((edge) => place.get(edge.from) ?? 0);
+			return callers.reduce((sum, at) => sum + at, 0) / Math.max(1, callers.length);
+		};
+		const middles = new Map(nodes.map((node) => [node.id, middle(node)]));
+		const ordered = [...nodes].sort((one, other) => (middles.get(one.id) ?? 0) - (middles.get(other.id) ?? 0));
+		ordered.forEach((node, i) => place.set(node.id, (i + 0.5) / ordered.length));
+		return ordered;
+	});
+}
