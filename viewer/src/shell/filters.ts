@@ -35,7 +35,7 @@ function searchBox(): HTMLInputElement {
 	const box: HTMLInputElement = el('input', {
 		type: 'search',
 		class: 'search-box',
-		placeholder: 'Search requests  ( / )',
+		placeholder: 'Search  ( / )',
 		'aria-label': 'Search requests',
 		spellcheck: 'false',
 		autocomplete: 'off',
