@@ -33,6 +33,10 @@ async function pagePaths() {
 		queries: '/queries',
 		errors: '/errors',
 		external: '/external',
+		'queries of a host': '/queries?host=shop.example',
+		'external of a host': '/external?host=shop.example',
+		'errors of a host': '/errors?host=shop.example',
+		'transaction of a host': '/transaction?app=Shop&txn=%2Fcart&host=shop.example',
 		map: '/map',
 		search: '/search',
 		'search of failed ones': '/search?q=is%3Afailed',
@@ -58,6 +62,33 @@ for (const [width, height] of [[1280, 900], [390, 800]]) {
 					assert.deepEqual(await accessibilityProblems(page), []);
 				});
 			}
+			await close();
+		});
+	}
+}
+
+/* Boxes that lie over a page, by what opens them. */
+const DIALOGS = {
+	keys: (page) => page.keyboard.press('?'),
+	about: (page) => page.getByRole('button', { name: 'About' }).click(),
+	'time range': (page) => page.getByRole('combobox', { name: 'Time range' }).selectOption('custom'),
+	language: (page) => page.getByRole('button', { name: 'Language' }).click(),
+};
+
+for (const [width, height] of [[1280, 900], [390, 800]]) {
+	for (const colorScheme of ['light', 'dark']) {
+		test(`everybody can use the boxes over a page at ${width} pixels in the ${colorScheme} theme`, { timeout: 120000 }, async () => {
+			const { page, problems, close } = await openPage(browser, collector, { viewport: { width, height }, colorScheme });
+			await show(page, `${collector.url}/search`);
+			for (const [name, open] of Object.entries(DIALOGS)) {
+				await open(page);
+				const box = await page.locator('dialog[open]').boundingBox();
+				assert.ok(box.x >= 0 && box.x + box.width <= width && box.y >= 0 && box.y + box.height <= height, name);
+				assert.deepEqual(await accessibilityProblems(page), [], name);
+				await page.keyboard.press('Escape');
+				assert.equal(await page.locator('dialog[open]').count(), 0, name);
+			}
+			assert.deepEqual(problems, []);
 			await close();
 		});
 	}
