@@ -24,7 +24,7 @@ function department_total($department, callable $leaf)
 function months($count)
 {
     for ($month = 1; $month <= $count; $month++) {
-        wait_for('the archive', 10);
+        wait_for('the archive', 70);
         yield $month;
     }
 }
