@@ -168,19 +168,19 @@ export class DetailsPanel {
 		const { model } = this.state;
 		const tookOf = (node: number) => (model.end[node] ?? 0) - (model.start[node] ?? 0);
 		const sorted = [...nodes].sort((one, other) => tookOf(other) - tookOf(one) || one - other).slice(0, LISTED);
-		const item = (node: number) => {
-			const span = model.spans[node];
-			const text = span?.query ?? titleOf(model, node);
-			return el(
+		const textOf = (node: number) => model.spans[node]?.query ?? titleOf(model, node);
+		// What all of them are says nothing of one.
+		const isSame = new Set(sorted.map(textOf)).size === 1;
+		const item = (node: number) =>
+			el(
 				'li',
 				{},
 				el('button', { type: 'button', class: 'link', on: { click: () => void this.state.reveal(node, String(node)) } }, duration(tookOf(node))),
 				' ',
 				el('span', { class: 'muted' }, `from ${duration(model.start[node])} `),
-				el('span', { class: 'mono' }, shortened(text, 140)),
+				!isSame && el('span', { class: 'mono' }, shortened(textOf(node), 140)),
 			);
-		};
-		return [el('ol', { class: 'longest' }, sorted.map(item)), nodes.length > LISTED && el('p', { class: 'muted small' }, `and ${plural(nodes.length - LISTED, 'shorter one')}`)];
+		return [el('ol', { class: isSame ? 'longest is-same' : 'longest' }, sorted.map(item)), nodes.length > LISTED && el('p', { class: 'muted small' }, `and ${plural(nodes.length - LISTED, 'shorter one')}`)];
 	}
 }
 
