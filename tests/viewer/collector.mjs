@@ -37,7 +37,10 @@ export class Collector {
 			['collect', '--handshake', '0', '--data', '0', '--http', '0', '--store', collector.store, '--config', '/dev/null'],
 			{ stdio: ['ignore', 'pipe', 'ignore'] },
 		);
-		const line = await firstLine(collector.child);
+		const line = await firstLine(collector.child).catch(async (error) => {
+			await collector.stop();
+			throw error;
+		});
 		const [, data, http] = /payloads (\d+), http (\d+);/.exec(line) ?? [];
 		collector.data = Number(data);
 		collector.url = `http://127.0.0.1:${http}`;
