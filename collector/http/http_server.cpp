@@ -24,6 +24,7 @@
 #include <thread>
 
 #include "http/http_messages.h"
+#include "util/background.h"
 
 namespace kaq {
 namespace {
@@ -179,6 +180,11 @@ private:
 		}
 		shared_.work++;
 		asio::post(*shared_.workers, [self = shared_from_this(), work = std::move(work)]() mutable {
+			thread_local bool is_behind = false;
+			if (!is_behind) {
+				work_in_background("kaq-worker");
+				is_behind = true;
+			}
 			HttpAnswer answer = result_of(work);
 			asio::io_context &context = self->context_;
 			asio::post(context, [self = std::move(self), answer = std::move(answer)]() mutable {

@@ -5,6 +5,7 @@
 #include <exception>
 #include <string>
 
+#include "util/background.h"
 #include "util/log.h"
 
 namespace kaq {
@@ -94,6 +95,7 @@ bool Pipeline::accept(BudgetedBuffer &&bytes) {
 }
 
 void Pipeline::run(Worker &worker) {
+	work_in_background("kaq-reader");
 	while (std::optional<BudgetedBuffer> bytes = queue_.take()) {
 		take_lines(bytes->bytes(), *settings(), worker);
 	}

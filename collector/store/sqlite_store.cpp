@@ -10,6 +10,7 @@
 #include <future>
 
 #include "store/schema.h"
+#include "util/background.h"
 #include "util/log.h"
 #include "util/system_time.h"
 
@@ -179,6 +180,7 @@ void SqliteStore::add_asked(const AskedSums &sums) {
 }
 
 void SqliteStore::run() {
+	work_in_background("kaq-store");
 	auto figures_due = std::chrono::steady_clock::now() + kFigurePeriod;
 	bool is_ending = false;
 	while (!is_ending) {

@@ -230,6 +230,24 @@ def test_it_listens_on_several_addresses(configured):
         connect_from("127.0.0.1", collector.handshake, "127.0.0.8")
 
 
+def niceness(collector):
+    """Of each thread, by its name."""
+    found = {}
+    for stat in pathlib.Path("/proc/%d/task" % collector.process.pid).glob("*/stat"):
+        name, fields = stat.read_text().split("(", 1)[1].rsplit(")", 1)
+        found[name] = int(fields.split()[16])
+    return found
+
+
+def test_what_can_wait_gives_way_to_handshakes_and_to_the_site(collector):
+    collector.run("top")
+    threads = niceness(collector)
+    own = os.getpriority(os.PRIO_PROCESS, 0)
+    assert {name: threads[name] - own for name in (
+        "kaq-handshake", "kaq-data", "kaq-reader", "kaq-store", "kaq-worker")} == {
+            "kaq-handshake": 0, "kaq-data": 0, "kaq-reader": 5, "kaq-store": 5, "kaq-worker": 5}
+
+
 def test_under_load_it_records_less_and_then_again_all(configured):
     collector = configured.start("")
     with sockets.connect(collector.data) as one, sockets.connect(collector.data) as other:
