@@ -76,26 +76,32 @@ int written(int status) {
 
 } // namespace
 
-int run_command_line(int count, char **arguments) {
-	CLI::App app("Collects, keeps and explains what PHP applications do.", "kaq");
-	app.require_subcommand(1);
-	app.footer(kStatuses);
-	int status = kDone;
+std::unique_ptr<CLI::App> make_command_line(int &status) {
+	auto app =
+		std::make_unique<CLI::App>("Collects, keeps and explains what PHP applications do.", "kaq");
+	app->require_subcommand(1);
+	app->footer(kStatuses);
 	for (AddVerb add : verbs()) {
-		add(app, status);
+		add(*app, status);
 	}
-	for (CLI::App *verb : app.get_subcommands({})) {
+	for (CLI::App *verb : app->get_subcommands({})) {
 		add_statuses(*verb);
 	}
-	if (const char *unknown = unknown_verb(app, count, arguments)) {
+	return app;
+}
+
+int run_command_line(int count, char **arguments) {
+	int status = kDone;
+	std::unique_ptr<CLI::App> app = make_command_line(status);
+	if (const char *unknown = unknown_verb(*app, count, arguments)) {
 		fprintf(stderr, "kaq: there is no verb '%s': 'kaq -h' names those there are\n",
 				printable(unknown).c_str());
 		return kMisunderstood;
 	}
 	try {
-		app.parse(count, arguments);
+		app->parse(count, arguments);
 	} catch (const CLI::ParseError &error) {
-		return written(app.exit(error) == 0 ? kDone : kMisunderstood);
+		return written(app->exit(error) == 0 ? kDone : kMisunderstood);
 	}
 	return written(status);
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,9 @@ void add_resume(CLI::App &app, int &status);
 
 /* In the order in which help names them. */
 const std::vector<AddVerb> &verbs();
+
+/* The program with all verbs, for whom it sets the status. The status outlives it. */
+std::unique_ptr<CLI::App> make_command_line(int &status);
 
 /* Does what the arguments say; the exit status. */
 int run_command_line(int count, char **arguments);

@@ -18,7 +18,6 @@
 namespace kaq {
 namespace {
 
-constexpr const char *kServiceStore = "/var/lib/kaq";
 constexpr size_t kTokenBytes = 24;
 
 [[noreturn]] void fail(const std::string &what) {

@@ -5,6 +5,9 @@
 
 namespace kaq {
 
+/* Of the collector that runs as a service. */
+constexpr const char *kServiceStore = "/var/lib/kaq";
+
 /* Where a collector keeps things: of the service if it runs as such (it may write there), else of
  * the user; created if it is missing, for the owner alone. Throws std::system_error. */
 std::string default_store();
