@@ -11,11 +11,49 @@ import pathlib
 import re
 import sys
 
-KEYS = {"extension-name", "priority", "support-zts", "support-nts", "build-path",
-        "download-url-method", "os-families", "os-families-exclude", "configure-options"}
+SYSTEMS = {"windows", "bsd", "darwin", "solaris", "linux", "unknown"}
+DOWNLOADS = {"composer-default", "pre-packaged-source", "pre-packaged-binary"}
+# Of each key whether a value is one that the installer takes.
+KEYS = {"extension-name": lambda value: re.fullmatch(r"(ext-)?[A-Za-z][A-Za-z0-9_]*", value),
+        "priority": lambda value: type(value) is int and 10 <= value <= 99,
+        "support-zts": lambda value: type(value) is bool,
+        "support-nts": lambda value: type(value) is bool,
+        "build-path": lambda value: value is None or type(value) is str,
+        "download-url-method": lambda value: set(listed(value)) <= DOWNLOADS,
+        "os-families": lambda value: value and set(value) <= SYSTEMS,
+        "os-families-exclude": lambda value: value and set(value) <= SYSTEMS,
+        "configure-options": lambda value: type(value) is list}
 OPTION_KEYS = {"name", "description", "needs-value"}
+PACKAGE_NAME = r"[a-z0-9]([_.-]?[a-z0-9]+)*/[a-z0-9](([_.]|-{1,2})?[a-z0-9]+)*"
+OPTION_NAME = r"[A-Za-z0-9][A-Za-z0-9_-]*"
 # PHP_ARG_WITH options take a value, PHP_ARG_ENABLE options do not.
 OPTION = re.compile(r"PHP_ARG_(ENABLE|WITH)\(\[([\w-]+)\]")
+
+
+def listed(value):
+    """One value as a list of it."""
+    return value if type(value) is list else [value]
+
+
+def misfits(package):
+    """What PHP's installer would not take, whatever the sources say."""
+    extension = package.get("php-ext", {})
+    for key, value in extension.items():
+        if key not in KEYS:
+            yield f"composer.json: php-ext has the key {key}, which nobody reads"
+        elif not KEYS[key](value):
+            yield f"composer.json: {key} cannot be {value!r}"
+    if "os-families" in extension and "os-families-exclude" in extension:
+        yield "composer.json: os-families and os-families-exclude exclude each other"
+    if not re.fullmatch(PACKAGE_NAME, package.get("name", "")):
+        yield f"composer.json: {package.get('name')!r} is no name of a package"
+    for name in package.get("require", {}):
+        if name != "php" and not name.startswith("ext-"):
+            yield f"composer.json: requires {name}, which is not part of PHP"
+    for option in extension.get("configure-options", []):
+        if not re.fullmatch(OPTION_NAME, option.get("name", "")) or \
+                type(option.get("needs-value", False)) is not bool:
+            yield f"composer.json: {option} is no option"
 
 
 def first(pattern, text):
@@ -35,9 +73,7 @@ def options_of(config):
 def disagreements(package, config, header, changes):
     """What composer.json, config.m4, php_kaq.h and CHANGELOG.md do not agree on."""
     extension = package.get("php-ext", {})
-    unknown = sorted(set(extension) - KEYS)
-    if unknown:
-        yield f"composer.json: php-ext has keys that nobody reads: {', '.join(unknown)}"
+    yield from misfits(package)
     version = first(r'#define KAQ_VERSION "([^"]+)"', header)
     info = first(r'#define KAQ_VERSION_INFO "([^"]+)"', header)
     for what, told, found in (
