@@ -5,9 +5,11 @@
 KAQ_PACKAGING="$KAQ_ROOT/packaging"
 # Who answers for the packages, if DEBEMAIL and DEBFULLNAME do not say it.
 KAQ_MAINTAINER="${DEBFULLNAME:-The authors of kaq} <${DEBEMAIL:-kaq@example.org}>"
+# shellcheck disable=SC2034 # for those who source it
 # What documents are packed: what an operator of either program reads.
 KAQ_COLLECTOR_DOCUMENTS=(collector.md diagnostics.md distributed-tracing.md export.md figures.md find.md
 	operating.md packages.md verdicts.md viewer.md wire-format.md openapi.yaml)
+# shellcheck disable=SC2034
 KAQ_EXTENSION_DOCUMENTS=(costs.md diagnostics.md distributed-tracing.md engines.md
 	instrumented-functions.md operating.md packages.md script-functions.md wire-format.md)
 

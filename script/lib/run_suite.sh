@@ -13,6 +13,8 @@ source "$KAQ_ROOT/script/lib/standins.sh"
 source "$KAQ_ROOT/script/lib/report.sh"
 # shellcheck source=script/lib/viewer_packages.sh
 source "$KAQ_ROOT/script/lib/viewer_packages.sh"
+# shellcheck source=script/lib/debian_root.sh
+source "$KAQ_ROOT/script/lib/debian_root.sh"
 # shellcheck source=script/lib/checkout.sh
 source "$KAQ_ROOT/script/lib/checkout.sh"
 # shellcheck source=script/lib/suites.sh

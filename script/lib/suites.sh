@@ -361,6 +361,37 @@ kaq_suite_viewer() {
 	kaq_report viewer $((SECONDS - begin)) "$log" "$status" sum "$KAQ_RUN/viewer/results"
 }
 
+# kaq_packages_for_suite DIRECTORY: the packages, the same sources packed again, and packages to which
+# the first ones can be upgraded.
+kaq_packages_for_suite() {
+	local version
+	"$KAQ_ROOT/script/package" --output "$1/first" --php-config "$KAQ_DEBIAN_PHP_CONFIG" &&
+		"$KAQ_ROOT/script/package" --output "$1/again" source || return 1
+	version=$(dpkg-deb -f "$(echo "$1"/first/kaq-collector_*.deb)" Version)
+	"$KAQ_ROOT/script/package" --output "$1/second" --version "$version.next" \
+		--php-config "$KAQ_DEBIAN_PHP_CONFIG" collector extension
+}
+
+# The packages, and their life in a fresh root of Debian where one can be had.
+kaq_suite_packages() {
+	local log="$KAQ_LOGS/suite-packages.log" begin=$SECONDS status=0
+	local made="$KAQ_RUN/packages" results="$KAQ_RUN/packages.xml" archive
+	mkdir -p "$made"
+	if ! kaq_packages_for_suite "$made" >"$log" 2>&1 </dev/null; then
+		kaq_report_broken packages $((SECONDS - begin)) "$log" 'the packages could not be made'
+		return 0
+	fi
+	archive=$(kaq_debian_root "$log" "$made"/first/*.deb 2>"$made/reason") || archive=
+	(
+		cd "$KAQ_ROOT" &&
+			KAQ_SOURCE_DIR=$KAQ_ROOT KAQ_PACKAGES=$made KAQ_DEBIAN_ROOT=$archive \
+				KAQ_DEBIAN_ROOT_MISSING=$(tail -n 1 "$made/reason") PYTHONDONTWRITEBYTECODE=1 \
+				kaq_bounded 1200 "$(kaq_python)" -m pytest -q -p no:cacheprovider --tb=short \
+				-rs --junitxml="$results" tests/packages
+	) >>"$log" 2>&1 </dev/null || status=$?
+	kaq_report packages $((SECONDS - begin)) "$log" "$status" junit "$results"
+}
+
 # kaq_python: the distribution's, which has the distribution's pytest.
 kaq_python() {
 	kaq_first_existing /usr/bin/python3 "$(command -v python3)"
