@@ -29,12 +29,12 @@ int main(int count, char **arguments) {
 		std::fputs("usage: kaq_manual DIRECTORY VERSION DATE\n", stderr);
 		return kaq::kMisunderstood;
 	}
-	const std::string directory = arguments[1];
+	const std::string directory = std::string(arguments[1]) + "/";
 	int status = kaq::kDone;
 	std::unique_ptr<CLI::App> program = kaq::make_command_line(status);
-	bool is_done = write_file(directory + "/kaq.bash", kaq::bash_completion(*program));
+	bool is_done = write_file(directory + "kaq.bash", kaq::bash_completion(*program));
 	for (const auto &[name, page] : kaq::man_pages(*program, {arguments[2], arguments[3]})) {
-		is_done = write_file(directory + "/" + name, page) && is_done;
+		is_done = write_file(directory + name, page) && is_done;
 	}
 	return is_done ? kaq::kDone : kaq::kFailed;
 }
