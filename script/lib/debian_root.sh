@@ -44,7 +44,7 @@ kaq_debian_root() {
 		mkdir -p "$KAQ_CACHE/roots"
 		kaq_log "packages: making a root of $KAQ_ROOT_RELEASE"
 		if ! printf '%s\n' "${sources[@]}" |
-			mmdebstrap --quiet --format=tar --variant=minbase --include="$(IFS=,; echo "${packages[*]}")" \
+			timeout --kill-after=20 1200 mmdebstrap --quiet --format=tar --variant=minbase --include="$(IFS=,; echo "${packages[*]}")" \
 				"$KAQ_ROOT_RELEASE" "$archive.new" - >>"$log" 2>&1; then
 			rm -f "$archive.new"
 			echo "mmdebstrap could not make one ($log)" >&2
