@@ -84,7 +84,7 @@ export async function tell<Answer>(path: string, parameters: Parameters): Promis
 }
 
 /* Whether a stream can be had: what is wrong with the question is thrown, the stream itself left. */
-export async function checkStream(path: string, parameters: Parameters): Promise<void> {
-	const response = await send(addressOf(path, parameters), {});
+export async function checkStream(path: string, parameters: Parameters, signal: AbortSignal): Promise<void> {
+	const response = await askResponse(path, parameters, signal);
 	await response.body?.cancel();
 }

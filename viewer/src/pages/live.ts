@@ -1,14 +1,14 @@
 /* Requests as they end. */
-import { addressOf, checkStream } from '../api/ask';
+import { addressOf, checkStream, isAborted } from '../api/ask';
 import type { RequestRow } from '../api/types';
 import { queryField } from '../search/query_field';
 import { changed, go, here, type Address } from '../state/address';
-import { el, replace, type Child } from '../ui/dom';
+import { el, replace } from '../ui/dom';
 import { plural } from '../ui/format';
 import { term } from '../ui/link';
 import type { Page } from '../ui/page';
 import { command, emptyState, errorState } from '../ui/states';
-import { table } from '../ui/table';
+import { growingTable, type GrowingTable } from '../ui/table';
 import { requestColumns } from './columns';
 
 const LIVE = '/api/v1/live';
@@ -29,6 +29,16 @@ function queryOf(address: Address): string {
 	return [address.q && `(${address.q})`, address.app && term('app', address.app), address.host && term('host', address.host)].filter(Boolean).join(' ');
 }
 
+function nothingYet(): HTMLElement {
+	return emptyState(
+		'Waiting for requests to end.',
+		here().q || here().app || here().host ? 'Those that fulfil the filter are shown at once. ' : 'Each is shown at once. ',
+		'If there should be some, ',
+		command('kaq doctor'),
+		' says what is missing.',
+	);
+}
+
 class LivePage implements Page {
 	readonly element: HTMLElement;
 	readonly commands = [
@@ -46,17 +56,29 @@ class LivePage implements Page {
 	private readonly button: HTMLButtonElement;
 	private readonly field;
 	private source: EventSource | undefined;
+	private question: AbortController | undefined;
 	private asked: string | undefined;
-	private rows: RequestRow[] = [];
+	private isListening = false;
+	private table: GrowingTable<RequestRow> | undefined;
+	/* Those that came and are not shown yet, the newest first. */
+	private waiting: RequestRow[] = [];
 	private seen = 0;
 	private lost = 0;
 	private held = 0;
 	private isPaused = false;
+	/* Whoever points at a row finds the same one when the button is released. */
+	private isPointedAt = false;
 	private drawing = 0;
 
 	constructor() {
 		this.button = el('button', { type: 'button', 'aria-pressed': 'false', on: { click: () => this.pause() } }, 'Pause');
 		this.field = queryField({ label: 'Filter', placeholder: 'Filter: app:shop >200ms', onQuery: (q) => go(changed(here(), { q })) });
+		for (const type of ['pointerenter', 'pointerdown'] as const) {
+			this.list.addEventListener(type, () => this.pointAt(true));
+		}
+		for (const type of ['pointerleave', 'pointercancel'] as const) {
+			this.list.addEventListener(type, () => this.pointAt(false));
+		}
 		this.element = el(
 			'div',
 			{ class: 'page' },
@@ -81,41 +103,56 @@ class LivePage implements Page {
 	}
 
 	private async listen(query: string): Promise<void> {
-		this.source?.close();
-		this.rows = [];
-		this.seen = this.lost = this.held = 0;
-		this.draw();
+		this.end();
+		const question = new AbortController();
+		this.question = question;
+		this.clear();
+		this.say('Asking the collector …');
 		try {
 			// An EventSource does not tell what is wrong with its query.
-			await checkStream(LIVE, { q: query });
+			await checkStream(LIVE, { q: query }, question.signal);
 		} catch (error) {
-			replace(this.list, errorState('The live requests', error, () => void this.listen(query)));
+			if (!isAborted(error)) {
+				this.say('');
+				replace(this.list, errorState('The live requests', error, () => void this.listen(query)));
+			}
 			return;
 		}
-		if (query !== this.asked) {
-			return;
+		if (!question.signal.aborted) {
+			this.open(new EventSource(addressOf(LIVE, { q: query })));
 		}
-		const source = new EventSource(addressOf(LIVE, { q: query }));
+	}
+
+	private open(source: EventSource): void {
 		this.source = source;
 		source.addEventListener('message', (event: MessageEvent<string>) => this.add(JSON.parse(event.data) as RequestRow));
 		source.addEventListener('lost', (event: MessageEvent<string>) => {
 			this.lost += Number(event.data) || 0;
 			this.plan();
 		});
-		source.addEventListener('open', () => this.draw());
+		source.addEventListener('open', () => {
+			this.isListening = true;
+			this.draw();
+		});
 		source.addEventListener('error', () => {
+			this.isListening = false;
 			this.say(source.readyState === EventSource.CLOSED ? 'The collector does not send any more.' : 'The connection was lost; trying again …');
 		});
 	}
 
+	private clear(): void {
+		this.isListening = false;
+		this.table = undefined;
+		this.waiting = [];
+		this.seen = this.lost = this.held = 0;
+		replace(this.list, nothingYet());
+	}
+
 	private add(request: RequestRow): void {
 		this.seen++;
-		if (this.isPaused) {
-			this.held++;
-		} else {
-			this.rows.unshift(request);
-			this.rows.length = Math.min(this.rows.length, MOST);
-		}
+		this.waiting.unshift(request);
+		this.waiting.length = Math.min(this.waiting.length, MOST);
+		this.held += this.isPaused || this.isPointedAt ? 1 : 0;
 		this.plan();
 	}
 
@@ -134,43 +171,48 @@ class LivePage implements Page {
 		this.draw();
 	}
 
+	private pointAt(isPointedAt: boolean): void {
+		if (this.isPointedAt !== isPointedAt) {
+			this.isPointedAt = isPointedAt;
+			this.held = this.isPaused ? this.held : 0;
+			this.draw();
+		}
+	}
+
 	private say(text: string): void {
 		this.state.textContent = text;
 	}
 
 	private draw(): void {
+		if (!this.isListening) {
+			return;
+		}
+		const since = `${plural(this.held, 'request')} since`;
+		const isHeld = this.isPointedAt && this.table !== undefined;
 		const parts = [
-			this.isPaused ? `Paused; ${plural(this.held, 'request')} since` : 'Listening',
+			this.isPaused ? `Paused; ${since}` : isHeld ? `Held still while you point at it; ${since}` : 'Listening',
 			`${plural(this.seen, 'request')} so far`,
 			this.lost > 0 && `${plural(this.lost, 'request')} passed too fast to be shown`,
 		];
 		this.say(parts.filter(Boolean).join(' · '));
-		if (this.isPaused) {
-			return;
-		}
-		// What has the focus keeps it.
-		const focused = document.activeElement?.closest('a')?.getAttribute('href');
-		replace(this.list, this.content());
-		if (focused) {
-			[...this.list.querySelectorAll('a')].find((each) => each.getAttribute('href') === focused)?.focus();
+		if (!this.isPaused && !isHeld && this.waiting.length > 0) {
+			this.table ??= this.begun();
+			this.table.prepend(this.waiting.splice(0));
 		}
 	}
 
-	private content(): Child {
-		return this.rows.length === 0
-			? emptyState(
-					'Waiting for requests to end.',
-					here().q || here().app || here().host ? 'Those that fulfil the filter are shown at once. ' : 'Each is shown at once. ',
-					'If there should be some, ',
-					command('kaq doctor'),
-					' says what is missing.',
-				)
-			: table({ caption: 'Requests, the newest first', columns: COLUMNS, rows: this.rows });
+	private begun(): GrowingTable<RequestRow> {
+		const made = growingTable({ caption: 'Requests, the newest first', columns: COLUMNS, most: MOST });
+		replace(this.list, made.element);
+		return made;
 	}
 
 	end(): void {
+		this.question?.abort();
 		this.source?.close();
+		this.source = undefined;
 		clearTimeout(this.drawing);
+		this.drawing = 0;
 	}
 }
 

@@ -181,6 +181,14 @@ class Table<Row> {
 		return button;
 	}
 
+	/* Above the others, whose elements stay as they are; the last ones go where there are more than `most`. */
+	prepend(rows: readonly Row[], most: number): void {
+		this.body.prepend(...rows.map((row) => this.rowElement(row)));
+		while (this.body.childElementCount > most) {
+			this.body.lastElementChild?.remove();
+		}
+	}
+
 	private more(): void {
 		for (const row of this.rows.slice(this.shown, this.shown + AT_ONCE)) {
 			append(this.body, this.rowElement(row));
@@ -196,4 +204,16 @@ class Table<Row> {
 
 export function table<Row>(options: TableOptions<Row>): HTMLElement {
 	return new Table(options).element;
+}
+
+export interface GrowingTable<Row> {
+	readonly element: HTMLElement;
+	/* Puts them above the others. */
+	readonly prepend: (rows: readonly Row[]) => void;
+}
+
+/* A table without an order of its own, in which rows come one after the other. */
+export function growingTable<Row>({ most, ...options }: Omit<TableOptions<Row>, 'rows' | 'sort'> & { readonly most: number }): GrowingTable<Row> {
+	const made = new Table({ ...options, rows: [] });
+	return { element: made.element, prepend: (rows) => made.prepend(rows, most) };
 }
