@@ -38,8 +38,13 @@ function isWriting(target: EventTarget | null): boolean {
 	);
 }
 
+/* Space presses what has the focus. */
+function isPress(event: KeyboardEvent): boolean {
+	return event.key === ' ' && event.target instanceof HTMLElement && event.target.matches('button, summary, input');
+}
+
 function handle(event: KeyboardEvent): void {
-	if (event.defaultPrevented || event.ctrlKey || event.metaKey || event.altKey || isWriting(event.target)) {
+	if (isPress(event) || event.defaultPrevented || event.ctrlKey || event.metaKey || event.altKey || isWriting(event.target)) {
 		return;
 	}
 	if (document.querySelector('dialog[open]')) {
