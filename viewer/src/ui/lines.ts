@@ -37,6 +37,9 @@ export interface LinesOptions {
 const HEIGHT = 120;
 const AXIS = 58;
 const SMALLEST_DRAG = 6; /* pixels */
+/* Of the lines of one chart, in pixels of line and of gap. */
+const DASHES = [[], [8, 3], [3, 5]] as const;
+const POINTS = [11, 7.5, 4] as const;
 
 /* One cursor for every chart that is shown. */
 const cursors = uPlot.sync('time');
@@ -96,16 +99,24 @@ function axes(options: LinesOptions): uPlot.Axis[] {
 	];
 }
 
+/* Values between gaps, of which a line shows nothing. */
+function lonely(values: ArrayLike<number | null | undefined>): number[] {
+	const isKnown = (i: number) => (values[i] ?? null) !== null;
+	return Array.from(values, (_, i) => i).filter((i) => isKnown(i) && !isKnown(i - 1) && !isKnown(i + 1));
+}
+
 function series(options: LinesOptions): uPlot.Series[] {
 	return [
 		{},
-		...options.lines.map((line) => ({
+		...options.lines.map((line, i): uPlot.Series => ({
 			label: line.name,
 			stroke: () => colour(line.colour),
 			width: line.stacked ? 0 : 1.5,
 			...(line.stacked ? { fill: () => colour(line.colour) } : {}),
 			spanGaps: false,
-			points: { size: 4, show: options.times.length < 3 },
+			// Where lines lie over each other those below are seen between the dashes, and around the points.
+			dash: line.stacked ? [] : [...(DASHES[i] ?? [])],
+			points: { size: POINTS[i] ?? 4, fill: () => colour(line.colour), show: false, filter: (plot, at) => lonely(plot.data[at] ?? []) },
 		})),
 	];
 }
@@ -117,7 +128,7 @@ function legend(options: LinesOptions): { readonly element: HTMLElement; readonl
 		'div',
 		{ class: 'readout' },
 		options.lines.map((line, i) =>
-			el('span', { class: 'readout-line', style: { '--key': `var(${line.colour})` } }, el('i', { class: 'key' }), line.name, ' ', values[i]),
+			el('span', { class: `readout-line${!line.stacked && i > 0 ? ' is-dashed' : ''}`, style: { '--key': `var(${line.colour})` } }, el('i', { class: 'key' }), line.name, ' ', values[i]),
 		),
 		when,
 	);
