@@ -35,9 +35,9 @@ class App {
 	}
 
 	private show(address: Address): void {
-		this.shell.update(address);
 		const name = JSON.stringify(address.page);
 		try {
+			this.shell.update(address);
 			if (name !== this.shown || !this.page) {
 				this.page?.end?.();
 				this.shown = name;

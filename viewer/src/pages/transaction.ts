@@ -206,7 +206,8 @@ function failureTable(rows: readonly FailureGroup[]): Child {
 }
 
 class TransactionPage implements Page {
-	readonly element: HTMLElement;
+	readonly element = el('div', { class: 'page' });
+	private readonly parts: readonly HTMLElement[];
 	private readonly heading = el('div', { class: 'page-head' });
 	private readonly head = new Panel('', { what: 'The transaction', className: 'flat' });
 	private readonly curves = new Panel('Over time');
@@ -221,17 +222,14 @@ class TransactionPage implements Page {
 	private readonly slowest = new Panel('Slowest requests');
 
 	constructor() {
-		const panels = [this.head, this.findings.panel, this.curves];
-		this.element = el(
-			'div',
-			{ class: 'page' },
+		this.parts = [
 			this.heading,
-			panels.map((panel) => panel.element),
+			...[this.head, this.findings.panel, this.curves].map((panel) => panel.element),
 			el('div', { class: 'columns columns-2' }, this.durations.element, this.layers.element),
 			this.flame.element,
 			el('div', { class: 'columns columns-2' }, this.statements.element, this.functions.element, this.hosts.element, this.errors.element),
 			this.slowest.element,
-		);
+		];
 	}
 
 	title(address: Address): string {
@@ -239,11 +237,18 @@ class TransactionPage implements Page {
 	}
 
 	show(address: Address): void {
-		const txn = address.own.txn ?? '';
+		const txn = address.own.txn;
+		if (!txn) {
+			replace(this.element, emptyState('The address names no transaction.', pageLink('transactions', {}, {}, 'All transactions')));
+			return;
+		}
+		if (this.heading.parentNode !== this.element) {
+			replace(this.element, this.parts);
+		}
 		const narrowed = { ...narrowedBy(address), txn: exactly(txn) };
 		replace(
 			this.heading,
-			el('h1', {}, shortened(txn, 1000) || 'No transaction is named'),
+			el('h1', {}, shortened(txn, 1000)),
 			address.app && el('span', { class: 'muted' }, address.app),
 		);
 		void this.head.fill(async (signal) => head(address, await api.top({ ...narrowed, limit: 1 }, signal)));

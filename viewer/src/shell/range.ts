@@ -1,7 +1,7 @@
 /* The time that is looked at: some last hours, or from one moment to another. */
 import { changed, go, here, timeOf, USUAL_RANGE, type Address } from '../state/address';
 import { openDialog } from '../ui/dialog';
-import { el, replace } from '../ui/dom';
+import { el, replace, shortened } from '../ui/dom';
 import { time } from '../ui/format';
 
 const PRESETS: readonly (readonly [string, string])[] = [
@@ -16,14 +16,18 @@ const PRESETS: readonly (readonly [string, string])[] = [
 ];
 const CUSTOM = 'custom';
 
+/* What is no time is named as it stands in the address. */
+function momentText(text: string): string {
+	const ms = timeOf(text, Date.now());
+	return Number.isNaN(ms) ? `"${shortened(text, 20)}"` : time(ms);
+}
+
 export function rangeText(address: Address): string {
 	const preset = PRESETS.find(([from]) => from === address.from && !address.to);
 	if (preset) {
 		return preset[1];
 	}
-	const now = Date.now();
-	const end = address.to ? time(timeOf(address.to, now)) : 'now';
-	return `${time(timeOf(address.from, now))} to ${end}`;
+	return `${momentText(address.from)} to ${address.to ? momentText(address.to) : 'now'}`;
 }
 
 /* As `datetime-local` has it: in the viewer's zone, without its name. */

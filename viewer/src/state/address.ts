@@ -108,7 +108,8 @@ export function timeOf(text: string, now: number): number {
 	if (count !== undefined && unit !== undefined) {
 		return now - Number(count) * (UNITS[unit] ?? NaN);
 	}
-	return /^\d{9,}$/.test(text) ? Number(text) : Date.parse(text);
+	// There are no later days than those that a date can hold.
+	return new Date(/^\d{9,}$/.test(text) ? Number(text) : text).getTime();
 }
 
 /* The same view at any later time: no time counts from now. */

@@ -112,6 +112,10 @@ class TracePage implements Page {
 
 	show(address: Address): void {
 		const id = address.own.id ?? '';
+		if (id === '') {
+			replace(this.element, emptyState(`The address names no ${this.kind}.`, pageLink('search', {}, {}, 'Search requests')));
+			return;
+		}
 		const { from, to, app, host } = address;
 		const filters = [from, to, app, host].join(' ');
 		const isOnlyFilters = id === this.shown && filters !== this.filters;

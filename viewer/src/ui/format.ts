@@ -108,8 +108,16 @@ const clock = new Intl.DateTimeFormat('en-GB', { hour: '2-digit', minute: '2-dig
 const day = new Intl.DateTimeFormat('en-GB', { day: 'numeric', month: 'short' });
 const year = new Intl.DateTimeFormat('en-GB', { day: 'numeric', month: 'short', year: 'numeric' });
 
+/* Whether a calendar reaches there. */
+function isTime(ms: number): boolean {
+	return !Number.isNaN(new Date(ms).getTime());
+}
+
 /* `14:03:22` of today, else `21 Nov 14:03:22`. */
 export function time(ms: number, now = Date.now()): string {
+	if (!isTime(ms)) {
+		return NOTHING;
+	}
 	const [then, today] = [new Date(ms), new Date(now)];
 	if (then.toDateString() === today.toDateString()) {
 		return clock.format(then);
@@ -124,6 +132,9 @@ function padded(value: number, length = 2): string {
 
 /* `2026-11-22 14:03:22.250 +01:00`, in the viewer's zone. */
 export function exactTime(ms: number): string {
+	if (!isTime(ms)) {
+		return NOTHING;
+	}
 	const then = new Date(ms);
 	const offset = -then.getTimezoneOffset();
 	const date = [then.getFullYear(), padded(then.getMonth() + 1), padded(then.getDate())].join('-');
@@ -144,5 +155,5 @@ export function ago(ms: number, now = Date.now()): string {
 
 /* A moment, with the exact one on hover. */
 export function timeElement(ms: number, text = time(ms)): HTMLTimeElement {
-	return el('time', { datetime: new Date(ms).toISOString(), title: exactTime(ms) }, text);
+	return el('time', { datetime: isTime(ms) ? new Date(ms).toISOString() : undefined, title: exactTime(ms) }, text);
 }
