@@ -2,6 +2,7 @@
 import { PAGE_PROGRAMS } from './pages/index';
 import { startShell, type Shell } from './shell/shell';
 import { followLinks, here, hrefOf, elsewhere, onAddress, type Address } from './state/address';
+import { beginAtTop, startPlaces } from './state/place';
 import { el, replace } from './ui/dom';
 import { setPageCommands, startKeys } from './ui/keys';
 import type { Page } from './ui/page';
@@ -44,7 +45,7 @@ class App {
 				this.page = begin(address);
 				replace(this.shell.main, this.page.element);
 				setPageCommands(this.page.commands ?? []);
-				scrollTo(0, 0);
+				beginAtTop();
 			}
 			document.title = `${this.page.title(address)} – kaq`;
 			this.page.show(address);
@@ -59,3 +60,4 @@ startTheme();
 startKeys();
 followLinks();
 export const app = new App();
+startPlaces();

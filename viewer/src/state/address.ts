@@ -3,6 +3,7 @@
  * only place where that is held, so that a link restores a view exactly, and nothing but this file
  * knows how it is written.
  */
+import { savePlace } from './place';
 
 export const PAGES = [
 	'overview',
@@ -143,8 +144,9 @@ function announce(): void {
 export function go(address: Address, how: 'push' | 'replace' = 'push'): void {
 	const href = hrefOf(address);
 	if (how === 'replace' || href === hrefOf(here())) {
-		history.replaceState(null, '', href);
+		history.replaceState(history.state, '', href);
 	} else {
+		savePlace();
 		history.pushState(null, '', href);
 	}
 	announce();
@@ -153,7 +155,7 @@ export function go(address: Address, how: 'push' | 'replace' = 'push'): void {
 /* Holds something in the address that the page already shows, such as what is selected. */
 export function remember(changes: Changes): void {
 	present = changed(here(), changes);
-	history.replaceState(null, '', hrefOf(present));
+	history.replaceState(history.state, '', hrefOf(present));
 }
 
 /* REQUIRES: it ends with the page, or with the program that is returned. */
