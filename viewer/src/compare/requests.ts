@@ -1,6 +1,7 @@
 /* Two requests, or one and the typical one of its transaction: what grew, by count or by duration. */
 import { api } from '../api/services';
 import type { Comparison, Difference, RequestRow } from '../api/types';
+import { heldSort } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { bar } from '../ui/figures';
 import { count, duration, plural, timeElement } from '../ui/format';
@@ -66,7 +67,7 @@ function differences(rows: readonly Difference[]): HTMLElement {
 		{ key: 'self', title: 'Own time', align: 'right', by: (row) => row.self_after_ms, cell: (row) => `${duration(row.self_before_ms)} → ${duration(row.self_after_ms)}` },
 		{ key: 'total', title: 'With its calls', align: 'right', by: (row) => row.total_after_ms, cell: (row) => `${duration(row.total_before_ms)} → ${duration(row.total_after_ms)}` },
 	];
-	return table({ caption: 'What differs', columns, rows });
+	return table({ caption: 'What differs', columns, rows, ...heldSort() });
 }
 
 function shown(found: Comparison): Child {

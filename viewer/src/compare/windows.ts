@@ -3,6 +3,7 @@ import { api } from '../api/services';
 import type { FailureGroup, Statement, TopRow } from '../api/types';
 import { exactly } from '../pages/scope';
 import { timeOf, type Address } from '../state/address';
+import { heldSort } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { bar } from '../ui/figures';
 import { duration, perMinute, plural, share, shortCount, timeElement } from '../ui/format';
@@ -106,7 +107,7 @@ function transactions(rows: readonly Pair<TopRow>[], windows: Windows): HTMLElem
 		{ key: 'queries', title: 'Queries', align: 'right', by: (row) => (row.after?.queries_per_request ?? 0) - (row.before?.queries_per_request ?? 0), cell: (row) => change(row.before?.queries_per_request, row.after?.queries_per_request, shortCount) },
 		{ key: 'errors', title: 'Errors', align: 'right', by: (row) => (row.after?.error_share ?? 0) - (row.before?.error_share ?? 0), cell: (row) => change(row.before?.error_share, row.after?.error_share, share) },
 	];
-	return table({ caption: 'Transactions before and after', columns, rows, sort: 'growth' });
+	return table({ caption: 'Transactions before and after', columns, rows, ...heldSort('growth') });
 }
 
 function statements(rows: readonly Pair<Statement>[], windows: Windows): HTMLElement {
@@ -130,7 +131,7 @@ function statements(rows: readonly Pair<Statement>[], windows: Windows): HTMLEle
 		{ key: 'mean', title: 'Mean', align: 'right', by: (row) => (row.after?.mean_ms ?? 0) - (row.before?.mean_ms ?? 0), cell: (row) => change(row.before?.mean_ms, row.after?.mean_ms, duration) },
 		{ key: 'example', title: 'Example', cell: (row) => requestLink(one(row)?.example ?? '', 'open') },
 	];
-	return table({ caption: 'Statements before and after', columns, rows: rows.slice(0, ROWS), sort: 'growth' });
+	return table({ caption: 'Statements before and after', columns, rows: rows.slice(0, ROWS), ...heldSort('growth', 'statements') });
 }
 
 function errorTable(rows: readonly FailureGroup[]): HTMLElement {

@@ -1,6 +1,7 @@
 /* Failures, grouped by class, place and message without what varies. */
 import { api } from '../api/services';
 import type { FailureGroup } from '../api/types';
+import { shortKey } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { count, plural, shortCount, time, timeElement } from '../ui/format';
 import { pageLink, requestLink, term, transactionLink } from '../ui/link';
@@ -61,6 +62,7 @@ export const errorsPage = groupPage<FailureGroup>({
 	},
 	columns: (answer, address) => columns(answer, address.app),
 	open: (row, address) => open(row, groupCurve(address, { kind: 'error', text: row.key, app: row.application, shows: 'count' })),
+	keyOf: (row) => shortKey(row.application, row.key),
 	insteadOfHost: () => pageLink('search', {}, { q: 'has:error' }, 'Requests of this host with errors'),
 	empty: () => emptyState('No error and no exception in this time.'),
 });

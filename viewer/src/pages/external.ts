@@ -1,6 +1,7 @@
 /* Hosts that are called over HTTP. */
 import { api } from '../api/services';
 import type { CalledHost } from '../api/types';
+import { shortKey } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { count, duration, shortCount, timeElement } from '../ui/format';
 import { pageLink, requestLink, transactionLink } from '../ui/link';
@@ -56,6 +57,7 @@ export const externalPage = groupPage<CalledHost>({
 	},
 	columns: (answer, address) => columns(answer, address.app),
 	open: (row, address) => open(row, groupCurve(address, { kind: 'host', text: row.host, app: row.application, shows: 'durations' })),
+	keyOf: (row) => shortKey(row.application, row.host),
 	ofHost: {
 		title: 'Address',
 		layer: 'http',

@@ -1,7 +1,8 @@
 /* Pages that list groups: statements, errors, external hosts. Each row opens to where it comes from. */
 import { api } from '../api/services';
 import type { FigureKind, Range } from '../api/types';
-import { here, remember, type Address } from '../state/address';
+import { here, type Address } from '../state/address';
+import { heldRows, heldSort } from '../state/held';
 import { el, type Child } from '../ui/dom';
 import { duration } from '../ui/format';
 import { lines } from '../ui/lines';
@@ -31,6 +32,8 @@ export interface GroupPage<Row> {
 	readonly ask: (parameters: GroupParameters, signal: AbortSignal) => Promise<GroupAnswer<Row>>;
 	readonly columns: (answer: GroupAnswer<Row>, address: Address) => readonly Column<Row>[];
 	readonly open: (row: Row, address: Address) => Child;
+	/* What tells it from others. */
+	readonly keyOf: (row: Row) => string;
 	/* What can be told of one host; figures are kept over all of them. */
 	readonly ofHost?: SampledOf;
 	/* Where it cannot, what can be asked instead. */
@@ -84,8 +87,8 @@ export function groupPage<Row>(page: GroupPage<Row>): () => Page {
 					caption: page.title,
 					columns: page.columns(answer, address),
 					rows: answer.rows,
-					sort: address.own.sort ?? page.sort,
-					onSort: (sort) => remember({ own: { sort } }),
+					...heldSort(page.sort),
+					held: heldRows(page.keyOf),
 					open: (row) => page.open(row, here()),
 				}),
 				answer.more && el('p', { class: 'muted small' }, `These are the first ${MOST}.`),

@@ -1,6 +1,7 @@
 /* Services and what they call. */
 import { api } from '../api/services';
 import { changed, go, here, type Address } from '../state/address';
+import { heldSort } from '../state/held';
 import { drawGraph } from '../map/drawing';
 import { folded } from '../map/folding';
 import { graphOf, type Graph, type GraphEdge, type GraphNode, type NodeKind } from '../map/graph';
@@ -41,7 +42,7 @@ function edgeTable(graph: Graph, minutes: number): HTMLElement {
 		},
 		{ key: 'example', title: 'Example', cell: (row) => requestLink(row.example, 'open') },
 	];
-	return table({ caption: 'Calls', columns, rows: graph.edges, sort: 'total' });
+	return table({ caption: 'Calls', columns, rows: graph.edges, ...heldSort('total') });
 }
 
 /* The way back from all of a kind. */

@@ -4,7 +4,8 @@
  */
 import { api } from '../api/services';
 import type { Layer, Part, Profile } from '../api/types';
-import { remember, type Address } from '../state/address';
+import type { Address } from '../state/address';
+import { heldRows, heldSort, shortKey } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { count, duration, plural, share, shortCount } from '../ui/format';
 import { pageHref } from '../ui/link';
@@ -97,7 +98,7 @@ export async function ofHost(address: Address, of: SampledOf, signal: AbortSigna
 		),
 		rows.length === 0
 			? of.empty()
-			: table({ caption: of.title, columns: columns(profile, of), rows, sort: address.own.sort ?? 'time', onSort: (sort) => remember({ own: { sort } }), open: (row) => open(row, of) }),
+			: table({ caption: of.title, columns: columns(profile, of), rows, ...heldSort('time'), open: (row) => open(row, of), held: heldRows<Sampled>(({ name }) => shortKey(name)) }),
 	];
 }
 

@@ -1,6 +1,7 @@
 /* Statements, grouped, with where they come from. */
 import { api } from '../api/services';
 import type { Statement } from '../api/types';
+import { shortKey } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { count, duration, shortCount } from '../ui/format';
 import { pageHref, pageLink, requestLink, term, transactionLink } from '../ui/link';
@@ -16,6 +17,11 @@ const LONGEST_SHOWN = 20000;
 export function statementQuery(statement: string): string {
 	const words = statement.split(/[^\p{L}\p{N}_]+/u).filter(Boolean).slice(0, MOST_WORDS);
 	return words.length > 0 ? term('sql', words.join(' ')) : '';
+}
+
+/* Tells it from others. */
+export function statementKey(row: Statement): string {
+	return shortKey(row.application, row.statement, row.component, row.server, row.database);
 }
 
 export function statementCell(row: Statement): HTMLElement {
@@ -84,6 +90,7 @@ export const queriesPage = groupPage<Statement>({
 	columns: (answer, address) => columns(answer, address.app),
 	open: (row, address) =>
 		openStatement(row, groupCurve(address, { kind: 'statement', text: row.statement, app: row.application, shows: 'durations' })),
+	keyOf: statementKey,
 	ofHost: {
 		title: 'Statement',
 		layer: 'database',

@@ -4,6 +4,7 @@ import type { RequestRow, Requests } from '../api/types';
 import { queryField } from '../search/query_field';
 import { boxText, isIn, parseBox, scatter, type Box } from '../search/scatter';
 import { changed, elsewhere, go, here, timeOf, type Address } from '../state/address';
+import { heldSort } from '../state/held';
 import { el, type Child } from '../ui/dom';
 import { duration, plural, time } from '../ui/format';
 import { term } from '../ui/link';
@@ -31,7 +32,7 @@ function orderSwitch(address: Address): HTMLElement {
 			{
 				type: 'button',
 				'aria-pressed': String(order === value),
-				on: { click: () => go(changed(here(), { own: { order: value === 'newest' ? '' : value, box: '' } })) },
+				on: { click: () => go(changed(here(), { own: { order: value === 'newest' ? '' : value, box: '', sort: '' } })) },
 			},
 			text,
 		);
@@ -85,7 +86,7 @@ function results(found: Requests, address: Address): Child {
 			onOpen: (request) => go(elsewhere(here(), 'request', { id: request.id }, { q: '' })),
 		}),
 		box && selection(box, shown),
-		table({ caption: 'Requests', columns: requestColumns({ without: address.app ? ['application'] : [] }), rows: shown }),
+		table({ caption: 'Requests', columns: requestColumns({ without: address.app ? ['application'] : [] }), rows: shown, ...heldSort() }),
 	];
 }
 

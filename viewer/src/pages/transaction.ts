@@ -1,7 +1,8 @@
 /* One transaction: how long it takes, where the time goes, and requests that show it. */
 import { api } from '../api/services';
 import type { Bucket, CalledHost, Curve, FailureGroup, Mark, Profile, ProfileSums, Statement, Top } from '../api/types';
-import type { Address } from '../state/address';
+import { here, remember, type Address } from '../state/address';
+import { heldRows, heldSort } from '../state/held';
 import { el, replace, shortened, type Child } from '../ui/dom';
 import { apdexLevel, errorLevel, figures } from '../ui/figures';
 import { bytes, count, duration, perMinute, plural, score, share, shortCount } from '../ui/format';
@@ -19,7 +20,7 @@ import { failureCell } from './errors';
 import { hostCell } from './external';
 import { markList, marksOf } from './marks';
 import { findingsPanel, isEstimate } from './overview';
-import { openStatement, statementCell } from './queries';
+import { openStatement, statementCell, statementKey } from './queries';
 import { ofAllHosts } from './of_host';
 import { exactly, narrowedBy, scopeOf, stepFor } from './scope';
 
@@ -182,7 +183,7 @@ function statementTable(rows: readonly Statement[], requests: number): Child {
 		{ key: 'total', title: 'In all', align: 'right', cell: (row) => duration(row.total_ms) },
 		{ key: 'example', title: 'Example', cell: (row) => requestLink(row.example, 'open') },
 	];
-	return table({ caption: 'Statements', columns, rows, open: openStatement });
+	return table({ caption: 'Statements', columns, rows, open: openStatement, held: heldRows(statementKey) });
 }
 
 function hostTable(rows: readonly CalledHost[]): Child {
@@ -285,7 +286,7 @@ class TransactionPage implements Page {
 		part(this.layers, layersPart);
 		part(this.functions, functionTable);
 		part(this.flame, (profile) => [
-			icicle(profile.rows, profile.requests),
+			icicle(profile.rows, profile.requests, { key: here().own.frame ?? '', onLook: (frame) => remember({ own: { frame } }) }),
 			el('p', { class: 'muted small' }, `Calls of ${plural(profile.requests, 'stored request')} from all over this time, added up. A box opens what is below it.`),
 		]);
 	}
@@ -314,7 +315,7 @@ class TransactionPage implements Page {
 			const found = await api.requests({ ...scopeOf(address), q, order: 'slowest', limit: 2 * ROWS }, signal);
 			return found.requests.length === 0
 				? emptyState('None of its requests is stored any more.', 'Take a later time.')
-				: table({ caption: 'Slowest requests', columns: requestColumns({ without: ['name', 'application'] }), rows: found.requests });
+				: table({ caption: 'Slowest requests', columns: requestColumns({ without: ['name', 'application'] }), rows: found.requests, ...heldSort() });
 		});
 	}
 

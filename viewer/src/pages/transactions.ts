@@ -1,7 +1,8 @@
 /* All transactions with their figures. */
 import { api } from '../api/services';
 import type { Top, TopRow } from '../api/types';
-import { changed, go, here, remember, type Address } from '../state/address';
+import { changed, go, here, type Address } from '../state/address';
+import { heldSort } from '../state/held';
 import { el, type Child } from '../ui/dom';
 import { apdexLevel } from '../ui/figures';
 import { count, duration, perMinute, plural, score, share, shortCount } from '../ui/format';
@@ -91,8 +92,7 @@ function content(address: Address, top: Top): Child {
 			caption: 'Transactions',
 			columns: columns(top, address),
 			rows: top.transactions,
-			sort: address.own.sort ?? 'time',
-			onSort: (sort) => remember({ own: { sort } }),
+			...heldSort('time'),
 		}),
 		note(address, top),
 	];

@@ -1,5 +1,6 @@
 /* An aggregated flame graph: each row of a profile below the calls around it, as wide as its time. */
 import type { Layer, ProfileRow } from '../api/types';
+import { shortKey } from '../state/held';
 import { append, el, replace, shortened } from './dom';
 import { duration, plural, share } from './format';
 
@@ -14,20 +15,39 @@ interface Place {
 	readonly depth: number;
 }
 
+/* Which box is looked at, and what is told when that changes. */
+export interface HeldBox {
+	readonly key: string;
+	readonly onLook: (key: string) => void;
+}
+
 class Icicle {
 	readonly element: HTMLElement;
 	private readonly boxes = el('div', { class: 'icicle-boxes' });
 	private readonly path = el('p', { class: 'icicle-path row' });
 	private readonly children: number[][];
+	private onLook: (row: number) => void = () => undefined;
 
 	constructor(
 		private readonly rows: readonly ProfileRow[],
 		private readonly requests: number,
+		held: HeldBox,
 	) {
 		this.children = rows.map(() => []);
 		rows.forEach((row, i) => this.children[row.parent]?.push(i));
 		this.element = el('div', { class: 'icicle' }, this.path, this.boxes);
-		this.look(0);
+		const keys = this.keys();
+		this.look(Math.max(0, keys.indexOf(held.key)));
+		this.onLook = (row) => held.onLook(row === 0 ? '' : (keys[row] ?? ''));
+	}
+
+	/* Of each row, from what it is called and under what. */
+	private keys(): readonly string[] {
+		const keys: string[] = [];
+		for (const row of this.rows) {
+			keys.push(shortKey(keys[row.parent] ?? '', row.layer, row.name, row.detail ?? ''));
+		}
+		return keys;
 	}
 
 	/* From this row down. */
@@ -52,6 +72,7 @@ class Icicle {
 		}
 		this.boxes.style.setProperty('height', `${(deepest + 1) * ROW}px`);
 		this.drawPath(top);
+		this.onLook(top);
 	}
 
 	private box(row: ProfileRow, place: Place, width: number): HTMLElement {
@@ -94,6 +115,6 @@ class Icicle {
 	}
 }
 
-export function icicle(rows: readonly ProfileRow[], requests: number): HTMLElement {
-	return new Icicle(rows, requests).element;
+export function icicle(rows: readonly ProfileRow[], requests: number, held: HeldBox): HTMLElement {
+	return new Icicle(rows, requests, held).element;
 }

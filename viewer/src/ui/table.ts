@@ -34,6 +34,12 @@ export interface TableOptions<Row> {
 	readonly onSort?: (sort: string) => void;
 	/* What a row has below it once it is opened. */
 	readonly open?: (row: Row) => Child;
+	/* Which rows are opened, by a key of each, and what is told when that changes. */
+	readonly held?: {
+		readonly keyOf: (row: Row) => string;
+		readonly opened: ReadonlySet<string>;
+		readonly onOpened: (keys: ReadonlySet<string>) => void;
+	};
 }
 
 const AT_ONCE = 100;
@@ -76,9 +82,11 @@ class Table<Row> {
 	private shown = 0;
 	private rows: readonly Row[];
 	private sort: Sort;
+	private readonly opened: Set<string>;
 
 	constructor(private readonly options: TableOptions<Row>) {
 		this.sort = parseSort(options.sort ?? '');
+		this.opened = new Set(options.held?.opened);
 		this.rows = sorted(options, this.sort);
 		this.element = el(
 			'div',
@@ -144,40 +152,44 @@ class Table<Row> {
 	}
 
 	private rowElement(row: Row): HTMLElement {
-		const { columns, open } = this.options;
+		const { columns, open, held } = this.options;
 		const element = el('tr', { 'data-row': true });
 		append(
 			element,
-			open && el('td', { class: 'opener-cell' }, this.opener(element, () => open(row))),
+			open && el('td', { class: 'opener-cell' }, this.opener(element, () => open(row), held?.keyOf(row))),
 			columns.map((column) => el('td', { class: this.classOf(column), 'data-title': column.title }, column.cell(row))),
 		);
 		return element;
 	}
 
-	private opener(row: HTMLElement, content: () => Child): HTMLElement {
+	private opener(row: HTMLElement, content: () => Child, key: string | undefined): HTMLElement {
 		let below: HTMLElement | undefined;
+		const turn = () => {
+			if (below) {
+				below.remove();
+				below = undefined;
+			} else {
+				below = el('tr', { class: 'details-row' }, el('td', { colspan: this.options.columns.length + 1 }, content()));
+				row.after(below);
+			}
+			button.setAttribute('aria-expanded', String(below !== undefined));
+		};
+		const turnAndTell = () => {
+			turn();
+			if (key !== undefined) {
+				this.opened[below ? 'add' : 'delete'](key);
+				this.options.held?.onOpened(this.opened);
+			}
+		};
 		const button: HTMLButtonElement = el(
 			'button',
-			{
-				type: 'button',
-				class: 'opener',
-				'aria-expanded': 'false',
-				'aria-label': 'Details',
-				on: {
-					click: () => {
-						if (below) {
-							below.remove();
-							below = undefined;
-						} else {
-							below = el('tr', { class: 'details-row' }, el('td', { colspan: this.options.columns.length + 1 }, content()));
-							row.after(below);
-						}
-						button.setAttribute('aria-expanded', String(below !== undefined));
-					},
-				},
-			},
+			{ type: 'button', class: 'opener', 'aria-expanded': 'false', 'aria-label': 'Details', on: { click: turnAndTell } },
 			'▸',
 		);
+		if (key !== undefined && this.opened.has(key)) {
+			// What is below stands behind the row once that has its place.
+			queueMicrotask(turn);
+		}
 		return button;
 	}
 
