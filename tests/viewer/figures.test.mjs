@@ -231,6 +231,235 @@ test('where figures are of all hosts the page says so, and leads to those of one
 	assert.equal(parseInt(await page.getByRole('status').textContent(), 10), expected.length);
 });
 
+const UNITS = { ms: 1, s: 1000, min: 60000, h: 3600000, d: 86400000, '%': 0.01, k: 1e3, M: 1e6, G: 1e9, KiB: 1024, MiB: 1 << 20 };
+
+/* What a text such as `~ 2 min 5 s`, `12.3 k`, `0.4 %` or `+1.2/min` says, in milliseconds, shares or times; null: nothing. */
+function figure(text) {
+	if (text.startsWith('–')) {
+		return null;
+	}
+	const parts = [...text.replaceAll(',', '').matchAll(/(-?[\d.]+) ?(ms|s|min|h|d|%|k|M|G|KiB|MiB)?(?![a-z])/g)];
+	const sign = parts[0][1].startsWith('-') ? -1 : 1;
+	return sign * parts.reduce((sum, [, number, unit]) => sum + Math.abs(Number(number)) * (unit === undefined ? 1 : UNITS[unit]), 0);
+}
+
+/* Three digits are shown; of milliseconds whole ones, below ten of them tenths. */
+function assertFigure(text, exact, what) {
+	if (exact === null || exact === undefined) {
+		assert.equal(figure(text), null, what);
+		return;
+	}
+	const least = text.includes('%') ? 0.0001 : text.endsWith(' ms') && Math.abs(exact) >= 9.9 ? 0.501 : 0.051;
+	assert.ok(Math.abs(figure(text) - exact) <= Math.abs(exact) * 0.006 + least, `${what}: ${text} is not ${exact}`);
+}
+
+/* The cells of each row by their titles; of times, the exact one. */
+async function rowsOf(scope) {
+	return scope.locator('tbody tr[data-row]').evaluateAll((rows) =>
+		rows.map((row) =>
+			Object.fromEntries(
+				[...row.querySelectorAll('td[data-title]')].map((cell) => [cell.dataset.title, cell.querySelector('time')?.dateTime ?? cell.innerText.split('\n')[0].trim()]),
+			),
+		),
+	);
+}
+
+/* Every cell is what `expected` gives for its column; the rows stand in the order of `answers`. */
+function assertRows(shown, answers, expected, name) {
+	assert.equal(shown.length, answers.length);
+	assert.ok(answers.length > 0);
+	answers.forEach((answer, i) => {
+		for (const [title, value] of Object.entries(expected(answer))) {
+			assert.ok(title in shown[i], `there is no column ${title}`);
+			assertFigure(shown[i][title], value, `${name(answer)}, ${title}`);
+		}
+	});
+}
+
+const DURATIONS = (row) => ({ p50: row.p50_ms, p95: row.p95_ms, p99: row.p99_ms });
+
+/* Most time first, as the pages have them. */
+const byTime = (rows) => [...rows].sort((one, other) => other.time_share - one.time_share);
+
+test('every figure of every transaction is the interface\'s', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/transactions`);
+	const { transactions } = await collector.ask('/api/v1/top', { from: '1h', limit: 500 });
+	const requests = await allRequests();
+	const shown = await rowsOf(page);
+	assertRows(
+		shown,
+		byTime(transactions),
+		(row) => ({
+			...DURATIONS(row), Time: row.time_share, Calls: row.requests, Rate: row.calls_per_minute, Errors: row.error_share,
+			Apdex: row.apdex, Queries: row.queries_per_request, Database: row.database_ms, External: row.external_ms,
+		}),
+		(row) => row.transaction,
+	);
+	byTime(transactions).forEach((row, i) => {
+		const own = requests.filter((each) => each.application === row.application && each.name === row.transaction);
+		assertDuration(shown[i].p95, percentile(own.map((each) => each.duration_ms), 0.95));
+	});
+});
+
+/* `least to most, at the end last` of a line, as it is said to those who do not see it. */
+async function assertLine(scope, label, name, values, unit = '') {
+	const text = await scope.getByRole('img', { name: new RegExp(`^${label}`) }).getAttribute('aria-label');
+	const [, least, most, last] = new RegExp(`[.;] ${name}: (.*?) to (.*?), at the end ([^;]*)`).exec(text) ?? assert.fail(`${text} says nothing of ${name}`);
+	const known = values.filter((each) => each !== null);
+	for (const [said, exact] of [[least, Math.min(...known)], [most, Math.max(...known)], [last, known.at(-1)]]) {
+		assertFigure(said + unit, exact, `${label}, ${name}`);
+	}
+}
+
+test('the figures and lines of each application are the interface\'s', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/`);
+	const { applications, step_ms: step } = await collector.ask('/api/v1/applications', { from: '1h' });
+	for (const { application, points, ...row } of applications) {
+		const scope = page.locator(`.application[aria-label="${application}"]`);
+		const shown = await figuresOf(scope);
+		for (const [name, value] of Object.entries({ ...DURATIONS(row), Requests: row.requests, Rate: row.calls_per_minute, Errors: row.error_share, Apdex: row.apdex })) {
+			assertFigure(shown[name], value, `${application}, ${name}`);
+		}
+		// The last step may have begun between the two questions.
+		const ended = points.filter((each) => each.count > 0);
+		await assertLine(scope, 'Apdex', 'Apdex', ended.map((each) => each.apdex));
+		for (const name of ['p50', 'p95', 'p99']) {
+			await assertLine(scope, 'Durations', name, ended.map((each) => each[`${name}_ms`]));
+		}
+		await assertLine(scope, 'Share of failed requests', 'Errors', ended.map((each) => each.failed / each.count));
+		const busiest = Math.max(...ended.map((each) => (each.count * 60000) / step));
+		const text = await scope.getByRole('img', { name: /^Requests per minute/ }).getAttribute('aria-label');
+		assertFigure(/ to ([^,]*),/.exec(text)[1], busiest, `${application}, requests per minute`);
+	}
+});
+
+test('every figure of statements, errors and external hosts is the interface\'s', async () => {
+	const { page } = opened;
+	const { statements } = await collector.ask('/api/v1/queries', { from: '1h' });
+	await show(page, `${collector.url}/queries`);
+	assertRows(
+		await rowsOf(page),
+		byTime(statements),
+		(row) => ({ Time: row.time_share, 'In all': row.total_ms, Times: row.count, Mean: row.total_ms / row.count, p95: row.p95_ms, Longest: row.longest_ms, Errors: row.error_share }),
+		(row) => row.statement,
+	);
+	const { errors } = await collector.ask('/api/v1/errors', { from: '1h' });
+	await show(page, `${collector.url}/errors`);
+	const groups = [...errors].sort((one, other) => other.count - one.count);
+	const shown = await rowsOf(page);
+	assertRows(shown, groups, (row) => ({ Times: row.count, Requests: row.requests, Ended: row.fatal }), (row) => row.type);
+	groups.forEach((row, i) => {
+		assert.equal(Date.parse(shown[i].First), row.first_ms);
+		assert.equal(Date.parse(shown[i].Last), row.last_ms);
+	});
+	const failing = (await allRequests({ q: 'app:Shop txn:"/checkout"' })).map((each) => each.start_ms);
+	const first = Date.parse(shown[groups.findIndex((row) => row.type === 'PaymentFailed')].First);
+	assert.ok(Math.abs(first - Math.min(...failing)) < 5000);
+	const { hosts } = await collector.ask('/api/v1/calls', { from: '1h' });
+	await show(page, `${collector.url}/external`);
+	assertRows(
+		await rowsOf(page),
+		byTime(hosts),
+		(row) => ({ ...DURATIONS(row), Time: row.time_share, Calls: row.count, Longest: row.longest_ms, Errors: row.error_share }),
+		(row) => row.host,
+	);
+});
+
+/* Sums over the stored requests of a transaction, one by one. */
+async function storedSums(query) {
+	const requests = await allRequests({ q: query });
+	const sums = { requests: requests.length, layers: {}, calls: new Map() };
+	for (const { id } of requests) {
+		const { spans, layers } = await collector.ask('/api/v1/request', { id });
+		for (const [layer, ms] of Object.entries(layers)) {
+			sums.layers[layer] = (sums.layers[layer] ?? 0) + ms;
+		}
+		for (const { name, duration_ms: took } of spans) {
+			const sum = sums.calls.get(name) ?? { count: 0, total: 0 };
+			sums.calls.set(name, { count: sum.count + 1, total: sum.total + took });
+		}
+	}
+	return sums;
+}
+
+test('the figures of one transaction are those of its requests', async () => {
+	const { page } = opened;
+	const parameters = { from: '1h', app: 'Shop', txn: '/order' };
+	const { transactions } = await collector.ask('/api/v1/top', parameters);
+	const { statements } = await collector.ask('/api/v1/queries', parameters);
+	const sums = await storedSums('app:Shop txn:"/order"');
+	await show(page, `${collector.url}/transaction?app=Shop&txn=%2Forder`);
+	const [row] = transactions;
+	const shown = await figuresOf(page);
+	const expected = {
+		...DURATIONS(row), Calls: row.requests, Rate: row.calls_per_minute, 'Share of all time': row.time_share, Errors: row.error_share,
+		Apdex: row.apdex, Queries: row.queries_per_request, CPU: row.cpu_ms, Memory: row.memory_bytes,
+	};
+	for (const [name, value] of Object.entries(expected)) {
+		assertFigure(shown[name], value, name);
+	}
+	const table = (caption) => page.locator('.table', { has: page.getByRole('table', { name: caption, exact: true }) });
+	assertRows(
+		await rowsOf(table('Statements')),
+		statements.slice(0, 5),
+		(each) => ({ 'Per call': each.count / sums.requests, Mean: each.total_ms / each.count, 'In all': each.total_ms }),
+		(each) => each.statement,
+	);
+	const legend = await page.locator('.layer-sums > span').allTextContents();
+	for (const [name, layer] of [['database', 'database'], ['HTTP', 'http']]) {
+		assertFigure(legend.find((each) => each.startsWith(`${name} `)).slice(name.length + 1).replace(/ \S+ %$/, ''), sums.layers[layer] / sums.requests, name);
+	}
+	const boxes = await page.locator('.icicle-box').evaluateAll((list) => list.map((each) => each.title.split('\n')));
+	for (const name of ['main', 'Client::get', 'PDO::query']) {
+		const text = boxes.find((each) => each[0] === name);
+		assertFigure(/^(.*) per request,/.exec(text.at(-2))[1], sums.calls.get(name).total / sums.requests, name);
+		assert.equal(figure(text.at(-1)), sums.calls.get(name).count + sums.requests, name);
+	}
+});
+
+test('what grew between two requests is the interface\'s', async () => {
+	const { page } = opened;
+	const requests = await allRequests({ q: 'txn:"/cart"', order: 'slowest' });
+	const [a, b] = [requests.at(-1).id, requests[0].id];
+	const { differences } = await collector.ask('/api/v1/compare', { a, b, limit: 300 });
+	await show(page, `${collector.url}/compare?what=requests&a=${a}&b=${b}`);
+	const shown = await rowsOf(page);
+	assert.equal(shown.length, differences.length);
+	differences.forEach((row, i) => {
+		assertFigure(shown[i].Growth, row.growth_ms, row.name);
+		assert.equal(shown[i].Growth.startsWith('+'), row.growth_ms > 0);
+		for (const [title, before, after] of [['Calls', row.count_before, row.count_after], ['Own time', row.self_before_ms, row.self_after_ms], ['With its calls', row.total_before_ms, row.total_after_ms]]) {
+			const [one, other] = shown[i][title].split(' → ');
+			assertFigure(one, before, `${row.name}, ${title}`);
+			assertFigure(other, after, `${row.name}, ${title}`);
+		}
+	});
+});
+
+test('the map says of each service and of each call what the interface does', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/map`);
+	const { applications } = await collector.ask('/api/v1/applications', { from: '1h' });
+	for (const row of applications) {
+		const text = await page.locator('.map-application', { has: page.locator('b', { hasText: new RegExp(`^${row.application}$`) }) }).innerText();
+		const [, rate, p95, errors] = /\n(.*?) · p95 (.*?) · (.*) errors/.exec(text);
+		assertFigure(rate, row.calls_per_minute, row.application);
+		assertFigure(p95, row.p95_ms, row.application);
+		assertFigure(errors === 'no' ? '0 %' : errors, row.error_share, row.application);
+	}
+	const { hosts } = await collector.ask('/api/v1/calls', { from: '1h' });
+	const shown = await rowsOf(page);
+	for (const [from, to, host] of [['Shop', 'Stock', 'stock.example'], ['Shop', 'Prices', 'prices.example'], ['Shop', 'pay.example', 'pay.example'], ['Prices', 'rates.example', 'rates.example']]) {
+		const row = shown.find((each) => each.From === from && each.To === to);
+		const call = hosts.find((each) => each.application === from && each.host === host);
+		for (const [title, value] of Object.entries({ Calls: call.count, p95: call.p95_ms, 'In all': call.total_ms, Errors: call.failed / call.count })) {
+			assertFigure(row[title], value, `${from} to ${to}, ${title}`);
+		}
+	}
+});
+
 test('nothing went wrong in the pages', () => {
 	assert.deepEqual(opened.problems, []);
 });
