@@ -49,6 +49,8 @@ export function edgeText(edge: GraphEdge, minutes: number): string {
 
 interface Placed {
 	readonly edge: GraphEdge;
+	/* What it passes through on its way. */
+	readonly passages: readonly HTMLElement[];
 	readonly path: SVGPathElement;
 	readonly label: HTMLElement;
 }
@@ -69,11 +71,17 @@ function nodeBox(node: GraphNode, onOpen: (kind: NodeKind) => void): HTMLElement
 /* `onOpen` is asked to show all of a kind. */
 export function drawGraph(graph: Graph, minutes: number, onOpen: (kind: NodeKind) => void): HTMLElement {
 	const boxes = new Map<string, HTMLElement>();
+	const passages = new Map<GraphEdge, HTMLElement[]>();
 	const columns = columnsOf(graph.nodes, graph.edges).map((nodes) =>
 		el(
 			'div',
 			{ class: 'map-column' },
 			nodes.map((node) => {
+				if ('edge' in node) {
+					const passage = el('div', { class: 'map-passage' });
+					passages.set(node.edge, [...(passages.get(node.edge) ?? []), passage]);
+					return passage;
+				}
 				const box = nodeBox(node, onOpen);
 				boxes.set(node.id, box);
 				return box;
@@ -90,7 +98,7 @@ export function drawGraph(graph: Graph, minutes: number, onOpen: (kind: NodeKind
 		drawing.append(path);
 		const label = el('span', { class: isBad ? 'map-label bad' : 'map-label' }, edgeText(edge, minutes), isBad && ` · ${share(edge.failed / edge.count)} err`);
 		labels.append(label);
-		return { edge, path, label };
+		return { edge, path, label, passages: passages.get(edge) ?? [] };
 	});
 	const plane = el('div', { class: 'map-plane' }, drawing, columns, labels);
 	const sizes = new ResizeObserver(() => {
@@ -142,9 +150,19 @@ function place(plane: HTMLElement, drawing: SVGElement, boxes: ReadonlyMap<strin
 	replace(drawing, ...placed.map((each) => each.path));
 }
 
-function placeLine({ path }: Placed, from: HTMLElement, to: HTMLElement, y2: number): void {
-	const [x1, y1] = [from.offsetLeft + from.offsetWidth, from.offsetTop + from.offsetHeight / 2];
-	const x2 = to.offsetLeft;
-	const bend = Math.max(40, (x2 - x1) / 2);
-	path.setAttribute('d', `M${x1} ${y1}C${x1 + bend} ${y1} ${x2 - bend} ${y2} ${x2 - 2} ${y2}`);
+function placeLine({ path, passages }: Placed, from: HTMLElement, to: HTMLElement, y2: number): void {
+	let [x, y] = [from.offsetLeft + from.offsetWidth, from.offsetTop + from.offsetHeight / 2];
+	let way = `M${x} ${y}`;
+	const bendTo = (toX: number, toY: number) => {
+		const bend = Math.max(40, (toX - x) / 2);
+		way += `C${x + bend} ${y} ${toX - bend} ${toY} ${toX} ${toY}`;
+		[x, y] = [toX, toY];
+	};
+	for (const passage of passages) {
+		bendTo(passage.offsetLeft, passage.offsetTop);
+		x += passage.offsetWidth;
+		way += `H${x}`;
+	}
+	bendTo(to.offsetLeft - 2, y2);
+	path.setAttribute('d', way);
 }

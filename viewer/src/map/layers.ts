@@ -34,8 +34,35 @@ function forward(nodes: readonly GraphNode[], edges: readonly GraphEdge[]): read
 	return kept;
 }
 
+/* Where a call to a column further on passes between the boxes of this one. */
+export interface Passage {
+	readonly id: string;
+	readonly edge: GraphEdge;
+}
+
+export type Placed = GraphNode | Passage;
+
+interface Step {
+	readonly from: string;
+	readonly to: string;
+}
+
+/* Puts passages into the columns between; the steps lead through them. */
+function withPassages(columns: Placed[][], column: ReadonlyMap<string, number>, calls: readonly GraphEdge[]): readonly Step[] {
+	return calls.flatMap((edge, i) => {
+		const [first, last] = [column.get(edge.from) ?? 0, column.get(edge.to) ?? 0];
+		const ids = [edge.from];
+		for (let at = first + 1; at < last; at++) {
+			const id = `passage ${i} ${at}`;
+			(columns[at] ??= []).push({ id, edge });
+			ids.push(id);
+		}
+		return [...ids.slice(1), edge.to].map((to, step) => ({ from: ids[step] ?? '', to }));
+	});
+}
+
 /* The columns from the left, each with the services that are called by those before it. */
-export function columnsOf(nodes: readonly GraphNode[], edges: readonly GraphEdge[]): readonly (readonly GraphNode[])[] {
+export function columnsOf(nodes: readonly GraphNode[], edges: readonly GraphEdge[]): readonly (readonly Placed[])[] {
 	const calls = forward(nodes, edges);
 	const column = new Map(nodes.map((node) => [node.id, 0]));
 	for (let round = 0, moved = true; moved && round < nodes.length; round++) {
@@ -48,18 +75,18 @@ export function columnsOf(nodes: readonly GraphNode[], edges: readonly GraphEdge
 			}
 		}
 	}
-	const columns: GraphNode[][] = [];
+	const columns: Placed[][] = [];
 	for (const node of nodes) {
 		(columns[column.get(node.id) ?? 0] ??= []).push(node);
 	}
-	return inOrder(columns, calls);
+	return inOrder(columns, withPassages(columns, column, calls));
 }
 
 /* Near those who call them, so that lines cross seldom; the order they came in decides what is equal. */
-function inOrder(columns: readonly (readonly GraphNode[])[], calls: readonly GraphEdge[]): readonly (readonly GraphNode[])[] {
+function inOrder(columns: readonly (readonly Placed[])[], calls: readonly Step[]): readonly (readonly Placed[])[] {
 	const place = new Map<string, number>();
 	return columns.map((nodes) => {
-		const middle = (node: GraphNode) => {
+		const middle = (node: Placed) => {
 			const callers = calls.filter((edge) => edge.to === node.id).map((edge) => place.get(edge.from) ?? 0);
 			return callers.reduce((sum, at) => sum + at, 0) / Math.max(1, callers.length);
 		};
