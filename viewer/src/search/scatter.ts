@@ -5,6 +5,7 @@
 import type { RequestRow } from '../api/types';
 import { el } from '../ui/dom';
 import { duration, plural, time } from '../ui/format';
+import { timeTicks } from '../ui/ticks';
 import { colour, onTheme } from '../ui/theme';
 
 export interface Box {
@@ -23,7 +24,6 @@ export interface ScatterOptions {
 }
 
 const HEIGHT = 240;
-const LEFT = 58;
 const RIGHT = 10;
 const TOP = 8;
 const BOTTOM = 22;
@@ -51,6 +51,8 @@ class Scatter {
 	private readonly canvas = el('canvas', { class: 'scatter-canvas' });
 	private readonly readout = el('p', { class: 'scatter-readout muted small' });
 	private width = 0;
+	/* As wide as the words of the durations. */
+	private left = 58;
 	private readonly most: number;
 	private drag: { readonly x: number; readonly y: number; toX: number; toY: number } | undefined;
 	private near: RequestRow | undefined;
@@ -88,12 +90,12 @@ class Scatter {
 
 	private x(ms: number): number {
 		const { from_ms: from, to_ms: to } = this.options.range;
-		return LEFT + ((ms - from) / Math.max(1, to - from)) * (this.width - LEFT - RIGHT);
+		return this.left + ((ms - from) / Math.max(1, to - from)) * (this.width - this.left - RIGHT);
 	}
 
 	private timeAt(x: number): number {
 		const { from_ms: from, to_ms: to } = this.options.range;
-		return from + ((x - LEFT) / Math.max(1, this.width - LEFT - RIGHT)) * (to - from);
+		return from + ((x - this.left) / Math.max(1, this.width - this.left - RIGHT)) * (to - from);
 	}
 
 	private durationAt(y: number): number {
@@ -177,33 +179,43 @@ class Scatter {
 			return;
 		}
 		context.scale(ratio, ratio);
+		context.font = `11px ${getComputedStyle(document.body).fontFamily}`;
+		this.left = 12 + Math.ceil(Math.max(...this.levels().map((ms) => context.measureText(duration(ms)).width)));
 		this.drawAxes(context);
 		this.drawPoints(context);
 		this.drawBox(context);
 	}
 
 	private drawAxes(context: CanvasRenderingContext2D): void {
-		context.font = `11px ${getComputedStyle(document.body).fontFamily}`;
 		context.fillStyle = colour('--muted');
 		context.strokeStyle = colour('--line');
 		context.textBaseline = 'middle';
 		context.textAlign = 'right';
-		for (let ms = 1; ms <= this.most * 1.2; ms *= 10) {
+		for (const ms of this.levels()) {
 			const y = Math.round(this.y(ms)) + 0.5;
 			context.beginPath();
-			context.moveTo(LEFT, y);
+			context.moveTo(this.left, y);
 			context.lineTo(this.width - RIGHT, y);
 			context.stroke();
-			context.fillText(duration(ms), LEFT - 6, y);
+			context.fillText(duration(ms), this.left - 6, y);
 		}
 		const { from_ms: from, to_ms: to } = this.options.range;
-		const texts = new Intl.DateTimeFormat('en-GB', to - from > 2 * 864e5 ? { day: 'numeric', month: 'short' } : { hour: '2-digit', minute: '2-digit' });
-		const ticks = Math.max(2, Math.floor(this.width / 130));
-		for (let i = 0; i <= ticks; i++) {
-			const at = from + ((to - from) * i) / ticks;
-			context.textAlign = i === 0 ? 'left' : i === ticks ? 'right' : 'center';
-			context.fillText(texts.format(at), this.x(at), HEIGHT - 8);
+		for (const { at, text } of timeTicks(from, to, Math.max(2, Math.floor((this.width - this.left) / 90)))) {
+			// At the edges there is room to one side alone.
+			const half = context.measureText(text).width / 2;
+			const x = Math.max(this.left + half, Math.min(this.width - half, this.x(at)));
+			context.textAlign = 'center';
+			context.fillText(text, x, HEIGHT - 8);
 		}
+	}
+
+	/* The powers of ten that have a line. */
+	private levels(): readonly number[] {
+		const levels: number[] = [];
+		for (let ms = 1; ms <= this.most * 1.2; ms *= 10) {
+			levels.push(ms);
+		}
+		return levels;
 	}
 
 	private drawPoints(context: CanvasRenderingContext2D): void {
