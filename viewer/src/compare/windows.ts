@@ -1,6 +1,7 @@
 /* Two windows of time side by side: which transactions, statements and errors changed. */
 import { api } from '../api/services';
 import type { FailureGroup, Statement, TopRow } from '../api/types';
+import { applicationColumn } from '../pages/columns';
 import { exactly } from '../pages/scope';
 import { timeOf, type Address } from '../state/address';
 import { heldSort } from '../state/held';
@@ -85,7 +86,14 @@ function growthColumn<Row extends Totals>(windows: Windows, rows: readonly Pair<
 	};
 }
 
-function transactions(rows: readonly Pair<TopRow>[], windows: Windows): HTMLElement {
+/* Where those of several are compared. */
+function applicationOf<Row extends { readonly application: string }>(app: string): Column<Pair<Row>>[] {
+	const name = ({ before, after }: Pair<Row>) => (after ?? before)?.application ?? '';
+	const { cell, ...column } = applicationColumn();
+	return app ? [] : [{ ...column, by: name, cell: (row) => cell({ application: name(row) }) }];
+}
+
+function transactions(rows: readonly Pair<TopRow>[], windows: Windows, app: string): HTMLElement {
 	const columns: Column<Pair<TopRow>>[] = [
 		{
 			key: 'name',
@@ -94,6 +102,7 @@ function transactions(rows: readonly Pair<TopRow>[], windows: Windows): HTMLElem
 			by: (row) => (row.after ?? row.before)?.transaction ?? '',
 			cell: (row) => transactionLink((row.after ?? row.before)?.application ?? '', (row.after ?? row.before)?.transaction ?? ''),
 		},
+		...applicationOf<TopRow>(app),
 		growthColumn(windows, rows),
 		{ key: 'mean', title: 'Mean', align: 'right', by: (row) => (row.after?.mean_ms ?? 0) - (row.before?.mean_ms ?? 0), cell: (row) => change(row.before?.mean_ms, row.after?.mean_ms, duration) },
 		{ key: 'p95', title: 'p95', align: 'right', by: (row) => (row.after?.p95_ms ?? 0) - (row.before?.p95_ms ?? 0), cell: (row) => change(row.before?.p95_ms, row.after?.p95_ms, duration) },
@@ -110,7 +119,7 @@ function transactions(rows: readonly Pair<TopRow>[], windows: Windows): HTMLElem
 	return table({ caption: 'Transactions before and after', columns, rows, ...heldSort('growth') });
 }
 
-function statements(rows: readonly Pair<Statement>[], windows: Windows): HTMLElement {
+function statements(rows: readonly Pair<Statement>[], windows: Windows, app: string): HTMLElement {
 	const one = (row: Pair<Statement>) => row.after ?? row.before;
 	const columns: Column<Pair<Statement>>[] = [
 		{
@@ -120,6 +129,7 @@ function statements(rows: readonly Pair<Statement>[], windows: Windows): HTMLEle
 			by: (row) => one(row)?.statement ?? '',
 			cell: (row) => el('code', { class: 'statement', title: shortened(one(row)?.statement ?? '', 2000) }, shortened(one(row)?.statement ?? '', 300)),
 		},
+		...applicationOf<Statement>(app),
 		growthColumn(windows, rows),
 		{
 			key: 'rate',
@@ -134,9 +144,10 @@ function statements(rows: readonly Pair<Statement>[], windows: Windows): HTMLEle
 	return table({ caption: 'Statements before and after', columns, rows: rows.slice(0, ROWS), ...heldSort('growth', 'statements') });
 }
 
-function errorTable(rows: readonly FailureGroup[]): HTMLElement {
+function errorTable(rows: readonly FailureGroup[], app: string): HTMLElement {
 	const columns: Column<FailureGroup>[] = [
 		{ key: 'error', title: 'Error', isMain: true, cell: (row) => el('span', { class: 'error-message' }, el('b', {}, shortened(row.type, 100)), ' ', shortened(row.message, 300)) },
+		...(app ? [] : [applicationColumn<FailureGroup>()]),
 		{ key: 'count', title: 'Times', align: 'right', cell: (row) => shortCount(row.count) },
 		{ key: 'first', title: 'First', align: 'right', cell: (row) => timeElement(row.first_ms) },
 		{ key: 'example', title: 'Example', cell: (row) => requestLink(row.example, 'open') },
@@ -180,12 +191,12 @@ export async function compareWindows(windows: Windows, address: Address, signal:
 			timeElement(timeOf(windows.after.to, Date.now())),
 			`, ${plural(top2.total.requests, 'request')}, p95 ${duration(top2.total.p95_ms)}.`,
 		),
-		appeared.length > 0 && [el('h3', {}, 'Errors that are new'), errorTable(appeared)],
+		appeared.length > 0 && [el('h3', {}, 'Errors that are new'), errorTable(appeared, address.app)],
 		el('h3', {}, 'Transactions'),
-		transactions(byGrowth(pairs(top1.transactions, top2.transactions, (row) => JSON.stringify([row.application, row.transaction]))), windows),
+		transactions(byGrowth(pairs(top1.transactions, top2.transactions, (row) => JSON.stringify([row.application, row.transaction]))), windows, address.app),
 		queries1.statements.length + queries2.statements.length > 0 && [
 			el('h3', {}, 'Statements'),
-			statements(byGrowth(pairs(queries1.statements, queries2.statements, (row) => JSON.stringify([row.application, row.statement, row.component, row.server, row.database]))), windows),
+			statements(byGrowth(pairs(queries1.statements, queries2.statements, (row) => JSON.stringify([row.application, row.statement, row.component, row.server, row.database]))), windows, address.app),
 		],
 	);
 }
