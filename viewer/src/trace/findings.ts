@@ -10,13 +10,14 @@ function gain(finding: FindingOfPart): Child {
 	if (finding.gain_ms <= 0) {
 		return el('span', { class: 'verdict-gain' });
 	}
-	const whole = Math.max(1, finding.part.row.duration_ms);
+	// Calls at the same time may have taken longer together than the request did.
+	const part = Math.min(1, finding.gain_ms / Math.max(1, finding.part.row.duration_ms));
 	return el(
 		'span',
 		{ class: 'verdict-gain', title: 'What the request would be faster by, at most' },
 		el('b', {}, duration(finding.gain_ms)),
-		el('span', { class: 'muted small' }, ` to gain, ${share(finding.gain_ms / whole)}`),
-		el('i', { class: 'gain-bar', style: { '--part': `${Math.min(100, (finding.gain_ms / whole) * 100)}%` }, 'aria-hidden': 'true' }),
+		el('span', { class: 'muted small' }, ` to gain, ${share(part)}`),
+		el('i', { class: 'gain-bar', style: { '--part': `${part * 100}%` }, 'aria-hidden': 'true' }),
 	);
 }
 
