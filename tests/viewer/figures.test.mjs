@@ -425,7 +425,7 @@ test('what grew between two requests is the interface\'s', async () => {
 	const [a, b] = [requests.at(-1).id, requests[0].id];
 	const { differences } = await collector.ask('/api/v1/compare', { a, b, limit: 300 });
 	await show(page, `${collector.url}/compare?what=requests&a=${a}&b=${b}`);
-	const shown = await rowsOf(page);
+	const shown = await rowsOf(page.locator('.table', { has: page.getByRole('table', { name: 'What differs' }) }));
 	assert.equal(shown.length, differences.length);
 	differences.forEach((row, i) => {
 		assertFigure(shown[i].Growth, row.growth_ms, row.name);
@@ -436,6 +436,41 @@ test('what grew between two requests is the interface\'s', async () => {
 			assertFigure(other, after, `${row.name}, ${title}`);
 		}
 	});
+});
+
+test('calls of two requests stand side by side when they ran', async () => {
+	const { page } = opened;
+	const requests = await allRequests({ q: 'txn:"/cart"', order: 'slowest' });
+	const sides = [requests.at(-1).id, requests[0].id];
+	await show(page, `${collector.url}/compare?what=requests&a=${sides[0]}&b=${sides[1]}`);
+	const spans = await Promise.all(sides.map(async (id) => (await collector.ask('/api/v1/request', { id })).spans));
+	const whole = Math.max(...spans.flat().map((each) => each.start_ms + each.duration_ms));
+	const rows = page.getByRole('table', { name: 'Calls side by side' }).locator('tbody tr');
+	for (const [name, outer] of [['main', 0], ['Cart::items', 1], ['PDO::query', 2], ['View::render', 1]]) {
+		const row = rows.filter({ has: page.locator('b', { hasText: new RegExp(`^${name}$`) }) });
+		assert.equal(await row.count(), 1, name);
+		assert.equal(await row.locator('.aligned-call').evaluate((each) => getComputedStyle(each).paddingLeft), `${14 * outer}px`);
+		const bars = await row.locator('.aligned-lane').evaluateAll((lanes) =>
+			lanes.map((lane) => {
+				const [room, bar] = [lane.getBoundingClientRect(), lane.firstElementChild.getBoundingClientRect()];
+				return [(bar.left - room.left) / room.width, bar.width / room.width];
+			}),
+		);
+		const totals = spans.map((each) => {
+			const own = each.filter((span) => span.name === name);
+			return { own, total: own.reduce((sum, span) => sum + span.duration_ms, 0) };
+		});
+		const shown = await row.locator('td.number').allInnerTexts();
+		totals.forEach(({ own, total }, i) => {
+			const from = Math.min(...own.map((span) => span.start_ms));
+			const to = Math.max(...own.map((span) => span.start_ms + span.duration_ms));
+			assert.ok(Math.abs(bars[i][0] - from / whole) < 0.01 && Math.abs(bars[i][1] - (to - from) / whole) < 0.01, `${name}: ${bars[i]}`);
+			const [, took, calls = '1'] = /^(.*?)(?: in (\d+))?$/.exec(shown[i]);
+			assert.equal(Number(calls), own.length);
+			assertFigure(took, total, name);
+		});
+		assertFigure(shown[2], totals[1].total - totals[0].total, name);
+	}
 });
 
 test('the map says of each service and of each call what the interface does', async () => {

@@ -1,6 +1,7 @@
 /* Two requests, or one and the typical one of its transaction: what grew, by count or by duration. */
 import { api } from '../api/services';
 import type { Comparison, Difference, RequestRow } from '../api/types';
+import { aligned } from './aligned';
 import { heldSort } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { bar } from '../ui/figures';
@@ -70,7 +71,13 @@ function differences(rows: readonly Difference[]): HTMLElement {
 	return table({ caption: 'What differs', columns, rows, ...heldSort() });
 }
 
-function shown(found: Comparison): Child {
+/* Both with their calls, as far as these are kept. */
+async function sideBySide(a: string, b: string, signal: AbortSignal): Promise<Child> {
+	const [before, after] = await Promise.all([api.request(a, signal), api.request(b, signal)]);
+	return before.spans && after.spans && [el('h3', {}, 'Side by side'), aligned(before.spans, after.spans)];
+}
+
+function shown(found: Comparison, beside: Child): Child {
 	const before = found.typical ? found.typical.duration_ms : found.a.duration_ms;
 	const after = found.typical ? found.a.duration_ms : (found.b?.duration_ms ?? 0);
 	return el(
@@ -83,12 +90,14 @@ function shown(found: Comparison): Child {
 			found.typical ? sideText('After: this request', found.a) : found.b && sideText('After', found.b),
 		),
 		el('p', { class: 'total-change' }, `${duration(before)} → ${duration(after)}: `, el('b', { class: after > before ? 'bad' : 'good' }, `${after > before ? '+' : ''}${duration(after - before)}`)),
-		found.differences.length === 0 ? emptyState('They do the same, in the same time.') : differences(found.differences),
+		found.differences.length === 0 ? emptyState('They do the same, in the same time.') : [beside && el('h3', {}, 'What grew'), differences(found.differences)],
+		beside,
 	);
 }
 
 /* Without `b` it is the typical one. */
 export async function compareRequests(a: string, b: string | undefined, signal: AbortSignal): Promise<Child> {
 	const other = b === undefined ? { typical: true } : { b };
-	return shown(await api.compare({ a, ...other, limit: MOST }, signal));
+	const [found, beside] = await Promise.all([api.compare({ a, ...other, limit: MOST }, signal), b === undefined ? null : sideBySide(a, b, signal)]);
+	return shown(found, beside);
 }
