@@ -70,7 +70,9 @@ void add_tail(CLI::App &app, int &status) {
 						"only those that took at least this long");
 	verb.add_flag("--errors", options->errors, "only those that failed");
 	verb.add_flag("--json", options->json, "one JSON object a line");
-	verb.add_option("-n,--count", options->count, "end after N requests")->type_name("N");
+	verb.add_option("-n,--count", options->count, "end after N requests")
+		->type_name("N")
+		->check(CLI::Range(int64_t{1}, int64_t{1000000000}));
 	verb.callback([options, &status] { status = tail(*options); });
 }
 

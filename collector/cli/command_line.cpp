@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "cli/format.h"
@@ -55,6 +56,21 @@ void add_statuses(CLI::App &verb) {
 	}
 }
 
+/* A term that must not hold begins as an option does, and has a colon, which no option has. A blank
+ * in front of it changes nothing but that. */
+std::vector<std::string> with_terms(int count, char **arguments) {
+	std::vector<std::string> texts(arguments + 1, arguments + count);
+	for (std::string &text : texts) {
+		bool is_short = text.size() > 2 && text[0] == '-' && text[1] != '-';
+		size_t end = text.find_first_of(":=\" ");
+		if (is_short && end != std::string::npos && text[end] == ':') {
+			text.insert(0, " ");
+		}
+	}
+	std::reverse(texts.begin(), texts.end());
+	return texts;
+}
+
 /* What is typed in the place of a verb and is none; null if nothing is. */
 const char *unknown_verb(const CLI::App &app, int count, char **arguments) {
 	if (count < 2 || arguments[1][0] == '-') {
@@ -99,7 +115,7 @@ int run_command_line(int count, char **arguments) {
 		return kMisunderstood;
 	}
 	try {
-		app->parse(count, arguments);
+		app->parse(with_terms(count, arguments));
 	} catch (const CLI::ParseError &error) {
 		return written(app->exit(error) == 0 ? kDone : kMisunderstood);
 	}

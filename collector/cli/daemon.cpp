@@ -223,6 +223,7 @@ void Daemon::tell_services() {
 			  {"handshake_port", handshake_->port()},
 			  {"data_port", data_->port()},
 			  {"http_port", http_port}};
+	tell_configuration("");
 	publish_facts();
 	services_->daemon = [this] {
 		std::lock_guard lock(facts_mutex_);
@@ -372,7 +373,16 @@ void Daemon::reload() {
 	} else {
 		say(next.error(), configuration_file(options_.configuration));
 	}
+	tell_configuration(
+		next ? "" : mistakes_text(configuration_file(options_.configuration), next.error()));
 	tell_ready(status());
+}
+
+/* `mistakes`: of the file that was read last, which is not what holds then. */
+void Daemon::tell_configuration(const std::string &mistakes) {
+	std::lock_guard lock(facts_mutex_);
+	facts_["configuration"] = {{"file", configuration_file(options_.configuration)},
+							   {"mistakes", mistakes}};
 }
 
 void Daemon::look() {

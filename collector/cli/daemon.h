@@ -66,6 +66,7 @@ private:
 	void tell_services();
 	void open_metrics();
 	void publish_facts();
+	void tell_configuration(const std::string &mistakes);
 	void look_at_suspensions();
 	std::unique_ptr<HandshakePolicy> policy();
 	std::string status() const;

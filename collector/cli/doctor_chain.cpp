@@ -75,9 +75,30 @@ int64_t probes_of(const nlohmann::json &collector) {
 		.value(std::string(notice_name(Notice::kProbe)), int64_t{0});
 }
 
+/* What the running collector reads may be another file, or have been mended or spoilt since. */
+CheckResults check_read_configuration(const nlohmann::json &configuration) {
+	std::string file = configuration.value("file", "");
+	std::string mistakes = configuration.value("mistakes", "");
+	if (mistakes.empty()) {
+		return {
+			{Health::kOk,
+			 file.empty() ? "no file: the defaults hold" : file + ": no mistake when it was read",
+			 ""}};
+	}
+	while (!mistakes.empty() && mistakes.back() == '\n') {
+		mistakes.pop_back();
+	}
+	return {{Health::kProblem, "the collector goes on with what it had before: " + mistakes,
+			 "mend it, and send the collector SIGHUP"}};
+}
+
 } // namespace
 
 CheckResults check_configuration(const DoctorContext &context) {
+	nlohmann::json read = context.fact("configuration");
+	if (context.is_running && read.is_object()) {
+		return check_read_configuration(read);
+	}
 	if (context.configuration) {
 		return {{Health::kOk,
 				 context.configuration_file.empty() ? "no file: the defaults hold"

@@ -133,7 +133,8 @@ void RequestDirectory::find_aside(const std::string &name) {
 	std::string what = "what is lost of it is unknown";
 	int64_t lost = 0;
 	if (mark != std::string_view::npos && to_number(rest.substr(mark + kLost.size()), lost)) {
-		what = count_of_requests(lost) + " of it could not be read";
+		what = lost == 0 ? "all requests of it could be saved"
+						 : count_of_requests(lost) + " of it could not be read";
 	} else if (mark == std::string_view::npos && has_requests) {
 		unsaved_.push_back(aside);
 	}
@@ -312,8 +313,10 @@ void RequestDirectory::settle(const Aside &aside, const std::string &fresh,
 						   : "all";
 	std::string text = file_name(aside.original.path) +
 					   " was damaged: " + count_of_requests(has_place ? salvaged.saved : 0) +
-					   " could be saved, lost are " +
-					   (lost == "all" ? "all others" : count_of_requests(salvaged.lost));
+					   " could be saved, lost " +
+					   (lost == "all" ? "are all others"
+						: lost == "0" ? "is none"
+									  : "are " + count_of_requests(salvaged.lost));
 	log_line(LogLevel::kError, directory_ + "/" + text);
 	std::lock_guard lock(mutex_);
 	auto place = std::find_if(asides_.begin(), asides_.end(),

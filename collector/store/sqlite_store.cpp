@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <future>
 
+#include <fmt/format.h>
+
 #include "store/schema.h"
 #include "util/background.h"
 #include "util/log.h"
@@ -321,9 +323,13 @@ void SqliteStore::recover(const SQLite::Exception &error) {
 		next_room_ = time + kBetweenMakingRoom;
 		int64_t before = files_.bytes();
 		files_.retain(before / 4 * 3, 0);
-		log_some(LogLevel::kError, "store-full",
-				 "the disk is full: the oldest requests were removed from " + settings_.directory +
-					 ", " + std::to_string((before - files_.bytes()) >> 20) + " MiB");
+		int64_t freed = before - files_.bytes();
+		log_some(
+			LogLevel::kError, "store-full",
+			freed > 0
+				? "the disk is full: the oldest requests were removed from " + settings_.directory +
+					  ", " + fmt::format("{:.1f} MiB", static_cast<double>(freed) / (1 << 20))
+				: "the disk is full, and " + settings_.directory + " has nothing more to remove");
 	}
 }
 

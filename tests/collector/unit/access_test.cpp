@@ -50,6 +50,11 @@ TEST(Access, AnyOtherTokenIsRefused) {
 	EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", "Basic secret", ""}));
 }
 
+TEST(Access, NamesOfHostsAndSchemesHaveNoCase) {
+	EXPECT_EQ(AccessVerdict::kAllowed, verdict({"LocalHost:20023", "", "bearer secret", ""}));
+	EXPECT_EQ(AccessVerdict::kNoToken, verdict({"localhost", "", "bearer SECRET", ""}));
+}
+
 TEST(Access, OtherNamesLeadNowhere) {
 	for (const char *host : {"", "evil.example", "localhost.evil.example", "127.0.0.1.evil.example",
 							 "127.0.0.2", "[::2]", "local"}) {

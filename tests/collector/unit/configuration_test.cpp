@@ -235,6 +235,8 @@ INSTANTIATE_TEST_SUITE_P(
 		Mistake{"[names]\ncap = 0", "f:2: names.cap: has to be a whole number from 1 to 100000\n"},
 		Mistake{"[[names.rule]]\nname = \"n\"",
 				"f:1: names.rule.path: has to be given, such as \"/shop/*\"\n"},
+		Mistake{"[[names.rule]]\npath = \"/\"\nname = \"a\\u0007b\"",
+				"f:3: names.rule.name: has control characters\n"},
 		Mistake{"[[names.rule]]\npath = \"/\"", "f:1: names.rule: needs a name, or parameters\n"},
 		Mistake{"[[monitor]]\nshare = 1.5",
 				"f:2: monitor.share: has to be a number from 0 to 1, or a text such as \"10%\"\n"},

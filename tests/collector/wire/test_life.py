@@ -230,6 +230,22 @@ def test_it_listens_on_several_addresses(configured):
         connect_from("127.0.0.1", collector.handshake, "127.0.0.8")
 
 
+def configuration_found(collector):
+    checks = json.loads(collector.run("doctor", "--json").stdout)["checks"]
+    return [each for each in checks if each["subject"] == "configuration"]
+
+
+def test_the_doctor_tells_of_a_file_that_was_not_taken_over(configured):
+    collector = configured.start("[names]\ncap = 10\n")
+    (found,) = configuration_found(collector)
+    assert found["health"] == "ok" and str(configured.file) in found["what"]
+    configured.reload("[names]\ncap = 0\n")
+    until(lambda: configuration_found(collector)[0]["health"] == "problem")
+    assert "names.cap: has to be" in configuration_found(collector)[0]["what"]
+    configured.reload("[names]\ncap = 20\n")
+    until(lambda: configuration_found(collector)[0]["health"] == "ok")
+
+
 def niceness(collector):
     """Of each thread, by its name."""
     found = {}

@@ -121,7 +121,7 @@ def test_who_looks_for_requests_is_told_that_some_are_lost(store):
     finally:
         running.stop()
     assert " is damaged and was put aside as damaged-" in running.log
-    assert "could be saved, lost are" in running.log
+    assert "could be saved, lost are " in running.log
 
 
 def test_what_is_lost_is_logged(store):

@@ -51,6 +51,13 @@ def test_find_has_exit_statuses_for_scripts(cart):
     assert cart.run("find", "--help").returncode == 0
 
 
+def test_a_query_may_begin_with_what_must_not_hold(cart):
+    assert "/cart" in cart.run("find", "-txn:/other").stdout
+    assert cart.run("find", "-txn:/cart*").returncode == 1
+    assert cart.run("find", "-n", "1", "-is:failed", "txn:/cart*").returncode == 0
+    assert cart.run("find", "-q:1").returncode == 2
+
+
 def test_find_as_json_is_what_http_answers(cart):
     found = json.loads(out(cart.run("find", "--slowest", "--json")))
     assert [each["id"] for each in found["requests"]] == ["00000000000000c1", "00000000000000c2"]
