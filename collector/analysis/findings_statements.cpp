@@ -197,7 +197,8 @@ private:
 			if (Writes::is_write(execution.text, statements_)) {
 				writes.add(execution.text);
 			}
-			bool is_known = !execution.has_places && execution.source >= 0;
+			bool is_known =
+				!execution.has_places && execution.source >= 0 && execution.is_database_sure;
 			if (is_known && !repeatable_[execution.text].empty()) {
 				const Span &source = request_.span(execution.source);
 				Duplicates &same =
@@ -220,15 +221,17 @@ private:
 	}
 
 	void find_repetitions() {
-		std::vector<Group> groups(statements_.texts.size());
+		/* What several servers are asked cannot be asked at once. */
+		std::map<std::pair<uint32_t, uint32_t>, Group> groups;
 		for (const Execution &execution : statements_.executions) {
-			groups[execution.text].add(execution.span, cost_of(execution.span));
+			groups[{execution.text, execution.database}].add(execution.span,
+															 cost_of(execution.span));
 		}
-		for (size_t text = 0; text < groups.size(); text++) {
-			bool is_one = statements_.texts[text] != kUnknownStatement &&
-						  !is_control(statements_.texts[text]);
-			if (is_one && groups[text].spans.size() >= static_cast<size_t>(kFewestRepetitions)) {
-				find_repetition(groups[text], duplicate_gain_[text]);
+		for (const auto &[key, group] : groups) {
+			const std::string &text = statements_.texts[key.first];
+			bool is_one = text != kUnknownStatement && !is_control(text);
+			if (is_one && group.spans.size() >= static_cast<size_t>(kFewestRepetitions)) {
+				find_repetition(group, duplicate_gain_[key.first]);
 			}
 		}
 	}

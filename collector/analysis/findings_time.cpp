@@ -14,15 +14,15 @@ struct Function {
 };
 
 /* The slowest first. */
-std::vector<Function> functions_of(const Transaction &transaction) {
-	const std::vector<Span> &spans = transaction.spans;
-	std::vector<int64_t> own = self_times(transaction);
+std::vector<Function> functions_of(const Examined &request) {
+	const std::vector<Span> &spans = request.transaction.spans;
+	std::vector<int64_t> own = self_times(request.transaction);
 	std::unordered_map<std::string_view, Function> by_name;
 	for (size_t i = 0; i < spans.size(); i++) {
 		if (layer_of(spans[i]) == Layer::kCode) {
 			Function &function = by_name[spans[i].name];
 			function.name = spans[i].name;
-			function.time += own[i];
+			function.time += std::min(own[i], request.time_of(static_cast<int32_t>(i)));
 			function.is_root = function.is_root || i == 0;
 		}
 	}
@@ -40,14 +40,15 @@ std::vector<Function> functions_of(const Transaction &transaction) {
 class TimeFinder {
 public:
 	TimeFinder(const Examined &request, std::vector<Finding> &findings)
-		: request_(request), findings_(findings) {
+		: request_(request), findings_(findings),
+		  worked_(std::max<int64_t>(request.transaction.cpu, 0)) {
 		/* Of a script of the command line nobody waits for the answer, and it has its process for
 		 * itself. */
 		bool is_alone =
 			request.options.serving == Serving::kOneAtATime || !request.transaction.is_web;
 		if (is_alone) {
 			int64_t code = time_of(layer_times(request.transaction), Layer::kCode);
-			waiting_ = elapsed(std::max<int64_t>(request.transaction.cpu, 0), code);
+			waiting_ = elapsed(worked_, code);
 		}
 	}
 
@@ -56,7 +57,7 @@ public:
 		if (!may_wait && request_.duration < kSlowFunction.least) {
 			return;
 		}
-		functions_ = functions_of(request_.transaction);
+		functions_ = functions_of(request_);
 		if (functions_.empty()) {
 			return;
 		}
@@ -88,7 +89,7 @@ private:
 	/* Beyond the processor's time no code has worked: for certain the slowest function waits. */
 	bool is_waiting(const Function &function) const {
 		bool is_slowest = &function == &functions_.front();
-		return is_slowest && elapsed(request_.transaction.cpu, function.time) * 2 >= waiting_;
+		return is_slowest && elapsed(worked_, function.time) * 2 >= waiting_;
 	}
 
 	void find_waiting() {
@@ -103,6 +104,11 @@ private:
 
 	void find_slow(const Function &function) {
 		int64_t time = function.time - (is_waiting(function) ? waiting_ : 0);
+		time = std::min(time, request_.duration);
+		if (function.is_root) {
+			/* No function is to blame, and no code has worked for longer than its process. */
+			time = std::min(time, worked_);
+		}
 		if (!request_.matters(time, function.is_root ? kSlowMain : kSlowFunction)) {
 			return;
 		}
@@ -117,6 +123,7 @@ private:
 
 	const Examined &request_;
 	std::vector<Finding> &findings_;
+	const int64_t worked_; /* the processor's time of the process */
 	std::vector<Function> functions_;
 	int64_t waiting_ = 0; /* 0 as well where that cannot be known */
 };

@@ -133,6 +133,7 @@ private:
 	void take(int32_t index, const Span &span) {
 		switch (role_of(span)) {
 		case StatementRole::kConnect:
+			add_connection(connection_[span.component], database_of(span));
 			connect(span.component, database_of(span));
 			break;
 		case StatementRole::kSelectDatabase:
@@ -150,6 +151,22 @@ private:
 		case StatementRole::kNone:
 			break;
 		}
+	}
+
+	/* Where a component's connections lead. */
+	struct Connection {
+		Database first;
+		bool is_there = false;
+		bool is_one = true; /* or all of them lead to one place */
+	};
+
+	static void add_connection(Connection &connection, const Database &database) {
+		if (!connection.is_there) {
+			connection.first = database;
+			connection.is_there = true;
+		}
+		connection.is_one = connection.is_one && connection.first.server == database.server &&
+							connection.first.name == database.name;
 	}
 
 	void connect(std::string_view component, const Database &database) {
@@ -194,6 +211,7 @@ private:
 		Execution made;
 		made.span = index;
 		made.database = database_[span.component];
+		made.is_database_sure = connection_[span.component].is_one;
 		made.has_places = true;
 		if (known != by_caller_.end()) {
 			use(made, known->second);
@@ -242,6 +260,7 @@ private:
 		made.text = text.index;
 		made.has_places = text.has_places && span.values == 0;
 		made.database = database_[span.component];
+		made.is_database_sure = connection_[span.component].is_one;
 		return made;
 	}
 
@@ -283,8 +302,9 @@ private:
 	const std::vector<Span> &spans_;
 	const std::vector<int32_t> callers_;
 	Statements found_;
-	std::unordered_map<std::string_view, uint32_t> database_; /* by component */
-	std::unordered_map<std::string_view, Prepared> last_;     /* by component */
+	std::unordered_map<std::string_view, uint32_t> database_;     /* by component */
+	std::unordered_map<std::string_view, Connection> connection_; /* by component */
+	std::unordered_map<std::string_view, Prepared> last_;         /* by component */
 	std::unordered_map<std::pair<std::string_view, int32_t>, Prepared, CallerHash> by_caller_;
 	std::unordered_map<std::string_view, Text> by_raw_;
 	std::unordered_map<std::string, size_t> by_text_;

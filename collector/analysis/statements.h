@@ -45,7 +45,8 @@ struct Execution {
 	int32_t source = -1;   /* the call that told the text; -1: it is not known */
 	uint32_t text = 0;     /* index into texts */
 	uint32_t database = 0; /* index into databases */
-	bool has_places = false; /* for values that the document does not tell */
+	bool has_places = false;      /* for values that the document does not tell */
+	bool is_database_sure = true; /* no other connection was there that it may have used */
 };
 
 struct Statements {

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "cli/format.h"
+#include "util/version.h"
 
 namespace kaq {
 
@@ -96,6 +97,7 @@ std::unique_ptr<CLI::App> make_command_line(int &status) {
 	auto app =
 		std::make_unique<CLI::App>("Collects, keeps and explains what PHP applications do.", "kaq");
 	app->require_subcommand(1);
+	app->set_version_flag("--version", std::string("kaq ") + kVersion, "show the version");
 	app->footer(kStatuses);
 	for (AddVerb add : verbs()) {
 		add(*app, status);

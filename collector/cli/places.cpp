@@ -94,7 +94,7 @@ std::string token_of(const std::string &store) {
 		return token;
 	}
 	token = random_hex(kTokenBytes);
-	UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+	UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
 	std::string line = token + "\n";
 	if (!fd || write(fd.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
 		fail("cannot write " + path);

@@ -18,7 +18,7 @@ namespace {
 } // namespace
 
 FileLock::FileLock(const std::string &path)
-	: fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+	: fd_(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600)) {
 	if (!fd_) {
 		fail("cannot open " + path);
 	}

@@ -76,7 +76,7 @@ bool write_rows(const std::string &file, const std::vector<FileRow> &rows) {
 		text += line_of(row);
 	}
 	std::string next = file + ".new";
-	UniqueFd fd(open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+	UniqueFd fd(open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
 	return fd && write_all(fd.get(), text) && rename(next.c_str(), file.c_str()) == 0;
 }
 

@@ -70,8 +70,8 @@ def options_of(config):
             if option != name}
 
 
-def disagreements(package, config, header, changes):
-    """What composer.json, config.m4, php_kaq.h and CHANGELOG.md do not agree on."""
+def disagreements(package, config, header, collector, changes):
+    """What composer.json, config.m4, php_kaq.h, version.h and CHANGELOG.md do not agree on."""
     extension = package.get("php-ext", {})
     yield from misfits(package)
     version = first(r'#define KAQ_VERSION "([^"]+)"', header)
@@ -95,6 +95,8 @@ def disagreements(package, config, header, changes):
         yield f"composer.json: options are {told}, those of config.m4 {options_of(config)}"
     if not info or not info.startswith(f"{version}."):
         yield f"php_kaq.h: KAQ_VERSION_INFO {info!r} is no version of KAQ_VERSION {version!r}"
+    if first(r'kVersion = "([^"]+)"', collector) != version:
+        yield f"version.h: the collector's version is not {version!r}"
     if first(r"^## \[(\d[^\]]*)\]", changes) != version:
         yield f"CHANGELOG.md: its newest version is not {version!r}"
 
@@ -112,6 +114,7 @@ def main(root):
     found = list(disagreements(
         package, (house / "config.m4").read_text(encoding="utf-8"),
         (house / "state" / "php_kaq.h").read_text(encoding="utf-8"),
+        (root / "collector" / "util" / "version.h").read_text(encoding="utf-8"),
         (root / "CHANGELOG.md").read_text(encoding="utf-8")))
     print("".join(line + "\n" for line in found), end="")
     return 1 if found else 0

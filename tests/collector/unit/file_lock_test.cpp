@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
 #include <memory>
 #include <system_error>
 
@@ -26,6 +27,18 @@ TEST(FileLock, IsOneProcesssAtATime) {
 	}
 	lock.reset();
 	FileLock third(path);
+}
+
+TEST(FileLock, WritesToNoFileElsewhere) {
+	kaq_test::Directory directory;
+	std::string other = directory.path() + "/other";
+	std::string path = directory.path() + "/lock";
+	std::ofstream(other) << "mine";
+	ASSERT_EQ(symlink(other.c_str(), path.c_str()), 0);
+	EXPECT_THROW(FileLock lock(path), std::system_error);
+	std::string content;
+	std::ifstream(other) >> content;
+	EXPECT_EQ(content, "mine");
 }
 
 TEST(FileLock, NeedsItsDirectory) {

@@ -172,6 +172,31 @@ HealthyCase threads_that_take_turns() {
 	return {"threads that take turns", request.done(), kThreads};
 }
 
+/* The same question to each of several servers cannot be asked once. */
+HealthyCase several_servers() {
+	Request request = symfony("/tenants");
+	for (int i = 0; i < 6; i++) {
+		request.connect("mysql:host=tenant" + letter(i) + ";dbname=shop");
+		request.query("SELECT v FROM conf WHERE id = 7", 28);
+	}
+	return {"several servers", request.works(40).done(), kOneAtATime};
+}
+
+/* Which of the two a statement ran on is not known. */
+HealthyCase main_server_and_replica() {
+	Request request = gateway("/settings");
+	request.connect("mysql:host=main;dbname=shop").connect("mysql:host=replica;dbname=shop");
+	for (int i = 0; i < 3; i++) {
+		request.query("SELECT v FROM conf WHERE id = 7", 28);
+	}
+	return {"main server and replica", request.works(40).done(), kOneAtATime};
+}
+
+/* Whoever else works in that process, this code has not. */
+HealthyCase main_code_that_waits() {
+	return {"main code that waits", Request("/sleep").works(5).waits(900).done()};
+}
+
 HealthyCase empty_request() {
 	return {"empty request", Request("/ping").done(), kOneAtATime};
 }
@@ -199,6 +224,9 @@ std::vector<HealthyCase> healthy_cases() {
 					  missing_avatar,
 					  a_few_polls,
 					  threads_that_take_turns,
+					  several_servers,
+					  main_server_and_replica,
+					  main_code_that_waits,
 					  empty_request}) {
 		cases.push_back(make());
 	}

@@ -170,14 +170,23 @@ VerdictCase busy_loop() {
 			request.done()};
 }
 
+/* What it does after its answer was sent has held up nobody. */
+VerdictCase code_that_goes_on() {
+	Request request = gateway("/goes-on");
+	request.open("Report::fill").works(900).close();
+	request.last().end += 4000;
+	return {"code that goes on", FindingKind::kSlowCode, 900, "Report::fill itself: 900 of ",
+			request.done()};
+}
+
 } // namespace
 
 std::vector<VerdictCase> other_cases() {
 	std::vector<VerdictCase> cases;
-	for (auto make :
-		 {thumbnails, many_expressions, code_without_functions, job_that_calculates, session_lock,
-		  rate_limiter, session_lock_in_a_thread, uncaught, no_memory, handled_by_the_framework,
-		  out_of_time, out_of_time_all_over, limit_of_spans, limit_of_spans_alone, busy_loop}) {
+	for (auto make : {thumbnails, many_expressions, code_without_functions, job_that_calculates,
+					  session_lock, rate_limiter, session_lock_in_a_thread, uncaught, no_memory,
+					  handled_by_the_framework, out_of_time, out_of_time_all_over, limit_of_spans,
+					  limit_of_spans_alone, busy_loop, code_that_goes_on}) {
 		cases.push_back(make());
 	}
 	return cases;
