@@ -89,7 +89,8 @@ for (const [width, height] of [[1280, 900], [390, 800]]) {
 			assert.equal(await page.locator('a.map-host', { hasText: `partner-${HOSTS - 1}.example` }).count(), 1);
 			assert.equal(await page.locator('a.map-host', { hasText: 'partner-0.example' }).count(), 0);
 			const plane = await page.locator('.map-plane').boundingBox();
-			assert.ok(plane.height < 1600, `the map is ${plane.height} pixels high`);
+			// Two columns are in view on a narrow page, where names take two lines.
+			assert.ok(plane.height < (width < 500 ? 1900 : 1600), `the map is ${plane.height} pixels high`);
 			// The front, the circle one after the other, and databases.
 			assert.equal(await page.locator('.map-column').count(), CIRCLE + 2);
 			assert.deepEqual(await page.evaluate(layoutProblems), []);
