@@ -105,8 +105,9 @@ private:
 	void find_slow(const Function &function) {
 		int64_t time = function.time - (is_waiting(function) ? waiting_ : 0);
 		time = std::min(time, request_.duration);
-		if (function.is_root) {
-			/* No function is to blame, and no code has worked for longer than its process. */
+		if (function.is_root && worked_ > 0) {
+			/* No function is to blame, and no code has worked for longer than its process; where
+			 * nothing is told of that, it is not known. */
 			time = std::min(time, worked_);
 		}
 		if (!request_.matters(time, function.is_root ? kSlowMain : kSlowFunction)) {

@@ -94,7 +94,7 @@ def test_a_store_that_cannot_be_written_can_be_read(filled):
 def damage(store):
     (path,) = store.glob("requests-*.sqlite")
     content = bytearray(path.read_bytes())
-    for page in range(len(content) // PAGE // 2, len(content) // PAGE):
+    for page in range(len(content) // PAGE // 3, len(content) // PAGE):
         content[page * PAGE:(page + 1) * PAGE] = b"\xff" * PAGE
     path.write_bytes(content)
 
