@@ -1,11 +1,11 @@
 #include "ingest/pipeline.h"
 
 #include <malloc.h>
+#include <pthread.h>
 
 #include <exception>
 #include <string>
 
-#include "util/background.h"
 #include "util/log.h"
 
 namespace kaq {
@@ -95,7 +95,7 @@ bool Pipeline::accept(BudgetedBuffer &&bytes) {
 }
 
 void Pipeline::run(Worker &worker) {
-	work_in_background("kaq-reader");
+	pthread_setname_np(pthread_self(), "kaq-reader");
 	while (std::optional<BudgetedBuffer> bytes = queue_.take()) {
 		take_lines(bytes->bytes(), *settings(), worker);
 	}

@@ -1,5 +1,6 @@
 #include "store/sqlite_store.h"
 
+#include <pthread.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
@@ -12,7 +13,6 @@
 #include <fmt/format.h>
 
 #include "store/schema.h"
-#include "util/background.h"
 #include "util/log.h"
 #include "util/system_time.h"
 
@@ -182,7 +182,7 @@ void SqliteStore::add_asked(const AskedSums &sums) {
 }
 
 void SqliteStore::run() {
-	work_in_background("kaq-store");
+	pthread_setname_np(pthread_self(), "kaq-store");
 	auto figures_due = std::chrono::steady_clock::now() + kFigurePeriod;
 	bool is_ending = false;
 	while (!is_ending) {
