@@ -336,6 +336,8 @@ def main():
     parser.add_argument("--load", required=True)
     parser.add_argument("--minutes", type=int, default=30)
     options = parser.parse_args()
+    if options.minutes <= SETTLED:
+        parser.error("bounds hold after %d minutes: more are needed" % SETTLED)
     bounds = Bounds()
     lines = [collector_harness.payload(seed) for seed in range(PAYLOADS)]
     directory = tempfile.mkdtemp(prefix="kaq-soak-")
