@@ -8,6 +8,7 @@
 #include "analysis/findings_private.h"
 #include "analysis/folding.h"
 #include "analysis/statements.h"
+#include "util/control_character.h"
 
 namespace kaq {
 namespace {
@@ -156,10 +157,7 @@ std::string said(std::string_view name) {
 	if (text.size() < name.size()) {
 		text += "...";
 	}
-	for (char &character : text) {
-		bool is_control = static_cast<unsigned char>(character) < 0x20 || character == 0x7f;
-		character = is_control ? ' ' : character;
-	}
+	std::replace_if(text.begin(), text.end(), is_control_character, ' ');
 	return text.empty() ? "(no name)" : text;
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "analysis/naming.h"
+#include "util/control_character.h"
 #include "util/query_string.h"
 
 namespace kaq {
@@ -63,7 +64,7 @@ bool can_be_told(std::string_view application, std::string_view transaction,
 					path.size() <= kLongestWord;
 	std::string_view pattern = path_of(transaction);
 	bool is_writable = std::none_of(pattern.begin(), pattern.end(), [](char each) {
-		return each == '\'' || static_cast<unsigned char>(each) < ' ' || each == 127;
+		return each == '\'' || is_control_character(each);
 	});
 	return is_short && is_writable && matches_glob(path, pattern);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <optional>
 #include <unordered_map>
 
 #include "analysis/layers.h"
@@ -133,7 +134,6 @@ private:
 	void take(int32_t index, const Span &span) {
 		switch (role_of(span)) {
 		case StatementRole::kConnect:
-			add_connection(connection_[span.component], database_of(span));
 			connect(span.component, database_of(span));
 			break;
 		case StatementRole::kSelectDatabase:
@@ -154,29 +154,31 @@ private:
 	}
 
 	/* Where a component's connections lead. */
-	struct Connection {
-		Database first;
-		bool is_there = false;
-		bool is_one = true; /* or all of them lead to one place */
+	struct Connections {
+		std::optional<Database> first;
+		bool is_one = true;   /* or not all of them lead to one place */
+		uint32_t current = 0; /* among the databases */
 	};
 
-	static void add_connection(Connection &connection, const Database &database) {
-		if (!connection.is_there) {
-			connection.first = database;
-			connection.is_there = true;
-		}
-		connection.is_one = connection.is_one && connection.first.server == database.server &&
-							connection.first.name == database.name;
+	static bool is_same(const Database &one, const Database &other) {
+		return one.server == other.server && one.name == other.name;
 	}
 
 	void connect(std::string_view component, const Database &database) {
+		Connections &connections = connections_[component];
+		if (!connections.first) {
+			connections.first = database;
+		}
+		connections.is_one = connections.is_one && is_same(*connections.first, database);
+		use_database(connections.current, database);
+	}
+
+	void use_database(uint32_t &current, const Database &database) {
 		if (database.server.empty() && database.name.empty()) {
 			return;
 		}
-		uint32_t &current = database_[component];
 		for (size_t i = 0; i < found_.databases.size(); i++) {
-			const Database &known = found_.databases[i];
-			if (known.server == database.server && known.name == database.name) {
+			if (is_same(found_.databases[i], database)) {
 				current = static_cast<uint32_t>(i);
 				return;
 			}
@@ -188,9 +190,10 @@ private:
 	}
 
 	void select_database(const Span &span) {
-		Database database = found_.databases[database_[span.component]];
+		uint32_t &current = connections_[span.component].current;
+		Database database = found_.databases[current];
 		database.name = span.database;
-		connect(span.component, database);
+		use_database(current, database);
 	}
 
 	void prepare(int32_t index, const Span &span) {
@@ -210,8 +213,8 @@ private:
 		auto last = last_.find(span.component);
 		Execution made;
 		made.span = index;
-		made.database = database_[span.component];
-		made.is_database_sure = connection_[span.component].is_one;
+		made.database = connections_[span.component].current;
+		made.is_database_sure = connections_[span.component].is_one;
 		made.has_places = true;
 		if (known != by_caller_.end()) {
 			use(made, known->second);
@@ -246,7 +249,7 @@ private:
 			left.span = prepared.span;
 			left.source = prepared.span;
 			left.text = prepared.text;
-			left.database = database_[spans_[at(prepared.span)].component];
+			left.database = connections_[spans_[at(prepared.span)].component].current;
 			left.has_places = prepared.has_places;
 			found_.unused.push_back(left);
 		}
@@ -259,8 +262,8 @@ private:
 		const Text &text = text_of(shortened(span.query, kLongestStatement));
 		made.text = text.index;
 		made.has_places = text.has_places && span.values == 0;
-		made.database = database_[span.component];
-		made.is_database_sure = connection_[span.component].is_one;
+		made.database = connections_[span.component].current;
+		made.is_database_sure = connections_[span.component].is_one;
 		return made;
 	}
 
@@ -302,9 +305,8 @@ private:
 	const std::vector<Span> &spans_;
 	const std::vector<int32_t> callers_;
 	Statements found_;
-	std::unordered_map<std::string_view, uint32_t> database_;     /* by component */
-	std::unordered_map<std::string_view, Connection> connection_; /* by component */
-	std::unordered_map<std::string_view, Prepared> last_;         /* by component */
+	std::unordered_map<std::string_view, Connections> connections_; /* by component */
+	std::unordered_map<std::string_view, Prepared> last_;           /* by component */
 	std::unordered_map<std::pair<std::string_view, int32_t>, Prepared, CallerHash> by_caller_;
 	std::unordered_map<std::string_view, Text> by_raw_;
 	std::unordered_map<std::string, size_t> by_text_;

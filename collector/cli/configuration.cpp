@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "cli/toml_section_private.h"
+#include "util/control_character.h"
 #include "util/utf8.h"
 
 namespace kaq {
@@ -120,10 +121,6 @@ void read_scrub(TomlSection &section, ScrubSettings &scrub) {
 	}
 }
 
-bool is_control(unsigned char character) {
-	return character < 0x20 || character == 0x7f;
-}
-
 void read_names(TomlSection &section, NameSettings &names) {
 	section.read_number<uint64_t>("cap", names.cap, 1, 100000);
 	section.sections("rule", kMostRules, [&names](TomlSection &inner) {
@@ -138,7 +135,7 @@ void read_names(TomlSection &section, NameSettings &names) {
 		if (rule.name.empty() && rule.parameters.empty()) {
 			inner.mistake("", "needs a name, or parameters");
 		}
-		if (std::any_of(rule.name.begin(), rule.name.end(), is_control)) {
+		if (std::any_of(rule.name.begin(), rule.name.end(), is_control_character)) {
 			inner.mistake("name", "has control characters");
 		}
 		names.rules.push_back(std::move(rule));

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "cli/toml_section_private.h"
+#include "util/control_character.h"
 #include "util/units.h"
 
 namespace kaq {
@@ -32,9 +33,7 @@ size_t distance(std::string_view left, std::string_view right) {
 
 std::string printable(std::string_view text) {
 	std::string shown(text.substr(0, kLongestKey));
-	std::replace_if(
-		shown.begin(), shown.end(),
-		[](char each) { return static_cast<unsigned char>(each) < ' ' || each == 0x7f; }, '?');
+	std::replace_if(shown.begin(), shown.end(), is_control_character, '?');
 	return shown + (text.size() > kLongestKey ? "..." : "");
 }
 

@@ -1,13 +1,12 @@
 #include "http/access.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <string>
 
 #include "http/viewer_pages.h"
+#include "query/fields.h"
 
 namespace kaq {
 namespace {
@@ -20,19 +19,15 @@ std::string_view without_port(std::string_view host) {
 	return host.substr(0, colon);
 }
 
-bool is_same_word(std::string_view a, std::string_view b) {
-	return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
 bool is_own_name(std::string_view host) {
 	std::string_view name = without_port(host);
 	return std::any_of(kOwnNames.begin(), kOwnNames.end(),
-					   [name](std::string_view own) { return is_same_word(name, own); });
+					   [name](std::string_view own) { return is_same_name(name, own); });
 }
 
 std::string_view bearer_of(std::string_view authorization) {
 	constexpr std::string_view scheme = "Bearer ";
-	bool is_bearer = is_same_word(authorization.substr(0, scheme.size()), scheme);
+	bool is_bearer = is_same_name(authorization.substr(0, scheme.size()), scheme);
 	return is_bearer ? authorization.substr(scheme.size()) : std::string_view();
 }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "util/control_character.h"
+
 namespace kaq {
 namespace {
 
@@ -23,13 +25,7 @@ size_t byte_of(std::string_view text, size_t column) {
 
 std::string printable(std::string_view text) {
 	std::string shown(text);
-	std::replace_if(
-		shown.begin(), shown.end(),
-		[](char character) {
-			auto byte = static_cast<unsigned char>(character);
-			return byte < ' ' || byte == 0x7f;
-		},
-		' ');
+	std::replace_if(shown.begin(), shown.end(), is_control_character, ' ');
 	return shown;
 }
 

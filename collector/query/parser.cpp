@@ -6,6 +6,7 @@
 #include "query/fields.h"
 #include "query/scanner.h"
 #include "query/values.h"
+#include "util/control_character.h"
 #include "util/utf8.h"
 
 namespace kaq {
@@ -138,8 +139,7 @@ bool Parser::has_good_characters() {
 		return false;
 	}
 	for (size_t i = 0; i < text_.size(); i++) {
-		auto byte = static_cast<unsigned char>(text_[i]);
-		if ((byte < ' ' && !is_blank(text_[i])) || byte == 0x7f) {
+		if (is_control_character(text_[i]) && !is_blank(text_[i])) {
 			stop(i, "a control character", "'?' stands for any character");
 			return false;
 		}

@@ -379,10 +379,7 @@ void SqliteStore::write_figures() {
 		figure_file_.reset(); /* somebody has removed it */
 	}
 	try {
-		if (!figure_file_) {
-			figure_file_ = std::make_unique<FigureFile>(figure_path());
-		}
-		figure_file_->write(periods, asked);
+		open_figures().write(periods, asked);
 	} catch (const SQLite::Exception &error) {
 		figure_file_.reset();
 		is_writing_ = false;

@@ -117,6 +117,7 @@ private:
 	void read_candidates(const std::vector<Candidate> &best, size_t limit, Found &found);
 	RequestRow complete(RequestRow row);
 	std::string figure_path() const;
+	FigureFile &open_figures();
 	int64_t now() const;
 
 	/* What may change does so on the writing thread, with the lock. */

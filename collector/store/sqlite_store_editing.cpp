@@ -7,7 +7,6 @@
 #include "store/schema.h"
 #include "store/sqlite_store.h"
 #include "util/log.h"
-#include "util/log.h"
 
 namespace kaq {
 namespace {
@@ -160,22 +159,20 @@ bool SqliteStore::unpin(const std::string &id) {
 	return was_pinned;
 }
 
+/* Made where there is none. */
+FigureFile &SqliteStore::open_figures() {
+	if (!figure_file_) {
+		figure_file_ = std::make_unique<FigureFile>(figure_path());
+	}
+	return *figure_file_;
+}
+
 void SqliteStore::add_mark(const Mark &mark) {
-	on_writer([this, &mark] {
-		if (!figure_file_) {
-			figure_file_ = std::make_unique<FigureFile>(figure_path());
-		}
-		figure_file_->add_mark(mark);
-	});
+	on_writer([this, &mark] { open_figures().add_mark(mark); });
 }
 
 void SqliteStore::remove_mark(const Mark &mark) {
-	on_writer([this, &mark] {
-		if (!figure_file_) {
-			figure_file_ = std::make_unique<FigureFile>(figure_path());
-		}
-		figure_file_->remove_mark(mark);
-	});
+	on_writer([this, &mark] { open_figures().remove_mark(mark); });
 }
 
 /* A pinned request is in two files, and one all the same. What was put aside cannot be searched. */
@@ -191,11 +188,8 @@ int64_t SqliteStore::forget(const Filter &filter) {
 		}
 		files_.remove_asides();
 		load_pinned();
-		if (!figure_file_ && bytes_of_database(figure_path()) > 0) {
-			figure_file_ = std::make_unique<FigureFile>(figure_path());
-		}
-		if (figure_file_) {
-			figure_file_->forget_examples(deleted);
+		if (figure_file_ || bytes_of_database(figure_path()) > 0) {
+			open_figures().forget_examples(deleted);
 		}
 	});
 	return static_cast<int64_t>(deleted.size());

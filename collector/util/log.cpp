@@ -10,6 +10,8 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include "util/control_character.h"
+
 namespace kaq {
 namespace {
 
@@ -67,9 +69,7 @@ std::optional<uint64_t> LogLimiter::allow(const std::string &name, Clock::time_p
 void log_line(LogLevel level, std::string_view text) {
 	static Logger logger;
 	std::string line = prefix_of(level, logger.is_of_journal) + std::string(text);
-	std::replace_if(
-		line.begin(), line.end(),
-		[](char each) { return static_cast<unsigned char>(each) < ' ' || each == 0x7f; }, '?');
+	std::replace_if(line.begin(), line.end(), is_control_character, '?');
 	logger.lines.log(spdlog::level::info, spdlog::string_view_t(line));
 }
 

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string_view>
 
+#include "util/control_character.h"
 #include "util/query_string.h"
 #include "util/unique_fd.h"
 
@@ -18,8 +19,8 @@ namespace {
 std::string encoded(const std::string &text) {
 	std::string field;
 	for (char each : text) {
-		auto byte = static_cast<unsigned char>(each);
-		if (byte < ' ' || byte == 127 || each == '%' || each == '+') {
+		if (is_control_character(each) || each == '%' || each == '+') {
+			auto byte = static_cast<unsigned char>(each);
 			field += '%';
 			field += "0123456789ABCDEF"[byte >> 4];
 			field += "0123456789ABCDEF"[byte & 15];

@@ -1,21 +1,17 @@
 /* Who is let in when there are more connections than are served. */
 #include "http/http_server.h"
 
-#include <gtest/gtest.h>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-
 #include <future>
 
+#include "http_asking.h"
 #include "records.h"
-#include "util/unique_fd.h"
 
 namespace {
 
 using namespace kaq;
+using kaq_test::ask;
+using kaq_test::connected;
+using kaq_test::heard;
 
 constexpr size_t kMost = 8;
 
@@ -40,43 +36,12 @@ protected:
 		return answer;
 	}
 
-	static UniqueFd connected(UniqueFd fd, const sockaddr *address, socklen_t size) {
-		timeval limit{20, 0};
-		setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-		EXPECT_EQ(connect(fd.get(), address, size), 0);
-		return fd;
-	}
-
 	UniqueFd over_tcp() {
-		sockaddr_in address{};
-		address.sin_family = AF_INET;
-		address.sin_port = htons(server_.port());
-		address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-		return connected(UniqueFd(socket(AF_INET, SOCK_STREAM, 0)),
-						 reinterpret_cast<sockaddr *>(&address), sizeof(address));
+		return connected(server_.port());
 	}
 
 	UniqueFd over_socket() {
-		sockaddr_un address{};
-		address.sun_family = AF_UNIX;
-		std::string path = directory_.path() + "/socket";
-		path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-		return connected(UniqueFd(socket(AF_UNIX, SOCK_STREAM, 0)),
-						 reinterpret_cast<sockaddr *>(&address), sizeof(address));
-	}
-
-	static void ask(const UniqueFd &fd, const std::string &path) {
-		std::string request =
-			"GET " + path + " HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer t\r\n\r\n";
-		EXPECT_EQ(send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL),
-				  static_cast<ssize_t>(request.size()));
-	}
-
-	/* The beginning of an answer; empty if the connection was closed. */
-	static std::string heard(const UniqueFd &fd) {
-		char piece[4096];
-		ssize_t size = recv(fd.get(), piece, sizeof(piece), 0);
-		return {piece, static_cast<size_t>(std::max<ssize_t>(size, 0))};
+		return connected(directory_.path() + "/socket");
 	}
 
 	std::string answer_of(UniqueFd fd, const std::string &path) {

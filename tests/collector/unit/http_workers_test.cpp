@@ -1,14 +1,8 @@
 #include "http/http_server.h"
 
-#include <gtest/gtest.h>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-
 #include <future>
 
-#include "util/unique_fd.h"
+#include "http_asking.h"
 
 namespace {
 
@@ -17,28 +11,15 @@ using namespace kaq;
 constexpr size_t kMost = 64; /* that are answered or wait */
 
 UniqueFd ask(uint16_t port, const std::string &path) {
-	UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
-	timeval limit{20, 0};
-	setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-	sockaddr_in address{};
-	address.sin_family = AF_INET;
-	address.sin_port = htons(port);
-	address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-	EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-	std::string request = "GET " + path +
-						  " HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer t\r\n"
-						  "Connection: close\r\n\r\n";
-	EXPECT_EQ(send(fd.get(), request.data(), request.size(), 0),
-			  static_cast<ssize_t>(request.size()));
+	UniqueFd fd = kaq_test::connected(port);
+	kaq_test::ask(fd, path, "Connection: close\r\n");
 	return fd;
 }
 
 std::string answer_of(const UniqueFd &fd) {
 	std::string answer;
-	char piece[4096];
-	ssize_t size;
-	while ((size = recv(fd.get(), piece, sizeof(piece), 0)) > 0) {
-		answer.append(piece, static_cast<size_t>(size));
+	for (std::string piece; !(piece = kaq_test::heard(fd)).empty();) {
+		answer += piece;
 	}
 	return answer;
 }
