@@ -192,7 +192,7 @@ private:
 
 	void find_duplicates() {
 		Writes writes(statements_, repeatable_, written_);
-		std::map<std::tuple<std::string_view, int32_t, int64_t>, Duplicates> all;
+		std::map<std::tuple<std::string_view, uint32_t, int32_t, int64_t>, Duplicates> all;
 		for (const Execution &execution : statements_.executions) {
 			if (Writes::is_write(execution.text, statements_)) {
 				writes.add(execution.text);
@@ -201,8 +201,8 @@ private:
 				!execution.has_places && execution.source >= 0 && execution.is_database_sure;
 			if (is_known && !repeatable_[execution.text].empty()) {
 				const Span &source = request_.span(execution.source);
-				Duplicates &same =
-					all[{source.query, source.values, writes.before(execution.text)}];
+				Duplicates &same = all[{source.query, execution.database, source.values,
+										writes.before(execution.text)}];
 				same.group.add(execution.span, cost_of(execution.span));
 				same.text = execution.text;
 			}

@@ -72,6 +72,17 @@ TEST(Findings, ValuesThatNobodyKnowsAreNoDuplicates) {
 	EXPECT_EQ(2, found(request.done(), FindingKind::kDuplicateStatement).count);
 }
 
+TEST(Findings, TheSameTextOnAnotherDatabaseIsNoDuplicate) {
+	for (const char *second : {"shop_1", "shop_2"}) {
+		Request request("/");
+		for (const char *database : {"shop_1", second}) {
+			request.mysqli_select(database).mysqli("SELECT v FROM conf WHERE id = 7", 40);
+		}
+		int64_t count = found(request.done(), FindingKind::kDuplicateStatement).count;
+		EXPECT_EQ(std::string_view(second) == "shop_1" ? 2 : 0, count) << second;
+	}
+}
+
 TEST(Findings, PreparedTextsWithDifferentLiteralsAreNoDuplicates) {
 	Request request("/");
 	request.prepare("SELECT * FROM a WHERE id = 1").execute(40);

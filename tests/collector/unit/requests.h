@@ -62,6 +62,12 @@ public:
 		return query(text, ms, "mysqli_query", "MySQLi");
 	}
 
+	Request &mysqli_select(std::string_view database) {
+		kaq::Span &span = external("mysqli_select_db", "MySQLi", 0);
+		span.database = keep(database);
+		return *this;
+	}
+
 	Request &prepare(std::string_view text, int64_t ms = 0) {
 		kaq::Span &span = external("PDO::prepare", "PDO", ms);
 		span.query = keep(text);
