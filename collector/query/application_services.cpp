@@ -19,7 +19,7 @@ using Points = std::map<std::string, std::map<int64_t, Figures>>;
 
 Points points_of(const FigureQuestion &asked_for, int64_t step) {
 	Points points;
-	for (const FigureStep &each : asked_for.steps(FigureKind::kTransaction, step)) {
+	for (const FigureStep &each : asked_for.steps(asked_for.sums_kind(), step)) {
 		points[each.key.application][each.time].add(each.figures);
 	}
 	return points;

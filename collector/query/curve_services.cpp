@@ -79,7 +79,7 @@ Answer curve_of(ServiceContext &context, const Question &question) {
 Answer durations_of(ServiceContext &context, const Question &question) {
 	FigureQuestion asked_for(context, question);
 	Figures sum;
-	for (const FigureRow &row : asked_for.rows(FigureKind::kTransaction)) {
+	for (const FigureRow &row : asked_for.rows(asked_for.sums_kind())) {
 		sum.add(row.figures);
 	}
 	json answer = {{"range", asked_for.range_json()},

@@ -65,11 +65,15 @@ std::vector<FigureStep> FigureQuestion::steps(FigureKind kind, int64_t step) con
 	return steps;
 }
 
+FigureKind FigureQuestion::sums_kind() const {
+	return transaction_.empty() ? FigureKind::kApplication : FigureKind::kTransaction;
+}
+
 std::vector<FigurePoint> FigureQuestion::points(FigureKind kind, const std::string &text,
 												int64_t step) const {
 	if (!filter_) {
 		FigureSearch search;
-		search.kind = kind;
+		search.kind = kind == FigureKind::kTransaction ? sums_kind() : kind;
 		search.range = range_;
 		search.application = application_;
 		search.transaction = transaction_;
@@ -130,16 +134,13 @@ Filter FigureQuestion::stored() const {
 	return filter;
 }
 
-Condition FigureQuestion::with_verdict() const {
-	And all;
-	all.conditions.push_back({TextIs{TextField::kVerdict, "*"}});
-	if (!application_.empty()) {
-		all.conditions.push_back({TextIs{TextField::kApplication, glob_of(application_)}});
-	}
-	if (!transaction_.empty()) {
-		all.conditions.push_back({TextIs{TextField::kName, transaction_}});
-	}
-	return {std::move(all)};
+Search FigureQuestion::with_verdict(size_t most) const {
+	Search search;
+	search.limit = most;
+	search.filter = stored();
+	search.filter.condition =
+		both({TextIs{TextField::kVerdict, "*"}}, std::move(search.filter.condition));
+	return search;
 }
 
 double FigureQuestion::minutes(const std::vector<FigureRow> &rows) const {

@@ -31,10 +31,16 @@ public:
 	std::vector<FigureRow> rows(FigureKind kind) const;
 	/* Of those that are asked for, each key by itself. */
 	std::vector<FigureStep> steps(FigureKind kind, int64_t step) const;
+	/* What has the sums of all transactions that are asked for in the fewest rows. */
+	FigureKind sums_kind() const;
 	/* Nothing where the requests that are stored are summed up. */
 	std::vector<AskedCount> asked() const;
 	/* Over all keys; the application and the transaction are whole names. */
 	std::vector<FigurePoint> points(FigureKind kind, const std::string &text, int64_t step) const;
+	/* Whether only the requests that are stored can tell what is asked for. */
+	bool is_of_stored() const {
+		return filter_.has_value();
+	}
 	/* Whether not all requests were looked at. */
 	bool is_partial() const {
 		return is_partial_;
@@ -43,8 +49,8 @@ public:
 	/* The stored requests that are asked for. */
 	Filter stored() const;
 
-	/* Requests that are asked for and of which there is something to say. */
-	Condition with_verdict() const;
+	/* Those of them of which there is something to say, the newest. */
+	Search with_verdict(size_t most) const;
 
 	bool is_application(const std::string &application) const;
 	bool is_transaction(const std::string &transaction) const;

@@ -1,4 +1,4 @@
-/* Services about statements, external hosts, failures, and what is found in requests. */
+/* Services about statements, external hosts and failures. */
 #include <map>
 #include <tuple>
 
@@ -16,7 +16,6 @@ using nlohmann::json;
 
 constexpr size_t kUsualRows = 50;
 constexpr size_t kMostParts = 5; /* of the transactions and callers that are named */
-constexpr size_t kUsualFindings = 5;
 
 using GroupRanking = Ranking<FigureGroup>;
 
@@ -157,56 +156,6 @@ json failure_json(const FigureGroup &group, int64_t) {
 	return each;
 }
 
-/* What was found in the requests of one transaction, by the finding that was put first. */
-struct FindingSum {
-	int64_t requests = 0;
-	int64_t gain = 0;
-	RequestVerdict verdict; /* of the request that would gain most */
-	std::string example;
-	int64_t example_gain = -1;
-};
-
-/* Application, transaction, kind. */
-using FindingKey = std::tuple<std::string, std::string, std::string>;
-using FindingRow = std::pair<FindingKey, FindingSum>;
-
-std::vector<FindingRow> finding_rows(const Found &found) {
-	std::map<FindingKey, FindingSum> sums;
-	for (const RequestRow &row : found.rows) {
-		if (row.verdict.kinds.empty()) {
-			continue;
-		}
-		FindingSum &sum =
-			sums[{row.summary.application, row.summary.name, row.verdict.kinds.front()}];
-		sum.requests++;
-		sum.gain += row.verdict.gain;
-		if (row.verdict.gain > sum.example_gain) {
-			sum.example_gain = row.verdict.gain;
-			sum.example = row.summary.id;
-			sum.verdict = row.verdict;
-		}
-	}
-	return {sums.begin(), sums.end()};
-}
-
-std::vector<Ranking<FindingRow>> finding_rankings() {
-	return {{"gain", [](const FindingRow &row) { return static_cast<double>(row.second.gain); }},
-			{"requests",
-			 [](const FindingRow &row) { return static_cast<double>(row.second.requests); }}};
-}
-
-json finding_json(const FindingRow &row) {
-	const auto &[key, sum] = row;
-	return {{"application", std::get<0>(key)},
-			{"transaction", std::get<1>(key)},
-			{"kind", std::get<2>(key)},
-			{"requests", sum.requests},
-			{"gain_ms", sum.gain},
-			{"example", sum.example},
-			{"example_gain_ms", sum.verdict.gain},
-			{"sentence", sum.verdict.sentence}};
-}
-
 } // namespace
 
 Answer list_statements(ServiceContext &context, const Question &question) {
@@ -221,32 +170,6 @@ Answer list_hosts(ServiceContext &context, const Question &question) {
 Answer list_failures(ServiceContext &context, const Question &question) {
 	return group_answer(context, question, FigureKind::kFailure, "errors", failure_rankings(),
 						failure_json);
-}
-
-Answer list_findings(ServiceContext &context, const Question &question) {
-	FigureQuestion asked_for(context, question);
-	Ranking<FindingRow> ranking = ranking_of(question, finding_rankings());
-	size_t limit = limit_of(question, kUsualFindings);
-	Search search;
-	search.limit = kMostRows;
-	search.filter.range = asked_for.range();
-	search.filter.condition = asked_for.with_verdict();
-	Found found = context.store.search(search);
-	std::vector<FindingRow> rows = finding_rows(found);
-	bool has_more =
-		keep_first(rows, ranking, limit, [](const FindingRow &one, const FindingRow &other) {
-			return one.first < other.first;
-		});
-	json list = json::array();
-	for (const FindingRow &row : rows) {
-		list.push_back(finding_json(row));
-	}
-	/* Whether these are not all requests of the range. */
-	bool is_partial = found.is_partial || found.has_more;
-	return json_answer({{"range", asked_for.range_json()},
-						{"findings", std::move(list)},
-						{"more", has_more},
-						{"partial", is_partial}});
 }
 
 } // namespace kaq

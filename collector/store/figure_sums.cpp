@@ -50,6 +50,15 @@ Figures figures_of(const FailureFacts &fact, const Summary &summary, int64_t tim
 	return figures;
 }
 
+Figures figures_of(const RequestVerdict &verdict, const Summary &summary, int64_t time) {
+	Figures figures;
+	figures.requests = figures.count = 1;
+	figures.total = figures.longest = verdict.gain;
+	figures.first = figures.last = time;
+	figures.example = summary.id;
+	return figures;
+}
+
 } // namespace
 
 void FigureSums::rename(Summary &summary, int64_t now) {
@@ -84,13 +93,23 @@ void FigureSums::add(Record &record, int64_t now) {
 		hash = key.hash();
 		renamed_++;
 	}
+	Figures figures = figures_of(record, time);
+	FigureKey application;
+	application.kind = FigureKind::kApplication;
+	application.application = key.application;
+	figures_at(std::move(key), hash, rows).add(figures);
+	hash = application.hash();
+	figures_at(std::move(application), hash, rows).add(figures);
+	add_facts(record, now, rows);
+}
+
+Figures &FigureSums::figures_at(FigureKey key, int64_t hash, Rows &rows) {
 	auto [row, is_new] = rows.try_emplace(hash);
 	if (is_new) {
 		row->second.key = std::move(key);
 		rows_++;
 	}
-	row->second.figures.add(figures_of(record, time));
-	add_facts(record, now, rows);
+	return row->second.figures;
 }
 
 void FigureSums::add_facts(const Record &record, int64_t now, Rows &rows) {
@@ -117,25 +136,26 @@ void FigureSums::add_facts(const Record &record, int64_t now, Rows &rows) {
 		key.details = {fact.type, fact.place, fact.message, fact.level};
 		add_row(key, figures_of(fact, summary, time), now, rows);
 	}
+	if (!record.verdict.kinds.empty()) {
+		key.kind = FigureKind::kFinding;
+		key.text = record.verdict.kinds.front();
+		key.details = {};
+		add_row(key, figures_of(record.verdict, summary, time), now, rows);
+	}
 }
 
 void FigureSums::add_row(FigureKey key, const Figures &figures, int64_t now, Rows &rows) {
 	int64_t hash = key.hash();
-	auto found = rows.find(hash);
-	if (found == rows.end()) {
+	if (rows.count(hash) == 0) {
 		auto application = by_application_.try_emplace(key.application, caps_.names).first;
-		NameCap &cap = application->second.keys[static_cast<size_t>(key.kind)];
+		NameCap &cap = application->second.details[static_cast<size_t>(key.kind)];
 		if (is_full() || !cap.admit({reinterpret_cast<const char *>(&hash), sizeof(hash)}, now)) {
 			key.text = kOtherNames;
 			key.details = {};
 			hash = key.hash();
 		}
-		auto [place, is_new] = rows.try_emplace(hash);
-		found = place;
-		found->second.key = std::move(key);
-		rows_ += is_new ? 1 : 0;
 	}
-	found->second.figures.add(figures);
+	figures_at(std::move(key), hash, rows).add(figures);
 }
 
 std::vector<FigurePeriod> FigureSums::take() {

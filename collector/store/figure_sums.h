@@ -22,8 +22,8 @@ namespace kaq {
 
 struct FigureCaps {
 	size_t applications = 200;
-	size_t names = 2000; /* of each application: transactions; statements, hosts and failures of all
-							its transactions ten times as many */
+	size_t names = 2000; /* of each application: transactions; statements, hosts, failures and
+							findings of all its transactions ten times as many */
 };
 
 /* What was added in one minute, or in one hour. */
@@ -56,15 +56,15 @@ public:
 private:
 	struct Application {
 		explicit Application(size_t names)
-			: transactions(names), keys{NameCap(0), NameCap(10 * names), NameCap(10 * names),
-										NameCap(10 * names)} {
+			: transactions(names), details(kFigureKinds, NameCap(10 * names)) {
 		}
 		NameCap transactions;
-		NameCap keys[kFigureKinds];
+		std::vector<NameCap> details; /* by kind; none of applications and transactions */
 	};
 	using Rows = std::unordered_map<int64_t, FigureRow>;
 
 	void rename(Summary &summary, int64_t now);
+	Figures &figures_at(FigureKey key, int64_t hash, Rows &rows);
 	void add_facts(const Record &record, int64_t now, Rows &rows);
 	void add_row(FigureKey key, const Figures &figures, int64_t now, Rows &rows);
 	bool is_full() const {

@@ -15,8 +15,15 @@
 namespace kaq {
 
 /* What a row of figures is about. */
-enum class FigureKind { kTransaction = 0, kStatement = 1, kHost = 2, kFailure = 3 };
-constexpr size_t kFigureKinds = 4;
+enum class FigureKind {
+	kTransaction = 0,
+	kStatement = 1,
+	kHost = 2,
+	kFailure = 3,
+	kApplication = 4, /* the sum of its transactions */
+	kFinding = 5,
+};
+constexpr size_t kFigureKinds = 6;
 
 /*
  * Of what the figures are. `text` and `details` depend on the kind:
@@ -24,6 +31,8 @@ constexpr size_t kFigureKinds = 4;
  *   statement:   the statement; component, server, database, caller
  *   host:        the host
  *   failure:     the group's key; type, place, message, level
+ *   application: none, and no transaction either
+ *   finding:     its kind, of those that were put first; times are what there is to gain
  */
 struct FigureKey {
 	FigureKind kind = FigureKind::kTransaction;

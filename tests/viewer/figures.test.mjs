@@ -3,6 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 import { Collector, openPage, settled, show, startBrowser } from './collector.mjs';
 import { shopRequests } from './shop.mjs';
+import { assertDuration, assertFigure, assertRows, percentile, rowsOf } from './shown_figures.mjs';
 
 let collector;
 let browser;
@@ -23,22 +24,6 @@ after(async () => {
 /* Recomputed from every single request. */
 async function allRequests(parameters = {}) {
 	return (await collector.ask('/api/v1/requests', { from: '1h', limit: 10000, ...parameters })).requests;
-}
-
-function percentile(values, share) {
-	const sorted = [...values].sort((one, other) => one - other);
-	return sorted[Math.max(0, Math.ceil(sorted.length * share) - 1)];
-}
-
-/* `1.4 s` as milliseconds. */
-function milliseconds(text) {
-	const [, number, unit] = /^([\d.,]+) (ms|s)$/.exec(text) ?? assert.fail(`${text} is no duration`);
-	return Number(number.replaceAll(',', '')) * (unit === 's' ? 1000 : 1);
-}
-
-/* Within 1 % and half a millisecond of the exact one, and as far as it was rounded. */
-function assertDuration(text, exact) {
-	assert.ok(Math.abs(milliseconds(text) - exact) <= exact * 0.02 + 1, `${text} is not ${exact} ms`);
 }
 
 async function figuresOf(scope) {
@@ -78,6 +63,19 @@ test('the overview leads to the request that would gain most', async () => {
 	assert.ok((await first.textContent()).includes(JSON.parse(best)[1]));
 	const id = new URL(await first.locator('.finding-sentence a').getAttribute('href'), collector.url).searchParams.get('id');
 	assert.ok(requests.some((each) => each.id === id && each.gain_ms > 0));
+});
+
+test('a host narrows what would gain most to what was said of its requests', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/?host=prices.example`);
+	const requests = await allRequests({ q: 'has:verdict host:"prices.example"' });
+	const gain = requests.reduce((sum, each) => sum + each.gain_ms, 0);
+	assert.ok(gain > 0);
+	const shown = await page.locator('.finding-gain b').allTextContents();
+	const { findings } = await collector.ask('/api/v1/findings', { from: '1h', host: 'prices.example', limit: 100 });
+	assert.equal(findings.reduce((sum, each) => sum + each.gain_ms, 0), gain);
+	assert.equal(shown.length, Math.min(5, findings.length));
+	shown.forEach((text, i) => assertFigure(text, findings[i].gain_ms || null, findings[i].sentence));
 });
 
 test('marks stand on the lines and lead to a comparison', async () => {
@@ -218,7 +216,7 @@ test('a host narrows statements and calls to what its stored requests did', asyn
 
 test('where figures are of all hosts the page says so, and leads to those of one', async () => {
 	const { page } = opened;
-	for (const path of ['/?', '/errors?', '/map?', '/transaction?app=Shop&txn=%2Fcheckout&']) {
+	for (const path of ['/errors?', '/map?', '/transaction?app=Shop&txn=%2Fcheckout&']) {
 		await show(page, `${collector.url}${path}host=shop.example`);
 		assert.ok((await page.getByText('Of all hosts').count()) > 0, path);
 		await show(page, `${collector.url}${path}`);
@@ -230,51 +228,6 @@ test('where figures are of all hosts the page says so, and leads to those of one
 	const expected = await allRequests({ q: 'has:error host:"shop.example"' });
 	assert.equal(parseInt(await page.getByRole('status').textContent(), 10), expected.length);
 });
-
-const UNITS = { ms: 1, s: 1000, min: 60000, h: 3600000, d: 86400000, '%': 0.01, k: 1e3, M: 1e6, G: 1e9, KiB: 1024, MiB: 1 << 20 };
-
-/* What a text such as `~ 2 min 5 s`, `12.3 k`, `0.4 %` or `+1.2/min` says, in milliseconds, shares or times; null: nothing. */
-function figure(text) {
-	if (text.startsWith('–')) {
-		return null;
-	}
-	const parts = [...text.replaceAll(',', '').matchAll(/(-?[\d.]+) ?(ms|s|min|h|d|%|k|M|G|KiB|MiB)?(?![a-z])/g)];
-	const sign = parts[0][1].startsWith('-') ? -1 : 1;
-	return sign * parts.reduce((sum, [, number, unit]) => sum + Math.abs(Number(number)) * (unit === undefined ? 1 : UNITS[unit]), 0);
-}
-
-/* Three digits are shown; of milliseconds whole ones, below ten of them tenths. */
-function assertFigure(text, exact, what) {
-	if (exact === null || exact === undefined) {
-		assert.equal(figure(text), null, what);
-		return;
-	}
-	const least = text.includes('%') ? 0.0001 : text.endsWith(' ms') && Math.abs(exact) >= 9.9 ? 0.501 : 0.051;
-	assert.ok(Math.abs(figure(text) - exact) <= Math.abs(exact) * 0.006 + least, `${what}: ${text} is not ${exact}`);
-}
-
-/* The cells of each row by their titles; of times, the exact one. */
-async function rowsOf(scope) {
-	return scope.locator('tbody tr[data-row]').evaluateAll((rows) =>
-		rows.map((row) =>
-			Object.fromEntries(
-				[...row.querySelectorAll('td[data-title]')].map((cell) => [cell.dataset.title, cell.querySelector('time')?.dateTime ?? cell.innerText.split('\n')[0].trim()]),
-			),
-		),
-	);
-}
-
-/* Every cell is what `expected` gives for its column; the rows stand in the order of `answers`. */
-function assertRows(shown, answers, expected, name) {
-	assert.equal(shown.length, answers.length);
-	assert.ok(answers.length > 0);
-	answers.forEach((answer, i) => {
-		for (const [title, value] of Object.entries(expected(answer))) {
-			assert.ok(title in shown[i], `there is no column ${title}`);
-			assertFigure(shown[i][title], value, `${name(answer)}, ${title}`);
-		}
-	});
-}
 
 const DURATIONS = (row) => ({ p50: row.p50_ms, p95: row.p95_ms, p99: row.p99_ms });
 

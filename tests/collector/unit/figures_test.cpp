@@ -86,6 +86,42 @@ TEST_F(FiguresTest, AddUpWhatRequestsTell) {
 	EXPECT_EQ(sum.durations.count(), 2u);
 }
 
+TEST_F(FiguresTest, AnApplicationIsTheSumOfItsTransactions) {
+	for (int64_t i = 0; i < 100; i++) {
+		Record one = record(i, kNow + i * 7 * kMinute);
+		one.summary.application = i % 3 == 0 ? "blog" : "shop";
+		one.summary.name = "/page" + std::to_string(i % 7);
+		one.summary.duration = i * i;
+		one.summary.is_failed = i % 5 == 0;
+		now_ = one.summary.start;
+		put(one);
+		write();
+	}
+	for (const char *application : {"blog", "shop"}) {
+		FigureSearch search;
+		search.application = application;
+		Figures sum;
+		for (const auto &[name, figures] : read(search)) {
+			sum.add(figures);
+		}
+		search.kind = FigureKind::kApplication;
+		std::map<std::string, Figures> found = read(search);
+		ASSERT_EQ(found.size(), 1u);
+		const Figures &all = found.begin()->second;
+		EXPECT_GT(all.count, 30);
+		EXPECT_EQ(all.count, sum.count);
+		EXPECT_EQ(all.failed, sum.failed);
+		EXPECT_EQ(all.total, sum.total);
+		EXPECT_EQ(all.longest, sum.longest);
+		EXPECT_EQ(all.example, sum.example);
+		EXPECT_EQ(all.first, sum.first);
+		EXPECT_EQ(all.last, sum.last);
+		for (double share : {0.1, 0.5, 0.95}) {
+			EXPECT_EQ(all.durations.percentile(share), sum.durations.percentile(share));
+		}
+	}
+}
+
 TEST_F(FiguresTest, StatementsHostsAndFailuresAreCountedWithTheirDetails) {
 	Record one = record(1, kNow);
 	StatementFacts statement;

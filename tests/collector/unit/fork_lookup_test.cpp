@@ -50,7 +50,10 @@ protected:
 		std::map<std::string, Figures> figures;
 		for (const FigurePeriod &period : sums_.take()) {
 			for (const auto &[hash, row] : period.rows) {
-				std::string text = row.key.kind == FigureKind::kFailure ? "failure" : row.key.text;
+				FigureKind kind = row.key.kind;
+				std::string text = kind == FigureKind::kFailure       ? "failure"
+								   : kind == FigureKind::kApplication ? "application"
+																	  : row.key.text;
 				figures[text.substr(0, text.find(' '))].add(row.figures);
 			}
 		}
@@ -90,6 +93,7 @@ TEST_F(ForkLookupTest, WhatHappenedBeforeTheForkCountsOnceInAnyOrder) {
 		EXPECT_EQ(sums[""].queries, 2 * kPieces);
 		EXPECT_EQ(sums[""].calls, kPieces);
 		EXPECT_EQ(sums[""].external_time, 3 * kPieces);
+		EXPECT_EQ(sums["application"].queries, 2 * kPieces);
 		EXPECT_EQ(sums[""].query_time, 1 + 2 * kPieces + 5 * kPieces + kPieces * (kPieces - 1) / 2);
 	}
 }

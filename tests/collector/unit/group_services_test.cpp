@@ -48,8 +48,10 @@ protected:
 		put_record(one);
 	}
 
-	void put_verdict(const std::string &name, std::vector<std::string> kinds, int64_t gain) {
+	void put_verdict(const std::string &name, std::vector<std::string> kinds, int64_t gain,
+					 const std::string &host = "shop.example") {
 		Record one = record(++number_, kNow - kMinute);
+		one.host = host;
 		one.summary.name = name;
 		one.verdict.kinds = std::move(kinds);
 		one.verdict.gain = gain;
@@ -303,6 +305,42 @@ TEST_F(GroupServicesTest, SumUpWhatWouldGainMost) {
 		ask("/api/v1/findings", {{"sort", "requests"}}).at("findings").at(0).at("transaction"));
 	EXPECT_EQ(1u, ask("/api/v1/findings", {{"txn", "/b"}}).at("findings").size());
 	EXPECT_TRUE(ask("/api/v1/findings", {{"app", "blog"}}).at("findings").empty());
+}
+
+TEST_F(GroupServicesTest, FindingsAreCountedOverAllRequestsAndShowOneThatIsStored) {
+	put_verdict("/a", {"slow-call"}, 500);
+	put_verdict("/a", {"slow-call"}, 300);
+	put_verdict("/a", {"failure", "slow-call"}, 200);
+	settle();
+	Filter longest;
+	longest.condition = {TextIs{TextField::kId, records_.front().summary.id}};
+	EXPECT_EQ(1, store().forget(longest));
+	json row = row_of(ask("/api/v1/findings").at("findings"), "kind", "slow-call");
+	EXPECT_EQ(2, row.at("requests"));
+	EXPECT_EQ(800, row.at("gain_ms"));
+	EXPECT_EQ(records_.at(1).summary.id, row.at("example"));
+	EXPECT_EQ("gain 300", row.at("sentence"));
+	EXPECT_EQ(300, row.at("example_gain_ms"));
+	store().forget({});
+	row = row_of(ask("/api/v1/findings").at("findings"), "kind", "slow-call");
+	EXPECT_EQ(2, row.at("requests"));
+	EXPECT_EQ("", row.at("example"));
+	EXPECT_EQ("", row.at("sentence"));
+	EXPECT_TRUE(row.at("example_gain_ms").is_null());
+}
+
+TEST_F(GroupServicesTest, FindingsOfOneHostAreThoseOfItsStoredRequests) {
+	put_verdict("/a", {"slow-call"}, 500, "a.example");
+	put_verdict("/a", {"slow-call"}, 300, "b.example");
+	put_verdict("/b", {"slow-call"}, 200, "b.example");
+	settle();
+	json rows = ask("/api/v1/findings", {{"host", "b.example"}}).at("findings");
+	ASSERT_EQ(2u, rows.size());
+	EXPECT_EQ(300, rows.at(0).at("gain_ms"));
+	EXPECT_EQ("gain 300", rows.at(0).at("sentence"));
+	rows = ask("/api/v1/findings", {{"q", ">1ms txn:/b"}}).at("findings");
+	ASSERT_EQ(1u, rows.size());
+	EXPECT_EQ(200, rows.at(0).at("gain_ms"));
 }
 
 } // namespace

@@ -73,7 +73,7 @@ export const api = {
 		ask<Listed<'errors', FailureGroup>>('/api/v1/errors', { ...parameters }, signal),
 	calls: (parameters: Scope & ListOptions, signal?: AbortSignal) =>
 		ask<Listed<'hosts', CalledHost>>('/api/v1/calls', { ...parameters }, signal),
-	findings: (parameters: Scope & ListOptions, signal?: AbortSignal) =>
+	findings: (parameters: Narrowed & ListOptions, signal?: AbortSignal) =>
 		ask<Listed<'findings', FoundKind>>('/api/v1/findings', { ...parameters }, signal),
 	curve: (parameters: Narrowed & { kind?: FigureKind; text?: string; step?: number; apdex?: number }, signal?: AbortSignal) =>
 		ask<Curve>('/api/v1/curve', { ...parameters }, signal),

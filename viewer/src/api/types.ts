@@ -358,7 +358,7 @@ export interface FoundKind {
 	readonly requests: number;
 	readonly gain_ms: number;
 	readonly example: string;
-	readonly example_gain_ms: number;
+	readonly example_gain_ms: number | null;
 	readonly sentence: string;
 }
 

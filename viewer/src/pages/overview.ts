@@ -12,8 +12,7 @@ import { Panel } from '../ui/panel';
 import { stepsOf } from '../ui/series';
 import { command, emptyState } from '../ui/states';
 import { marksOf } from './marks';
-import { ofAllHosts } from './of_host';
-import { exactly, FINDING_TEXTS, narrowedBy, scopeOf } from './scope';
+import { exactly, FINDING_TEXTS, narrowedBy } from './scope';
 
 const FINDINGS = 5;
 /* With charts; the others are named. */
@@ -130,7 +129,7 @@ function findingRow(finding: FoundKind): HTMLElement {
 		el(
 			'div',
 			{ class: 'finding-what' },
-			el('p', { class: 'finding-sentence' }, requestLink(finding.example, finding.sentence)),
+			el('p', { class: 'finding-sentence' }, finding.example ? requestLink(finding.example, finding.sentence) : 'No request of which this was said is stored any more.'),
 			el(
 				'p',
 				{ class: 'muted small finding-where' },
@@ -145,10 +144,10 @@ export function findingsPanel(title: string): { readonly panel: Panel; readonly 
 	const panel = new Panel(title, { what: 'What would gain most' });
 	const show = (address: Address, txn?: string) =>
 		void panel.fill(async (signal) => {
-			const scope = { ...scopeOf(address), ...(txn === undefined ? {} : { txn: exactly(txn) }) };
+			const scope = { ...narrowedBy(address), ...(txn === undefined ? {} : { txn: exactly(txn) }) };
 			const found = await api.findings({ ...scope, limit: FINDINGS }, signal);
 			return [
-				ofAllHosts(address, pageLink('search', { order: 'slowest' }, { q: 'has:verdict' }, 'Requests of this host with findings')),
+				found.partial && el('p', { class: 'muted small' }, 'Of the newest requests that are stored.'),
 				found.findings.length === 0
 					? emptyState('Nothing was found that would make these requests faster.')
 					: el('ol', { class: 'findings' }, found.findings.map(findingRow)),
