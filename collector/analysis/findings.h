@@ -34,6 +34,8 @@ enum class FindingKind {
 
 /* "repeated-statement" */
 std::string_view finding_name(FindingKind kind);
+/* Of all kinds. */
+const std::vector<std::string_view> &finding_names();
 
 constexpr size_t kMostSpansOfAFinding = 1000;
 

@@ -114,13 +114,13 @@ Reply Client::ask(const std::string &method, const std::string &path,
 		reply.status = static_cast<int>(status);
 		return reply;
 	}
-	if (code == CURLE_COULDNT_CONNECT && has_store_) {
+	bool may_run = is_post && is_forbidden(store_);
+	if (code == CURLE_COULDNT_CONNECT && has_store_ && !may_run) {
 		return ask_store(method, path, parameters);
 	}
 	if (code == CURLE_COULDNT_CONNECT) {
-		return {0, "no collector answers on " + socket +
-					   ": start one with 'kaq collect', or name the store to look into with "
-					   "--store DIR"};
+		return {0, unanswered_text(store_) +
+					   (is_post ? "" : ", or name the store to look into with --store DIR")};
 	}
 	return {0, std::string("the collector did not answer: ") + curl_easy_strerror(code)};
 }
@@ -151,6 +151,14 @@ Reply Client::ask_store(const std::string &method, const std::string &path,
 	} catch (const StoreError &error) {
 		return {0, error.what()};
 	}
+}
+
+std::string unanswered_text(const std::string &store) {
+	std::string socket = socket_of(store);
+	return is_forbidden(store)
+			   ? "a collector may run, but you may not use " + socket +
+					 ": ask as root, or as a member of the group kaq"
+			   : "no collector answers on " + socket + ": start one with 'kaq collect'";
 }
 
 Parameters parameters_of(const FilterOptions &options) {

@@ -54,6 +54,9 @@ private:
 	std::unique_ptr<Direct> direct_;
 };
 
+/* Why nobody answers on a store's socket, and what to do. */
+std::string unanswered_text(const std::string &store);
+
 /* Parameters "q", "from", "to" and "app". */
 Parameters parameters_of(const FilterOptions &options);
 

@@ -91,6 +91,14 @@ int written(int status) {
 	return kFailed;
 }
 
+std::string failure_text(const CLI::App *app, const CLI::Error &error) {
+	std::string command = "kaq";
+	for (const CLI::App *verb : app->get_subcommands()) {
+		command += " " + verb->get_name();
+	}
+	return "kaq: " + printable(error.what()) + "\n'" + command + " -h' tells what is expected\n";
+}
+
 } // namespace
 
 std::unique_ptr<CLI::App> make_command_line(int &status) {
@@ -99,6 +107,7 @@ std::unique_ptr<CLI::App> make_command_line(int &status) {
 	app->require_subcommand(1);
 	app->set_version_flag("--version", std::string("kaq ") + kVersion, "show the version");
 	app->footer(kStatuses);
+	app->failure_message(failure_text);
 	for (AddVerb add : verbs()) {
 		add(*app, status);
 	}

@@ -414,9 +414,8 @@ void Daemon::look_at_load(Clock::time_point now) {
 	double share = static_cast<double>(overload_.share()) / kWholeShare;
 	if (change == OverloadControl::Change::kLowered) {
 		log_some(LogLevel::kWarning, "load",
-				 fmt::format("payloads come faster than they are read, and {:.0f} % of the room "
-							 "for them is taken: {:.1f} % of the requests are recorded that the "
-							 "rules want",
+				 fmt::format("payloads that arrive or wait take {:.0f} % of the room for them: "
+							 "{:.1f} % of the requests are recorded that the rules want",
 							 100 * fill, 100 * share));
 	} else if (change == OverloadControl::Change::kRaised) {
 		log_some(LogLevel::kInfo, "load",

@@ -55,6 +55,7 @@ DoctorContext look_around(const DoctorOptions &options) {
 	context.mistake = reply.is_good() ? "" : printable(reply.text);
 	nlohmann::json collector = context.status.value("collector", nlohmann::json::object());
 	context.is_running = !collector.empty();
+	context.is_forbidden = !context.is_running && is_forbidden(context.store);
 	ListenSettings listen =
 		context.configuration ? context.configuration->listen : ListenSettings();
 	context.address = reachable_address(collector, context);

@@ -51,6 +51,7 @@ struct DoctorContext {
 	std::string mistake;       /* why the collector, or the store without it, tells nothing */
 	nlohmann::json status;     /* as the service tells it; empty if nobody does */
 	bool is_running = false;   /* the collector */
+	bool is_forbidden = false; /* it may run, and this user may not ask it */
 	bool is_superuser = false; /* everything can be seen */
 	std::string address;       /* of both ports */
 	uint16_t handshake_port = 0;

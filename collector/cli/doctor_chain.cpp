@@ -45,6 +45,9 @@ CheckResult port_result(const DoctorContext &context, const char *what, uint16_t
 	std::string holder = fmt::format("{} on {} is held by process {} ({})", place, first.address,
 									 first.process, printable(first.program));
 	nlohmann::json process = context.fact("process");
+	if (context.is_forbidden) {
+		return {Health::kUnknown, holder, "run this as root to see whether that is the collector"};
+	}
 	if (!context.is_running) {
 		return {Health::kProblem, holder + ", and no collector of this store runs",
 				fmt::format("end process {}, or give the collector other ports with [listen] in "
@@ -121,7 +124,7 @@ CheckResults check_collector(const DoctorContext &context) {
 				 fmt::format("runs as process {}, store {}", process.dump(), context.store), ""}};
 	}
 	std::string socket = socket_of(context.store);
-	if (access(socket.c_str(), F_OK) == 0 && access(socket.c_str(), W_OK) != 0) {
+	if (context.is_forbidden) {
 		return {{Health::kUnknown, "may run, but " + socket + " may not be used",
 				 "run this as root, or as a member of the group kaq"}};
 	}
@@ -160,7 +163,10 @@ CheckResults check_handshake(const DoctorContext &context) {
 
 CheckResults check_payload(const DoctorContext &context) {
 	if (!context.is_running) {
-		return {{Health::kUnknown, "without a collector nothing can arrive", ""}};
+		return {{Health::kUnknown,
+				 context.is_forbidden ? "only the collector can say whether one arrives"
+									  : "without a collector nothing can arrive",
+				 ""}};
 	}
 	CommonOptions common;
 	common.store = context.store;

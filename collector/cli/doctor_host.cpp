@@ -16,7 +16,7 @@
 #include "cli/doctor_private.h"
 #include "cli/format.h"
 #include "ingest/crash_log.h"
-#include "util/unique_fd.h"
+#include "util/regular_file.h"
 #include "util/system_time.h"
 
 namespace kaq {
@@ -121,18 +121,6 @@ std::vector<std::string> matching_files(const std::string &root, const std::stri
 	}
 	globfree(&found);
 	return files;
-}
-
-std::optional<std::string> beginning_of(const std::string &path, size_t most) {
-	UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-	struct stat file;
-	if (!fd || fstat(fd.get(), &file) != 0 || !S_ISREG(file.st_mode)) {
-		return std::nullopt;
-	}
-	std::string text(most, '\0');
-	ssize_t count = read(fd.get(), text.data(), text.size());
-	text.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
-	return text;
 }
 
 CheckResults check_account_key(const DoctorContext &context) {

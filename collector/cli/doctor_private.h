@@ -32,7 +32,5 @@ std::map<std::string, std::string> read_phpinfo(std::string_view text);
 
 /* The files of these directories' entries that match a glob, sorted. */
 std::vector<std::string> matching_files(const std::string &root, const std::string &pattern);
-/* The beginning of a regular file, up to `most` bytes; nothing if it cannot be read. */
-std::optional<std::string> beginning_of(const std::string &path, size_t most = 64 * 1024);
 
 } // namespace kaq

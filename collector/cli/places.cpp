@@ -4,15 +4,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <system_error>
 
 #include "cli/configuration.h"
 #include "util/random.h"
+#include "util/regular_file.h"
 #include "util/unique_fd.h"
 
 namespace kaq {
@@ -81,20 +82,29 @@ std::string socket_of(const std::string &store) {
 	return store + "/collector.sock";
 }
 
+bool is_forbidden(const std::string &store) {
+	return access(socket_of(store).c_str(), R_OK | W_OK) != 0 && errno == EACCES;
+}
+
 std::string sessions_of(const std::string &store) {
 	return store + "/sessions";
 }
 
 std::string token_of(const std::string &store) {
 	std::string path = store + "/token";
+	struct stat facts = {};
 	std::string token;
-	std::ifstream file(path);
-	chmod(path.c_str(), 0600);
-	if (file >> token && token.size() == 2 * kTokenBytes) {
+	if (lstat(path.c_str(), &facts) == 0 && S_ISREG(facts.st_mode)) {
+		chmod(path.c_str(), 0600);
+		token = beginning_of(path, 2 * kTokenBytes + 1).value_or("");
+	}
+	token.resize(std::min(token.find('\n'), token.size()));
+	if (token.size() == 2 * kTokenBytes) {
 		return token;
 	}
 	token = random_hex(kTokenBytes);
-	UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+	UniqueFd fd(open(path.c_str(),
+					 O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
 	std::string line = token + "\n";
 	if (!fd || write(fd.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
 		fail("cannot write " + path);

@@ -26,6 +26,9 @@ std::string store_directory(const std::string &option, const std::string &config
 /* The Unix socket of the collector that has this store. */
 std::string socket_of(const std::string &store);
 
+/* Whether this user may not use it, or may not see whether there is one. */
+bool is_forbidden(const std::string &store);
+
 /* What one collector at a time holds. */
 std::string lock_of(const std::string &store);
 

@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "cli/client.h"
+#include "cli/format.h"
 #include "cli/places.h"
 #include "cli/summary_text.h"
 #include "cli/terminal.h"
@@ -125,8 +127,7 @@ int tail(const TailOptions &options) {
 		return 0;
 	}
 	if (code == CURLE_COULDNT_CONNECT) {
-		fprintf(stderr, "kaq: no collector answers on %s: start one with 'kaq collect'\n",
-				socket.c_str());
+		fprintf(stderr, "kaq: %s\n", printable(unanswered_text(store)).c_str());
 	} else if (code == CURLE_HTTP_RETURNED_ERROR) {
 		fprintf(stderr, "kaq: the collector refused the query: is it of the same version?\n");
 	} else {

@@ -41,9 +41,9 @@ int64_t number_of(const Question &question, const std::string &name, int64_t usu
 	return number;
 }
 
-size_t limit_of(const Question &question, size_t usual) {
+size_t limit_of(const Question &question, size_t usual, size_t most) {
 	return static_cast<size_t>(
-		number_of(question, "limit", static_cast<int64_t>(usual), 1, kMostRows));
+		number_of(question, "limit", static_cast<int64_t>(usual), 1, static_cast<int64_t>(most)));
 }
 
 int64_t time_of(const ServiceContext &context, const Question &question, const std::string &name,

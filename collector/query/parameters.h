@@ -45,7 +45,7 @@ int64_t number_of(const Question &question, const std::string &name, int64_t usu
 
 /* "limit", a number of rows. */
 constexpr size_t kMostRows = 10000;
-size_t limit_of(const Question &question, size_t usual);
+size_t limit_of(const Question &question, size_t usual, size_t most = kMostRows);
 
 /* A time, as the query language writes it: "1h" ago, "2026-11-22", milliseconds since the Unix
  * epoch; `otherwise` if there is none. */

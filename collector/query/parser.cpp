@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "analysis/findings.h"
 #include "query/fields.h"
 #include "query/scanner.h"
 #include "query/values.h"
@@ -43,6 +44,12 @@ bool read_words(std::string_view glob, Words &words) {
 	return true;
 }
 
+bool is_kind(std::string_view glob) {
+	const std::vector<std::string_view> &names = finding_names();
+	return std::any_of(names.begin(), names.end(),
+					   [glob](std::string_view name) { return is_like(name, glob); });
+}
+
 class Parser {
 public:
 	Parser(std::string_view text, const ParseSettings &settings)
@@ -68,6 +75,7 @@ private:
 	Parsed parse_unknown_field(std::string_view name, size_t at);
 	Parsed parse_words(WordField field, const Value &value);
 	Parsed parse_named(SpecialField field, const Value &value);
+	Parsed unknown_value(const Value &value, const std::vector<std::string_view> &names);
 	Parsed parse_time(SpecialField field, const Value &value, bool is_top);
 	Parsed parse_number(NumberField field, Unit unit, const Value &value);
 	std::optional<Value> take_value(std::string_view name);
@@ -305,6 +313,9 @@ Parser::Parsed Parser::parse_field(const QueryField &field, bool is_top) {
 
 Parser::Parsed Parser::parse_condition(const QueryField &field, const Value &value) {
 	if (const auto *text = std::get_if<TextField>(&field.target)) {
+		if (*text == TextField::kVerdict && !is_kind(value.glob)) {
+			return unknown_value(value, finding_names());
+		}
 		return Condition{TextIs{*text, value.glob}};
 	}
 	if (const auto *number = std::get_if<NumberField>(&field.target)) {
@@ -363,6 +374,12 @@ Parser::Parsed Parser::parse_named(SpecialField field, const Value &value) {
 		}
 		names.push_back(each.name);
 	}
+	return unknown_value(value, names);
+}
+
+Parser::Parsed Parser::unknown_value(const Value &value,
+									 const std::vector<std::string_view> &names) {
+	std::string written = plain(value);
 	std::string_view meant = nearest(written, names);
 	std::string hint = "did you mean " + std::string(meant) + "?";
 	if (meant.empty()) {

@@ -147,7 +147,7 @@ private:
 
 Answer profile_requests(ServiceContext &context, const Question &question) {
 	FigureQuestion asked_for(context, question);
-	size_t limit = std::min(limit_of(question, kUsualRequests), kMostRequests);
+	size_t limit = limit_of(question, kUsualRequests, kMostRequests);
 	json range = asked_for.range_json();
 	Sample sample(context, asked_for.stored(), limit);
 	sample.take({range.at("from_ms").get<int64_t>(), range.at("to_ms").get<int64_t>() + 1});

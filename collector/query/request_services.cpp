@@ -93,7 +93,11 @@ Answer pin_request(ServiceContext &context, const Question &question) {
 
 Answer unpin_request(ServiceContext &context, const Question &question) {
 	const std::string &id = text_of(question, "id");
-	return changed(context.store.unpin(id), id);
+	bool was_pinned = context.store.unpin(id);
+	if (!was_pinned && (context.store.request(id) || context.store.trace_id(id))) {
+		throw ServiceMistake(404, kaq::quoted(id) + " is not pinned", "", "id");
+	}
+	return changed(was_pinned, id);
 }
 
 Answer forget_requests(ServiceContext &context, const Question &question) {

@@ -5,15 +5,18 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
+#include <sstream>
 #include <string_view>
 
 #include "util/control_character.h"
 #include "util/query_string.h"
+#include "util/regular_file.h"
 #include "util/unique_fd.h"
 
 namespace kaq {
 namespace {
+
+constexpr size_t kMostBytes = 16 * 1024 * 1024;
 
 /* What could be taken for a tab or the end of a line is written as in a form. */
 std::string encoded(const std::string &text) {
@@ -64,7 +67,7 @@ bool write_all(int fd, std::string_view text) {
 
 std::vector<FileRow> read_rows(const std::string &file, size_t most) {
 	std::vector<FileRow> rows;
-	std::ifstream lines(file);
+	std::istringstream lines(beginning_of(file, kMostBytes).value_or(""));
 	for (std::string line; rows.size() < most && std::getline(lines, line);) {
 		rows.push_back(row_of(line));
 	}

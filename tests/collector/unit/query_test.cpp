@@ -281,6 +281,10 @@ TEST(Query, UnknownNamesWithWhatWasMeant) {
 			  mistakes_of("localhost:80"));
 	EXPECT_EQ("4: unknown value 'faild'; did you mean failed?", mistakes_of("is:faild"));
 	EXPECT_EQ("4: unknown value 'quick'; one of failed, slow, web, cli", mistakes_of("is:quick"));
+	EXPECT_EQ("9: unknown value 'slow-cod'; did you mean slow-code?",
+			  mistakes_of("verdict:slow-cod"));
+	EXPECT_EQ(0u, mistakes_of("kind:foo").find("6: unknown value 'foo'; one of failure, "));
+	EXPECT_EQ("", mistakes_of("kind:*call") + mistakes_of("kind:Waiting"));
 	EXPECT_EQ("5: unknown value 'everything'; one of error, sql, call, verdict",
 			  mistakes_of("has:everything"));
 }

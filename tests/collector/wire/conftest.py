@@ -15,7 +15,7 @@ STOP_SECONDS = 20
 RUN_SECONDS = 60
 # What the collector says in its log about what others do wrong.
 COMPLAINT = re.compile(r"[-\d]+ [:\d]+ kaq: (warning: \d+ (handshakes|payloads|HTTP) .*|"
-                       r"warning: payloads come faster .*|[.\d]+ % of the requests are recorded .*)\n")
+                       r"warning: payloads that arrive or wait .*|[.\d]+ % of the requests are recorded .*)\n")
 PORTS = re.compile(r"handshakes (\d+), payloads (\d+), http (\d+); store (.*)\n")
 
 

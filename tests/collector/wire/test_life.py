@@ -273,7 +273,7 @@ def test_under_load_it_records_less_and_then_again_all(configured):
         until(lambda: status(collector) == 910)
     until(lambda: all(status(collector) == 920 for _ in range(300)))
     assert collector.stop()[0] == 0
-    assert re.search(r"warning: payloads come faster .* 50\.0 % of the requests", collector.log)
+    assert re.search(r"warning: payloads that arrive or wait .* 50\.0 % of the requests", collector.log)
     assert "100.0 % of the requests are recorded again" in collector.log
 
 

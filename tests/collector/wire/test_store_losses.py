@@ -134,3 +134,17 @@ def test_what_is_lost_is_logged(store):
         # What was received is written, or tried to be, before it ends.
         running.stop()
     assert "1 requests are lost, since they cannot be written to %s" % store in running.log
+
+
+def test_pipes_in_place_of_files_are_not_waited_for(store):
+    for name in ("sessions", "suspended", "alerts"):
+        os.mkfifo(store / name)
+    collector = start(store)
+    assert collector.run("open").returncode == 0
+    assert collector.stop()[0] == 0
+    (store / "token").unlink()
+    os.mkfifo(store / "token")
+    done = subprocess.run(
+        [os.environ["KAQ_COLLECTOR"], "collect", "--handshake", "0", "--data", "0", "--http", "0",
+         "--store", str(store)], capture_output=True, text=True, timeout=SECONDS)
+    assert done.returncode == 1 and "cannot write %s/token" % store in done.stderr

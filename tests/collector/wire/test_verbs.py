@@ -147,6 +147,8 @@ def test_pinned_requests_say_so(cart):
     assert "pinned" in out(cart.run("show", "00000000000000c1"))
     out(cart.run("unpin", "00000000000000c1"))
     assert "pinned" not in out(cart.run("show", "00000000000000c1"))
+    again = cart.run("unpin", "00000000000000c1")
+    assert (again.returncode, again.stderr) == (1, "kaq: '00000000000000c1' is not pinned\n")
     assert cart.run("pin", "ffffffff").returncode == 1
 
 
@@ -269,3 +271,43 @@ def test_a_store_is_read_without_a_collector(cart):
     assert set(rows(out(cart.run("find")))) == {"00000000000000c1", "00000000000000c2"}
     done = cart.run("pin", "00000000000000c1")
     assert done.returncode == 1 and "kaq collect" in done.stderr
+
+
+@pytest.mark.parametrize("arguments, name", [
+    ([], "kaq"), (["show"], "kaq show"), (["mark"], "kaq mark"), (["find", "--no-such"], "kaq find")])
+def test_what_is_missing_is_said_with_where_to_read_on(arguments, name):
+    done = subprocess.run([os.environ["KAQ_COLLECTOR"], *arguments], capture_output=True, text=True,
+                          timeout=60)
+    assert done.returncode == 2
+    first, second = done.stderr.splitlines()
+    assert first.startswith("kaq: ") and second == "'%s -h' tells what is expected" % name
+
+
+# The superuser may do everything as long as it has these.
+WITHOUT_PRIVILEGES = ["setpriv", "--bounding-set=-dac_override,-dac_read_search"]
+
+
+@pytest.mark.parametrize("verb", [["tail"], ["open"], ["mark", "x"], ["resume"]])
+def test_who_may_not_ask_the_collector_is_told_that(collector, verb):
+    collector.store.chmod(0)
+    try:
+        done = subprocess.run(
+            [*(WITHOUT_PRIVILEGES if os.geteuid() == 0 else []), collector.program, *verb, "--store",
+             str(collector.store)], capture_output=True, text=True, timeout=60)
+    finally:
+        collector.store.chmod(0o700)
+    assert done.returncode == 1
+    assert re.search(r"^kaq: a collector may run, but you may not use .*collector\.sock: ask as "
+                     r"root, or as a member of the group kaq$", done.stderr, re.MULTILINE)
+
+
+def test_the_doctor_knows_that_it_may_not_ask(collector):
+    collector.store.chmod(0)
+    try:
+        done = subprocess.run(
+            [*(WITHOUT_PRIVILEGES if os.geteuid() == 0 else []), collector.program, "doctor",
+             "--json", "--store", str(collector.store)], capture_output=True, text=True, timeout=60)
+    finally:
+        collector.store.chmod(0o700)
+    said = {check["subject"]: check for check in json.loads(done.stdout)["checks"]}
+    assert said["collector"]["health"] == "unknown" and "may run" in said["collector"]["what"]
