@@ -1,7 +1,9 @@
 /*
- * How long the viewer takes for a long request, in Chromium: node bench/viewer_speed.mjs [--quick]
- * [--json FILE]. KAQ_COLLECTOR names the collector, KAQ_VIEWER_MODULES where the packages are if that
- * is not viewer/, KAQ_CHROMIUM another browser than Debian's.
+ * How long the viewer takes for a long request, and for the Overview of a store of a million, in
+ * Chromium: node bench/viewer_speed.mjs --load FILE [--quick] [--json FILE]. FILE is the program of
+ * bench/collector_load.cpp, which fills the store. KAQ_COLLECTOR names the collector,
+ * KAQ_VIEWER_MODULES where the packages are if that is not viewer/, KAQ_CHROMIUM another browser
+ * than Debian's.
  *
  * What opening takes ends with the frame in which the calls are drawn; `work` is the processor time of
  * the page's main thread and of the collector for it, which on a quiet machine is about the same.
@@ -13,8 +15,9 @@ import { readFileSync, writeFileSync } from 'node:fs';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { Collector, openPage, startBrowser } from '../tests/viewer/collector.mjs';
 import { largeRequest } from '../tests/viewer/large.mjs';
+import { measureOverview } from './viewer_overview.mjs';
 
-const TARGETS = { open_ms: 300, frame_ms: 8, freeze_ms: 200 };
+const TARGETS = { overview_ms: 500, open_ms: 300, frame_ms: 8, freeze_ms: 200 };
 const FRAMES = 120;
 /* Of a machine that others use, too. */
 const PATIENCE_MS = 120000;
@@ -176,13 +179,14 @@ async function timeUse(browser, collector, id) {
 	return figures;
 }
 
-function print(spans, name, figures) {
+function print(size, name, figures) {
+	const spans = parseInt(size, 10);
 	const shown = Object.entries(figures).map(([key, ms]) => {
 		const target = TARGETS[key];
 		const isMeant = target !== undefined && (key !== 'open_ms' || spans <= 10000) && (key !== 'frame_ms' || spans <= 10000);
 		return `${key.replace(/_ms$/, '').replace('_', ' ')} ${ms.toFixed(1)} ms${isMeant ? ` (${ms <= target ? 'within' : 'ABOVE'} ${target})` : ''}`;
 	});
-	console.log(`  ${String(spans).padStart(6)} spans  ${name.padEnd(18)} ${shown.join(', ')}`);
+	console.log(`  ${size.padStart(16)}  ${name.padEnd(18)} ${shown.join(', ')}`);
 }
 
 const isQuick = process.argv.includes('--quick');
@@ -201,9 +205,13 @@ try {
 				throw new Error(`${known.length} spans of ${spans} were kept`);
 			}
 			const own = { answer: { whole_ms: performance.now() - begun }, open: await timeOpening(browser, collector, request.id, times), ...(await timeUse(browser, collector, request.id)) };
-			Object.entries(own).forEach(([name, each]) => print(spans, name, each));
+			Object.entries(own).forEach(([name, each]) => print(`${spans} spans`, name, each));
 			figures[spans] = own;
 		}
+		const load = process.argv[process.argv.indexOf('--load') + 1];
+		const { requests, ...overview } = await measureOverview(browser, load, isQuick ? 50000 : 1000000);
+		Object.entries(overview).forEach(([from, each]) => print(`${requests} requests`, `overview, ${from}`, each));
+		figures.overview = { requests, ...overview };
 	} finally {
 		await browser.close();
 	}

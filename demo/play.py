@@ -31,7 +31,7 @@ APPLICATION = "Demo shop"
 # only those before it.
 SERVICES = {"Demo stock": "stock", "Demo prices": "prices"}
 # The shop's own, and those that it and its services cause.
-TRACED_REQUESTS = 5
+TRACED_REQUESTS = 6
 # Callers know each other by the key that their extensions are configured with.
 ACCOUNT_KEY = "demo-account-1"
 JOB_ARGUMENTS = ["nightly", "--orders=2"]

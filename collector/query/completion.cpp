@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "analysis/findings.h"
 #include "query/fields.h"
 #include "query/parser.h"
 #include "query/scanner.h"
@@ -98,6 +99,11 @@ void add_values(Completion &completion, std::string_view written, const QueryFie
 	if (const auto *text = std::get_if<TextField>(&field.target)) {
 		completion.field = *text;
 		completion.written = std::string(written);
+		for (std::string_view kind : finding_names()) {
+			if (*text == TextField::kVerdict) {
+				add(completion, written, kind, "");
+			}
+		}
 		if (*text == TextField::kMethod) {
 			for (const char *method :
 				 {"GET", "POST", "PUT", "PATCH", "DELETE", "HEAD", "OPTIONS"}) {

@@ -65,6 +65,12 @@ TEST(QueryCompletion, UnitsBehindNumbers) {
 	EXPECT_EQ((Texts{}), completed("queries:>3|"));
 }
 
+TEST(QueryCompletion, KindsOfFindings) {
+	EXPECT_EQ((Texts{"verdict:slow-statement", "verdict:slow-call", "verdict:slow-code"}),
+			  completed("verdict:slow|"));
+	EXPECT_EQ((Texts{"kind:polling"}), completed("kind:p|"));
+}
+
 TEST(QueryCompletion, TellsOfWhichFieldAValueIsWritten) {
 	Completion completion = complete_query("a txn:/ca", 9);
 	EXPECT_EQ(TextField::kName, completion.field);
@@ -83,13 +89,13 @@ TEST(QueryCompletion, NothingWithinQuotes) {
 
 TEST(QueryCompletion, WhateverIsProposedMayBeWritten) {
 	for (const char *text :
-		 {"is:|", "has:|", "status:|5", "since:|", "method:|", "a |", "db:>3|"}) {
+		 {"is:|", "has:|", "verdict:|", "status:|5", "since:|", "method:|", "a |", "db:>3|"}) {
 		for (std::string query : completed(text)) {
 			char last = query.back();
 			query += last == ':' ? "1" : (last == '<' || last == '>' || last == '=' ? "1" : "");
 			query += query.substr(2) == "OR" || query.substr(2) == "NOT" ? " a" : "";
 			bool is_text = query == "a is:1" || query == "a has:1" || query == "a since:1" ||
-						   query == "a until:1";
+						   query == "a until:1" || query == "a verdict:1";
 			EXPECT_EQ(!is_text, parse_query(query, {1800000000000}).has_value()) << query;
 		}
 	}

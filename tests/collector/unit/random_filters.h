@@ -3,6 +3,7 @@
 
 #include <random>
 
+#include "analysis/findings.h"
 #include "query/values.h"
 #include "store/filter.h"
 
@@ -26,10 +27,18 @@ public:
 	}
 
 private:
+	kaq::Condition text() {
+		auto field = static_cast<kaq::TextField>(below(9));
+		/* A query can name no kind of findings that there is not. */
+		const std::vector<std::string_view> &kinds = kaq::finding_names();
+		bool is_kind = field == kaq::TextField::kVerdict;
+		return {kaq::TextIs{field, is_kind ? std::string(kinds[below(kinds.size())]) : glob()}};
+	}
+
 	kaq::Condition condition(int depth) {
 		switch (below(depth > 0 ? 7 : 4)) {
 		case 0:
-			return {kaq::TextIs{static_cast<kaq::TextField>(below(9)), glob()}};
+			return text();
 		case 1:
 			return {number()};
 		case 2:

@@ -114,7 +114,7 @@ def test_trace_with_a_gap_fails_and_says_what_is_missing():
     with pytest.raises(play.DemoFailed) as failure:
         play.show_trace(collector, "/order", set(), seconds=0.2)
     assert str(failure.value) == ("The trace of /order is not complete after 0.2 seconds: "
-                                  "2 of 5 requests, none of Demo stock")
+                                  "2 of 6 requests, none of Demo stock")
 
 
 CAPTURE = """[ 1s] building
