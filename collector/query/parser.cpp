@@ -388,7 +388,7 @@ Parser::Parsed Parser::unknown_value(const Value &value,
 			hint += (name == names.front() ? " " : ", ") + std::string(name);
 		}
 	}
-	return tell(value.begin, "unknown value " + quoted(written), std::move(hint));
+	return tell(value.begin, "unknown value " + kaq::quoted(written), std::move(hint));
 }
 
 Parser::Parsed Parser::parse_time(SpecialField field, const Value &value, bool is_top) {
