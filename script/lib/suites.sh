@@ -298,6 +298,9 @@ kaq_suite_collector_wire() {
 		kaq_report_broken "collector-wire $2" 0 "$log" 'the collector does not build'
 		return 0
 	fi
+	if kaq_locked prometheus kaq_unpack_package "$KAQ_CACHE/prometheus" prometheus; then
+		set -- "$@" KAQ_PROMETHEUS="$KAQ_CACHE/prometheus/prometheus"
+	fi
 	kaq_pytest collector-wire "$@" KAQ_COLLECTOR="$KAQ_RUN/$2/kaq"
 }
 

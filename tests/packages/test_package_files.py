@@ -1,4 +1,5 @@
 """What is in the packages, looked at without installing them."""
+import gzip
 import json
 import os
 import re
@@ -35,12 +36,22 @@ def test_the_collector_has_what_it_promises(collector):
     listing = collector.listing()
     assert listing["/usr/bin/kaq"] == "-rwxr-xr-x root/root"
     for name in ("/etc/kaq/collector.toml", "/" + UNIT, "/" + COMPLETION,
-                 "/usr/lib/tmpfiles.d/kaq-collector.conf", "/usr/share/doc/kaq-collector/copyright"):
+                 "/usr/lib/tmpfiles.d/kaq-collector.conf", "/usr/share/doc/kaq-collector/copyright",
+                 "/usr/share/kaq-collector/prometheus/kaq.rules.yml",
+                 "/usr/share/kaq-collector/prometheus/kaq-dashboard.json"):
         assert listing[name] == "-rw-r--r-- root/root"
     assert (collector.control / "conffiles").read_text() == "/etc/kaq/collector.toml\n"
     # What it makes when it is installed has owners that no package can name.
     assert not [name for name in listing if name.startswith(("/opt", "/var"))]
     assert "adduser" in collector.field("Depends")
+
+
+def test_the_collector_brings_the_terms_of_what_is_compiled_into_it(collector):
+    packed = collector.files / "usr/share/doc/kaq-collector/third-party-licences.gz"
+    text = gzip.decompress(packed.read_bytes()).decode()
+    for name in ("Boost Software License", "Niels Lohmann", "University of Cincinnati",
+                 "Sébastien Rombauts", "Leon Sorokin"):
+        assert name in text, name
 
 
 def test_the_extension_has_what_it_promises(extension):
