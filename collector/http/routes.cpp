@@ -2,7 +2,7 @@
 
 #include "http/access.h"
 #include "http/viewer_pages.h"
-#include "query/mistake_json.h"
+#include "query/parameters.h"
 #include "query/parser.h"
 #include "util/query_string.h"
 #include "util/system_time.h"
@@ -35,8 +35,8 @@ HttpAnswer live(const HttpRequest &request) {
 		answer.is_live = true;
 		answer.live_filter = std::move(*filter);
 	} else {
-		answer.status = 400;
-		answer.body = to_json(filter.error()).dump();
+		const Mistake &first = filter.error().front();
+		return to_http(ServiceMistake(400, first.text, first.hint, "q", filter.error()).answer());
 	}
 	return answer;
 }

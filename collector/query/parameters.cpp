@@ -90,10 +90,12 @@ Filter filter_of(const ServiceContext &context, const Question &question) {
 	TimeRange range = range_of(context, question);
 	filter.range.from = std::max(filter.range.from, range.from);
 	filter.range.to = std::min(filter.range.to, range.to);
-	const std::string &application = text_of(question, "app");
-	if (!application.empty()) {
-		filter.condition = both({TextIs{TextField::kApplication, glob_of(application)}},
-								std::move(filter.condition));
+	for (auto [name, field] :
+		 {std::pair("app", TextField::kApplication), std::pair("host", TextField::kHost)}) {
+		const std::string &wanted = text_of(question, name);
+		if (!wanted.empty()) {
+			filter.condition = both({TextIs{field, glob_of(wanted)}}, std::move(filter.condition));
+		}
 	}
 	return filter;
 }

@@ -4,7 +4,10 @@ namespace kaq {
 
 const std::vector<Service> &services() {
 	static const std::vector<Service> kServices = {
-		{"GET", "/api/v1/requests", {"q", "from", "to", "app", "order", "limit"}, find_requests},
+		{"GET",
+		 "/api/v1/requests",
+		 {"q", "host", "from", "to", "app", "order", "limit"},
+		 find_requests},
 		{"GET", "/api/v1/request", {"!id"}, show_request},
 		{"GET", "/api/v1/trace", {"!id"}, show_trace},
 		{"GET", "/api/v1/compare", {"!a", "b", "typical", "limit"}, compare_requests},

@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 import { Collector, openPage, settled, show, startBrowser } from './collector.mjs';
 import { shopRequests } from './shop.mjs';
-import { assertDuration, assertFigure, assertRows, percentile, rowsOf } from './shown_figures.mjs';
+import { assertDuration, assertFigure, assertRows, figure, percentile, rowsOf } from './shown_figures.mjs';
 
 let collector;
 let browser;

@@ -16,6 +16,8 @@ const CASES = [
 	['SELECT * FROM (SELECT 1 FROM t) s WHERE x IN (1, 2)', 'SELECT *\nFROM (\n    SELECT 1\n    FROM t\n) s\nWHERE x IN (1, 2)'],
 	['INSERT INTO t (a, b) VALUES (?, ?)', 'INSERT INTO t (a, b)\nVALUES (?, ?)'],
 	['UPDATE t SET a = 1 WHERE b = \'x AND y\'', "UPDATE t\nSET a = 1\nWHERE b = 'x AND y'"],
+	["SELECT data->>'a', data #>> '{b}' FROM t WHERE data->'c' @> ?", "SELECT data ->> 'a', data #>> '{b}'\nFROM t\nWHERE data -> 'c' @> ?"],
+	['SELECT a # of all\nFROM t', 'SELECT a # of all\nFROM t'],
 	['SELECT a FROM t FOR UPDATE', 'SELECT a\nFROM t FOR UPDATE'],
 ];
 
@@ -29,7 +31,7 @@ function bare(list) {
 	return list.filter((token) => token.kind !== 'space').map((token) => token.text);
 }
 
-const PARTS = ['SELECT', ' ', 'FROM', '(', ')', ',', "'a''b'", '"q"', '`w`', "'open", '-- c\n', '/* x */', '/* open', '12.5', ':name', '::int', '?', '$1', 'x.y', '=', '<>', '\n', '\\', 'ü', '<script>', '\u202E', ';', 'AND', 'BETWEEN', 'LEFT', 'JOIN', '@v', '0x1f'];
+const PARTS = ['->>', '#>', '@>', 'SELECT', ' ', 'FROM', '(', ')', ',', "'a''b'", '"q"', '`w`', "'open", '-- c\n', '/* x */', '/* open', '12.5', ':name', '::int', '?', '$1', 'x.y', '=', '<>', '\n', '\\', 'ü', '<script>', '\u202E', ';', 'AND', 'BETWEEN', 'LEFT', 'JOIN', '@v', '0x1f'];
 
 test('no token is lost, changed or moved', () => {
 	const random = chance(5);

@@ -155,6 +155,28 @@ test('a box in the plot selects its requests, and the link holds it', async () =
 	assert.equal(await page.locator('.selection').count(), 0);
 });
 
+test('what is searched in a box is in it, whatever the query is', async () => {
+	const { page } = opened;
+	const q = 'app:Worker OR app:Stock';
+	await show(page, `${collector.url}/search?q=${encodeURIComponent(q)}&box=${[Date.now() - 36e5, Date.now(), 20, 1e6].join('~')}`);
+	const said = parseInt(await page.locator('.selection b').textContent(), 10);
+	assert.ok(said > 0);
+	await page.getByRole('button', { name: 'Search in it' }).click();
+	await settled(page);
+	assert.equal(parseInt(await page.getByRole('status').textContent(), 10), said);
+});
+
+test('tab goes on through a query field in which nothing was written', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/search`);
+	const field = page.getByRole('combobox', { name: 'Query' });
+	await field.focus();
+	await page.locator('[role=option]').first().waitFor();
+	await page.keyboard.press('Tab');
+	assert.equal(await field.inputValue(), '');
+	assert.notEqual(await page.evaluate(() => document.activeElement?.getAttribute('role')), 'combobox');
+});
+
 test('live requests come by themselves, filtered, and stop while paused', async () => {
 	const { page } = opened;
 	await show(page, `${collector.url}/live?q=${encodeURIComponent('app:Shop')}`);

@@ -137,7 +137,7 @@ def test_the_live_feed_tells_what_was_asked_for(collector):
 def test_a_query_with_a_mistake_is_refused_with_its_place(collector, query, column):
     connection, response = live(collector, query)
     assert response.status == 400
-    assert [each["column"] for each in json.load(response)["mistakes"]] == [column]
+    assert [each["column"] for each in json.load(response)["error"]["mistakes"]] == [column]
     connection.close()
 
 

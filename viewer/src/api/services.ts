@@ -52,7 +52,7 @@ interface ListOptions {
 
 export const api = {
 	requests: (
-		parameters: Omit<Scope, 'txn'> & { q?: string | undefined; order?: 'newest' | 'slowest'; limit?: number },
+		parameters: Omit<Scope, 'txn'> & { q?: string | undefined; host?: string | undefined; order?: 'newest' | 'slowest'; limit?: number },
 		signal?: AbortSignal,
 	) => ask<Requests>('/api/v1/requests', parameters, signal),
 	request: (id: string, signal?: AbortSignal) => ask<OneRequest>('/api/v1/request', { id }, signal),

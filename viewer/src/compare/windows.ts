@@ -2,6 +2,7 @@
 import { api } from '../api/services';
 import type { FailureGroup, Statement, TopRow } from '../api/types';
 import { applicationColumn } from '../pages/columns';
+import { ofAllHosts } from '../pages/of_host';
 import { exactly } from '../pages/scope';
 import { timeOf, type Address } from '../state/address';
 import { heldSort } from '../state/held';
@@ -157,13 +158,14 @@ function errorTable(rows: readonly FailureGroup[], app: string): HTMLElement {
 
 export async function compareWindows(windows: Windows, address: Address, signal: AbortSignal): Promise<Child> {
 	const scope = { app: address.app, limit: MOST, ...(address.own.txn ? { txn: exactly(address.own.txn) } : {}) };
+	const narrowed = { host: address.host, q: address.q };
 	const [before, after] = [
 		{ ...scope, ...windows.before },
 		{ ...scope, ...windows.after },
 	];
 	const [top1, top2, queries1, queries2, errors1, errors2] = await Promise.all([
-		api.top(before, signal),
-		api.top(after, signal),
+		api.top({ ...before, ...narrowed }, signal),
+		api.top({ ...after, ...narrowed }, signal),
 		api.queries(before, signal),
 		api.queries(after, signal),
 		api.errors(before, signal),
@@ -172,8 +174,9 @@ export async function compareWindows(windows: Windows, address: Address, signal:
 	if (top1.transactions.length + top2.transactions.length === 0) {
 		return emptyState('No request was seen in either of these times.');
 	}
-	const known = new Set(errors1.errors.map((each) => each.key));
-	const appeared = errors2.errors.filter((each) => !known.has(each.key));
+	const group = ({ application, key }: FailureGroup) => JSON.stringify([application, key]);
+	const known = new Set(errors1.errors.map(group));
+	const appeared = errors2.errors.filter((each) => !known.has(group(each)));
 	const byGrowth = <Row extends Totals>(rows: Pair<Row>[]) => rows.sort((one, other) => growth(other, windows) - growth(one, windows));
 	return el(
 		'div',
@@ -191,11 +194,12 @@ export async function compareWindows(windows: Windows, address: Address, signal:
 			timeElement(timeOf(windows.after.to, Date.now())),
 			`, ${plural(top2.total.requests, 'request')}, p95 ${duration(top2.total.p95_ms)}.`,
 		),
-		appeared.length > 0 && [el('h3', {}, 'Errors that are new'), errorTable(appeared, address.app)],
+		appeared.length > 0 && [el('h3', {}, 'Errors that are new'), ofAllHosts(address), errorTable(appeared, address.app)],
 		el('h3', {}, 'Transactions'),
 		transactions(byGrowth(pairs(top1.transactions, top2.transactions, (row) => JSON.stringify([row.application, row.transaction]))), windows, address.app),
 		queries1.statements.length + queries2.statements.length > 0 && [
 			el('h3', {}, 'Statements'),
+			ofAllHosts(address),
 			statements(byGrowth(pairs(queries1.statements, queries2.statements, (row) => JSON.stringify([row.application, row.statement, row.component, row.server, row.database]))), windows, address.app),
 		],
 	);

@@ -27,7 +27,7 @@ function nameCell(node: GraphNode | undefined): Child {
 function edgeTable(graph: Graph, minutes: number): HTMLElement {
 	const nodes = new Map(graph.nodes.map((node) => [node.id, node]));
 	const columns: Column<GraphEdge>[] = [
-		{ key: 'from', title: 'From', by: (row) => nodes.get(row.from)?.name ?? '', cell: (row) => nameCell(nodes.get(row.from)) },
+		{ key: 'from', title: 'From', by: (row) => nodes.get(row.from)?.name ?? '', cell: (row) => el('span', { class: 'cut map-from' }, nameCell(nodes.get(row.from))) },
 		{ key: 'to', title: 'To', isMain: true, by: (row) => nodes.get(row.to)?.name ?? '', cell: (row) => el('span', { class: 'cut' }, nameCell(nodes.get(row.to))) },
 		{ key: 'count', title: 'Calls', align: 'right', by: (row) => row.count, cell: (row) => shortCount(row.count) },
 		{ key: 'rate', title: 'Rate', align: 'right', by: (row) => row.count, cell: (row) => perMinute(row.count / minutes) },

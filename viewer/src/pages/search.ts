@@ -7,7 +7,6 @@ import { changed, elsewhere, go, here, timeOf, type Address } from '../state/add
 import { heldSort } from '../state/held';
 import { el, type Child } from '../ui/dom';
 import { duration, plural, time } from '../ui/format';
-import { term } from '../ui/link';
 import type { Page } from '../ui/page';
 import { Panel } from '../ui/panel';
 import { emptyState } from '../ui/states';
@@ -18,10 +17,6 @@ const MOST = 1000;
 
 function orderOf(address: Address): 'newest' | 'slowest' {
 	return address.own.order === 'slowest' ? 'slowest' : 'newest';
-}
-
-export function withHost(address: Address): string {
-	return [address.q && address.host ? `(${address.q})` : address.q, address.host && term('host', address.host)].filter(Boolean).join(' ');
 }
 
 function orderSwitch(address: Address): HTMLElement {
@@ -40,7 +35,8 @@ function orderSwitch(address: Address): HTMLElement {
 }
 
 function selection(box: Box, requests: readonly RequestRow[]): HTMLElement {
-	const query = [here().q, `duration:>=${Math.floor(box.least)}ms`, `duration:<=${Math.ceil(box.most)}ms`].filter(Boolean).join(' ');
+	const { q } = here();
+	const query = [q && `(${q})`, `duration:>=${Math.floor(box.least)}ms`, `duration:<=${Math.ceil(box.most)}ms`].filter(Boolean).join(' ');
 	return el(
 		'p',
 		{ class: 'row selection' },
@@ -101,7 +97,7 @@ export function searchPage(): Page {
 	// What was found for the question, so that a box asks nothing anew.
 	let last: { readonly question: string; readonly found: Requests } | undefined;
 	const ask = async (address: Address, signal: AbortSignal): Promise<Requests> => {
-		const parameters = { from: address.from, to: address.to, app: address.app, q: withHost(address), order: orderOf(address), limit: MOST };
+		const parameters = { from: address.from, to: address.to, app: address.app, q: address.q, host: address.host, order: orderOf(address), limit: MOST };
 		const question = JSON.stringify(parameters);
 		if (last?.question === question && address.own.box !== undefined) {
 			return last.found;
@@ -116,6 +112,7 @@ export function searchPage(): Page {
 		show: (address) => {
 			field.set(address.q);
 			void panel.fill(async (signal) => {
+				head.replaceChildren(orderSwitch(address), el('span', { class: 'muted', role: 'status' }));
 				const found = await ask(address, signal);
 				head.replaceChildren(orderSwitch(address), el('span', { class: 'muted', role: 'status' }, said(found, address)));
 				return results(found, address);

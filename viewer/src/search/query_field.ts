@@ -72,6 +72,8 @@ class Field implements QueryField {
 	/* What is offered is for this text alone. */
 	private offeredFor = '';
 	private chosen = -1;
+	/* Since the field was come to: before, Tab goes on to what is next. */
+	private isTyped = false;
 
 	constructor(private readonly options: QueryFieldOptions) {
 		this.list = el('div', { class: 'offers', id: `${this.id}-list`, role: 'listbox', 'aria-label': 'What may come next', hidden: true });
@@ -89,10 +91,16 @@ class Field implements QueryField {
 			'aria-expanded': 'false',
 			'aria-controls': this.list.id,
 			on: {
-				input: () => this.ask(),
+				input: () => {
+					this.isTyped = true;
+					this.ask();
+				},
 				keydown: (event) => this.onKey(event),
 				blur: () => this.close(),
-				focus: () => this.ask(),
+				focus: () => {
+					this.isTyped = false;
+					this.ask();
+				},
 			},
 		});
 		this.element = el(
@@ -124,7 +132,7 @@ class Field implements QueryField {
 			} else {
 				this.submit();
 			}
-		} else if (event.key === 'Tab' && isOpen && !event.shiftKey && candidates.length > 0) {
+		} else if (event.key === 'Tab' && isOpen && !event.shiftKey && candidates.length > 0 && (this.isTyped || this.chosen >= 0)) {
 			this.take(candidates[Math.max(0, this.chosen)]);
 		} else if ((event.key === 'ArrowDown' || event.key === 'ArrowUp') && isOpen) {
 			this.choose((this.chosen + (event.key === 'ArrowDown' ? 1 : candidates.length + (this.chosen < 0 ? 0 : -1))) % Math.max(1, candidates.length));

@@ -20,13 +20,13 @@ const KEYWORDS = new Set(
 const PATTERN = new RegExp(
 	[
 		String.raw`(?<space>\s+)`,
-		String.raw`(?<comment>--[^\n]*|#[^\n]*|/\*[\s\S]*?(?:\*/|$))`,
+		String.raw`(?<comment>--[^\n]*|#(?![>-])[^\n]*|/\*[\s\S]*?(?:\*/|$))`,
 		String.raw`(?<text>'(?:[^'\\]|\\[\s\S]|'')*(?:'|$)|"(?:[^"\\]|\\[\s\S]|"")*(?:"|$))`,
 		'(?<quoted>`(?:[^`]|``)*(?:`|$))',
 		String.raw`(?<number>\b\d+(?:\.\d+)?(?:e[+-]?\d+)?\b|\b0x[0-9a-f]+\b)`,
 		String.raw`(?<parameter>\?|\$\d+|(?<!:):[a-z_]\w*|@@?\w+)`,
 		String.raw`(?<word>[\p{L}_][\p{L}\p{N}_$]*)`,
-		String.raw`(?<sign>[<>=!|&:]{1,3}|[\s\S])`,
+		String.raw`(?<sign>->>?|#>>?|#-|@>|<@|[<>=!|&:]{1,3}|[\s\S])`,
 	].join('|'),
 	'giuy',
 );

@@ -15,7 +15,7 @@ export function longText(text: string, show: (text: string) => Child = (shown) =
 		replace(box, show(text));
 		return box;
 	}
-	const all = () => replace(box, text);
+	const all = () => replace(box, show(text));
 	replace(
 		box,
 		show(text.slice(0, longest)),
