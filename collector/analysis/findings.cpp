@@ -75,27 +75,6 @@ Finding ended_by(const Examined &request, const Failure &failure, int32_t span) 
 
 } // namespace
 
-const std::vector<std::string_view> &finding_names() {
-	static const std::vector<std::string_view> names = {"failure",
-														"time-limit",
-														"duplicate-statement",
-														"repeated-statement",
-														"slow-statement",
-														"repeated-cache-call",
-														"calls-in-sequence",
-														"slow-call",
-														"failed-call",
-														"waiting",
-														"slow-code",
-														"polling",
-														"span-limit"};
-	return names;
-}
-
-std::string_view finding_name(FindingKind kind) {
-	return finding_names()[static_cast<size_t>(kind)];
-}
-
 Examined::Examined(const Transaction &request, const FindingOptions &settings)
 	: transaction(request), options(settings),
 	  duration(std::max(request.duration(), request.spans.front().duration())),

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "analysis/findings.h"
+#include "analysis/finding_kind.h"
 #include "query/fields.h"
 #include "query/parser.h"
 #include "query/scanner.h"
@@ -99,8 +99,8 @@ void add_values(Completion &completion, std::string_view written, const QueryFie
 	if (const auto *text = std::get_if<TextField>(&field.target)) {
 		completion.field = *text;
 		completion.written = std::string(written);
-		for (std::string_view kind : finding_names()) {
-			if (*text == TextField::kVerdict) {
+		if (*text == TextField::kVerdict) {
+			for (std::string_view kind : finding_names()) {
 				add(completion, written, kind, "");
 			}
 		}

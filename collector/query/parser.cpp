@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "analysis/findings.h"
+#include "analysis/finding_kind.h"
 #include "query/fields.h"
 #include "query/scanner.h"
 #include "query/values.h"

@@ -13,6 +13,10 @@ source "$KAQ_ROOT/script/lib/standins.sh"
 source "$KAQ_ROOT/script/lib/report.sh"
 # shellcheck source=script/lib/viewer_packages.sh
 source "$KAQ_ROOT/script/lib/viewer_packages.sh"
+# shellcheck source=script/lib/packages.sh
+source "$KAQ_ROOT/script/lib/packages.sh"
+# shellcheck source=script/lib/unpacked_packages.sh
+source "$KAQ_ROOT/script/lib/unpacked_packages.sh"
 # shellcheck source=script/lib/debian_root.sh
 source "$KAQ_ROOT/script/lib/debian_root.sh"
 # shellcheck source=script/lib/checkout.sh
