@@ -4,8 +4,8 @@
 # shellcheck disable=SC2034 # for those who source it
 # What the collector is built from.
 KAQ_COLLECTOR_LIBRARIES=(libboost-dev libcli11-dev libcurl4-openssl-dev libexpected-dev libfmt-dev
-	libsimdjson-dev libspdlog-dev libsqlitecpp-dev libsystemd-dev libtomlplusplus-dev libxxhash-dev
-	libzstd-dev nlohmann-json3-dev prometheus-cpp-dev)
+	libprotozero-dev libsimdjson-dev libspdlog-dev libsqlitecpp-dev libsystemd-dev libtomlplusplus-dev
+	libxxhash-dev libzstd-dev nlohmann-json3-dev prometheus-cpp-dev zlib1g-dev)
 # shellcheck disable=SC2034
 # What its pages are made with. Where Node comes from elsewhere, npm comes with it.
 KAQ_VIEWER_TOOLS=(nodejs)
