@@ -76,8 +76,7 @@ FileMatches search_file(SQLite::Database &database, const Search &search, Deadli
 		while (rows.executeStep()) {
 			found.matches.push_back({rows.getColumn(0).getInt64(), rows.getColumn(1).getInt64()});
 		}
-		found.looked_at =
-			database.execAndGet("SELECT coalesce(max(row), 0) FROM requests").getInt64();
+		found.looked_at = last_row_of(database);
 	} catch (const SQLite::Exception &error) {
 		if (error.getErrorCode() != SQLITE_INTERRUPT) {
 			throw;
@@ -130,6 +129,21 @@ std::optional<RequestRow> RequestReader::read(int64_t row) {
 					  : (flags & kFlagThreads) != 0  ? Serving::kThreads
 													 : Serving::kUnknown;
 	return request;
+}
+
+int64_t last_row_of(SQLite::Database &database) {
+	return database.execAndGet("SELECT coalesce(max(row), 0) FROM requests").getInt64();
+}
+
+std::vector<int64_t> rows_after(SQLite::Database &database, int64_t row, size_t most) {
+	SQLite::Statement find(database, "SELECT row FROM requests WHERE row > ? ORDER BY row LIMIT ?");
+	find.bind(1, row);
+	find.bind(2, static_cast<int64_t>(most));
+	std::vector<int64_t> rows;
+	while (find.executeStep()) {
+		rows.push_back(find.getColumn(0).getInt64());
+	}
+	return rows;
 }
 
 std::optional<std::string> read_document(SQLite::Database &database, int64_t row) {

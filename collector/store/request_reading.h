@@ -71,6 +71,11 @@ private:
 	SQLite::Statement find_;
 };
 
+/* The number of the last request; 0 where there is none. */
+int64_t last_row_of(SQLite::Database &database);
+/* Numbers of requests behind that one, in their order. */
+std::vector<int64_t> rows_after(SQLite::Database &database, int64_t row, size_t most);
+
 std::optional<std::string> read_document(SQLite::Database &database, int64_t row);
 /* Everything that is known of a request, to be written elsewhere; no facts. Where `is_damaged`,
  * texts and document are left out if they cannot be read. */

@@ -61,6 +61,9 @@ public:
 	std::optional<std::string> trace_id(const std::string &begin) override;
 	std::vector<RequestRow> trace(const std::string &trace_id) override;
 	std::optional<std::string> document(const std::string &id) override;
+	Arrivals arrivals(const ArrivalSearch &search) override;
+	StorePlace last_place() override;
+	int64_t requests_after(const StorePlace &place) override;
 	std::vector<FigureRow> figures(const FigureSearch &search) override;
 	std::vector<FigurePoint> curve(const FigureSearch &search, int64_t step) override;
 	std::vector<FigureStep> figure_steps(const FigureSearch &search, int64_t step) override;
@@ -108,6 +111,7 @@ private:
 	bool visit_file(const File &file,
 					const std::function<bool(SQLite::Database &, const File &)> &visit);
 	std::optional<RowCounts> counts_of(const File &file);
+	std::vector<File> files_from(int64_t begun);
 	template <typename Read> auto read_figure_file(Read read);
 	struct Candidate {
 		int64_t rank;

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -93,6 +94,33 @@ struct AskedHost {
 	int64_t requests = 0; /* that are stored */
 };
 
+/* A place in the order in which requests arrived: behind that row of the file that was begun then.
+ * The first place of all is before everything. */
+struct StorePlace {
+	int64_t file = 0;
+	int64_t row = 0;
+};
+
+/* What is read on from a place. */
+struct Arrivals {
+	struct Request {
+		RequestRow row;
+		std::string document; /* as JSON */
+		StorePlace place;     /* behind it */
+	};
+	std::vector<Request> requests; /* that are wanted and have a document, as they arrived */
+	StorePlace next;               /* behind all that was looked at */
+	bool has_more = false;         /* a bound was reached */
+	bool has_gap = false;          /* the file that the place is in is gone */
+};
+
+struct ArrivalSearch {
+	StorePlace after;
+	std::function<bool(const RequestRow &)> wants;
+	size_t most_rows = 1000;             /* that are looked at */
+	size_t most_bytes = 8 * 1024 * 1024; /* of documents; the last one may exceed it */
+};
+
 struct StoreStatus {
 	struct Part {
 		int64_t begun = 0;
@@ -135,6 +163,14 @@ public:
 	virtual std::vector<RequestRow> trace(const std::string &trace_id) = 0;
 	/* As JSON; nothing if it was not kept. The identifier must be whole. */
 	virtual std::optional<std::string> document(const std::string &id) = 0;
+
+	/* Requests in the order in which they arrived. Of files that were damaged some may come twice,
+	 * or not at all. */
+	virtual Arrivals arrivals(const ArrivalSearch &search) = 0;
+	/* Behind all that can be read now. */
+	virtual StorePlace last_place() = 0;
+	/* How many requests, with documents or without, are behind a place. */
+	virtual int64_t requests_after(const StorePlace &place) = 0;
 
 	/* Sums over the range, a row for each key, in no particular order. The range is widened to
 	 * whole minutes, and to whole hours where the minutes are gone. */
