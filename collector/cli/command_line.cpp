@@ -12,9 +12,9 @@ namespace kaq {
 
 const std::vector<AddVerb> &verbs() {
 	static const std::vector<AddVerb> kVerbs = {
-		add_collect, add_config,  add_top,    add_tail,  add_find,   add_show,
-		add_compare, add_queries, add_errors, add_calls, add_export, add_pin,
-		add_unpin,   add_forget,  add_mark,   add_open,  add_doctor, add_resume,
+		add_collect, add_config, add_top,    add_tail,   add_find,         add_show,  add_compare,
+		add_queries, add_errors, add_calls,  add_export, add_pin,          add_unpin, add_forget,
+		add_mark,    add_open,   add_doctor, add_resume, add_destinations,
 	};
 	return kVerbs;
 }

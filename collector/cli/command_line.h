@@ -39,6 +39,7 @@ void add_unpin(CLI::App &app, int &status);
 void add_forget(CLI::App &app, int &status);
 void add_mark(CLI::App &app, int &status);
 void add_open(CLI::App &app, int &status);
+void add_destinations(CLI::App &app, int &status);
 void add_doctor(CLI::App &app, int &status);
 void add_resume(CLI::App &app, int &status);
 

@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "cli/export_section_private.h"
 #include "cli/toml_section_private.h"
 #include "util/control_character.h"
 #include "util/utf8.h"
@@ -31,6 +32,7 @@ constexpr size_t kMostDirectories = 64;
 constexpr uint64_t kMebibyte = 1 << 20;
 constexpr uint64_t kLargestCap = 1ull << 50;
 constexpr milliseconds kLongestAge = hours(24 * 3650);
+constexpr size_t kMostDestinations = 16;
 constexpr double kMostRequests = 1e9; /* a minute */
 
 void read_networks(TomlSection &section, std::string_view key, std::vector<Network> &networks) {
@@ -223,14 +225,6 @@ void read_limit(TomlSection &section, AlertRule &rule) {
 	}
 }
 
-bool is_web_address(const std::string &text) {
-	size_t slashes = text.find("://");
-	std::string_view scheme = std::string_view(text).substr(0, slashes);
-	return (scheme == "http" || scheme == "https") && slashes + 3 < text.size() &&
-		   std::all_of(text.begin(), text.end(),
-					   [](char each) { return each > ' ' && each < 127; });
-}
-
 AlertRule read_alert(TomlSection &section) {
 	AlertRule rule;
 	std::string metric;
@@ -283,6 +277,11 @@ void read_all(TomlSection &file, const FileReader &files, Configuration &configu
 				 [&](TomlSection &inner) { read_crash_logs(inner, configuration.crash_logs); });
 	file.sections("monitor", kMostRules, [&](TomlSection &inner) {
 		configuration.monitor.push_back(read_monitor(inner, files));
+	});
+	file.section("export", [&](TomlSection &inner) {
+		inner.sections("otlp", kMostDestinations, [&](TomlSection &otlp) {
+			read_destination(otlp, configuration.destinations);
+		});
 	});
 	file.sections("alert", kMostRules,
 				  [&](TomlSection &inner) { configuration.alerts.push_back(read_alert(inner)); });

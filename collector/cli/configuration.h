@@ -16,6 +16,7 @@
 
 #include "analysis/naming.h"
 #include "analysis/scrub.h"
+#include "export/destination.h"
 #include "ingest/crash_log.h"
 #include "ingest/monitor_rule.h"
 #include "util/network.h"
@@ -87,6 +88,7 @@ struct Configuration {
 	OverloadSettings overload;
 	std::vector<AlertRule> alerts;
 	CrashLogSettings crash_logs;
+	std::vector<DestinationSettings> destinations;
 };
 
 struct ConfigurationMistake {

@@ -102,6 +102,28 @@ toml::array alert_array(const std::vector<AlertRule> &rules) {
 	return array;
 }
 
+toml::array destination_array(const std::vector<DestinationSettings> &destinations) {
+	toml::array array;
+	for (const DestinationSettings &each : destinations) {
+		toml::table table{{"name", each.name},
+						  {"endpoint", each.endpoint.url},
+						  {"headers", texts(each.endpoint.headers)},
+						  {"timeout", duration_text(each.endpoint.time)},
+						  {"application", each.application},
+						  {"transaction", each.transaction},
+						  {"slower", duration_text(each.slower)},
+						  {"failed", each.is_failed},
+						  {"share", each.share},
+						  {"keep_literals", each.traces.has_literals},
+						  {"spans_per_second", each.spans_per_second}};
+		if (!each.endpoint.ca_file.empty()) {
+			table.insert("ca_file", each.endpoint.ca_file);
+		}
+		array.push_back(std::move(table));
+	}
+	return array;
+}
+
 toml::table to_table(const Configuration &configuration) {
 	toml::table scrub{{"keep_literals", configuration.scrub.keeps_literals},
 					  {"secret_names", texts(configuration.scrub.secret_names)}};
@@ -117,6 +139,9 @@ toml::table to_table(const Configuration &configuration) {
 	}
 	if (!configuration.alerts.empty()) {
 		file.insert("alert", alert_array(configuration.alerts));
+	}
+	if (!configuration.destinations.empty()) {
+		file.insert("export", toml::table{{"otlp", destination_array(configuration.destinations)}});
 	}
 	return file;
 }

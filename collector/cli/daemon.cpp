@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "analysis/summary.h"
+#include "cli/destinations.h"
 #include "cli/places.h"
 #include "cli/reload.h"
 #include "cli/service_manager.h"
@@ -144,17 +145,6 @@ void say(const ConfigurationMistakes &mistakes, const std::string &file) {
 	}
 }
 
-void say_limits(const ConnectionLimits &limits) {
-	if (limits.payloads < DataServer::kMostConnections) {
-		log_line(
-			LogLevel::kWarning,
-			fmt::format("the system allows so few descriptors that no more than {} payloads, {} "
-						"handshakes and {} HTTP connections are served at a time; "
-						"LimitNOFILE= of the service, or ulimit -Hn, raises that",
-						limits.payloads, limits.handshakes, limits.http));
-	}
-}
-
 } // namespace
 
 Configuration effective_configuration(const CollectOptions &options) {
@@ -174,6 +164,7 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration, Conne
 	lock_ = take(configuration_.store.directory);
 	const std::string socket = lock_ ? socket_of(configuration_.store.directory) : "";
 	store_ = std::make_unique<SqliteStore>(store_settings(configuration_));
+	destinations_ = std::make_unique<Destinations>(*store_, configuration_.store.directory);
 	caretaker_ = std::make_unique<Caretaker>(*store_, configuration_);
 	std::vector<Pipeline::Sink> sinks;
 	for (size_t i = 0; i < kReaders; i++) {
@@ -239,6 +230,7 @@ void Daemon::tell_services() {
 		}
 		return resumed;
 	};
+	services_->destinations = [this] { return to_json(destinations_->statuses()); };
 	services_->metrics = [this] { return metrics_.text(); };
 	services_->login_link = [this, http_port] {
 		return fmt::format("http://{}:{}{}?code={}", kHttpAddress, http_port, kLoginPath,
@@ -248,7 +240,7 @@ void Daemon::tell_services() {
 
 void Daemon::open_metrics() {
 	metrics_.open({*handshake_, *data_, *http_, pipeline_->counts(), *probe_, budget_, *pipeline_,
-				   overload_, request_metrics_, *store_, system_time()});
+				   overload_, request_metrics_, *store_, *destinations_, system_time()});
 }
 
 void Daemon::publish_facts() {
@@ -294,8 +286,16 @@ void Daemon::start() {
 		WatchdogSettings(), [this] { return handshake_->beats(); }, tell_alive, end_for_stall);
 	open_metrics();
 	caretaker_->start(fmt::format("http://{}:{}", kHttpAddress, http_->port()));
+	use_destinations();
 	say_places();
 	tell_ready(status());
+}
+
+/* Where another collector may have the store, how far they have come could not be kept. */
+void Daemon::use_destinations() {
+	if (lock_) {
+		destinations_->use(destinations_of(configuration_));
+	}
 }
 
 /* Nobody has to read it. */
@@ -341,6 +341,7 @@ void Daemon::stop() {
 	handshake_->stop_listening();
 	handshake_->drain(kDrainTime);
 	metrics_.close();
+	destinations_->use({});
 	probe_.reset();
 	watchdog_.reset();
 	publish_facts();
@@ -369,6 +370,7 @@ void Daemon::reload() {
 		handshake_->allow(configuration_.listen.handshake_networks);
 		data_->allow(configuration_.listen.data_networks);
 		pipeline_->use(pipeline_settings(configuration_));
+		use_destinations();
 		log_line(LogLevel::kInfo, "the configuration was read again");
 	} else {
 		say(next.error(), configuration_file(options_.configuration));

@@ -17,6 +17,7 @@
 #include "cli/doctor_service.h"
 #include "cli/metrics.h"
 #include "cli/verbs.h"
+#include "export/destinations.h"
 #include "http/http_server.h"
 #include "http/routes.h"
 #include "ingest/handshake_counts.h"
@@ -65,6 +66,7 @@ private:
 	void add_counters();
 	void tell_services();
 	void open_metrics();
+	void use_destinations();
 	void publish_facts();
 	void tell_configuration(const std::string &mistakes);
 	void look_at_suspensions();
@@ -80,6 +82,7 @@ private:
 	std::unique_ptr<SqliteStore> store_;
 	RequestMetrics request_metrics_;
 	ForkLookup forks_;
+	std::unique_ptr<Destinations> destinations_;
 	std::unique_ptr<Caretaker> caretaker_;
 	uint64_t policy_version_ = 0; /* of the suspensions in the policy */
 	std::mutex facts_mutex_;

@@ -4,9 +4,12 @@
 
 #include <algorithm>
 
+#include <fmt/format.h>
+
 #include "http/http_server.h"
 #include "net/data_server.h"
 #include "net/handshake_server.h"
+#include "util/log.h"
 
 namespace kaq {
 namespace {
@@ -35,6 +38,17 @@ ConnectionLimits connection_limits(size_t descriptors) {
 	};
 	return {share(HandshakeServer::kMostConnections), share(DataServer::kMostConnections),
 			share(kMostHttpConnections)};
+}
+
+void say_limits(const ConnectionLimits &limits) {
+	if (limits.payloads < DataServer::kMostConnections) {
+		log_line(
+			LogLevel::kWarning,
+			fmt::format("the system allows so few descriptors that no more than {} payloads, {} "
+						"handshakes and {} HTTP connections are served at a time; "
+						"LimitNOFILE= of the service, or ulimit -Hn, raises that",
+						limits.payloads, limits.handshakes, limits.http));
+	}
 }
 
 } // namespace kaq

@@ -19,4 +19,7 @@ size_t raise_descriptor_limit();
  * store and everything else in any case. */
 ConnectionLimits connection_limits(size_t descriptors);
 
+/* In the log, where they are less than usual. */
+void say_limits(const ConnectionLimits &limits);
+
 } // namespace kaq

@@ -166,6 +166,37 @@ void add_store(MetricsWriter &to, const StoreStatus &store) {
 			 static_cast<double>(store.damages.size()));
 }
 
+void add_destinations(MetricsWriter &to, const std::vector<DestinationStatus> &all) {
+	struct Family {
+		const char *name;
+		const char *help;
+		uint64_t DestinationStatus::*value;
+	};
+	for (const Family &family :
+		 {Family{"kaq_export_requests_total", "Stored requests that were sent to a destination.",
+				 &DestinationStatus::requests},
+		  {"kaq_export_spans_total", "Spans that it took.", &DestinationStatus::spans},
+		  {"kaq_export_spans_rejected_total", "Spans that it left out of what it took.",
+		   &DestinationStatus::rejected},
+		  {"kaq_export_spans_refused_total", "Spans that it did not take.",
+		   &DestinationStatus::refused},
+		  {"kaq_export_retries_total", "Attempts after which it is tried again.",
+		   &DestinationStatus::retries},
+		  {"kaq_export_gaps_total",
+		   "How often what was to be sent had been removed from the store.",
+		   &DestinationStatus::gaps}}) {
+		to.family(family.name, MetricType::Counter, family.help);
+		for (const DestinationStatus &each : all) {
+			to.add({{"destination", each.name}}, static_cast<double>(each.*family.value));
+		}
+	}
+	to.family("kaq_export_lag_seconds", MetricType::Gauge,
+			  "How long ago the first request ended that is still to be sent.");
+	for (const DestinationStatus &each : all) {
+		to.add({{"destination", each.name}}, static_cast<double>(each.lag) * kMilliseconds);
+	}
+}
+
 void add_asked(MetricsWriter &to, const std::map<std::string, AskedSeries> &asked) {
 	struct Family {
 		const char *name;
@@ -228,6 +259,7 @@ std::string metrics_text(const MetricsSources &sources) {
 	add_reading(writer, sources);
 	add_probe(writer, sources.probe.latency());
 	add_store(writer, sources.store.status());
+	add_destinations(writer, sources.destinations.statuses());
 	add_asked(writer, sources.requests.asked());
 	add_requests(writer, sources.requests.requests());
 	return writer.text();

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "export/destinations.h"
 #include "http/http_server.h"
 #include "ingest/overload_control.h"
 #include "ingest/pipeline.h"
@@ -31,6 +32,7 @@ struct MetricsSources {
 	const OverloadControl &overload;
 	const RequestMetrics &requests;
 	Store &store;
+	Destinations &destinations;
 	int64_t started = 0; /* milliseconds since the Unix epoch */
 };
 

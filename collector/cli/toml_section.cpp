@@ -55,6 +55,14 @@ std::string number_text(double number) {
 
 } // namespace
 
+bool is_web_address(const std::string &text) {
+	size_t slashes = text.find("://");
+	std::string_view scheme = std::string_view(text).substr(0, slashes);
+	return (scheme == "http" || scheme == "https") && slashes + 3 < text.size() &&
+		   std::all_of(text.begin(), text.end(),
+					   [](char each) { return each > ' ' && each < 127; });
+}
+
 std::string TomlSection::full_name(std::string_view key) const {
 	std::string shown = printable(key);
 	return name_.empty() || shown.empty() ? name_ + shown : name_ + "." + shown;

@@ -71,4 +71,7 @@ private:
 	std::vector<std::string_view> known_;
 };
 
+/* Whether a text is a URL that begins with http:// or https://. */
+bool is_web_address(const std::string &text);
+
 } // namespace kaq

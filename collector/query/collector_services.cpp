@@ -66,6 +66,13 @@ Answer show_metrics(ServiceContext &context, const Question &) {
 	return answer;
 }
 
+Answer list_destinations(ServiceContext &context, const Question &) {
+	if (!context.destinations) {
+		throw ServiceMistake(404, "no collector runs here", "start one with 'kaq collect'");
+	}
+	return json_answer({{"now_ms", context.clock()}, {"destinations", context.destinations()}});
+}
+
 Answer resume_monitoring(ServiceContext &context, const Question &question) {
 	if (!context.resume) {
 		throw ServiceMistake(404, "no collector runs here", "start one with 'kaq collect'");

@@ -45,6 +45,8 @@ struct ServiceContext {
 	/* Monitors an application again, or all if it is empty, and returns what was resumed; empty
 	 * where no collector runs. */
 	std::function<nlohmann::json(const std::string &application)> resume = {};
+	/* The places that requests are sent to, as a list; empty where no collector runs. */
+	std::function<nlohmann::json()> destinations = {};
 };
 
 enum class Audience {

@@ -53,6 +53,7 @@ const std::vector<Service> &services() {
 		{"GET", "/api/v1/completions", {"q", "cursor"}, complete},
 		{"GET", "/api/v1/services", {}, list_services},
 		{"GET", "/api/v1/status", {}, show_status},
+		{"GET", "/api/v1/destinations", {}, list_destinations},
 		{"GET", "/metrics", {}, show_metrics},
 		{"POST", "/api/v1/login-link", {}, make_login_link, Audience::kLocal},
 	};

@@ -45,6 +45,7 @@ Answer remove_mark(ServiceContext &context, const Question &question);
 Answer list_marks(ServiceContext &context, const Question &question);
 Answer list_services(ServiceContext &context, const Question &question);
 Answer show_status(ServiceContext &context, const Question &question);
+Answer list_destinations(ServiceContext &context, const Question &question);
 Answer show_metrics(ServiceContext &context, const Question &question);
 Answer resume_monitoring(ServiceContext &context, const Question &question);
 Answer complete(ServiceContext &context, const Question &question);

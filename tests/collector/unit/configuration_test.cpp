@@ -78,6 +78,22 @@ webhook = "http://h/"
 metric = "rate"
 deviation = 2.5
 webhook = "http://h/"
+[[export.otlp]]
+name = "main"
+endpoint = "https://otel.example:4318"
+headers = ["Authorization: Bearer 0123", "X-Scope:shop"]
+ca_file = "/ca.pem"
+timeout = "5s"
+application = "c*"
+transaction = "/v*"
+slower = "250ms"
+failed = true
+share = "20%"
+keep_literals = true
+spans_per_second = 1000
+[[export.otlp]]
+name = "other-1_B"
+endpoint = "http://127.0.0.1"
 )";
 
 TEST(Configuration, WithoutAFileTheDefaultsHold) {
@@ -140,6 +156,30 @@ TEST(Configuration, RulesAreRead) {
 	EXPECT_FALSE(configuration->alerts[2].limit);
 }
 
+TEST(Configuration, DestinationsAreRead) {
+	ConfigurationOrMistakes configuration = read(kEverything);
+	ASSERT_TRUE(configuration) << mistakes(kEverything);
+	ASSERT_EQ(2u, configuration->destinations.size());
+	kaq::DestinationSettings first;
+	first.name = "main";
+	first.endpoint.url = "https://otel.example:4318";
+	first.endpoint.headers = {"Authorization: Bearer 0123", "X-Scope:shop"};
+	first.endpoint.ca_file = "/ca.pem";
+	first.endpoint.time = std::chrono::seconds(5);
+	first.application = "c*";
+	first.transaction = "/v*";
+	first.slower = std::chrono::milliseconds(250);
+	first.is_failed = true;
+	first.share = 0.2;
+	first.traces.has_literals = true;
+	first.spans_per_second = 1000;
+	EXPECT_TRUE(first == configuration->destinations[0]);
+	kaq::DestinationSettings second;
+	second.name = "other-1_B";
+	second.endpoint.url = "http://127.0.0.1";
+	EXPECT_TRUE(second == configuration->destinations[1]);
+}
+
 TEST(Configuration, PartitionsFitASmallCapUnlessTheirSizeIsSaid) {
 	EXPECT_EQ(uint64_t{128} << 20, read("[store]\nsize_cap = \"256MiB\"")->store.partition_size);
 	EXPECT_EQ(uint64_t{256} << 20, read("[store]\nsize_cap = \"1GiB\"")->store.partition_size);
@@ -170,6 +210,7 @@ TEST(Configuration, WhatIsShownReadsBackAsTheSame) {
 	EXPECT_EQ("<script></script>", again->monitor[0].snippet);
 	EXPECT_EQ(1500, again->alerts[0].limit);
 	EXPECT_EQ(2u, again->crash_logs.directories.size());
+	EXPECT_TRUE(configuration->destinations == again->destinations);
 }
 
 TEST(Configuration, AllMistakesAreToldWithTheirLines) {
@@ -262,7 +303,33 @@ INSTANTIATE_TEST_SUITE_P(
 		Mistake{"[[alert]]\nmetric = \"rate\"\nlimit = 1\nwebhook = \"file:///a\"",
 				"f:4: alert.webhook: has to be a URL that begins with http:// or https://\n"},
 		Mistake{"[[alert]]\nmetric = \"rate\"\nlimit = 1\nwebhook = \"http://h/\"\nminutes = 0",
-				"f:5: alert.minutes: has to be a whole number from 1 to 1440\n"}));
+				"f:5: alert.minutes: has to be a whole number from 1 to 1440\n"},
+		Mistake{"[export]\notlp = 1",
+				"f:2: export.otlp: has to be a list of at most 16 sections, [[export.otlp]]\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"",
+				"f:1: export.otlp.endpoint: has to be a URL that begins with http:// or "
+				"https://\n"},
+		Mistake{"[[export.otlp]]\nname = \"a/b\"\nendpoint = \"http://h\"",
+				"f:2: export.otlp.name: has to be 1 to 64 letters, digits, \"-\" or \"_\"\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\n"
+				"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"",
+				"f:5: export.otlp.name: is that of another destination\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\n"
+				"headers = [\"secret\"]",
+				"f:4: export.otlp.headers: has to be at most 64 texts such as \"Authorization: "
+				"Bearer 0123\"\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\n"
+				"headers = [\"A: b\\nC: d\"]",
+				"f:4: export.otlp.headers: has to be at most 64 texts such as \"Authorization: "
+				"Bearer 0123\"\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\nca_file = \"ca\"",
+				"f:4: export.otlp.ca_file: has to be a path that begins with \"/\"\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\nshar = 1",
+				"f:4: export.otlp.shar: there is no such setting; did you mean \"share\"?\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\n"
+				"spans_per_second = 0",
+				"f:4: export.otlp.spans_per_second: has to be a whole number from 1 to "
+				"10000000\n"}));
 
 TEST(Configuration, TomlThatCannotBeReadIsToldWithItsLine) {
 	EXPECT_EQ(0u, mistakes("[listen]\nhandshake = \n").rfind("f:2: ", 0));
