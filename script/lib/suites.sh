@@ -301,7 +301,9 @@ kaq_suite_collector_wire() {
 	if kaq_locked prometheus kaq_unpack_package "$KAQ_CACHE/prometheus" prometheus; then
 		set -- "$@" KAQ_PROMETHEUS="$KAQ_CACHE/prometheus/prometheus"
 	fi
-	kaq_pytest collector-wire "$@" KAQ_COLLECTOR="$KAQ_RUN/$2/kaq"
+	local modules="$KAQ_CACHE/build/export"
+	kaq_locked export kaq_export_packages "$modules" "$log" || modules=
+	kaq_pytest collector-wire "$@" KAQ_COLLECTOR="$KAQ_RUN/$2/kaq" KAQ_EXPORT_MODULES="$modules"
 }
 
 # kaq_suite_servers CONFIG KEY SO: real drivers that talk to real servers. What
