@@ -60,11 +60,13 @@ protected:
 	}
 
 	/* Of that many spans. */
-	std::string put_request(int spans = 1, int64_t duration = 100) {
+	std::string put_request(int spans = 1, const std::function<void(Summary &)> &change = {}) {
 		int64_t number = ++number_;
 		Record one = record(number, now_);
 		one.summary.spans = spans;
-		one.summary.duration = duration;
+		if (change) {
+			change(one.summary);
+		}
 		std::string list;
 		for (int i = 0; i < spans; i++) {
 			list += (i == 0 ? "" : ",") + std::string(R"({"st":1000,"et":1250,"mo":)") +
@@ -164,6 +166,31 @@ TEST_F(DestinationTest, WhatWasNotAnsweredIsSentAgainAfterARestart) {
 	EXPECT_EQ(arrived(), stored_);
 }
 
+/* What the file says while it runs is what holds after a kill. */
+TEST_F(DestinationTest, WhatWasTakenIsNotSentAgainAfterAKill) {
+	std::atomic<int> left{3};
+	Receiver receiver(
+		taking([&left](const Posted &) { return ReceiverAnswer{left-- > 0 ? 200 : 503}; }));
+	DestinationSettings settings = settings_to(receiver);
+	settings.batch_spans = 4;
+	start(settings);
+	for (int i = 0; i < 20; i++) {
+		put_request(2);
+	}
+	store().flush();
+	ASSERT_TRUE(comes_true([this] { return destination_->status().retries > 0; }));
+	std::string file = settings_.directory + "/export-test";
+	std::string copy = directory_.path() + "/copy";
+	std::filesystem::copy_file(file, copy);
+	destination_.reset();
+	EXPECT_EQ(arrived().size(), 6u);
+	std::filesystem::rename(copy, file);
+	left = 1000;
+	start(settings);
+	ASSERT_TRUE(comes_true([this] { return arrived().size() == 20; }));
+	EXPECT_EQ(arrived(), stored_);
+}
+
 TEST_F(DestinationTest, APauseThatIsAskedForIsKept) {
 	std::atomic<int> answers{0};
 	Receiver receiver(taking([&answers](const Posted &) {
@@ -252,15 +279,47 @@ TEST_F(DestinationTest, OnlyWhatIsWantedIsSent) {
 	Receiver receiver(taking_all());
 	DestinationSettings settings = settings_to(receiver);
 	settings.slower = milliseconds(200);
+	settings.is_failed = true;
+	settings.application = "s*";
 	settings.transaction = "/c*";
 	start(settings);
-	put_request(1, 199);
+	auto wanted = [](Summary &summary) {
+		summary.duration = 200;
+		summary.is_failed = true;
+	};
+	for (const std::function<void(Summary &)> &change : std::vector<std::function<void(Summary &)>>{
+			 [](Summary &summary) { summary.duration = 199; },
+			 [](Summary &summary) { summary.is_failed = false; },
+			 [](Summary &summary) { summary.application = "blog"; },
+			 [](Summary &summary) { summary.name = "/pay"; }}) {
+		put_request(1, [&](Summary &summary) {
+			wanted(summary);
+			change(summary);
+		});
+	}
 	stored_.clear();
-	put_request(1, 200);
-	put_request(1, 500);
+	put_request(1, wanted);
 	store().flush();
 	EXPECT_TRUE(has_all());
 	EXPECT_EQ(arrived(), stored_);
+}
+
+TEST_F(DestinationTest, ARequestThatFitsIsNotSpreadOverTwoBatches) {
+	std::atomic<int> broken{0};
+	Receiver receiver(taking([&broken](const Posted &posted) {
+		broken += spans_of(posted.body).size() % 6 == 0 ? 0 : 1;
+		return ReceiverAnswer();
+	}));
+	DestinationSettings settings = settings_to(receiver);
+	settings.batch_spans = 20;
+	start(settings);
+	for (int i = 0; i < 20; i++) {
+		put_request(6);
+	}
+	store().flush();
+	EXPECT_TRUE(has_all());
+	EXPECT_EQ(broken, 0);
+	EXPECT_LT(destination_->status().batches, 20u);
 }
 
 TEST_F(DestinationTest, OfAShareEachTraceIsWholeOrNotThere) {
