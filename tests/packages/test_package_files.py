@@ -50,7 +50,7 @@ def test_the_collector_brings_the_terms_of_what_is_compiled_into_it(collector):
     packed = collector.files / "usr/share/doc/kaq-collector/third-party-licences.gz"
     text = gzip.decompress(packed.read_bytes()).decode()
     for name in ("Boost Software License", "Niels Lohmann", "University of Cincinnati",
-                 "Sébastien Rombauts", "Leon Sorokin"):
+                 "Sébastien Rombauts", "Leon Sorokin", "Mapbox"):
         assert name in text, name
 
 
