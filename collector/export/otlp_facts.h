@@ -22,11 +22,11 @@ public:
 	OtlpFacts(const OtlpFacts &) = delete;
 	OtlpFacts &operator=(const OtlpFacts &) = delete;
 
-	SpanFacts of(size_t span) const;
+	SpanFacts of(size_t index) const;
 
 private:
 	void add_request(SpanFacts &facts) const;
-	void add_database(SpanFacts &facts, size_t span) const;
+	void add_database(SpanFacts &facts, size_t index) const;
 	void add_statement(SpanFacts &facts, std::string_view text, bool is_obfuscated) const;
 	void find_driver();
 

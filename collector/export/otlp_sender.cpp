@@ -55,7 +55,7 @@ struct OtlpSender::Connection {
 
 	void add_header(const std::string &header) {
 		if (curl_slist *longer = curl_slist_append(headers.get(), header.c_str())) {
-			headers.release();
+			static_cast<void>(headers.release());
 			headers.reset(longer);
 		}
 	}

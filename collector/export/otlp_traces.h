@@ -44,7 +44,7 @@ public:
 	}
 
 private:
-	std::string span_bytes(size_t span) const;
+	std::string span_bytes(size_t index) const;
 
 	const Transaction &transaction_;
 	const OtlpTraceSettings &settings_;
