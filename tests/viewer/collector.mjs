@@ -133,6 +133,13 @@ export async function show(page, url) {
 	await settled(page);
 }
 
+/* The page anew, by its address alone. */
+export async function again(page, collector) {
+	const address = page.url();
+	await show(page, `${collector.url}/doctor`);
+	await show(page, address);
+}
+
 export async function settled(page) {
 	await page.waitForFunction(() => document.querySelector('main > *') && !document.querySelector('[aria-busy="true"]'));
 	// Lines are drawn once their size is known.

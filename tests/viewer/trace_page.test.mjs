@@ -6,8 +6,7 @@ import { Collector, openPage, settled, show, startBrowser } from './collector.mj
 import { largeRequest } from './large.mjs';
 import { layoutProblems } from './layout.mjs';
 import { shopRequests } from './shop.mjs';
-
-const ROWS = '.waterfall-scroll:not(.flame-scroll) [role=treeitem]';
+import { active, eventually, heard, heldIn, own, rows, ROWS, told } from './trace_view.mjs';
 
 let collector;
 let browser;
@@ -35,50 +34,6 @@ async function open(path) {
 	await show(page, collector.url + path);
 	await page.waitForSelector('.trace-page');
 	return page;
-}
-
-/* The rows as somebody hears them. */
-async function rows(page) {
-	await page.waitForTimeout(250);
-	return page.locator(ROWS).allTextContents();
-}
-
-function active(page) {
-	return page.evaluate(() => {
-		const tree = [...document.querySelectorAll('[role=tree]')].find((each) => each.offsetParent !== null);
-		return document.getElementById(tree.getAttribute('aria-activedescendant') ?? '')?.textContent ?? '';
-	});
-}
-
-/* Pages draw when they have time to: what is looked for comes, or the reason why not is told. */
-async function eventually(check) {
-	const end = Date.now() + 10000;
-	for (;;) {
-		try {
-			return await check();
-		} catch (error) {
-			if (!(error instanceof assert.AssertionError) || Date.now() > end) {
-				throw error;
-			}
-			await new Promise((resolve) => setTimeout(resolve, 50));
-		}
-	}
-}
-
-function heard(page, wanted) {
-	return eventually(async () => assert.match(await active(page), wanted));
-}
-
-function told(place, wanted) {
-	return eventually(async () => assert.match(await place.textContent(), wanted));
-}
-
-function own(page) {
-	return Object.fromEntries(new URL(page.url()).searchParams);
-}
-
-async function heldIn(page, name, value) {
-	await page.waitForFunction(([key, wanted]) => (new URL(location.href).searchParams.get(key) ?? '') === wanted, [name, value]);
 }
 
 test('the verdict is on top, what it rests on is chosen, and its statement stands beside', async () => {

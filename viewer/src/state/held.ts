@@ -1,5 +1,13 @@
 /* What is held of a page's tables in the address, so that a link has them as they were left. */
-import { here, remember } from './address';
+import { here, remember, type Own } from './address';
+
+/* Where it is held, each by its name; an empty text is the usual. */
+export interface Holder {
+	readonly get: (name: string) => string;
+	readonly set: (changes: Own) => void;
+}
+
+export const ADDRESS: Holder = { get: (name) => here().own[name] ?? '', set: (own) => remember({ own }) };
 
 export interface HeldSort {
 	readonly sort: string;
@@ -7,8 +15,8 @@ export interface HeldSort {
 }
 
 /* `name` tells tables of one page apart. */
-export function heldSort(usual = '', name = 'sort'): HeldSort {
-	return { sort: here().own[name] ?? usual, onSort: (sort) => remember({ own: { [name]: sort } }) };
+export function heldSort(usual = '', name = 'sort', holder = ADDRESS): HeldSort {
+	return { sort: holder.get(name) || usual, onSort: (sort) => holder.set({ [name]: sort }) };
 }
 
 /* FNV-1a: a name for a text of any length, short enough for an address. */
@@ -30,10 +38,10 @@ export interface HeldRows<Row> {
 }
 
 /* Which rows are opened. */
-export function heldRows<Row>(keyOf: (row: Row) => string, name = 'open'): HeldRows<Row> {
+export function heldRows<Row>(keyOf: (row: Row) => string, name = 'open', holder = ADDRESS): HeldRows<Row> {
 	return {
 		keyOf,
-		opened: new Set((here().own[name] ?? '').split('.').filter(Boolean)),
-		onOpened: (keys) => remember({ own: { [name]: [...keys].join('.') } }),
+		opened: new Set(holder.get(name).split('.').filter(Boolean)),
+		onOpened: (keys) => holder.set({ [name]: [...keys].join('.') }),
 	};
 }

@@ -17,6 +17,9 @@ const LEAST_PIXELS = 0.4;
 const LEAST_TEXT = 24;
 const CLICK_PIXELS = 4;
 
+/* In front of a span's number: the frame that it is in. */
+const FRAME = 'f';
+
 let flames = 0;
 
 export class Flame {
@@ -136,9 +139,16 @@ export class Flame {
 
 	choose(frame: Frame | undefined): void {
 		if (frame) {
-			this.state.choose({ nodes: frame.nodes, label: frame.label, key: '' });
+			this.state.choose({ nodes: frame.nodes, label: frame.label, key: FRAME + String(frame.nodes[0] ?? '') });
 			this.scrollTo(frame);
 		}
+	}
+
+	/* Chooses what such a key names; says whether it is one. */
+	chooseByKey(key: string): boolean {
+		const [, node] = new RegExp(`^${FRAME}(\\d+)$`).exec(key) ?? [];
+		this.choose(node === undefined ? undefined : this.tree.frameOf(Number(node)));
+		return node !== undefined;
 	}
 
 	/* To the frame above, the widest below, or the one beside. */

@@ -2,7 +2,8 @@
 import { statementQuery } from '../pages/queries';
 import { api, exportParameters, EXPORT_FORMATS } from '../api/services';
 import { addressOf, isAborted } from '../api/ask';
-import { here, remember, type Address } from '../state/address';
+import { here, type Address } from '../state/address';
+import { ADDRESS } from '../state/held';
 import { openDialog } from '../ui/dialog';
 import { el, replace, shortened, type Child } from '../ui/dom';
 import { count } from '../ui/format';
@@ -78,11 +79,10 @@ function pinButton(id: string, isPinned: boolean): HTMLElement {
 	return button;
 }
 
-const surroundings: Surroundings = {
+const SURROUNDINGS: Omit<Surroundings, 'set'> = {
 	links: LINKS,
 	tools: (kind, id, isPinned) => [pinButton(id, isPinned), el('button', { type: 'button', class: 'primary', on: { click: () => openShare(kind, id) } }, 'Share')],
-	get: (name) => here().own[name] ?? '',
-	set: (own) => remember({ own }),
+	get: ADDRESS.get,
 };
 
 /* Its figures are all that is left of it. */
@@ -96,12 +96,27 @@ function withoutSpans(model: Model): Child {
 	);
 }
 
+/* What of the view is held, in one order. */
+function ownText({ own }: Address): string {
+	return JSON.stringify(Object.entries(own).filter(([, value]) => value).sort());
+}
+
 class TracePage implements Page {
 	readonly element = el('div', { class: 'page' });
 	private view: TraceView | undefined;
+	private model: Model | undefined;
 	private question: AbortController | undefined;
 	private shown = '';
+	/* What the address said of the view when that was the same. */
+	private own = '';
 	private filters = '';
+	private readonly surroundings: Surroundings = {
+		...SURROUNDINGS,
+		set: (changes) => {
+			ADDRESS.set(changes);
+			this.own = ownText(here());
+		},
+	};
 	private name = '';
 
 	constructor(private readonly kind: Kind) {}
@@ -118,12 +133,18 @@ class TracePage implements Page {
 		}
 		const { from, to, app, host } = address;
 		const filters = [from, to, app, host].join(' ');
-		const isOnlyFilters = id === this.shown && filters !== this.filters;
-		this.shown = id;
-		this.filters = filters;
+		const own = ownText(address);
+		const isOtherView = own !== this.own;
 		// Time and application narrow other pages: a request stays what it is.
-		if (!isOnlyFilters) {
+		const isAskedAnew = !isOtherView && filters === this.filters;
+		this.own = own;
+		this.filters = filters;
+		if (id !== this.shown || isAskedAnew) {
+			this.shown = id;
 			void this.ask(id);
+		} else if (this.model && isOtherView) {
+			// The browser's way back leads to what was chosen then.
+			void this.fill(this.model, this.begin().signal);
 		}
 	}
 
@@ -132,10 +153,16 @@ class TracePage implements Page {
 		this.view?.end();
 	}
 
-	private async ask(id: string): Promise<void> {
+	/* What was begun before ends. */
+	private begin(): AbortController {
 		this.question?.abort();
-		const question = new AbortController();
-		this.question = question;
+		this.question = new AbortController();
+		return this.question;
+	}
+
+	private async ask(id: string): Promise<void> {
+		const question = this.begin();
+		this.model = undefined;
 		const progress = el('p', { class: 'muted', role: 'status' }, 'Asking the collector …');
 		const waiting = setTimeout(() => replace(this.element, progress), 300);
 		this.element.setAttribute('aria-busy', 'true');
@@ -162,6 +189,7 @@ class TracePage implements Page {
 	private async fill(model: Model, signal: AbortSignal): Promise<void> {
 		this.view?.end();
 		this.view = undefined;
+		this.model = model;
 		const row = model.parts[0]?.row ?? model.without[0];
 		this.name = row ? `${shortened(requestTitle(row), 80)}${model.isTrace ? ' (trace)' : ''}` : '';
 		document.title = `${this.name} – kaq`;
@@ -169,7 +197,7 @@ class TracePage implements Page {
 			replace(this.element, withoutSpans(model));
 			return;
 		}
-		const view = new TraceView(model, surroundings);
+		const view = new TraceView(model, this.surroundings);
 		if (model.size > LONG) {
 			await nextTask();
 		}

@@ -7,7 +7,7 @@ import { Zoom } from './scale';
 export interface Choice {
 	readonly nodes: readonly number[];
 	readonly label: string;
-	/* Of the row, where it is one. */
+	/* Of the row or the frame, the same whenever the same request is shown. */
 	readonly key: string;
 }
 
@@ -21,7 +21,7 @@ export class ViewState {
 	choice: Choice | undefined;
 	/* Of each span whether it is meant; undefined: nothing is marked. */
 	marks: Uint8Array | undefined;
-	/* What the marks come from, such as "finding 0". */
+	/* What the marks come from, such as "finding 0", "statement 12" or "search price". */
 	marksOf = '';
 	private readonly listeners = new Set<(change: Change) => void>();
 

@@ -2,6 +2,7 @@
  * What is around the view of a request: the pages of the collector, or a file that somebody opened. In
  * the file there is nowhere to go to.
  */
+import type { Holder } from '../state/held';
 import type { Child } from '../ui/dom';
 
 export interface Links {
@@ -14,11 +15,9 @@ export interface Links {
 	readonly typical: (id: string, ...children: readonly Child[]) => Child;
 }
 
-export interface Surroundings {
+/* It holds what of the view is restored. */
+export interface Surroundings extends Holder {
 	readonly links: Links | undefined;
 	/* Beside the heading. */
 	readonly tools: (kind: 'request' | 'trace', id: string, isPinned: boolean) => Child;
-	/* What of the view is restored, by names, and where it is held. */
-	readonly get: (name: string) => string;
-	readonly set: (changes: Readonly<Record<string, string>>) => void;
 }

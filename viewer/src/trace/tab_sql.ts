@@ -1,17 +1,23 @@
 /* The statements of the request, each with how often and where it ran. */
+import { heldRows, heldSort, shortKey } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { count, duration, share } from '../ui/format';
 import { table, type Column } from '../ui/table';
 import { callerCounts } from './details';
 import type { ViewState } from './state';
 import { statementGroups, type StatementGroup } from './statements';
-import type { Links } from './surroundings';
+import type { Surroundings } from './surroundings';
 import { copyButton, facts, section, sqlElement } from './texts';
 
 const MOST_CALLERS = 12;
 
 interface Row extends StatementGroup {
 	readonly caller: string;
+}
+
+/* Of a statement and its database. */
+function keyOf(row: Row): string {
+	return shortKey(row.statement, row.database);
 }
 
 function statementCell(row: Row): Child {
@@ -31,8 +37,9 @@ function columns(sum: number, show: (row: Row) => void): Column<Row>[] {
 	];
 }
 
-export function sqlTab(state: ViewState, links: Links | undefined, onShow: () => void): Child {
+export function sqlTab(state: ViewState, surroundings: Surroundings, onShow: () => void): Child {
 	const { model } = state;
+	const { links } = surroundings;
 	const rows = statementGroups(model).map((group) => ({ ...group, caller: callerCounts(model, group.nodes)[0]?.name ?? '' }));
 	if (rows.length === 0) {
 		return el('p', { class: 'muted' }, 'No statement was recorded.');
@@ -58,6 +65,6 @@ export function sqlTab(state: ViewState, links: Links | undefined, onShow: () =>
 	];
 	return [
 		el('p', { class: 'muted small' }, `${count(calls)} executions of ${count(rows.length)} statements, ${duration(sum)} in all: ${share(sum / Math.max(1, model.duration))} of the whole time.`),
-		table({ caption: 'Statements of the request', columns: columns(sum, show), rows, sort: 'total', open }),
+		table({ caption: 'Statements of the request', columns: columns(sum, show), rows, open, ...heldSort('total', 'sort', surroundings), held: heldRows(keyOf, 'statements', surroundings) }),
 	];
 }

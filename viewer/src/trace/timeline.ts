@@ -18,6 +18,7 @@ export type Look = 'waterfall' | 'flame';
 
 const ZOOM_STEP = 0.6;
 const MOVE_STEP = 0.2;
+const LONGEST_SOUGHT = 200;
 
 function button(label: string, title: string, run: () => void): HTMLButtonElement {
 	return el('button', { type: 'button', title, 'aria-label': title, on: { click: run } }, label);
@@ -32,7 +33,7 @@ export class Timeline {
 	private readonly details: DetailsPanel;
 	private readonly looks: Readonly<Record<Look, HTMLButtonElement>>;
 	private readonly find: HTMLInputElement;
-	private readonly found = el('span', { class: 'muted small', role: 'status' });
+	private readonly foundText = el('span', { class: 'muted small', role: 'status' });
 	private readonly body: HTMLElement;
 	private foundNode = -1;
 	private readonly hint = el('p', { class: 'muted small legend-hint' });
@@ -57,6 +58,7 @@ export class Timeline {
 			'aria-label': 'Find a call of this request',
 			spellcheck: 'false',
 			autocomplete: 'off',
+			maxlength: LONGEST_SOUGHT,
 			on: { input: () => this.search(), keydown: (event) => this.findKey(event) },
 		});
 		this.body = el('div', { class: 'timeline-body' }, el('div', { class: 'timeline-drawings' }, this.waterfall.element, this.flame.element, this.legend()), this.details.element);
@@ -66,8 +68,7 @@ export class Timeline {
 				this.body.classList.toggle('has-choice', state.choice !== undefined);
 			}
 			if (change === 'marks' && !state.marksOf.startsWith('search')) {
-				this.find.value = '';
-				replace(this.found);
+				this.seekNothing();
 			}
 		});
 		this.show('waterfall');
@@ -138,7 +139,7 @@ export class Timeline {
 			el('div', { class: 'joined', role: 'group', 'aria-label': 'Zoom' }, button('−', 'Zoom out ( - )', () => this.zoom(1 / ZOOM_STEP)), button('+', 'Zoom in ( + )', () => this.zoom(ZOOM_STEP)), button('All', 'All of the time ( 0 )', () => this.zoom(Infinity))),
 			el('div', { class: 'joined of-rows', role: 'group', 'aria-label': 'Rows' }, button('Open all', 'Open all rows ( e )', () => void this.setAll(true)), button('Close all', 'Close all rows ( c )', () => void this.setAll(false))),
 			this.find,
-			this.found,
+			this.foundText,
 		);
 	}
 
@@ -250,9 +251,32 @@ export class Timeline {
 		this.state.tell('rows');
 	}
 
-	private clear(): void {
+	/* What is looked for, and which call of those that were found was gone to; -1 for none. */
+	get sought(): string {
+		return this.find.value.trim();
+	}
+
+	get found(): number {
+		return this.foundNode;
+	}
+
+	restoreFind(text: string, node: number): void {
+		this.find.value = text.slice(0, LONGEST_SOUGHT);
+		this.search();
+		if (this.state.marks?.[node]) {
+			this.foundNode = node;
+			this.tellFound();
+		}
+	}
+
+	private seekNothing(): void {
 		this.find.value = '';
-		replace(this.found);
+		this.foundNode = -1;
+		replace(this.foundText);
+	}
+
+	private clear(): void {
+		this.seekNothing();
 		this.state.unmark();
 		this.state.choose(undefined);
 	}
@@ -260,10 +284,9 @@ export class Timeline {
 	/* Marks the calls whose name or statement holds the text. */
 	private search(): void {
 		const { state } = this;
-		const text = this.find.value.trim().toLowerCase();
+		const text = this.sought.toLowerCase();
 		this.foundNode = -1;
 		if (text === '') {
-			replace(this.found);
 			state.unmark();
 			return;
 		}
@@ -276,7 +299,7 @@ export class Timeline {
 			}
 		}
 		state.mark(`search ${text}`, nodes);
-		replace(this.found, nodes.length > 0 ? plural(nodes.length, 'call') : 'none');
+		replace(this.foundText, nodes.length > 0 ? plural(nodes.length, 'call') : 'none');
 	}
 
 	/* Enter goes from one that was found to the next. */
@@ -291,16 +314,26 @@ export class Timeline {
 		}
 	}
 
+	private marked(): readonly number[] {
+		const nodes: number[] = [];
+		this.state.marks?.forEach((is, node) => is && nodes.push(node));
+		return nodes;
+	}
+
+	private tellFound(): void {
+		const marked = this.marked();
+		const at = marked.indexOf(this.foundNode);
+		replace(this.foundText, `${count(at + 1)} of ${plural(marked.length, 'call')}: ${titleOf(this.state.model, this.foundNode).slice(0, 40)}`);
+	}
+
 	private nextFound(direction: 1 | -1): void {
-		const { marks, model } = this.state;
-		const marked: number[] = [];
-		marks?.forEach((is, node) => is && marked.push(node));
+		const marked = this.marked();
 		const at = marked.indexOf(this.foundNode) + direction;
 		const next = (at < 0 ? marked.length - 1 : at) % Math.max(1, marked.length);
 		const node = marked[next];
 		if (node !== undefined) {
 			this.foundNode = node;
-			replace(this.found, `${count(next + 1)} of ${plural(marked.length, 'call')}: ${titleOf(model, node).slice(0, 40)}`);
+			this.tellFound();
 			this.state.reveal(node);
 		}
 	}

@@ -6,7 +6,7 @@ import { requestHead, traceHead } from './head';
 import type { Model } from './model';
 import type { TimeRange, Zoom } from './scale';
 import { ViewState } from './state';
-import { failedNodes, statementGroups } from './statements';
+import { codeGroups, failedNodes, statementGroups } from './statements';
 import type { Surroundings } from './surroundings';
 import { errorsTab, requestTab, resourcesTab } from './tab_parts';
 import { sqlTab } from './tab_sql';
@@ -36,7 +36,7 @@ export class TraceView {
 			this.hold();
 		};
 		this.timeline = new Timeline(this.state, surroundings.links, () => this.hold());
-		const statements = () => sqlTab(this.state, surroundings.links, toTimeline);
+		const statements = () => sqlTab(this.state, surroundings, toTimeline);
 		this.tabs = new Tabs(
 			'What is known of it',
 			[
@@ -63,11 +63,7 @@ export class TraceView {
 		state.tell('rows');
 		restoreRange(get('zoom'), (change) => state.zoomTo(change));
 		timeline.show(get('view') === 'flame' ? 'flame' : 'waterfall');
-		const finding = Number(get('finding') || -1);
-		const shown = this.model.findings[finding];
-		if (shown) {
-			state.mark(`finding ${finding}`, shown.nodes);
-		}
+		this.restoreMarks();
 		this.restoreChoice(get('span'));
 		if (get('frame')) {
 			timeline.flame.opened = Number(get('frame'));
@@ -91,9 +87,35 @@ export class TraceView {
 		this.timeline.end();
 	}
 
+	private restoreMarks(): void {
+		const { model, timeline } = this;
+		const { get } = this.surroundings;
+		const [, kind, at] = /^(statement|function)-(\d+)$/.exec(get('marked')) ?? [];
+		const first = Number(at);
+		if (get('finding')) {
+			this.markAs(`finding ${get('finding')}`, model.findings[Number(get('finding'))]?.nodes);
+		} else if (kind === 'statement') {
+			this.markAs(`statement ${first}`, statementGroups(model).find((group) => group.nodes[0] === first)?.nodes);
+		} else if (kind === 'function') {
+			const groups = model.parts.flatMap((part) => codeGroups(model, part));
+			this.markAs(`function ${first}`, groups.find((group) => group.nodes[0] === first)?.nodes);
+		} else if (get('find')) {
+			timeline.restoreFind(get('find'), Number(get('found') || -1));
+		}
+	}
+
+	private markAs(of: string, nodes: readonly number[] | undefined): void {
+		if (nodes) {
+			this.state.mark(of, nodes);
+		}
+	}
+
 	/* What the verdict rests on is chosen at first. */
 	private restoreChoice(key: string): void {
 		const { state, model } = this;
+		if (this.timeline.flame.chooseByKey(key)) {
+			return;
+		}
 		const node = Number(/\d+$/.exec(key)?.[0] ?? -1);
 		if (node >= 0 && node < model.size) {
 			state.reveal(node, key);
@@ -129,17 +151,21 @@ export class TraceView {
 			return;
 		}
 		const { zoom, choice } = state;
+		const [, marked] = /^((?:statement|function) \d+)$/.exec(state.marksOf) ?? [];
 		const usual = this.usualKey();
 		this.surroundings.set({
 			tab: this.tabs.current === 'timeline' ? '' : this.tabs.current,
 			view: timeline.look === 'flame' ? 'flame' : '',
-			span: choice ? (choice.key === usual ? '' : choice.key || String(choice.nodes[0] ?? '')) : usual ? 'none' : '',
+			span: choice ? (choice.key === usual ? '' : choice.key) : usual ? 'none' : '',
 			zoom: zoom.isWhole ? '' : rangeText(zoom),
 			open: shortList(state.tree.changes),
 			top: timeline.waterfall.top > 0 ? String(timeline.waterfall.top) : '',
 			frame: timeline.flame.opened >= 0 ? String(timeline.flame.opened) : '',
 			part: timeline.flame.isZoomed ? rangeText(timeline.flame.zoom) : '',
 			finding: state.marksOf.startsWith('finding ') ? state.marksOf.slice(8) : '',
+			marked: marked?.replace(' ', '-') ?? '',
+			find: timeline.sought,
+			found: timeline.found >= 0 ? String(timeline.found) : '',
 		});
 	}
 
