@@ -2,7 +2,7 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 import { Collector, openPage, settled, show, startBrowser } from './collector.mjs';
-import { shopRequests } from './shop.mjs';
+import { Requests, shopRequests } from './shop.mjs';
 
 let collector;
 let browser;
@@ -83,6 +83,53 @@ test('asking anew shows what came meanwhile', async () => {
 	await page.locator('h1').click();
 	await page.keyboard.press('r');
 	await page.waitForFunction((count) => parseInt(document.querySelector('[role=status]').textContent, 10) > count, before);
+});
+
+test('asking anew offers the applications and hosts that came meanwhile', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/transactions`);
+	const offered = (name) => page.getByRole('combobox', { name }).locator('option').allTextContents();
+	await page.waitForFunction(() => document.querySelectorAll('[aria-label=Application] option').length > 2);
+	assert.ok(!(await offered('Application')).includes('Newcomer'));
+	const all = new Requests(21);
+	all.begin(Date.now() - 3000, { application: 'Newcomer', name: '/', http_host: 'new.example' }).code(20).end();
+	await collector.take(all.lines);
+	await page.locator('h1').click();
+	await page.keyboard.press('r');
+	await page.waitForFunction(() => [...document.querySelectorAll('[aria-label=Host] option')].some((each) => each.textContent === 'new.example'));
+	assert.ok((await offered('Application')).includes('Newcomer'));
+	await settled(page);
+});
+
+test('asking anew finds what came meanwhile in a box, another box asks nothing', async () => {
+	const { page } = opened;
+	const box = (least) => [Date.now() - 36e5, Date.now() + 36e5, least, 1e6].join('~');
+	await show(page, `${collector.url}/search?box=${box(0)}`);
+	const inBox = () => page.locator('.selection b').textContent().then((text) => parseInt(text, 10));
+	const before = await inBox();
+	await collector.take(shopRequests(5, 1, Date.now(), 98));
+	await page.locator('h1').click();
+	await page.keyboard.press('r');
+	await page.waitForFunction((count) => parseInt(document.querySelector('.selection b').textContent, 10) > count, before);
+	const asked = [];
+	page.on('request', (request) => asked.push(new URL(request.url()).pathname));
+	await page.getByRole('button', { name: 'Clear' }).click();
+	await page.waitForFunction(() => !document.querySelector('.selection'));
+	assert.deepEqual(asked.filter((path) => path === '/api/v1/requests'), []);
+});
+
+test('trying again asks again for all that one answer is for', async () => {
+	const { page } = opened;
+	await page.route('**/api/v1/profile?*', (route) => route.abort());
+	await show(page, `${collector.url}/transaction?app=Shop&txn=%2Fcart`);
+	assert.equal(await page.locator('.state-error').count(), 3);
+	await page.unroute('**/api/v1/profile?*');
+	for (let left = 3; left > 0; left--) {
+		await page.getByRole('button', { name: 'Try again' }).first().click();
+		await page.waitForFunction((count) => document.querySelectorAll('.state-error').length < count, left);
+	}
+	await page.locator('.icicle-box').first().waitFor();
+	opened.problems.length = 0; // The browser notes the failures itself.
 });
 
 test('the theme follows the system until it is chosen', async () => {

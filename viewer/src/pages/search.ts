@@ -94,16 +94,15 @@ export function searchPage(): Page {
 		onQuery: (q) => go(changed(here(), { q, own: { box: '' } })),
 	});
 	const head = el('div', { class: 'page-head' });
-	// What was found for the question, so that a box asks nothing anew.
-	let last: { readonly question: string; readonly found: Requests } | undefined;
+	// What was found for the question, so that another box asks nothing anew.
+	let last: { readonly question: string; readonly box: string | undefined; readonly found: Requests } | undefined;
 	const ask = async (address: Address, signal: AbortSignal): Promise<Requests> => {
 		const parameters = { from: address.from, to: address.to, app: address.app, q: address.q, host: address.host, order: orderOf(address), limit: MOST };
 		const question = JSON.stringify(parameters);
-		if (last?.question === question && address.own.box !== undefined) {
-			return last.found;
-		}
-		const found = await api.requests(parameters, signal);
-		last = { question, found };
+		const { box } = address.own;
+		const isOtherBox = last?.question === question && last.box !== box;
+		const found = last && isOtherBox ? last.found : await api.requests(parameters, signal);
+		last = { question, box, found };
 		return found;
 	};
 	return {

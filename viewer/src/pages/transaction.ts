@@ -278,7 +278,10 @@ class TransactionPage implements Page {
 		const part = (panel: Panel, draw: (profile: Profile) => Child) =>
 			void panel.fill(async () => {
 				asked ??= api.profile({ ...narrowed, limit: SAMPLE });
-				const profile = await asked;
+				const profile = await asked.catch((error: unknown) => {
+					asked = undefined;
+					throw error;
+				});
 				return profile.requests === 0
 					? emptyState('No request of this time is stored with its calls.', 'Take a shorter or a later time.')
 					: draw(profile);

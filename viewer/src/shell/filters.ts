@@ -67,6 +67,8 @@ export interface Filters {
 	readonly element: HTMLElement;
 	readonly search: HTMLInputElement;
 	update(address: Address): void;
+	/* What is offered is asked for anew with the next update. */
+	forget(): void;
 }
 
 export function filters(): Filters {
@@ -77,6 +79,7 @@ export function filters(): Filters {
 	const copy: HTMLButtonElement = el('button', { type: 'button', class: 'copy-link', on: { click: () => void copyLink(copy) } }, 'Copy link');
 	let offered: Known = { applications: [], hosts: [] };
 	let askedFor = '';
+	let questions = 0;
 	const show = (address: Address) => {
 		application.update(offered.applications, address.app);
 		host.update(offered.hosts, address.host);
@@ -89,16 +92,19 @@ export function filters(): Filters {
 		const wanted = `${address.from} ${address.to}`;
 		if (wanted !== askedFor) {
 			askedFor = wanted;
+			const question = ++questions;
 			// The page itself says what is wrong where this fails.
 			namesOf(address).then(
 				(names) => {
-					offered = names;
-					show(here());
+					if (question === questions) {
+						offered = names;
+						show(here());
+					}
 				},
 				() => (askedFor = ''),
 			);
 		}
 	};
 	const element = el('div', { class: 'filters' }, range.element, application.select, host.select, search, copy);
-	return { element, search, update };
+	return { element, search, update, forget: () => (askedFor = '') };
 }

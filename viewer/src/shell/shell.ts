@@ -129,8 +129,11 @@ function allCommands(search: () => void, theme: () => void, reload: () => void):
 	];
 }
 
-/* Puts itself into the page. A page that has a box of its own for searching names it `data-search`. */
-export function startShell(reload: () => void): Shell {
+/*
+ * Puts itself into the page, which `show` has ask anew. A page that has a box of its own for searching
+ * names it `data-search`.
+ */
+export function startShell(show: () => void): Shell {
 	const { list, menu, update: updateNavigation } = navigation();
 	const narrowing = filters();
 	const switcher = themeButton();
@@ -139,6 +142,10 @@ export function startShell(reload: () => void): Shell {
 		const own = document.querySelector<HTMLInputElement>('main [data-search]');
 		(own ?? narrowing.search).focus();
 		(own ?? narrowing.search).select();
+	};
+	const reload = () => {
+		narrowing.forget();
+		show();
 	};
 	setCommands(allCommands(search, switcher.next, reload));
 	const brand = el('a', { class: 'brand', href: '/', 'aria-label': 'kaq, overview' }, 'kaq');
