@@ -13,6 +13,7 @@ before(async () => {
 	collector = await Collector.start();
 	await collector.take(shopRequests(700, 50));
 	await collector.tell('/api/v1/mark', { text: 'release 2.1', time: String(Date.now() - 20 * 60000) });
+	await collector.tell('/api/v1/mark', { text: 'a release of which much is to be said '.repeat(5).trim(), time: String(Date.now() - 12 * 60000) });
 	browser = await startBrowser();
 });
 

@@ -3,7 +3,7 @@ import { api } from '../api/services';
 import type { FailureGroup } from '../api/types';
 import { shortKey } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
-import { count, plural, shortCount, time, timeElement } from '../ui/format';
+import { count, plural, shortCount, timeElement } from '../ui/format';
 import { pageLink, requestLink, term, transactionLink } from '../ui/link';
 import { emptyState } from '../ui/states';
 import type { Column } from '../ui/table';
@@ -45,7 +45,7 @@ function open(row: FailureGroup, curve: Child): Child {
 		'div',
 		{ class: 'stack' },
 		el('p', { class: 'error-message' }, el('b', {}, shortened(row.type, 400)), ' ', shortened(row.message, 4000)),
-		el('p', { class: 'muted' }, row.place, '. Seen from ', time(row.first_ms), ' to ', time(row.last_ms), `, in ${plural(row.requests, 'request')}.`),
+		el('p', { class: 'muted' }, row.place, '. Seen from ', timeElement(row.first_ms), ' to ', timeElement(row.last_ms), `, in ${plural(row.requests, 'request')}.`),
 		el('p', { class: 'row' }, requestLink(row.example, 'An example'), query && pageLink('search', {}, { q: query, app: row.application }, 'Requests with it')),
 		partList('In', row.transactions, row.transactions_count, (name) => transactionLink(row.application, name)),
 		curve,
@@ -64,5 +64,11 @@ export const errorsPage = groupPage<FailureGroup>({
 	open: (row, address) => open(row, groupCurve(address, { kind: 'error', text: row.key, app: row.application, shows: 'count' })),
 	keyOf: (row) => shortKey(row.application, row.key),
 	insteadOfHost: () => pageLink('search', {}, { q: 'has:error' }, 'Requests of this host with errors'),
-	empty: () => emptyState('No error and no exception in this time.'),
+	empty: (address) =>
+		emptyState(
+			'No error and no exception in this time.',
+			address.app || address.own.txn ? 'Take a longer time, or all applications and transactions. A request can fail without one: ' : 'Take a longer time. A request can fail without one: ',
+			pageLink('search', {}, { q: 'is:failed' }, 'requests that failed'),
+			'.',
+		),
 });

@@ -6,7 +6,7 @@ import { boxText, isIn, parseBox, scatter, type Box } from '../search/scatter';
 import { changed, elsewhere, go, here, timeOf, type Address } from '../state/address';
 import { heldSort } from '../state/held';
 import { el, type Child } from '../ui/dom';
-import { duration, plural, time } from '../ui/format';
+import { duration, plural, timeElement } from '../ui/format';
 import type { Page } from '../ui/page';
 import { Panel } from '../ui/panel';
 import { emptyState } from '../ui/states';
@@ -41,7 +41,7 @@ function selection(box: Box, requests: readonly RequestRow[]): HTMLElement {
 		'p',
 		{ class: 'row selection' },
 		el('b', {}, `${plural(requests.length, 'request')} in the box`),
-		el('span', { class: 'muted' }, `${time(box.from)} to ${time(box.to)}, ${duration(box.least)} to ${duration(box.most)}`),
+		el('span', { class: 'muted' }, timeElement(box.from), ' to ', timeElement(box.to), `, ${duration(box.least)} to ${duration(box.most)}`),
 		el(
 			'button',
 			{

@@ -4,7 +4,7 @@
  */
 import type { RequestRow } from '../api/types';
 import { el } from '../ui/dom';
-import { duration, plural, time } from '../ui/format';
+import { duration, exactTime, plural } from '../ui/format';
 import { timeTicks } from '../ui/ticks';
 import { colour, onTheme } from '../ui/theme';
 
@@ -165,7 +165,7 @@ class Scatter {
 	private say(): void {
 		const { near } = this;
 		this.readout.textContent = near
-			? `${time(near.start_ms)}  ${duration(near.duration_ms)}  ${near.application} ${near.name}`.slice(0, 160)
+			? `${exactTime(near.start_ms)}  ${duration(near.duration_ms)}  ${near.application} ${near.name}`.slice(0, 160)
 			: 'Drag a box to see those requests alone; a click opens one.';
 	}
 

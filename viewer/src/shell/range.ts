@@ -2,7 +2,7 @@
 import { changed, go, here, timeOf, USUAL_RANGE, type Address } from '../state/address';
 import { openDialog } from '../ui/dialog';
 import { el, replace, shortened } from '../ui/dom';
-import { time } from '../ui/format';
+import { exactTime, time } from '../ui/format';
 
 const PRESETS: readonly (readonly [string, string])[] = [
 	['15m', 'Last 15 minutes'],
@@ -28,6 +28,13 @@ export function rangeText(address: Address): string {
 		return preset[1];
 	}
 	return `${momentText(address.from)} to ${address.to ? momentText(address.to) : 'now'}`;
+}
+
+/* Undefined where a moment cannot be read. */
+function exactRange(address: Address): string | undefined {
+	const now = Date.now();
+	const moments = [timeOf(address.from, now), timeOf(address.to, now)];
+	return moments.some(Number.isNaN) ? undefined : moments.map(exactTime).join(' to ');
 }
 
 /* As `datetime-local` has it: in the viewer's zone, without its name. */
@@ -85,9 +92,19 @@ export function moveRange(direction: 1 | -1): void {
 }
 
 export function rangeControl(): { readonly element: HTMLElement; update(address: Address): void } {
+	// The last hour is another one whenever it is looked at.
+	const name = () => {
+		const exact = exactRange(here());
+		if (exact === undefined) {
+			select.removeAttribute('title');
+		} else {
+			select.title = exact;
+		}
+	};
 	const select = el('select', {
 		'aria-label': 'Time range',
 		on: {
+			pointerenter: name,
 			change: () => {
 				const { value } = select;
 				update(here());
@@ -104,6 +121,7 @@ export function rangeControl(): { readonly element: HTMLElement; update(address:
 			el('option', { value: CUSTOM }, 'From … to …'),
 		);
 		select.value = current ? '' : address.from || USUAL_RANGE;
+		name();
 	};
 	const shift = (label: string, text: string, direction: 1 | -1) =>
 		el('button', { type: 'button', 'aria-label': label, title: label, on: { click: () => moveRange(direction) } }, text);

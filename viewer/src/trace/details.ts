@@ -1,7 +1,7 @@
 /* Everything that is known of what was chosen: of one call, or of several that do the same. */
 import type { Failure, Span } from '../api/types';
 import { el, replace, shortened, type Child } from '../ui/dom';
-import { count, duration, exactTime, plural, share, times } from '../ui/format';
+import { count, duration, exactTime, plural, share, timeElement, times } from '../ui/format';
 import { childrenOf, codeAbove, isHttpCall, LAYERS, titleOf, wayTo, type Model } from './model';
 import type { Choice, ViewState } from './state';
 import type { Links } from './surroundings';
@@ -13,11 +13,26 @@ export function layerChip(layer: string): HTMLElement {
 	return el('span', { class: 'layer-chip' }, el('i', { class: `layer-dot layer-${layer}` }), layer);
 }
 
-export function failureElement(failure: Failure): HTMLElement {
+/* When it happened; nothing where that is not known. */
+function failureTime(model: Model, node: number, { time_ms: ms }: Failure): Child {
+	const [part, span] = [model.parts[model.part[node] ?? 0], model.spans[node]];
+	if (!part || !span || ms === undefined || ms < span.start_ms) {
+		return null;
+	}
+	const passed = (model.start[node] ?? 0) + ms - span.start_ms;
+	return el('span', { class: 'muted small' }, ' ', timeElement(part.row.start_ms + ms, `${duration(passed)} after the begin`));
+}
+
+/* What failed in the call. */
+export function failureElements(model: Model, node: number): HTMLElement[] {
+	return (model.spans[node]?.failures ?? []).map((failure) => failureElement(failure, failureTime(model, node, failure)));
+}
+
+function failureElement(failure: Failure, time: Child): HTMLElement {
 	return el(
 		'div',
 		{ class: 'failure' },
-		el('p', {}, el('b', { class: 'bad' }, shortened(failure.type ?? 'Error', 300)), failure.level ? ` ${shortened(failure.level, 60)}` : ''),
+		el('p', {}, el('b', { class: 'bad' }, shortened(failure.type ?? 'Error', 300)), failure.level ? ` ${shortened(failure.level, 60)}` : '', time),
 		failure.message !== undefined && longText(failure.message),
 		failure.file !== undefined && el('p', { class: 'mono muted' }, longText(place(failure.file, failure.line), undefined, 500)),
 	);
@@ -104,7 +119,7 @@ export class DetailsPanel {
 				['Calls', childrenOf(model, node).length > 0 && count(childrenOf(model, node).length)],
 				['Span', span.id && el('span', { class: 'mono' }, shortened(span.id, 60))],
 			]),
-			(span.failures ?? []).length > 0 && section('Error', span.failures?.map(failureElement)),
+			(span.failures ?? []).length > 0 && section('Error', failureElements(model, node)),
 			statement && section('SQL', sqlElement(statement), copyButton(statement, 'the SQL')),
 			span.statement && this.links && el('p', { class: 'small' }, this.links.statement(span.statement, 'Requests that run this statement')),
 			isHttpCall(span) && span.host && section('URL', el('p', { class: 'mono' }, longText(span.host)), copyButton(span.host, 'the URL')),

@@ -2,7 +2,7 @@
 import type { Fields, RequestOfTrace } from '../api/types';
 import { el, shortened, type Child } from '../ui/dom';
 import { bytes, duration, plural, share, times } from '../ui/format';
-import { failureElement } from './details';
+import { failureElements } from './details';
 import { layerBar, statusElement } from './head';
 import { requestTitle, titleOf, type Model, type Part } from './model';
 import type { ViewState } from './state';
@@ -19,6 +19,7 @@ export function errorsTab(state: ViewState, onShow: () => void): Child {
 	}
 	const item = (node: number): Child => {
 		const span = model.spans[node];
+		const failures = failureElements(model, node);
 		const show = () => {
 			state.reveal(node);
 			onShow();
@@ -27,7 +28,7 @@ export function errorsTab(state: ViewState, onShow: () => void): Child {
 			'li',
 			{ class: 'error-item', 'data-row': true },
 			el('p', { class: 'row' }, el('button', { type: 'button', class: 'link', on: { click: show } }, shortened(titleOf(model, node), 160)), el('span', { class: 'muted small' }, `${duration(model.start[node])} after the begin`)),
-			span?.failures?.map(failureElement) ?? el('p', { class: 'bad' }, span?.endpoint ? (span.status ? `answered ${span.status}` : 'no answer') : 'failed'),
+			failures.length > 0 ? failures : el('p', { class: 'bad' }, span?.endpoint ? (span.status ? `answered ${span.status}` : 'no answer') : 'failed'),
 			(span?.stack ?? []).length > 0 && el('details', {}, el('summary', {}, 'Stack'), stackList(span?.stack ?? [])),
 		);
 	};
