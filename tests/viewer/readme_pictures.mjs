@@ -73,16 +73,17 @@ async function login(browser, link) {
 
 async function pictures(page) {
 	const ask = (path) => page.evaluate(async (address) => (await fetch(address)).json(), path);
-	const orders = async (further) =>
-		(await ask(`/api/v1/requests?${new URLSearchParams({ q: `txn:*order* app:"Demo shop" has:call ${further}`, order: 'slowest', limit: 1000 })}`)).requests;
-	// One that has something to say, and is neither the slowest nor the fastest.
-	const told = await orders('has:verdict');
-	const all = told.length > 0 ? told : await orders('');
-	const usual = all[all.length >> 1];
+	const { requests } = await ask(`/api/v1/requests?${new URLSearchParams({ q: 'txn:*order* app:"Demo shop" has:call has:verdict', order: 'slowest', limit: 1000 })}`);
+	// Neither the slowest nor the fastest.
+	const usual = requests[requests.length >> 1];
+	if (!usual) {
+		throw new Error('no order has a verdict');
+	}
 	const { origin } = new URL(page.url());
-	for (const [name, path] of [['overview', '/?from=15m'], ['request', `/trace?id=${usual.trace_id}`]]) {
+	for (const [name, path, shown] of [['overview', '/?from=15m', '.finding-gain'], ['request', `/request?id=${usual.id}`, '.verdict']]) {
 		await page.goto(origin + path);
 		await settled(page);
+		await page.locator(shown).first().waitFor();
 		const file = join(resolve(directory), `${name}.png`);
 		await page.screenshot({ path: file });
 		console.log(file);
