@@ -165,7 +165,7 @@ class Scatter {
 	private say(): void {
 		const { near } = this;
 		this.readout.textContent = near
-			? `${exactTime(near.start_ms)}  ${duration(near.duration_ms)}  ${near.application} ${near.name}`.slice(0, 160)
+			? `${duration(near.duration_ms)}  ${near.application} ${near.name.slice(0, 100)}  ${exactTime(near.start_ms)}`.slice(0, 200)
 			: 'Drag a box to see those requests alone; a click opens one.';
 	}
 
