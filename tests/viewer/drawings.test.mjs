@@ -2,6 +2,7 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 import { Collector, openPage, show, startBrowser } from './collector.mjs';
+import { linesUnderBoxes } from './layout.mjs';
 import { Requests, shopRequests } from './shop.mjs';
 
 let collector;
@@ -65,24 +66,6 @@ test('the words of the plot of requests are whole, and its times are round', asy
 	}
 	await page.setViewportSize({ width: 1280, height: 900 });
 });
-
-/* Lines that lie under boxes of services that they do not belong to. Runs within the page. */
-function linesUnderBoxes() {
-	const boxes = [...document.querySelectorAll('.map-node')].map((box) => ({ name: box.textContent.slice(0, 20), left: box.offsetLeft, right: box.offsetLeft + box.offsetWidth, top: box.offsetTop, bottom: box.offsetTop + box.offsetHeight }));
-	const found = [];
-	for (const path of document.querySelectorAll('.map-line')) {
-		const length = path.getTotalLength();
-		for (let at = 4; at < length - 4; at += 3) {
-			const { x, y } = path.getPointAtLength(at);
-			const under = boxes.find((box) => x > box.left + 1 && x < box.right - 1 && y > box.top && y < box.bottom);
-			if (under) {
-				found.push(`${Math.round(x)} ${Math.round(y)} under ${under.name}`);
-				break;
-			}
-		}
-	}
-	return found;
-}
 
 test('no line of the map runs under a box', async () => {
 	const { page } = opened;

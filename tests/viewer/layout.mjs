@@ -63,3 +63,21 @@ export function layoutProblems() {
 	});
 	return [...new Set(problems)];
 }
+
+/* Lines that lie under boxes of services that they do not belong to. Runs within the page. */
+export function linesUnderBoxes() {
+	const boxes = [...document.querySelectorAll('.map-node')].map((box) => ({ name: box.textContent.slice(0, 20), left: box.offsetLeft, right: box.offsetLeft + box.offsetWidth, top: box.offsetTop, bottom: box.offsetTop + box.offsetHeight }));
+	const found = [];
+	for (const path of document.querySelectorAll('.map-line')) {
+		const length = path.getTotalLength();
+		for (let at = 4; at < length - 4; at += 3) {
+			const { x, y } = path.getPointAtLength(at);
+			const under = boxes.find((box) => x > box.left + 1 && x < box.right - 1 && y > box.top && y < box.bottom);
+			if (under) {
+				found.push(`${Math.round(x)} ${Math.round(y)} under ${under.name}`);
+				break;
+			}
+		}
+	}
+	return found;
+}

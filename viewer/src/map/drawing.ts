@@ -1,16 +1,11 @@
-/* The graph as boxes in columns, with a line for each call from the left to the right. */
-import { el, replace, shortened, svg, type Child } from '../ui/dom';
+/* The graph as boxes in columns, with a line for each call. */
+import { el, shortened, svg, type Child } from '../ui/dom';
 import { apdexLevel, errorLevel } from '../ui/figures';
 import { duration, perMinute, share } from '../ui/format';
 import { pageHref } from '../ui/link';
 import type { Graph, GraphEdge, GraphNode, NodeKind } from './graph';
 import { columnsOf } from './layers';
-
-const LABEL_HEIGHT = 15;
-/* Of many lines that end at one box, these have their figures beside them; the table has all. */
-const MOST_LABELS = 6;
-/* Where more lines end, they stand nearer. */
-const MOST_ROOM = 12 * LABEL_HEIGHT;
+import { placeLines, type Line } from './lines';
 
 const KIND_TEXTS: Readonly<Record<NodeKind, string>> = { application: 'applications', host: 'external hosts', database: 'databases' };
 
@@ -45,14 +40,6 @@ function nodeHref(node: GraphNode): string {
 
 export function edgeText(edge: GraphEdge, minutes: number): string {
 	return `${perMinute(edge.count / minutes)} · p95 ${duration(edge.p95_ms)}`;
-}
-
-interface Placed {
-	readonly edge: GraphEdge;
-	/* What it passes through on its way. */
-	readonly passages: readonly HTMLElement[];
-	readonly path: SVGPathElement;
-	readonly label: HTMLElement;
 }
 
 function nodeBox(node: GraphNode, onOpen: (kind: NodeKind) => void): HTMLElement {
@@ -92,77 +79,28 @@ export function drawGraph(graph: Graph, minutes: number, onOpen: (kind: NodeKind
 	const labels = el('div', { class: 'map-labels', 'aria-hidden': 'true' });
 	// Those that took most time have their figures beside them.
 	const heaviest = [...graph.edges].sort((one, other) => other.total_ms - one.total_ms);
-	const placed = heaviest.map((edge): Placed => {
+	const lines = heaviest.map((edge): Line => {
 		const isBad = edge.count > 0 && edge.failed / edge.count >= 0.02;
 		const path = svg('path', { class: isBad ? 'map-line is-bad' : 'map-line', fill: 'none' });
-		drawing.append(path);
+		const arrow = svg('path', { class: isBad ? 'map-arrow is-bad' : 'map-arrow' });
+		drawing.append(path, arrow);
+		if (edge.from === edge.to) {
+			boxes.get(edge.to)?.classList.add('calls-itself');
+		}
 		const label = el('span', { class: isBad ? 'map-label bad' : 'map-label' }, edgeText(edge, minutes), isBad && ` · ${share(edge.failed / edge.count)} err`);
 		labels.append(label);
-		return { edge, path, label, passages: passages.get(edge) ?? [] };
+		return { edge, path, arrow, label, passages: passages.get(edge) ?? [] };
 	});
 	const plane = el('div', { class: 'map-plane' }, drawing, columns, labels);
 	const sizes = new ResizeObserver(() => {
 		if (plane.isConnected) {
-			place(plane, drawing, boxes, placed);
+			placeLines(boxes, lines);
+			drawing.setAttribute('width', String(plane.scrollWidth));
+			drawing.setAttribute('height', String(plane.scrollHeight));
 		} else {
 			sizes.disconnect();
 		}
 	});
 	sizes.observe(plane);
 	return el('div', { class: 'map', tabindex: 0, role: 'group', 'aria-label': 'Services and what they call' }, plane);
-}
-
-/* Where lines end at one box: from its top on, by where they come from. */
-function arrivals(boxes: ReadonlyMap<string, HTMLElement>, placed: readonly Placed[]): ReadonlyMap<string, readonly Placed[]> {
-	const all = new Map<string, Placed[]>();
-	for (const each of placed) {
-		all.set(each.edge.to, [...(all.get(each.edge.to) ?? []), each]);
-	}
-	const top = (each: Placed) => boxes.get(each.edge.from)?.offsetTop ?? 0;
-	for (const ends of all.values()) {
-		ends.slice(MOST_LABELS).forEach((each) => (each.label.hidden = true));
-		ends.sort((one, other) => top(one) - top(other));
-	}
-	return all;
-}
-
-function place(plane: HTMLElement, drawing: SVGElement, boxes: ReadonlyMap<string, HTMLElement>, placed: readonly Placed[]): void {
-	const all = arrivals(boxes, placed);
-	const room = (count: number) => Math.min(MOST_ROOM, count * LABEL_HEIGHT);
-	for (const [id, ends] of all) {
-		boxes.get(id)?.style.setProperty('min-height', `${room(ends.length) + 8}px`);
-	}
-	drawing.setAttribute('width', String(plane.scrollWidth));
-	drawing.setAttribute('height', String(plane.scrollHeight));
-	for (const [id, ends] of all) {
-		let free = 0;
-		ends.forEach((each, i) => {
-			const [from, to] = [boxes.get(each.edge.from), boxes.get(id)];
-			if (from && to) {
-				const y = to.offsetTop + 12 + (i * room(ends.length)) / ends.length;
-				placeLine(each, from, to, y);
-				each.label.style.setProperty('right', `${plane.clientWidth - to.offsetLeft + 8}px`);
-				each.label.style.setProperty('top', `${Math.max(free, y - 16)}px`);
-				free = each.label.hidden ? free : Math.max(free, y - 16) + LABEL_HEIGHT;
-			}
-		});
-	}
-	replace(drawing, ...placed.map((each) => each.path));
-}
-
-function placeLine({ path, passages }: Placed, from: HTMLElement, to: HTMLElement, y2: number): void {
-	let [x, y] = [from.offsetLeft + from.offsetWidth, from.offsetTop + from.offsetHeight / 2];
-	let way = `M${x} ${y}`;
-	const bendTo = (toX: number, toY: number) => {
-		const bend = Math.max(40, (toX - x) / 2);
-		way += `C${x + bend} ${y} ${toX - bend} ${toY} ${toX} ${toY}`;
-		[x, y] = [toX, toY];
-	};
-	for (const passage of passages) {
-		bendTo(passage.offsetLeft, passage.offsetTop);
-		x += passage.offsetWidth;
-		way += `H${x}`;
-	}
-	bendTo(to.offsetLeft - 2, y2);
-	path.setAttribute('d', way);
 }

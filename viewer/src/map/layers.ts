@@ -47,17 +47,20 @@ interface Step {
 	readonly to: string;
 }
 
-/* Puts passages into the columns between; the steps lead through them. */
+/* Puts passages into the columns between; the steps lead through them to the right, of calls back as well. */
 function withPassages(columns: Placed[][], column: ReadonlyMap<string, number>, calls: readonly GraphEdge[]): readonly Step[] {
+	const place = (id: string) => column.get(id) ?? 0;
 	return calls.flatMap((edge, i) => {
-		const [first, last] = [column.get(edge.from) ?? 0, column.get(edge.to) ?? 0];
-		const ids = [edge.from];
+		const isBack = place(edge.from) > place(edge.to);
+		const [left, right] = isBack ? [edge.to, edge.from] : [edge.from, edge.to];
+		const [first, last] = [place(left), place(right)];
+		const ids = [left];
 		for (let at = first + 1; at < last; at++) {
 			const id = `passage ${i} ${at}`;
 			(columns[at] ??= []).push({ id, edge });
 			ids.push(id);
 		}
-		return [...ids.slice(1), edge.to].map((to, step) => ({ from: ids[step] ?? '', to }));
+		return [...ids.slice(1), right].map((to, step) => ({ from: ids[step] ?? '', to }));
 	});
 }
 
@@ -79,7 +82,8 @@ export function columnsOf(nodes: readonly GraphNode[], edges: readonly GraphEdge
 	for (const node of nodes) {
 		(columns[column.get(node.id) ?? 0] ??= []).push(node);
 	}
-	return inOrder(columns, withPassages(columns, column, calls));
+	const others = edges.filter((edge) => edge.from !== edge.to);
+	return inOrder(columns, withPassages(columns, column, others));
 }
 
 /* Near those who call them, so that lines cross seldom; the order they came in decides what is equal. */
