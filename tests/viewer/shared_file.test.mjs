@@ -13,6 +13,7 @@ import { hostileRequest } from './hostile.mjs';
 import { largeRequest } from './large.mjs';
 import { layoutProblems } from './layout.mjs';
 import { shopRequests } from './shop.mjs';
+import { picture, rows } from './trace_view.mjs';
 
 const run = promisify(execFile);
 const VIEWS = ['', 'view=flame', 'tab=sql', 'tab=errors', 'tab=request', 'tab=resources'];
@@ -60,10 +61,26 @@ async function openFile(address, options = {}) {
 	return { page, problems, close: () => context.close() };
 }
 
-async function rows(page) {
-	await page.waitForTimeout(300);
-	return page.locator('.waterfall-scroll:not(.flame-scroll) [role=treeitem]').allTextContents();
-}
+test('a file is reopened as it was left', async () => {
+	const { page, problems, close } = await openFile(await exported(order.id));
+	await page.getByRole('tab', { name: /^SQL/ }).click();
+	const table = page.locator('.tab-panel .table');
+	await table.getByRole('button', { name: 'Statement', exact: true }).click();
+	await table.locator('.opener').first().click();
+	const statements = await table.innerText();
+	assert.match(statements, /Statement ▴/);
+	await page.reload();
+	await page.waitForSelector('.trace-page');
+	assert.equal(await table.innerText(), statements);
+	await table.getByRole('button', { name: 'Show', exact: true }).click();
+	await page.waitForFunction(() => location.hash.includes('marked=statement'));
+	const marked = await picture(page);
+	await page.reload();
+	await page.waitForSelector('.trace-page');
+	assert.equal(await picture(page), marked);
+	assert.deepEqual(problems, []);
+	await close();
+});
 
 test('a file shows what the page shows', async () => {
 	for (const [kind, id] of [['request', order.id], ['trace', order.trace_id], ['request', large.id]]) {

@@ -2,19 +2,28 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 import { again, Collector, openPage, settled, show, startBrowser } from './collector.mjs';
-import { shopRequests } from './shop.mjs';
+import { Requests, shopRequests } from './shop.mjs';
 import { active, eventually, heard, heldIn, own, picture, told } from './trace_view.mjs';
+
+const DEEP = 60;
 
 let collector;
 let browser;
 let opened;
 let ids;
 
+function deepRequest() {
+	const all = new Requests(8);
+	const inside = (request, left) => (left > 0 ? request.inside(`Level::down${left}`, () => inside(request.code(1), left - 1)) : request.code(5));
+	inside(all.begin(Date.now() - 60000, { application: 'Shop', name: '/deep' }), DEEP).end();
+	return all.lines;
+}
+
 before(async () => {
 	collector = await Collector.start();
-	await collector.take(shopRequests(250, 40));
+	await collector.take([...shopRequests(250, 40), ...deepRequest()]);
 	const one = async (q) => (await collector.ask('/api/v1/requests', { q, order: 'slowest', limit: 1 })).requests[0];
-	ids = Object.fromEntries(await Promise.all(['front:txn:"/"', 'cart:txn:/cart', 'order:txn:/order', 'report:txn:/report'].map(async (each) => {
+	ids = Object.fromEntries(await Promise.all(['front:txn:"/"', 'cart:txn:/cart', 'order:txn:/order', 'deep:txn:/deep'].map(async (each) => {
 		const [, name, q] = /^(\w+):(.*)$/.exec(each);
 		return [name, (await one(q)).id];
 	})));
@@ -58,6 +67,17 @@ test('what is chosen in the flame graph is chosen again, with findings and witho
 		await page.keyboard.press('w');
 		assert.equal(await details(page), left[0]);
 	}
+});
+
+test('a flame graph is scrolled to where it was', async () => {
+	const page = await open(`/request?id=${ids.deep}&view=flame`);
+	const place = () => page.locator('.flame-scroll').evaluate((each) => each.scrollTop);
+	await page.locator('.flame-scroll').evaluate((each) => each.scrollTo(0, 300));
+	await page.waitForURL(/down=15/);
+	await again(page, collector);
+	await eventually(async () => assert.equal(await place(), 300));
+	await page.locator('.flame-scroll').evaluate((each) => each.scrollTo(0, 0));
+	await heldIn(page, 'down', '');
 });
 
 test('the statements of a request are sorted and opened as they were', async () => {

@@ -91,6 +91,19 @@ export class Flame {
 		this.open(node < 0 ? undefined : this.tree.frameOf(node));
 	}
 
+	/* How many frames are above what is seen. */
+	get top(): number {
+		return Math.round(this.scroller.scrollTop / FRAME_HEIGHT);
+	}
+
+	set top(frames: number) {
+		this.scroller.scrollTop = frames * FRAME_HEIGHT;
+	}
+
+	onScroll(listener: () => void): void {
+		this.scroller.addEventListener('scroll', listener);
+	}
+
 	/* What is shown of the width of all frames. */
 	get zoom(): Zoom {
 		this.shown ??= new Zoom(this.tree.value);

@@ -72,10 +72,14 @@ export class TraceView {
 		if (get('top')) {
 			timeline.waterfall.top = Number(get('top'));
 		}
+		if (get('down')) {
+			timeline.flame.top = Number(get('down'));
+		}
 		this.tabs.show(get('tab') || 'timeline');
 		this.isRestored = true;
 		state.on(() => this.holdSoon());
 		timeline.waterfall.onScroll(() => this.holdSoon());
+		timeline.flame.onScroll(() => this.holdSoon());
 	}
 
 	get commands(): readonly Command[] {
@@ -160,6 +164,7 @@ export class TraceView {
 			zoom: zoom.isWhole ? '' : rangeText(zoom),
 			open: shortList(state.tree.changes),
 			top: timeline.waterfall.top > 0 ? String(timeline.waterfall.top) : '',
+			down: timeline.flame.top > 0 ? String(timeline.flame.top) : '',
 			frame: timeline.flame.opened >= 0 ? String(timeline.flame.opened) : '',
 			part: timeline.flame.isZoomed ? rangeText(timeline.flame.zoom) : '',
 			finding: state.marksOf.startsWith('finding ') ? state.marksOf.slice(8) : '',
