@@ -80,6 +80,7 @@ export class TraceView {
 		state.on(() => this.holdSoon());
 		timeline.waterfall.onScroll(() => this.holdSoon());
 		timeline.flame.onScroll(() => this.holdSoon());
+		document.addEventListener('focusin', this.holdNow);
 	}
 
 	get commands(): readonly Command[] {
@@ -88,6 +89,7 @@ export class TraceView {
 
 	end(): void {
 		clearTimeout(this.waiting);
+		document.removeEventListener('focusin', this.holdNow);
 		this.timeline.end();
 	}
 
@@ -143,6 +145,13 @@ export class TraceView {
 		return this.tabs.current === 'timeline' && !(isOwnKey && moves);
 	}
 
+	/* Whoever turns to something else may leave with it. */
+	private readonly holdNow = () => {
+		if (this.waiting) {
+			this.hold();
+		}
+	};
+
 	private holdSoon(): void {
 		clearTimeout(this.waiting);
 		this.waiting = setTimeout(() => this.hold(), PATIENCE_MS);
@@ -151,6 +160,8 @@ export class TraceView {
 	/* Has the address say what is shown. */
 	private hold(): void {
 		const { state, timeline } = this;
+		clearTimeout(this.waiting);
+		this.waiting = 0;
 		if (!this.isRestored) {
 			return;
 		}
