@@ -3,6 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 import { Collector, openPage, settled, show, startBrowser } from './collector.mjs';
 import { Requests, shopRequests } from './shop.mjs';
+import { eventually } from './trace_view.mjs';
 
 let collector;
 let browser;
@@ -94,10 +95,15 @@ test('asking anew offers the applications and hosts that came meanwhile', async 
 	const all = new Requests(21);
 	all.begin(Date.now() - 3000, { application: 'Newcomer', name: '/', http_host: 'new.example' }).code(20).end();
 	await collector.take(all.lines);
+	// Figures are told of a moment after the requests.
+	await eventually(async () => {
+		const { applications } = await collector.ask('/api/v1/applications', { from: '1h', limit: 1000 });
+		assert.ok(applications.some((each) => each.application === 'Newcomer'));
+	});
 	await page.locator('h1').click();
 	await page.keyboard.press('r');
-	await page.waitForFunction(() => [...document.querySelectorAll('[aria-label=Host] option')].some((each) => each.textContent === 'new.example'));
-	assert.ok((await offered('Application')).includes('Newcomer'));
+	await eventually(async () => assert.ok((await offered('Application')).includes('Newcomer')));
+	assert.ok((await offered('Host')).includes('new.example'));
 	await settled(page);
 });
 
