@@ -124,7 +124,7 @@ export function groupCurve(address: Address, options: CurveOptions): HTMLElement
 		]);
 		const steps = stepsOf(curve.range, curve.step_ms, curve.points);
 		const counts = { name: 'times/min', values: steps.values((point) => (point.count * 60000) / curve.step_ms, 0), colour: '--line-1' };
-		const common = { times: steps.times, step: curve.step_ms, marks };
+		const common = { times: steps.times, step: curve.step_ms, range: steps.range, marks };
 		return el(
 			'div',
 			{ class: 'columns' },

@@ -52,7 +52,7 @@ function charts(application: Application, all: Applications, marks: readonly Mar
 	const steps = stepsOf(all.range, all.step_ms, application.points);
 	const minutes = all.step_ms / 60000;
 	const own = marks.filter((mark) => mark.application === '' || mark.application === application.application);
-	const common = { times: steps.times, step: all.step_ms, marks: own };
+	const common = { times: steps.times, step: all.step_ms, range: steps.range, marks: own };
 	const name = application.application;
 	return el(
 		'div',

@@ -116,7 +116,7 @@ function layersPart(profile: Profile): Child {
 
 function curves(curve: Curve, marks: readonly Mark[]): Child {
 	const steps = stepsOf(curve.range, curve.step_ms, curve.points);
-	const common = { times: steps.times, step: curve.step_ms, marks, height: 140 };
+	const common = { times: steps.times, step: curve.step_ms, range: steps.range, marks, height: 140 };
 	return el(
 		'div',
 		{ class: 'charts charts-3' },

@@ -120,15 +120,27 @@ export class Minimap {
 	/* Where the marked spans are, along the bottom. */
 	private paintMarks(): void {
 		const { marks, model } = this.state;
-		const { context, palette, height } = this.drawing;
-		context.fillStyle = palette.accent;
-		let last = -1;
+		const { context, palette, width, height } = this.drawing;
+		// At each pixel how many begin there less how many ended there.
+		const steps = new Int32Array(Math.ceil(width) + 2);
 		marks?.forEach((is, node) => {
-			const x = Math.floor(this.x(model.start[node] ?? 0));
-			if (is && x > last) {
-				last = Math.max(x, Math.floor(this.x(model.end[node] ?? 0)));
-				context.fillRect(x, height - 4, Math.max(1, last - x), 4);
+			if (is) {
+				const from = Math.max(0, Math.min(Math.ceil(width) - 1, Math.floor(this.x(model.start[node] ?? 0))));
+				const to = Math.min(Math.ceil(width), Math.max(from + 1, Math.floor(this.x(model.end[node] ?? 0))));
+				steps[from] = (steps[from] ?? 0) + 1;
+				steps[to] = (steps[to] ?? 0) - 1;
 			}
+		});
+		context.fillStyle = palette.accent;
+		let from = 0;
+		let open = 0;
+		steps.forEach((step, x) => {
+			if (open === 0 && step > 0) {
+				from = x;
+			} else if (open > 0 && open + step === 0) {
+				context.fillRect(from, height - 4, x - from, 4);
+			}
+			open += step;
 		});
 	}
 

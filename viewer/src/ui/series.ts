@@ -4,6 +4,8 @@ import type { Point, Range } from '../api/types';
 export interface Steps {
 	readonly times: readonly number[];
 	readonly step: number;
+	/* From the first step to the end of the last one, in which marks may be, too. */
+	readonly range: Range;
 	/* Of steps in which nothing happened: null, or what is given. */
 	values(pick: (point: Point) => number | null, without?: number): (number | null)[];
 }
@@ -19,6 +21,7 @@ export function stepsOf(range: Range, step: number, points: readonly Point[]): S
 	return {
 		times,
 		step,
+		range: { from_ms: begin, to_ms: Math.max(range.to_ms, begin + step) },
 		values: (pick, without) =>
 			times.map((at) => {
 				const point = byTime.get(at);
