@@ -1,6 +1,6 @@
 /* A running collector with a store of its own on free ports, and a browser that is logged in. */
 import { spawn, execFile } from 'node:child_process';
-import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { createInterface } from 'node:readline';
@@ -25,13 +25,17 @@ function firstLine(child) {
 }
 
 export class Collector {
-	static async start(program = process.env.KAQ_COLLECTOR) {
+	/* `files` are in the store before, by their names. */
+	static async start(files = {}, program = process.env.KAQ_COLLECTOR) {
 		if (!program) {
 			throw new Error('KAQ_COLLECTOR names the collector to be tested');
 		}
 		const collector = new Collector();
 		collector.program = program;
 		collector.store = mkdtempSync(join(tmpdir(), 'kaq-viewer-'));
+		for (const [name, text] of Object.entries(files)) {
+			writeFileSync(join(collector.store, name), text);
+		}
 		collector.child = spawn(
 			program,
 			['collect', '--handshake', '0', '--data', '0', '--http', '0', '--store', collector.store, '--config', '/dev/null'],

@@ -10,6 +10,8 @@ const SERVICES = 45;
 const HOSTS = 40;
 const DATABASES = 30;
 const CIRCLE = 3;
+/* What callers leave out, and those who are asked may be told of. */
+const PORTS = ['', ':80', ':443'];
 /* How many of a kind are seen at once. */
 const SEEN = { application: 12, host: 8, database: 8 };
 
@@ -29,7 +31,7 @@ function manyServices() {
 	}
 	front.end();
 	for (let i = 0; i < SERVICES; i++) {
-		const service = all.begin(at + 60 * i, { application: `Service ${i}`, name: '/of', http_host: `service-${i}.example` });
+		const service = all.begin(at + 60 * i, { application: `Service ${i}`, name: '/of', http_host: `${i % 2 ? 'Service' : 'service'}-${i}.example${PORTS[i % PORTS.length]}` });
 		service.code(20 + i);
 		service.span('PDO::__construct', 'PDO', { hn: `mysql:host=db-${i % DATABASES}.example;dbname=shop` });
 		service.statement('SELECT price FROM item WHERE id = 3', 3 + i);
