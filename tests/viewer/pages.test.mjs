@@ -5,6 +5,7 @@ import { accessibilityProblems } from './accessibility.mjs';
 import { Collector, openPage, settled, show, startBrowser } from './collector.mjs';
 import { layoutProblems } from './layout.mjs';
 import { shopRequests } from './shop.mjs';
+import { assertWhole, pagePaths, screenName, SCREENS } from './whole.mjs';
 
 let collector;
 let browser;
@@ -22,50 +23,16 @@ after(async () => {
 	await collector?.stop();
 });
 
-async function pagePaths() {
-	const { requests } = await collector.ask('/api/v1/requests', { order: 'slowest', limit: 2 });
-	const [one, other] = requests.map((each) => each.id);
-	const now = Date.now();
-	const times = new URLSearchParams({ what: 'windows', from1: now - 3e6, to1: now - 12e5, from2: now - 12e5, to2: now });
-	return {
-		overview: '/',
-		transactions: '/transactions',
-		transaction: '/transaction?app=Shop&txn=%2Fcart',
-		queries: '/queries',
-		errors: '/errors',
-		external: '/external',
-		'queries of a host': '/queries?host=shop.example',
-		'external of a host': '/external?host=shop.example',
-		'errors of a host': '/errors?host=shop.example',
-		'transaction of a host': '/transaction?app=Shop&txn=%2Fcart&host=shop.example',
-		map: '/map',
-		search: '/search',
-		'search of failed ones': '/search?q=is%3Afailed',
-		live: '/live',
-		'compare with the typical': `/compare?what=typical&a=${one}`,
-		'compare two': `/compare?what=requests&a=${one}&b=${other}`,
-		'compare times': `/compare?${times}`,
-		doctor: '/doctor',
-		'no such page': '/nothing',
-	};
-}
-
-for (const [width, height] of [[1280, 900], [390, 800]]) {
-	for (const colorScheme of ['light', 'dark']) {
-		test(`pages are whole at ${width} pixels in the ${colorScheme} theme`, { timeout: 240000 }, async (context) => {
-			const { page, problems, close } = await openPage(browser, collector, { viewport: { width, height }, colorScheme });
-			for (const [name, path] of Object.entries(await pagePaths())) {
-				await context.test(name, async () => {
-					await show(page, collector.url + path);
-					assert.deepEqual(await page.locator('.state-error').allTextContents(), []);
-					assert.deepEqual(problems.splice(0), []);
-					assert.deepEqual(await page.evaluate(layoutProblems), []);
-					assert.deepEqual(await accessibilityProblems(page), []);
-				});
-			}
-			await close();
-		});
-	}
+for (const screen of SCREENS) {
+	test(`pages are whole at ${screenName(screen)}`, { timeout: 240000 }, async (context) => {
+		const opened = await openPage(browser, collector, screen);
+		const { requests } = await collector.ask('/api/v1/requests', { order: 'slowest', limit: 2 });
+		const site = { app: 'Shop', txn: '/cart', host: 'shop.example', requests: requests.map((each) => each.id) };
+		for (const [name, path] of Object.entries(pagePaths(site))) {
+			await context.test(name, () => assertWhole(opened, collector.url + path));
+		}
+		await opened.close();
+	});
 }
 
 /* Boxes that lie over a page, by what opens them. */
@@ -76,23 +43,22 @@ const DIALOGS = {
 	language: (page) => page.getByRole('button', { name: 'Language' }).click(),
 };
 
-for (const [width, height] of [[1280, 900], [390, 800]]) {
-	for (const colorScheme of ['light', 'dark']) {
-		test(`everybody can use the boxes over a page at ${width} pixels in the ${colorScheme} theme`, { timeout: 120000 }, async () => {
-			const { page, problems, close } = await openPage(browser, collector, { viewport: { width, height }, colorScheme });
-			await show(page, `${collector.url}/search`);
-			for (const [name, open] of Object.entries(DIALOGS)) {
-				await open(page);
-				const box = await page.locator('dialog[open]').boundingBox();
-				assert.ok(box.x >= 0 && box.x + box.width <= width && box.y >= 0 && box.y + box.height <= height, name);
-				assert.deepEqual(await accessibilityProblems(page), [], name);
-				await page.keyboard.press('Escape');
-				assert.equal(await page.locator('dialog[open]').count(), 0, name);
-			}
-			assert.deepEqual(problems, []);
-			await close();
-		});
-	}
+for (const screen of SCREENS) {
+	test(`everybody can use the boxes over a page at ${screenName(screen)}`, { timeout: 120000 }, async () => {
+		const { width, height } = screen.viewport;
+		const { page, problems, close } = await openPage(browser, collector, screen);
+		await show(page, `${collector.url}/search`);
+		for (const [name, open] of Object.entries(DIALOGS)) {
+			await open(page);
+			const box = await page.locator('dialog[open]').boundingBox();
+			assert.ok(box.x >= 0 && box.x + box.width <= width && box.y >= 0 && box.y + box.height <= height, name);
+			assert.deepEqual(await accessibilityProblems(page), [], name);
+			await page.keyboard.press('Escape');
+			assert.equal(await page.locator('dialog[open]').count(), 0, name);
+		}
+		assert.deepEqual(problems, []);
+		await close();
+	});
 }
 
 test('what is opened in a row is whole, too', { timeout: 120000 }, async () => {
