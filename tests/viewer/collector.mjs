@@ -84,6 +84,16 @@ export class Collector {
 		throw new Error('not all requests arrived');
 	}
 
+	/* Until so many are told of: figures of statements, errors and hosts come moments after their requests. */
+	async gathered(path, member, count) {
+		for (const end = Date.now() + ARRIVAL_MS; Date.now() < end; await new Promise((resolve) => setTimeout(resolve, 100))) {
+			if ((await this.ask(path))[member].length >= count) {
+				return;
+			}
+		}
+		throw new Error(`there are no ${count} ${member} at ${path}`);
+	}
+
 	async loginLink() {
 		const { stdout } = await run(this.program, ['open', '--store', this.store], { timeout: STOP_MS });
 		return stdout.trim();

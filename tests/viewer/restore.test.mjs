@@ -31,7 +31,7 @@ test('every table is sorted as it was', async () => {
 	const tables = [
 		['/search', 'Requests', 'Duration'],
 		['/search?order=slowest', 'Requests', 'Queries'],
-		// Rates of a time that goes on change.
+		// Rates until now would be others a moment later.
 		[`/map?from=${now - 36e5}&to=${now}`, 'Calls', 'From'],
 		[`/compare?what=requests&a=${requests.at(-1).id}&b=${requests[0].id}`, 'What differs', 'Call'],
 		[`/compare?${times}`, 'Transactions before and after', 'Rate'],

@@ -2,7 +2,7 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 import { Collector, openPage, show, startBrowser } from './collector.mjs';
-import { Requests, send } from './shop.mjs';
+import { Requests } from './shop.mjs';
 import { percentile } from './shown_figures.mjs';
 
 const MINUTE = 60000;
@@ -54,6 +54,8 @@ before(async () => {
 	layered(all);
 	collector = await Collector.start();
 	await collector.take(all.lines);
+	await collector.gathered('/api/v1/calls', 'hosts', Object.keys(FAILING).length + 1);
+	await collector.gathered('/api/v1/errors', 'errors', 1);
 	browser = await startBrowser();
 	opened = await openPage(browser, collector);
 });
@@ -194,7 +196,7 @@ test('what failed has a cross in lists, and nothing else', async () => {
 	await page.getByText('Listening').waitFor();
 	const more = new Requests(8);
 	failing(more, 'Later', 2);
-	await send(collector.data, more.lines.slice(0, 5));
+	await collector.take(more.lines.slice(0, 5));
 	await page.waitForFunction(() => document.querySelectorAll('tbody tr').length === 5);
 	const { requests: later } = await collector.ask('/api/v1/requests', { q: 'app:Later' });
 	assert.deepEqual(new Map(await crosses()), new Map(later.map((each) => [each.id, each.failed])));
