@@ -158,7 +158,7 @@ def report_rates(load, program, quick):
 
 
 def report_questions(load, program, quick):
-    found = measure_questions(load, program, int(os.environ.get("N","50000")) if quick else 1000000)
+    found = measure_questions(load, program, 50000 if quick else 1000000)
     line("%d requests of a day, %.0f/s taken, %d refused, %d put; %.0f MiB resident",
          found["requests"], found["filled_per_second"], found["refused"], found["put"],
          found["resident_mib"])
