@@ -1,6 +1,7 @@
 #include "analysis/http_call.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 
 #include "analysis/layers.h"
@@ -13,6 +14,8 @@ namespace {
 constexpr size_t kLongestHost = 256;
 constexpr size_t kLongestEndpoint = 512;
 constexpr size_t kLongestUrl = 4096;
+constexpr std::array<std::string_view, 10> kMethods = {
+	"GET", "HEAD", "POST", "PUT", "DELETE", "CONNECT", "OPTIONS", "TRACE", "PATCH", "QUERY"};
 
 struct UrlParts {
 	std::string_view scheme;
@@ -75,6 +78,11 @@ std::string endpoint_of(std::string_view url) {
 	UrlParts parts = parts_of(shortened(url, kLongestUrl));
 	std::string endpoint = host_of(parts) + normalised_path(parts.path);
 	return std::string(shortened(endpoint, kLongestEndpoint));
+}
+
+std::string_view known_method(std::string_view method) {
+	bool is_known = std::find(kMethods.begin(), kMethods.end(), method) != kMethods.end();
+	return is_known || method.empty() ? method : "_OTHER";
 }
 
 } // namespace kaq

@@ -1,4 +1,4 @@
-/* HTTP calls of a request. No state; any thread. */
+/* HTTP methods, and HTTP calls of a request. No state; any thread. */
 #pragma once
 
 #include <string>
@@ -20,5 +20,8 @@ std::string host_of(std::string_view url);
 
 /* Host and path, with '*' for each segment that varies; at most 512 bytes long. */
 std::string endpoint_of(std::string_view url);
+
+/* A method that is not among the known ones as "_OTHER"; none as none. */
+std::string_view known_method(std::string_view method);
 
 } // namespace kaq

@@ -105,7 +105,13 @@ toml::array alert_array(const std::vector<AlertRule> &rules) {
 toml::array destination_array(const std::vector<DestinationSettings> &destinations) {
 	toml::array array;
 	for (const DestinationSettings &each : destinations) {
+		std::vector<std::string> signals;
+		for (OtlpSignal signal : each.signals) {
+			signals.emplace_back(signal_name(signal));
+		}
 		toml::table table{{"name", each.name},
+						  {"signals", texts(signals)},
+						  {"metrics_every", duration_text(each.metrics_time)},
 						  {"endpoint", each.endpoint.url},
 						  {"headers", texts(each.endpoint.headers)},
 						  {"timeout", duration_text(each.endpoint.time)},

@@ -164,7 +164,8 @@ Daemon::Daemon(const CollectOptions &options, Configuration configuration, Conne
 	lock_ = take(configuration_.store.directory);
 	const std::string socket = lock_ ? socket_of(configuration_.store.directory) : "";
 	store_ = std::make_unique<SqliteStore>(store_settings(configuration_));
-	destinations_ = std::make_unique<Destinations>(*store_, configuration_.store.directory);
+	destinations_ =
+		std::make_unique<Destinations>(*store_, request_metrics_, configuration_.store.directory);
 	caretaker_ = std::make_unique<Caretaker>(*store_, configuration_);
 	std::vector<Pipeline::Sink> sinks;
 	for (size_t i = 0; i < kReaders; i++) {

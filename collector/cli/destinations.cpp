@@ -32,19 +32,20 @@ Cell count_cell(const json &row, const char *name) {
 
 Table table_of(const json &rows) {
 	Table table({{"name"},
+				 {"signal"},
 				 {"lag", Align::kRight},
 				 {"waiting", Align::kRight},
 				 {"requests", Align::kRight},
-				 {"spans", Align::kRight},
+				 {"sent", Align::kRight},
 				 {"rejected", Align::kRight},
 				 {"refused", Align::kRight},
 				 {"retries", Align::kRight},
 				 {"endpoint", Align::kLeft, 16},
 				 {"trouble", Align::kLeft, 12}});
 	for (const json &row : rows) {
-		table.add({string_of(row, "name"), duration_cell(row, "lag_ms"),
+		table.add({string_of(row, "name"), string_of(row, "signal"), duration_cell(row, "lag_ms"),
 				   count_text(whole_of(row, "waiting")), count_text(whole_of(row, "requests")),
-				   count_text(whole_of(row, "spans")), count_cell(row, "rejected"),
+				   count_text(whole_of(row, "items")), count_cell(row, "rejected"),
 				   count_cell(row, "refused"), count_text(whole_of(row, "retries")),
 				   string_of(row, "endpoint"), Cell(string_of(row, "trouble"), Colour::kRed)});
 	}
@@ -88,11 +89,12 @@ json to_json(const std::vector<DestinationStatus> &statuses) {
 	json list = json::array();
 	for (const DestinationStatus &each : statuses) {
 		list.push_back({{"name", each.name},
+						{"signal", signal_name(each.signal)},
 						{"endpoint", each.url},
 						{"lag_ms", each.lag},
 						{"waiting", each.waiting},
 						{"requests", each.requests},
-						{"spans", each.spans},
+						{"items", each.items},
 						{"rejected", each.rejected},
 						{"refused", each.refused},
 						{"batches", each.batches},

@@ -64,12 +64,32 @@ void read_endpoint(TomlSection &section, OtlpEndpoint &endpoint) {
 	}
 }
 
+void read_signals(TomlSection &section, DestinationSettings &destination) {
+	std::vector<std::string> names = {"traces"};
+	section.read("signals", names);
+	destination.signals.clear();
+	for (OtlpSignal signal : {OtlpSignal::kTraces, OtlpSignal::kLogs, OtlpSignal::kMetrics}) {
+		if (std::count(names.begin(), names.end(), signal_name(signal)) > 0) {
+			destination.signals.push_back(signal);
+		}
+	}
+	if (destination.signals.empty() || destination.signals.size() != names.size()) {
+		section.mistake("signals", "has to be some of \"traces\", \"logs\" and \"metrics\"");
+	} else if (destination.signals.size() > 1 && is_web_address(destination.endpoint.url) &&
+			   !has_url_for_each_signal(destination.endpoint.url)) {
+		section.mistake("endpoint", "has to be without a path, or to end in /v1/traces, where more "
+									"than one signal is sent");
+	}
+	section.read_duration("metrics_every", destination.metrics_time, seconds(1), hours(1));
+}
+
 } // namespace
 
 void read_destination(TomlSection &section, std::vector<DestinationSettings> &destinations) {
 	DestinationSettings destination;
 	read_name(section, destination, destinations);
 	read_endpoint(section, destination.endpoint);
+	read_signals(section, destination);
 	section.read("application", destination.application);
 	section.read("transaction", destination.transaction);
 	section.read_duration("slower", destination.slower, milliseconds(0), hours(24));

@@ -166,6 +166,10 @@ void add_store(MetricsWriter &to, const StoreStatus &store) {
 			 static_cast<double>(store.damages.size()));
 }
 
+Labels labels_of(const DestinationStatus &status) {
+	return {{"destination", status.name}, {"signal", std::string(signal_name(status.signal))}};
+}
+
 void add_destinations(MetricsWriter &to, const std::vector<DestinationStatus> &all) {
 	struct Family {
 		const char *name;
@@ -175,10 +179,11 @@ void add_destinations(MetricsWriter &to, const std::vector<DestinationStatus> &a
 	for (const Family &family :
 		 {Family{"kaq_export_requests_total", "Stored requests that were sent to a destination.",
 				 &DestinationStatus::requests},
-		  {"kaq_export_spans_total", "Spans that it took.", &DestinationStatus::spans},
-		  {"kaq_export_spans_rejected_total", "Spans that it left out of what it took.",
+		  {"kaq_export_items_total", "Spans, log records and points of metrics that it took.",
+		   &DestinationStatus::items},
+		  {"kaq_export_items_rejected_total", "Those that it left out of what it took.",
 		   &DestinationStatus::rejected},
-		  {"kaq_export_spans_refused_total", "Spans that it did not take.",
+		  {"kaq_export_items_refused_total", "Those that it did not take.",
 		   &DestinationStatus::refused},
 		  {"kaq_export_retries_total", "Attempts after which it is tried again.",
 		   &DestinationStatus::retries},
@@ -187,13 +192,13 @@ void add_destinations(MetricsWriter &to, const std::vector<DestinationStatus> &a
 		   &DestinationStatus::gaps}}) {
 		to.family(family.name, MetricType::Counter, family.help);
 		for (const DestinationStatus &each : all) {
-			to.add({{"destination", each.name}}, static_cast<double>(each.*family.value));
+			to.add(labels_of(each), static_cast<double>(each.*family.value));
 		}
 	}
 	to.family("kaq_export_lag_seconds", MetricType::Gauge,
 			  "How long ago the first request ended that is still to be sent.");
 	for (const DestinationStatus &each : all) {
-		to.add({{"destination", each.name}}, static_cast<double>(each.lag) * kMilliseconds);
+		to.add(labels_of(each), static_cast<double>(each.lag) * kMilliseconds);
 	}
 }
 

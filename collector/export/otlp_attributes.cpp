@@ -54,6 +54,12 @@ constexpr unsigned kStores = kDatabaseSpan | kCacheSpan;
 
 } // namespace
 
+EventFacts::EventFacts(const Failure &one) : failure(one) {
+	if (!failure.file.empty()) {
+		place = "#0 " + std::string(failure.file) + "(" + std::to_string(failure.line) + ")";
+	}
+}
+
 /* table; docs/export.md has the same in words. */
 const std::vector<OtlpAttribute> &otlp_attributes() {
 	using Facts = const SpanFacts &;
@@ -148,6 +154,35 @@ const std::vector<OtlpEventAttribute> &otlp_event_attributes() {
 		 }},
 		{"exception.message", [](Facts facts) { return text(facts.failure.message); }},
 		{"exception.stacktrace", [](Facts facts) { return text(facts.place); }},
+	};
+	return kTable;
+}
+
+const std::vector<OtlpEventAttribute> &otlp_log_attributes() {
+	using Facts = const EventFacts &;
+	static const std::vector<OtlpEventAttribute> kTable = {
+		{"code.file.path", [](Facts facts) { return text(facts.failure.file); }},
+		{"code.line.number", [](Facts facts) { return number(facts.failure.line); }},
+	};
+	return kTable;
+}
+
+MetricFacts::MetricFacts(const RequestKey &one) : key(one) {
+	if (key.is_failed) {
+		error_type = key.status >= 500 ? std::to_string(key.status) : "_OTHER";
+	}
+}
+
+const std::vector<OtlpPointAttribute> &otlp_point_attributes() {
+	using Facts = const MetricFacts &;
+	static const std::vector<OtlpPointAttribute> kTable = {
+		{"http.request.method", [](Facts facts) { return text(facts.key.method); }},
+		{"http.route",
+		 [](Facts facts) { return facts.key.is_web ? text(facts.key.transaction) : OtlpValue(); }},
+		{"http.response.status_code", [](Facts facts) { return number(facts.key.status); }},
+		{"error.type", [](Facts facts) { return text(facts.error_type); }},
+		{"kaq.transaction",
+		 [](Facts facts) { return facts.key.is_web ? OtlpValue() : text(facts.key.transaction); }},
 	};
 	return kTable;
 }

@@ -12,6 +12,7 @@
 
 #include "analysis/statements.h"
 #include "export/otlp_ids.h"
+#include "ingest/request_metrics.h"
 #include "model/transaction.h"
 
 namespace kaq {
@@ -73,17 +74,40 @@ struct OtlpResourceAttribute {
 
 const std::vector<OtlpResourceAttribute> &otlp_resource_attributes();
 
-/* Of an event named "exception". */
+/* Of a failure. */
 struct EventFacts {
+	explicit EventFacts(const Failure &one);
+
 	const Failure &failure;
-	std::string place;
+	std::string place; /* as a line of a stack; empty: it is not known */
 };
+
+/* That are sent of a span. */
+constexpr size_t kMostOtlpEvents = 128;
 
 struct OtlpEventAttribute {
 	const char *key;
 	OtlpValue (*value)(const EventFacts &);
 };
 
+/* Of an event named "exception", and of a log record. */
 const std::vector<OtlpEventAttribute> &otlp_event_attributes();
+/* Of a log record besides. */
+const std::vector<OtlpEventAttribute> &otlp_log_attributes();
+
+/* Of a point of a metric. */
+struct MetricFacts {
+	explicit MetricFacts(const RequestKey &one);
+
+	const RequestKey &key;
+	std::string error_type; /* empty: it did not fail */
+};
+
+struct OtlpPointAttribute {
+	const char *key;
+	OtlpValue (*value)(const MetricFacts &);
+};
+
+const std::vector<OtlpPointAttribute> &otlp_point_attributes();
 
 } // namespace kaq

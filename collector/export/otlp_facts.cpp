@@ -43,9 +43,6 @@ constexpr std::array<Names, 8> kDrivers = {{
 	{"firebird", "firebirdsql"},
 }};
 
-constexpr std::array<std::string_view, 10> kMethods = {
-	"GET", "HEAD", "POST", "PUT", "DELETE", "CONNECT", "OPTIONS", "TRACE", "PATCH", "QUERY"};
-
 template <size_t size>
 std::string_view found_in(const std::array<Names, size> &names, std::string_view name) {
 	auto found =
@@ -202,9 +199,7 @@ SpanFacts OtlpFacts::of(size_t index) const {
 }
 
 void OtlpFacts::add_request(SpanFacts &facts) const {
-	std::string_view method = transaction_.method;
-	bool is_known = std::find(kMethods.begin(), kMethods.end(), method) != kMethods.end();
-	facts.method = is_known || method.empty() ? method : kOther;
+	facts.method = known_method(transaction_.method);
 	facts.parent = valid_span_id(facts.span.parent_id) ? std::string_view() : facts.span.parent_id;
 	if (transaction_.is_web) {
 		split_server(transaction_.host, facts.server, facts.port);

@@ -17,11 +17,11 @@ namespace {
 constexpr size_t kMostOfAnswer = 64 * 1024;
 constexpr size_t kLongestReason = 512;
 constexpr int64_t kLongestPause = 3600;
-constexpr const char *kTracesPath = "/v1/traces";
+constexpr std::string_view kTracesPath = "/v1/traces";
 
 /* Numbers of fields, as the protocol has them. */
 enum class AnswerTag : protozero::pbf_tag_type { kPartialSuccess = 1 };
-enum class PartialTag : protozero::pbf_tag_type { kRejectedSpans = 1, kMessage = 2 };
+enum class PartialTag : protozero::pbf_tag_type { kRejected = 1, kMessage = 2 };
 
 using Curl = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
 using Headers = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
@@ -61,13 +61,24 @@ struct OtlpSender::Connection {
 	}
 };
 
-std::string with_traces_path(const std::string &url) {
+bool has_url_for_each_signal(const std::string &url) {
+	return signal_url(url, OtlpSignal::kLogs) != url;
+}
+
+std::string signal_url(const std::string &url, OtlpSignal signal) {
+	const std::string of_signal = "/v1/" + std::string(signal_name(signal));
 	size_t host = url.find("://");
 	size_t path = host == std::string::npos ? host : url.find_first_of("/?#", host + 3);
 	if (path == std::string::npos) {
-		return url + kTracesPath;
+		return url + of_signal;
 	}
-	return path + 1 == url.size() && url[path] == '/' ? url.substr(0, path) + kTracesPath : url;
+	if (path + 1 == url.size() && url[path] == '/') {
+		return url.substr(0, path) + of_signal;
+	}
+	bool ends_so =
+		url.size() >= kTracesPath.size() &&
+		url.compare(url.size() - kTracesPath.size(), std::string::npos, kTracesPath) == 0;
+	return ends_so ? url.substr(0, url.size() - kTracesPath.size()) + of_signal : url;
 }
 
 std::optional<std::chrono::seconds> pause_of(const std::string &retry_after, int64_t now) {
@@ -84,9 +95,9 @@ std::optional<std::chrono::seconds> pause_of(const std::string &retry_after, int
 	return std::chrono::seconds(std::clamp<int64_t>(seconds, 0, kLongestPause));
 }
 
-OtlpSender::OtlpSender(OtlpEndpoint endpoint)
+OtlpSender::OtlpSender(OtlpEndpoint endpoint, OtlpSignal signal)
 	: endpoint_(std::move(endpoint)), connection_(std::make_unique<Connection>()) {
-	endpoint_.url = with_traces_path(endpoint_.url);
+	endpoint_.url = signal_url(endpoint_.url, signal);
 	connection_->add_header("Content-Type: application/x-protobuf");
 	connection_->add_header("Content-Encoding: gzip");
 	/* What is asked for before the body costs a round trip. */
@@ -159,7 +170,7 @@ OtlpAnswer OtlpSender::answer_of(long status, const std::string &body) const {
 			message.next(AnswerTag::kPartialSuccess, protozero::pbf_wire_type::length_delimited)) {
 			protozero::pbf_message<PartialTag> partial(message.get_message());
 			while (partial.next()) {
-				if (partial.tag() == PartialTag::kRejectedSpans &&
+				if (partial.tag() == PartialTag::kRejected &&
 					partial.wire_type() == protozero::pbf_wire_type::varint) {
 					answer.rejected = std::max<int64_t>(partial.get_int64(), 0);
 				} else if (partial.tag() == PartialTag::kMessage &&

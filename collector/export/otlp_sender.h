@@ -1,6 +1,6 @@
 /*
- * Sends traces to one endpoint of OTLP over HTTP, and tells what has become of them as the protocol
- * says it. One thread, but for end().
+ * Sends one signal to one endpoint of OTLP over HTTP, and tells what has become of them as the
+ * protocol says it. One thread, but for end().
  */
 #pragma once
 
@@ -13,10 +13,12 @@
 #include <string_view>
 #include <vector>
 
+#include "export/otlp_writer.h"
+
 namespace kaq {
 
 struct OtlpEndpoint {
-	std::string url;                       /* without a path "/v1/traces" is added */
+	std::string url;                       /* see signal_url() */
 	std::vector<std::string> headers = {}; /* "Name: value" */
 	std::string ca_file = {};              /* whose certificates are trusted; empty: the system's */
 	std::chrono::milliseconds connect_time{5000};
@@ -32,7 +34,7 @@ enum class OtlpOutcome {
 
 struct OtlpAnswer {
 	OtlpOutcome outcome = OtlpOutcome::kTryAgain;
-	int64_t rejected = 0; /* spans of what was taken */
+	int64_t rejected = 0; /* items of what was taken */
 	/* How long it wants to be left alone; none: it does not say. */
 	std::optional<std::chrono::seconds> pause;
 	std::string reason; /* why it was not taken, or not all of it, in words */
@@ -40,12 +42,13 @@ struct OtlpAnswer {
 
 class OtlpSender {
 public:
-	explicit OtlpSender(OtlpEndpoint endpoint);
+	OtlpSender(OtlpEndpoint endpoint, OtlpSignal signal);
 	~OtlpSender();
 	OtlpSender(const OtlpSender &) = delete;
 	OtlpSender &operator=(const OtlpSender &) = delete;
 
-	/* Bytes of an ExportTraceServiceRequest. Throws std::bad_alloc. */
+	/* Bytes of an ExportTraceServiceRequest, or of what the signal has instead. Throws
+	 * std::bad_alloc. */
 	OtlpAnswer send(std::string_view request);
 	/* Breaks off what is under way, and all that follows. Any thread. */
 	void end() {
@@ -66,8 +69,11 @@ private:
 	std::atomic<bool> is_to_end_{false};
 };
 
-/* "https://host:4318" as "https://host:4318/v1/traces"; with a path as it is. */
-std::string with_traces_path(const std::string &url);
+/* "https://host:4318" as "https://host:4318/v1/traces". A path stays as it is, but for another
+ * signal's than traces at its end. */
+std::string signal_url(const std::string &url, OtlpSignal signal);
+/* Whether each signal has an address of its own. */
+bool has_url_for_each_signal(const std::string &url);
 
 /* What Retry-After says: seconds, or a date, which is looked at from `now` in seconds since the
  * Unix epoch; nothing if it is neither. No more than an hour, and not less than nothing. */

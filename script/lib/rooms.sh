@@ -4,4 +4,4 @@
 # docs/architecture.md says why they stand in this order.
 
 KAQ_ROOMS=(util json state spans tracing diagnostics calls curl instrumentation wire core)
-KAQ_COLLECTOR_ROOMS=(util model analysis store export ingest query net http cli main)
+KAQ_COLLECTOR_ROOMS=(util model analysis store ingest export query net http cli main)

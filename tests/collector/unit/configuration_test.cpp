@@ -91,6 +91,8 @@ failed = true
 share = "20%"
 keep_literals = true
 spans_per_second = 1000
+signals = ["metrics", "traces"]
+metrics_every = "10s"
 [[export.otlp]]
 name = "other-1_B"
 endpoint = "http://127.0.0.1"
@@ -173,6 +175,8 @@ TEST(Configuration, DestinationsAreRead) {
 	first.share = 0.2;
 	first.traces.has_literals = true;
 	first.spans_per_second = 1000;
+	first.signals = {kaq::OtlpSignal::kTraces, kaq::OtlpSignal::kMetrics};
+	first.metrics_time = std::chrono::seconds(10);
 	EXPECT_TRUE(first == configuration->destinations[0]);
 	kaq::DestinationSettings second;
 	second.name = "other-1_B";
@@ -329,7 +333,17 @@ INSTANTIATE_TEST_SUITE_P(
 		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\n"
 				"spans_per_second = 0",
 				"f:4: export.otlp.spans_per_second: has to be a whole number from 1 to "
-				"10000000\n"}));
+				"10000000\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\nsignals = [\"trace\"]",
+				"f:4: export.otlp.signals: has to be some of \"traces\", \"logs\" and "
+				"\"metrics\"\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h\"\nsignals = []",
+				"f:4: export.otlp.signals: has to be some of \"traces\", \"logs\" and "
+				"\"metrics\"\n"},
+		Mistake{"[[export.otlp]]\nname = \"a\"\nendpoint = \"http://h/in\"\n"
+				"signals = [\"traces\", \"logs\"]",
+				"f:3: export.otlp.endpoint: has to be without a path, or to end in /v1/traces, "
+				"where more than one signal is sent\n"}));
 
 TEST(Configuration, TomlThatCannotBeReadIsToldWithItsLine) {
 	EXPECT_EQ(0u, mistakes("[listen]\nhandshake = \n").rfind("f:2: ", 0));

@@ -5,113 +5,16 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <map>
-#include <mutex>
 #include <random>
 
-#include "otlp_decoding.h"
-#include "otlp_receiver.h"
-#include "payloads.h"
-#include "sqlite_store_fixture.h"
+#include "destination_fixture.h"
 
 namespace {
 
 using namespace kaq;
 using namespace kaq_test;
-using std::chrono::milliseconds;
 
 constexpr int kFaults = 200;
-constexpr std::chrono::seconds kPatience{40};
-
-class DestinationTest : public SqliteStoreTest {
-protected:
-	/* Takes what `answer` allows. */
-	Receiver::Handler taking(std::function<ReceiverAnswer(const Posted &)> answer) {
-		return [this, answer = std::move(answer)](const Posted &posted) {
-			std::lock_guard lock(mutex_);
-			ReceiverAnswer given = answer(posted);
-			posts_++;
-			if (given.status == 200 && !given.has_no_head && !given.is_broken_off) {
-				for (const SentSpan &span : spans_of(posted.body)) {
-					arrived_[span.trace_id]++;
-					names_.push_back(span.resource.at("service.name"));
-					order_.push_back(span.trace_id);
-				}
-			}
-			return given;
-		};
-	}
-	Receiver::Handler taking_all() {
-		return taking([](const Posted &) { return ReceiverAnswer(); });
-	}
-
-	DestinationSettings settings_to(const Receiver &receiver) {
-		DestinationSettings settings;
-		settings.name = "test";
-		settings.endpoint.url = receiver.url();
-		settings.poll_time = milliseconds(5);
-		settings.first_pause = milliseconds(1);
-		settings.longest_pause = milliseconds(4);
-		return settings;
-	}
-
-	void start(const DestinationSettings &settings) {
-		destination_ = std::make_unique<Destination>(store(), settings, settings_.directory);
-	}
-
-	/* Of that many spans. */
-	std::string put_request(int spans = 1, const std::function<void(Summary &)> &change = {}) {
-		int64_t number = ++number_;
-		Record one = record(number, now_);
-		one.summary.spans = spans;
-		if (change) {
-			change(one.summary);
-		}
-		std::string list;
-		for (int i = 0; i < spans; i++) {
-			list += (i == 0 ? "" : ",") + std::string(R"({"st":1000,"et":1250,"mo":)") +
-					std::to_string(i) + R"(,"fn":"main","cn":"PHP","si":")" +
-					id_of(number * 100000 + i) + R"(")" +
-					(i == 0 ? "" : R"(,"psi":")" + id_of(number * 100000) + R"(")") + "}";
-		}
-		put(one, payload(R"("t_name":"\/cart","s_time":1000,"e_time":1250,"transaction_type":1,)"
-						 R"("trace_id":")" +
-							 one.summary.trace_id + R"(")",
-						 list));
-		stored_[one.summary.trace_id] += spans;
-		return one.summary.trace_id;
-	}
-
-	template <typename Condition> bool comes_true(Condition condition) {
-		auto deadline = std::chrono::steady_clock::now() + kPatience;
-		while (std::chrono::steady_clock::now() < deadline) {
-			if (condition()) {
-				return true;
-			}
-			std::this_thread::sleep_for(milliseconds(2));
-		}
-		return false;
-	}
-	bool has_all() {
-		return comes_true([this] {
-			DestinationStatus status = destination_->status();
-			return status.requests == stored_.size() && status.waiting == 0;
-		});
-	}
-	std::map<std::string, int> arrived() {
-		std::lock_guard lock(mutex_);
-		return arrived_;
-	}
-
-	int64_t number_ = 0;
-	std::map<std::string, int> stored_; /* spans by trace */
-	std::mutex mutex_;                  /* of what has arrived */
-	std::map<std::string, int> arrived_;
-	std::vector<std::string> names_;
-	std::vector<std::string> order_;
-	int posts_ = 0;
-	std::unique_ptr<Destination> destination_;
-};
 
 TEST_F(DestinationTest, ANewOneGetsWhatArrivesFromThenOn) {
 	put_request();
@@ -125,7 +28,7 @@ TEST_F(DestinationTest, ANewOneGetsWhatArrivesFromThenOn) {
 	EXPECT_TRUE(has_all());
 	EXPECT_EQ(arrived(), stored_);
 	DestinationStatus status = destination_->status();
-	EXPECT_EQ(status.spans, 5u);
+	EXPECT_EQ(status.items, 5u);
 	EXPECT_EQ(status.lag, 0);
 	EXPECT_GT(status.last_taken, 0);
 	EXPECT_EQ(names_.front(), "Shop");
@@ -172,7 +75,7 @@ TEST_F(DestinationTest, WhatWasTakenIsNotSentAgainAfterAKill) {
 	Receiver receiver(
 		taking([&left](const Posted &) { return ReceiverAnswer{left-- > 0 ? 200 : 503}; }));
 	DestinationSettings settings = settings_to(receiver);
-	settings.batch_spans = 4;
+	settings.batch_items = 4;
 	start(settings);
 	for (int i = 0; i < 20; i++) {
 		put_request(2);
@@ -227,7 +130,7 @@ TEST_F(DestinationTest, ASpanThatIsTooLargeByItselfIsGivenUp) {
 	store().flush();
 	EXPECT_TRUE(has_all());
 	EXPECT_EQ(destination_->status().refused, 5u);
-	EXPECT_EQ(destination_->status().spans, 0u);
+	EXPECT_EQ(destination_->status().items, 0u);
 }
 
 TEST_F(DestinationTest, WhatIsRefusedIsNotSentAgain) {
@@ -252,7 +155,7 @@ TEST_F(DestinationTest, WhatWasRejectedOfABatchIsCounted) {
 	EXPECT_TRUE(has_all());
 	EXPECT_EQ(posts_, 1);
 	EXPECT_EQ(destination_->status().rejected, 3u);
-	EXPECT_EQ(destination_->status().spans, 7u);
+	EXPECT_EQ(destination_->status().items, 7u);
 }
 
 TEST_F(DestinationTest, BatchesAreBounded) {
@@ -262,7 +165,7 @@ TEST_F(DestinationTest, BatchesAreBounded) {
 		return ReceiverAnswer();
 	}));
 	DestinationSettings settings = settings_to(receiver);
-	settings.batch_spans = 10;
+	settings.batch_items = 10;
 	start(settings);
 	for (int i = 0; i < 30; i++) {
 		put_request(i % 5 + 1);
@@ -311,7 +214,7 @@ TEST_F(DestinationTest, ARequestThatFitsIsNotSpreadOverTwoBatches) {
 		return ReceiverAnswer();
 	}));
 	DestinationSettings settings = settings_to(receiver);
-	settings.batch_spans = 20;
+	settings.batch_items = 20;
 	start(settings);
 	for (int i = 0; i < 20; i++) {
 		put_request(6);
@@ -346,7 +249,7 @@ TEST_F(DestinationTest, OfAShareEachTraceIsWholeOrNotThere) {
 TEST_F(DestinationTest, ARateIsKept) {
 	Receiver receiver(taking_all());
 	DestinationSettings settings = settings_to(receiver);
-	settings.batch_spans = 10;
+	settings.batch_items = 10;
 	settings.spans_per_second = 100;
 	start(settings);
 	auto begin = std::chrono::steady_clock::now();
@@ -400,7 +303,7 @@ TEST_F(DestinationTest, NothingIsLostOrDoubledThroughRandomFaults) {
 		}
 	}));
 	DestinationSettings settings = settings_to(receiver);
-	settings.batch_spans = 40;
+	settings.batch_items = 40;
 	start(settings);
 	uint64_t requests = 0;
 	auto settled = [&] {
@@ -427,7 +330,7 @@ TEST_F(DestinationTest, NothingIsLostOrDoubledThroughRandomFaults) {
 TEST_F(DestinationTest, RequestsArriveInTheirOrder) {
 	Receiver receiver(taking_all());
 	DestinationSettings settings = settings_to(receiver);
-	settings.batch_spans = 7;
+	settings.batch_items = 7;
 	start(settings);
 	std::vector<std::string> order;
 	for (int i = 0; i < 50; i++) {
@@ -466,7 +369,8 @@ TEST_F(DestinationTest, AddressesAreShownWithoutWhatLetsOneIn) {
 
 TEST_F(DestinationTest, OthersGoOnWhenOneChanges) {
 	Receiver receiver(taking_all());
-	Destinations destinations(store(), settings_.directory);
+	RequestMetrics metrics;
+	Destinations destinations(store(), metrics, settings_.directory);
 	DestinationSettings one = settings_to(receiver);
 	DestinationSettings other = one;
 	other.name = "other";

@@ -18,7 +18,7 @@ using std::chrono::seconds;
 
 OtlpAnswer answer_to(const ReceiverAnswer &answer) {
 	Receiver receiver([&answer](const Posted &) { return answer; });
-	return OtlpSender({receiver.url()}).send("request");
+	return OtlpSender({receiver.url()}, OtlpSignal::kTraces).send("request");
 }
 
 std::string partial_success(int rejected, const std::string &text) {
@@ -33,7 +33,8 @@ TEST(OtlpSender, SendsWhatTheProtocolAsksFor) {
 		posted.push_back(one);
 		return ReceiverAnswer();
 	});
-	OtlpSender sender({receiver.url(), {"Authorization: Bearer 0123", "X-Scope: shop"}});
+	OtlpSender sender({receiver.url(), {"Authorization: Bearer 0123", "X-Scope: shop"}},
+					  OtlpSignal::kTraces);
 	/* Large, also when it is compressed. */
 	std::mt19937 random(7);
 	std::string request(2 << 20, '\0');
@@ -55,11 +56,23 @@ TEST(OtlpSender, SendsWhatTheProtocolAsksFor) {
 }
 
 TEST(OtlpSender, AnEndpointWithAPathKeepsIt) {
-	EXPECT_EQ(with_traces_path("http://otel:4318"), "http://otel:4318/v1/traces");
-	EXPECT_EQ(with_traces_path("http://otel:4318/"), "http://otel:4318/v1/traces");
-	EXPECT_EQ(with_traces_path("https://a.example/otlp/v1/traces"),
+	EXPECT_EQ(signal_url("http://otel:4318", OtlpSignal::kTraces), "http://otel:4318/v1/traces");
+	EXPECT_EQ(signal_url("http://otel:4318/", OtlpSignal::kTraces), "http://otel:4318/v1/traces");
+	EXPECT_EQ(signal_url("https://a.example/otlp/v1/traces", OtlpSignal::kTraces),
 			  "https://a.example/otlp/v1/traces");
-	EXPECT_EQ(with_traces_path("https://a.example/?key=1"), "https://a.example/?key=1");
+	EXPECT_EQ(signal_url("https://a.example/?key=1", OtlpSignal::kTraces),
+			  "https://a.example/?key=1");
+}
+
+TEST(OtlpSender, EachSignalHasAnAddress) {
+	EXPECT_EQ(signal_url("http://otel:4318", OtlpSignal::kLogs), "http://otel:4318/v1/logs");
+	EXPECT_EQ(signal_url("http://otel:4318/", OtlpSignal::kMetrics), "http://otel:4318/v1/metrics");
+	EXPECT_EQ(signal_url("https://a.example/otlp/v1/traces", OtlpSignal::kMetrics),
+			  "https://a.example/otlp/v1/metrics");
+	EXPECT_EQ(signal_url("https://a.example/write", OtlpSignal::kLogs), "https://a.example/write");
+	EXPECT_TRUE(has_url_for_each_signal("http://otel:4318"));
+	EXPECT_TRUE(has_url_for_each_signal("https://a.example/otlp/v1/traces"));
+	EXPECT_FALSE(has_url_for_each_signal("https://a.example/write"));
 }
 
 TEST(OtlpSender, EachStatusHasItsOutcome) {
@@ -81,7 +94,8 @@ TEST(OtlpSender, RedirectsAreNotFollowed) {
 		requests++;
 		return ReceiverAnswer{307, "Location: /elsewhere\r\n"};
 	});
-	EXPECT_EQ(OtlpSender({receiver.url()}).send("x").outcome, OtlpOutcome::kRefused);
+	EXPECT_EQ(OtlpSender({receiver.url()}, OtlpSignal::kTraces).send("x").outcome,
+			  OtlpOutcome::kRefused);
 	EXPECT_EQ(requests, 1);
 }
 
@@ -136,7 +150,7 @@ TEST(OtlpSender, WhoDoesNotAnswerIsAskedAgain) {
 		Receiver receiver([](const Posted &) { return ReceiverAnswer(); });
 		nobody = receiver.url();
 	}
-	OtlpAnswer answer = OtlpSender({nobody}).send("x");
+	OtlpAnswer answer = OtlpSender({nobody}, OtlpSignal::kTraces).send("x");
 	EXPECT_EQ(answer.outcome, OtlpOutcome::kTryAgain);
 	EXPECT_NE(answer.reason, "");
 	/* No certificate that anybody trusts, as none is spoken there. */
@@ -144,7 +158,7 @@ TEST(OtlpSender, WhoDoesNotAnswerIsAskedAgain) {
 	std::string secure = "https" + receiver.url().substr(4);
 	OtlpEndpoint endpoint{secure};
 	endpoint.time = std::chrono::milliseconds(300);
-	EXPECT_EQ(OtlpSender(endpoint).send("x").outcome, OtlpOutcome::kTryAgain);
+	EXPECT_EQ(OtlpSender(endpoint, OtlpSignal::kTraces).send("x").outcome, OtlpOutcome::kTryAgain);
 }
 
 TEST(OtlpSender, EndsWhatIsUnderWay) {
@@ -157,7 +171,7 @@ TEST(OtlpSender, EndsWhatIsUnderWay) {
 		}
 		return ReceiverAnswer();
 	});
-	OtlpSender sender({receiver.url()});
+	OtlpSender sender({receiver.url()}, OtlpSignal::kTraces);
 	std::thread ending([&] {
 		while (!is_asked) {
 			std::this_thread::sleep_for(std::chrono::milliseconds(1));

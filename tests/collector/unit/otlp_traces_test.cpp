@@ -327,12 +327,12 @@ TEST(OtlpTraces, PartsTogetherAreTheWhole) {
 		size_t most_spans = 1 + random() % 10;
 		size_t most_bytes = random() % 3000;
 		std::string bytes;
-		for (size_t from = 0; from < writer.spans();) {
+		for (size_t from = 0; from < writer.items();) {
 			OtlpPart part = writer.write(from, most_spans, most_bytes);
-			ASSERT_GE(part.spans(), 1u);
-			ASSERT_LE(part.spans(), most_spans);
-			ASSERT_TRUE(part.spans() == 1 || part.bytes.size() <= most_bytes + kAround);
-			ASSERT_EQ(spans_of(part.bytes).size(), part.spans());
+			ASSERT_GE(part.items(), 1u);
+			ASSERT_LE(part.items(), most_spans);
+			ASSERT_TRUE(part.items() == 1 || part.bytes.size() <= most_bytes + kAround);
+			ASSERT_EQ(spans_of(part.bytes).size(), part.items());
 			bytes += part.bytes;
 			from = part.to;
 		}
@@ -351,7 +351,9 @@ TEST(OtlpTraces, TheDocumentHasEveryAttribute) {
 	std::ifstream file(KAQ_EXPORT_DOCUMENT);
 	ASSERT_TRUE(file);
 	std::string rows;
+	std::string whole;
 	for (std::string line; std::getline(file, line);) {
+		whole += line + "\n";
 		if (line.rfind("| `", 0) == 0) {
 			rows += line.substr(0, line.find(" | ")) + "\n";
 		}
@@ -367,6 +369,12 @@ TEST(OtlpTraces, TheDocumentHasEveryAttribute) {
 	}
 	for (const OtlpEventAttribute &each : otlp_event_attributes()) {
 		expect_key(each.key);
+	}
+	for (const OtlpEventAttribute &each : otlp_log_attributes()) {
+		expect_key(each.key);
+	}
+	for (const OtlpPointAttribute &each : otlp_point_attributes()) {
+		EXPECT_NE(whole.find("`" + std::string(each.key) + "`"), std::string::npos) << each.key;
 	}
 }
 

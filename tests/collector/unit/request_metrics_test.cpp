@@ -36,7 +36,7 @@ TEST(RequestMetricsTest, CountByTransaction) {
 }
 
 TEST(RequestMetricsTest, CountWhatIsTooMuchAsOne) {
-	RequestMetrics metrics({2, 1});
+	RequestMetrics metrics({2, 1, 100});
 	for (const char *name : {"/a", "/b", "/c", "/d", "/a"}) {
 		metrics.add(summary(name, 1));
 	}
@@ -52,6 +52,45 @@ TEST(RequestMetricsTest, CountWhatIsTooMuchAsOne) {
 	EXPECT_EQ(6u, asked.at("shop").monitored);
 	EXPECT_EQ(1u, asked.at("shop").shed);
 	EXPECT_EQ(5u, asked.at("(other)").asked);
+}
+
+std::map<std::string, uint64_t> by_method(const RequestMetrics &metrics) {
+	std::map<std::string, uint64_t> counts;
+	for (const auto &[key, series] : metrics.series()) {
+		counts[key.method + " " + std::to_string(key.status)] += series.requests;
+	}
+	return counts;
+}
+
+Summary web_request(const std::string &method, int64_t status) {
+	Summary one = summary("/a", 1);
+	one.is_web = true;
+	one.method = method;
+	one.status = status;
+	return one;
+}
+
+/* A visitor chooses the method. */
+TEST(RequestMetricsTest, TellMethodsAndStatusesApart) {
+	RequestMetrics metrics;
+	metrics.add(web_request("GET", 200));
+	metrics.add(web_request("GET", 404));
+	metrics.add(web_request("POST", 200));
+	metrics.add(web_request("BREW", 200));
+	metrics.add(web_request("get", 200));
+	EXPECT_EQ(by_method(metrics),
+			  (std::map<std::string, uint64_t>{
+				  {"GET 200", 1}, {"GET 404", 1}, {"POST 200", 1}, {"_OTHER 200", 2}}));
+	EXPECT_EQ(5u, metrics.requests().at({"shop", "/a"}).requests);
+}
+
+TEST(RequestMetricsTest, TellThemApartNoMoreWhereThereAreTooMany) {
+	RequestMetrics metrics({500, 100, 2});
+	for (int64_t status : {200, 201, 202, 203, 200}) {
+		metrics.add(web_request("GET", status));
+	}
+	EXPECT_EQ(by_method(metrics),
+			  (std::map<std::string, uint64_t>{{"GET 200", 2}, {"GET 201", 1}, {" 0", 2}}));
 }
 
 } // namespace

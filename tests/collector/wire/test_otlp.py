@@ -86,7 +86,8 @@ class Receiver:
                 receiver.posts.append((self.path, dict(self.headers)))
                 if receiver.status == 200:
                     receiver.bodies.append(gzip.decompress(body))
-                    receiver.spans += spans_of(receiver.bodies[-1])
+                    if self.path == "/v1/traces":
+                        receiver.spans += spans_of(receiver.bodies[-1])
                 self.send_response(receiver.status)
                 self.send_header("Content-Length", "0")
                 self.end_headers()
@@ -171,20 +172,20 @@ def test_a_request_is_sent_as_its_spans(place, receiver):
     assert headers["Content-Type"] == "application/x-protobuf"
     until(lambda: destinations(collector)[0]["requests"] == 1)
     [shown] = destinations(collector)
-    assert (shown["name"], shown["spans"], shown["refused"], shown["waiting"], shown["lag_ms"],
+    assert (shown["name"], shown["items"], shown["refused"], shown["waiting"], shown["lag_ms"],
             shown["trouble"]) == ("main", 2, 0, 0, 0, "")
     assert shown["endpoint"] == "http://127.0.0.1:%d/v1/traces" % receiver.port
     told = test_metrics.samples(collector)
-    assert told["kaq_export_spans_total", (("destination", "main"),)] == 2
+    assert told["kaq_export_items_total", (("destination", "main"), ("signal", "traces"))] == 2
     done = collector.run("destinations")
     assert done.returncode == 0 and "main" in done.stdout and "secret" not in done.stdout
 
 
-def decoded(body):
+def decoded(body, signal_name="trace"):
     """As the protocol's own project reads it."""
     if not os.environ.get("KAQ_EXPORT_MODULES") or not shutil.which("node"):
         pytest.skip("npm cannot have the packages")
-    done = subprocess.run(["node", str(DECODER)], input=body, capture_output=True, timeout=SECONDS)
+    done = subprocess.run(["node", str(DECODER), signal_name], input=body, capture_output=True, timeout=SECONDS)
     assert (done.returncode, done.stderr) == (0, b"")
     return json.loads(done.stdout)
 
@@ -222,6 +223,87 @@ def test_the_protocols_own_decoder_reads_it(place, receiver):
     assert event["name"] == "exception"
     assert int(event["timeUnixNano"]) == (requests_of.NOW + 60) * 1000000
     assert values(event["attributes"])["exception.type"] == "DomainException"
+
+
+FAILING = [
+    requests_of.span(ROOT, 0, 250, "main", parent=None),
+    requests_of.span(2, 10, 60, "Cart::pay", parent=ROOT, ie=1, ei=[
+        {"err_clz": "DomainException", "filename": "/srv/Cart.php", "level": "Error",
+         "str": "no stock", "linenumber": 7, "time": requests_of.NOW + 60}])]
+
+
+def bodies_at(receiver, path):
+    return [body for (at, _), body in zip(receiver.posts, receiver.bodies) if at == path]
+
+
+def test_failures_are_sent_as_logs(place, receiver):
+    collector = place(PLACE % ("main", receiver.port) + 'signals = ["traces", "logs"]\n')
+    requests_of.send(collector, FAILING)
+    until(lambda: bodies_at(receiver, "/v1/logs"))
+    [resource_logs] = decoded(bodies_at(receiver, "/v1/logs")[0], "logs")["resourceLogs"]
+    assert values(resource_logs["resource"]["attributes"])["service.name"] == "Shop"
+    [record] = resource_logs["scopeLogs"][0]["logRecords"]
+    assert bytes(record["traceId"]).hex() == TRACE
+    assert bytes(record["spanId"]).hex() == "%016x" % 2
+    assert record["severityNumber"] == "SEVERITY_NUMBER_ERROR"
+    assert record["body"]["stringValue"] == "no stock"
+    assert int(record["timeUnixNano"]) == (requests_of.NOW + 60) * 1000000
+    assert values(record["attributes"])["exception.type"] == "DomainException"
+    receiver.wait(2)
+    until(lambda: [each["items"] for each in destinations(collector)] == [2, 1])
+    assert [each["signal"] for each in destinations(collector)] == ["traces", "logs"]
+
+
+def test_durations_are_sent_as_metrics(place, receiver):
+    collector = place(PLACE % ("main", receiver.port) +
+                      'signals = ["metrics"]\nmetrics_every = "1s"\n')
+    for number in range(3):
+        send(collector, "%016x" % (0xc1 + number))
+
+    def last():
+        """The newest point, once it has all."""
+        for body in receiver.bodies[-1:]:
+            [resource_metrics] = decoded(body, "metrics")["resourceMetrics"]
+            [metric] = resource_metrics["scopeMetrics"][0]["metrics"]
+            [point] = metric["histogram"]["dataPoints"]
+            if int(point["count"]) == 3:
+                return resource_metrics, metric, point
+        return None
+    until(last)
+    resource_metrics, metric, point = last()
+    assert values(resource_metrics["resource"]["attributes"])["service.name"] == "Shop"
+    assert (metric["name"], metric["unit"]) == ("http.server.request.duration", "s")
+    assert metric["histogram"]["aggregationTemporality"] == "AGGREGATION_TEMPORALITY_CUMULATIVE"
+    assert values(point["attributes"])["http.route"] == "/cart"
+    assert point["sum"] == pytest.approx(0.75)
+    assert [int(count) for count in point["bucketCounts"]] == [0] * 6 + [3] + [0] * 9
+    assert len(point["explicitBounds"]) == 15
+    assert int(point["startTimeUnixNano"]) < int(point["timeUnixNano"])
+    [shown] = destinations(collector)
+    assert shown["signal"] == "metrics" and shown["items"] >= 1 and shown["waiting"] == 0
+
+
+def test_what_is_stored_is_sent_by_a_verb(place, receiver):
+    collector = place("")
+    for number in range(3):
+        send(collector, "%016x" % (0xc1 + number), application="Shop" if number else "Blog")
+    until(lambda: len(json.loads(collector.run("find", "--json").stdout)["requests"]) == 3)
+    url = "http://127.0.0.1:%d" % receiver.port
+    done = collector.run("export", "--otlp", url, "--header", "X-Scope: a", "--app", "Shop")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout == "2 requests with 4 spans sent to %s/v1/traces\n" % url
+    assert [span[1] for span in receiver.spans if span[3] == 2] == ["%016x" % each
+                                                                   for each in (0xc2, 0xc3)]
+    assert receiver.posts[0][1]["X-Scope"] == "a"
+    done = collector.run("export", "--otlp", url, "--until", "2001-01-01")
+    assert (done.returncode, done.stdout) == (0, "0 requests with 0 spans sent to %s/v1/traces\n" % url)
+    done = collector.run("export", "--otlp", url, "--since", "nonsense")
+    assert done.returncode == 2 and "--since: nonsense is no time" in done.stderr
+    receiver.status = 400
+    done = collector.run("export", "--otlp", url)
+    assert done.returncode == 1 and "6 spans were not taken" in done.stderr
+    for wrong in (["export"], ["export", "--otlp", url, ROOT], ["export", "--since", "1h", ROOT]):
+        assert collector.run(*wrong).returncode == 2, wrong
 
 
 def test_a_place_that_was_away_gets_the_rest_after_a_restart(place, receiver):
