@@ -12,7 +12,7 @@ import test_figures
 
 SECONDS = 30
 DOCUMENT = pathlib.Path(__file__).resolve().parents[3] / "docs" / "figures.md"
-BUCKETS = [0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30]
+BUCKETS = [0.005, 0.01, 0.025, 0.05, 0.075, 0.1, 0.25, 0.5, 0.75, 1, 2.5, 5, 7.5, 10, 30]
 
 
 def scrape(collector, token=None):
