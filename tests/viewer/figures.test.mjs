@@ -282,6 +282,7 @@ test('the figures and lines of each application are the interface\'s', async () 
 			await assertLine(scope, 'Durations', name, ended.map((each) => each[`${name}_ms`]));
 		}
 		await assertLine(scope, 'Share of failed requests', 'Errors', ended.map((each) => each.failed / each.count));
+		// By whole steps: series.test.mjs has the others.
 		const busiest = Math.max(...ended.map((each) => (each.count * 60000) / step));
 		const text = await scope.getByRole('img', { name: /^Requests per minute/ }).getAttribute('aria-label');
 		assertFigure(/ to ([^,]*),/.exec(text)[1], busiest, `${application}, requests per minute`);

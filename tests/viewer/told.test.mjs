@@ -6,6 +6,7 @@ import { Requests } from './shop.mjs';
 import { percentile } from './shown_figures.mjs';
 
 const MINUTE = 60000;
+const STEP = 3 * MINUTE;
 /* Of each application how many of its hundred requests fail, and the level that this is. */
 const FAILING = { Sound: [0, ''], Shaky: [1, 'warn'], Broken: [12, 'bad'] };
 
@@ -45,7 +46,8 @@ function layered(all) {
 }
 
 before(async () => {
-	to = Math.floor(Date.now() / MINUTE) * MINUTE;
+	// Within a step: the pages have some of three minutes.
+	to = Math.floor((Date.now() - MINUTE) / STEP) * STEP + MINUTE;
 	const all = new Requests(5);
 	for (const [application, [count]] of Object.entries(FAILING)) {
 		failing(all, application, count);
@@ -67,12 +69,14 @@ after(async () => {
 
 const during = (more = {}) => String(new URLSearchParams({ from: to - 90 * MINUTE, to, ...more }));
 
-/* The curve of a row as one value a step; what there is no step of is `without`. */
+/* The curve of a row as one value a step; what there is no step of is `without`. Counts of a step that goes on are
+ * not shown. */
 function stepsOf(curve, { from_ms: from, to_ms: end }, step, place, without) {
 	const byTime = new Map(curve.map((each) => [each[0], each[place]]));
 	const values = [];
 	for (let at = Math.floor(from / step) * step; at < end; at += step) {
-		values.push(byTime.get(at) ?? without);
+		const goesOn = without === 0 && at + step > end;
+		values.push(goesOn ? null : (byTime.get(at) ?? without));
 	}
 	return values;
 }
@@ -96,21 +100,20 @@ async function assertShape(line, values, what) {
 test('a sparkline is as high as each step\'s value', async () => {
 	const { page } = opened;
 	await show(page, `${collector.url}/transactions?${during()}`);
-	const step = 3 * MINUTE;
-	const top = await collector.ask('/api/v1/top', { from: String(to - 90 * MINUTE), to: String(to), step });
+	const top = await collector.ask('/api/v1/top', { from: String(to - 90 * MINUTE), to: String(to), step: STEP });
 	const row = top.transactions.find((each) => each.transaction === '/waves');
 	const line = page.locator('tr', { hasText: '/waves' }).locator('.sparkline');
-	await assertShape(line, stepsOf(row.curve, top.range, step, 3, null), 'p95');
+	await assertShape(line, stepsOf(row.curve, top.range, STEP, 3, null), 'p95');
 	// The same of the requests themselves.
 	const { requests } = await collector.ask('/api/v1/requests', { q: 'txn:"/waves"', limit: 1000 });
 	for (const [at, , , p95] of row.curve) {
-		const own = requests.filter((each) => each.start_ms >= at && each.start_ms < at + step).map((each) => each.duration_ms);
+		const own = requests.filter((each) => each.start_ms >= at && each.start_ms < at + STEP).map((each) => each.duration_ms);
 		assert.ok(Math.abs(percentile(own, 0.95) - p95) <= 1 + p95 * 0.01, `${p95} is not that of ${own}`);
 	}
 	await show(page, `${collector.url}/errors?${during()}`);
-	const { errors, range } = await collector.ask('/api/v1/errors', { from: String(to - 90 * MINUTE), to: String(to), step });
+	const { errors, range } = await collector.ask('/api/v1/errors', { from: String(to - 90 * MINUTE), to: String(to), step: STEP });
 	const splash = errors.find((each) => each.type === 'Splash');
-	await assertShape(page.locator('tr', { hasText: 'Splash' }).locator('.sparkline'), stepsOf(splash.curve, range, step, 1, 0), 'errors');
+	await assertShape(page.locator('tr', { hasText: 'Splash' }).locator('.sparkline'), stepsOf(splash.curve, range, STEP, 1, 0), 'errors');
 });
 
 test('each percentile stands on the bar in which it is', async () => {

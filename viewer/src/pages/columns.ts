@@ -58,12 +58,13 @@ export type CurveValue = 'count' | 'failed' | 'p95' | 'total';
 
 const PLACES: Readonly<Record<CurveValue, 1 | 2 | 3 | 4>> = { count: 1, failed: 2, p95: 3, total: 4 };
 
-/* One value for each step of the range. */
+/* One value for each step of the range. How many there are of a step that goes on nobody knows. */
 function valuesOf(curve: readonly CurveStep[], range: Range, step: number, value: CurveValue): (number | null)[] {
 	const byTime = new Map(curve.map((each) => [each[0], each[PLACES[value]]]));
 	const values: (number | null)[] = [];
 	for (let at = Math.floor(range.from_ms / step) * step; at < range.to_ms; at += step) {
-		values.push(byTime.get(at) ?? (value === 'p95' ? null : 0));
+		const goesOn = at + step > range.to_ms && values.length > 0;
+		values.push(value === 'p95' ? (byTime.get(at) ?? null) : goesOn ? null : (byTime.get(at) ?? 0));
 	}
 	return values;
 }

@@ -123,7 +123,7 @@ export function groupCurve(address: Address, options: CurveOptions): HTMLElement
 			marksOf(address, signal),
 		]);
 		const steps = stepsOf(curve.range, curve.step_ms, curve.points);
-		const counts = { name: 'times/min', values: steps.values((point) => (point.count * 60000) / curve.step_ms, 0), colour: '--line-1' };
+		const counts = { name: 'times/min', values: steps.rates(), colour: '--line-1' };
 		const common = { times: steps.times, step: curve.step_ms, range: steps.range, marks };
 		return el(
 			'div',

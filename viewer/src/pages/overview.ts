@@ -50,7 +50,6 @@ function figuresOf(application: Application, threshold: number): Figure[] {
 
 function charts(application: Application, all: Applications, marks: readonly Mark[]): HTMLElement {
 	const steps = stepsOf(all.range, all.step_ms, application.points);
-	const minutes = all.step_ms / 60000;
 	const own = marks.filter((mark) => mark.application === '' || mark.application === application.application);
 	const common = { times: steps.times, step: all.step_ms, range: steps.range, marks: own };
 	const name = application.application;
@@ -61,7 +60,7 @@ function charts(application: Application, all: Applications, marks: readonly Mar
 			...common,
 			label: `Requests per minute of ${name}`,
 			format: (value) => shortCount(value),
-			lines: [{ name: 'Recorded requests/min', values: steps.values((point) => point.count / minutes, 0), colour: '--line-1' }],
+			lines: [{ name: 'Recorded requests/min', values: steps.rates(), colour: '--line-1' }],
 		}),
 		lines({
 			...common,

@@ -134,7 +134,7 @@ function curves(curve: Curve, marks: readonly Mark[]): Child {
 			...common,
 			label: 'Requests per minute',
 			format: shortCount,
-			lines: [{ name: 'Recorded requests/min', values: steps.values((point) => (point.count * 60000) / curve.step_ms, 0), colour: '--line-1' }],
+			lines: [{ name: 'Recorded requests/min', values: steps.rates(), colour: '--line-1' }],
 		}),
 		lines({
 			...common,

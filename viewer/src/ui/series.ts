@@ -8,6 +8,21 @@ export interface Steps {
 	readonly range: Range;
 	/* Of steps in which nothing happened: null, or what is given. */
 	values(pick: (point: Point) => number | null, without?: number): (number | null)[];
+	/* How often a minute, by the part of each step that is in the range: the last one has mostly just begun.
+	 * Null where that part is too little to tell. */
+	rates(): (number | null)[];
+}
+
+const MINUTE = 60000;
+const HOUR = 60 * MINUTE;
+const LEAST_PART = 0.25;
+
+/* Milliseconds. Figures begin with a whole minute, or a whole hour where steps are longer. */
+function partOf(at: number, step: number, range: Range): number {
+	const whole = step > HOUR ? step : MINUTE;
+	const begin = Math.max(at, Math.floor(range.from_ms / whole) * whole);
+	const end = Math.min(at + step, range.to_ms);
+	return end > begin ? end - begin : step;
 }
 
 export function stepsOf(range: Range, step: number, points: readonly Point[]): Steps {
@@ -26,6 +41,11 @@ export function stepsOf(range: Range, step: number, points: readonly Point[]): S
 			times.map((at) => {
 				const point = byTime.get(at);
 				return point ? pick(point) : (without ?? null);
+			}),
+		rates: () =>
+			times.map((at) => {
+				const part = partOf(at, step, range);
+				return part < step * LEAST_PART ? null : ((byTime.get(at)?.count ?? 0) * MINUTE) / part;
 			}),
 	};
 }
