@@ -253,11 +253,14 @@ kaq_phpt_diffs() {
 # kaq_pytest SUITE CONFIG KEY SO [VARIABLE=VALUE...]: the tests in tests/extension/SUITE, those of
 # collector-wire in tests/collector/wire.
 kaq_pytest() {
-	local suite=$1 config=$2 key=$3 so=$4 begin=$SECONDS status=0 directory
+	local suite=$1 config=$2 key=$3 so=$4 begin=$SECONDS status=0 directory others=()
 	local log="$KAQ_LOGS/$1-$3.log" results="$KAQ_RUN/$1-$3.xml"
 	shift 4
 	case $suite in
-	collector-*) directory="tests/collector/${suite#collector-}" ;;
+	collector-*)
+		directory="tests/collector/${suite#collector-}"
+		others=("${KAQ_EXPORT_TESTS[@]/#/--ignore=}")
+		;;
 	*) directory="tests/extension/$suite" ;;
 	esac
 	(
@@ -268,7 +271,7 @@ kaq_pytest() {
 				KAQ_PHP_FPM=$(kaq_engine_binary "$config" php-fpm) \
 				PYTHONDONTWRITEBYTECODE=1 \
 				kaq_bounded 1200 env "$@" "$(kaq_python)" -m pytest -q -p no:cacheprovider --tb=short \
-				-rs --junitxml="$results" "$directory"
+				-rs --junitxml="$results" "${others[@]}" "$directory"
 	) >"$log" 2>&1 </dev/null || status=$?
 	kaq_report "$suite $key" $((SECONDS - begin)) "$log" "$status" junit "$results"
 }
@@ -298,12 +301,32 @@ kaq_suite_collector_wire() {
 		kaq_report_broken "collector-wire $2" 0 "$log" 'the collector does not build'
 		return 0
 	fi
-	if kaq_locked prometheus kaq_unpack_package "$KAQ_CACHE/prometheus" prometheus; then
-		set -- "$@" KAQ_PROMETHEUS="$KAQ_CACHE/prometheus/prometheus"
+	kaq_pytest collector-wire "$@" KAQ_COLLECTOR="$KAQ_RUN/$2/kaq"
+}
+
+# Tests of what leaves the collector for others' programs, which need no engine: they run once, not
+# beside each.
+KAQ_EXPORT_TESTS=(tests/collector/wire/test_otlp.py tests/collector/wire/test_prometheus.py)
+
+# Each test that lacks what it needs says so, and is skipped.
+kaq_suite_export() {
+	local log="$KAQ_LOGS/export.log" begin=$SECONDS status=0
+	local modules="$KAQ_CACHE/build/export" prometheus="$KAQ_CACHE/prometheus/prometheus"
+	: >"$log"
+	if ! kaq_locked collector kaq_collector_of_run export "$log"; then
+		kaq_report_broken export $((SECONDS - begin)) "$log" 'the collector does not build'
+		return 0
 	fi
-	local modules="$KAQ_CACHE/build/export"
-	kaq_locked export kaq_export_packages "$modules" "$log" || modules=
-	kaq_pytest collector-wire "$@" KAQ_COLLECTOR="$KAQ_RUN/$2/kaq" KAQ_EXPORT_MODULES="$modules"
+	kaq_export_packages "$modules" "$log" || modules=
+	kaq_unpack_package "${prometheus%/*}" prometheus || prometheus=
+	(
+		cd "$KAQ_ROOT" &&
+			KAQ_COLLECTOR="$KAQ_RUN/export/kaq" KAQ_EXPORT_MODULES="$modules" \
+				KAQ_PROMETHEUS="$prometheus" PYTHONDONTWRITEBYTECODE=1 \
+				kaq_bounded 1200 "$(kaq_python)" -m pytest -q -p no:cacheprovider --tb=short \
+				-rs --junitxml="$KAQ_RUN/export/results" "${KAQ_EXPORT_TESTS[@]}"
+	) >>"$log" 2>&1 </dev/null || status=$?
+	kaq_report export $((SECONDS - begin)) "$log" "$status" junit "$KAQ_RUN/export/results"
 }
 
 # kaq_suite_servers CONFIG KEY SO: real drivers that talk to real servers. What
