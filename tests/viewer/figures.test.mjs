@@ -123,13 +123,20 @@ test('a query and a host narrow the transactions', async () => {
 
 test('the histogram holds every request and its bars lead to them', async () => {
 	const { page } = opened;
-	await show(page, `${collector.url}/transaction?app=Shop&txn=%2Fcart`);
-	const own = await allRequests({ q: 'app:Shop txn:"/cart"' });
+	const all = (await allRequests({ q: 'app:Shop txn:"/cart"' })).map((each) => each.duration_ms);
+	const slower = `duration:>=${Math.floor(percentile(all, 0.5))}ms`;
+	await show(page, `${collector.url}/transaction?app=Shop&txn=%2Fcart&q=${encodeURIComponent(slower)}`);
+	const own = await allRequests({ q: `app:Shop txn:"/cart" ${slower}` });
+	assert.ok(own.length > 0 && own.length < all.length, 'the query narrows');
+	for (const name of ['All requests', 'Failed ones']) {
+		assert.ok(new URL(await page.getByRole('link', { name }).getAttribute('href'), collector.url).searchParams.get('q').includes(slower), name);
+	}
 	const bars = await page.locator('a.histogram-column').evaluateAll((list) => list.map((each) => [each.title, each.getAttribute('href')]));
 	const counts = bars.map(([title]) => Number(/: ([\d,]+) request/.exec(title)[1].replaceAll(',', '')));
 	assert.equal(counts.reduce((sum, each) => sum + each, 0), own.length);
 	const largest = counts.indexOf(Math.max(...counts));
 	const query = new URL(bars[largest][1], collector.url).searchParams.get('q');
+	assert.ok(query.includes(slower));
 	const [, least, most] = /duration:>=(\d+)ms duration:<(\d+)ms/.exec(query).map(Number);
 	const within = own.filter((each) => each.duration_ms >= least && each.duration_ms < most);
 	await page.locator('a.histogram-column').nth(largest).click();
@@ -210,6 +217,8 @@ test('a host narrows statements and calls to what its stored requests did', asyn
 		assert.equal(await page.locator('td[data-title=Times]').textContent(), String(count));
 		assertDuration(await page.locator('td[data-title=Mean]').textContent(), total / count);
 		await page.locator('.opener').first().click();
+		const finds = await page.locator('.details-row').getByRole('link', { name: 'Requests of this host with it' }).getAttribute('href');
+		assert.match(new URL(finds, collector.url).searchParams.get('q'), path === 'queries' ? /^sql:/ : /^call:"rates\./);
 		assert.match(await page.locator('.details-row').textContent(), path === 'queries' ? /Frommain/ : /FromRates::today/);
 	}
 });

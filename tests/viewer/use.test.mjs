@@ -135,6 +135,12 @@ test('trying again asks again for all that one answer is for', async () => {
 		await page.waitForFunction((count) => document.querySelectorAll('.state-error').length < count, left);
 	}
 	await page.locator('.icicle-box').first().waitFor();
+	await page.route('**/api/v1/doctor*', (route) => route.abort());
+	await show(page, `${collector.url}/doctor`);
+	assert.equal(await page.locator('.state-error').count(), 2);
+	await page.unroute('**/api/v1/doctor*');
+	await page.getByRole('button', { name: 'Try again' }).first().click();
+	await page.locator('.check').first().waitFor();
 	opened.problems.length = 0; // The browser notes the failures itself.
 });
 

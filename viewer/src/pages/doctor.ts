@@ -5,7 +5,7 @@ import { el, shortened, type Child } from '../ui/dom';
 import { figures } from '../ui/figures';
 import { ago, bytes, count, plural, share, timeElement } from '../ui/format';
 import type { Page } from '../ui/page';
-import { Panel } from '../ui/panel';
+import { Panel, shared } from '../ui/panel';
 import { command, emptyState } from '../ui/states';
 
 const HEALTH: Readonly<Record<DoctorCheck['health'], readonly [string, string]>> = {
@@ -72,11 +72,10 @@ export function doctorPage(): Page {
 	const root = new Panel('The last report of root', { what: 'The doctor’s report' });
 	const show = () => {
 		void status.fill(async (signal) => statusPart(await api.status(signal)));
-		// One question for two panels.
-		const asked = api.doctor();
-		void own.fill(async () => reportPart((await asked).collector));
+		const asked = shared(() => api.doctor());
+		void own.fill(async () => reportPart((await asked()).collector));
 		void root.fill(async () => {
-			const { root: report } = await asked;
+			const { root: report } = await asked();
 			return report ? reportPart(report) : emptyState('Root has not looked yet.', 'Root sees more: whose process holds a port, other users’ limits and logs. Run ', command('sudo kaq doctor'), ' and ask anew.');
 		});
 	};

@@ -4,7 +4,7 @@ import type { CalledHost } from '../api/types';
 import { shortKey } from '../state/held';
 import { el, shortened, type Child } from '../ui/dom';
 import { count, duration, shortCount, timeElement } from '../ui/format';
-import { pageLink, requestLink, transactionLink } from '../ui/link';
+import { pageLink, requestLink, term, transactionLink } from '../ui/link';
 import { emptyState } from '../ui/states';
 import type { Column } from '../ui/table';
 import { applicationColumn, curveColumn, errorColumn, partList, percentileColumns, timeColumns } from './columns';
@@ -36,7 +36,7 @@ function open(row: CalledHost, curve: Child): Child {
 			'p',
 			{ class: 'row' },
 			requestLink(row.example, 'The request in which a call took longest'),
-			pageLink('search', { order: 'slowest' }, { q: 'has:call', app: row.application }, 'The slowest requests with calls'),
+			pageLink('search', { order: 'slowest' }, { q: term('call', row.host), app: row.application }, 'The slowest requests that call it'),
 		),
 		partList('From', row.transactions, row.transactions_count, (name) => transactionLink(row.application, name)),
 		curve,
@@ -63,7 +63,7 @@ export const externalPage = groupPage<CalledHost>({
 		layer: 'http',
 		name: (name, detail) => detail || name,
 		cell: (name) => el('span', { class: 'cut', title: shortened(name, 1000) }, shortened(name, 200)),
-		query: () => 'has:call',
+		query: (name) => term('call', name.split('/', 1)[0] ?? ''),
 		empty: noCall,
 	},
 	empty: noCall,

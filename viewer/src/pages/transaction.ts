@@ -11,7 +11,7 @@ import { icicle } from '../ui/icicle';
 import { lines } from '../ui/lines';
 import { pageHref, pageLink, requestLink, term } from '../ui/link';
 import type { Page } from '../ui/page';
-import { Panel } from '../ui/panel';
+import { Panel, shared } from '../ui/panel';
 import { stepsOf } from '../ui/series';
 import { emptyState } from '../ui/states';
 import { table, type Column } from '../ui/table';
@@ -27,9 +27,9 @@ import { exactly, narrowedBy, scopeOf, stepFor } from './scope';
 const ROWS = 5;
 const SAMPLE = 240;
 
-/* Finds the requests of the transaction that the page shows. */
-function transactionQuery(txn: string, further = ''): string {
-	return `${term('txn', txn)}${further ? ` ${further}` : ''}`;
+/* Finds the requests of the transaction that the page shows, of those that its query is for. */
+function transactionQuery(address: Address, txn: string, ...further: readonly string[]): string {
+	return [term('txn', txn), address.q && `(${address.q})`, ...further].filter(Boolean).join(' ');
 }
 
 function head(address: Address, top: Top): Child {
@@ -56,16 +56,16 @@ function head(address: Address, top: Top): Child {
 			{ class: 'row' },
 			row.slowest && requestLink(row.slowest, 'The slowest request'),
 			row.slowest && pageLink('compare', { what: 'typical', a: row.slowest }, {}, 'The slowest against the typical one'),
-			pageLink('search', {}, { q: transactionQuery(row.transaction), app: row.application }, 'All requests'),
-			pageLink('search', {}, { q: transactionQuery(row.transaction, 'is:failed'), app: row.application }, 'Failed ones'),
+			pageLink('search', {}, { q: transactionQuery(address, row.transaction), app: row.application }, 'All requests'),
+			pageLink('search', {}, { q: transactionQuery(address, row.transaction, 'is:failed'), app: row.application }, 'Failed ones'),
 			address.q !== '' && el('a', { href: pageHref('transaction', address.own) }, 'without the filter'),
 		),
 	];
 }
 
-function bucketHref(txn: string): (bucket: Bucket) => string {
+function bucketHref(address: Address, txn: string): (bucket: Bucket) => string {
 	return (bucket) =>
-		pageHref('search', { order: 'slowest' }, { q: transactionQuery(txn, `duration:>=${bucket.from_ms}ms duration:<${bucket.to_ms}ms`) });
+		pageHref('search', { order: 'slowest' }, { q: transactionQuery(address, txn, `duration:>=${bucket.from_ms}ms duration:<${bucket.to_ms}ms`) });
 }
 
 const LAYER_LINES = [
@@ -264,7 +264,7 @@ class TransactionPage implements Page {
 			return found.buckets.length === 0
 				? emptyState('No duration in this time.')
 				: [
-						histogram({ buckets: found.buckets, href: bucketHref(txn), marks: [['p50', found.p50_ms], ['p95', found.p95_ms], ['p99', found.p99_ms]] }),
+						histogram({ buckets: found.buckets, href: bucketHref(address, txn), marks: [['p50', found.p50_ms], ['p95', found.p95_ms], ['p99', found.p99_ms]] }),
 						el('p', { class: 'muted small' }, 'A bar opens its requests.'),
 					];
 		});
@@ -273,15 +273,10 @@ class TransactionPage implements Page {
 	}
 
 	private showProfile(narrowed: Parameters<typeof api.profile>[0]): void {
-		// One question for three panels; each says by itself what is wrong with it.
-		let asked: Promise<Profile> | undefined;
+		const asked = shared(() => api.profile({ ...narrowed, limit: SAMPLE }));
 		const part = (panel: Panel, draw: (profile: Profile) => Child) =>
 			void panel.fill(async () => {
-				asked ??= api.profile({ ...narrowed, limit: SAMPLE });
-				const profile = await asked.catch((error: unknown) => {
-					asked = undefined;
-					throw error;
-				});
+				const profile = await asked();
 				return profile.requests === 0
 					? emptyState('No request of this time is stored with its calls.', 'Take a shorter or a later time.')
 					: draw(profile);
@@ -314,7 +309,7 @@ class TransactionPage implements Page {
 			return found.errors.length === 0 ? emptyState('No error and no exception.') : [ofAllHosts(address), failureTable(found.errors), all('errors', found.more)];
 		});
 		void this.slowest.fill(async (signal) => {
-			const q = [transactionQuery(txn), address.q && `(${address.q})`, address.host && term('host', address.host)].filter(Boolean).join(' ');
+			const q = transactionQuery(address, txn, address.host && term('host', address.host));
 			const found = await api.requests({ ...scopeOf(address), q, order: 'slowest', limit: 2 * ROWS }, signal);
 			return found.requests.length === 0
 				? emptyState('None of its requests is stored any more.', 'Take a later time.')

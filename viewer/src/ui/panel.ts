@@ -18,6 +18,16 @@ export interface PanelOptions {
 
 let panels = 0;
 
+/* One question for several panels. Whoever tries again after it has failed asks it anew. */
+export function shared<Answer>(ask: () => Promise<Answer>): () => Promise<Answer> {
+	let asked: Promise<Answer> | undefined;
+	return () =>
+		(asked ??= ask().catch((error: unknown) => {
+			asked = undefined;
+			throw error;
+		}));
+}
+
 export class Panel {
 	readonly element: HTMLElement;
 	readonly body = el('div', { class: 'panel-body' });
