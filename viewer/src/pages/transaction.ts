@@ -1,6 +1,6 @@
 /* One transaction: how long it takes, where the time goes, and requests that show it. */
 import { api } from '../api/services';
-import type { Bucket, CalledHost, Curve, FailureGroup, Mark, Profile, ProfileSums, Statement, Top } from '../api/types';
+import type { Bucket, CalledHost, Curve, FailureGroup, Mark, Profile, ProfileSums, Statement, Top, TopFigures, TopRow } from '../api/types';
 import { here, remember, type Address } from '../state/address';
 import { heldRows, heldSort } from '../state/held';
 import { el, replace, shortened, type Child } from '../ui/dom';
@@ -9,13 +9,13 @@ import { bytes, count, duration, perMinute, plural, score, share, shortCount } f
 import { histogram } from '../ui/histogram';
 import { icicle } from '../ui/icicle';
 import { lines } from '../ui/lines';
-import { pageHref, pageLink, requestLink, term } from '../ui/link';
+import { pageHref, pageLink, requestLink, term, transactionLink } from '../ui/link';
 import type { Page } from '../ui/page';
 import { Panel, shared } from '../ui/panel';
 import { stepsOf } from '../ui/series';
 import { emptyState } from '../ui/states';
 import { table, type Column } from '../ui/table';
-import { requestColumns } from './columns';
+import { errorColumn, percentileColumns, requestColumns, timeColumns } from './columns';
 import { failureCell } from './errors';
 import { hostCell } from './external';
 import { markList, marksOf } from './marks';
@@ -24,6 +24,8 @@ import { openStatement, statementCell, statementKey } from './queries';
 import { ofAllHosts } from './of_host';
 import { exactly, narrowedBy, scopeOf, stepFor } from './scope';
 
+/* So many have a row of their own. */
+const APPLICATIONS = 100;
 const ROWS = 5;
 const SAMPLE = 240;
 
@@ -32,34 +34,62 @@ function transactionQuery(address: Address, txn: string, ...further: readonly st
 	return [term('txn', txn), address.q && `(${address.q})`, ...further].filter(Boolean).join(' ');
 }
 
-function head(address: Address, top: Top): Child {
-	const row = top.transactions[0];
-	if (!row) {
+/* Each application that has a transaction of this name. */
+function applicationTable(txn: string, rows: readonly TopRow[]): Child {
+	const columns: Column<TopRow>[] = [
+		{ key: 'application', title: 'Application', isMain: true, by: (row) => row.application, cell: (row) => transactionLink(row.application, txn, row.application) },
+		...timeColumns<TopRow>('requests'),
+		{ key: 'requests', title: 'Calls', align: 'right', by: (row) => row.requests, cell: (row) => count(row.requests) },
+		...percentileColumns<TopRow>(),
+		errorColumn<TopRow>(),
+	];
+	return table({ caption: 'Applications', columns, rows, ...heldSort('time', 'applications') });
+}
+
+/* Whose figures they are, where the address does not say it. */
+function whose(top: Top): string {
+	const { transactions, more } = top;
+	return transactions.length === 1
+		? `Of ${shortened(transactions[0]?.application ?? '', 200)}, the only application with a transaction of this name in this time.`
+		: `Of ${more ? 'more than ' : ''}${plural(transactions.length, 'application')} with a transaction of this name, taken together:`;
+}
+
+function headLinks(address: Address, txn: string, slowest: string | null, app: string): Child {
+	return el(
+		'p',
+		{ class: 'row' },
+		slowest && requestLink(slowest, 'The slowest request'),
+		slowest && pageLink('compare', { what: 'typical', a: slowest }, {}, 'The slowest against the typical one'),
+		pageLink('search', {}, { q: transactionQuery(address, txn), app }, 'All requests'),
+		pageLink('search', {}, { q: transactionQuery(address, txn, 'is:failed'), app }, 'Failed ones'),
+		address.q !== '' && el('a', { href: pageHref('transaction', address.own) }, 'without the filter'),
+	);
+}
+
+function head(address: Address, txn: string, top: Top): Child {
+	const rows = top.transactions;
+	if (!rows[0]) {
 		return emptyState('This transaction was not seen in this time.', 'Take a longer time.');
 	}
+	const isOne = rows.length === 1;
+	const all: TopFigures = isOne ? rows[0] : top.total;
 	return [
+		address.app === '' && el('p', { class: 'muted whose' }, whose(top)),
 		figures([
-			{ name: 'Calls', value: count(row.requests) },
-			{ name: 'Rate', value: `${isEstimate(row) ? '~ ' : ''}${perMinute(row.calls_per_minute)}` },
-			{ name: 'Share of all time', value: share(row.time_share) },
-			{ name: 'p50', value: duration(row.p50_ms) },
-			{ name: 'p95', value: duration(row.p95_ms) },
-			{ name: 'p99', value: duration(row.p99_ms) },
-			{ name: 'Errors', value: share(row.error_share), className: errorLevel(row.error_share) },
-			{ name: 'Apdex', value: score(row.apdex), className: apdexLevel(row.apdex) },
-			{ name: 'Queries', value: shortCount(row.queries_per_request), help: 'Statements per call' },
-			{ name: 'CPU', value: duration(row.cpu_ms), help: 'Per call' },
-			{ name: 'Memory', value: bytes(row.memory_bytes), help: 'The largest peak' },
+			{ name: 'Calls', value: count(all.requests) },
+			{ name: 'Rate', value: `${isEstimate(all) ? '~ ' : ''}${perMinute(all.calls_per_minute)}` },
+			{ name: 'Share of all time', value: share(all.time_share) },
+			{ name: 'p50', value: duration(all.p50_ms) },
+			{ name: 'p95', value: duration(all.p95_ms) },
+			{ name: 'p99', value: duration(all.p99_ms) },
+			{ name: 'Errors', value: share(all.error_share), className: errorLevel(all.error_share) },
+			{ name: 'Apdex', value: score(all.apdex), className: apdexLevel(all.apdex) },
+			{ name: 'Queries', value: shortCount(all.queries_per_request), help: 'Statements per call' },
+			{ name: 'CPU', value: duration(all.cpu_ms), help: 'Per call' },
+			{ name: 'Memory', value: bytes(all.memory_bytes), help: 'The largest peak' },
 		]),
-		el(
-			'p',
-			{ class: 'row' },
-			row.slowest && requestLink(row.slowest, 'The slowest request'),
-			row.slowest && pageLink('compare', { what: 'typical', a: row.slowest }, {}, 'The slowest against the typical one'),
-			pageLink('search', {}, { q: transactionQuery(address, row.transaction), app: row.application }, 'All requests'),
-			pageLink('search', {}, { q: transactionQuery(address, row.transaction, 'is:failed'), app: row.application }, 'Failed ones'),
-			address.q !== '' && el('a', { href: pageHref('transaction', address.own) }, 'without the filter'),
-		),
+		headLinks(address, txn, all.slowest, isOne ? rows[0].application : address.app),
+		!isOne && applicationTable(txn, rows),
 	];
 }
 
@@ -252,7 +282,7 @@ class TransactionPage implements Page {
 			el('h1', {}, shortened(txn, 1000)),
 			address.app && el('span', { class: 'muted' }, address.app),
 		);
-		void this.head.fill(async (signal) => head(address, await api.top({ ...narrowed, limit: 1 }, signal)));
+		void this.head.fill(async (signal) => head(address, txn, await api.top({ ...narrowed, limit: APPLICATIONS }, signal)));
 		this.findings.show(address, txn);
 		void this.curves.fill(async (signal) => {
 			const curve = api.curve({ ...narrowedBy(address), txn, step: stepFor(address, 60) }, signal);

@@ -16,15 +16,16 @@ export function requestLink(id: string, ...children: readonly Child[]): HTMLAnch
 	return el('a', { href: pageHref('request', { id }) }, children);
 }
 
-export function transactionLink(application: string, transaction: string): HTMLAnchorElement {
+/* `text` is what is read; the transaction's name if it is left out. */
+export function transactionLink(application: string, transaction: string, text = transaction): HTMLAnchorElement {
 	return el(
 		'a',
 		{
 			class: 'cut',
 			href: pageHref('transaction', { txn: transaction }, { app: application }),
-			title: shortened(transaction, LONGEST_TITLE),
+			title: shortened(text, LONGEST_TITLE),
 		},
-		shortened(transaction, 300) || '(no name)',
+		shortened(text, 300) || '(no name)',
 	);
 }
 
