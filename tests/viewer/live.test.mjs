@@ -45,10 +45,9 @@ async function listening(page) {
 
 const rowsFrom = (page, least) => page.waitForFunction((count) => document.querySelectorAll('tbody tr').length >= count, least);
 
-test('a stream ends with its page, however soon that is left', async () => {
-	const { page } = opened;
-	await show(page, `${collector.url}/doctor`);
-	await page.evaluate(() => {
+/* Has the page that is open hold its streams in `streams`. */
+function keepStreams(page) {
+	return page.evaluate(() => {
 		const Own = window.EventSource;
 		window.streams = [];
 		window.EventSource = class extends Own {
@@ -58,6 +57,12 @@ test('a stream ends with its page, however soon that is left', async () => {
 			}
 		};
 	});
+}
+
+test('a stream ends with its page, however soon that is left', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/doctor`);
+	await keepStreams(page);
 	for (let i = 0; i < 7; i++) {
 		await page.evaluate(() => {
 			const leadTo = (name) => [...document.querySelectorAll('nav a')].find((each) => each.textContent === name).click();
@@ -126,6 +131,44 @@ test('what came while it was paused is there once it goes on', async () => {
 	await page.getByRole('button', { name: 'Go on' }).click();
 	await rowsFrom(page, 1);
 	assert.equal(await page.locator('tbody tr').count(), lines.length);
+});
+
+test('what passed too fast to be shown is said, all of it together', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/doctor`);
+	await keepStreams(page);
+	await page.getByRole('navigation').getByRole('link', { name: 'Live' }).click();
+	await page.getByText('Listening').waitFor();
+	assert.doesNotMatch(await page.locator('.page-head').textContent(), /too fast/);
+	// As the collector tells a slow listener.
+	for (const count of ['1', '1200']) {
+		await page.evaluate((data) => window.streams.at(-1).dispatchEvent(new MessageEvent('lost', { data })), count);
+	}
+	await page.getByText(/1\D?201 requests passed too fast to be shown/).waitFor();
+});
+
+test('a stream that the collector has ended is listened to again by whoever asks anew', async () => {
+	const { page } = opened;
+	await listening(page);
+	let isOver = true;
+	await page.route('**/api/v1/live*', (route) => {
+		if (route.request().resourceType() !== 'eventsource' || !isOver) {
+			return route.continue();
+		}
+		return route.fulfill({ status: 503, body: '' });
+	});
+	for (const ask of [() => page.getByRole('button', { name: 'Listen again' }).click(), () => page.keyboard.press('r')]) {
+		isOver = true;
+		await show(page, `${collector.url}/live`);
+		await page.getByText('does not send any more').waitFor();
+		assert.ok(await page.getByRole('button', { name: 'Listen again' }).isVisible());
+		isOver = false;
+		await ask();
+		await page.getByText('Listening').waitFor();
+		assert.ok(await page.getByRole('button', { name: 'Listen again' }).isHidden());
+	}
+	await page.unroute('**/api/v1/live*');
+	opened.problems.length = 0; // The browser notes the refusals itself.
 });
 
 test('space presses the button that has the focus, and else pauses', async () => {

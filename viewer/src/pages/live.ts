@@ -54,6 +54,8 @@ class LivePage implements Page {
 	private readonly list = el('div', { class: 'panel' });
 	private readonly state = el('span', { class: 'muted', role: 'status' });
 	private readonly button: HTMLButtonElement;
+	/* The way on after the collector has ended the stream. */
+	private readonly again = el('button', { type: 'button', hidden: true, title: 'Ask anew ( r )', on: { click: () => this.listenAgain() } }, 'Listen again');
 	private readonly field;
 	private source: EventSource | undefined;
 	private question: AbortController | undefined;
@@ -84,7 +86,7 @@ class LivePage implements Page {
 			{ class: 'page' },
 			el('h1', {}, 'Live'),
 			this.field.element,
-			el('div', { class: 'page-head' }, this.button, this.state),
+			el('div', { class: 'page-head' }, this.button, this.state, this.again),
 			this.list,
 		);
 	}
@@ -136,11 +138,29 @@ class LivePage implements Page {
 		});
 		source.addEventListener('error', () => {
 			this.isListening = false;
-			this.say(source.readyState === EventSource.CLOSED ? 'The collector does not send any more.' : 'The connection was lost; trying again …');
+			if (source.readyState === EventSource.CLOSED) {
+				this.stopped();
+			} else {
+				this.say('The connection was lost; trying again …');
+			}
 		});
 	}
 
+	/* What came stays in sight until somebody asks anew. */
+	private stopped(): void {
+		this.end();
+		this.showWaiting();
+		this.say('The collector does not send any more.');
+		this.again.hidden = false;
+	}
+
+	private listenAgain(): void {
+		this.show(here());
+		this.button.focus();
+	}
+
 	private clear(): void {
+		this.again.hidden = true;
 		this.isListening = false;
 		this.table = undefined;
 		this.waiting = [];
@@ -195,7 +215,13 @@ class LivePage implements Page {
 			this.lost > 0 && `${plural(this.lost, 'request')} passed too fast to be shown`,
 		];
 		this.say(parts.filter(Boolean).join(' · '));
-		if (!this.isPaused && !isHeld && this.waiting.length > 0) {
+		if (!this.isPaused && !isHeld) {
+			this.showWaiting();
+		}
+	}
+
+	private showWaiting(): void {
+		if (this.waiting.length > 0) {
 			this.table ??= this.begun();
 			this.table.prepend(this.waiting.splice(0));
 		}
