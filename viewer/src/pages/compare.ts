@@ -3,6 +3,7 @@ import { compareRequests } from '../compare/requests';
 import { compareWindows, windowsOf } from '../compare/windows';
 import { changed, elsewhere, go, here, timeOf, type Address } from '../state/address';
 import { el, replace, type Child } from '../ui/dom';
+import { momentField } from '../ui/moment';
 import type { Page } from '../ui/page';
 import { Panel } from '../ui/panel';
 import { emptyState } from '../ui/states';
@@ -55,20 +56,15 @@ function requestsForm(address: Address, kind: Kind): HTMLElement {
 	);
 }
 
-/* As `datetime-local` has it. */
-function localText(ms: number): string {
-	return new Date(ms - new Date(ms).getTimezoneOffset() * 60000).toISOString().slice(0, 16);
-}
-
 function windowsForm(address: Address): HTMLElement {
 	const now = Date.now();
 	const [from, to] = [timeOf(address.from, now) || now - 3600000, timeOf(address.to, now) || now];
-	const usual: Readonly<Record<string, number>> = { from1: from, to1: (from + to) / 2, from2: (from + to) / 2, to2: to };
-	const inputs = Object.entries(usual).map(([name, ms]): [string, HTMLInputElement] => {
+	const middle = Math.round((from + to) / 2);
+	const field = (label: string, name: string, usual: number) => {
 		const given = timeOf(address.own[name] ?? '', now);
-		return [name, el('input', { type: 'datetime-local', name, required: true, value: localText(address.own[name] && given ? given : ms) })];
-	});
-	const field = (label: string, index: number) => el('label', { class: 'field' }, label, inputs[index]?.[1]);
+		return [name, momentField(label, address.own[name] && given ? given : usual, name)] as const;
+	};
+	const fields = [field('Before, from', 'from1', from), field('to', 'to1', middle), field('After, from', 'from2', middle), field('to', 'to2', to)];
 	return el(
 		'form',
 		{
@@ -76,15 +72,12 @@ function windowsForm(address: Address): HTMLElement {
 			on: {
 				submit: (event) => {
 					event.preventDefault();
-					const own = Object.fromEntries(inputs.map(([name, input]) => [name, String(Date.parse(input.value))]));
+					const own = Object.fromEntries(fields.map(([name, moment]) => [name, moment.text()]));
 					go(elsewhere(here(), 'compare', { what: 'windows', ...own, txn: address.own.txn ?? '' }));
 				},
 			},
 		},
-		field('Before, from', 0),
-		field('to', 1),
-		field('After, from', 2),
-		field('to', 3),
+		fields.map(([, moment]) => moment.element),
 		el('button', { type: 'submit' }, 'Compare'),
 	);
 }

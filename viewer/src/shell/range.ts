@@ -3,6 +3,7 @@ import { changed, go, here, timeOf, USUAL_RANGE, type Address } from '../state/a
 import { openDialog } from '../ui/dialog';
 import { el, replace, shortened } from '../ui/dom';
 import { exactTime, time } from '../ui/format';
+import { momentField } from '../ui/moment';
 
 const PRESETS: readonly (readonly [string, string])[] = [
 	['15m', 'Last 15 minutes'],
@@ -37,22 +38,12 @@ function exactRange(address: Address): string | undefined {
 	return moments.some(Number.isNaN) ? undefined : moments.map(exactTime).join(' to ');
 }
 
-/* As `datetime-local` has it: in the viewer's zone, without its name. */
-function localText(ms: number): string {
-	return new Date(ms - new Date(ms).getTimezoneOffset() * 60000).toISOString().slice(0, 19);
-}
-
-function field(label: string, ms: number): [HTMLElement, HTMLInputElement] {
-	const input = el('input', { type: 'datetime-local', step: 1, value: localText(ms), required: true });
-	return [el('label', { class: 'field' }, label, input), input];
-}
-
 function askForRange(): void {
 	const now = Date.now();
 	const address = here();
-	const [fromField, from] = field('From', timeOf(address.from, now) || now - 3600000);
-	const [toField, to] = field('To', timeOf(address.to, now) || now);
-	const check = () => to.setCustomValidity(to.value > from.value ? '' : 'It ends before it begins.');
+	const from = momentField('From', timeOf(address.from, now) || now - 3600000);
+	const to = momentField('To', timeOf(address.to, now) || now);
+	const check = () => to.input.setCustomValidity(to.input.value > from.input.value ? '' : 'It ends before it begins.');
 	const form = el(
 		'form',
 		{
@@ -62,12 +53,12 @@ function askForRange(): void {
 				submit: (event) => {
 					event.preventDefault();
 					dialog.close();
-					go(changed(here(), { from: String(Date.parse(from.value)), to: String(Date.parse(to.value)) }));
+					go(changed(here(), { from: from.text(), to: to.text() }));
 				},
 			},
 		},
-		fromField,
-		toField,
+		from.element,
+		to.element,
 		el('button', { type: 'submit', class: 'primary' }, 'Show'),
 	);
 	const dialog = openDialog('Time range', form);
