@@ -4,6 +4,7 @@ import { startShell, type Shell } from './shell/shell';
 import { followLinks, here, hrefOf, elsewhere, onAddress, type Address } from './state/address';
 import { beginAtTop, startPlaces } from './state/place';
 import { el, replace } from './ui/dom';
+import { focusHeading } from './ui/focus';
 import { setPageCommands, startKeys } from './ui/keys';
 import type { Page } from './ui/page';
 import { errorState, emptyState } from './ui/states';
@@ -39,7 +40,8 @@ class App {
 		const name = JSON.stringify(address.page);
 		try {
 			this.shell.update(address);
-			if (name !== this.shown || !this.page) {
+			const isOther = this.page !== undefined && name !== this.shown;
+			if (isOther || !this.page) {
 				this.page?.end?.();
 				this.shown = name;
 				this.page = begin(address);
@@ -49,6 +51,9 @@ class App {
 			}
 			document.title = `${this.page.title(address)} – kaq`;
 			this.page.show(address);
+			if (isOther) {
+				focusHeading(this.shell.main);
+			}
 		} catch (error) {
 			console.error(error);
 			replace(this.shell.main, errorState('This page', error));

@@ -4,6 +4,7 @@ import type { RequestRow } from '../api/types';
 import { queryField } from '../search/query_field';
 import { changed, go, here, type Address } from '../state/address';
 import { el, replace } from '../ui/dom';
+import { focusIfLost } from '../ui/focus';
 import { plural } from '../ui/format';
 import { term } from '../ui/link';
 import type { Page } from '../ui/page';
@@ -165,7 +166,7 @@ class LivePage implements Page {
 		this.table = undefined;
 		this.waiting = [];
 		this.seen = this.lost = this.held = 0;
-		replace(this.list, nothingYet());
+		focusIfLost(this.list, () => replace(this.list, nothingYet()));
 	}
 
 	private add(request: RequestRow): void {

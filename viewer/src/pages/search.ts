@@ -5,7 +5,7 @@ import { queryField } from '../search/query_field';
 import { boxText, isIn, parseBox, scatter, type Box } from '../search/scatter';
 import { changed, elsewhere, go, here, timeOf, type Address } from '../state/address';
 import { heldSort } from '../state/held';
-import { el, type Child } from '../ui/dom';
+import { el, replace, type Child } from '../ui/dom';
 import { duration, plural, timeElement } from '../ui/format';
 import type { Page } from '../ui/page';
 import { Panel } from '../ui/panel';
@@ -111,9 +111,9 @@ export function searchPage(): Page {
 		show: (address) => {
 			field.set(address.q);
 			void panel.fill(async (signal) => {
-				head.replaceChildren(orderSwitch(address), el('span', { class: 'muted', role: 'status' }));
+				replace(head, orderSwitch(address), el('span', { class: 'muted', role: 'status' }));
 				const found = await ask(address, signal);
-				head.replaceChildren(orderSwitch(address), el('span', { class: 'muted', role: 'status' }, said(found, address)));
+				replace(head, orderSwitch(address), el('span', { class: 'muted', role: 'status' }, said(found, address)));
 				return results(found, address);
 			});
 		},

@@ -69,8 +69,12 @@ export class DetailsPanel {
 	private show(): void {
 		this.waiting = 0;
 		// A new one is at its top, without the page being laid out to find that out.
+		const had = this.body.contains(document.activeElement);
 		this.body = el('div', { class: 'details-body', tabindex: -1 }, this.content());
 		replace(this.element, this.body);
+		if (had) {
+			this.body.focus({ preventScroll: true });
+		}
 	}
 
 	private content(): Child {

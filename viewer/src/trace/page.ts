@@ -6,6 +6,7 @@ import { here, type Address } from '../state/address';
 import { ADDRESS } from '../state/held';
 import { openDialog } from '../ui/dialog';
 import { el, replace, shortened, type Child } from '../ui/dom';
+import { focusIfLost } from '../ui/focus';
 import { count } from '../ui/format';
 import { setPageCommands } from '../ui/keys';
 import { pageLink, requestLink, transactionLink } from '../ui/link';
@@ -164,7 +165,7 @@ class TracePage implements Page {
 		const question = this.begin();
 		this.model = undefined;
 		const progress = el('p', { class: 'muted', role: 'status' }, 'Asking the collector …');
-		const waiting = setTimeout(() => replace(this.element, progress), 300);
+		const waiting = setTimeout(() => focusIfLost(this.element, () => replace(this.element, progress)), 300);
 		this.element.setAttribute('aria-busy', 'true');
 		try {
 			const model = await askModel(this.kind, id, question.signal, (spans) => replace(progress, `${count(spans)} spans have come …`));
@@ -206,7 +207,7 @@ class TracePage implements Page {
 			return;
 		}
 		this.view = view;
-		replace(this.element, view.element);
+		focusIfLost(this.element, () => replace(this.element, view.element));
 		view.restore();
 		setPageCommands(view.commands);
 	}

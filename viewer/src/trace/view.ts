@@ -140,7 +140,7 @@ export class TraceView {
 			this.tabs.show('timeline');
 			return true;
 		}
-		const isOwnKey = event.target instanceof HTMLElement && event.target.closest('[role=tablist], .table, .details, .request-head, .verdicts, header.top') !== null;
+		const isOwnKey = event.target instanceof HTMLElement && !event.target.matches('h1') && event.target.closest('[role=tablist], .table, .details, .request-head, .verdicts, header.top') !== null;
 		const moves = event.key.startsWith('Arrow') || ['Enter', 'Home', 'End', 'PageUp', 'PageDown'].includes(event.key);
 		return this.tabs.current === 'timeline' && !(isOwnKey && moves);
 	}

@@ -3,6 +3,8 @@
  * interface or to what the page itself made, so that no recorded address is ever followed.
  */
 
+import { keepingFocus } from './focus';
+
 export type Child = Node | string | number | null | undefined | false | readonly Child[];
 
 type Listeners = { readonly [Name in keyof HTMLElementEventMap]?: (event: HTMLElementEventMap[Name]) => void };
@@ -31,8 +33,10 @@ export function append(parent: Node, ...children: readonly Child[]): void {
 }
 
 export function replace(parent: Element, ...children: readonly Child[]): void {
-	parent.replaceChildren();
-	append(parent, ...children);
+	keepingFocus(parent, () => {
+		parent.replaceChildren();
+		append(parent, ...children);
+	});
 }
 
 function setAttribute(element: HTMLElement | SVGElement, name: string, value: Attributes[string]): void {

@@ -2,6 +2,7 @@
 import type { Layer, ProfileRow } from '../api/types';
 import { shortKey } from '../state/held';
 import { append, el, replace, shortened } from './dom';
+import { focusOn } from './focus';
 import { duration, plural, share } from './format';
 
 const ROW = 20; /* pixels */
@@ -50,6 +51,15 @@ class Icicle {
 		return keys;
 	}
 
+	/* What is looked at now has the focus. */
+	private turnTo(top: number): void {
+		this.look(top);
+		const first = this.boxes.firstElementChild;
+		if (first instanceof HTMLElement) {
+			focusOn(first);
+		}
+	}
+
 	/* From this row down. */
 	private look(top: number): void {
 		replace(this.boxes);
@@ -93,7 +103,7 @@ class Icicle {
 				title: text,
 				'aria-label': text.replaceAll('\n', '. '),
 				style: { left: `${place.begin * 100}%`, width: `${Math.max(0, width) * 100}%`, top: `${place.depth * ROW}px` },
-				on: { click: () => this.look(place.row) },
+				on: { click: () => this.turnTo(place.row) },
 			},
 			el('span', {}, shortened(row.name, 100)),
 		);
@@ -108,7 +118,7 @@ class Icicle {
 		const part = (row?.total_ms ?? 0) / Math.max(1, this.rows[0]?.total_ms ?? 1);
 		replace(
 			this.path,
-			above.map((at) => [el('button', { type: 'button', class: 'link', on: { click: () => this.look(at) } }, shortened(this.rows[at]?.name ?? '', 60)), ' › ']),
+			above.map((at) => [el('button', { type: 'button', class: 'link', on: { click: () => this.turnTo(at) } }, shortened(this.rows[at]?.name ?? '', 60)), ' › ']),
 			el('b', {}, shortened(row?.name ?? '', 100)),
 			el('span', { class: 'muted' }, `${duration((row?.total_ms ?? 0) / Math.max(1, this.requests))} per request, ${share(part)}`),
 		);

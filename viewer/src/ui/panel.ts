@@ -4,6 +4,7 @@
  */
 import { isAborted } from '../api/ask';
 import { el, replace, type Child } from './dom';
+import { focusIfLost } from './focus';
 import { errorState } from './states';
 
 const PATIENCE_MS = 200;
@@ -55,7 +56,7 @@ export class Panel {
 		try {
 			const content = await ask(question.signal);
 			if (this.question === question) {
-				replace(this.body, content);
+				focusIfLost(this.element, () => replace(this.body, content));
 			}
 		} catch (error) {
 			if (this.question === question && !isAborted(error)) {

@@ -79,6 +79,7 @@ class Table<Row> {
 	private readonly head = el('tr');
 	private readonly choice = el('div', { class: 'table-choice' });
 	private readonly foot = el('div', { class: 'table-foot' });
+	private readonly moreButton = el('button', { type: 'button', on: { click: () => this.showMore() } });
 	private shown = 0;
 	private rows: readonly Row[];
 	private sort: Sort;
@@ -201,16 +202,27 @@ class Table<Row> {
 		}
 	}
 
+	/* Whoever had the button loses it with the last rows: they go on at the first of these. */
+	private showMore(): void {
+		const first = this.shown;
+		this.more();
+		if (this.shown === this.rows.length) {
+			this.body.querySelectorAll(':scope > [data-row]')[first]?.querySelector<HTMLElement>('a, button')?.focus({ preventScroll: true });
+		}
+	}
+
 	private more(): void {
 		for (const row of this.rows.slice(this.shown, this.shown + AT_ONCE)) {
 			append(this.body, this.rowElement(row));
 		}
 		this.shown = Math.min(this.rows.length, this.shown + AT_ONCE);
 		const left = this.rows.length - this.shown;
-		replace(
-			this.foot,
-			left > 0 && el('button', { type: 'button', on: { click: () => this.more() } }, `Show more: ${plural(left, 'row')} left`),
-		);
+		this.moreButton.textContent = `Show more: ${plural(left, 'row')} left`;
+		if (left === 0) {
+			this.moreButton.remove();
+		} else if (!this.moreButton.isConnected) {
+			replace(this.foot, this.moreButton);
+		}
 	}
 }
 
