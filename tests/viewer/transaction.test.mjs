@@ -22,9 +22,11 @@ before(async () => {
 		}
 	}
 	all.begin(now - 9000, { application: 'Checkout', name: '/pay' }).code(400).end();
+	all.begin(now - 8000, { application: 'Nameless', name: '' }).code(30).end();
+	all.begin(now - 7000, { application: 'Nameless', name: '/named' }).code(30).end();
 	collector = await Collector.start();
 	await collector.take(all.lines);
-	await collector.gathered('/api/v1/top', 'transactions', 3);
+	await collector.gathered('/api/v1/top', 'transactions', 5);
 	browser = await startBrowser();
 	opened = await openPage(browser, collector);
 });
@@ -82,6 +84,14 @@ test('a name that one application has is said to be of it', async () => {
 	assert.equal((await figuresOf(page)).Calls, '1');
 	assert.equal(await page.getByRole('table', { name: 'Applications' }).count(), 0);
 	assert.equal(await listed(page, 'All requests'), 1);
+});
+
+test('a transaction without a name leads to its requests', async () => {
+	const { page } = opened;
+	await show(page, `${collector.url}/transactions?app=Nameless`);
+	await page.getByRole('link', { name: '(no name)' }).click();
+	await page.getByRole('table', { name: 'Requests' }).waitFor();
+	assert.equal(await page.locator('tbody tr').count(), 1);
 });
 
 for (const screen of SCREENS) {

@@ -16,14 +16,19 @@ export function requestLink(id: string, ...children: readonly Child[]): HTMLAnch
 	return el('a', { href: pageHref('request', { id }) }, children);
 }
 
-/* `text` is what is read; the transaction's name if it is left out. */
+/*
+ * `text` is what is read; the transaction's name if it is left out. One without a name has no page: its
+ * link leads to its requests.
+ */
 export function transactionLink(application: string, transaction: string, text = transaction): HTMLAnchorElement {
 	return el(
 		'a',
 		{
 			class: 'cut',
-			href: pageHref('transaction', { txn: transaction }, { app: application }),
-			title: shortened(text, LONGEST_TITLE),
+			href: transaction
+				? pageHref('transaction', { txn: transaction }, { app: application })
+				: pageHref('search', { order: 'slowest' }, { app: application, q: term('txn', '') }),
+			title: shortened(text, LONGEST_TITLE) || 'Its requests',
 		},
 		shortened(text, 300) || '(no name)',
 	);
