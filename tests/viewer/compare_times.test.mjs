@@ -58,6 +58,34 @@ test('a time can be chosen to the second', async () => {
 	assert.equal(timesOf(page).to1, String(release));
 });
 
+test('marks that come late do not stand under another kind', async () => {
+	const { page } = opened;
+	let isAnswered = false;
+	await page.route('**/api/v1/marks?*', async (route) => {
+		await new Promise((resolve) => setTimeout(resolve, 700));
+		await route.continue().catch(() => undefined);
+		isAnswered = true;
+	});
+	await page.goto(pathOf(TIMES));
+	await page.getByRole('button', { name: 'Two requests' }).click();
+	for (const end = Date.now() + 10000; !isAnswered && Date.now() < end; ) {
+		await page.waitForTimeout(50);
+	}
+	await page.waitForTimeout(300);
+	assert.ok(isAnswered);
+	assert.equal(await page.locator('.marks').count(), 0);
+	await page.unroute('**/api/v1/marks?*');
+});
+
+test('where there is nothing, it is said what to do', async () => {
+	const { page } = opened;
+	const old = release - 1000 * MINUTE;
+	await show(page, pathOf({ what: 'windows', from1: old - MINUTE, to1: old, from2: old, to2: old + MINUTE, app: 'Other' }));
+	assert.match(await page.locator('.state').textContent(), /either of these times.*Choose longer or other times.*all applications/);
+	await show(page, `${collector.url}/external`);
+	assert.match(await page.locator('.state').textContent(), /Take a longer time/);
+});
+
 for (const width of [1280, 390]) {
 	test(`the form fits on ${width} pixels`, async () => {
 		const { page, close } = await openPage(browser, collector, { viewport: { width, height: 800 } });

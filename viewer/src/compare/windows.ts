@@ -172,7 +172,8 @@ export async function compareWindows(windows: Windows, address: Address, signal:
 		api.errors(after, signal),
 	]);
 	if (top1.transactions.length + top2.transactions.length === 0) {
-		return emptyState('No request was seen in either of these times.');
+		const isFiltered = address.app !== '' || address.host !== '' || address.q !== '';
+		return emptyState('No request was seen in either of these times.', `Choose longer or other times above${isFiltered ? ', or all applications and hosts' : ''}.`);
 	}
 	const group = ({ application, key }: FailureGroup) => JSON.stringify([application, key]);
 	const known = new Set(errors1.errors.map(group));

@@ -101,6 +101,8 @@ export function comparePage(): Page {
 	const panel = new Panel('', { what: 'The comparison' });
 	const form = el('div', { class: 'stack' });
 	const marks = el('div');
+	// About the marks; what comes after another kind was chosen is too late.
+	let asked: AbortController | undefined;
 	return {
 		element: el('div', { class: 'page' }, el('h1', {}, 'Compare'), form, marks, panel.element),
 		title: () => 'Compare',
@@ -108,11 +110,18 @@ export function comparePage(): Page {
 			const kind = kindOf(address);
 			replace(form, kindSwitch(address), kind === 'windows' ? windowsForm(address) : requestsForm(address, kind));
 			replace(marks);
+			asked?.abort();
+			asked = undefined;
 			if (kind === 'windows') {
-				void marksOf(address, AbortSignal.timeout(10000)).then((found) => replace(marks, markList(found, address)));
+				const question = new AbortController();
+				asked = question;
+				void marksOf(address, question.signal).then((found) => !question.signal.aborted && replace(marks, markList(found, address)));
 			}
 			void panel.fill((signal) => content(address, signal));
 		},
-		end: () => panel.end(),
+		end: () => {
+			asked?.abort();
+			panel.end();
+		},
 	};
 }

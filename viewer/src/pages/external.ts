@@ -44,7 +44,7 @@ function open(row: CalledHost, curve: Child): Child {
 }
 
 function noCall(): HTMLElement {
-	return emptyState('No other host was called in this time.', 'Calls are seen that scripts make with curl.');
+	return emptyState('No other host was called in this time.', 'Take a longer time. Calls are seen that scripts make with curl.');
 }
 
 export const externalPage = groupPage<CalledHost>({
