@@ -107,9 +107,12 @@ const LAYER_LINES = [
 	{ name: 'waiting', colour: '--layer-waiting', of: (sums: ProfileSums) => sums.waiting_ms },
 ];
 
+/* In so many parts of the range the interface looks for requests. */
+const PARTS = 24;
+
 function layersPart(profile: Profile): Child {
-	const times = profile.points.map((point) => point.time_ms);
-	const step = Math.max(60000, (times[1] ?? 0) - (times[0] ?? 0));
+	const { from_ms: from, to_ms: to } = profile.range;
+	const steps = stepsOf(profile.range, Math.max(1, Math.ceil((to + 1 - from) / PARTS)), profile.points, from);
 	const used = LAYER_LINES.filter((line) => line.of(profile) > 0);
 	return [
 		el(
@@ -128,16 +131,16 @@ function layersPart(profile: Profile): Child {
 		),
 		lines({
 			label: 'Time per request by what took it',
-			times,
-			step,
-			range: profile.range,
+			times: steps.times,
+			step: steps.step,
+			range: steps.range,
 			height: 170,
 			format: duration,
 			lines: used.map((line) => ({
 				name: line.name,
 				colour: line.colour,
 				stacked: true,
-				values: profile.points.map((point) => line.of(point) / point.requests),
+				values: steps.values((point) => line.of(point) / point.requests),
 			})),
 		}),
 		el('p', { class: 'muted small' }, `The mean of ${plural(profile.requests, 'stored request')} from all over this time.`),

@@ -14,7 +14,7 @@ export interface Line {
 	readonly values: readonly (number | null)[];
 	/* Of style/tokens.css. */
 	readonly colour: string;
-	/* Stands on the line before it, with the area between them filled. */
+	/* Stands on the line before it, as a box as wide as each step that is known. */
 	readonly stacked?: boolean;
 }
 
@@ -47,7 +47,7 @@ const cursors = uPlot.sync('time');
 function sums(lines: readonly Line[]): (readonly (number | null)[])[] {
 	const below: number[] = [];
 	return lines.map((line) =>
-		line.stacked ? line.values.map((value, i) => (below[i] = (below[i] ?? 0) + (value ?? 0))) : line.values,
+		line.stacked ? line.values.map((value, i) => (value === null ? null : (below[i] = (below[i] ?? 0) + value))) : line.values,
 	);
 }
 
@@ -105,6 +105,20 @@ function lonely(values: ArrayLike<number | null | undefined>): number[] {
 	return Array.from(values, (_, i) => i).filter((i) => isKnown(i) && !isKnown(i - 1) && !isKnown(i + 1));
 }
 
+const WHOLE_STEPS = uPlot.paths.bars?.({ size: [1, Infinity] });
+
+function boxes(line: Line): Partial<uPlot.Series> {
+	return { fill: () => colour(line.colour), points: { show: false }, ...(WHOLE_STEPS ? { paths: WHOLE_STEPS } : {}) };
+}
+
+/* Where lines lie over each other those below are seen between the dashes, and around the points. */
+function dashes(line: Line, at: number): Partial<uPlot.Series> {
+	return {
+		dash: [...(DASHES[at] ?? [])],
+		points: { size: POINTS[at] ?? 4, fill: () => colour(line.colour), show: false, filter: (plot, of) => lonely(plot.data[of] ?? []) },
+	};
+}
+
 function series(options: LinesOptions): uPlot.Series[] {
 	return [
 		{},
@@ -112,11 +126,8 @@ function series(options: LinesOptions): uPlot.Series[] {
 			label: line.name,
 			stroke: () => colour(line.colour),
 			width: line.stacked ? 0 : 1.5,
-			...(line.stacked ? { fill: () => colour(line.colour) } : {}),
 			spanGaps: false,
-			// Where lines lie over each other those below are seen between the dashes, and around the points.
-			dash: line.stacked ? [] : [...(DASHES[i] ?? [])],
-			points: { size: POINTS[i] ?? 4, fill: () => colour(line.colour), show: false, filter: (plot, at) => lonely(plot.data[at] ?? []) },
+			...(line.stacked ? boxes(line) : dashes(line, i)),
 		})),
 	];
 }
@@ -165,7 +176,9 @@ function make(options: LinesOptions, width: number, show: (index: number | null)
 	// The highest sum is drawn first, and the others over it.
 	const order = options.lines.map((_, i) => (stacked ? options.lines.length - 1 - i : i));
 	const drawn = { ...options, lines: order.flatMap((i) => options.lines[i] ?? []) };
-	const data = [options.times.map((each) => each / 1000), ...order.map((i) => values[i] ?? [])];
+	// A box stands around its point, a line begins at it.
+	const shift = stacked ? options.step / 2 : 0;
+	const data = [options.times.map((each) => (each + shift) / 1000), ...order.map((i) => values[i] ?? [])];
 	return new uPlot(
 		{
 			width,

@@ -1,7 +1,12 @@
 /* Points of a curve, one for each step of the range, whether anything happened in it or not. */
-import type { Point, Range } from '../api/types';
+import type { Range } from '../api/types';
 
-export interface Steps {
+interface Counted {
+	readonly time_ms: number;
+	readonly count?: number;
+}
+
+export interface Steps<Point extends Counted> {
 	readonly times: readonly number[];
 	readonly step: number;
 	/* From the first step to the end of the last one, in which marks may be, too. */
@@ -25,8 +30,9 @@ function partOf(at: number, step: number, range: Range): number {
 	return end > begin ? end - begin : step;
 }
 
-export function stepsOf(range: Range, step: number, points: readonly Point[]): Steps {
-	const floor = (ms: number) => Math.floor(ms / step) * step;
+/* Steps are counted from `origin` on. */
+export function stepsOf<Point extends Counted>(range: Range, step: number, points: readonly Point[], origin = 0): Steps<Point> {
+	const floor = (ms: number) => origin + Math.floor((ms - origin) / step) * step;
 	const byTime = new Map(points.map((point) => [floor(point.time_ms), point]));
 	const times: number[] = [];
 	const begin = Math.min(floor(range.from_ms), ...byTime.keys());
