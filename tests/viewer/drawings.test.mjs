@@ -39,7 +39,10 @@ before(async () => {
 		CanvasRenderingContext2D.prototype.fillText = function (text, x, y) {
 			const { width } = this.measureText(text);
 			const begin = x - { left: 0, center: width / 2, right: width }[this.textAlign];
-			window.texts.push({ of: this.canvas.className, text, begin, end: begin + width, room: this.canvas.clientWidth });
+			// Where the text stands on the canvas, in pixels of the page.
+			const scale = this.canvas.clientWidth / this.canvas.width;
+			const [left, right] = [begin, begin + width].map((each) => this.getTransform().transformPoint({ x: each, y }).x * scale);
+			window.texts.push({ of: this.canvas.className, isLines: this.canvas.closest('.lines') !== null, text, begin: left, end: right, room: this.canvas.clientWidth });
 			fillText.call(this, text, x, y);
 		};
 	});
@@ -63,6 +66,20 @@ test('the words of the plot of requests are whole, and its times are round', asy
 		const times = texts.map(({ text }) => /^(\d\d):(\d\d)$/.exec(text)).filter(Boolean);
 		assert.ok(times.length >= 2);
 		times.forEach(([text, , minute]) => assert.equal(Number(minute) % (minutes || 5), 0, `${text} of ${from}`));
+	}
+	await page.setViewportSize({ width: 1280, height: 900 });
+});
+
+test('the words beside lines are whole, those of minutes, too', async () => {
+	const { page } = opened;
+	for (const width of [1280, 390]) {
+		await page.setViewportSize({ width, height: 900 });
+		await show(page, `${collector.url}/transaction?app=Batch&txn=%2Flong`);
+		const texts = (await page.evaluate(() => window.texts)).filter((each) => each.isLines);
+		assert.ok(texts.some(({ text }) => /^\d+ min \d+ s$/.test(text)), `minutes at ${width}`);
+		for (const { text, begin, end, room } of texts) {
+			assert.ok(begin >= 0 && end <= room, `${text} at ${width} is cut off: ${begin} to ${end} of ${room}`);
+		}
 	}
 	await page.setViewportSize({ width: 1280, height: 900 });
 });

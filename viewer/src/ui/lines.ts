@@ -35,7 +35,9 @@ export interface LinesOptions {
 }
 
 const HEIGHT = 120;
+/* Left of the lines: at least so much, so that charts beside each other are alike. */
 const AXIS = 58;
+const GAP = 4;
 const SMALLEST_DRAG = 6; /* pixels */
 /* Of the lines of one chart, in pixels of line and of gap. */
 const DASHES = [[], [8, 3], [3, 5]] as const;
@@ -81,10 +83,23 @@ function selected(plot: uPlot): void {
 	go(changed(here(), { from: String(Math.floor(from / 60000) * 60000), to: String(Math.ceil(to / 60000) * 60000) }));
 }
 
+/* Room for the longest of the texts, and for none less than usual. */
+function roomFor(font: string): uPlot.Axis.Size {
+	return ({ ctx }, texts) => {
+		ctx.save();
+		ctx.font = font;
+		// Nothing is known before the first values are.
+		const widths = (texts as readonly string[] | null)?.map((text) => ctx.measureText(text).width) ?? [];
+		ctx.restore();
+		return Math.max(AXIS, Math.ceil(Math.max(0, ...widths)) + 2 * GAP);
+	};
+}
+
 function axes(options: LinesOptions): uPlot.Axis[] {
+	const font = `11px ${getComputedStyle(document.body).fontFamily}`;
 	const common = {
 		stroke: () => colour('--muted'),
-		font: `11px ${getComputedStyle(document.body).fontFamily}`,
+		font,
 		grid: { stroke: () => colour('--line'), width: 1 },
 		ticks: { show: false },
 	};
@@ -95,7 +110,7 @@ function axes(options: LinesOptions): uPlot.Axis[] {
 	);
 	return [
 		{ ...common, size: 22, space: 60, values: (_, splits) => splits.map((value) => texts.format(value * 1000)) },
-		{ ...common, size: AXIS, space: 28, gap: 4, values: (_, splits) => splits.map((value) => options.format(value)) },
+		{ ...common, size: roomFor(font), space: 28, gap: GAP, values: (_, splits) => splits.map((value) => options.format(value)) },
 	];
 }
 
