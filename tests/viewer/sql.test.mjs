@@ -27,11 +27,40 @@ test('clauses begin lines', () => {
 	}
 });
 
+/* Of several databases; apart from `::` they stand between spaces. */
+const OPERATORS = `!~ !~* !~~ !~~* ~ ~* ~~ ~~* @@ @@@ @> <@ @? -> ->> #> #>> #- <-> <#> <=> <+> || || && = == <> != < <= > >= << >> <<= >>= := => & | ^ % * / + -
+	%> %>> <% <<% -|- &< &> |>> <<| ?| ?& ?? ??| ??& ^@ ||/ |/`.split(/\s+/);
+
+test('operators are not torn apart', () => {
+	for (const operator of OPERATORS) {
+		assert.equal(lines(`SELECT a FROM t WHERE a ${operator} b`), `SELECT a\nFROM t\nWHERE a ${operator} b`);
+	}
+	for (const operator of ['!~*', '~*', '<->', '<=>', '||', '&&', '>=', '<>', '->>', '#>>']) {
+		assert.equal(lines(`SELECT a${operator}b`), `SELECT a ${operator} b`);
+		assert.equal(lines(`SELECT a${operator}?`), `SELECT a ${operator} ?`);
+	}
+});
+
+const APART = [
+	['SELECT a::int, ?::text[]', 'SELECT a::int, ?::text [ ]'],
+	['SELECT a=:b, a>=:b, a||:b', 'SELECT a = :b, a >= :b, a || :b'],
+	['SELECT a=@b, @@version, a @@ b', 'SELECT a = @b, @@version, a @@ b'],
+	['SELECT ?||?, ?|?, a=-1', 'SELECT ? || ?, ? | ?, a = - 1'],
+	['SELECT a||/* b */c, a|/* b */c', 'SELECT a || /* b */ c, a | /* b */ c'],
+	['SELECT a<-- b\nc', 'SELECT a < -- b\nc'],
+];
+
+test('what stands beside an operator is no part of it', () => {
+	for (const [sql, wanted] of APART) {
+		assert.equal(lines(sql).replace(/\s+$/, ''), wanted);
+	}
+});
+
 function bare(list) {
 	return list.filter((token) => token.kind !== 'space').map((token) => token.text);
 }
 
-const PARTS = ['->>', '#>', '@>', 'SELECT', ' ', 'FROM', '(', ')', ',', "'a''b'", '"q"', '`w`', "'open", '-- c\n', '/* x */', '/* open', '12.5', ':name', '::int', '?', '$1', 'x.y', '=', '<>', '\n', '\\', 'ü', '<script>', '\u202E', ';', 'AND', 'BETWEEN', 'LEFT', 'JOIN', '@v', '0x1f'];
+const PARTS = ['!~*', '@@', '<->', '?|', '||/', '->>', '#>', '@>', 'SELECT', ' ', 'FROM', '(', ')', ',', "'a''b'", '"q"', '`w`', "'open", '-- c\n', '/* x */', '/* open', '12.5', ':name', '::int', '?', '$1', 'x.y', '=', '<>', '\n', '\\', 'ü', '<script>', '\u202E', ';', 'AND', 'BETWEEN', 'LEFT', 'JOIN', '@v', '0x1f'];
 
 test('no token is lost, changed or moved', () => {
 	const random = chance(5);

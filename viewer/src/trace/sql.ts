@@ -17,6 +17,23 @@ const KEYWORDS = new Set(
 	union unique update use using values view when where window with`.split(/\s+/),
 );
 
+/* Of several databases, those that begin alike by their length. None takes the begin of a comment. */
+const OPERATORS = [
+	String.raw`!~~?\*?|!=|!!`,
+	String.raw`~~\*?|~\*`,
+	String.raw`@@@?|@>|@\?`,
+	String.raw`->>?|-\|-(?!-)`,
+	String.raw`#>>?|#-`,
+	String.raw`<->|<#>|<=>|<\+>|<<[=%|]?|<[=>@%]`,
+	String.raw`>>=?|>=`,
+	String.raw`=[=>]`,
+	String.raw`%>>?`,
+	String.raw`\|\|\/(?!\*)|\|\||\|\/(?!\*)|\|>>`,
+	String.raw`&[&<>]`,
+	String.raw`\^@(?!\w)`,
+	'::|:=',
+].join('|');
+
 const PATTERN = new RegExp(
 	[
 		String.raw`(?<space>\s+)`,
@@ -24,9 +41,11 @@ const PATTERN = new RegExp(
 		String.raw`(?<text>'(?:[^'\\]|\\[\s\S]|'')*(?:'|$)|"(?:[^"\\]|\\[\s\S]|"")*(?:"|$))`,
 		'(?<quoted>`(?:[^`]|``)*(?:`|$))',
 		String.raw`(?<number>\b\d+(?:\.\d+)?(?:e[+-]?\d+)?\b|\b0x[0-9a-f]+\b)`,
+		// Alone it is an operator, beside values a placeholder.
+		String.raw`(?<asked>\?\?[|&]?|(?<=\s)\?[|&](?=\s))`,
 		String.raw`(?<parameter>\?|\$\d+|(?<!:):[a-z_]\w*|@@?\w+)`,
 		String.raw`(?<word>[\p{L}_][\p{L}\p{N}_$]*)`,
-		String.raw`(?<sign>->>?|#>>?|#-|@>|<@|[<>=!|&:]{1,3}|[\s\S])`,
+		String.raw`(?<sign>${OPERATORS}|[\s\S])`,
 	].join('|'),
 	'giuy',
 );
@@ -50,6 +69,8 @@ export function tokens(sql: string): Token[] {
 /* Begin a line of their own. */
 const CLAUSES = new Set(['select', 'from', 'where', 'group', 'order', 'having', 'limit', 'union', 'except', 'intersect', 'values', 'set', 'returning', 'window', 'insert', 'update', 'delete']);
 const JOINS = new Set(['left', 'right', 'inner', 'outer', 'cross', 'full', 'natural', 'join', 'straight_join']);
+/* Nothing stands between them and what follows. */
+const TIGHT = new Set(['(', '.', '::']);
 const LONG_LIST = 72;
 
 interface Level {
@@ -151,7 +172,7 @@ class Formatter {
 				this.line(this.level.indent + 1);
 			}
 		} else {
-			if (text !== '.' && text !== ';') {
+			if (text !== '.' && text !== ';' && text !== '::') {
 				this.space();
 			}
 			this.out.push(token);
@@ -181,7 +202,7 @@ class Formatter {
 
 	private space(): void {
 		const last = this.out.at(-1);
-		if (last && last.kind !== 'space' && last.text !== '(' && last.text !== '.') {
+		if (last && last.kind !== 'space' && !TIGHT.has(last.text)) {
 			this.out.push({ kind: 'space', text: ' ' });
 		}
 	}
