@@ -79,18 +79,31 @@ export function alignedTree(before: readonly Span[], after: readonly Span[]): re
 	return roots;
 }
 
-/* From above to below, each by when it begins. */
-function flat(rows: readonly AlignedRow[], least: number): AlignedRow[] {
-	return [...rows]
-		.filter((row) => longest(row) >= least)
-		.sort((one, other) => begin(one) - begin(other))
-		.flatMap((row) => [row, ...flat(row.below, least)]);
+/* From above to below, each by when it begins. Calls may be as deep as there are spans. */
+function flat(roots: readonly AlignedRow[], least: number): AlignedRow[] {
+	const lastFirst = (rows: readonly AlignedRow[]) => rows.filter((row) => longest(row) >= least).sort((one, other) => begin(other) - begin(one));
+	const found: AlignedRow[] = [];
+	const waiting = lastFirst(roots);
+	for (let row = waiting.pop(); row; row = waiting.pop()) {
+		found.push(row);
+		for (const each of lastFirst(row.below)) {
+			waiting.push(each);
+		}
+	}
+	return found;
 }
 
-function shownOf(roots: readonly AlignedRow[], whole: number): readonly AlignedRow[] {
+export function shownOf(roots: readonly AlignedRow[], whole: number): readonly AlignedRow[] {
 	const rows = flat(roots, whole * SMALLEST);
 	const least = rows.map(longest).sort((one, other) => other - one)[MOST - 1] ?? 0;
-	return rows.length > MOST ? flat(roots, least) : rows;
+	// Of those that took as long as the last of them, the outer ones.
+	return rows.length > MOST ? flat(roots, least).slice(0, MOST) : rows;
+}
+
+/* When the longer of both ended. */
+export function wholeOf(before: readonly Span[], after: readonly Span[]): number {
+	const end = (latest: number, span: Span) => Math.max(latest, span.start_ms + span.duration_ms);
+	return after.reduce(end, before.reduce(end, 1));
 }
 
 function lane(ran: Ran | undefined, side: Side, whole: number): HTMLElement {
@@ -145,7 +158,7 @@ function columns(whole: number): Column<AlignedRow>[] {
 }
 
 export function aligned(before: readonly Span[], after: readonly Span[]): HTMLElement {
-	const whole = Math.max(1, ...[...before, ...after].map((span) => span.start_ms + span.duration_ms));
+	const whole = wholeOf(before, after);
 	const roots = alignedTree(before, after);
 	const rows = shownOf(roots, whole);
 	return el(

@@ -344,8 +344,8 @@ export class Flame {
 		for (let frame = chosen; frame; frame = frame.above) {
 			shown.unshift(frame);
 		}
-		shown.push(...(chosen ? this.tree.below(chosen) : []));
-		this.mirror.replaceChildren(...shown.slice(0, 300).map((frame) => this.item(frame, frame === chosen)));
+		const below = chosen ? this.tree.below(chosen) : [];
+		this.mirror.replaceChildren(...[...shown, ...below].slice(0, 300).map((frame) => this.item(frame, frame === chosen)));
 		if (chosen) {
 			this.scroller.setAttribute('aria-activedescendant', `${this.name}-${chosen.id}`);
 		}

@@ -1,6 +1,6 @@
 /* Recorded texts in full: formatted where they are SQL, cut off at first where they are very long. */
 import type { Fields, Frame } from '../api/types';
-import { el, replace, type Child } from '../ui/dom';
+import { append, el, replace, type Child } from '../ui/dom';
 import { bytes } from '../ui/format';
 import { formatted, tokens } from './sql';
 
@@ -94,7 +94,7 @@ export function stackList(stack: readonly Frame[]): HTMLElement {
 			class: 'link',
 			on: {
 				click: () => {
-					list.append(...stack.slice(FRAMES_AT_FIRST).map(item));
+					append(list, stack.slice(FRAMES_AT_FIRST).map(item));
 					more.remove();
 				},
 			},
