@@ -17,7 +17,6 @@ namespace {
 constexpr size_t kMostOfAnswer = 64 * 1024;
 constexpr size_t kLongestReason = 512;
 constexpr int64_t kLongestPause = 3600;
-constexpr std::string_view kTracesPath = "/v1/traces";
 
 /* Numbers of fields, as the protocol has them. */
 enum class AnswerTag : protozero::pbf_tag_type { kPartialSuccess = 1 };
@@ -60,26 +59,6 @@ struct OtlpSender::Connection {
 		}
 	}
 };
-
-bool has_url_for_each_signal(const std::string &url) {
-	return signal_url(url, OtlpSignal::kLogs) != url;
-}
-
-std::string signal_url(const std::string &url, OtlpSignal signal) {
-	const std::string of_signal = "/v1/" + std::string(signal_name(signal));
-	size_t host = url.find("://");
-	size_t path = host == std::string::npos ? host : url.find_first_of("/?#", host + 3);
-	if (path == std::string::npos) {
-		return url + of_signal;
-	}
-	if (path + 1 == url.size() && url[path] == '/') {
-		return url.substr(0, path) + of_signal;
-	}
-	bool ends_so =
-		url.size() >= kTracesPath.size() &&
-		url.compare(url.size() - kTracesPath.size(), std::string::npos, kTracesPath) == 0;
-	return ends_so ? url.substr(0, url.size() - kTracesPath.size()) + of_signal : url;
-}
 
 std::optional<std::chrono::seconds> pause_of(const std::string &retry_after, int64_t now) {
 	int64_t seconds = 0;

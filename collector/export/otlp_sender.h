@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "export/otlp_writer.h"
+#include "export/otlp_signal.h"
 
 namespace kaq {
 
@@ -68,12 +68,6 @@ private:
 	std::unique_ptr<Connection> connection_;
 	std::atomic<bool> is_to_end_{false};
 };
-
-/* "https://host:4318" as "https://host:4318/v1/traces". A path stays as it is, but for another
- * signal's than traces at its end. */
-std::string signal_url(const std::string &url, OtlpSignal signal);
-/* Whether each signal has an address of its own. */
-bool has_url_for_each_signal(const std::string &url);
 
 /* What Retry-After says: seconds, or a date, which is looked at from `now` in seconds since the
  * Unix epoch; nothing if it is neither. No more than an hour, and not less than nothing. */

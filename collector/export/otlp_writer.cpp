@@ -8,18 +8,6 @@
 
 namespace kaq {
 
-std::string_view signal_name(OtlpSignal signal) {
-	switch (signal) {
-	case OtlpSignal::kLogs:
-		return "logs";
-	case OtlpSignal::kMetrics:
-		return "metrics";
-	case OtlpSignal::kTraces:
-		break;
-	}
-	return "traces";
-}
-
 OtlpPart OtlpWriter::write(size_t from, size_t most_items, size_t most_bytes) const {
 	OtlpPart part;
 	part.from = from;

@@ -11,15 +11,10 @@
 #include <string>
 #include <string_view>
 
+#include "export/otlp_signal.h"
 #include "model/transaction.h"
 
 namespace kaq {
-
-/* What is sent of requests. */
-enum class OtlpSignal { kTraces, kLogs, kMetrics };
-
-/* "traces" */
-std::string_view signal_name(OtlpSignal signal);
 
 struct OtlpTraceSettings {
 	bool has_literals = false; /* of statements, where the document has them */
