@@ -31,8 +31,8 @@ TEST_F(DestinationTest, LogsAreSentOfRequestsThatHaveFailures) {
 							R"("str":"no","linenumber":7,"time":1100}]})"));
 	store().flush();
 	ASSERT_TRUE(comes_true([this] { return destination_->status().waiting == 0; }));
-	EXPECT_TRUE(comes_true([this] { return destination_->status().items == 1; }));
-	EXPECT_EQ(destination_->status().requests, 1u);
+	EXPECT_TRUE(comes_true([this] { return destination_->status().requests == 1; }));
+	EXPECT_EQ(destination_->status().items, 1u);
 	destination_.reset();
 	EXPECT_EQ(paths, std::vector<std::string>{"POST /v1/logs"});
 	EXPECT_EQ(access((settings_.directory + "/export-test.logs").c_str(), R_OK), 0);
