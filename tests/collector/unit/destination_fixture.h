@@ -18,8 +18,6 @@ namespace kaq_test {
 using namespace kaq;
 using std::chrono::milliseconds;
 
-constexpr std::chrono::seconds kLongest{40};
-
 class DestinationTest : public SqliteStoreTest {
 protected:
 	/* Takes what `answer` allows. */
@@ -80,16 +78,6 @@ protected:
 		return one.summary.trace_id;
 	}
 
-	template <typename Condition> bool comes_true(Condition condition) {
-		auto deadline = std::chrono::steady_clock::now() + kLongest;
-		while (std::chrono::steady_clock::now() < deadline) {
-			if (condition()) {
-				return true;
-			}
-			std::this_thread::sleep_for(milliseconds(2));
-		}
-		return false;
-	}
 	bool has_all() {
 		return comes_true([this] {
 			DestinationStatus status = destination_->status();

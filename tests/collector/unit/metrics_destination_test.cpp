@@ -12,8 +12,6 @@ using namespace kaq;
 using namespace kaq_test;
 using std::chrono::milliseconds;
 
-constexpr std::chrono::seconds kPatience{40};
-
 /* Requests by route, of all points of a message. */
 std::map<std::string, uint64_t> counts_of(const std::string &request) {
 	std::map<std::string, uint64_t> counts;
@@ -59,16 +57,6 @@ protected:
 		return settings;
 	}
 
-	template <typename Condition> bool comes_true(Condition condition) {
-		auto deadline = std::chrono::steady_clock::now() + kPatience;
-		while (std::chrono::steady_clock::now() < deadline) {
-			if (condition()) {
-				return true;
-			}
-			std::this_thread::sleep_for(milliseconds(2));
-		}
-		return false;
-	}
 	bool arrive(const std::map<std::string, uint64_t> &counts) {
 		return comes_true([&] {
 			std::lock_guard lock(mutex_);

@@ -9,6 +9,7 @@
 #include <zlib.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
@@ -17,6 +18,18 @@
 #include <vector>
 
 namespace kaq_test {
+
+/* Whether it does before long; what was given as an answer is noted a moment later. */
+template <typename Condition> bool comes_true(Condition condition) {
+	auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(40);
+	while (std::chrono::steady_clock::now() < deadline) {
+		if (condition()) {
+			return true;
+		}
+		std::this_thread::sleep_for(std::chrono::milliseconds(2));
+	}
+	return false;
+}
 
 struct Posted {
 	std::string head; /* the request's first line and headers */
