@@ -58,9 +58,11 @@ std::optional<DestinationSettings> settings_of(const HistoryOptions &history,
 /* One line that is written over, where somebody looks. */
 class Progress {
 public:
-	void show(const DestinationStatus &status) {
+	/* Asks for the status only when it is shown: to count what waits takes a look at every file. */
+	void show(RequestSender &sender) {
 		auto now = std::chrono::steady_clock::now();
 		if (isatty(STDERR_FILENO) != 0 && now - shown_ >= seconds(1)) {
+			DestinationStatus status = sender.status();
 			shown_ = now;
 			fprintf(stderr, "\rkaq: %s sent, %s wait ", count_text(status.requests).c_str(),
 					count_text(status.waiting).c_str());
@@ -82,7 +84,7 @@ DestinationStatus send(Store &store, const DestinationSettings &settings, OtlpSi
 	Progress progress;
 	RequestSender *of = nullptr;
 	RequestSender sender(store, settings, signal, StorePlace(),
-						 [&](const StorePlace &, bool) { progress.show(of->status()); });
+						 [&](const StorePlace &, bool) { progress.show(*of); });
 	of = &sender;
 	while (sender.look()) {
 	}
